@@ -1,0 +1,114 @@
+// The gateway's configuration as it was read from the TOML file: plain values, validated once, then
+// shared unchanged. Everything in gateway/ reads it through configuration().
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qn {
+
+struct HttpOptions {
+  std::string address = "127.0.0.1";
+  uint16_t port = 8080;
+  std::vector<std::string> trustedProxies;  // addresses whose X-Forwarded-For is believed
+  std::size_t headBytes = 16 * 1024;
+  std::chrono::seconds headTime{10};  // for the whole head
+  std::size_t bodyBytes = 10 * 1024 * 1024;
+  std::chrono::seconds bodyTime{30};  // for the whole body
+  std::chrono::seconds idleTime{60};  // keep-alive without a request
+  std::size_t connections = 8192;
+  std::size_t connectionsPerAddress = 1024;
+  std::size_t requests = 4096;  // in flight; more are answered 503
+};
+
+struct NetworkOptions {
+  bool httpsEnabled = false;
+  uint16_t httpsPort = 443;
+  uint16_t rtspPort = 554;
+  bool portMapping = false;
+  uint16_t extHttpPort = 0;
+  uint16_t extHttpsPort = 0;
+  uint16_t extRtspPort = 0;
+  uint16_t picturePort = 8090;
+};
+
+enum class DigestAlgorithm { MD5, SHA256 };
+
+struct KavroOptions {
+  int mode = 1;  // a KAVROMode
+  std::string realm = "KAVRO";
+  DigestAlgorithm algorithm = DigestAlgorithm::MD5;
+};
+
+struct LockOptions {
+  int maxAttempts = 5;
+  std::chrono::seconds lockTime{1800};
+};
+
+struct StorageOptions {
+  std::string dataDir = "/var/lib/qn-gateway";
+  std::size_t operationLogRows = 100000;  // the oldest are dropped
+};
+
+// What the device-configuration bus allows each device.
+struct BusOptions {
+  std::size_t deviceConnections = 16;  // connections, so requests in flight
+  std::size_t deviceQueue = 256;       // requests waiting for a connection
+  std::size_t replyBytes = 16 * 1024 * 1024;
+};
+
+struct LogOptions {
+  std::string level = "info";  // debug, info, warn, error
+};
+
+struct UserConfig {
+  std::string name;
+  std::string ha1;                   // hex digest of name:realm:password
+  std::string device;                // the user's own
+  std::vector<std::string> devices;  // others that the user may use through their ports (mode 2)
+};
+
+struct DeviceConfig {
+  std::string index;
+  std::string host;      // of the URL
+  uint16_t port = 80;    // of the URL
+  std::string basePath;  // of the URL, without a trailing slash
+  std::string username;
+  std::string password;
+  uint16_t httpPort = 0;  // the device's own KAVRO port in mode 2; 0: none
+  uint16_t rtspPort = 0;
+
+  bool operator==(const DeviceConfig&) const = default;
+};
+
+struct Configuration {
+  HttpOptions http;
+  NetworkOptions network;
+  KavroOptions kavro;
+  LockOptions lock;
+  StorageOptions storage;
+  BusOptions bus;
+  LogOptions log;
+  std::vector<UserConfig> users;
+  std::vector<DeviceConfig> devices;
+
+  // Null when there is none.
+  const UserConfig* findUser(std::string_view name) const;
+  const DeviceConfig* findDevice(std::string_view index) const;
+  const DeviceConfig* findDeviceByPort(uint16_t httpPort) const;
+};
+
+// The configuration in force; an empty one before the first publish. Any thread; the reference is
+// the calling thread's own and good until its next call, so copy it to keep it.
+const std::shared_ptr<const Configuration>& configuration();
+
+// Makes a configuration the one in force and announces the difference in devices to the routines
+// attached with QN_DeviceMgr_NotifyAttach. Called at start and on SIGHUP, by one thread at a time.
+void publishConfiguration(std::shared_ptr<const Configuration> next);
+
+}  // namespace qn
