@@ -1,0 +1,23 @@
+// JSON texts to values and back, with the library's exceptions and costs kept in one place. Called
+// by the pipeline, the pass-through and the converters. Any thread.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+#include <string_view>
+
+namespace QNKAVROProtocol {
+
+// False for a text that is no JSON, and for one nested deeper than the library allows (1000);
+// `value` is unspecified then. Any JSON value may be the root; comments are skipped; what follows
+// the root is ignored. Never throws.
+bool parseJson(std::string_view text, Json::Value& value);
+inline bool parseJson(const char* begin, const char* end, Json::Value& value) {
+  return parseJson(std::string_view(begin, static_cast<std::size_t>(end - begin)), value);
+}
+
+// Compact text with a line feed at its end.
+std::string writeJson(const Json::Value& value);
+
+}  // namespace QNKAVROProtocol
