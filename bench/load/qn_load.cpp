@@ -1,0 +1,215 @@
+// qn-load: keeps a number of keep-alive connections busy with one GET each, logs in with Digest
+// (every request its own nonce count) and prints what came out as one JSON line. Used by
+// bench/proxy_comparison.py against the gateway and against a plain proxy, which sees the same
+// bytes.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/evp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+  std::string address = "127.0.0.1";
+  uint16_t port = 8080;
+  std::string path = "/KAVRO/System/deviceInfo";
+  std::string user = "admin";
+  std::string password;
+  int connections = 1;
+  double seconds = 5;
+};
+
+std::string md5(std::string_view text) {
+  static EVP_MD* const algorithm = EVP_MD_fetch(nullptr, "MD5", nullptr);
+  static EVP_MD_CTX* const context = EVP_MD_CTX_new();
+  unsigned char digest[16];
+  EVP_DigestInit_ex2(context, algorithm, nullptr);
+  EVP_DigestUpdate(context, text.data(), text.size());
+  EVP_DigestFinal_ex(context, digest, nullptr);
+  std::string hex(32, '0');
+  for (int i = 0; i < 16; ++i) {
+    hex[2 * i] = "0123456789abcdef"[digest[i] >> 4];
+    hex[2 * i + 1] = "0123456789abcdef"[digest[i] & 15];
+  }
+  return hex;
+}
+
+// The value of a quoted parameter of the challenge; the fallback when it is not there, so that a
+// server without login gets requests of the same form.
+std::string quoted(std::string_view head, std::string_view name, std::string_view fallback) {
+  const auto at = head.find(std::string(name) + "=\"");
+  if (at == std::string_view::npos) return std::string(fallback);
+  const auto from = at + name.size() + 2;
+  return std::string(head.substr(from, head.find('"', from) - from));
+}
+
+class Connection {
+ public:
+  explicit Connection(const Options& options) : options_(options) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(options.port);
+    inet_pton(AF_INET, options.address.c_str(), &to.sin_addr);
+    if (connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+      throw std::runtime_error("cannot connect");
+    }
+    const int on = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    learnChallenge();
+  }
+  ~Connection() { close(fd_); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  int fd() const { return fd_; }
+
+  void send() {
+    char count[9];
+    std::snprintf(count, sizeof count, "%08x", ++nonceCount_);
+    const auto response = md5(ha1_ + ":" + nonce_ + ":" + count + ":0a4f113b:auth:" + ha2_);
+    request("Authorization: Digest username=\"" + options_.user + "\", realm=\"" + realm_ +
+            "\", nonce=\"" + nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
+            ", cnonce=\"0a4f113b\", response=\"" + response + "\"\r\n");
+    sent_ = Clock::now();
+  }
+
+  // Reads what is there. True when an answer is complete; its status is then in status().
+  bool receive() {
+    char part[65536];
+    const auto got = read(fd_, part, sizeof part);
+    if (got <= 0) throw std::runtime_error("the server closed the connection");
+    answer_.append(part, static_cast<std::size_t>(got));
+    const auto headEnd = answer_.find("\r\n\r\n");
+    if (headEnd == std::string::npos) return false;
+    auto at = answer_.find("ontent-Length: ");
+    if (at == std::string::npos) at = answer_.find("ontent-length: ");
+    if (at == std::string::npos) throw std::runtime_error("an answer without Content-Length");
+    const auto length = std::stoul(answer_.substr(at + 15, 20));
+    if (answer_.size() < headEnd + 4 + length) return false;
+    status_ = std::stoi(answer_.substr(9, 3));
+    head_ = answer_.substr(0, headEnd);
+    answer_.clear();
+    return true;
+  }
+
+  int status() const { return status_; }
+  Clock::time_point sent() const { return sent_; }
+
+ private:
+  void learnChallenge() {
+    request("");
+    while (!receive()) {
+    }
+    realm_ = quoted(head_, "realm", "KAVRO");
+    nonce_ = quoted(head_, "nonce", "5a1d3f0b9c8e7f6a5a1d3f0b9c8e7f6a5a1d3f0b");
+    ha1_ = md5(options_.user + ":" + realm_ + ":" + options_.password);
+    ha2_ = md5("GET:" + options_.path);
+  }
+
+  void request(const std::string& authorization) {
+    const auto text = "GET " + options_.path + " HTTP/1.1\r\nHost: " + options_.address + ":" +
+                      std::to_string(options_.port) + "\r\nUser-Agent: qn-load\r\nAccept: */*\r\n" +
+                      authorization + "\r\n";
+    if (write(fd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+      throw std::runtime_error("cannot send");
+    }
+  }
+
+  const Options& options_;
+  int fd_ = -1;
+  std::string realm_, nonce_, ha1_, ha2_;
+  unsigned nonceCount_ = 0;
+  std::string answer_, head_;
+  int status_ = 0;
+  Clock::time_point sent_;
+};
+
+struct Outcome {
+  std::vector<double> latencies;  // microseconds
+  long failures = 0;              // answers other than 200
+  double seconds = 0;
+};
+
+Outcome run(const Options& options) {
+  std::vector<std::unique_ptr<Connection>> connections;
+  const int poll = epoll_create1(EPOLL_CLOEXEC);
+  for (int i = 0; i < options.connections; ++i) {
+    connections.push_back(std::make_unique<Connection>(options));
+    epoll_event event{.events = EPOLLIN, .data = {.ptr = connections.back().get()}};
+    epoll_ctl(poll, EPOLL_CTL_ADD, connections.back()->fd(), &event);
+  }
+  Outcome outcome;
+  const auto start = Clock::now();
+  const auto end = start + std::chrono::duration_cast<Clock::duration>(
+                               std::chrono::duration<double>(options.seconds));
+  for (auto& connection : connections) connection->send();
+  int open = options.connections;
+  while (open > 0) {
+    epoll_event events[64];
+    const int count = epoll_wait(poll, events, 64, 10000);
+    if (count <= 0) throw std::runtime_error("no answer in 10 seconds");
+    for (int i = 0; i < count; ++i) {
+      auto& connection = *static_cast<Connection*>(events[i].data.ptr);
+      if (!connection.receive()) continue;
+      const auto now = Clock::now();
+      outcome.latencies.push_back(
+          std::chrono::duration<double, std::micro>(now - connection.sent()).count());
+      if (connection.status() != 200) ++outcome.failures;
+      if (now < end) {
+        connection.send();
+      } else {
+        --open;
+      }
+    }
+  }
+  outcome.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  close(poll);
+  return outcome;
+}
+
+double percentile(const std::vector<double>& sorted, double part) {
+  return sorted[static_cast<std::size_t>(part * static_cast<double>(sorted.size() - 1))];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  Options options;
+  CLI::App app{"Loads one resource over keep-alive connections with Digest login."};
+  app.add_option("--address", options.address);
+  app.add_option("--port", options.port);
+  app.add_option("--path", options.path);
+  app.add_option("--user", options.user);
+  app.add_option("--password", options.password);
+  app.add_option("--connections", options.connections)->check(CLI::Range(1, 4096));
+  app.add_option("--seconds", options.seconds)->check(CLI::Range(0.1, 600.0));
+  CLI11_PARSE(app, argc, argv);
+
+  auto outcome = run(options);
+  std::sort(outcome.latencies.begin(), outcome.latencies.end());
+  const auto requests = static_cast<double>(outcome.latencies.size());
+  std::printf(
+      "{\"requests\": %.0f, \"failures\": %ld, \"rps\": %.0f, \"p50_us\": %.1f, \"p99_us\": "
+      "%.1f}\n",
+      requests, outcome.failures, requests / outcome.seconds, percentile(outcome.latencies, 0.5),
+      percentile(outcome.latencies, 0.99));
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "qn-load: %s\n", error.what());
+  return 1;
+}
