@@ -94,7 +94,7 @@ device = "1"
 index = "1"
 url = "http://127.0.0.1:{device_port}"
 """)
-    return subprocess.Popen([str(build / "gateway/main/qn-gateway"), "--config", str(conf)])
+    return subprocess.Popen([str(build / "bin/qn-gateway"), "--config", str(conf)])
 
 
 def processes(pid):
@@ -120,7 +120,7 @@ def resident_kib(pid):
 def load(build, port, connections, seconds, pid):
     before = cpu_seconds(pid)
     out = subprocess.run(
-        [str(build / "bench/qn-load"), "--port", str(port), "--connections", str(connections),
+        [str(build / "bin/qn-load"), "--port", str(port), "--connections", str(connections),
          "--seconds", str(seconds), "--password", PASSWORD],
         check=True, capture_output=True, text=True).stdout
     result = json.loads(out)
