@@ -1,0 +1,49 @@
+// Any text: parsed, walked, and what was parsed is written and parsed again to the same text.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "platform/xml_base.h"
+
+namespace {
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+// The same bytes as the text of an element must come out readable.
+void WriteAsText(std::string_view bytes) {
+  QNBase::CXmlBase writer;
+  writer.CreateDeclaration("1.0", "UTF-8");
+  writer.CreateRoot("r");
+  writer.SetAttribute("a", bytes);
+  writer.AddNode("t", bytes);
+  writer.OutOfElem();
+  Require(QNBase::CXmlBase().Parse(writer.GetChildren()));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  WriteAsText(bytes);
+
+  QNBase::CXmlBase xml;
+  if (!xml.Parse(bytes)) {
+    Require(xml.GetChildren().empty());
+    return 0;
+  }
+  const std::string written = xml.GetChildren();
+  QNBase::CXmlBase again;
+  Require(again.Parse(written));
+  Require(again.GetChildren() == written);
+
+  char buffer[64];
+  int length = -1;
+  const bool whole = xml.WriteToBuf(buffer, sizeof(buffer), length);
+  Require(whole == (written.size() <= sizeof(buffer)));
+  Require(written.compare(0, static_cast<std::size_t>(length), buffer,
+                          static_cast<std::size_t>(length)) == 0);
+  return 0;
+}

@@ -1,0 +1,262 @@
+// QNBase::CXmlBase on pugixml: the tree is pugixml's, the position in it and the strictness about
+// what is a document are ours.
+#include "platform/xml_base.h"
+
+#include <algorithm>
+#include <cstring>
+#include <pugixml.hpp>
+
+#include "gateway/base/xml_text.h"
+
+namespace QNBase {
+namespace {
+
+constexpr int kMaxDepth = 256;
+constexpr std::string_view kBlanks = " \t\r\n";
+// Everything becomes a node, so that nothing is skipped unseen; references are decoded by
+// DecodeTexts, because pugixml lets wrong ones pass.
+constexpr unsigned kParseOptions =
+    (pugi::parse_full | pugi::parse_fragment | pugi::parse_ws_pcdata) & ~pugi::parse_escapes;
+constexpr unsigned kWriteOptions = pugi::format_raw | pugi::format_no_declaration;
+
+pugi::xml_node FirstElementFrom(pugi::xml_node node) {
+  while (node && node.type() != pugi::node_element) node = node.next_sibling();
+  return node;
+}
+
+// `node` or its first later sibling that is an element of this name.
+pugi::xml_node FindFrom(pugi::xml_node node, const char* name) {
+  while (node && (node.type() != pugi::node_element || std::strcmp(node.name(), name) != 0)) {
+    node = node.next_sibling();
+  }
+  return node;
+}
+
+std::string_view WithoutMarkAndBlanks(std::string_view text) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  return text.substr(std::min(text.find_first_not_of(kBlanks), text.size()));
+}
+
+bool IsBlank(std::string_view text) { return text.find_first_not_of(kBlanks) == text.npos; }
+
+// Whether a child of the document may stand there, before or after the root element.
+bool IsAllowedAtTop(pugi::xml_node node, bool first, bool afterRoot) {
+  switch (node.type()) {
+    case pugi::node_element:
+    case pugi::node_pi:
+      return !afterRoot;
+    case pugi::node_comment:
+      return true;
+    case pugi::node_pcdata:
+      return IsBlank(node.value());
+    case pugi::node_declaration:
+      return first;
+    default:
+      return false;
+  }
+}
+
+// One root element and nothing beside it that a document may not have.
+bool HasSoundTop(const pugi::xml_document& tree) {
+  bool seenRoot = false;
+  for (pugi::xml_node node : tree.children()) {
+    if (!IsAllowedAtTop(node, node == tree.first_child(), seenRoot)) return false;
+    seenRoot = seenRoot || node.type() == pugi::node_element;
+  }
+  return seenRoot;
+}
+
+// Decodes the references of a text node or attribute in place; false for a wrong one.
+template <typename Holder>
+bool DecodeValue(Holder holder) {
+  if (std::strchr(holder.value(), '&') == nullptr) return true;
+  std::string decoded;
+  return qn::DecodeXmlReferences(holder.value(), decoded) && holder.set_value(decoded.c_str());
+}
+
+bool DecodeTexts(pugi::xml_node node) {
+  if (node.type() == pugi::node_pcdata) return DecodeValue(node);
+  for (pugi::xml_attribute attribute : node.attributes()) {
+    if (!DecodeValue(attribute)) return false;
+  }
+  return true;
+}
+
+// Visits the whole tree without recursion: its depth is the sender's choice until it is known.
+bool DecodeTree(const pugi::xml_document& tree) {
+  int depth = 1;
+  for (pugi::xml_node node = tree.first_child(); node;) {
+    if (node.type() == pugi::node_element && depth > kMaxDepth) return false;
+    if (!DecodeTexts(node)) return false;
+    if (pugi::xml_node child = node.first_child()) {
+      node = child;
+      ++depth;
+      continue;
+    }
+    while (node && !node.next_sibling()) {
+      node = node.parent();
+      --depth;
+    }
+    node = node.next_sibling();
+  }
+  return true;
+}
+
+class StringWriter final : public pugi::xml_writer {
+ public:
+  void write(const void* data, size_t size) override {
+    text.append(static_cast<const char*>(data), size);
+  }
+  std::string text;
+};
+
+class BufferWriter final : public pugi::xml_writer {
+ public:
+  BufferWriter(char* buffer, std::size_t capacity) : buffer_(buffer), capacity_(capacity) {}
+  void write(const void* data, size_t size) override {
+    const std::size_t fitting = std::min(size, capacity_ - length_);
+    if (fitting != 0) std::memcpy(buffer_ + length_, data, fitting);
+    length_ += fitting;
+    complete_ = complete_ && fitting == size;
+  }
+  std::size_t length() const { return length_; }
+  bool complete() const { return complete_; }
+
+ private:
+  char* buffer_;
+  std::size_t capacity_;
+  std::size_t length_ = 0;
+  bool complete_ = true;
+};
+
+}  // namespace
+
+struct CXmlBase::Document {
+  pugi::xml_document tree;
+  pugi::xml_node entered = tree;  // P
+  pugi::xml_node selected;        // cur
+  pugi::xml_node origin;          // org
+  std::string text;               // reused by Fit
+
+  void Enter(pugi::xml_node node) {
+    entered = node;
+    selected = origin = pugi::xml_node();
+  }
+  void Select(pugi::xml_node node) { selected = origin = node; }
+
+  bool Load(std::string_view source) {
+    return qn::IsXmlText(source) &&
+           tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
+           HasSoundTop(tree) && DecodeTree(tree);
+  }
+
+  // The text as XML can hold it, ending in NUL; valid until the next call.
+  const char* Fit(std::string_view source) {
+    text.clear();
+    qn::AppendXmlText(source, text);
+    return text.c_str();
+  }
+};
+
+CXmlBase::CXmlBase() : document_(std::make_unique<Document>()) {}
+CXmlBase::~CXmlBase() = default;
+
+bool CXmlBase::Parse(std::string_view text) {
+  const bool sound = document_->Load(WithoutMarkAndBlanks(text));
+  if (!sound) document_->tree.reset();
+  document_->Enter(document_->tree);
+  return sound;
+}
+
+bool CXmlBase::FindElem(const char* name) {
+  const pugi::xml_node from =
+      document_->origin ? document_->origin : document_->entered.first_child();
+  const pugi::xml_node found = FindFrom(from, name);
+  if (found) document_->Select(found);
+  return !found.empty();
+}
+
+bool CXmlBase::FindElemNoOrder(const char* name) {
+  const pugi::xml_node found = FindFrom(document_->entered.first_child(), name);
+  if (found) document_->selected = found;
+  return !found.empty();
+}
+
+bool CXmlBase::NextSibElem() {
+  const pugi::xml_node next = FirstElementFrom(document_->selected.next_sibling());
+  if (next) document_->Select(next);
+  return !next.empty();
+}
+
+bool CXmlBase::IntoElem() {
+  if (!document_->selected) return false;
+  document_->Enter(document_->selected);
+  return true;
+}
+
+bool CXmlBase::OutOfElem() {
+  const pugi::xml_node left = document_->entered;
+  if (left == document_->tree) return false;
+  document_->entered = left.parent();
+  document_->Select(left);
+  return true;
+}
+
+std::string CXmlBase::GetData() const {
+  std::string data;
+  for (pugi::xml_node child : document_->selected.children()) {
+    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
+      data += child.value();
+    }
+  }
+  return data;
+}
+
+void CXmlBase::CreateDeclaration(const char* version, const char* encoding) {
+  pugi::xml_document& tree = document_->tree;
+  if (tree.first_child().type() == pugi::node_declaration) tree.remove_child(tree.first_child());
+  pugi::xml_node declaration = tree.prepend_child(pugi::node_declaration);
+  declaration.set_name("xml");
+  declaration.append_attribute("version").set_value(document_->Fit(version));
+  declaration.append_attribute("encoding").set_value(document_->Fit(encoding));
+}
+
+void CXmlBase::CreateRoot(const char* name) {
+  pugi::xml_document& tree = document_->tree;
+  while (pugi::xml_node old = tree.document_element()) tree.remove_child(old);
+  document_->Enter(tree.append_child(name));
+}
+
+void CXmlBase::AddNode(const char* name) {
+  document_->Enter(document_->entered.append_child(name));
+}
+
+void CXmlBase::AddNode(const char* name, std::string_view text) {
+  AddNode(name);
+  const char* fit = document_->Fit(text);
+  if (*fit != '\0') document_->entered.append_child(pugi::node_pcdata).set_value(fit);
+}
+
+void CXmlBase::SetAttribute(const char* name, std::string_view value) {
+  if (document_->entered == document_->tree) return;
+  pugi::xml_attribute attribute = document_->entered.attribute(name);
+  if (!attribute) attribute = document_->entered.append_attribute(name);
+  attribute.set_value(document_->Fit(value));
+}
+
+std::string CXmlBase::GetChildren() const {
+  StringWriter writer;
+  document_->tree.print(writer, "", kWriteOptions, pugi::encoding_utf8);
+  return std::move(writer.text);
+}
+
+bool CXmlBase::WriteToBuf(char* buffer, int capacity, int& length) const {
+  const bool usable = buffer != nullptr && capacity > 0;
+  BufferWriter writer(buffer, usable ? static_cast<std::size_t>(capacity) : 0);
+  document_->tree.print(writer, "", kWriteOptions, pugi::encoding_utf8);
+  length = static_cast<int>(writer.length());
+  return writer.complete();
+}
+
+}  // namespace QNBase

@@ -1,0 +1,302 @@
+// The XML document: reading, searching and writing as platform/xml_base.h promises.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "platform/xml_base.h"
+
+namespace {
+
+using QNBase::CXmlBase;
+using std::string_literals::operator""s;
+
+// A document whose root <r> is entered.
+class XmlInRoot : public testing::Test {
+ protected:
+  void Load(const std::string& text) {
+    ASSERT_TRUE(xml_.Parse(text)) << text;
+    ASSERT_TRUE(xml_.FindElem("r"));
+    ASSERT_TRUE(xml_.IntoElem());
+  }
+  std::string DataOf(const char* name) {
+    return xml_.FindElemNoOrder(name) ? xml_.GetData() : "(absent)";
+  }
+  CXmlBase xml_;
+};
+
+// What a reader gets for a text that was written.
+std::string RoundTrip(const std::string& text) {
+  CXmlBase writer;
+  writer.CreateDeclaration("1.0", "UTF-8");
+  writer.CreateRoot("r");
+  writer.AddNode("t", text);
+  writer.OutOfElem();
+  CXmlBase reader;
+  if (!reader.Parse(writer.GetChildren())) return "(unreadable) " + writer.GetChildren();
+  reader.FindElem("r");
+  reader.IntoElem();
+  reader.FindElem("t");
+  return reader.GetData();
+}
+
+std::string Nested(int depth) {
+  std::string text;
+  for (int i = 0; i < depth; ++i) text += "<n>";
+  for (int i = 0; i < depth; ++i) text += "</n>";
+  return text;
+}
+
+TEST(XmlParse, Accepts) {
+  const std::vector<std::string> texts = {
+      "<r/>",
+      "<r></r >",
+      "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?><r/>",
+      " \r\n\t<?xml version=\"1.0\"?>\n<!-- a --><?style x?><r/>\n<!-- b -->\n",
+      "\xEF\xBB\xBF \n<r a='1' b=\"&lt;&#65;\">&amp;&#x4f60;</r>",
+      "<r><![CDATA[a & b &nope; <x>]]></r>",
+      "<r><!-- & &nope; --></r>",
+      Nested(256),
+  };
+  for (const std::string& text : texts) EXPECT_TRUE(CXmlBase().Parse(text)) << text;
+}
+
+TEST(XmlParse, RefusesAndLeavesAnEmptyDocument) {
+  const std::vector<std::string> texts = {
+      "",
+      " \r\n",
+      "\xEF\xBB\xBF",
+      "text",
+      "{\"a\":1}",
+      "<!-- only a comment -->",
+      "<?xml version=\"1.0\"?>",
+      "<",
+      "<r",
+      "<r>",
+      "<r></s>",
+      "<r><s></r></s>",
+      "<r a=1/>",
+      "<r a='1/>",
+      "<r><![CDATA[x</r>",
+      "<r><!-- x</r>",
+      "x<r/>",
+      "<r/>x",
+      "<r/><s/>",
+      "<r/><?p x?>",
+      "<r/><![CDATA[ ]]>",
+      "<r/><",
+      "</r>",
+      "<r/></r>",
+      "<!DOCTYPE r><r/>",
+      "<!DOCTYPE r [<!ENTITY a \"b\">]><r>&a;</r>",
+      "<r><!DOCTYPE r></r>",
+      "<r/><!DOCTYPE r>",
+      "<r/><?xml version=\"1.0\"?>",
+      "<!-- a --><?xml version=\"1.0\"?><r/>",
+      "<r>a & b</r>",
+      "<r>&nope;</r>",
+      "<r>&#0;</r>",
+      "<r>&#xD800;</r>",
+      "<r>&#x110000;</r>",
+      "<r>&#99999999999999999999;</r>",
+      "<r>&#-1;</r>",
+      "<r>&#;</r>",
+      "<r>&#x;</r>",
+      "<r>&amp</r>",
+      "<r a='&nope;'/>",
+      "<r>\0</r>"s,
+      "<r/>\0"s,
+      "<r>\x01</r>",
+      "<r>\xFF</r>",
+      "<r>\xC0\xAF</r>",
+      "<r>\xED\xA0\x80</r>",
+      "<r>\xEF\xBF\xBF</r>",
+      Nested(257),
+      Nested(100000),
+      std::string(1000000, '<'),
+  };
+  for (const std::string& text : texts) {
+    CXmlBase xml;
+    ASSERT_TRUE(xml.Parse("<old/>"));
+    EXPECT_FALSE(xml.Parse(text)) << text.substr(0, 80);
+    EXPECT_EQ(xml.GetChildren(), "") << text.substr(0, 80);
+    EXPECT_FALSE(xml.FindElem("old"));
+    EXPECT_FALSE(xml.OutOfElem());
+  }
+}
+
+TEST(XmlParse, ReplacesTheTreeAndThePosition) {
+  CXmlBase xml;
+  ASSERT_TRUE(xml.Parse("<a><b/></a>"));
+  ASSERT_TRUE(xml.FindElem("a"));
+  ASSERT_TRUE(xml.IntoElem());
+  ASSERT_TRUE(xml.Parse("<c/>"));
+  EXPECT_FALSE(xml.OutOfElem());
+  EXPECT_FALSE(xml.IntoElem());
+  EXPECT_FALSE(xml.FindElem("b"));
+  EXPECT_TRUE(xml.FindElem("c"));
+}
+
+TEST(XmlParse, KeepsWhatItDoesNotOwnTheTextOf) {
+  CXmlBase xml;
+  {
+    const std::string text = "<r>kept</r>";
+    ASSERT_TRUE(xml.Parse(text));
+  }
+  ASSERT_TRUE(xml.FindElem("r"));
+  EXPECT_EQ(xml.GetData(), "kept");
+}
+
+TEST_F(XmlInRoot, DataIsDirectTextAndCdataDecodedNotTrimmed) {
+  Load("<r><a> x<b>inner</b>&lt;y<!-- c --><![CDATA[<&amp;> ]]>\r\nz </a><e/><w>  </w></r>");
+  EXPECT_EQ(xml_.GetData(), "") << "nothing is selected yet";
+  EXPECT_EQ(DataOf("a"), " x<y<&amp;> \nz ");
+  EXPECT_EQ(DataOf("e"), "");
+  EXPECT_EQ(DataOf("w"), "  ");
+}
+
+TEST_F(XmlInRoot, OrderedSearchGoesForwardAndFindsTheSameAgain) {
+  Load("<r>t<a>1</a><!-- c --><b>2</b><a>3</a></r>");
+  ASSERT_TRUE(xml_.FindElem("a"));
+  ASSERT_TRUE(xml_.FindElem("a"));
+  EXPECT_EQ(xml_.GetData(), "1");
+  ASSERT_TRUE(xml_.FindElem("b"));
+  EXPECT_FALSE(xml_.FindElem("absent"));
+  EXPECT_EQ(xml_.GetData(), "2") << "a failed search changes nothing";
+  ASSERT_TRUE(xml_.FindElem("a"));
+  EXPECT_EQ(xml_.GetData(), "3");
+  EXPECT_FALSE(xml_.FindElem("b")) << "it stands before the origin";
+}
+
+TEST_F(XmlInRoot, UnorderedSearchStartsAtTheFirstAndKeepsTheOrigin) {
+  Load("<r><a>1</a><b>2</b><a>3</a><c>4</c></r>");
+  ASSERT_TRUE(xml_.FindElem("b"));
+  ASSERT_TRUE(xml_.FindElemNoOrder("a"));
+  EXPECT_EQ(xml_.GetData(), "1");
+  EXPECT_FALSE(xml_.FindElemNoOrder("absent"));
+  EXPECT_EQ(xml_.GetData(), "1");
+  ASSERT_TRUE(xml_.FindElem("a"));
+  EXPECT_EQ(xml_.GetData(), "3") << "the origin was still <b>";
+}
+
+TEST_F(XmlInRoot, NextSiblingSkipsEverythingButElements) {
+  Load("<r><a/>text<!-- c --><b/><![CDATA[x]]></r>");
+  EXPECT_FALSE(xml_.NextSibElem()) << "nothing is selected yet";
+  ASSERT_TRUE(xml_.FindElem("a"));
+  ASSERT_TRUE(xml_.NextSibElem());
+  EXPECT_FALSE(xml_.NextSibElem());
+  EXPECT_TRUE(xml_.FindElem("b"));
+  EXPECT_FALSE(xml_.FindElem("a")) << "the origin moved along";
+}
+
+TEST_F(XmlInRoot, EnteringAndLeaving) {
+  Load("<r><a><x>1</x></a><empty/><x>2</x></r>");
+  EXPECT_FALSE(xml_.IntoElem()) << "nothing is selected";
+  ASSERT_TRUE(xml_.FindElem("empty"));
+  ASSERT_TRUE(xml_.IntoElem());
+  EXPECT_FALSE(xml_.FindElem("x"));
+  EXPECT_FALSE(xml_.NextSibElem());
+  ASSERT_TRUE(xml_.OutOfElem());
+  EXPECT_FALSE(xml_.FindElem("a")) << "the element left is the origin";
+  ASSERT_TRUE(xml_.FindElem("x"));
+  EXPECT_EQ(xml_.GetData(), "2");
+  ASSERT_TRUE(xml_.OutOfElem());
+  EXPECT_FALSE(xml_.OutOfElem()) << "the document cannot be left";
+  EXPECT_TRUE(xml_.FindElem("r"));
+}
+
+TEST(XmlWrite, CompactDocument) {
+  CXmlBase xml;
+  xml.CreateDeclaration("1.0", "UTF-8");
+  xml.CreateRoot("Root");
+  xml.SetAttribute("version", "1.0");
+  xml.SetAttribute("version", "2.0");
+  xml.AddNode("id", "1");
+  xml.OutOfElem();
+  xml.AddNode("list");
+  xml.AddNode("item", "a<b>&\"c'");
+  xml.SetAttribute("opt", "x\"<&");
+  xml.OutOfElem();
+  xml.AddNode("item", "");
+  xml.OutOfElem();
+  xml.OutOfElem();
+  xml.AddNode("empty");
+  xml.OutOfElem();
+  const std::string expected =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Root version=\"2.0\"><id>1</id><list>"
+      "<item opt=\"x&quot;&lt;&amp;\">a&lt;b&gt;&amp;\"c'</item><item/></list><empty/></Root>";
+  EXPECT_EQ(xml.GetChildren(), expected);
+}
+
+TEST(XmlWrite, DeclarationAlone) {
+  CXmlBase xml;
+  xml.CreateDeclaration("1.0", "UTF-8");
+  xml.SetAttribute("lost", "the document has no attributes");
+  EXPECT_EQ(xml.GetChildren(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+}
+
+TEST(XmlWrite, ParsedDocumentIsWrittenBack) {
+  const std::string text =
+      "<?xml version=\"1.0\"?><r a=\"&lt;\"> <b>&amp;x</b><![CDATA[<]]><!-- c --></r>";
+  CXmlBase xml;
+  ASSERT_TRUE(xml.Parse(text));
+  EXPECT_EQ(xml.GetChildren(), text);
+}
+
+TEST(XmlWrite, TextIsMadeFit) {
+  struct Case {
+    std::string written, read;
+  };
+  const std::string mark = "\xEF\xBF\xBD";
+  const std::vector<Case> cases = {
+      {"plain", "plain"},
+      {" blanks \t\n ", " blanks \t\n "},
+      {"<a> & \"b\" 'c' ]]> &amp;", "<a> & \"b\" 'c' ]]> &amp;"},
+      {"Türkçe 你好 \xF0\x9F\x93\xB7", "Türkçe 你好 \xF0\x9F\x93\xB7"},
+      {"nul\0end"s, "nulend"},
+      {"\x01\x02long enough for a whole word\x1F\x0B", "long enough for a whole word"},
+      {"bad\xFF!", "bad" + mark + "!"},
+      {"lone \x80\xBF", "lone " + mark + mark},
+      {"cut \xE4\xBD", "cut " + mark},
+      {"cut \xE4\xBDx", "cut " + mark + "x"},
+      {"overlong \xC0\xAF", "overlong " + mark + mark},
+      {"overlong \xE0\x80\xAF", "overlong " + mark + mark + mark},
+      {"surrogate \xED\xA0\x80", "surrogate " + mark + mark + mark},
+      {"too large \xF4\x90\x80\x80", "too large " + mark + mark + mark + mark},
+      {"noncharacter \xEF\xBF\xBF\xEF\xBF\xBE", "noncharacter "},
+      {"\0"s, ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(RoundTrip(c.written), c.read) << c.written;
+}
+
+TEST(XmlWrite, EveryPairOfBytesStaysReadable) {
+  for (int first = 0; first < 256; ++first) {
+    for (int second = 0; second < 256; ++second) {
+      const std::string text = {'x', static_cast<char>(first), static_cast<char>(second), 'y'};
+      const std::string read = RoundTrip(text);
+      ASSERT_EQ(read.front(), 'x') << first << " " << second;
+      ASSERT_EQ(read.back(), 'y') << first << " " << second;
+    }
+  }
+}
+
+TEST(XmlWrite, BufferTakesAtMostItsCapacity) {
+  CXmlBase xml;
+  xml.CreateRoot("r");
+  xml.AddNode("t", std::string(5000, 'x'));
+  xml.OutOfElem();
+  const std::string whole = xml.GetChildren();
+  const int size = static_cast<int>(whole.size());
+  for (int capacity : {-1, 0, 1, 2047, 2048, 2049, size - 1, size, size + 1, size + 100}) {
+    std::string buffer(static_cast<std::size_t>(size) + 101, '#');
+    int length = -1;
+    EXPECT_EQ(xml.WriteToBuf(buffer.data(), capacity, length), capacity >= size) << capacity;
+    EXPECT_EQ(length, std::clamp(capacity, 0, size));
+    const auto written = static_cast<std::size_t>(length);
+    EXPECT_EQ(buffer.substr(0, written), whole.substr(0, written));
+    EXPECT_EQ(buffer.find_first_not_of('#', written), buffer.npos) << "overrun at " << capacity;
+  }
+}
+
+}  // namespace
