@@ -1,0 +1,116 @@
+#include "gateway/auth/auth_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+namespace qn {
+namespace {
+
+constexpr uint8_t kTokenChar = 1;
+constexpr uint8_t kBlank = 2;
+constexpr uint8_t kForbidden = 4;  // anywhere, quoted strings included
+
+// '/' belongs to no token but to the single values that stand in a token's place.
+constexpr std::array<uint8_t, 256> characterClasses() {
+  std::array<uint8_t, 256> classes{};
+  for (int c = 0; c < 256; ++c) {
+    if (c < 0x20 || c == 0x7f) classes[c] = kForbidden;
+    if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')) {
+      classes[c] = kTokenChar;
+    }
+  }
+  for (const char c : std::string_view("!#$%&'*+-.^_`|~/")) classes[uint8_t(c)] = kTokenChar;
+  classes[' '] = classes['\t'] = kBlank;
+  return classes;
+}
+
+constexpr std::array<uint8_t, 256> kClasses = characterClasses();
+
+bool is(uint8_t kind, char c) { return kClasses[uint8_t(c)] == kind; }
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; }
+
+}  // namespace
+
+AuthReader::Item AuthReader::next() {
+  if (malformed_) return Item::kMalformed;
+  while (!rest_.empty() && (rest_[0] == ',' || is(kBlank, rest_[0]))) rest_.remove_prefix(1);
+  if (rest_.empty()) return Item::kEnd;
+  name_ = takeToken();
+  value_ = {};
+  if (name_.empty()) return malformed();
+  const bool ended = rest_.empty() || rest_[0] == ',' || is(kBlank, rest_[0]);
+  skipBlanks();
+  if (!rest_.empty() && rest_[0] == '=') {
+    rest_.remove_prefix(1);
+    return readValue();
+  }
+  return ended ? Item::kScheme : malformed();
+}
+
+AuthReader::Item AuthReader::readValue() {
+  skipBlanks();
+  if (!rest_.empty() && rest_[0] == '"') return readQuoted();
+  value_ = takeToken();
+  if (!value_.empty()) return Item::kParameter;
+  while (!rest_.empty() && rest_[0] == '=') rest_.remove_prefix(1);
+  return Item::kToken68;
+}
+
+AuthReader::Item AuthReader::readQuoted() {
+  for (std::size_t i = 1; i < rest_.size(); ++i) {
+    if (rest_[i] == '"') {
+      value_ = rest_.substr(1, i - 1);
+      rest_.remove_prefix(i + 1);
+      return Item::kParameter;
+    }
+    if (rest_[i] == '\\') ++i;
+    if (i < rest_.size() && is(kForbidden, rest_[i])) break;
+  }
+  return malformed();
+}
+
+AuthReader::Item AuthReader::malformed() {
+  malformed_ = true;
+  return Item::kMalformed;
+}
+
+std::string_view AuthReader::takeToken() {
+  std::size_t length = 0;
+  while (length < rest_.size() && is(kTokenChar, rest_[length])) ++length;
+  const std::string_view token = rest_.substr(0, length);
+  rest_.remove_prefix(length);
+  return token;
+}
+
+void AuthReader::skipBlanks() {
+  while (!rest_.empty() && is(kBlank, rest_[0])) rest_.remove_prefix(1);
+}
+
+std::string unescapeQuoted(std::string_view value) {
+  std::string text;
+  text.reserve(value.size());
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if (value[i] == '\\' && i + 1 < value.size()) ++i;
+    text += value[i];
+  }
+  return text;
+}
+
+std::string escapeQuoted(std::string_view text) {
+  std::string value;
+  value.reserve(text.size());
+  for (const char c : text) {
+    if (c == '"' || c == '\\') value += '\\';
+    value += c;
+  }
+  return value;
+}
+
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                            [](char x, char y) { return lower(x) == lower(y); });
+}
+
+}  // namespace qn

@@ -1,0 +1,50 @@
+// Reads the values of Authorization and WWW-Authenticate, item by item and without allocation:
+// scheme names, parameters, and what some schemes have instead of parameters. Used by
+// digest_credentials and client_login.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace qn {
+
+class AuthReader {
+ public:
+  enum class Item {
+    kScheme,     // name() is set
+    kParameter,  // name() and value() are set
+    kToken68,    // a scheme's single value, as Basic and Negotiate have it; not kept
+    kEnd,
+    kMalformed,  // nothing that follows can be told apart; every later next() says so too
+  };
+
+  // Does not copy `text`.
+  explicit AuthReader(std::string_view text) : rest_(text) {}
+
+  Item next();
+  std::string_view name() const { return name_; }
+  // Without the surrounding quotes; the escapes of a quoted string are still in it.
+  std::string_view value() const { return value_; }
+
+ private:
+  Item readValue();
+  Item readQuoted();
+  Item malformed();
+  std::string_view takeToken();
+  void skipBlanks();
+
+  std::string_view rest_;
+  std::string_view name_;
+  std::string_view value_;
+  bool malformed_ = false;
+};
+
+// A quoted string's text with its escapes resolved.
+std::string unescapeQuoted(std::string_view value);
+// The text as the inside of a quoted string.
+std::string escapeQuoted(std::string_view text);
+
+// ASCII only.
+bool equalIgnoringCase(std::string_view a, std::string_view b);
+
+}  // namespace qn
