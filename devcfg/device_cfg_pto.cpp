@@ -1,0 +1,27 @@
+#include "devcfg/device_cfg_pto.h"
+
+#include "devcfg/handler_chain.h"
+#include "devcfg/image_cfg.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+// The order decides who serves a URL that two would accept.
+using Handlers = HandlerChain<CImageCfg>;
+
+}  // namespace
+
+int CDeviceCfgPto::proc(int& bodyIsXml, std::string& body, int& asyncReply,
+                        const stHttpRes& request) {
+  return Handlers::ask(
+      [&](auto& handler) { return handler.proc(bodyIsXml, body, asyncReply, request); });
+}
+
+int CDeviceCfgPto::covertRspBody(std::string& body, const Json::Value& reply,
+                                 const std::string& url, int method,
+                                 const CHttpExchange& exchange) {
+  return Handlers::ask(
+      [&](auto& handler) { return handler.covertRspBody(body, reply, url, method, exchange); });
+}
+
+}  // namespace QNKAVROProtocol
