@@ -8,7 +8,8 @@
 #include <vector>
 
 // Fills the status document of an error code: integer "statusCode" (the code's class, its top four
-// bits), "statusString", "subStatusCode", integer "errorCode"; httpStatus becomes the code's.
+// bits; 1 for success), "statusString", "subStatusCode", integer "errorCode"; httpStatus becomes the
+// code's.
 // Returns false, and changes nothing, for a code that is not in the table.
 bool getResponseStatusByErrorNo(unsigned int errorCode, Json::Value& document, int& httpStatus);
 
@@ -24,12 +25,14 @@ std::string getISO8601Time();
 // The same, shifted by `offsetSeconds`.
 std::string GetCurTime8601(std::string& text, int offsetSeconds);
 
-// The bytes that follow the JSON value at the start of body: the picture part of a face-library
-// request. Empty when body does not start with a JSON value. `jsonText` is the value as written by
-// the caller; it may differ from the body's in blanks and escapes. Returns the number of bytes.
+// The bytes that follow the JSON object or array at the start of body, without blanks between them:
+// the picture part of a face-library request. Empty when body does not start with one. `jsonText` is
+// the value as written by the caller; it may differ from the body's in blanks and escapes. Returns
+// the number of bytes.
 int getBinPart(std::string& picture, const char* body, int length, const std::string& jsonText);
 
 // The gateway's own process ids; 0 on success. From the driver manager.
 int DriverCif_GetProcessPid(std::vector<int>& pids);
-// Non-zero when a process outside `pids` listens on the TCP port at the address. Reads /proc.
+// Non-zero when a process outside `pids` listens on the TCP port at the address.
+// Reads /proc. `tcp` is always 1.
 int CheckPortOccupy(const std::vector<int>& pids, const char* address, int port, int tcp);

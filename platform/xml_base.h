@@ -19,8 +19,9 @@ class CXmlBase {
   CXmlBase& operator=(const CXmlBase&) = delete;
 
   // Replaces the tree and returns to the document. A byte-order mark and leading blanks are
-  // skipped. False, with an empty document, for blank or malformed text, a DOCTYPE, anything but
-  // blanks and comments after the root, or elements nested deeper than 256.
+  // skipped. False, with an empty document, for blank or malformed text (wrong references, invalid
+  // UTF-8 and characters that XML forbids included), a DOCTYPE, anything but blanks and comments
+  // after the root, or elements nested deeper than 256.
   bool Parse(std::string_view text);
 
   // Selects the first child of P with this name at or after org, the one found last included:

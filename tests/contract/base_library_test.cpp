@@ -1,0 +1,303 @@
+// The free functions of the base library: status table, text, time, picture part, port owners.
+#include "platform/base_library.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <set>
+
+#include "platform/error_codes.h"
+
+namespace {
+
+// Every code that the module, the HTTP service or a bus answers with.
+constexpr unsigned int kCodes[] = {
+    1,          0x30000014, 0x30002028, 0x40000003, 0x40000006, 0x40000007, 0x40000008, 0x40000009,
+    0x40001007, 0x40001014, 0x40001054, 0x4000108D, 0x400010E7, 0x400010E8, 0x400010EA, 0x40001187,
+    0x4000118A, 0x400011E9, 0x40001275, 0x40002064, 0x50000002, 0x60000001, 0x60000003, 0x6000000B,
+    0x6000000F, 0x60000015, 0x6000005F, 0x20000101, 0x20000102, 0x20000103, 0x20000104, 0x20000105,
+    0x20000106, 0x60000101, 0x60000102, 0x60000103, 0x60000104, 0x60000105};
+
+TEST(StatusTable, EveryCodeHasACompleteDocument) {
+  std::set<std::string> subStatusCodes;
+  for (unsigned int code : kCodes) {
+    Json::Value document;
+    int status = 0;
+    ASSERT_TRUE(getResponseStatusByErrorNo(code, document, status)) << std::hex << code;
+    EXPECT_EQ(document["statusCode"], code == 1 ? 1 : static_cast<int>(code >> 28));
+    EXPECT_EQ(document["errorCode"], static_cast<int>(code));
+    EXPECT_TRUE(document["statusString"].isString() && document["statusString"] != "");
+    EXPECT_EQ(status, getHttpStatusCodeByErrorNo(code));
+    EXPECT_TRUE(subStatusCodes.insert(document["subStatusCode"].asString()).second)
+        << "two codes cannot be told apart by " << document["subStatusCode"];
+  }
+}
+
+TEST(StatusTable, UnknownCodeChangesNothing) {
+  for (unsigned int code : {0u, 2u, 0x20000001u, 0x40000004u, 0xFFFFFFFFu}) {
+    Json::Value document("untouched");
+    int status = 77;
+    EXPECT_FALSE(getResponseStatusByErrorNo(code, document, status));
+    EXPECT_EQ(document, "untouched");
+    EXPECT_EQ(status, 77);
+  }
+}
+
+TEST(StatusTable, UnauthorizedIsWordedAsItsXmlForm) {
+  Json::Value document;
+  int status = 0;
+  ASSERT_TRUE(getResponseStatusByErrorNo(0x40000003, document, status));
+  EXPECT_EQ(document["statusString"], "Unauthorized");
+  EXPECT_EQ(document["subStatusCode"], "badAuthorization");
+}
+
+TEST(StatusTable, HttpStatus) {
+  struct Case {
+    unsigned int code;
+    int status;
+  };
+  const Case cases[] = {
+      {1, 200},
+      {0, 200},
+      {0x00000002, 200},
+      {0x10000001, 200},
+      {0x20000001, 503},
+      {0x30000001, 500},
+      {0x40000001, 403},
+      {0x50000001, 400},
+      {0x60000002, 400},
+      {0x70000001, 500},
+      {0xF0000001, 500},
+      {0x40000003, 401},
+      {0x40000006, 404},
+      {0x40002064, 404},
+      {0x40000007, 403},
+      {0x30000014, 500},
+      {0x30002028, 415},
+      {0x400011E9, 503},
+      {0x40001275, 503},
+      {0x50000002, 400},
+      {0x60000001, 503},
+      {0x60000003, 400},
+      {0x6000005F, 400},
+      {0x40001014, 403},
+      {qn::kDeviceTimeout, 504},
+      {qn::kDeviceUnreachable, 503},
+      {qn::kGatewayStopping, 503},
+      {qn::kDeviceReplyUnusable, 502},
+      {qn::kDeviceLoginRefused, 502},
+      {qn::kTooManyRequests, 503},
+      {qn::kMalformedRequest, 400},
+      {qn::kRequestTooLarge, 413},
+      {qn::kHeadTooLarge, 431},
+      {qn::kRequestTimeout, 408},
+      {qn::kMethodNotImplemented, 501},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(getHttpStatusCodeByErrorNo(c.code), c.status) << std::hex << c.code;
+  }
+}
+
+TEST(Text, XssCharactersAreErased) {
+  std::string every;
+  for (int byte = 0; byte < 256; ++byte) every += static_cast<char>(byte);
+  std::string expected;
+  for (int byte = 0x20; byte < 256; ++byte) {
+    if (byte != 0x7F && std::string("<>\"'").find(static_cast<char>(byte)) == std::string::npos) {
+      expected += static_cast<char>(byte);
+    }
+  }
+  EXPECT_EQ(StringEraseXssInvalidChar(every), expected);
+  EXPECT_EQ(StringEraseXssInvalidChar("/a?b=<script>'x'&c=%3C"), "/a?b=scriptx&c=%3C");
+}
+
+// Local time under another time zone while it lives.
+class TimeZone {
+ public:
+  explicit TimeZone(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~TimeZone() {
+    unsetenv("TZ");
+    tzset();
+  }
+};
+
+// Seconds since the epoch of an ISO 8601 text with offset; -1 when it is none.
+std::time_t Seconds(const std::string& text) {
+  std::tm parts{};
+  const char* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+  int hours = 0, minutes = 0;
+  char sign = 0;
+  if (end == nullptr || std::sscanf(end, "%c%2d:%2d", &sign, &hours, &minutes) != 3) return -1;
+  const int offset = (hours * 60 + minutes) * 60;
+  return timegm(&parts) - (sign == '-' ? -offset : offset);
+}
+
+TEST(Time, LocalTimeWithItsOffset) {
+  struct Case {
+    const char *zone, *offset;
+  };
+  for (const Case& c : {Case{"UTC0", "+00:00"}, Case{"AAA-5:30", "+05:30"}, {"BBB+3", "-03:00"}}) {
+    const TimeZone zone(c.zone);
+    const std::time_t before = std::time(nullptr);
+    const std::string text = getISO8601Time();
+    const std::time_t after = std::time(nullptr);
+    EXPECT_EQ(text.size(), 25u) << text;
+    EXPECT_EQ(text.substr(19), c.offset);
+    EXPECT_LE(before, Seconds(text)) << text;
+    EXPECT_GE(after, Seconds(text)) << text;
+  }
+}
+
+TEST(Time, ShiftedTime) {
+  for (int offset : {0, 3600, -86400}) {
+    const std::time_t before = std::time(nullptr) + offset;
+    std::string text = "old";
+    EXPECT_EQ(GetCurTime8601(text, offset), text);
+    EXPECT_LE(before, Seconds(text)) << text;
+    EXPECT_GE(std::time(nullptr) + offset, Seconds(text)) << text;
+  }
+}
+
+std::string PictureOf(const std::string& body) {
+  std::string picture = "old";
+  const int length = getBinPart(picture, body.data(), static_cast<int>(body.size()), "{}");
+  EXPECT_EQ(static_cast<std::size_t>(length), picture.size());
+  return picture;
+}
+
+TEST(PicturePart, FollowsTheJsonValue) {
+  const std::string picture("\xFF\xD8\xFF\xE0\0}\"{\r\n ", 11);
+  const char* const values[] = {
+      "{}",
+      "[]",
+      " \r\n{\"a\":1}",
+      "{\"a\":{\"b\":[1,{\"c\":null}]}}",
+      R"({"a":"}\"]\\","b":"{["})",
+      R"({"\u005C}":"\\"})",
+      "{/* } */\"a\":1}",
+      "// {\n{\"a\":1 // }\n}",
+  };
+  for (const std::string value : values) {
+    EXPECT_EQ(PictureOf(value + picture), picture) << value;
+    EXPECT_EQ(PictureOf(value + "\r\n" + picture), picture) << value;
+    EXPECT_EQ(PictureOf(value), "") << value;
+    EXPECT_EQ(PictureOf(value + "\r\n"), "") << value;
+  }
+  EXPECT_EQ(PictureOf("{}undefined"), "undefined");
+}
+
+TEST(PicturePart, NoneWithoutAJsonValue) {
+  const std::string cases[] = {
+      "",
+      "x",
+      "\xFF\xD8",
+      "\"text\"picture",
+      "1picture",
+      "{",
+      "{\"a",
+      "{\"a\\",
+      "{\"a\\\"}x",
+      "{]x",
+      "[}x",
+      "[{]}x",
+      "/",
+      "/*",
+      "/* */",
+      "//",
+      "{/x}picture",
+      std::string(1001, '[') + "x",
+      std::string(1000, '[') + std::string(999, ']') + "x",
+      "}x",
+  };
+  for (const std::string& body : cases) EXPECT_EQ(PictureOf(body), "") << body.substr(0, 40);
+  EXPECT_EQ(PictureOf(std::string(1000, '[') + std::string(1000, ']') + "x"), "x");
+}
+
+TEST(PicturePart, ToleratesNoBody) {
+  std::string picture = "old";
+  EXPECT_EQ(getBinPart(picture, nullptr, 0, ""), 0);
+  EXPECT_EQ(picture, "");
+  EXPECT_EQ(getBinPart(picture, "{}x", -1, ""), 0);
+}
+
+// A listening socket on a free port of an IPv4 or IPv6 address.
+class Listener {
+ public:
+  explicit Listener(const char* address)
+      : family_(std::string(address).find(':') == std::string::npos ? AF_INET : AF_INET6),
+        socket_(socket(family_, SOCK_STREAM, 0)) {
+    sockaddr_storage where{};
+    where.ss_family = static_cast<sa_family_t>(family_);
+    void* bytes = &reinterpret_cast<sockaddr_in*>(&where)->sin_addr;
+    if (family_ == AF_INET6) bytes = &reinterpret_cast<sockaddr_in6*>(&where)->sin6_addr;
+    inet_pton(family_, address, bytes);
+    socklen_t size = family_ == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    auto* name = reinterpret_cast<sockaddr*>(&where);
+    bound_ = bind(socket_, name, size) == 0 && listen(socket_, 1) == 0 &&
+             getsockname(socket_, name, &size) == 0;
+    port_ = ntohs(reinterpret_cast<sockaddr_in*>(&where)->sin_port);  // the same place in both
+  }
+  ~Listener() { close(socket_); }
+  bool bound() const { return bound_; }
+  int port() const { return port_; }
+
+ private:
+  int family_;
+  int socket_;
+  bool bound_ = false;
+  int port_ = 0;
+};
+
+TEST(PortOwner, OwnProcess) {
+  std::vector<int> pids = {1, 2, 3};
+  EXPECT_EQ(DriverCif_GetProcessPid(pids), 0);
+  EXPECT_EQ(pids, std::vector<int>{getpid()});
+}
+
+TEST(PortOwner, TakenOnlyByProcessesOutsideTheList) {
+  struct Case {
+    const char *listening, *asked;
+    bool meets;
+  };
+  const Case cases[] = {
+      {"127.0.0.1", "127.0.0.1", true}, {"127.0.0.1", "127.0.0.2", false},
+      {"127.0.0.1", "0.0.0.0", true},   {"0.0.0.0", "127.0.0.1", true},
+      {"127.0.0.1", "::1", false},      {"::1", "::1", true},
+      {"::", "127.0.0.1", true},        {"::1", "127.0.0.1", false},
+  };
+  const std::vector<int> own = {getpid()};
+  for (const Case& c : cases) {
+    const Listener listener(c.listening);
+    if (!listener.bound() && std::string(c.listening).find(':') != std::string::npos) {
+      continue;  // a machine without IPv6
+    }
+    ASSERT_TRUE(listener.bound()) << c.listening;
+    EXPECT_EQ(CheckPortOccupy({}, c.asked, listener.port(), 1) != 0, c.meets)
+        << c.listening << " " << c.asked;
+    EXPECT_EQ(CheckPortOccupy({getppid()}, c.asked, listener.port(), 1) != 0, c.meets);
+    EXPECT_EQ(CheckPortOccupy(own, c.asked, listener.port(), 1), 0);
+  }
+}
+
+TEST(PortOwner, FreeOrImpossiblePort) {
+  int port = 0;
+  {
+    const Listener listener("127.0.0.1");
+    port = listener.port();
+  }
+  EXPECT_EQ(CheckPortOccupy({}, "127.0.0.1", port, 1), 0);
+  EXPECT_EQ(CheckPortOccupy({}, "127.0.0.1", 0, 1), 0);
+  EXPECT_EQ(CheckPortOccupy({}, "127.0.0.1", 65536, 1), 0);
+  EXPECT_EQ(CheckPortOccupy({}, "no address", port, 1), 0);
+  EXPECT_EQ(CheckPortOccupy({}, nullptr, port, 1), 0);
+}
+
+}  // namespace
