@@ -1,0 +1,48 @@
+// C-string functions of platform/zrt.h.
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "platform/zrt.h"
+
+namespace {
+
+const char* orEmpty(const char* text) { return text == nullptr ? "" : text; }
+
+std::size_t orZero(int count) { return count < 0 ? 0 : static_cast<std::size_t>(count); }
+
+}  // namespace
+
+int32_t ZRT_Atoi32(const char* text) {
+  using Limits = std::numeric_limits<int32_t>;
+  const long long value = std::strtoll(orEmpty(text), nullptr, 10);
+  return static_cast<int32_t>(std::clamp<long long>(value, Limits::min(), Limits::max()));
+}
+
+char* ZRT_Itoa(int32_t value, char* text, int size, int base) {
+  if (text == nullptr || size < 1 || base < 2 || base > 36) return nullptr;
+  const auto [end, error] = std::to_chars(text, text + size - 1, value, base);
+  if (error != std::errc()) return nullptr;
+  *end = '\0';
+  return text;
+}
+
+int ZRT_Strcmp(const char* a, const char* b) { return std::strcmp(orEmpty(a), orEmpty(b)); }
+
+int ZRT_Strncmp(const char* a, const char* b, int count) {
+  return std::strncmp(orEmpty(a), orEmpty(b), orZero(count));
+}
+
+char* ZRT_Strncpy(char* to, const char* from, int count) {
+  if (to == nullptr) return nullptr;
+  const std::size_t length = strnlen(orEmpty(from), orZero(count));
+  std::memcpy(to, orEmpty(from), length);
+  to[length] = '\0';
+  return to;
+}
+
+const char* ZRT_Strstr(const char* text, const char* part) {
+  return std::strstr(orEmpty(text), orEmpty(part));
+}

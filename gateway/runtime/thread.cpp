@@ -1,0 +1,69 @@
+// See thread.h.
+#include "gateway/runtime/thread.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "gateway/log/log.h"
+
+namespace qn {
+namespace {
+
+struct Start {
+  const char* name;
+  std::function<void()> body;
+};
+
+void* run(void* argument) {
+  const std::unique_ptr<Start> start(static_cast<Start*>(argument));
+  pthread_setname_np(pthread_self(), start->name);
+  start->body();
+  return nullptr;
+}
+
+class Attributes {
+ public:
+  Attributes() { pthread_attr_init(&attributes_); }
+  ~Attributes() { pthread_attr_destroy(&attributes_); }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+
+  int setStack(std::size_t bytes) {
+    const auto smallest = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
+    return pthread_attr_setstacksize(&attributes_, std::max(bytes, smallest));
+  }
+  const pthread_attr_t* get() const { return &attributes_; }
+
+ private:
+  pthread_attr_t attributes_;
+};
+
+}  // namespace
+
+int startThread(pthread_t& thread, const char* name, std::size_t stackBytes,
+                std::function<void()> body) {
+  auto start = std::make_unique<Start>(Start{name, std::move(body)});
+  Attributes attributes;
+  if (stackBytes != 0) {
+    if (const int error = attributes.setStack(stackBytes)) return error;
+  }
+  const int error = pthread_create(&thread, attributes.get(), &run, start.get());
+  if (error == 0) start.release();  // the thread's now
+  return error;
+}
+
+void callRoutine(const char* kind, const std::function<int()>& routine) noexcept {
+  try {
+    routine();
+  } catch (const std::exception& e) {
+    logError("a {} routine threw: {}", kind, e.what());
+  } catch (...) {
+    logError("a {} routine threw", kind);
+  }
+}
+
+}  // namespace qn

@@ -1,0 +1,150 @@
+// Timers of platform/zrt.h. Each has a thread of its own: there are few, and a slow routine then
+// delays no other timer.
+#include <pthread.h>
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include "gateway/runtime/last_error.h"
+#include "gateway/runtime/thread.h"
+#include "platform/zrt.h"
+
+namespace qn {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct TimerOptions {
+  ZRT_TimerRoutine routine;
+  void* user;
+  Clock::duration period;
+};
+
+// One timer; its thread keeps it alive.
+class Timer {
+ public:
+  Timer(int id, const TimerOptions& options) : id_(id), options_(options) {}
+
+  // An errno value. The caller serialises start and stop.
+  static int start(const std::shared_ptr<Timer>& timer) {
+    try {
+      return startThread(timer->thread_, "timer", 0, [timer] { timer->run(); });
+    } catch (const std::bad_alloc&) {
+      return ENOMEM;
+    }
+  }
+
+  // No run starts after it; waits for one that is going on, unless called from it. Once.
+  void stop() {
+    {
+      const std::lock_guard lock(mutex_);
+      stopped_ = true;
+    }
+    wakeUp_.notify_all();
+    if (timerOfThisThread == this) {
+      pthread_detach(pthread_self());
+    } else {
+      pthread_join(thread_, nullptr);
+    }
+  }
+
+ private:
+  void run() {
+    timerOfThisThread = this;
+    std::unique_lock lock(mutex_);
+    auto due = Clock::now() + options_.period;
+    while (!wakeUp_.wait_until(lock, due, [this] { return stopped_; })) {
+      lock.unlock();
+      callRoutine("timer", [this] { return options_.routine(id_, options_.user); });
+      lock.lock();
+      due = nextAfter(due);
+    }
+  }
+
+  // The grid is kept, so that periods do not drift; the runs that were missed are skipped.
+  Clock::time_point nextAfter(Clock::time_point due) const {
+    const auto late = Clock::now() - due;
+    return due + options_.period * (late / options_.period + 1);
+  }
+
+  static thread_local const Timer* timerOfThisThread;
+
+  const int id_;
+  const TimerOptions options_;
+  pthread_t thread_{};  // guarded by the timers' table
+  std::mutex mutex_;
+  std::condition_variable wakeUp_;
+  bool stopped_ = false;  // guarded by mutex_
+};
+
+thread_local const Timer* Timer::timerOfThisThread = nullptr;
+
+// The running timers by id. Never destroyed: routines may stop timers while the process ends.
+class Timers {
+ public:
+  static constexpr std::size_t kLimit = 256;  // of threads
+
+  static Timers& instance() {
+    static auto* const timers = new Timers;
+    return *timers;
+  }
+
+  // 0 or an errno value; timerId is set before the first run.
+  int add(const TimerOptions& options, int& timerId) {
+    const std::lock_guard lock(mutex_);
+    if (timers_.size() >= kLimit) return EAGAIN;
+    const int id = unusedId();
+    const auto entry = timers_.emplace(id, std::make_shared<Timer>(id, options)).first;
+    timerId = id;
+    const int error = Timer::start(entry->second);
+    if (error == 0) return 0;
+    timerId = -1;
+    timers_.erase(entry);
+    return error;
+  }
+
+  // Null for an unknown id; of several callers one gets the timer.
+  std::shared_ptr<Timer> take(int id) {
+    const std::lock_guard lock(mutex_);
+    const auto node = timers_.extract(id);
+    return node ? node.mapped() : nullptr;
+  }
+
+ private:
+  // From a counter, so that the id of a stopped timer does not come back soon.
+  int unusedId() {
+    do {
+      lastId_ = lastId_ == std::numeric_limits<int>::max() ? 1 : lastId_ + 1;
+    } while (timers_.contains(lastId_));
+    return lastId_;
+  }
+
+  std::mutex mutex_;
+  std::unordered_map<int, std::shared_ptr<Timer>> timers_;  // guarded by mutex_
+  int lastId_ = 0;                                          // guarded by mutex_
+};
+
+}  // namespace
+}  // namespace qn
+
+int ZRT_SetTimer(ZRT_TimerRoutine routine, void* user, int periodMs, int& timerId, int /*option*/) {
+  if (routine == nullptr || periodMs < 1) return qn::fail(EINVAL);
+  return qn::withoutThrowing([&] {
+    return qn::resultOf(
+        qn::Timers::instance().add({routine, user, std::chrono::milliseconds(periodMs)}, timerId));
+  });
+}
+
+int ZRT_KillTimer(int timerId) {
+  const auto timer = qn::Timers::instance().take(timerId);
+  if (!timer) return qn::fail(ENOENT);
+  timer->stop();
+  return 0;
+}

@@ -1,0 +1,36 @@
+// What tests of several threads wait on, instead of sleeping.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace qn {
+
+// Counts events of any thread; waits for a number of them.
+class Events {
+ public:
+  void signal() {
+    const std::lock_guard lock(mutex_);
+    ++count_;
+    changed_.notify_all();
+  }
+
+  int count() {
+    const std::lock_guard lock(mutex_);
+    return count_;
+  }
+
+  // Whether `count` events have come in time; the default is ample, for loaded machines.
+  bool wait(int count = 1, std::chrono::milliseconds patience = std::chrono::seconds(20)) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, patience, [&] { return count_ >= count; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;  // guarded by mutex_
+};
+
+}  // namespace qn

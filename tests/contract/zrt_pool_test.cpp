@@ -1,0 +1,195 @@
+// What platform/zrt.h promises of the flexible pool.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "platform/zrt.h"
+#include "tests/contract/events.h"
+
+namespace qn {
+namespace {
+
+using namespace std::chrono_literals;
+using Job = std::function<void()>;
+
+int runJob(void* job) {
+  (*static_cast<Job*>(job))();
+  return 0;
+}
+
+constexpr int kLongIdleMs = 60000;
+
+struct Pool {
+  explicit Pool(int maxThreads, int idleMs = kLongIdleMs, int stackBytes = 0)
+      : handle(ZRT_ThreadPoolFlex_Create(maxThreads, idleMs, runJob, stackBytes)) {
+    EXPECT_NE(handle, -1);
+  }
+  ~Pool() { destroy(); }
+
+  int work(Job& job) { return ZRT_ThreadPoolFlex_Work(handle, &job); }
+  int destroy() { return ZRT_ThreadPoolFlex_Destroy(handle); }
+
+  const int64_t handle;
+};
+
+TEST(FlexPool, StartsThreadsUpToTheMaximumAndNoMore) {
+  constexpr int kThreads = 3;
+  constexpr int kJobs = 12;
+  Events entered;
+  std::atomic<int> inside = 0;
+  std::atomic<int> most = 0;
+  Job job = [&] {
+    const int now = ++inside;
+    int seen = most;
+    while (now > seen && !most.compare_exchange_weak(seen, now)) {
+    }
+    entered.signal();
+    EXPECT_TRUE(entered.wait(kThreads));  // all threads are busy at once
+    --inside;
+  };
+  Pool pool(kThreads);
+  for (int i = 0; i < kJobs; ++i) EXPECT_EQ(pool.work(job), 0);
+  EXPECT_EQ(pool.destroy(), 0);
+  EXPECT_EQ(entered.count(), kJobs);
+  EXPECT_EQ(most, kThreads);
+}
+
+TEST(FlexPool, IdleThreadsEndAndComeBack) {
+  static Events ended;
+  struct AtThreadEnd {
+    ~AtThreadEnd() { ended.signal(); }
+  };
+  Events entered;
+  Job job = [&] {
+    static thread_local AtThreadEnd atEnd;
+    (void)atEnd;
+    entered.signal();
+  };
+  Pool pool(1, 5);
+  for (int round = 1; round <= 3; ++round) {
+    ASSERT_EQ(pool.work(job), 0);
+    ASSERT_TRUE(entered.wait(round));
+    ASSERT_TRUE(ended.wait(round));
+  }
+}
+
+TEST(FlexPool, WorkFailsQuietlyWhenTheQueueIsFull) {
+  constexpr int kQueue = 65536;
+  Events entered, opened;
+  std::atomic<int> ran = 0;
+  Job blocking = [&] {
+    entered.signal();
+    EXPECT_TRUE(opened.wait());
+  };
+  Job counting = [&] { ++ran; };
+  Pool pool(1);
+  ASSERT_EQ(pool.work(blocking), 0);
+  ASSERT_TRUE(entered.wait());
+  for (int i = 0; i < kQueue; ++i) ASSERT_EQ(pool.work(counting), 0) << i;
+  EXPECT_EQ(pool.work(counting), -1);
+  EXPECT_EQ(ZRT_GetLastError(), EAGAIN);
+  opened.signal();
+  EXPECT_EQ(pool.destroy(), 0);  // runs what is queued
+  EXPECT_EQ(ran, kQueue);
+}
+
+TEST(FlexPool, UnknownAndDestroyedPoolsAreRefused) {
+  Pool pool(2);
+  Job job = [] {};
+  EXPECT_EQ(pool.destroy(), 0);
+  EXPECT_EQ(pool.work(job), -1);
+  EXPECT_EQ(pool.destroy(), -1);
+  EXPECT_EQ(ZRT_ThreadPoolFlex_Work(-1, &job), -1);
+  EXPECT_EQ(ZRT_ThreadPoolFlex_Destroy(0), -1);
+  EXPECT_NE(Pool(1).handle, pool.handle);
+}
+
+TEST(FlexPool, ImpossibleArgumentsAreRefused) {
+  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(0, 1000, runJob, 0), -1);
+  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(1, -1, runJob, 0), -1);
+  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(1, 1000, nullptr, 0), -1);
+  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(1, 1000, runJob, -1), -1);
+  EXPECT_EQ(ZRT_GetLastError(), EINVAL);
+}
+
+TEST(FlexPool, AJobCannotDestroyItsOwnPool) {
+  Pool pool(1);
+  int result = 0;
+  Job job = [&] { result = pool.destroy(); };
+  ASSERT_EQ(pool.work(job), 0);
+  EXPECT_EQ(pool.destroy(), 0);
+  EXPECT_EQ(result, -1);
+}
+
+TEST(FlexPool, ThreadsHaveTheStackThatWasAskedFor) {
+  for (const int asked : {1, 0x40000, 0x1000000}) {
+    std::size_t actual = 0;
+    Job job = [&] {
+      pthread_attr_t attributes;
+      ASSERT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+      pthread_attr_getstacksize(&attributes, &actual);
+      pthread_attr_destroy(&attributes);
+    };
+    Pool pool(1, kLongIdleMs, asked);
+    ASSERT_EQ(pool.work(job), 0);
+    pool.destroy();
+    EXPECT_GE(actual, static_cast<std::size_t>(asked));
+    EXPECT_LE(actual, static_cast<std::size_t>(asked) + 0x200000);  // the sanitizers' share
+  }
+}
+
+TEST(FlexPool, AJobThatThrowsDoesNotEndTheThread) {
+  bool ran = false;
+  Job throwing = [] { throw std::runtime_error("expected by the test"); };
+  Job next = [&] { ran = true; };
+  Pool pool(1);
+  ASSERT_EQ(pool.work(throwing), 0);
+  ASSERT_EQ(pool.work(next), 0);
+  pool.destroy();
+  EXPECT_TRUE(ran);
+}
+
+TEST(FlexPool, EveryJobAcceptedDuringDestroyRunsOnce) {
+  for (int round = 0; round < 20; ++round) {
+    std::atomic<int> accepted = 0;
+    std::atomic<int> ran = 0;
+    Events started;
+    Job job = [&] { ++ran; };
+    Pool pool(2, round % 2);  // idle threads end at once, or nearly
+    std::vector<std::thread> producers;
+    for (int i = 0; i < 2; ++i) {
+      producers.emplace_back([&] {
+        for (int n = 0; n < 100000 && pool.work(job) == 0; ++n) {
+          ++accepted;
+          if (n == 50) started.signal();
+        }
+      });
+    }
+    EXPECT_TRUE(started.wait());
+    EXPECT_EQ(pool.destroy(), 0);
+    const int ranWhenDestroyed = ran;
+    for (auto& producer : producers) producer.join();
+    EXPECT_EQ(accepted, ranWhenDestroyed);
+    EXPECT_EQ(accepted, ran);
+  }
+}
+
+TEST(FlexPool, OfTwoDestroysOneGetsThePool) {
+  Pool pool(1);
+  Job job = [] {};
+  ASSERT_EQ(pool.work(job), 0);
+  std::atomic<int> succeeded = 0;
+  std::thread other([&] { succeeded += pool.destroy() == 0; });
+  succeeded += pool.destroy() == 0;
+  other.join();
+  EXPECT_EQ(succeeded, 1);
+}
+
+}  // namespace
+}  // namespace qn
