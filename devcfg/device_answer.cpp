@@ -2,57 +2,18 @@
 
 #include <json/json.h>
 
-#include <optional>
-
 #include "devcfg/device_cfg_pto.h"
 #include "document/json_text.h"
 #include "platform/base_library.h"
-#include "platform/xml_base.h"
-#include "platform/zrt.h"
+#include "protocol/device_reply.h"
 #include "protocol/error_code.h"
 #include "protocol/protocol_base.h"
 
 namespace QNKAVROProtocol {
 namespace {
 
-using OptionalInt = std::optional<int>;
-
-int statusOfDeviceStatus(int statusCode) {
-  return getHttpStatusCodeByErrorNo(errorCodeOfDeviceStatus(statusCode));
-}
-
-// "errorCode" decides; "statusCode" counts when there is none or when it stands for success.
-int statusOfCodes(OptionalInt errorCode, OptionalInt statusCode) {
-  int status = 200;
-  if (errorCode) status = getHttpStatusCodeByErrorNo(static_cast<unsigned int>(*errorCode));
-  if (status == 200 && statusCode) status = statusOfDeviceStatus(*statusCode);
-  return status;
-}
-
 const Json::Value& memberOf(const Json::Value& value, const char* name) {
   return value.isObject() ? value[name] : Json::Value::nullSingleton();
-}
-
-OptionalInt integerMember(const Json::Value& reply, const char* name) {
-  const Json::Value& member = memberOf(reply, name);
-  return member.isInt() ? OptionalInt(member.asInt()) : std::nullopt;
-}
-
-int statusOfJson(const Json::Value& reply) {
-  return statusOfCodes(integerMember(reply, "errorCode"), integerMember(reply, "statusCode"));
-}
-
-OptionalInt integerElement(QNBase::CXmlBase& xml, const char* name) {
-  if (!xml.FindElem(name)) return std::nullopt;
-  return ZRT_Atoi32(xml.GetData().c_str());
-}
-
-// The search runs forward, so a "statusCode" before the "errorCode" is not seen.
-int statusOfXml(std::string_view reply) {
-  QNBase::CXmlBase xml;
-  if (!xml.Parse(reply) || !xml.FindElem("ResponseStatus") || !xml.IntoElem()) return 200;
-  const OptionalInt errorCode = integerElement(xml, "errorCode");
-  return statusOfCodes(errorCode, integerElement(xml, "statusCode"));
 }
 
 // The picture's path behind "scheme://host"; null when the URL has none.
@@ -98,10 +59,10 @@ DeviceAnswer answerOfReply(std::string_view reply, const RepliedRequest& request
   answer.body = reply;
   Json::Value json;
   if (!parseJson(reply, json)) {
-    answer.status = statusOfXml(reply);
+    answer.status = statusOfXmlReply(reply);
     return answer;
   }
-  answer.status = statusOfJson(json);
+  answer.status = statusOfJsonReply(json);
   if (redirectPicture(json)) answer.body = writeJson(json);
   if (answer.status == 200) convertBody(answer, json, request);
   answer.isXml = answer.body != reply && !isJson(answer.body);

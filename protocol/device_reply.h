@@ -1,0 +1,18 @@
+// What a sub-device's reply says about success. Used by the translating pipeline and the
+// pass-through.
+#pragma once
+
+#include <json/json.h>
+
+#include <string_view>
+
+namespace QNKAVROProtocol {
+
+// The HTTP status of a reply: "errorCode" decides; "statusCode" counts when there is none or when
+// it stands for success. Members of other kinds than integer count as absent; 200 without any.
+int statusOfJsonReply(const Json::Value& reply);
+// The same for an XML ResponseStatus, 200 for anything else. Its elements are searched forward, so
+// a "statusCode" before the "errorCode" is not seen.
+int statusOfXmlReply(std::string_view reply);
+
+}  // namespace QNKAVROProtocol
