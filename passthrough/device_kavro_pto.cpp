@@ -1,0 +1,168 @@
+// See device_kavro_pto.h. Here: forwarding and the answer.
+#include "passthrough/device_kavro_pto.h"
+
+#include <array>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "document/json_text.h"
+#include "platform/base_library.h"
+#include "platform/zrt.h"
+#include "protocol/device_reply.h"
+#include "protocol/error_code.h"
+#include "protocol/log.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+constexpr int kTimeoutMs = 15000;
+constexpr std::size_t kMaxForwardUrl = 2048;
+constexpr int kAnyMethod = -1;
+
+// Resources that devices answer slowly, and those that carry a face picture's URL along.
+struct SlowResource {
+  const char* url;
+  int method;
+  int timeoutMs;
+  bool carriesFaceUrl;
+};
+
+constexpr std::array<SlowResource, 4> kSlowResources = {{
+    {"/KAVRO/AccessControl/CardInfo/Delete", QNHttpService::HTTP_PUT, 60000, false},
+    {"/KAVRO/AccessControl/AcsEvent", QNHttpService::HTTP_POST, 30000, false},
+    {"/KAVRO/Intelligent/FDLib/FaceDataRecord", kAnyMethod, 30000, true},
+    {"/KAVRO/Intelligent/FDLib/FDSetUp", kAnyMethod, 30000, true},
+}};
+
+// Status and kind of a reply whose text goes out unchanged.
+struct ReplyMeaning {
+  int status = 200;
+  bool isJson = false;
+};
+
+ReplyMeaning meaningOf(std::string_view reply) {
+  Json::Value json;
+  if (parseJson(reply, json)) return {statusOfJsonReply(json), true};
+  return {statusOfXmlReply(reply), false};
+}
+
+// Pictures and other binaries stay out of the log.
+void logReply(std::string_view reply) {
+  const bool text = reply.find('\0') == std::string_view::npos;
+  QN_LOG_IN("deviceKAVROCallBack", WLOG_INFO, "response data [rsp = %.*s]",
+            text ? static_cast<int>(reply.size()) : 0, reply.data());
+}
+
+void answer(int httpHandle, const ReplyMeaning& meaning, std::string_view reply) {
+  CHttpExchange exchange(httpHandle);
+  exchange.setHead("Content-Type", meaning.isJson ? "application/json" : "application/xml");
+  exchange.setStatus(meaning.status);
+  exchange.response(reply.data(), static_cast<int>(reply.size()));
+}
+
+std::string forwardUrl(const std::string& url, const std::string& devIndex) {
+  return url + (url.rfind('?') != std::string::npos ? "&devIndex=" : "?devIndex=") + devIndex;
+}
+
+}  // namespace
+
+int CDeviceKAVROPto::checkUrlAndMethod(const std::string& url, unsigned int) {
+  return ZRT_Strncmp(url.c_str(), "/KAVRO/", 7) == 0 ? 0 : -1;
+}
+
+int CDeviceKAVROPto::procProtocol(int&, std::string& response, int& answered,
+                                  const stHttpRes& request, const std::string& devIndex) {
+  if (!request.exchange) return answerError(response, getPtoErrorCode(BUS_PARAMETER), "");
+  auto& exchange = *request.exchange;
+  const auto& url = exchange.getUrl();
+
+  std::unique_ptr<tagDEVCFG_USERDATA> record(new (std::nothrow) tagDEVCFG_USERDATA);
+  if (!record) {
+    QN_LOG(WLOG_ERROR, "No resouce.");
+    return answerError(response, getPtoErrorCode(BUS_NO_RESOURCES), url);
+  }
+  record->httpHandle = exchange.getHttpHandle();
+  record->owner = this;
+  int timeoutMs = kTimeoutMs;
+
+  std::string body;
+  if (request.body) {
+    body.assign(request.body, static_cast<std::size_t>(request.bodyLength));
+    const int code = procPssUrlReq(body, answered, request);
+    if (code != 1) {
+      const auto error = static_cast<unsigned int>(code);
+      return answered == 0 ? answerError(response, error, url) : getHttpStatusCodeByErrorNo(error);
+    }
+  }
+  if (createUserData(*record, body, timeoutMs, exchange) == 0) {
+    QN_LOG(WLOG_ERROR, "No resouce.");
+    return answerError(response, getPtoErrorCode(BUS_NO_RESOURCES), url);
+  }
+  const auto target = forwardUrl(url, devIndex);
+  if (target.size() > kMaxForwardUrl) {
+    QN_LOG(WLOG_ERROR, "param error");
+    return answerError(response, getPtoErrorCode(BUS_PARAMETER), url);
+  }
+  const int result =
+      QN_DeviceCfgBus_ProcessAsyn(static_cast<unsigned char>(exchange.getMethod()), target, body,
+                                  deviceKAVROCallBack, record.get(), timeoutMs);
+  if (result != DEVCFGBUS_OK) return answerError(response, getPtoErrorCode(result), url);
+  record.release();  // the callback's now
+  answered = 1;
+  return 200;
+}
+
+int CDeviceKAVROPto::createUserData(tagDEVCFG_USERDATA& userData, std::string&, int& timeoutMs,
+                                    const CHttpExchange& exchange) {
+  for (const auto& resource : kSlowResources) {
+    if (!cmpURL(exchange.getUrl(), resource.url)) continue;
+    if (resource.method != kAnyMethod &&
+        static_cast<unsigned int>(resource.method) != exchange.getMethod()) {
+      continue;
+    }
+    timeoutMs = resource.timeoutMs;
+    if (!resource.carriesFaceUrl) return 1;
+    userData.data = new (std::nothrow) char[m_strFaceUrl.size() + 1];
+    if (!userData.data) {
+      QN_LOG(WLOG_ERROR, "no resouce.");
+      return 0;
+    }
+    std::memcpy(userData.data, m_strFaceUrl.c_str(), m_strFaceUrl.size() + 1);
+    userData.dataLength = static_cast<int>(m_strFaceUrl.size());
+    return 1;
+  }
+  return 1;
+}
+
+int CDeviceKAVROPto::deviceKAVROCallBack(void* data, int length, void* userData) {
+  if (!data || length < 0 || !userData) {
+    QN_LOG(WLOG_ERROR, "callback data error 1");
+    return -1;
+  }
+  const std::unique_ptr<tagDEVCFG_USERDATA> record(static_cast<tagDEVCFG_USERDATA*>(userData));
+  const std::string_view reply(static_cast<const char*>(data), static_cast<std::size_t>(length));
+  try {
+    ReplyMeaning meaning;
+    if (record->httpHandle < 0 || !record->owner) {
+      QN_LOG(WLOG_ERROR, "callback data error 2");
+    } else {
+      meaning = meaningOf(reply);
+    }
+    if (record->httpHandle != -1) {
+      logReply(reply);
+      answer(record->httpHandle, meaning, reply);
+    }
+  } catch (const std::exception& error) {  // short of memory; the service answers in our place
+    QN_LOG(WLOG_ERROR, "%s", error.what());
+  }
+  return 0;
+}
+
+int CDeviceKAVROPto::proRspFollow(int&, std::string&, const std::string&, const CHttpExchange&) {
+  return 0;
+}
+
+}  // namespace QNKAVROProtocol
