@@ -1,0 +1,28 @@
+// Device information, video inputs, hard disks and access protocols of a sub-device. Tried by the
+// configuration dispatcher; all four are read only.
+#pragma once
+
+#include "devcfg/route_table.h"
+
+namespace QNKAVROProtocol {
+
+class CDevMaintain : public RoutedCfg {
+ public:
+  CDevMaintain();
+
+  // Request converters; the last two resources ask the device only whether it answers.
+  static int covertDevinfoUrlandBody(DeviceRequest& out, const ClientRequest& in);
+  static int covertVideochannelUrlandBody(DeviceRequest& out, const ClientRequest& in);
+  static int covertHddListUrlandBody(DeviceRequest& out, const ClientRequest& in);
+  static int covertAdminAccessesUrlandBody(DeviceRequest& out, const ClientRequest& in);
+
+  // Reply converters: 0, or BUS_INTERNAL_FAILURE with the body untouched.
+  static int covertDevinfoRsp(std::string& body, const DeviceReply& reply);
+  static int covertVideoChannelRsp(std::string& body, const DeviceReply& reply);
+  // The same document always.
+  static int covertHddListRsp(std::string& body, const DeviceReply& reply);
+  // From the gateway's own configuration.
+  static int covertAdminAccessesRsp(std::string& body, const DeviceReply& reply);
+};
+
+}  // namespace QNKAVROProtocol

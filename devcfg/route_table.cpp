@@ -1,0 +1,79 @@
+#include "devcfg/route_table.h"
+
+#include <algorithm>
+
+#include "protocol/error_code.h"
+#include "protocol/url_numbers.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+bool matches(const Route& route, const std::string& url) {
+  int numbers = 0;
+  for (auto at = route.pattern.find("%d"); at != std::string_view::npos;
+       at = route.pattern.find("%d", at + 2)) {
+    ++numbers;
+  }
+  return numbers == 0 ? QNBase::CRESTfulProtocol::cmpURL(url, route.pattern)
+                      : QNBase::CRESTfulProtocol::cmpURLWithInt(url, route.pattern, numbers);
+}
+
+const Route* find(std::span<const Route> routes, const std::string& url) {
+  const auto route =
+      std::ranges::find_if(routes, [&](const Route& each) { return matches(each, url); });
+  return route == routes.end() ? nullptr : &*route;
+}
+
+std::string_view bodyOf(const stHttpRes& request) {
+  if (request.body == nullptr || request.bodyLength <= 0) return {};
+  return {request.body, static_cast<std::size_t>(request.bodyLength)};
+}
+
+}  // namespace
+
+int RoutedCfg::checkUrlAndMethod(const std::string& url, unsigned int method) {
+  const Route* route = find(routes_, url);
+  return route != nullptr && route->methods.has(method) ? 0 : DECLINED;
+}
+
+int RoutedCfg::covertUrlandBody(std::string& jsonUrl, std::string& jsonBody,
+                                const stHttpRes& request, const std::string& devIndex) {
+  const std::string& url = request.exchange->getUrl();
+  const unsigned int method = request.exchange->getMethod();
+  const Route* route = find(routes_, url);
+  if (route == nullptr) return DECLINED;
+  DeviceRequest out{jsonUrl, jsonBody};
+  const int result = route->request(out, {url, method, bodyOf(request), devIndex});
+  // Judged last: one of the converters asks the device before its method is refused.
+  return route->methods.has(method) ? result : DECLINED;
+}
+
+int RoutedCfg::covertRspBody(std::string& body, const Json::Value& reply, const std::string& url,
+                             int method, const CHttpExchange& exchange) {
+  const Route* route = find(routes_, url);
+  if (route == nullptr || !route->methods.has(static_cast<unsigned int>(method))) return DECLINED;
+  return route->reply(body, {reply, url, method, exchange});
+}
+
+std::string withNumbers(std::string_view pattern, std::initializer_list<int> numbers) {
+  std::string text;
+  for (const int number : numbers) {
+    const std::size_t at = pattern.find("%d");
+    text.append(pattern.substr(0, at)).append(std::to_string(number));
+    pattern.remove_prefix(at + 2);
+  }
+  return text.append(pattern);
+}
+
+int urlNumber(std::string_view url, std::string_view pattern) {
+  int number = 0;
+  readUrlNumbers(url, pattern, {&number, 1});
+  return number;
+}
+
+int answerSuccess(std::string& body, const DeviceReply& reply) {
+  body = CProtocolBase::getResponseByError(ERROR_OK, reply.url);
+  return 0;
+}
+
+}  // namespace QNKAVROProtocol

@@ -1,0 +1,94 @@
+// Routes of the translating handlers: which URLs and methods a handler serves and which of its
+// converters translate them. Each handler has one constexpr table and hands it to RoutedCfg.
+#pragma once
+
+#include <json/json.h>
+
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "devcfg/dev_cfg_base.h"
+
+namespace QNKAVROProtocol {
+
+// What a converter returns for a body that is not what its resource takes.
+inline constexpr int BODY_REFUSED = 1;
+
+struct ClientRequest {
+  const std::string& url;
+  unsigned int method;
+  std::string_view body;  // empty when there is none
+  const std::string& devIndex;
+};
+
+// What a request converter fills.
+struct DeviceRequest {
+  std::string& url;
+  std::string& body;
+};
+
+struct DeviceReply {
+  const Json::Value& document;
+  const std::string& url;  // the client's
+  int method;
+  const CHttpExchange& exchange;
+};
+
+// 0, or an argument of getPtoErrorCode; a reply converter then leaves the body as it was.
+using RequestConverter = int (*)(DeviceRequest& out, const ClientRequest& in);
+using ReplyConverter = int (*)(std::string& body, const DeviceReply& reply);
+
+// The methods a route serves, as HttpMethod codes.
+class Methods {
+ public:
+  constexpr Methods(std::initializer_list<unsigned int> methods) {
+    for (const unsigned int method : methods) bits_ |= 1U << method;
+  }
+  constexpr bool has(unsigned int method) const {
+    return method < 32 && ((bits_ >> method) & 1U) != 0;
+  }
+
+ private:
+  unsigned int bits_ = 0;
+};
+
+struct Route {
+  std::string_view pattern;  // of the client's URL; each "%d" stands for a number
+  Methods methods;
+  RequestConverter request;
+  ReplyConverter reply;
+};
+
+// A handler that is a table of routes. The first route whose pattern matches decides.
+class RoutedCfg : public CDevCfgBase {
+ public:
+  int checkUrlAndMethod(const std::string& url, unsigned int method) override;
+  int covertUrlandBody(std::string& jsonUrl, std::string& jsonBody, const stHttpRes& request,
+                       const std::string& devIndex) override;
+  int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url, int method,
+                    const CHttpExchange& exchange) override;
+
+ protected:
+  explicit RoutedCfg(std::span<const Route> routes) : routes_(routes) {}
+  ~RoutedCfg() = default;
+
+ private:
+  std::span<const Route> routes_;
+};
+
+// The pattern with the numbers in place of its "%d".
+std::string withNumbers(std::string_view pattern, std::initializer_list<int> numbers);
+
+// The first number of a URL that matched `pattern`.
+int urlNumber(std::string_view url, std::string_view pattern);
+
+// The device's number for a client's channel id: main stream 1 of the channel for ids up to 100,
+// the id itself above (channel and stream).
+constexpr int deviceChannelId(int id) { return id > 100 ? id : id * 100 + 1; }
+
+// Reply of commands: the success document, whatever the device's own reply says.
+int answerSuccess(std::string& body, const DeviceReply& reply);
+
+}  // namespace QNKAVROProtocol
