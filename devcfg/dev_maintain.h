@@ -6,7 +6,7 @@
 
 namespace QNKAVROProtocol {
 
-class CDevMaintain : public RoutedCfg {
+class CDevMaintain final : public RoutedCfg {
  public:
   CDevMaintain();
 

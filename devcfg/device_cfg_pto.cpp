@@ -1,5 +1,6 @@
 #include "devcfg/device_cfg_pto.h"
 
+#include "devcfg/dev_maintain.h"
 #include "devcfg/handler_chain.h"
 #include "devcfg/image_cfg.h"
 
@@ -7,7 +8,7 @@ namespace QNKAVROProtocol {
 namespace {
 
 // The order decides who serves a URL that two would accept.
-using Handlers = HandlerChain<CImageCfg>;
+using Handlers = HandlerChain<CDevMaintain, CImageCfg>;
 
 }  // namespace
 

@@ -131,7 +131,7 @@ struct Row {
 
  private:
   template <typename T, typename V>
-  constexpr Row with(T Row::* word, V value) const {
+  constexpr Row with(T Row::*word, V value) const {
     Row row = *this;
     row.*word = value;
     return row;

@@ -78,8 +78,8 @@ void addInteger(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value)
 
 void addReal(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
   char digits[384];  // the largest double has 309 digits before the point
-  const auto written = std::to_chars(digits, digits + sizeof digits, value.asDouble(),
-                                     std::chars_format::fixed, 6);
+  const auto written =
+      std::to_chars(digits, digits + sizeof digits, value.asDouble(), std::chars_format::fixed, 6);
   addLeaf(xml, row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
@@ -159,8 +159,7 @@ const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* me
 
 const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object) {
   for (const Row& row : rows) {
-    const Json::Value* member =
-        row.kind == Kind::Constant ? nullptr : jsonMember(object, row.json);
+    const Json::Value* member = row.kind == Kind::Constant ? nullptr : jsonMember(object, row.json);
     if (const Row* failed = writeRow(xml, row, member)) return failed;
   }
   return nullptr;
