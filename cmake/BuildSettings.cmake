@@ -25,6 +25,13 @@ if(QN_SANITIZE)
   add_link_options(-fsanitize=${QN_SANITIZE})
 endif()
 
+if(QN_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    message(FATAL_ERROR "QN_FUZZ needs clang: configure with -DCMAKE_CXX_COMPILER=clang++")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 include_directories(${CMAKE_SOURCE_DIR})
 
 find_package(Threads REQUIRED)
