@@ -41,10 +41,11 @@ enum tagNotifyType : int {
   DEVICE_CHANGED = 2,  // the same index with another address or login
 };
 
-// devIndex: NUL-terminated, valid during the call. Runs on the device manager's thread.
+// devIndex: NUL-terminated, valid during the call. Runs on the device manager's thread, after the
+// change is in force; must not throw, attach or detach.
 using DeviceChangeCallBack = void (*)(tagNotifyType type, void* devIndex, const void* user);
 
 // One routine at most is attached once; attaching it again replaces its user pointer. Detach waits
-// for a running call; never detach from the routine itself. Detaching an unknown one is harmless.
+// for a running call. Detaching an unknown one is harmless.
 void QN_DeviceMgr_NotifyAttach(DeviceChangeCallBack routine, const void* user);
 void QN_DeviceMgr_NotifyDetach(DeviceChangeCallBack routine);

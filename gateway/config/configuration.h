@@ -5,10 +5,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
+
+#include "gateway/auth/digest.h"
 
 namespace qn {
 
@@ -36,8 +40,6 @@ struct NetworkOptions {
   uint16_t extRtspPort = 0;
   uint16_t picturePort = 8090;
 };
-
-enum class DigestAlgorithm { MD5, SHA256 };
 
 struct KavroOptions {
   int mode = 1;  // a KAVROMode
@@ -75,7 +77,7 @@ struct UserConfig {
 
 struct DeviceConfig {
   std::string index;
-  std::string host;      // of the URL
+  std::string host;      // of the URL; an IPv6 address without its brackets
   uint16_t port = 80;    // of the URL
   std::string basePath;  // of the URL, without a trailing slash
   std::string username;
@@ -83,7 +85,8 @@ struct DeviceConfig {
   uint16_t httpPort = 0;  // the device's own KAVRO port in mode 2; 0: none
   uint16_t rtspPort = 0;
 
-  bool operator==(const DeviceConfig&) const = default;
+  // Whether requests go to the same place with the same login.
+  bool sameServer(const DeviceConfig& other) const;
 };
 
 struct Configuration {
@@ -100,15 +103,31 @@ struct Configuration {
   // Null when there is none.
   const UserConfig* findUser(std::string_view name) const;
   const DeviceConfig* findDevice(std::string_view index) const;
-  const DeviceConfig* findDeviceByPort(uint16_t httpPort) const;
+  const DeviceConfig* findDeviceByPort(uint16_t httpPort) const;  // never for 0
+
+  // What the look-ups use; call it after changing users or devices. Of two with one name the first
+  // counts.
+  void buildIndexes();
+
+ private:
+  struct TextHash : std::hash<std::string_view> {
+    using is_transparent = void;
+  };
+  using TextIndex = std::unordered_map<std::string, std::size_t, TextHash, std::equal_to<>>;
+
+  TextIndex usersByName_;
+  TextIndex devicesByIndex_;
+  std::unordered_map<uint16_t, std::size_t> devicesByPort_;
 };
 
-// The configuration in force; an empty one before the first publish. Any thread; the reference is
-// the calling thread's own and good until its next call, so copy it to keep it.
+// The configuration in force; an empty one before the first publish. Any thread, without a lock
+// while nothing changes. The reference is the calling thread's own and good until its next call, so
+// copy it to keep it.
 const std::shared_ptr<const Configuration>& configuration();
 
-// Makes a configuration the one in force and announces the difference in devices to the routines
-// attached with QN_DeviceMgr_NotifyAttach. Called at start and on SIGHUP, by one thread at a time.
+// Makes a copy of a configuration the one in force and announces the difference in devices, on the
+// calling thread, to the routines attached with QN_DeviceMgr_NotifyAttach. Called at start and on
+// SIGHUP.
 void publishConfiguration(std::shared_ptr<const Configuration> next);
 
 }  // namespace qn

@@ -1,0 +1,260 @@
+#include "gateway/config/configuration_file.h"
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+
+#include "gateway/config/toml_table.h"
+#include "gateway/log/log.h"
+
+namespace qn {
+namespace {
+
+constexpr int64_t kMiB = 1024 * 1024;
+constexpr Range kPort{1, 65535};
+constexpr Range kPortOrNone{0, 65535};
+constexpr Range kSeconds{1, 3600};
+constexpr Range kCount{1, 1000000};
+
+constexpr Key<HttpOptions> kHttpKeys[] = {
+    {"address", &HttpOptions::address, {}, &kAddressRule},
+    {"port", &HttpOptions::port, kPort},
+    {"trusted_proxies", &HttpOptions::trustedProxies, {}, &kAddressRule},
+    {"head_bytes", &HttpOptions::headBytes, {1024, kMiB}},
+    {"head_seconds", &HttpOptions::headTime, kSeconds},
+    {"body_bytes", &HttpOptions::bodyBytes, {1024, 1024 * kMiB}},
+    {"body_seconds", &HttpOptions::bodyTime, kSeconds},
+    {"idle_seconds", &HttpOptions::idleTime, kSeconds},
+    {"connections", &HttpOptions::connections, kCount},
+    {"connections_per_address", &HttpOptions::connectionsPerAddress, kCount},
+    {"requests", &HttpOptions::requests, kCount},
+};
+
+constexpr Key<NetworkOptions> kNetworkKeys[] = {
+    {"https_enabled", &NetworkOptions::httpsEnabled},
+    {"https_port", &NetworkOptions::httpsPort, kPort},
+    {"rtsp_port", &NetworkOptions::rtspPort, kPort},
+    {"port_mapping", &NetworkOptions::portMapping},
+    {"ext_http_port", &NetworkOptions::extHttpPort, kPortOrNone},
+    {"ext_https_port", &NetworkOptions::extHttpsPort, kPortOrNone},
+    {"ext_rtsp_port", &NetworkOptions::extRtspPort, kPortOrNone},
+    {"picture_port", &NetworkOptions::picturePort, kPort},
+};
+
+constexpr Key<KavroOptions> kKavroKeys[] = {
+    {"mode", &KavroOptions::mode, {1, 2}},
+    {"realm", &KavroOptions::realm, {}, &kRealmRule},
+    {"algorithm", &KavroOptions::algorithm, {}, &kAlgorithmRule},
+};
+
+constexpr Key<LockOptions> kLockKeys[] = {
+    {"max_attempts", &LockOptions::maxAttempts, {1, 1000}},
+    {"lock_seconds", &LockOptions::lockTime, {1, 7 * 24 * 3600}},
+};
+
+constexpr Key<StorageOptions> kStorageKeys[] = {
+    {"data_dir", &StorageOptions::dataDir, {}, &kPathRule},
+    {"operation_log_rows", &StorageOptions::operationLogRows, {1, 1000000000}},
+};
+
+constexpr Key<BusOptions> kBusKeys[] = {
+    {"device_connections", &BusOptions::deviceConnections, {1, 1024}},
+    {"device_queue", &BusOptions::deviceQueue, {0, 65536}},
+    {"reply_bytes", &BusOptions::replyBytes, {1024, 1024 * kMiB}},
+};
+
+constexpr Key<LogOptions> kLogKeys[] = {
+    {"level", &LogOptions::level, {}, &kLevelRule},
+};
+
+// With the keys that are not kept as they stand.
+struct UserEntry : UserConfig {
+  std::string password;
+};
+
+constexpr Key<UserEntry> kUserKeys[] = {
+    {"name", &UserEntry::name, {}, &kUserNameRule, true},
+    {"password", &UserEntry::password, {}, &kPasswordRule},
+    {"ha1", &UserEntry::ha1, {}, &kHa1Rule},
+    {"device", &UserEntry::device, {}, &kDeviceIndexRule, true},
+    {"devices", &UserEntry::devices, {}, &kDeviceIndexRule},
+};
+
+struct DeviceEntry : DeviceConfig {
+  std::string url;
+};
+
+constexpr Key<DeviceEntry> kDeviceKeys[] = {
+    {"index", &DeviceEntry::index, {}, &kDeviceIndexRule, true},
+    {"url", &DeviceEntry::url, {}, &kDeviceUrlRule, true},
+    {"username", &DeviceEntry::username, {}, &kDeviceUserRule},
+    {"password", &DeviceEntry::password, {}, &kDevicePasswordRule},
+    {"http_port", &DeviceEntry::httpPort, kPortOrNone},
+    {"rtsp_port", &DeviceEntry::rtspPort, kPortOrNone},
+};
+
+// Values that must be different from each other, with the key that has each.
+template <class T>
+class Distinct {
+ public:
+  void add(const T& value, const Place& place) {
+    const auto [former, added] = taken_.try_emplace(value, place.key, place.line);
+    if (added) return;
+    const auto& [key, line] = former->second;
+    place.fail("expected a value that is not taken, as " + key +
+               (line == 0 ? " has it" : " in line " + std::to_string(line) + " has it"));
+  }
+
+ private:
+  std::map<T, std::pair<std::string, toml::source_index>> taken_;
+};
+
+class FileReader {
+ public:
+  FileReader(const std::string& file, const toml::table& root) : file_(file), root_(root) {}
+
+  Configuration read() {
+    for (const auto& [name, node] : root_) readTopLevel(name, node);
+    // After the sections, because HA1s depend on the realm.
+    claimPort("http", "port", result_.http.port);
+    claimPort("network", "picture_port", result_.network.picturePort);
+    forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
+    forEachTable("users", [this](const auto& table, const Place& at) { addUser(table, at); });
+    result_.buildIndexes();
+    warnAboutMissingDevices();
+    return std::move(result_);
+  }
+
+ private:
+  void readTopLevel(const toml::key& name, const toml::node& node) {
+    const Place place{file_, name.source().begin.line, std::string(name.str())};
+    if (place.key == "users" || place.key == "devices") return;
+    const bool known = readSection("http", kHttpKeys, result_.http, place, node) ||
+                       readSection("network", kNetworkKeys, result_.network, place, node) ||
+                       readSection("kavro", kKavroKeys, result_.kavro, place, node) ||
+                       readSection("lock", kLockKeys, result_.lock, place, node) ||
+                       readSection("storage", kStorageKeys, result_.storage, place, node) ||
+                       readSection("bus", kBusKeys, result_.bus, place, node) ||
+                       readSection("log", kLogKeys, result_.log, place, node);
+    if (!known) place.fail("unknown section");
+  }
+
+  // False when the place is another section.
+  template <class S, std::size_t N>
+  static bool readSection(std::string_view name, const Key<S> (&keys)[N], S& target,
+                          const Place& place, const toml::node& node) {
+    if (place.key != name) return false;
+    if (!node.is_table()) place.fail("expected a section [" + place.key + "]");
+    readTable(*node.as_table(), keys, place, target);
+    return true;
+  }
+
+  template <class Add>
+  void forEachTable(const char* name, Add add) {
+    const toml::node* const node = root_.get(name);
+    if (!node) return;
+    const auto placeOf = [&](const toml::node& at) {
+      return Place{file_, at.source().begin.line, name};
+    };
+    const std::string expected = std::string("expected sections [[") + name + "]]";
+    if (!node->is_array()) placeOf(*node).fail(expected);
+    for (const toml::node& entry : *node->as_array()) {
+      if (!entry.is_table()) placeOf(entry).fail(expected);
+      add(*entry.as_table(), placeOf(entry));
+    }
+  }
+
+  // The place of a key of a table, or of the table when the key is not there.
+  static Place placeOfKey(const toml::table& table, const Place& at, const char* key) {
+    const toml::node* const node = table.get(key);
+    return Place{at.file, node ? node->source().begin.line : at.line, at.key + '.' + key};
+  }
+
+  void claimPort(const char* section, const char* key, uint16_t port) {
+    const toml::node* const table = root_.get(section);
+    const Place at{file_, 0, section};
+    ports_.add(port, table ? placeOfKey(*table->as_table(), at, key)
+                           : Place{file_, 0, at.key + '.' + key});
+  }
+
+  void addDevice(const toml::table& table, const Place& at) {
+    DeviceEntry entry;
+    readTable(table, kDeviceKeys, at, entry);
+    parseDeviceUrl(entry.url, entry);
+    indexes_.add(entry.index, placeOfKey(table, at, "index"));
+    if (entry.httpPort != 0) ports_.add(entry.httpPort, placeOfKey(table, at, "http_port"));
+    if (entry.username.empty() && !entry.password.empty()) {
+      placeOfKey(table, at, "username").fail("expected a name to go with the password");
+    }
+    result_.devices.push_back(std::move(entry));
+  }
+
+  void addUser(const toml::table& table, const Place& at) {
+    UserEntry entry;
+    readTable(table, kUserKeys, at, entry);
+    names_.add(entry.name, placeOfKey(table, at, "name"));
+    if (entry.password.empty() == entry.ha1.empty()) {
+      placeOfKey(table, at, "password").fail("expected either password or ha1");
+    }
+    const DigestAlgorithm algorithm = result_.kavro.algorithm;
+    if (entry.ha1.empty()) {
+      entry.ha1 = hexDigest(algorithm, {entry.name, result_.kavro.realm, entry.password}).text();
+    }
+    if (entry.ha1.size() != hexLength(algorithm)) {
+      placeOfKey(table, at, "ha1")
+          .fail("expected " + std::to_string(hexLength(algorithm)) + " hexadecimal digits, a " +
+                std::string(algorithmName(algorithm)) + " digest");
+    }
+    std::transform(entry.ha1.begin(), entry.ha1.end(), entry.ha1.begin(),
+                   [](char c) { return c >= 'A' && c <= 'F' ? char(c - 'A' + 'a') : c; });
+    result_.users.push_back(std::move(entry));
+  }
+
+  void warnAboutMissingDevices() const {
+    const auto warn = [this](const UserConfig& user, const std::string& device) {
+      if (result_.findDevice(device)) return;
+      logWarn("{}: the user \"{}\" may use the device \"{}\", which is not configured", file_,
+              user.name, device);
+    };
+    for (const UserConfig& user : result_.users) {
+      warn(user, user.device);
+      for (const std::string& device : user.devices) warn(user, device);
+    }
+  }
+
+  const std::string& file_;
+  const toml::table& root_;
+  Configuration result_;
+  Distinct<std::string> names_;
+  Distinct<std::string> indexes_;
+  Distinct<uint16_t> ports_;
+};
+
+std::string contentOf(const std::filesystem::path& file) {
+  const Place place{file.native(), 0, ""};
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) place.fail("cannot be read");
+  std::string content(kConfigurationFileBytes + 1, '\0');
+  stream.read(content.data(), std::streamsize(content.size()));
+  if (stream.bad()) place.fail("cannot be read");
+  content.resize(std::size_t(stream.gcount()));
+  if (content.size() > kConfigurationFileBytes) {
+    place.fail("expected at most " + std::to_string(kConfigurationFileBytes) + " bytes");
+  }
+  return content;
+}
+
+}  // namespace
+
+Configuration readConfiguration(const std::filesystem::path& file) {
+  const std::string name = file.string();
+  const std::string content = contentOf(file);
+  try {
+    const toml::table root = toml::parse(content, name);
+    return FileReader(name, root).read();
+  } catch (const toml::parse_error& error) {
+    Place{name, error.source().begin.line, ""}.fail(std::string(error.description()));
+  }
+}
+
+}  // namespace qn

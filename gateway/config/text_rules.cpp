@@ -1,0 +1,136 @@
+#include "gateway/config/text_rules.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string>
+
+namespace qn {
+namespace {
+
+constexpr std::size_t kNameBytes = 128;
+constexpr std::size_t kPasswordBytes = 256;
+constexpr std::size_t kIndexBytes = 63;  // what the login hands to the request frame
+constexpr std::size_t kUrlBytes = 1024;
+constexpr std::size_t kHostBytes = 253;
+
+// Printable ASCII without the blank.
+bool isVisible(char c) { return c > ' ' && c < 0x7f; }
+
+bool isControl(char c) { return uint8_t(c) < ' ' || c == 0x7f; }
+
+bool hasNone(std::string_view text, std::string_view characters) {
+  return text.find_first_of(characters) == text.npos;
+}
+
+bool isPlain(std::string_view text, std::size_t limit) {
+  return text.size() <= limit && std::none_of(text.begin(), text.end(), isControl);
+}
+
+bool isIPv6(std::string_view text) {
+  in6_addr address{};
+  return inet_pton(AF_INET6, std::string(text).c_str(), &address) == 1;
+}
+
+bool isAddress(std::string_view text) {
+  in_addr address{};
+  return hasNone(text, std::string_view("\0", 1)) &&
+         (inet_pton(AF_INET, std::string(text).c_str(), &address) == 1 || isIPv6(text));
+}
+
+bool isLevel(std::string_view text) {
+  return text == "debug" || text == "info" || text == "warn" || text == "error";
+}
+
+bool isAlgorithm(std::string_view text) {
+  return text == algorithmName(DigestAlgorithm::MD5) ||
+         text == algorithmName(DigestAlgorithm::SHA256);
+}
+
+bool isRealm(std::string_view text) {
+  return !text.empty() && text.size() <= kNameBytes && hasNone(text, "\"\\") &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c == ' ' || isVisible(c); });
+}
+
+bool isUserName(std::string_view text) {
+  return !text.empty() && isPlain(text, kNameBytes) && hasNone(text, ":");
+}
+
+bool isPassword(std::string_view text) { return !text.empty() && isPlain(text, kPasswordBytes); }
+
+bool isHa1(std::string_view text) { return !text.empty() && isHex(text); }
+
+bool isDeviceIndex(std::string_view text) {
+  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%?/") &&
+         std::all_of(text.begin(), text.end(), isVisible);
+}
+
+bool isDeviceUrl(std::string_view text) {
+  DeviceConfig device;
+  return parseDeviceUrl(text, device);
+}
+
+bool isDeviceUser(std::string_view text) { return isPlain(text, kNameBytes) && hasNone(text, ":"); }
+
+bool isDevicePassword(std::string_view text) { return isPlain(text, kPasswordBytes); }
+
+bool isPath(std::string_view text) { return !text.empty() && isPlain(text, 4096); }
+
+bool isHostName(std::string_view text) {
+  constexpr std::string_view kAlphabet =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
+  return !text.empty() && text.size() <= kHostBytes &&
+         text.find_first_not_of(kAlphabet) == text.npos;
+}
+
+// Takes a name, an IPv4 address or an IPv6 address in brackets off the front.
+bool takeHost(std::string_view& text, std::string& host) {
+  const bool bracketed = text.starts_with('[');
+  const std::size_t end = std::min(bracketed ? text.find(']') : text.find(':'), text.size());
+  if (bracketed && end == text.size()) return false;
+  host = bracketed ? text.substr(1, end - 1) : text.substr(0, end);
+  text.remove_prefix(bracketed ? end + 1 : end);
+  return bracketed ? isIPv6(host) : isHostName(host);
+}
+
+// ":" and a number, or nothing.
+bool readPort(std::string_view text, uint16_t& port) {
+  if (text.empty()) return true;
+  const char* const last = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data() + 1, last, port);
+  return text.size() > 1 && text[0] == ':' && error == std::errc() && end == last && port != 0;
+}
+
+}  // namespace
+
+const TextRule kAddressRule{isAddress, "an IP address"};
+const TextRule kLevelRule{isLevel, "\"debug\", \"info\", \"warn\" or \"error\""};
+const TextRule kAlgorithmRule{isAlgorithm, "\"MD5\" or \"SHA-256\""};
+const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};
+const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};
+const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
+const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
+const TextRule kDeviceIndexRule{isDeviceIndex,
+                                "1 to 63 printable ASCII characters without blanks and & # % ? /"};
+const TextRule kDeviceUrlRule{isDeviceUrl, "http://HOST[:PORT][/PATH], an IPv6 HOST in brackets"};
+const TextRule kDeviceUserRule{isDeviceUser,
+                               "at most 128 bytes without \":\" and control characters"};
+const TextRule kDevicePasswordRule{isDevicePassword,
+                                   "at most 256 bytes without control characters"};
+const TextRule kPathRule{isPath, "a path"};
+
+bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
+  constexpr std::string_view kScheme = "http://";
+  if (url.size() > kUrlBytes || !url.starts_with(kScheme)) return false;
+  url.remove_prefix(kScheme.size());
+  const std::size_t pathStart = std::min(url.find('/'), url.size());
+  std::string_view authority = url.substr(0, pathStart);
+  std::string_view path = url.substr(pathStart);
+  while (path.ends_with('/')) path.remove_suffix(1);
+  device.basePath = path;
+  return takeHost(authority, device.host) && readPort(authority, device.port) &&
+         hasNone(path, "?#") && std::all_of(path.begin(), path.end(), isVisible);
+}
+
+}  // namespace qn

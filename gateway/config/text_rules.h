@@ -1,0 +1,31 @@
+// What the texts of the configuration file must look like. Used by the key tables.
+#pragma once
+
+#include <string_view>
+
+#include "gateway/config/configuration.h"
+
+namespace qn {
+
+struct TextRule {
+  bool (*holds)(std::string_view text);
+  const char* expected;  // follows "expected "
+};
+
+extern const TextRule kAddressRule;
+extern const TextRule kLevelRule;
+extern const TextRule kAlgorithmRule;
+extern const TextRule kRealmRule;
+extern const TextRule kUserNameRule;
+extern const TextRule kPasswordRule;
+extern const TextRule kHa1Rule;
+extern const TextRule kDeviceIndexRule;
+extern const TextRule kDeviceUrlRule;
+extern const TextRule kDeviceUserRule;
+extern const TextRule kDevicePasswordRule;
+extern const TextRule kPathRule;
+
+// Sets host, port and basePath of the device; false when the text breaks kDeviceUrlRule.
+bool parseDeviceUrl(std::string_view url, DeviceConfig& device);
+
+}  // namespace qn
