@@ -1,0 +1,47 @@
+// One client's open alert stream: a multipart answer that never ends. Owned by the alarm feed.
+#pragma once
+
+#include <boost/beast/core/tcp_stream.hpp>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace subdevice {
+
+// How parts are put on the wire; the control resource chooses, so that a reader meets every form.
+struct StreamFraming {
+  bool lengths = true;    // a Content-Length in the head of each part
+  bool chunked = false;   // the answer as HTTP chunks
+  std::size_t split = 0;  // bytes of each write; 0: whatever is there
+};
+
+class AlertStream : public std::enable_shared_from_this<AlertStream> {
+ public:
+  static constexpr std::size_t kQueueBytes = 4 * 1024 * 1024;
+
+  // `onEnd` is called once, when the client has gone or a write failed.
+  AlertStream(boost::beast::tcp_stream stream, StreamFraming framing,
+              std::function<void(AlertStream*)> onEnd);
+
+  void start();
+  // False when the client is too slow: its queue is full and the part is not sent.
+  bool push(std::string_view document);
+  // Nothing more is sent and `onEnd` is not called.
+  void close();
+
+ private:
+  void queue(std::string_view bytes);
+  void write();
+  void watchPeer();
+  void end();
+
+  boost::beast::tcp_stream stream_;
+  const StreamFraming framing_;
+  std::function<void(AlertStream*)> onEnd_;
+  std::string pending_;
+  std::string writing_;  // empty: no write in flight
+  char ignored_ = 0;
+};
+
+}  // namespace subdevice

@@ -1,0 +1,42 @@
+// See device.h.
+#include "subdevice/device.h"
+
+#include <utility>
+
+#include "subdevice/factory_documents.h"
+
+namespace subdevice {
+
+void RequestLog::add(const Request& request) {
+  if (entries_.size() == kEntries) entries_.pop_front();
+  entries_.push_back({request.method, request.target, request.contentType,
+                      request.body.substr(0, kBodyBytes), request.body.size()});
+}
+
+Json::Value RequestLog::document() const {
+  Json::Value list(Json::arrayValue);
+  for (const auto& entry : entries_) {
+    Json::Value& row = list.append({});
+    row["method"] = entry.method;
+    row["url"] = entry.url;
+    row["contentType"] = entry.contentType;
+    row["body"] = entry.body;
+    row["bodyBytes"] = static_cast<Json::UInt64>(entry.bodyBytes);
+  }
+  return list;
+}
+
+Device::Device(boost::asio::io_context& io, DeviceOptions deviceOptions)
+    : options(std::move(deviceOptions)),
+      documents(factoryDocuments(options)),
+      streams(factoryStreams(options)),
+      recordings(options.channels),
+      faces(io),
+      login(options.username, options.password),
+      alarms(io, options.alarmInterval) {
+  for (int channel = 1; channel <= options.channels; ++channel)
+    ptzHeads.emplace(channel, PtzHead(channel));
+  for (int output = 1; output <= kIoOutputs; ++output) outputs[output] = "low";
+}
+
+}  // namespace subdevice

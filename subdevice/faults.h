@@ -1,0 +1,59 @@
+// What the control resource ordered a device to do wrong: one order at a time, for a number of
+// requests or until it is taken back.
+#pragma once
+
+#include <json/json.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "subdevice/message.h"
+
+namespace subdevice {
+
+enum class FaultKind {
+  None,     // answer properly (perhaps late)
+  Refuse,   // close without an answer
+  Hang,     // say nothing and keep the connection
+  Cut,      // close in the middle of the answer
+  Garbage,  // bytes that are not HTTP
+  Empty,    // 200 without a body
+  Reply,    // the given status, content type and body
+  Large,    // a body of the given number of bytes
+};
+
+struct Fault {
+  static constexpr std::size_t kLargestBody = 64 * 1024 * 1024;
+
+  FaultKind kind = FaultKind::None;
+  std::chrono::milliseconds delay{0};  // before any kind, the proper answer included
+  Reply reply;                         // of the kind Reply
+  std::size_t bytes = 0;               // of the kind Large
+};
+
+class Faults {
+ public:
+  // {"kind": "none|refuse|hang|cut|garbage|empty|reply|large", "delayMs": n, "count": n,
+  //  "url": text, "httpStatus": n, "contentType": text, "body": text, "bytes": n}. Without "count":
+  // until the next order. Only requests whose URL contains "url" are hit; without one all but the
+  // alert stream. False for an order that makes no sense; the one in force then stays.
+  bool order(const Json::Value& order);
+  void clear();
+
+  // What to do with this request; uses up one of the count.
+  Fault take(const Request& request);
+
+  uint64_t remaining() const { return remaining_; }
+
+ private:
+  static constexpr uint64_t kForever = UINT64_MAX;
+
+  bool hits(const Request& request) const;
+
+  Fault fault_;
+  std::string url_;
+  uint64_t remaining_ = 0;
+};
+
+}  // namespace subdevice
