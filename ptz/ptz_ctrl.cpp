@@ -1,0 +1,121 @@
+#include "ptz/ptz_ctrl.h"
+
+#include "devcfg/device_url.h"
+#include "document/read_xml.h"
+#include "document/write_xml.h"
+#include "protocol/error_code.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+using namespace QNHttpService;
+using namespace table;
+
+constexpr std::string_view kContinuous = "/KAVRO/PTZCtrl/channels/%d/continuous";
+constexpr std::string_view kPresetGoto = "/KAVRO/PTZCtrl/channels/%d/presets/%d/goto";
+constexpr std::string_view kPreset = "/KAVRO/PTZCtrl/channels/%d/presets/%d";
+constexpr std::string_view kHomeGoto = "/KAVRO/PTZCtrl/channels/%d/homeposition/goto";
+
+constexpr Route kRoutes[] = {
+    {"/KAVRO/PTZCtrl/channels",
+     {HTTP_GET},
+     CPTZCtrl::covertPTZCtrlUrlandBody,
+     CPTZCtrl::covertPTZCtrlRsp},
+    {kContinuous, {HTTP_PUT}, CPTZCtrl::covertPTZContinuousUrlandBody, answerSuccess},
+    {kPresetGoto, {HTTP_PUT}, CPTZCtrl::covertPTZPresetsGotoUrlandBody, answerSuccess},
+    {kPreset, {HTTP_PUT, HTTP_DELETE}, CPTZCtrl::covertPTZPresetsUrlandBody, answerSuccess},
+    {kHomeGoto, {HTTP_PUT}, CPTZCtrl::covertPTZHomeGotoUrlandBody, answerSuccess},
+};
+
+constexpr Row kControlAddressRows[] = {
+    boolean("enabled", write::required),
+    text("Address", write::strict),
+};
+constexpr Row kSerialLineRows[] = {
+    integer("baudRate", write::required), integer("dataBits", write::required),
+    text("parityType", write::required),  text("stopBits", write::required),
+    text("flowCtrl", write::required),
+};
+constexpr Row kChannelRows[] = {
+    integer("id", write::required),
+    boolean("enabled", write::required),
+    integer("serialNumber", write::required),
+    integer("videoInputID", write::required),
+    integer("panMaxSpeed", write::strict),
+    integer("tiltMaxSpeed", write::strict),
+    integer("presetSpeed", write::strict),
+    integer("autoPatrolSpeed", write::strict),
+    integer("keyBoardControlSpeed", write::strict),
+    text("controlProtocol", write::strict),
+    section("controlAddress", kControlAddressRows, write::strict),
+    text("defaultPresetID", write::strict),
+    section("PTZRs485Para", kSerialLineRows, write::strict),
+    text("manualControlSpeed", write::strict),
+};
+constexpr Row kChannelEntryRows[] = {section("PTZChannel", kChannelRows, write::required)};
+constexpr Row kChannelList = list("PTZChannelList", kChannelEntryRows, write::present);
+
+constexpr Row kMoveRows[] = {
+    integer("pan", read::optional).anywhere(),
+    integer("tilt", read::optional).anywhere(),
+    integer("zoom", read::optional).anywhere(),
+};
+
+constexpr Row kPresetRows[] = {
+    boolean("enabled", read::optional).anywhere().trueUnlessFalse(),
+    text("id", read::optional).anywhere().filled(),
+    text("presetName", read::optional).anywhere().filled(),
+};
+
+std::string sameUrl(std::string_view pattern, const ClientRequest& in) {
+  return deviceJsonUrl(devicePath(in.url, pattern), in.devIndex);
+}
+
+int readBody(DeviceRequest& out, std::string_view body, const char* root, Rows rows) {
+  CXmlBase xml;
+  Json::Value content(Json::objectValue);
+  if (!enterRoot(xml, body, root) || readRows(content, rows, xml) != nullptr) {
+    out.url.clear();
+    return BODY_REFUSED;
+  }
+  out.body = writeJsonUnder(root, std::move(content));
+  return 0;
+}
+
+}  // namespace
+
+CPTZCtrl::CPTZCtrl() : RoutedCfg(kRoutes) {}
+
+int CPTZCtrl::covertPTZCtrlUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  out.url = deviceJsonUrl("/KAVRO/PTZCtrl/channels", in.devIndex);
+  return 0;
+}
+
+int CPTZCtrl::covertPTZContinuousUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  out.url = sameUrl(kContinuous, in);
+  return readBody(out, in.body, "PTZData", kMoveRows);
+}
+
+int CPTZCtrl::covertPTZPresetsGotoUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  out.url = sameUrl(kPresetGoto, in);
+  return 0;
+}
+
+int CPTZCtrl::covertPTZPresetsUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  out.url = sameUrl(kPreset, in);
+  return in.method == HTTP_DELETE ? 0 : readBody(out, in.body, "PTZPreset", kPresetRows);
+}
+
+int CPTZCtrl::covertPTZHomeGotoUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  out.url = sameUrl(kHomeGoto, in);
+  return 0;
+}
+
+int CPTZCtrl::covertPTZCtrlRsp(std::string& body, const DeviceReply& reply) {
+  CXmlBase xml;
+  if (writeDocument(xml, kChannelList, reply.document) != nullptr) return BUS_INTERNAL_FAILURE;
+  body = xml.GetChildren();
+  return 0;
+}
+
+}  // namespace QNKAVROProtocol
