@@ -1,0 +1,168 @@
+#include "eventcfg/event_cfg.h"
+
+#include "devcfg/device_url.h"
+#include "document/json_member.h"
+#include "document/read_xml.h"
+#include "document/write_xml.h"
+#include "protocol/error_code.h"
+#include "protocol/log.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+using namespace QNHttpService;
+using namespace table;
+
+constexpr std::string_view kTrigger = "/KAVRO/System/IO/outputs/%d/trigger";
+
+constexpr Route kRoutes[] = {
+    {"/KAVRO/Smart/capabilities",
+     {HTTP_GET},
+     CEventCfg::covertSmartCapUrlandBody,
+     CEventCfg::covertSmartCapRspBody},
+    {"/KAVRO/Smart/capabilities/SmartCap",
+     {HTTP_GET},
+     CEventCfg::covertSmartCapUrlandBody,
+     CEventCfg::covertSmartCapRspBody},
+    {"/KAVRO/System/IO",
+     {HTTP_GET},
+     CEventCfg::covertSystemIOUrlandBody,
+     CEventCfg::covertSystemIORspBody},
+    {"/KAVRO/System/capabilities",
+     {HTTP_GET},
+     CEventCfg::covertSysemCapUrlandBody,
+     CEventCfg::covertSystemCapRspBody},
+    {kTrigger, {HTTP_PUT}, CEventCfg::covertIOOutputTriggerUrlandBody, answerSuccess},
+};
+
+constexpr Row kSmartCapRows[] = {
+    boolean("isSupportROI", write::strict),
+    boolean("isSupportFaceDetect", write::strict),
+    boolean("isSupportIntelliTrace", write::strict),
+    boolean("isSupportFieldDetection", write::strict),
+    boolean("isSupportDefocusDetection", write::strict),
+    boolean("isSupportAudioDetection", write::strict),
+    boolean("isSupportSceneChangeDetection", write::strict),
+    boolean("isSupportLineDetection", write::strict),
+    boolean("isSupportRegionEntrance", write::strict),
+    boolean("isSupportRegionExiting", write::strict),
+    boolean("isSupportLoitering", write::strict),
+    boolean("isSupportGroup", write::strict),
+    boolean("isSupportRapidMove", write::strict),
+    boolean("isSupportParking", write::strict),
+    boolean("isSupportUnattendedBaggage", write::strict),
+    boolean("isSupportAttendedBaggage", write::strict),
+    boolean("isSupportPeopleDetection", write::strict),
+    boolean("isSupportShipsDetection", write::strict),
+    boolean("isSupportSmartCalibration", write::strict),
+    boolean("isSupportStorageDetection", write::strict),
+    boolean("isSupportShield", write::strict),
+    boolean("isSupportAlgVersion", write::strict),
+    boolean("isSupportVideoOverlap", write::strict),
+    boolean("isSupportParkingState", write::strict),
+    boolean("isSupportChannelResource", write::strict),
+    boolean("isSupportAnalysisUnitSwitch", write::strict),
+    boolean("isSupportHFPD", write::strict),
+    boolean("isSupportImageROI", write::strict),
+    boolean("isSupportLFPD", write::strict),
+};
+constexpr Row kSmartCap = section("SmartCap", kSmartCapRows, write::strict);
+
+// A port is reported as enabled whatever its own state is.
+constexpr Row kInputRows[] = {
+    integer("id", write::required),
+    boolean("enable", write::required).as("enabled").shownAs("true"),
+    text("triggering", write::strict),
+    text("name", write::strict),
+};
+constexpr Row kInputEntryRows[] = {section("IOInputPort", kInputRows, write::strict)};
+constexpr Row kOutputRows[] = {
+    integer("id", write::required),
+    boolean("enable", write::required).as("enabled").shownAs("true"),
+    text("name", write::strict),
+};
+constexpr Row kOutputEntryRows[] = {section("IOOutputPort", kOutputRows, write::strict)};
+constexpr Row kPortListRows[] = {
+    list("IOInputPortList", kInputEntryRows, write::strict),
+    list("IOOutputPortList", kOutputEntryRows, write::strict),
+};
+constexpr Row kPortList = section("IOPortList", kPortListRows, write::strict);
+
+constexpr Row kTriggerRows[] = {text("outputState", read::required)};
+
+// Clients compare this text, blanks included.
+constexpr std::string_view kSystemCapabilities =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?><DeviceCap version = \"2.0\"><SysCap>"
+    "<IOCap  version = \"2.0\"></IOCap></SysCap></DeviceCap>";
+
+int passBody(DeviceRequest& out, const ClientRequest& in, std::string_view path) {
+  out.url = deviceJsonUrl(path, in.devIndex);
+  out.body = in.body;
+  return 0;
+}
+
+int writeReply(std::string& body, const Row& root, const DeviceReply& reply) {
+  CXmlBase xml;
+  if (writeDocument(xml, root, reply.document) != nullptr) return BUS_INTERNAL_FAILURE;
+  body = xml.GetChildren();
+  return 0;
+}
+
+bool isOutputState(const Json::Value& value) {
+  const std::string_view state = jsonText(value);
+  return state == "high" || state == "low";
+}
+
+// What is wrong with the body of a trigger; null when nothing is, with its content in `trigger`.
+const char* readTrigger(Json::Value& trigger, std::string_view body) {
+  CXmlBase xml;
+  if (!xml.Parse(body)) return "Parse failed";
+  if (!xml.FindElem("IOPortData") || !xml.IntoElem() ||
+      readRows(trigger, kTriggerRows, xml) != nullptr) {
+    return "xml cannot find outputState";
+  }
+  return isOutputState(trigger["outputState"]) ? nullptr : "xml outputState is wrong param";
+}
+
+}  // namespace
+
+CEventCfg::CEventCfg() : RoutedCfg(kRoutes) {}
+
+int CEventCfg::covertSmartCapUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  return passBody(out, in, "/KAVRO/Smart/capabilities");
+}
+
+int CEventCfg::covertSystemIOUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  return passBody(out, in, "/KAVRO/System/IO");
+}
+
+int CEventCfg::covertSysemCapUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  return passBody(out, in, "/KAVRO/Smart/capabilities");
+}
+
+int CEventCfg::covertIOOutputTriggerUrlandBody(DeviceRequest& out, const ClientRequest& in) {
+  Json::Value trigger;
+  if (const char* fault = readTrigger(trigger, in.body)) {
+    QN_LOG(WLOG_ERROR, "%s", fault);
+    out.url.clear();
+    return BODY_REFUSED;
+  }
+  out.url = deviceJsonUrl(devicePath(in.url, kTrigger), in.devIndex);
+  out.body = writeJsonUnder("IOPortData", std::move(trigger));
+  return 0;
+}
+
+int CEventCfg::covertSmartCapRspBody(std::string& body, const DeviceReply& reply) {
+  return writeReply(body, kSmartCap, reply);
+}
+
+int CEventCfg::covertSystemIORspBody(std::string& body, const DeviceReply& reply) {
+  return writeReply(body, kPortList, reply);
+}
+
+int CEventCfg::covertSystemCapRspBody(std::string& body, const DeviceReply&) {
+  body = kSystemCapabilities;
+  return 0;
+}
+
+}  // namespace QNKAVROProtocol
