@@ -1,14 +1,19 @@
 #include "devcfg/device_cfg_pto.h"
 
+#include "channel/channel_cfg.h"
 #include "devcfg/dev_maintain.h"
 #include "devcfg/handler_chain.h"
 #include "devcfg/image_cfg.h"
+#include "eventcfg/event_cfg.h"
+#include "ptz/ptz_ctrl.h"
+#include "record/record_operation.h"
 
 namespace QNKAVROProtocol {
 namespace {
 
 // The order decides who serves a URL that two would accept.
-using Handlers = HandlerChain<CDevMaintain, CImageCfg>;
+using Handlers =
+    HandlerChain<CChannelCfg, CDevMaintain, CEventCfg, CImageCfg, CPTZCtrl, CRecordOperation>;
 
 }  // namespace
 

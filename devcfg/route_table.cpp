@@ -8,12 +8,17 @@
 namespace QNKAVROProtocol {
 namespace {
 
-bool matches(const Route& route, const std::string& url) {
-  int numbers = 0;
-  for (auto at = route.pattern.find("%d"); at != std::string_view::npos;
-       at = route.pattern.find("%d", at + 2)) {
-    ++numbers;
+std::size_t countNumbers(std::string_view pattern) {
+  std::size_t count = 0;
+  for (auto at = pattern.find("%d"); at != std::string_view::npos;
+       at = pattern.find("%d", at + 2)) {
+    ++count;
   }
+  return count;
+}
+
+bool matches(const Route& route, const std::string& url) {
+  const int numbers = static_cast<int>(countNumbers(route.pattern));
   return numbers == 0 ? QNBase::CRESTfulProtocol::cmpURL(url, route.pattern)
                       : QNBase::CRESTfulProtocol::cmpURLWithInt(url, route.pattern, numbers);
 }
@@ -55,14 +60,17 @@ int RoutedCfg::covertRspBody(std::string& body, const Json::Value& reply, const 
   return route->reply(body, {reply, url, method, exchange});
 }
 
-std::string withNumbers(std::string_view pattern, std::initializer_list<int> numbers) {
-  std::string text;
-  for (const int number : numbers) {
+std::string devicePath(std::string_view url, std::string_view pattern) {
+  int numbers[2] = {};
+  const std::span found(numbers, countNumbers(pattern));
+  readUrlNumbers(url, pattern, found);
+  std::string path;
+  for (const int number : found) {
     const std::size_t at = pattern.find("%d");
-    text.append(pattern.substr(0, at)).append(std::to_string(number));
+    path.append(pattern.substr(0, at)).append(std::to_string(number));
     pattern.remove_prefix(at + 2);
   }
-  return text.append(pattern);
+  return path.append(pattern);
 }
 
 int urlNumber(std::string_view url, std::string_view pattern) {

@@ -78,10 +78,11 @@ class RoutedCfg : public CDevCfgBase {
   std::span<const Route> routes_;
 };
 
-// The pattern with the numbers in place of its "%d".
-std::string withNumbers(std::string_view pattern, std::initializer_list<int> numbers);
+// The device's path of a resource that it has under the client's URL, which matched `pattern`: the
+// same, with at most two numbers in plain decimal form.
+std::string devicePath(std::string_view url, std::string_view pattern);
 
-// The first number of a URL that matched `pattern`.
+// The number of a URL that matched a pattern with one.
 int urlNumber(std::string_view url, std::string_view pattern);
 
 // The device's number for a client's channel id: main stream 1 of the channel for ids up to 100,
