@@ -1,0 +1,94 @@
+// See database.h.
+#include "gateway/oplog/database.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+namespace qn {
+namespace {
+
+// Ids grow by one and are never used again, so the oldest rows are those with the smallest ids.
+constexpr char kTable[] =
+    "CREATE TABLE IF NOT EXISTS operation_log("
+    "id INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, iso_time TEXT NOT NULL, "
+    "user TEXT NOT NULL, client_ip TEXT NOT NULL, operation TEXT NOT NULL, "
+    "category TEXT NOT NULL, result TEXT NOT NULL)";
+constexpr char kInsert[] =
+    "INSERT INTO operation_log(time, iso_time, user, client_ip, operation, category, result) "
+    "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+constexpr char kTrim[] =
+    "DELETE FROM operation_log WHERE id <= (SELECT max(id) FROM operation_log) - ?1";
+
+}  // namespace
+
+void OperationDatabase::Close::operator()(sqlite3* connection) const {
+  sqlite3_close_v2(connection);
+}
+
+void OperationDatabase::Finalize::operator()(sqlite3_stmt* statement) const {
+  sqlite3_finalize(statement);
+}
+
+OperationDatabase::OperationDatabase(const std::filesystem::path& file) {
+  sqlite3* opened = nullptr;
+  const int result =
+      sqlite3_open_v2(file.c_str(), &opened,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  connection_.reset(opened);  // a failed opening leaves one as well, for its message
+  check(result);
+  check(sqlite3_busy_timeout(opened, kBusyTimeMs));
+  execute("PRAGMA journal_mode = WAL");
+  execute("PRAGMA synchronous = NORMAL");  // a power cut may cost the last rows, never the file
+  execute(kTable);
+  insert_ = prepare(kInsert);
+  trim_ = prepare(kTrim);
+}
+
+void OperationDatabase::append(std::span<const tagLogInfo> records, std::size_t rows) {
+  execute("BEGIN IMMEDIATE");
+  for (const tagLogInfo& record : records) insert(record);
+  constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<int64_t>::max());
+  check(sqlite3_bind_int64(trim_.get(), 1, static_cast<int64_t>(std::min(rows, kMost))));
+  run(trim_);
+  execute("COMMIT");
+}
+
+void OperationDatabase::insert(const tagLogInfo& record) {
+  check(sqlite3_bind_int64(insert_.get(), 1, static_cast<int64_t>(record.time)));
+  int index = 2;
+  for (const std::string* text : {&record.isoTime, &record.user, &record.clientIp,
+                                  &record.operation, &record.category, &record.result}) {
+    // SQLITE_STATIC: the record outlives the step.
+    check(sqlite3_bind_text64(insert_.get(), index++, text->data(), text->size(), SQLITE_STATIC,
+                              SQLITE_UTF8));
+  }
+  run(insert_);
+}
+
+OperationDatabase::Statement OperationDatabase::prepare(const char* sql) {
+  sqlite3_stmt* statement = nullptr;
+  check(sqlite3_prepare_v2(connection_.get(), sql, -1, &statement, nullptr));
+  return Statement(statement);
+}
+
+void OperationDatabase::run(const Statement& statement) {
+  const int result = sqlite3_step(statement.get());
+  check(result == SQLITE_DONE ? SQLITE_OK : result);
+  check(sqlite3_reset(statement.get()));
+}
+
+void OperationDatabase::execute(const char* sql) {
+  check(sqlite3_exec(connection_.get(), sql, nullptr, nullptr, nullptr));
+}
+
+void OperationDatabase::check(int result) {
+  if (result == SQLITE_OK) return;
+  const int kind = result & 0xff;  // without the detail of an extended code
+  throw DatabaseError(connection_ ? sqlite3_errmsg(connection_.get()) : sqlite3_errstr(result),
+                      kind == SQLITE_NOTADB || kind == SQLITE_CORRUPT);
+}
+
+}  // namespace qn

@@ -1,0 +1,63 @@
+// The table of the operation log on SQLite. Used by the writer thread of operation_log.cpp only.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "platform/gateway_cfg_bus.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace qn {
+
+class DatabaseError : public std::runtime_error {
+ public:
+  DatabaseError(const std::string& text, bool unreadable)
+      : std::runtime_error(text), unreadable_(unreadable) {}
+
+  // Whether the file is damaged or no database at all.
+  bool isUnreadable() const { return unreadable_; }
+
+ private:
+  bool unreadable_;
+};
+
+// A connection for one thread. Every operation waits at most kBusyTime for other processes' locks.
+// After a DatabaseError only destroy it; that takes back what was not committed.
+class OperationDatabase {
+ public:
+  static constexpr int kBusyTimeMs = 500;
+
+  // Opens the file, making it and the table when they are missing. Readers of the file are never in
+  // the way: the journal is a write-ahead log.
+  explicit OperationDatabase(const std::filesystem::path& file);
+
+  // Adds the records in order, then drops the oldest beyond `rows`; all of it or nothing.
+  void append(std::span<const tagLogInfo> records, std::size_t rows);
+
+ private:
+  struct Close {
+    void operator()(sqlite3* connection) const;
+  };
+  struct Finalize {
+    void operator()(sqlite3_stmt* statement) const;
+  };
+  using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+  void execute(const char* sql);
+  Statement prepare(const char* sql);
+  void insert(const tagLogInfo& record);
+  void run(const Statement& statement);
+  void check(int result);
+
+  std::unique_ptr<sqlite3, Close> connection_;
+  Statement insert_;
+  Statement trim_;
+};
+
+}  // namespace qn

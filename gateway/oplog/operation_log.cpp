@@ -1,0 +1,192 @@
+// See operation_log.h and platform/gateway_cfg_bus.h.
+#include "gateway/oplog/operation_log.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "gateway/log/log.h"
+#include "gateway/oplog/database.h"
+
+namespace qn {
+namespace {
+
+constexpr std::chrono::seconds kLossReportTime{1};  // at most one line in it
+
+void requireWritable(const std::filesystem::path& directory) {
+  std::error_code error;
+  std::filesystem::create_directories(directory, error);
+  if (!error && access(directory.c_str(), W_OK | X_OK) != 0)
+    error.assign(errno, std::generic_category());
+  if (error) {
+    throw std::runtime_error("the data directory " + directory.string() +
+                             " cannot be used: " + error.message());
+  }
+}
+
+// Cuts a text between characters.
+void limit(std::string& text) {
+  if (text.size() <= OperationLog::kTextLimit) return;
+  std::size_t end = OperationLog::kTextLimit;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80) --end;
+  text.resize(end);
+}
+
+}  // namespace
+
+// Never destroyed: requests may still insert while the process ends.
+OperationLog& OperationLog::instance() {
+  static auto* const log = new OperationLog;
+  return *log;
+}
+
+OperationLog::OperationLog(std::chrono::milliseconds retryTime) : retryTime_(retryTime) {}
+
+OperationLog::~OperationLog() { stop(); }
+
+void OperationLog::start(const std::filesystem::path& dataDir, std::size_t rows) {
+  requireWritable(dataDir);
+  file_ = dataDir / "operation_log.db";
+  rows_ = rows;
+  batch_.reserve(kBatchLimit);
+  const std::lock_guard lock(mutex_);
+  writer_ = std::thread([this] { run(); });
+  running_ = true;
+}
+
+void OperationLog::stop() {
+  {
+    const std::lock_guard lock(mutex_);
+    running_ = false;
+  }
+  wakeUp_.notify_all();
+  if (writer_.joinable()) writer_.join();
+}
+
+bool OperationLog::insert(const tagLogInfo& info) {
+  tagLogInfo record = info;
+  for (std::string* text : {&record.user, &record.clientIp, &record.operation, &record.isoTime,
+                            &record.category, &record.result})
+    limit(*text);
+  {
+    const std::lock_guard lock(mutex_);
+    if (!running_) return false;
+    if (queue_.size() >= kQueueLimit) {
+      ++lost_;
+      return false;
+    }
+    queue_.push_back(std::move(record));
+  }
+  wakeUp_.notify_one();
+  return true;
+}
+
+void OperationLog::run() {
+  pthread_setname_np(pthread_self(), "oplog");
+  write();  // no records yet, but a database that cannot be used is known from the start
+  while (nextBatch()) {
+    bool last = false;  // attempt
+    while (!write()) {
+      if (last) {
+        discardAll();
+        break;
+      }
+      last = !waitForRetry();
+    }
+  }
+  reportLost();
+  database_.reset();
+}
+
+// Waits for records; false when the log has stopped and all are written.
+bool OperationLog::nextBatch() {
+  std::unique_lock lock(mutex_);
+  wakeUp_.wait(lock, [this] { return !running_ || !queue_.empty(); });
+  const auto end =
+      queue_.begin() + static_cast<std::ptrdiff_t>(std::min(queue_.size(), kBatchLimit));
+  batch_.assign(std::make_move_iterator(queue_.begin()), std::make_move_iterator(end));
+  queue_.erase(queue_.begin(), end);
+  return !batch_.empty();
+}
+
+bool OperationLog::write() {
+  try {
+    if (!database_) database_ = std::make_unique<OperationDatabase>(file_);
+    database_->append(batch_, rows_);
+    reportSuccess();
+    return true;
+  } catch (const DatabaseError& e) {
+    database_.reset();
+    reportFailure(e.what());
+    if (e.isUnreadable()) setAside();
+  } catch (const std::bad_alloc&) {
+    database_.reset();
+    reportFailure("out of memory");
+  }
+  return false;
+}
+
+// Once for each reason, however often it is tried again.
+void OperationLog::reportFailure(const std::string& reason) {
+  if (reason == failure_) return;
+  logError("operation log: {} cannot be written: {}; trying again every {} ms", file_.string(),
+           reason, retryTime_.count());
+  failure_ = reason;
+}
+
+void OperationLog::reportSuccess() {
+  if (!failure_.empty()) logInfo("operation log: {} is written again", file_.string());
+  failure_.clear();
+  const auto now = std::chrono::steady_clock::now();
+  if (now - lossReported_ < kLossReportTime) return;
+  lossReported_ = now;
+  reportLost();
+}
+
+void OperationLog::reportLost() {
+  const std::lock_guard lock(mutex_);
+  if (lost_ != 0) logError("operation log: {} records lost, the database was too slow", lost_);
+  lost_ = 0;
+}
+
+// False when the log has stopped.
+bool OperationLog::waitForRetry() {
+  std::unique_lock lock(mutex_);
+  return !wakeUp_.wait_for(lock, retryTime_, [this] { return !running_; });
+}
+
+void OperationLog::setAside() {
+  const std::string file = file_.string();
+  std::error_code error;
+  std::filesystem::rename(file, file + ".unreadable", error);
+  if (error) {
+    logError("operation log: {} cannot be moved: {}", file, error.message());
+    return;
+  }
+  std::filesystem::remove(file + "-wal", error);
+  std::filesystem::remove(file + "-shm", error);
+  logWarn("operation log: {} is damaged; it was moved to {}.unreadable", file, file);
+}
+
+void OperationLog::discardAll() {
+  const std::lock_guard lock(mutex_);
+  lost_ += batch_.size() + queue_.size();
+  queue_.clear();
+}
+
+}  // namespace qn
+
+int QN_GatewayCfgBus_InsertLogInfo(const tagLogInfo& info) {
+  try {
+    return qn::OperationLog::instance().insert(info) ? 0 : -1;
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+}

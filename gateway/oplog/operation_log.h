@@ -1,0 +1,83 @@
+// The operation log: `<dataDir>/operation_log.db`, table operation_log, readable at any time. The
+// host starts and stops it; QN_GatewayCfgBus_InsertLogInfo writes to instance().
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/gateway_cfg_bus.h"
+
+namespace qn {
+
+class OperationDatabase;
+
+// A database that cannot be written (locked, full, read-only) is logged and tried again, while the
+// queue takes what comes until it is full. A damaged file is moved to operation_log.db.unreadable.
+class OperationLog {
+ public:
+  static constexpr std::size_t kQueueLimit = 4096;
+  static constexpr std::size_t kBatchLimit = 512;  // records in one transaction
+  static constexpr std::size_t kTextLimit = 1024;  // bytes of a text; the rest is cut off
+
+  static OperationLog& instance();
+
+  // retryTime: between attempts to write a database that failed.
+  explicit OperationLog(std::chrono::milliseconds retryTime = std::chrono::seconds(5));
+  ~OperationLog();  // stops
+  OperationLog(const OperationLog&) = delete;
+  OperationLog& operator=(const OperationLog&) = delete;
+
+  // Makes the directory and starts the writer; at most `rows` records are kept. Throws
+  // std::runtime_error, naming the directory and the reason, when it cannot be made or written to.
+  // Again only after stop().
+  void start(const std::filesystem::path& dataDir, std::size_t rows);
+
+  // Takes no more records, writes those queued and ends the writer. A database that cannot be
+  // written gets one last attempt, so that stop takes at most a few times kBusyTimeMs of
+  // database.h. Harmless when repeated; start and stop by one thread at a time.
+  void stop();
+
+  // Any thread; waits for no disk. False when the queue is full or the log is not running.
+  bool insert(const tagLogInfo& info);
+
+ private:
+  void run();
+  bool nextBatch();
+  bool write();
+  bool waitForRetry();
+  void setAside();
+  void discardAll();
+  void reportFailure(const std::string& reason);
+  void reportSuccess();
+  void reportLost();
+
+  // Constant while the writer runs:
+  const std::chrono::milliseconds retryTime_;
+  std::filesystem::path file_;
+  std::size_t rows_ = 0;
+  std::thread writer_;
+
+  // The writer's own:
+  std::unique_ptr<OperationDatabase> database_;
+  std::vector<tagLogInfo> batch_;
+  std::chrono::steady_clock::time_point lossReported_;
+  std::string failure_;  // the reason last logged; empty while writing succeeds
+
+  std::mutex mutex_;
+  std::condition_variable wakeUp_;
+  // Guarded by mutex_:
+  std::deque<tagLogInfo> queue_;
+  uint64_t lost_ = 0;  // since the last report
+  bool running_ = false;
+};
+
+}  // namespace qn

@@ -1,0 +1,299 @@
+// What platform/gateway_cfg_bus.h and gateway/oplog/operation_log.h promise of the operation log.
+#include "gateway/oplog/operation_log.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qn {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr std::size_t kManyRows = 1'000'000;
+
+tagLogInfo record(const std::string& operation) {
+  tagLogInfo info;
+  info.time = 1790000000;
+  info.user = "admin";
+  info.clientIp = "192.0.2.7";
+  info.operation = operation;
+  info.isoTime = "2026-09-21T15:33:20+02:00";
+  info.category = "Device";
+  info.result = "Fail";
+  return info;
+}
+
+// A second process's view of the database.
+class Shell {
+ public:
+  explicit Shell(const fs::path& file) {
+    EXPECT_EQ(sqlite3_open(file.c_str(), &connection_), SQLITE_OK);
+  }
+  ~Shell() { sqlite3_close(connection_); }
+  Shell(const Shell&) = delete;
+  Shell& operator=(const Shell&) = delete;
+
+  // The rows, columns joined by "|"; none when the statement fails.
+  std::vector<std::string> query(const std::string& sql) {
+    std::vector<std::string> rows;
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(connection_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
+      return {};
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      std::string row;
+      for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+        if (i != 0) row += '|';
+        const void* const bytes = sqlite3_column_blob(statement, i);
+        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
+        if (size != 0) row.append(static_cast<const char*>(bytes), size);
+      }
+      rows.push_back(row);
+    }
+    sqlite3_finalize(statement);
+    return rows;
+  }
+  std::vector<std::string> operations() {
+    return query("SELECT operation FROM operation_log ORDER BY id");
+  }
+
+ private:
+  sqlite3* connection_ = nullptr;
+};
+
+class OperationLogTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = testing::TempDir() + "oplogXXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    directory_ = pattern;
+    file_ = directory_ / "operation_log.db";
+  }
+  void TearDown() override { fs::remove_all(directory_); }
+
+  static std::string standardErrorOf(const std::function<void()>& action) {
+    testing::internal::CaptureStderr();
+    action();
+    return testing::internal::GetCapturedStderr();
+  }
+
+  static std::size_t countOf(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+  }
+
+  void writeAll(const std::vector<std::string>& operations, std::size_t rows = kManyRows) {
+    OperationLog log;
+    log.start(directory_, rows);
+    for (const auto& operation : operations) EXPECT_TRUE(log.insert(record(operation)));
+    log.stop();
+  }
+
+  fs::path directory_;
+  fs::path file_;
+};
+
+TEST_F(OperationLogTest, TheBusWritesEveryField) {
+  EXPECT_EQ(QN_GatewayCfgBus_InsertLogInfo(record("too early")), -1);
+  OperationLog::instance().start(directory_, kManyRows);
+  EXPECT_EQ(QN_GatewayCfgBus_InsertLogInfo(record("PUT /KAVRO/System/deviceInfo")), 0);
+  OperationLog::instance().stop();
+  EXPECT_EQ(QN_GatewayCfgBus_InsertLogInfo(record("too late")), -1);
+  EXPECT_EQ(Shell(file_).query("SELECT id, time, iso_time, user, client_ip, operation, category, "
+                               "result FROM operation_log"),
+            std::vector<std::string>{"1|1790000000|2026-09-21T15:33:20+02:00|admin|192.0.2.7|"
+                                     "PUT /KAVRO/System/deviceInfo|Device|Fail"});
+}
+
+TEST_F(OperationLogTest, AnyTextIsDataAndLongOnesAreCutBetweenCharacters) {
+  using namespace std::string_literals;
+  const std::string hostile = "'); DROP TABLE operation_log; --\0\xff\n"s;
+  std::string wide;
+  for (int i = 0; i < 1000; ++i) wide += "\xe2\x82\xac";
+  writeAll({hostile, wide, std::string(OperationLog::kTextLimit, 'x')});
+  EXPECT_EQ(Shell(file_).operations(),
+            (std::vector<std::string>{hostile, wide.substr(0, OperationLog::kTextLimit / 3 * 3),
+                                      std::string(OperationLog::kTextLimit, 'x')}));
+}
+
+TEST_F(OperationLogTest, IsReadableWhileItIsWritten) {
+  OperationLog log(1ms);
+  log.start(directory_, kManyRows);
+  ASSERT_TRUE(log.insert(record("a")));
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!fs::exists(file_) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  Shell shell(file_);
+  while (shell.operations().empty() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  EXPECT_EQ(shell.operations(), std::vector<std::string>{"a"});
+  shell.query("BEGIN");
+  EXPECT_EQ(shell.operations().size(), 1u);  // a reader that stays
+  ASSERT_TRUE(log.insert(record("b")));
+  log.stop();
+  EXPECT_EQ(Shell(file_).operations(), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(OperationLogTest, KeepsTheNewestRowsAcrossStarts) {
+  writeAll({"1", "2", "3", "4", "5"}, 3);
+  EXPECT_EQ(Shell(file_).operations(), (std::vector<std::string>{"3", "4", "5"}));
+  writeAll({"6"}, 2);
+  EXPECT_EQ(Shell(file_).operations(), (std::vector<std::string>{"5", "6"}));
+}
+
+TEST_F(OperationLogTest, MakesTheDirectoryOrSaysWhyNot) {
+  OperationLog log;
+  EXPECT_NO_THROW(log.start(directory_ / "a" / "b", kManyRows));
+  log.stop();
+  std::ofstream(directory_ / "file") << "text";
+  for (const fs::path& unusable :
+       {directory_ / "file", directory_ / "file" / "below", fs::path("/proc/none")}) {
+    try {
+      log.start(unusable, kManyRows);
+      ADD_FAILURE() << unusable << " was accepted";
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string(e.what()).find(unusable.string()), std::string::npos) << e.what();
+    }
+    EXPECT_FALSE(log.insert(record("not running")));
+  }
+}
+
+TEST_F(OperationLogTest, ALockedDatabaseDelaysNobodyAndLosesNothing) {
+  writeAll({"before"});
+  const std::string lines = standardErrorOf([&] {
+    OperationLog log(1ms);
+    Shell shell(file_);
+    shell.query("BEGIN EXCLUSIVE");
+    log.start(directory_, kManyRows);
+    for (const char* text : {"a", "b", "c"}) EXPECT_TRUE(log.insert(record(text)));
+    shell.query("COMMIT");
+    log.stop();
+  });
+  EXPECT_EQ(Shell(file_).operations(), (std::vector<std::string>{"before", "a", "b", "c"}));
+  EXPECT_EQ(countOf(lines, "lost"), 0u) << lines;
+}
+
+TEST_F(OperationLogTest, AFullQueueRefusesAndTheLossIsLogged) {
+  std::size_t accepted = 0;
+  fs::create_directory(file_);  // nothing can be written
+  const std::string lines = standardErrorOf([&] {
+    OperationLog log;
+    log.start(directory_, kManyRows);
+    while (accepted < 100000 && log.insert(record("x"))) ++accepted;
+    fs::remove(file_);
+    log.stop();
+  });
+  EXPECT_GE(accepted, OperationLog::kQueueLimit);
+  EXPECT_LE(accepted, OperationLog::kQueueLimit + OperationLog::kBatchLimit);
+  EXPECT_EQ(Shell(file_).operations().size(), accepted);
+  EXPECT_EQ(countOf(lines, "1 records lost"), 1u) << lines;
+}
+
+// No file of this process grows beyond the limit while it lives: a full disk.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t fileBytes) {
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limited = {fileBytes, before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+  }
+  ~FullDisk() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    std::signal(SIGXFSZ, handlerBefore_);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+  rlimit before_ = {};
+  void (*const handlerBefore_)(int) = std::signal(SIGXFSZ, SIG_IGN);
+};
+
+TEST_F(OperationLogTest, AFullDiskIsLoggedAndLosesNothing) {
+  const std::vector<std::string> operations(500, std::string(1000, 'x'));
+  const std::string lines = standardErrorOf([&] {
+    OperationLog log(1ms);
+    {
+      const FullDisk disk(100'000);
+      log.start(directory_, kManyRows);
+      for (const auto& operation : operations) EXPECT_TRUE(log.insert(record(operation)));
+      const auto deadline = std::chrono::steady_clock::now() + 20s;
+      struct stat written = {};
+      while (written.st_size == 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+        fstat(STDERR_FILENO, &written);  // the captured log
+      }
+    }
+    log.stop();
+  });
+  EXPECT_EQ(Shell(file_).operations(), operations);
+  EXPECT_GE(countOf(lines, "cannot be written"), 1u) << lines;
+  EXPECT_EQ(countOf(lines, "is written again"), 1u) << lines;
+}
+
+TEST_F(OperationLogTest, AFailureIsLoggedOnceAndTheLossAtTheStop) {
+  fs::create_directory(file_);
+  const std::string lines = standardErrorOf([&] {
+    OperationLog log(1ms);  // many attempts
+    log.start(directory_, kManyRows);
+    EXPECT_TRUE(log.insert(record("x")));
+    EXPECT_TRUE(log.insert(record("y")));
+    log.stop();
+  });
+  EXPECT_EQ(countOf(lines, "cannot be written"), 1u) << lines;
+  EXPECT_EQ(countOf(lines, "2 records lost"), 1u) << lines;
+  EXPECT_NE(lines.find(file_.string()), std::string::npos) << lines;
+}
+
+TEST_F(OperationLogTest, ADamagedFileIsSetAside) {
+  const std::string garbage(5000, '?');
+  std::ofstream(file_) << garbage;
+  const std::string lines = standardErrorOf([&] { writeAll({"x"}); });
+  EXPECT_EQ(Shell(file_).operations(), std::vector<std::string>{"x"});
+  EXPECT_EQ(fs::file_size(file_.string() + ".unreadable"), garbage.size());
+  EXPECT_NE(lines.find("is damaged"), std::string::npos) << lines;
+}
+
+TEST_F(OperationLogTest, WhatIsAcceptedFromManyThreadsDuringAStopIsWrittenInOrder) {
+  constexpr int kThreads = 4;
+  std::array<std::vector<std::string>, kThreads> accepted;
+  std::atomic<int> started = 0;
+  OperationLog log;
+  log.start(directory_, kManyRows);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 800; ++i) {
+        const std::string text = std::to_string(t) + ":" + std::to_string(i);
+        if (log.insert(record(text))) accepted[static_cast<std::size_t>(t)].push_back(text);
+        if (i == 100) ++started;
+      }
+    });
+  }
+  while (started < kThreads) std::this_thread::yield();
+  log.stop();
+  for (auto& thread : threads) thread.join();
+  std::array<std::vector<std::string>, kThreads> written;
+  for (const std::string& text : Shell(file_).operations())
+    written[static_cast<std::size_t>(text[0] - '0')].push_back(text);
+  EXPECT_EQ(written, accepted);
+}
+
+}  // namespace
+}  // namespace qn
