@@ -11,13 +11,17 @@
 namespace QNBase {
 namespace {
 
+using enum qn::XmlPlace;
+
 constexpr int kMaxDepth = 256;
 constexpr std::string_view kBlanks = " \t\r\n";
-// Everything becomes a node, so that nothing is skipped unseen; references are decoded by
-// DecodeTexts, because pugixml lets wrong ones pass.
+// Everything becomes a node, so that nothing is skipped unseen. The tree holds text and attributes
+// as they are written, with their references: pugixml would let wrong ones pass when reading and
+// lose carriage returns when writing.
 constexpr unsigned kParseOptions =
     (pugi::parse_full | pugi::parse_fragment | pugi::parse_ws_pcdata) & ~pugi::parse_escapes;
-constexpr unsigned kWriteOptions = pugi::format_raw | pugi::format_no_declaration;
+constexpr unsigned kWriteOptions =
+    pugi::format_raw | pugi::format_no_declaration | pugi::format_no_escapes;
 
 pugi::xml_node FirstElementFrom(pugi::xml_node node) {
   while (node && node.type() != pugi::node_element) node = node.next_sibling();
@@ -67,28 +71,37 @@ bool HasSoundTop(const pugi::xml_document& tree) {
   return seenRoot;
 }
 
-// Decodes the references of a text node or attribute in place; false for a wrong one.
-template <typename Holder>
-bool DecodeValue(Holder holder) {
-  if (std::strchr(holder.value(), '&') == nullptr) return true;
-  std::string decoded;
-  return qn::DecodeXmlReferences(holder.value(), decoded) && holder.set_value(decoded.c_str());
+// Checks a value as it stood in the text, and makes it fit for double quotes.
+bool SettleAttribute(pugi::xml_attribute attribute) {
+  const std::string_view raw = attribute.value();
+  if (raw.find('<') != raw.npos) return false;
+  if (raw.find_first_of("&\"") == raw.npos) return true;
+  std::string decoded, escaped;
+  if (!qn::AppendDecoded(raw, decoded)) return false;
+  qn::AppendEscaped(decoded, kAttribute, escaped);
+  return attribute.set_value(escaped.c_str());
 }
 
-bool DecodeTexts(pugi::xml_node node) {
-  if (node.type() == pugi::node_pcdata) return DecodeValue(node);
+bool HasSoundText(pugi::xml_node node) {
+  const std::string_view raw = node.value();
+  std::string decoded;
+  return raw.find('&') == raw.npos || qn::AppendDecoded(raw, decoded);
+}
+
+bool SettleNode(pugi::xml_node node) {
+  if (node.type() == pugi::node_pcdata) return HasSoundText(node);
   for (pugi::xml_attribute attribute : node.attributes()) {
-    if (!DecodeValue(attribute)) return false;
+    if (!SettleAttribute(attribute)) return false;
   }
   return true;
 }
 
 // Visits the whole tree without recursion: its depth is the sender's choice until it is known.
-bool DecodeTree(const pugi::xml_document& tree) {
+bool SettleTree(const pugi::xml_document& tree) {
   int depth = 1;
   for (pugi::xml_node node = tree.first_child(); node;) {
     if (node.type() == pugi::node_element && depth > kMaxDepth) return false;
-    if (!DecodeTexts(node)) return false;
+    if (!SettleNode(node)) return false;
     if (pugi::xml_node child = node.first_child()) {
       node = child;
       ++depth;
@@ -137,7 +150,7 @@ struct CXmlBase::Document {
   pugi::xml_node entered = tree;  // P
   pugi::xml_node selected;        // cur
   pugi::xml_node origin;          // org
-  std::string text;               // reused by Fit
+  std::string text;               // reused by Escaped
 
   void Enter(pugi::xml_node node) {
     entered = node;
@@ -146,15 +159,15 @@ struct CXmlBase::Document {
   void Select(pugi::xml_node node) { selected = origin = node; }
 
   bool Load(std::string_view source) {
-    return qn::IsXmlText(source) &&
+    return source.starts_with('<') && qn::IsXmlText(source) &&
            tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
-           HasSoundTop(tree) && DecodeTree(tree);
+           HasSoundTop(tree) && SettleTree(tree);
   }
 
-  // The text as XML can hold it, ending in NUL; valid until the next call.
-  const char* Fit(std::string_view source) {
+  // The text as it is written, ending in NUL; valid until the next call.
+  const char* Escaped(std::string_view source, qn::XmlPlace place) {
     text.clear();
-    qn::AppendXmlText(source, text);
+    qn::AppendEscaped(source, place, text);
     return text.c_str();
   }
 };
@@ -206,9 +219,8 @@ bool CXmlBase::OutOfElem() {
 std::string CXmlBase::GetData() const {
   std::string data;
   for (pugi::xml_node child : document_->selected.children()) {
-    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata) {
-      data += child.value();
-    }
+    if (child.type() == pugi::node_pcdata) qn::AppendDecoded(child.value(), data);
+    if (child.type() == pugi::node_cdata) data += child.value();
   }
   return data;
 }
@@ -218,8 +230,8 @@ void CXmlBase::CreateDeclaration(const char* version, const char* encoding) {
   if (tree.first_child().type() == pugi::node_declaration) tree.remove_child(tree.first_child());
   pugi::xml_node declaration = tree.prepend_child(pugi::node_declaration);
   declaration.set_name("xml");
-  declaration.append_attribute("version").set_value(document_->Fit(version));
-  declaration.append_attribute("encoding").set_value(document_->Fit(encoding));
+  declaration.append_attribute("version").set_value(document_->Escaped(version, kAttribute));
+  declaration.append_attribute("encoding").set_value(document_->Escaped(encoding, kAttribute));
 }
 
 void CXmlBase::CreateRoot(const char* name) {
@@ -234,15 +246,15 @@ void CXmlBase::AddNode(const char* name) {
 
 void CXmlBase::AddNode(const char* name, std::string_view text) {
   AddNode(name);
-  const char* fit = document_->Fit(text);
-  if (*fit != '\0') document_->entered.append_child(pugi::node_pcdata).set_value(fit);
+  const char* escaped = document_->Escaped(text, kText);
+  if (*escaped != '\0') document_->entered.append_child(pugi::node_pcdata).set_value(escaped);
 }
 
 void CXmlBase::SetAttribute(const char* name, std::string_view value) {
   if (document_->entered == document_->tree) return;
   pugi::xml_attribute attribute = document_->entered.attribute(name);
   if (!attribute) attribute = document_->entered.append_attribute(name);
-  attribute.set_value(document_->Fit(value));
+  attribute.set_value(document_->Escaped(value, kAttribute));
 }
 
 std::string CXmlBase::GetChildren() const {

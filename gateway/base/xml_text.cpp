@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
-#include <cstring>
 
 namespace qn {
 namespace {
@@ -39,30 +38,23 @@ constexpr bool IsXmlCharacter(char32_t code) {
          (code >= 0xE000 && code <= 0xFFFD) || (code >= 0x10000 && code <= 0x10FFFF);
 }
 
-constexpr bool IsPlain(unsigned char byte) { return byte < 0x80 && IsXmlCharacter(byte); }
+// Bytes that are copied without a further look, one table for each use.
+using ByteSet = std::array<bool, 256>;
 
-// Every byte of the word is ASCII and not below a blank.
-constexpr bool IsPlainWord(std::uint64_t word) {
-  constexpr std::uint64_t kHighBits = 0x8080808080808080u;
-  constexpr std::uint64_t kBlanks = 0x2020202020202020u;
-  return ((word | (word - kBlanks)) & kHighBits) == 0;
-}
-
-// The number of leading bytes that need no look at more than themselves.
-std::size_t PlainPrefix(std::string_view text) {
-  std::size_t i = 0;
-  while (i < text.size()) {
-    std::uint64_t word;
-    if (text.size() - i >= sizeof(word)) {
-      std::memcpy(&word, text.data() + i, sizeof(word));
-      if (IsPlainWord(word)) {
-        i += sizeof(word);
-        continue;
-      }
-    }
-    if (!IsPlain(static_cast<unsigned char>(text[i]))) break;
-    ++i;
+constexpr ByteSet PlainBytesWithout(std::string_view special) {
+  ByteSet plain{};
+  for (unsigned char byte = 0; byte < 0x80; ++byte) {
+    plain[byte] = IsXmlCharacter(byte) && special.find(static_cast<char>(byte)) == special.npos;
   }
+  return plain;
+}
+constexpr ByteSet kPlain = PlainBytesWithout("");
+constexpr ByteSet kPlainInText = PlainBytesWithout("&<>\r");
+constexpr ByteSet kPlainInAttribute = PlainBytesWithout("&<>\"\r\n\t");
+
+std::size_t PrefixOf(const ByteSet& plain, std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size() && plain[static_cast<unsigned char>(text[i])]) ++i;
   return i;
 }
 
@@ -93,7 +85,7 @@ constexpr std::array<Entity, 5> kEntities = {
     {{"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}}};
 
 // `digits`: what stands between "&#" and ";".
-bool AppendNumericReference(std::string_view digits, std::string& out) {
+bool AppendNumbered(std::string_view digits, std::string& out) {
   const bool hex = digits.starts_with('x');
   if (hex) digits.remove_prefix(1);
   std::uint32_t code = 0;
@@ -105,8 +97,8 @@ bool AppendNumericReference(std::string_view digits, std::string& out) {
 }
 
 // `body`: what stands between "&" and ";".
-bool AppendReference(std::string_view body, std::string& out) {
-  if (body.starts_with('#')) return AppendNumericReference(body.substr(1), out);
+bool AppendReferenced(std::string_view body, std::string& out) {
+  if (body.starts_with('#')) return AppendNumbered(body.substr(1), out);
   for (const Entity& entity : kEntities) {
     if (body != entity.name) continue;
     out += entity.character;
@@ -115,43 +107,57 @@ bool AppendReference(std::string_view body, std::string& out) {
   return false;
 }
 
+// A character of one byte as a reference, others as they are.
+void AppendCharacter(std::string_view character, std::string& out) {
+  if (character.size() > 1) {
+    out += character;
+    return;
+  }
+  for (const Entity& entity : kEntities) {
+    if (entity.character != character[0]) continue;
+    out.append("&").append(entity.name).append(";");
+    return;
+  }
+  out.append("&#").append(std::to_string(character[0])).append(";");
+}
+
 }  // namespace
 
 bool IsXmlText(std::string_view text) {
-  for (text.remove_prefix(PlainPrefix(text)); !text.empty();
-       text.remove_prefix(PlainPrefix(text))) {
+  for (;;) {
+    text.remove_prefix(PrefixOf(kPlain, text));
+    if (text.empty()) return true;
     const Utf8Character first = FirstCharacter(text);
     if (!first.valid || !IsXmlCharacter(first.code)) return false;
     text.remove_prefix(first.size);
   }
-  return true;
 }
 
-void AppendXmlText(std::string_view text, std::string& out) {
-  while (!text.empty()) {
-    const std::size_t plain = PlainPrefix(text);
-    out.append(text.substr(0, plain));
-    text.remove_prefix(plain);
+void AppendEscaped(std::string_view text, XmlPlace place, std::string& out) {
+  const ByteSet& plain = place == XmlPlace::kText ? kPlainInText : kPlainInAttribute;
+  for (;;) {
+    const std::size_t size = PrefixOf(plain, text);
+    out.append(text.substr(0, size));
+    text.remove_prefix(size);
     if (text.empty()) return;
     const Utf8Character first = FirstCharacter(text);
     if (!first.valid) {
       out += "\xEF\xBF\xBD";
     } else if (IsXmlCharacter(first.code)) {
-      out.append(text.substr(0, first.size));
+      AppendCharacter(text.substr(0, first.size), out);
     }
     text.remove_prefix(first.size);
   }
 }
 
-bool DecodeXmlReferences(std::string_view raw, std::string& decoded) {
-  decoded.clear();
+bool AppendDecoded(std::string_view raw, std::string& out) {
   for (;;) {
     const std::size_t mark = raw.find('&');
-    decoded.append(raw.substr(0, mark));
+    out.append(raw.substr(0, mark));
     if (mark == raw.npos) return true;
     const std::size_t end = raw.find(';', mark);
     if (end == raw.npos) return false;
-    if (!AppendReference(raw.substr(mark + 1, end - mark - 1), decoded)) return false;
+    if (!AppendReferenced(raw.substr(mark + 1, end - mark - 1), out)) return false;
     raw.remove_prefix(end + 1);
   }
 }

@@ -1,4 +1,4 @@
-// Which text XML can hold: checks and repairs for the XML document, which calls nothing else here.
+// Text inside XML: what may stand there, how it is written and read. For the XML document only.
 #pragma once
 
 #include <string>
@@ -9,11 +9,17 @@ namespace qn {
 // Valid UTF-8 without the characters that XML 1.0 forbids.
 bool IsXmlText(std::string_view text);
 
-// Appends text to out, without forbidden characters, each invalid UTF-8 sequence as one U+FFFD.
-void AppendXmlText(std::string_view text, std::string& out);
+enum class XmlPlace { kText, kAttribute };
 
-// Replaces the predefined entities and character references by what they stand for. False for any
-// other entity, for a bare "&" and for a reference to a character that XML forbids.
-bool DecodeXmlReferences(std::string_view raw, std::string& decoded);
+// Appends text as it is written in an element's text or in an attribute between double quotes:
+// forbidden characters left out, each invalid UTF-8 sequence as one U+FFFD, and what a reader would
+// take for markup or change (carriage returns; in attributes all blanks but the space) as
+// references.
+void AppendEscaped(std::string_view text, XmlPlace place, std::string& out);
+
+// The reverse: appends raw with the predefined entities and the character references replaced by
+// what they stand for. False for any other entity, for a bare "&" and for a reference to a
+// character that XML forbids.
+bool AppendDecoded(std::string_view raw, std::string& out);
 
 }  // namespace qn

@@ -77,10 +77,12 @@ TEST(XmlParse, RefusesAndLeavesAnEmptyDocument) {
       "<r></s>",
       "<r><s></r></s>",
       "<r a=1/>",
+      "<r a='<'/>",
       "<r a='1/>",
       "<r><![CDATA[x</r>",
       "<r><!-- x</r>",
       "x<r/>",
+      " \xEF\xBB\xBF<r/>",
       "<r/>x",
       "<r/><s/>",
       "<r/><?p x?>",
@@ -216,7 +218,7 @@ TEST(XmlWrite, CompactDocument) {
   xml.OutOfElem();
   xml.AddNode("list");
   xml.AddNode("item", "a<b>&\"c'");
-  xml.SetAttribute("opt", "x\"<&");
+  xml.SetAttribute("opt", "x\"<&\n\x01");
   xml.OutOfElem();
   xml.AddNode("item", "");
   xml.OutOfElem();
@@ -225,7 +227,7 @@ TEST(XmlWrite, CompactDocument) {
   xml.OutOfElem();
   const std::string expected =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Root version=\"2.0\"><id>1</id><list>"
-      "<item opt=\"x&quot;&lt;&amp;\">a&lt;b&gt;&amp;\"c'</item><item/></list><empty/></Root>";
+      "<item opt=\"x&quot;&lt;&amp;&#10;\">a&lt;b&gt;&amp;\"c'</item><item/></list><empty/></Root>";
   EXPECT_EQ(xml.GetChildren(), expected);
 }
 
@@ -244,6 +246,12 @@ TEST(XmlWrite, ParsedDocumentIsWrittenBack) {
   EXPECT_EQ(xml.GetChildren(), text);
 }
 
+TEST(XmlWrite, ParsedAttributesAreWrittenBetweenDoubleQuotes) {
+  CXmlBase xml;
+  ASSERT_TRUE(xml.Parse("<r a='\"&quot;&apos;&#10;>'/>"));
+  EXPECT_EQ(xml.GetChildren(), "<r a=\"&quot;&quot;'&#10;&gt;\"/>");
+}
+
 TEST(XmlWrite, TextIsMadeFit) {
   struct Case {
     std::string written, read;
@@ -252,6 +260,7 @@ TEST(XmlWrite, TextIsMadeFit) {
   const std::vector<Case> cases = {
       {"plain", "plain"},
       {" blanks \t\n ", " blanks \t\n "},
+      {"line\r\nend\r", "line\r\nend\r"},
       {"<a> & \"b\" 'c' ]]> &amp;", "<a> & \"b\" 'c' ]]> &amp;"},
       {"Türkçe 你好 \xF0\x9F\x93\xB7", "Türkçe 你好 \xF0\x9F\x93\xB7"},
       {"nul\0end"s, "nulend"},
