@@ -21,7 +21,7 @@ class CXmlBase {
   // Replaces the tree and returns to the document. A byte-order mark and leading blanks are
   // skipped. False, with an empty document, for blank or malformed text (wrong references, invalid
   // UTF-8 and characters that XML forbids included), a DOCTYPE, anything but blanks and comments
-  // after the root, or elements nested deeper than 256.
+  // after the root, more than 1 MiB, or elements nested deeper than 256.
   bool Parse(std::string_view text);
 
   // Selects the first child of P with this name at or after org, the one found last included:

@@ -13,6 +13,8 @@ namespace {
 
 using enum qn::XmlPlace;
 
+// A tree takes up to 16 times its text; no document of the protocol comes near.
+constexpr std::size_t kMaxText = 1024 * 1024;
 constexpr int kMaxDepth = 256;
 constexpr std::string_view kBlanks = " \t\r\n";
 // Everything becomes a node, so that nothing is skipped unseen. The tree holds text and attributes
@@ -159,7 +161,7 @@ struct CXmlBase::Document {
   void Select(pugi::xml_node node) { selected = origin = node; }
 
   bool Load(std::string_view source) {
-    return source.starts_with('<') && qn::IsXmlText(source) &&
+    return source.size() <= kMaxText && source.starts_with('<') && qn::IsXmlText(source) &&
            tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
            HasSoundTop(tree) && SettleTree(tree);
   }

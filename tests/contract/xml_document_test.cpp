@@ -128,6 +128,13 @@ TEST(XmlParse, RefusesAndLeavesAnEmptyDocument) {
   }
 }
 
+TEST(XmlParse, TakesUpToOneMebibyte) {
+  const std::string ends = "<r></r>";
+  const std::string largest = "<r>" + std::string(1024 * 1024 - ends.size(), 'x') + "</r>";
+  EXPECT_TRUE(CXmlBase().Parse(largest));
+  EXPECT_FALSE(CXmlBase().Parse(largest + " "));
+}
+
 TEST(XmlParse, ReplacesTheTreeAndThePosition) {
   CXmlBase xml;
   ASSERT_TRUE(xml.Parse("<a><b/></a>"));
