@@ -1,7 +1,5 @@
 #include "document/json_text.h"
 
-#include <exception>
-
 namespace QNKAVROProtocol {
 namespace {
 
@@ -19,7 +17,7 @@ bool parseJson(std::string_view text, Json::Value& value) {
     // Reused: constructing a reader costs more than reading a short reply.
     thread_local Json::Reader reader;
     return reader.parse(text.data(), text.data() + text.size(), value, false);
-  } catch (const std::exception&) {  // nested too deeply
+  } catch (const Json::Exception&) {  // nested too deeply
     return false;
   }
 }

@@ -11,7 +11,7 @@ namespace QNKAVROProtocol {
 
 // False for a text that is no JSON, and for one nested deeper than the library allows (1000);
 // `value` is unspecified then. Any JSON value may be the root; comments are skipped; what follows
-// the root is ignored. Never throws.
+// the root is ignored. Throws nothing but std::bad_alloc.
 bool parseJson(std::string_view text, Json::Value& value);
 inline bool parseJson(const char* begin, const char* end, Json::Value& value) {
   return parseJson(std::string_view(begin, static_cast<std::size_t>(end - begin)), value);
