@@ -1,25 +1,18 @@
-// A channel's image capabilities. The gateway advertises no image settings: the device is asked for
-// the stream so that its faults show, and the answer is an empty document.
+// A channel's image capabilities. Tried by the configuration dispatcher. The gateway advertises no
+// image settings: the device is asked for the stream so that its faults show, and the answer is an
+// empty document.
 #pragma once
 
-#include <string>
-
-#include "devcfg/dev_cfg_base.h"
+#include "devcfg/route_table.h"
 
 namespace QNKAVROProtocol {
 
-class CImageCfg final : public CDevCfgBase {
+class CImageCfg final : public RoutedCfg {
  public:
-  int checkUrlAndMethod(const std::string& url, unsigned int method) override;
-  int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url, int method,
-                    const CHttpExchange& exchange) override;
-  int covertUrlandBody(std::string& jsonUrl, std::string& jsonBody, const stHttpRes& request,
-                       const std::string& devIndex) override;
+  CImageCfg();
 
- private:
-  int covertChannelcapUrlandBody(std::string& jsonUrl, const std::string& url,
-                                 const std::string& devIndex);
-  int covertChannelcapRsp(std::string& body);
+  static int covertChannelcapUrlandBody(DeviceRequest& out, const ClientRequest& in);
+  static int covertChannelcapRsp(std::string& body, const DeviceReply& reply);
 };
 
 }  // namespace QNKAVROProtocol
