@@ -1,0 +1,46 @@
+// One request through the module's entry on the fake platform.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "include/QNKAVROProtocol.h"
+#include "tests/unit/fake/fake_platform.h"
+
+// Every test starts and ends with the platform as new.
+class PlatformTest : public testing::Test {
+ protected:
+  PlatformTest() { fake::reset(); }
+  ~PlatformTest() override { fake::reset(); }
+};
+
+struct Outcome {
+  int status = 0;
+  int bodyIsXml = -1;
+  int asyncReply = 0;
+  std::string body;
+  int handle = -1;
+
+  // What was sent through the exchange itself.
+  fake::Answer answer() const { return fake::http().answer(handle); }
+};
+
+inline Outcome process(fake::Request request) {
+  const auto record = fake::http().open(std::move(request));
+  Outcome outcome;
+  outcome.handle = record.exchange->getHttpHandle();
+  outcome.status =
+      QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+  return outcome;
+}
+
+inline Outcome get(std::string url) { return process({QNHttpService::HTTP_GET, std::move(url)}); }
+
+// A claimed request whose device replies with `reply`.
+inline fake::Answer converse(std::string url, std::string_view reply) {
+  const Outcome outcome = get(std::move(url));
+  EXPECT_EQ(outcome.asyncReply, 1);
+  EXPECT_EQ(fake::deviceBus().reply(reply), 0);
+  return outcome.answer();
+}

@@ -1,0 +1,56 @@
+// platform/wlog.h, and the reset of all fakes.
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "platform/wlog.h"
+#include "tests/unit/fake/fake_platform.h"
+#include "tests/unit/fake/resettable.h"
+
+namespace fake {
+namespace {
+
+std::mutex mutex;
+std::vector<LogLine> lines;  // guarded by mutex
+
+}  // namespace
+
+std::vector<LogLine> logLines() {
+  const std::lock_guard lock(mutex);
+  return lines;
+}
+
+bool logged(int level, std::string_view text) {
+  const auto all = logLines();
+  return std::ranges::any_of(all, [&](const LogLine& line) {
+    return line.level == level && line.text.find(text) != std::string::npos;
+  });
+}
+
+void resetLog() {
+  const std::lock_guard lock(mutex);
+  lines.clear();
+}
+
+void reset() {
+  resetDeviceBus();
+  resetHttp();
+  resetGateway();
+  resetRuntime();
+  resetAlarmBus();
+  resetLog();
+}
+
+}  // namespace fake
+
+void wlog_format(int level, const char* /*tag*/, const char* format, ...) {
+  const fake::AllocationShelter shelter;
+  char text[4096];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  const std::lock_guard lock(fake::mutex);
+  fake::lines.push_back({level, text});
+}

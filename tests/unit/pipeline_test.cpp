@@ -1,0 +1,143 @@
+// The pipeline to a sub-device: what goes out, what comes back, and every way to fail.
+#include "devcfg/dev_cfg_base.h"
+#include "platform/base_library.h"
+#include "platform/wlog.h"
+#include "protocol/error_code.h"
+#include "tests/unit/conversation.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+constexpr const char* kUrl = "/KAVRO/Image/channels/1/capabilities";
+
+class Pipeline : public PlatformTest {};
+
+TEST_F(Pipeline, RequestGoesOutAndIsAnsweredByTheReply) {
+  const Outcome outcome = get(kUrl);
+  EXPECT_EQ(outcome.status, 200);
+  EXPECT_EQ(outcome.body, "");
+  EXPECT_EQ(outcome.asyncReply, 1);
+  EXPECT_EQ(outcome.answer().count, 0);
+
+  ASSERT_EQ(fake::deviceBus().seen.size(), 1u);
+  const fake::BusRequest& sent = fake::deviceBus().seen[0];
+  EXPECT_EQ(sent.method, 0);
+  EXPECT_EQ(sent.url, "/KAVRO/Streaming/channels/101?format=json&devIndex=1");
+  EXPECT_EQ(sent.body, "");
+  EXPECT_EQ(sent.timeoutMs, 10000);
+  EXPECT_TRUE(fake::logged(WLOG_INFO, "[url=" + sent.url +
+                                          ",handle=" + std::to_string(outcome.handle) +
+                                          "]QN_DeviceCfgBus_ProcessAsyn start"));
+
+  EXPECT_EQ(fake::deviceBus().reply("{}"), 0);
+  EXPECT_EQ(outcome.answer().count, 1);
+  EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = {}]"));
+}
+
+TEST_F(Pipeline, ReplyInsideTheBusCallAnswersOnce) {
+  fake::deviceBus().replyInside = "{}";
+  const Outcome outcome = get(kUrl);
+  EXPECT_EQ(outcome.asyncReply, 1);
+  EXPECT_EQ(outcome.answer().count, 1);
+}
+
+TEST_F(Pipeline, RefusalOfTheBusIsTheAnswer) {
+  const struct {
+    int refusal;
+    unsigned int code;
+  } cases[] = {
+      {DEVCFGBUS_QUEUE_FULL, 0x60000001}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
+  for (const auto& [refusal, code] : cases) {
+    fake::deviceBus().refusal = refusal;
+    const Outcome outcome = get(kUrl);
+    EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code));
+    EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(static_cast<int>(code), kUrl));
+    EXPECT_EQ(outcome.asyncReply, 0);
+    EXPECT_EQ(outcome.answer().count, 0);
+  }
+}
+
+// A handler whose steps do as told.
+class Probe final : public CDevCfgBase {
+ public:
+  int conversion = 0;
+  int acceptance = 1;
+
+  int covertRspBody(std::string& /*body*/, const Json::Value& /*reply*/, const std::string& /*url*/,
+                    int /*method*/, const CHttpExchange& /*exchange*/) override {
+    return 0;
+  }
+  int covertUrlandBody(std::string& jsonUrl, std::string& jsonBody, const stHttpRes& /*request*/,
+                       const std::string& /*devIndex*/) override {
+    jsonUrl = "/device";
+    jsonBody = "{}";
+    return conversion;
+  }
+  int createUserData(tagDEVCFG_USERDATA& userData, std::string& jsonBody, int& timeoutMs,
+                     const CHttpExchange& /*exchange*/) override {
+    userData.data = new char[4];
+    userData.dataLength = 4;
+    jsonBody = "changed";
+    timeoutMs = 7;
+    return acceptance;
+  }
+};
+
+Outcome probe(Probe& handler) {
+  const auto record = fake::http().open({QNHttpService::HTTP_PUT, kUrl});
+  Outcome outcome;
+  outcome.bodyIsXml = 1;
+  outcome.status =
+      handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, "1");
+  return outcome;
+}
+
+void expectError(const Outcome& outcome, unsigned int code) {
+  EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code));
+  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(static_cast<int>(code), kUrl));
+  EXPECT_EQ(outcome.asyncReply, 0);
+  EXPECT_TRUE(fake::deviceBus().seen.empty());
+}
+
+TEST_F(Pipeline, HandlersDataTimeoutAndBodyGoWithTheRequest) {
+  Probe handler;
+  EXPECT_EQ(probe(handler).asyncReply, 1);
+  const fake::BusRequest& sent = fake::deviceBus().seen.at(0);
+  EXPECT_EQ(sent.method, QNHttpService::HTTP_PUT);
+  EXPECT_EQ(sent.body, "changed");
+  EXPECT_EQ(sent.timeoutMs, 7);
+}
+
+TEST_F(Pipeline, AnyFailedRequestConversionIsABadRequest) {
+  for (const int conversion : {-1, 1, 9}) {
+    Probe handler;
+    handler.conversion = conversion;
+    expectError(probe(handler), 0x60000003);
+  }
+}
+
+TEST_F(Pipeline, NoUserDataIsNoResources) {
+  Probe handler;
+  handler.acceptance = 0;
+  expectError(probe(handler), 0x60000001);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "no resouce."));
+}
+
+TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
+  Probe handler;
+  Outcome outcome;
+  {
+    const fake::FailNothrowAllocations noMemory;
+    outcome = probe(handler);
+  }
+  expectError(outcome, 0x60000001);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "no resouce."));
+}
+
+TEST_F(Pipeline, BaseServesNothing) {
+  Probe handler;
+  EXPECT_EQ(handler.checkUrlAndMethod(kUrl, 0), DECLINED);
+}
+
+}  // namespace
+}  // namespace QNKAVROProtocol

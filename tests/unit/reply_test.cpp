@@ -1,0 +1,194 @@
+// A sub-device's reply to the client's answer.
+#include <memory>
+
+#include "devcfg/dev_cfg_base.h"
+#include "platform/base_library.h"
+#include "platform/wlog.h"
+#include "protocol/error_code.h"
+#include "tests/unit/conversation.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+constexpr const char* kUrl = "/KAVRO/Image/channels/1/capabilities";
+constexpr const char* kXml = "application/xml";
+constexpr const char* kJson = "application/json";
+// What the handler of the URL answers to any good reply.
+const std::string kConverted = R"(<?xml version="1.0" encoding="UTF-8"?><ImageChannel/>)";
+
+class Reply : public PlatformTest {};
+
+TEST_F(Reply, StatusContentTypeAndBody) {
+  const std::string asItIs = "(as it is)";
+  const struct {
+    std::string reply;
+    int status;
+    const char* type;
+    std::string body;
+  } cases[] = {
+      // Good JSON is converted.
+      {"{}", 200, kXml, kConverted},
+      {" \n [1] trailing", 200, kXml, kConverted},
+      {"7", 200, kXml, kConverted},
+      {R"({"errorCode":1,"statusCode":1})", 200, kXml, kConverted},
+      {R"({"statusCode":1})", 200, kXml, kConverted},
+      {R"({"errorCode":"4","statusCode":"4"})", 200, kXml, kConverted},  // no integers
+      {R"({"errorCode":4294967296})", 200, kXml, kConverted},            // more than 32 bits
+      // JSON with another status goes through.
+      {R"({"errorCode":1,"statusCode":2})", 503, kJson, asItIs},
+      {R"({"errorCode":0,"statusCode":3})", 500, kJson, asItIs},
+      {R"({"errorCode":1073741830,"statusCode":1})", 404, kJson, asItIs},
+      {R"({"statusCode":4,"errorCode":1073741827})", 401, kJson, asItIs},
+      {R"({"statusCode":4})", 403, kJson, asItIs},
+      {R"({"statusCode":20})", 403, kJson, asItIs},  // the low four bits count
+      {R"({"statusCode":-1})", 500, kJson, asItIs},
+      {R"({"errorCode":-1})", 500, kJson, asItIs},
+      // XML is never converted.
+      {"<DeviceInfo/>", 200, kXml, asItIs},
+      {"<ResponseStatus/>", 200, kXml, asItIs},
+      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403, kXml, asItIs},
+      {"<ResponseStatus><errorCode>1073741830</errorCode></ResponseStatus>", 404, kXml, asItIs},
+      {"<ResponseStatus><errorCode>1</errorCode><statusCode>2</statusCode></ResponseStatus>", 503,
+       kXml, asItIs},
+      {"<ResponseStatus><errorCode>1073741830</errorCode><statusCode>2</statusCode>"
+       "</ResponseStatus>",
+       404, kXml, asItIs},
+      // The search runs forward: this statusCode stands before the errorCode.
+      {"<ResponseStatus><statusCode>2</statusCode><errorCode>1</errorCode></ResponseStatus>", 200,
+       kXml, asItIs},
+      {"<ResponseStatus><statusCode>what</statusCode></ResponseStatus>", 200, kXml, asItIs},
+      {"<Other><statusCode>4</statusCode></Other>", 200, kXml, asItIs},
+      // Neither.
+      {"", 200, kXml, asItIs},
+      {"not found", 200, kXml, asItIs},
+      {R"({"errorCode":1073741830)", 200, kXml, asItIs},
+      {"<ResponseStatus><statusCode>4</statusCode>", 200, kXml, asItIs},
+      {std::string(5000, '['), 200, kXml, asItIs},  // deeper than the reader goes
+      {std::string("\0\xff\xfe", 3), 200, kXml, asItIs},
+  };
+  for (const auto& [reply, status, type, body] : cases) {
+    const fake::Answer answer = converse(kUrl, reply);
+    EXPECT_EQ(answer.count, 1) << reply;
+    EXPECT_EQ(answer.status, status) << reply;
+    EXPECT_EQ(answer.headers.at("Content-Type"), type) << reply;
+    EXPECT_EQ(answer.body, body == asItIs ? reply : body) << reply;
+  }
+}
+
+TEST_F(Reply, PictureUrlPointsToTheGatewayAtAnyStatus) {
+  const struct {
+    std::string url;
+    std::string rewritten;  // empty: unchanged
+  } cases[] = {
+      {"scheme://10.0.0.2:80/pic/a.jpg", "/NovGatewayStorage/pic/a.jpg"},
+      {"http://host/", "/NovGatewayStorage/"},
+      {"x/y://h//p?q=://r/s", "/NovGatewayStorage//p?q=://r/s"},
+      {"http://host", ""},
+      {"/pic/a.jpg", ""},
+      {"", ""},
+  };
+  for (const auto& [url, rewritten] : cases) {
+    const std::string reply = R"({"PictureData":{"url":")" + url + R"("},"statusCode":4})";
+    const fake::Answer answer = converse(kUrl, reply);
+    EXPECT_EQ(answer.status, 403);
+    EXPECT_EQ(answer.headers.at("Content-Type"), kJson);
+    EXPECT_EQ(answer.body, rewritten.empty() ? reply
+                                             : R"({"PictureData":{"url":")" + rewritten +
+                                                   "\"},\"statusCode\":4}\n");
+  }
+  for (const char* odd :
+       {R"({"PictureData":"http://h/p","statusCode":4})",
+        R"({"PictureData":{"url":7},"statusCode":4})", R"({"PictureData":{},"statusCode":4})"}) {
+    EXPECT_EQ(converse(kUrl, odd).body, odd);
+  }
+}
+
+TEST_F(Reply, FailedConversionIsAnInternalError) {
+  const fake::Answer answer = converse("/KAVRO/System/deviceInfo", "{}");
+  EXPECT_EQ(answer.status, getHttpStatusCodeByErrorNo(0x30000014));
+  EXPECT_EQ(answer.headers.at("Content-Type"), kXml);
+  EXPECT_EQ(answer.body, CProtocolBase::getResponseByError(0x30000014, "/KAVRO/System/deviceInfo"));
+}
+
+TEST_F(Reply, GoneClientHarmsNobody) {
+  const Outcome broken = get(kUrl);
+  const Outcome forgotten = get(kUrl);
+  fake::http().breakLink(broken.handle);
+  fake::http().forget(forgotten.handle);
+  EXPECT_EQ(fake::deviceBus().reply("{}"), 0);
+  EXPECT_EQ(fake::deviceBus().reply("{}"), 0);
+  EXPECT_EQ(broken.answer().count, 0);
+}
+
+// The caller keeps the record exactly when the callback returns -1.
+class ReplyRecord : public PlatformTest {
+ protected:
+  static std::unique_ptr<tagDEVCFG_USERDATA> record(int handle, const void* owner) {
+    auto made = std::make_unique<tagDEVCFG_USERDATA>();
+    made->httpHandle = handle;
+    made->owner = owner;
+    made->data = new char[3];
+    made->dataLength = 3;
+    return made;
+  }
+  char reply_[3] = {'{', '}', '!'};
+};
+
+TEST_F(ReplyRecord, NothingIsSentOrFreedWithoutOwnerOrReply) {
+  const Outcome outcome = get(kUrl);
+  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, nullptr), -1);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 1"));
+  const auto ownerless = record(outcome.handle, nullptr);
+  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, ownerless.get()), -1);
+  const auto owned = record(outcome.handle, this);
+  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(nullptr, 2, owned.get()), -1);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 2"));
+  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, -1, owned.get()), -1);
+  EXPECT_EQ(outcome.answer().count, 0);
+}
+
+TEST_F(ReplyRecord, NegativeHandleSendsNothingAndFreesTheRecord) {
+  for (const int handle : {-1, -2}) {
+    EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, record(handle, this).release()), 0);
+    EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 4"));
+  }
+}
+
+TEST_F(ReplyRecord, OwnerIsNotTouched) {
+  const Outcome outcome = get(kUrl);
+  const void* gone = reinterpret_cast<const void*>(1);
+  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, record(outcome.handle, gone).release()), 0);
+  EXPECT_EQ(outcome.answer().body, kConverted);
+}
+
+// Whichever allocation fails, the client gets one answer, the right one or a 500, and nothing
+// leaks.
+TEST_F(Reply, EveryFailedAllocationStillAnswersOnce) {
+  const struct {
+    const char* reply;
+    int status;
+  } cases[] = {
+      {R"({"DeviceInfo":{"deviceName":"n","deviceID":"i","serialNumber":"s","macAddress":"m",
+           "firmwareVersion":"f","deviceType":"t"},"PictureData":{"url":"http://h/p"}})",
+       200},
+      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403},
+  };
+  for (const auto& [reply, status] : cases) {
+    int allocation = 0;
+    for (bool failed = true; failed; ++allocation) {
+      const Outcome outcome = get("/KAVRO/System/deviceInfo");
+      {
+        const fake::FailAllocation failure(allocation);
+        EXPECT_EQ(fake::deviceBus().reply(reply), 0);
+        failed = failure.happened();
+      }
+      const fake::Answer answer = outcome.answer();
+      ASSERT_EQ(answer.count, 1) << allocation;
+      EXPECT_TRUE(answer.status == status || (failed && answer.status == 500)) << answer.status;
+    }
+    EXPECT_GT(allocation, 5);
+  }
+}
+
+}  // namespace
+}  // namespace QNKAVROProtocol
