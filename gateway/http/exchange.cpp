@@ -1,0 +1,335 @@
+// See exchange.h; also the module's CHttpExchange.
+#include "gateway/http/exchange.h"
+
+#include <array>
+#include <boost/beast/core/string.hpp>
+#include <climits>
+#include <unordered_map>
+#include <utility>
+
+#include "gateway/auth/digest_credentials.h"
+#include "platform/wlog.h"
+
+namespace qn {
+namespace {
+
+// Live exchanges by handle.
+class ExchangeRegistry {
+ public:
+  static ExchangeRegistry& instance() {
+    static ExchangeRegistry registry;
+    return registry;
+  }
+
+  int nextHandle() {
+    const int handle = static_cast<int>(counter_.fetch_add(1, std::memory_order_relaxed) &
+                                        static_cast<unsigned>(INT_MAX));
+    return handle > 0 ? handle : nextHandle();
+  }
+
+  // False when the handle is still live: the counter came round.
+  bool add(const ExchangePtr& exchange) {
+    Shard& shard = shardOf(exchange->handle());
+    const std::lock_guard lock(shard.mutex);
+    return shard.live.try_emplace(exchange->handle(), exchange).second;
+  }
+
+  ExchangePtr find(int handle) {
+    Shard& shard = shardOf(handle);
+    const std::lock_guard lock(shard.mutex);
+    const auto found = shard.live.find(handle);
+    return found == shard.live.end() ? nullptr : found->second;
+  }
+
+  void erase(int handle) {
+    ExchangePtr last;  // destroyed outside the lock
+    Shard& shard = shardOf(handle);
+    const std::lock_guard lock(shard.mutex);
+    const auto found = shard.live.find(handle);
+    if (found == shard.live.end()) return;
+    last = std::move(found->second);
+    shard.live.erase(found);
+  }
+
+ private:
+  struct Shard {
+    std::mutex mutex;
+    std::unordered_map<int, ExchangePtr> live;
+  };
+  Shard& shardOf(int handle) { return shards_[static_cast<unsigned>(handle) % shards_.size()]; }
+
+  std::atomic<unsigned> counter_{1};
+  std::array<Shard, 64> shards_;
+};
+
+bool equalNoCase(std::string_view a, std::string_view b) {
+  return boost::beast::iequals({a.data(), a.size()}, {b.data(), b.size()});
+}
+
+bool isClean(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+  return text;
+}
+
+// The line of a header in a block of header lines: where it starts, its end with the CRLF.
+struct HeaderLine {
+  std::size_t start = std::string_view::npos;
+  std::size_t end = 0;
+  std::string_view value;
+};
+HeaderLine findHeader(std::string_view block, std::string_view name) {
+  for (std::size_t start = 0; start < block.size();) {
+    const std::size_t end = block.find('\n', start) + 1;
+    if (end == 0) break;
+    const std::string_view line = block.substr(start, end - start);
+    if (line.size() > name.size() && line[name.size()] == ':' &&
+        equalNoCase(line.substr(0, name.size()), name)) {
+      return {start, end, trim(line.substr(name.size() + 1, line.size() - name.size() - 3))};
+    }
+    start = end;
+  }
+  return {};
+}
+
+// These are the service's to set.
+bool isOwnHeader(std::string_view name) {
+  for (std::string_view own : {"Content-Length", "Connection", "Date", "Transfer-Encoding"}) {
+    if (equalNoCase(name, own)) return true;
+  }
+  return false;
+}
+
+bool hasNoBody(int status) { return status < 200 || status == 204 || status == 304; }
+
+}  // namespace
+}  // namespace qn
+
+namespace QNHttpService {
+
+qn::ExchangePtr ExchangeState::create(const qn::RequestHead& head, const std::string& clientAddress,
+                                      bool trustedProxy,
+                                      const std::weak_ptr<qn::AnswerLink>& link) {
+  auto& registry = qn::ExchangeRegistry::instance();
+  for (;;) {
+    auto exchange = std::make_shared<ExchangeState>(registry.nextHandle(), head, clientAddress,
+                                                    trustedProxy, link);
+    if (registry.add(exchange)) return exchange;
+  }
+}
+
+qn::ExchangePtr ExchangeState::find(int handle) {
+  return handle > 0 ? qn::ExchangeRegistry::instance().find(handle) : nullptr;
+}
+
+ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
+                             bool trustedProxy, std::weak_ptr<qn::AnswerLink> link)
+    : handle_(handle),
+      method_(head.method),
+      keepAlive_(head.keepAlive),
+      http10_(head.http10),
+      trustedProxy_(trustedProxy),
+      url_(head.target),
+      clientAddress_(std::move(clientAddress)),
+      link_(std::move(link)),
+      fields_(head.fields) {}
+
+std::string ExchangeState::header(std::string_view name) const {
+  const bool asksForClient = qn::equalNoCase(name, "X-Forwarded-For");
+  if (asksForClient && !trustedProxy_) return clientAddress_;
+  const std::lock_guard lock(mutex_);
+  const std::string_view value = qn::findHeader(fields_, name).value;
+  if (asksForClient && value.empty()) return clientAddress_;
+  // Credentials made for another target must not open this one.
+  const bool misused =
+      !value.empty() && qn::equalNoCase(name, "Authorization") && !qn::digestUriIs(value, url_);
+  return misused ? std::string() : std::string(value);
+}
+
+void ExchangeState::setHeader(std::string_view name, std::string_view value) {
+  if (name.empty() || !qn::isClean(name) || !qn::isClean(value) || qn::isOwnHeader(name) ||
+      name.find(':') != std::string_view::npos) {
+    wlog_format(WLOG_WARN, "http", "header of an answer refused");
+    return;
+  }
+  const std::lock_guard lock(mutex_);
+  setHeaderLocked(name, value);
+}
+
+void ExchangeState::setHeaderLocked(std::string_view name, std::string_view value) {
+  const qn::HeaderLine old = qn::findHeader(headers_, name);
+  if (old.start != std::string_view::npos) headers_.erase(old.start, old.end - old.start);
+  headers_.append(name).append(": ").append(value).append("\r\n");
+}
+
+void ExchangeState::setStatus(int status) {
+  const std::lock_guard lock(mutex_);
+  status_ = status >= 200 && status <= 999 ? status : 500;
+}
+
+void ExchangeState::markStream() {
+  const std::lock_guard lock(mutex_);
+  if (streamOpen_) return;
+  stream_ = true;
+  setHeaderLocked("Content-Type", "multipart/mixed; boundary=boundary");
+}
+
+// Whoever gets true answers; nobody gets it twice.
+bool ExchangeState::claim() { return !answered_.exchange(true); }
+
+int ExchangeState::respond(const void* data, int length) {
+  if (length < 0 || (data == nullptr && length > 0)) return 0;
+  bool stream;
+  {
+    const std::lock_guard lock(mutex_);
+    stream = stream_;
+  }
+  if (stream) return respondOnStream(data, length);
+  if (!claim()) return HTTP_LINK_BROKEN;
+  const auto link = link_.lock();
+  if (!link) return HTTP_LINK_BROKEN;
+  link->deliver(shared_from_this(), {static_cast<const char*>(data), std::size_t(length)});
+  qn::ExchangeRegistry::instance().erase(handle_);
+  return length;
+}
+
+int ExchangeState::respondOnStream(const void* data, int length) {
+  bool opens = false;
+  bool wakes = false;
+  int accepted = length;
+  {
+    const std::lock_guard lock(mutex_);
+    if (gone_) return HTTP_LINK_BROKEN;
+    if (!streamOpen_) {
+      if (!claim()) return HTTP_LINK_BROKEN;
+      opens = streamOpen_ = true;
+      std::string().swap(fields_);  // an idle stream keeps little memory
+    }
+    if (parts_.size() + inWriting_ + static_cast<std::size_t>(length) > kStreamQueue) {
+      accepted = 0;
+    } else if (length > 0) {
+      parts_.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
+      wakes = !std::exchange(wakePending_, true);
+    }
+  }
+  const auto link = link_.lock();
+  if (!link) return HTTP_LINK_BROKEN;
+  if (opens) link->openStream(shared_from_this());
+  if (wakes) link->wakeStream();
+  return accepted;
+}
+
+void ExchangeState::finish(int status, const char* contentType, std::string_view body) {
+  if (!claim()) return;
+  {
+    const std::lock_guard lock(mutex_);
+    stream_ = false;
+    status_ = status >= 200 && status <= 999 ? status : 500;
+    setHeaderLocked("Content-Type", contentType);
+  }
+  if (const auto link = link_.lock()) link->deliver(shared_from_this(), body);
+  qn::ExchangeRegistry::instance().erase(handle_);
+}
+
+void ExchangeState::finish(qn::OwnAnswer answer) {
+  if (answered_) return;
+  {
+    const std::lock_guard lock(mutex_);
+    headers_.clear();
+    if (answer == qn::OwnAnswer::Overloaded) {
+      setHeaderLocked("Retry-After", qn::kRetryAfterSeconds);
+    }
+  }
+  const qn::OwnDocument& document = qn::ownDocument(answer);
+  finish(document.status, "application/json", document.body);
+}
+
+void ExchangeState::appendMessage(std::string& out, std::string_view body,
+                                  qn::Ending ending) const {
+  const std::lock_guard lock(mutex_);
+  out.reserve(out.size() + headers_.size() + body.size() + 192);
+  qn::appendStatusLine(out, status_);
+  qn::appendDate(out);
+  out += headers_;
+  if (ending == qn::Ending::Close) {
+    out += "Connection: close\r\n";
+  } else if (http10_) {
+    out += "Connection: keep-alive\r\n";
+  }
+  const bool bodyless = qn::hasNoBody(status_);
+  if (!bodyless) qn::appendContentLength(out, body.size());
+  out += "\r\n";
+  if (!bodyless && method_ != HTTP_HEAD) out += body;
+}
+
+void ExchangeState::appendStreamHead(std::string& out) const {
+  const std::lock_guard lock(mutex_);
+  qn::appendStatusLine(out, status_);
+  qn::appendDate(out);
+  out += headers_;
+  out += "Connection: close\r\n\r\n";
+}
+
+bool ExchangeState::takeParts(std::string& out) {
+  const std::lock_guard lock(mutex_);
+  wakePending_ = false;
+  if (parts_.empty()) return false;
+  out.swap(parts_);
+  inWriting_ = out.size();
+  return true;
+}
+
+void ExchangeState::partsSent() {
+  const std::lock_guard lock(mutex_);
+  inWriting_ = 0;
+}
+
+void ExchangeState::detach() {
+  answered_ = true;
+  qn::ExchangeRegistry::instance().erase(handle_);
+  std::string parts;
+  const std::lock_guard lock(mutex_);
+  gone_ = true;
+  parts_.swap(parts);
+}
+
+CHttpExchange::CHttpExchange(int handle) : state_(ExchangeState::find(handle)) {}
+
+CHttpExchange::CHttpExchange(std::shared_ptr<ExchangeState> state) : state_(std::move(state)) {}
+
+unsigned int CHttpExchange::getMethod() const {
+  return state_ ? static_cast<unsigned int>(state_->method()) : unsigned{HTTP_GET};
+}
+
+const std::string& CHttpExchange::getUrl() const {
+  static const std::string kNone;
+  return state_ ? state_->url() : kNone;
+}
+
+std::string CHttpExchange::getHead(const char* name) const {
+  return state_ && name != nullptr ? state_->header(name) : std::string();
+}
+
+void CHttpExchange::setHead(const char* name, const char* value) {
+  if (state_ && name != nullptr && value != nullptr) state_->setHeader(name, value);
+}
+
+void CHttpExchange::setMIME() {
+  if (state_) state_->markStream();
+}
+
+void CHttpExchange::setStatus(int status) {
+  if (state_) state_->setStatus(status);
+}
+
+int CHttpExchange::response(const void* data, int length) {
+  return state_ ? state_->respond(data, length) : HTTP_LINK_BROKEN;
+}
+
+int CHttpExchange::getHttpHandle() const { return state_ ? state_->handle() : -1; }
+
+}  // namespace QNHttpService

@@ -1,0 +1,107 @@
+// A request that was handed over, and its answer: what stands behind every CHttpExchange of it.
+// Owns copies of all that the module may read, so a late holder on any thread stays safe after the
+// connection went on. Made by the connection; found by handle in the registry until it is answered
+// (a stream: until it closes).
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "gateway/http/answer.h"
+#include "gateway/http/request_reader.h"
+#include "platform/http_service.h"
+
+namespace qn {
+
+using QNHttpService::ExchangeState;
+using ExchangePtr = std::shared_ptr<ExchangeState>;
+
+// The connection's side that answers go to; any thread.
+class AnswerLink {
+ public:
+  virtual ~AnswerLink() = default;
+  // The exchange was claimed by the caller: send its answer with this body.
+  virtual void deliver(const ExchangePtr& exchange, std::string_view body) = 0;
+  virtual void openStream(const ExchangePtr& exchange) = 0;
+  // Parts wait in the stream's queue. Called once for all that come before they are taken.
+  virtual void wakeStream() = 0;
+};
+
+enum class Ending { KeepAlive, Close };
+
+}  // namespace qn
+
+namespace QNHttpService {
+
+class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
+ public:
+  static constexpr std::size_t kStreamQueue = 1024 * 1024;
+
+  // Registers it under a new handle.
+  static qn::ExchangePtr create(const qn::RequestHead& head, const std::string& clientAddress,
+                                bool trustedProxy, const std::weak_ptr<qn::AnswerLink>& link);
+  // Null when the handle is not live.
+  static qn::ExchangePtr find(int handle);
+
+  ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
+                bool trustedProxy, std::weak_ptr<qn::AnswerLink> link);
+
+  // The request; constant.
+  int handle() const { return handle_; }
+  int method() const { return method_; }
+  const std::string& url() const { return url_; }
+  bool keepAlive() const { return keepAlive_; }
+  std::string header(std::string_view name) const;
+
+  // The answer; any thread.
+  void setHeader(std::string_view name, std::string_view value);
+  void setStatus(int status);
+  void markStream();
+  int respond(const void* data, int length);
+  // The service's own way to answer: replaces the status and the content type.
+  void finish(int status, const char* contentType, std::string_view body);
+  void finish(qn::OwnAnswer answer);
+
+  // The connection's side.
+  void appendMessage(std::string& out, std::string_view body, qn::Ending ending) const;
+  void appendStreamHead(std::string& out) const;
+  // Moves everything that is queued to `out`, which is empty; false when there is nothing.
+  bool takeParts(std::string& out);
+  // What was taken went out.
+  void partsSent();
+  // The connection is gone, or answers no more: from now on the link is broken.
+  void detach();
+
+ private:
+  int respondOnStream(const void* data, int length);
+  bool claim();
+  void setHeaderLocked(std::string_view name, std::string_view value);
+
+  const int handle_;
+  const int method_;
+  const bool keepAlive_;
+  const bool http10_;
+  const bool trustedProxy_;
+  const std::string url_;
+  const std::string clientAddress_;
+  const std::weak_ptr<qn::AnswerLink> link_;
+
+  std::atomic<bool> answered_{false};
+
+  mutable std::mutex mutex_;  // guards what follows
+  std::string fields_;        // the request's header lines; given back when a stream starts
+  std::string headers_;       // the answer's header lines
+  int status_ = 200;
+  bool stream_ = false;
+  bool streamOpen_ = false;
+  bool gone_ = false;
+  bool wakePending_ = false;
+  std::string parts_;          // queued
+  std::size_t inWriting_ = 0;  // taken and not yet sent
+};
+
+}  // namespace QNHttpService

@@ -1,0 +1,147 @@
+// See service_core.h.
+#include "gateway/http/service_core.h"
+
+#include <algorithm>
+#include <climits>
+#include <exception>
+#include <string>
+#include <system_error>
+
+#include "gateway/http/multipart.h"
+#include "platform/wlog.h"
+
+namespace qn {
+namespace {
+
+using boost::asio::ip::address;
+
+// As text, an IPv4 address that came in through an IPv6 socket is an IPv4 address.
+address plain(const address& peer) {
+  if (!peer.is_v6() || !peer.to_v6().is_v4_mapped()) return peer;
+  return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, peer.to_v6());
+}
+
+struct SpecialPath {
+  std::string_view path;
+  bool takesPicture;
+};
+// Resources whose requests may block: they run on the worker pool.
+constexpr SpecialPath kSpecialPaths[] = {
+    {"/KAVRO/System/Audio/channels", false},
+    {"/KAVRO/Intelligent/FDLib/FaceDataRecord", true},
+    {"/KAVRO/Intelligent/FDLib/FDSetUp", true},
+};
+
+constexpr std::size_t kRefusalsAtOnce = 256;
+
+const SpecialPath* findSpecialPath(std::string_view url) {
+  const std::string_view path = url.substr(0, url.find('?'));
+  for (const SpecialPath& special : kSpecialPaths) {
+    if (path == special.path) return &special;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool Admission::enter(const address& peer) {
+  const std::lock_guard lock(mutex_);
+  if (open_ >= connections_) return false;
+  std::size_t& ofAddress = byAddress_[plain(peer)];
+  if (ofAddress >= perAddress_) {
+    if (ofAddress == 0) byAddress_.erase(plain(peer));
+    return false;
+  }
+  ++ofAddress;
+  ++open_;
+  return true;
+}
+
+void Admission::leave(const address& peer) {
+  const std::lock_guard lock(mutex_);
+  const auto found = byAddress_.find(plain(peer));
+  if (--found->second == 0) byAddress_.erase(found);
+  --open_;
+}
+
+ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptions& optionsIn,
+                         const HttpTimes& timesIn, ProcessFunction processIn)
+    : reactors(reactorsIn),
+      options(optionsIn),
+      times(timesIn),
+      admission(optionsIn.connections, optionsIn.connectionsPerAddress),
+      refusals(kRefusalsAtOnce, kRefusalsAtOnce / 4),
+      open(reactorsIn.size()),
+      pool_(pool),
+      process_(processIn) {
+  for (const std::string& proxy : options.trustedProxies) {
+    boost::system::error_code ec;
+    const address parsed = boost::asio::ip::make_address(proxy, ec);
+    if (ec) throw std::system_error(ec, "trusted proxy \"" + proxy + "\"");
+    trusted_.push_back(plain(parsed));
+  }
+}
+
+bool ServiceCore::trusts(const address& peer) const {
+  return std::find(trusted_.begin(), trusted_.end(), plain(peer)) != trusted_.end();
+}
+
+bool ServiceCore::enterRequest() {
+  if (requests_.fetch_add(1) < options.requests) return true;
+  requests_.fetch_sub(1);
+  return false;
+}
+
+void ServiceCore::handOver(const ExchangePtr& exchange, std::string_view body) {
+  if (findSpecialPath(exchange->url()) == nullptr) {
+    process(exchange, body);
+    return;
+  }
+  const bool queued = pool_.post([core = shared_from_this(), exchange, owned = std::string(body)] {
+    core->process(exchange, owned);
+  });
+  if (!queued) exchange->finish(OwnAnswer::Overloaded);
+}
+
+void ServiceCore::process(const ExchangePtr& exchange, std::string_view body) const {
+  try {
+    processOrThrow(exchange, body);
+  } catch (const std::exception& e) {
+    wlog_format(WLOG_ERROR, "http", "%s: the protocol module threw: %s", exchange->url().c_str(),
+                e.what());
+    exchange->finish(OwnAnswer::InternalError);
+  } catch (...) {
+    wlog_format(WLOG_ERROR, "http", "%s: the protocol module threw", exchange->url().c_str());
+    exchange->finish(OwnAnswer::InternalError);
+  }
+}
+
+void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view body) const {
+  QNHttpService::stHttpRes request;
+  request.exchange = std::make_shared<QNHttpService::CHttpExchange>(exchange);
+  std::optional<FaceBody> face;
+  const SpecialPath* special = findSpecialPath(exchange->url());
+  if (special != nullptr && special->takesPicture) {
+    const std::string contentType = exchange->header("Content-Type");
+    if (isMultipart(contentType)) {
+      face = readFaceBody(contentType, body);
+      if (!face) return exchange->finish(OwnAnswer::Malformed);
+      body = face->bytes;
+      request.hasMimePart = face->hasMimeType;
+      request.mimeType = face->mimeType;
+    }
+  }
+  if (!body.empty()) {
+    request.body = body.data();
+    request.bodyLength = static_cast<int>(std::min<std::size_t>(body.size(), INT_MAX));
+  }
+  int bodyIsXml = 1;
+  int asyncReply = 0;
+  std::string answer;
+  const int status = process_(bodyIsXml, answer, asyncReply, request);
+  if (asyncReply == 0) {
+    exchange->finish(status, bodyIsXml != 0 ? "application/xml" : "application/json", answer);
+  }
+}
+
+}  // namespace qn

@@ -1,0 +1,99 @@
+// What all connections and listeners of one HTTP service share: options, limits, counters, and the
+// way a complete request goes to the protocol module.
+#pragma once
+
+#include <atomic>
+#include <boost/asio/ip/address.hpp>
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "gateway/config/configuration.h"
+#include "gateway/http/exchange.h"
+#include "gateway/net/reactors.h"
+#include "gateway/net/worker_pool.h"
+
+namespace qn {
+
+// The shape of QN_Protocol_HTTPProcess.
+using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncReply,
+                                const QNHttpService::stHttpRes& request);
+
+// Bounds that no operator needs to change; tests shorten them.
+struct HttpTimes {
+  std::chrono::milliseconds answer{70'000};    // the longest bus time-out and 10 s
+  std::chrono::milliseconds stalled{60'000};   // a peer that takes nothing of what is written
+  std::chrono::milliseconds silent{30'000};    // a stream without a successful write
+  std::chrono::milliseconds linger{2'000};     // for the client to read the last answer
+  std::chrono::milliseconds acceptPause{100};  // after accept failed for want of resources
+};
+
+// Counts connections, in all and for each client address; any thread.
+class Admission {
+ public:
+  Admission(std::size_t connections, std::size_t perAddress)
+      : connections_(connections), perAddress_(perAddress) {}
+
+  bool enter(const boost::asio::ip::address& address);
+  void leave(const boost::asio::ip::address& address);
+
+ private:
+  const std::size_t connections_;
+  const std::size_t perAddress_;
+  std::mutex mutex_;
+  std::size_t open_ = 0;                                       // guarded by mutex_
+  std::map<boost::asio::ip::address, std::size_t> byAddress_;  // guarded by mutex_
+};
+
+// A connection as the service sees it, on the connection's own reactor only.
+class OpenConnection {
+ public:
+  virtual ~OpenConnection() = default;
+  virtual void close() = 0;
+};
+
+class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
+ public:
+  ServiceCore(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
+              const HttpTimes& times, ProcessFunction process);
+
+  // Hands a complete request over and sends its answer, unless that is left to the module; what
+  // may block is queued for the worker pool. On the reactor of the exchange's connection. `body`
+  // is used before the call returns.
+  void handOver(const ExchangePtr& exchange, std::string_view body);
+
+  bool trusts(const boost::asio::ip::address& peer) const;
+  std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
+
+  // A request in flight; false when there are too many.
+  bool enterRequest();
+  void leaveRequest() { requests_.fetch_sub(1); }
+  std::size_t requestsInFlight() const { return requests_.load(); }
+
+  Reactors& reactors;
+  const HttpOptions options;
+  const HttpTimes times;
+  Admission admission;
+  Admission refusals;  // connections over the limit that are being told so
+  std::atomic<bool> stopping{false};
+  // One set for each reactor, used on that reactor only.
+  std::vector<std::unordered_set<OpenConnection*>> open;
+
+ private:
+  void process(const ExchangePtr& exchange, std::string_view body) const;
+  void processOrThrow(const ExchangePtr& exchange, std::string_view body) const;
+
+  WorkerPool& pool_;
+  const ProcessFunction process_;
+  std::vector<boost::asio::ip::address> trusted_;
+  std::atomic<std::size_t> next_{0};
+  std::atomic<std::size_t> requests_{0};
+};
+
+}  // namespace qn
