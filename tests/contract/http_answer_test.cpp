@@ -1,0 +1,210 @@
+// Answered exactly once, whoever answers and whenever; stopping.
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "tests/contract/http_fixture.h"
+
+namespace qn {
+namespace {
+
+constexpr char kGet[] = "GET /a HTTP/1.1\r\nHost: h\r\n\r\n";
+
+// Leaves every request to the test; its handle arrives here.
+class HttpAnswerTest : public HttpFixture {
+ protected:
+  HttpAnswerTest() {
+    script([this](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+      asyncReply = 1;
+      handle_ = request.exchange->getHttpHandle();
+      return 200;
+    });
+  }
+  int waitForHandle() {
+    int handle = 0;
+    EXPECT_TRUE(eventually([&] { return (handle = handle_.exchange(0)) != 0; }));
+    return handle;
+  }
+  static int answer(int handle, std::string_view text) {
+    return CHttpExchange(handle).response(text.data(), static_cast<int>(text.size()));
+  }
+
+  std::atomic<int> handle_{0};
+};
+
+TEST_F(HttpAnswerTest, AnotherThreadAnswersWithStatusAndHeaders) {
+  start();
+  RawClient client(port());
+  client.send(kGet);
+  CHttpExchange exchange(waitForHandle());
+  EXPECT_EQ(exchange.getUrl(), "/a");
+  exchange.setHead("Content-Type", "application/json");
+  exchange.setStatus(404);
+  EXPECT_EQ(exchange.response("{}", 2), 2);
+  const HttpAnswer got = client.answer();
+  EXPECT_EQ(got.status, 404);
+  EXPECT_TRUE(got.has("content-type: application/json\r\n"));
+  EXPECT_EQ(got.body, "{}");
+}
+
+TEST_F(HttpAnswerTest, SecondAnswerSendsNothing) {
+  start();
+  RawClient client(port());
+  client.send(kGet);
+  const int handle = waitForHandle();
+  CHttpExchange holder(handle);
+  EXPECT_EQ(answer(handle, "one"), 3);
+  EXPECT_EQ(holder.response("two", 3), HTTP_LINK_BROKEN);
+  EXPECT_EQ(holder.getUrl(), "/a");
+  EXPECT_EQ(client.answer().body, "one");
+  EXPECT_EQ(answer(handle, "three"), HTTP_LINK_BROKEN);
+  client.send(kGet);
+  EXPECT_EQ(answer(waitForHandle(), "next"), 4);
+  EXPECT_EQ(client.answer().body, "next");
+}
+
+TEST_F(HttpAnswerTest, DeadHandlesAreHarmless) {
+  for (const int handle : {-1, 0, 2147483647}) {
+    CHttpExchange dead(handle);
+    EXPECT_EQ(dead.getUrl(), "");
+    EXPECT_EQ(dead.getHead("Host"), "");
+    EXPECT_EQ(dead.getMethod(), 0u);
+    EXPECT_EQ(dead.getHttpHandle(), -1);
+    dead.setHead("A", "b");
+    dead.setMIME();
+    EXPECT_EQ(dead.response("x", 1), HTTP_LINK_BROKEN);
+  }
+}
+
+// The module may answer and go on with the request, even with its body.
+TEST_F(HttpAnswerTest, RequestOutlivesAnAnswerGivenInside) {
+  std::string seen;
+  script([&](int&, std::string& body, int&, const stHttpRes& request) {
+    request.exchange->response("first", 5);
+    seen.assign(request.body, std::size_t(request.bodyLength));
+    body = "second";
+    return 200;
+  });
+  start();
+  RawClient client(port());
+  const std::string content(5000, 'x');
+  const std::string chunked = "PUT / HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n";
+  EXPECT_EQ(client.ask(chunked + "1388\r\n" + content + "\r\n0\r\n\r\n").body, "first");
+  stop();
+  EXPECT_EQ(seen, content);
+}
+
+TEST_F(HttpAnswerTest, AnswersItselfWhenNobodyDoes) {
+  times_.answer = 100ms;
+  start();
+  RawClient client(port());
+  const HttpAnswer got = client.ask(kGet);
+  EXPECT_EQ(got.status, 504);
+  EXPECT_NE(got.body.find("\"statusString\""), std::string::npos);
+  EXPECT_EQ(answer(waitForHandle(), "late"), HTTP_LINK_BROKEN);
+  client.send(kGet);
+  EXPECT_EQ(answer(waitForHandle(), "ok"), 2);
+  EXPECT_EQ(client.answer().body, "ok");
+}
+
+TEST_F(HttpAnswerTest, ClientGoneBreaksTheLink) {
+  start();
+  RawClient client(port());
+  client.send(kGet);
+  CHttpExchange holder(waitForHandle());
+  const linger now{1, 0};
+  ASSERT_EQ(::setsockopt(client.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now), 0);
+  client.reset();
+  EXPECT_TRUE(eventually([&] { return CHttpExchange(holder.getHttpHandle()).getUrl().empty(); }));
+  EXPECT_EQ(holder.response("x", 1), HTTP_LINK_BROKEN);
+  EXPECT_EQ(holder.getUrl(), "/a");
+}
+
+// Several threads, the time-out and the client's next request race for every exchange.
+TEST_F(HttpAnswerTest, ManyAnswerersAndTheTimeoutGiveOneAnswer) {
+  times_.answer = 2ms;
+  std::mutex mutex;
+  std::vector<int> handles;
+  std::atomic<bool> done{false};
+  std::atomic<int> accepted{0};
+  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+    asyncReply = 1;
+    const std::lock_guard lock(mutex);
+    handles.push_back(request.exchange->getHttpHandle());
+    return 200;
+  });
+  start();
+  std::vector<std::thread> answerers;
+  for (int i = 0; i < 3; ++i) {
+    answerers.emplace_back([&] {
+      while (!done) {
+        int handle = 0;
+        {
+          const std::lock_guard lock(mutex);
+          if (!handles.empty()) handle = handles.back();
+        }
+        CHttpExchange exchange(handle);
+        exchange.setHead("X-A", "b");
+        if (exchange.response("ok", 2) == 2) ++accepted;
+        std::this_thread::yield();
+      }
+    });
+  }
+  int ok = 0;
+  RawClient client(port());
+  for (int i = 0; i < 500; ++i) {
+    const HttpAnswer got = client.ask(kGet);
+    ASSERT_TRUE(got.status == 504 || (got.status == 200 && got.body == "ok")) << got.status;
+    if (got.status == 200) ++ok;
+  }
+  done = true;
+  for (auto& thread : answerers) thread.join();
+  EXPECT_EQ(accepted, ok);
+}
+
+TEST_F(HttpAnswerTest, StoppingLetsRequestsFinishAndRefusesNewClients) {
+  HttpService& service = start();
+  RawClient client(port());
+  client.send(kGet);
+  const int handle = waitForHandle();
+  const uint16_t closedPort = port();
+  service.stopAccepting();
+  EXPECT_FALSE(RawClient(closedPort).connected());
+  EXPECT_FALSE(service.drain(std::chrono::steady_clock::now() + 20ms));
+  std::thread late([&] { answer(handle, "done"); });
+  EXPECT_TRUE(service.drain(std::chrono::steady_clock::now() + 10s));
+  late.join();
+  const HttpAnswer got = client.answer();
+  EXPECT_EQ(got.body, "done");
+  EXPECT_TRUE(got.has("connection: close\r\n"));
+}
+
+TEST_F(HttpAnswerTest, CloseUnderLoadBreaksEveryLinkAndReturns) {
+  std::atomic<bool> done{false};
+  HttpService& service = start();
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 4; ++i) {
+    clients.emplace_back([&, target = port()] {
+      while (!done) {
+        RawClient client(target);
+        client.send(kGet);
+        client.read(1);
+      }
+    });
+  }
+  std::thread answerer([&] {
+    while (!done) answer(handle_.exchange(0), "x");
+  });
+  const int handle = waitForHandle();
+  CHttpExchange holder(handle);
+  ::usleep(50'000);
+  service.close();
+  EXPECT_EQ(holder.response("x", 1), HTTP_LINK_BROKEN);
+  done = true;
+  for (auto& client : clients) client.join();
+  answerer.join();
+}
+
+}  // namespace
+}  // namespace qn

@@ -1,0 +1,189 @@
+// A real HTTP service on a free port, a process function that each test scripts, and a client that
+// sends raw bytes, for the tests of the HTTP service.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "gateway/http/http_service.h"
+#include "platform/http_service.h"
+
+namespace qn {
+
+using QNHttpService::CHttpExchange;
+using QNHttpService::HTTP_LINK_BROKEN;
+using QNHttpService::stHttpRes;
+using namespace std::chrono_literals;
+
+struct HttpAnswer {
+  int status = 0;    // 0: none came
+  std::string head;  // lower case
+  std::string body;
+
+  bool has(std::string_view text) const { return head.find(text) != std::string::npos; }
+};
+
+// Every read ends after 10 s.
+class RawClient {
+ public:
+  explicit RawClient(uint16_t port, int receiveBuffer = 0) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (receiveBuffer > 0) {
+      ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    const timeval limit{10, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+  }
+  ~RawClient() { reset(); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  int descriptor() const { return fd_; }
+  bool connected() const { return connected_; }
+  void reset() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  void endSending() { ::shutdown(fd_, SHUT_WR); }
+
+  bool send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (count <= 0) return false;
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+  }
+
+  // The next answer, with the body its Content-Length announces (none after HEAD).
+  HttpAnswer answer(bool headOnly = false) {
+    HttpAnswer result;
+    std::size_t end;
+    while ((end = input_.find("\r\n\r\n")) == std::string::npos) {
+      if (!receive()) return result;
+    }
+    result.head = input_.substr(0, end + 2);
+    for (char& c : result.head) c = static_cast<char>(std::tolower(c));
+    input_.erase(0, end + 4);
+    const std::size_t length = result.head.find("content-length: ");
+    const std::size_t size =
+        length == std::string::npos || headOnly ? 0 : std::stoul(result.head.substr(length + 16));
+    while (input_.size() < size) {
+      if (!receive()) return HttpAnswer();
+    }
+    result.body = input_.substr(0, size);
+    input_.erase(0, size);
+    result.status = std::atoi(result.head.substr(9, 3).c_str());
+    return result;
+  }
+
+  HttpAnswer ask(std::string_view request) {
+    send(request);
+    return answer();
+  }
+
+  // At least `count` bytes, or what came before the end.
+  std::string read(std::size_t count) {
+    while (input_.size() < count && receive()) {
+    }
+    return std::exchange(input_, {});
+  }
+
+  // The server closed after everything that was read; false when it did not within 10 s.
+  bool closedByServer() {
+    while (receive()) {
+    }
+    return ended_;
+  }
+
+ private:
+  bool receive() {
+    char bytes[65536];
+    const ssize_t count = ::recv(fd_, bytes, sizeof bytes, 0);
+    if (count > 0) input_.append(bytes, static_cast<std::size_t>(count));
+    if (count == 0 || (count < 0 && errno == ECONNRESET)) ended_ = true;
+    return count > 0;
+  }
+
+  int fd_ = -1;
+  bool connected_ = false;
+  bool ended_ = false;
+  std::string input_;
+};
+
+// What the module does with a request in this test.
+using Script = std::function<int(int& bodyIsXml, std::string& body, int& asyncReply,
+                                 const stHttpRes& request)>;
+
+inline Script& currentScript() {
+  static Script script;
+  return script;
+}
+
+inline int runScript(int& bodyIsXml, std::string& body, int& asyncReply, const stHttpRes& request) {
+  return currentScript()(bodyIsXml, body, asyncReply, request);
+}
+
+class HttpFixture : public testing::Test {
+ protected:
+  HttpFixture() {
+    options_.port = 0;
+    // By default: says what came.
+    script([](int&, std::string& body, int&, const stHttpRes& request) {
+      body = request.exchange->getUrl() + "|" +
+             (request.body ? std::string(request.body, std::size_t(request.bodyLength)) : "");
+      return 200;
+    });
+  }
+  ~HttpFixture() override { stop(); }
+
+  // Before the first client.
+  void script(Script script) { currentScript() = std::move(script); }
+  HttpService& start() {
+    reactors_.start();
+    service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, times_);
+    service_->listen();
+    return *service_;
+  }
+  void stop() {
+    service_.reset();
+    pool_.stop();
+    reactors_.stop();
+  }
+  uint16_t port() const { return service_->port(); }
+
+  HttpOptions options_;
+  HttpTimes times_;
+  Reactors reactors_{2};
+  WorkerPool pool_{2, 2};
+  std::unique_ptr<HttpService> service_;
+};
+
+// Waits for something that another thread does; 10 s at most.
+inline bool eventually(const std::function<bool()>& holds) {
+  const auto end = std::chrono::steady_clock::now() + 10s;
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    ::usleep(2000);
+  }
+  return true;
+}
+
+}  // namespace qn

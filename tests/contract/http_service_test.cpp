@@ -1,0 +1,476 @@
+// The HTTP service: what a client sends and what it gets, on real connections.
+#include <atomic>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "tests/contract/http_fixture.h"
+
+namespace qn {
+namespace {
+
+constexpr char kGet[] = "GET /a?b=1 HTTP/1.1\r\nHost: h\r\n\r\n";
+
+TEST_F(HttpFixture, AnswersOnOneConnectionAndNamesItself) {
+  start();
+  RawClient client(port());
+  for (int i = 0; i < 3; ++i) {
+    const HttpAnswer answer = client.ask(kGet);
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.body, "/a?b=1|");
+    EXPECT_TRUE(answer.has("content-type: application/xml\r\n")) << answer.head;
+    EXPECT_TRUE(answer.has("\ndate: ")) << answer.head;
+    EXPECT_FALSE(answer.has("server:")) << answer.head;
+    EXPECT_FALSE(answer.has("connection:")) << answer.head;
+  }
+}
+
+TEST_F(HttpFixture, RequestsThatAreServed) {
+  struct Case {
+    const char* request;
+    const char* body;
+    bool keepsConnection;
+  };
+  const Case cases[] = {
+      {"\r\n\r\nGET / HTTP/1.1\r\nhOsT: h\r\n\r\n", "/|", true},
+      {"GET http://h:80/x/y?z HTTP/1.1\r\nHost: h\r\n\r\n", "/x/y?z|", true},
+      {"GET HTTP://h HTTP/1.1\r\nHost: h\r\n\r\n", "/|", true},
+      {"GET / HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "/|", false},
+      {"GET / HTTP/1.0\r\n\r\n", "/|", false},
+      {"GET / HTTP/1.0\r\nConnection: keep-alive\r\n\r\n", "/|", true},
+      {"OPTIONS * HTTP/1.1\r\nHost: h\r\n\r\n", "*|", true},
+      {"PUT /p HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc", "/p|abc", true},
+      {"PUT /p HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n", "/p|", true},
+      {"POST /p HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n"
+       "3;x=y\r\nabc\r\n2\r\nde\r\n0\r\nTrailer: t\r\n\r\n",
+       "/p|abcde", true},
+  };
+  start();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.request);
+    RawClient whole(port());
+    const HttpAnswer answer = whole.ask(c.request);
+    EXPECT_EQ(answer.status, 200);
+    EXPECT_EQ(answer.body, c.body);
+    if (c.keepsConnection) {
+      EXPECT_EQ(whole.ask(kGet).status, 200);
+    } else {
+      EXPECT_TRUE(answer.has("connection: close\r\n"));
+      EXPECT_TRUE(whole.closedByServer());
+    }
+    RawClient slow(port());
+    for (const char* byte = c.request; *byte != 0; ++byte) slow.send({byte, 1});
+    EXPECT_EQ(slow.answer().body, c.body);
+  }
+}
+
+TEST_F(HttpFixture, RequestsThatAreRefused) {
+  struct Case {
+    int status;
+    std::string request;
+  };
+  const std::string host = "Host: h\r\n";
+  const Case cases[] = {
+      {400, "\x16\x03\x01\x02"},
+      {400, "GET / HTTP/1.1\r\n\r\n"},
+      {400, "GET / HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n"},
+      {400, "GET / HTTP/1.1\nHost: h\n\n"},
+      {400, "GET / HTTP/2.0\r\nHost: h\r\n\r\n"},
+      {400, "GET x HTTP/1.1\r\nHost: h\r\n\r\n"},
+      {400, "GET ftp://h/x HTTP/1.1\r\nHost: h\r\n\r\n"},
+      {400, "GET * HTTP/1.1\r\nHost: h\r\n\r\n"},
+      {400, "GET / HTTP/1.1\r\n" + host + "A: b\r\n c\r\n\r\n"},
+      {400, "GET / HTTP/1.1\r\n" + host + "A:\r\n c\r\n\r\n"},
+      {400, "GET / HTTP/1.1\r\n" + host + "A : b\r\n\r\n"},
+      {400, "GET / HTTP/1.1\r\n" + host + "A: b\rc\r\n\r\n"},
+      {400, "GET / HTTP/1.1\r\n" + host + std::string("A: b\0c\r\n\r\n", 11)},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1\r\nContent-Length: 2\r\n\r\na"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1, 2\r\n\r\na"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Content-Length: +1\r\n\r\na"},
+      {400,
+       "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n"},
+      {400,
+       "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\nContent-Length: 1\r\n\r\n"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked, gzip\r\n\r\n"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: xchunked\r\n\r\n"},
+      {400, "PUT / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n1\r\nabc\r\n"},
+      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n1;" +
+                std::string(9000, 'x')},
+      {413, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1001\r\n\r\n"},
+      {413, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 99999999999999999\r\n\r\n"},
+      {413, "PUT / HTTP/1.1\r\n" + host + "Expect: 100-continue\r\nContent-Length: 1001\r\n\r\n"},
+      {413, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n3e9\r\n"},
+      {413, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n1\r\na\r\n3e8\r\n"},
+      {431, "GET / HTTP/1.1\r\n" + host + "A: " + std::string(9000, 'x')},
+      {431, "GET / HTTP/1.1\r\n" + host + "A: " + std::string(9000, 'x') + "\r\n\r\n"},
+      {431, "GET /" + std::string(9000, 'x')},
+      {501, "BREW / HTTP/1.1\r\nHost: h\r\n\r\n"},
+      {501, "CONNECT h:1 HTTP/1.1\r\nHost: h\r\n\r\n"},
+  };
+  options_.headBytes = 8192;
+  options_.bodyBytes = 1000;
+  start();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.request.substr(0, 120));
+    RawClient client(port());
+    const HttpAnswer answer = client.ask(c.request);
+    EXPECT_EQ(answer.status, c.status);
+    EXPECT_TRUE(answer.has("connection: close\r\n"));
+    EXPECT_TRUE(answer.has("content-type: application/json\r\n"));
+    EXPECT_NE(answer.body.find("\"statusString\""), std::string::npos) << answer.body;
+    client.endSending();
+    EXPECT_TRUE(client.closedByServer());
+  }
+  RawClient other(port());
+  EXPECT_EQ(other.ask(kGet).status, 200);
+}
+
+TEST_F(HttpFixture, LargestHeadAndBodyPass) {
+  options_.headBytes = 8192;
+  options_.bodyBytes = 200'000;
+  start();
+  RawClient client(port());
+  std::string head = "PUT / HTTP/1.1\r\nHost: h\r\nContent-Length: 200000\r\nA: ";
+  head.append(8192 - head.size() - 4, 'x').append("\r\n\r\n");
+  const std::string body(200'000, 'b');
+  EXPECT_EQ(client.ask(head + body).body, "/|" + body);
+  EXPECT_EQ(client.ask(kGet).status, 200);
+}
+
+TEST_F(HttpFixture, RefusalReachesAClientThatGoesOnSending) {
+  options_.bodyBytes = 1000;
+  start();
+  RawClient client(port());
+  client.send("PUT / HTTP/1.1\r\nHost: h\r\nContent-Length: 1000000\r\n\r\n");
+  client.send(std::string(1'000'000, 'x'));
+  EXPECT_EQ(client.answer().status, 413);
+}
+
+TEST_F(HttpFixture, SlowClientsAreToldAndIdleOnesClosed) {
+  struct Case {
+    const char* start;
+    int status;
+  };
+  const Case cases[] = {
+      {"GET / HTTP/1.1\r\nHo", 408},
+      {"PUT / HTTP/1.1\r\nHost: h\r\nContent-Length: 5\r\n\r\nab", 408},
+      {"", 0},
+  };
+  options_.headTime = options_.bodyTime = options_.idleTime = 1s;
+  start();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (const Case& c : cases) {
+    clients.push_back(std::make_unique<RawClient>(port()));
+    clients.back()->send(c.start);
+  }
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    EXPECT_EQ(clients[i]->answer().status, cases[i].status) << cases[i].start;
+    EXPECT_TRUE(clients[i]->closedByServer());
+  }
+}
+
+// The time for a head is a total: a byte now and then does not extend it.
+TEST_F(HttpFixture, DripFedHeadEndsInTime) {
+  options_.headTime = 1s;
+  start();
+  RawClient client(port());
+  const auto begin = std::chrono::steady_clock::now();
+  std::thread drip([&] {
+    for (int i = 0; i < 60 && client.send("x"); ++i) ::usleep(50'000);
+  });
+  EXPECT_EQ(client.answer().status, 408);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
+  drip.join();
+}
+
+TEST_F(HttpFixture, AsksForTheBodyThatAClientHoldsBack) {
+  start();
+  RawClient client(port());
+  client.send("PUT / HTTP/1.1\r\nHost: h\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n");
+  EXPECT_EQ(client.answer().status, 100);
+  EXPECT_EQ(client.ask("ab").body, "/|ab");
+}
+
+TEST_F(HttpFixture, HeadAndBodylessStatusesHaveNoBody) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    body = "text";
+    return request.exchange->getMethod() == QNHttpService::HTTP_HEAD ? 200 : 204;
+  });
+  start();
+  RawClient client(port());
+  client.send("HEAD / HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_TRUE(client.answer(true).has("content-length: 4\r\n"));
+  const HttpAnswer none = client.ask(kGet);
+  EXPECT_EQ(none.status, 204);
+  EXPECT_FALSE(none.has("content-length"));
+  EXPECT_EQ(client.ask(kGet).status, 204);
+}
+
+TEST_F(HttpFixture, PipelinedRequestsAreAnsweredInOrder) {
+  std::mutex mutex;
+  std::vector<std::thread> threads;
+  script([&](int&, std::string& body, int& asyncReply, const stHttpRes& request) {
+    const std::string url = request.exchange->getUrl();
+    if (url.back() % 2 == 0) {  // every other one is answered from another thread
+      asyncReply = 1;
+      const std::lock_guard lock(mutex);
+      threads.emplace_back([handle = request.exchange->getHttpHandle(), url] {
+        CHttpExchange(handle).response(url.data(), static_cast<int>(url.size()));
+      });
+    } else {
+      body = url;
+    }
+    return 200;
+  });
+  start();
+  RawClient client(port());
+  std::string requests;
+  for (int i = 0; i < 500; ++i) {
+    requests += "GET /" + std::to_string(i) + " HTTP/1.1\r\nHost: h\r\n\r\n";
+  }
+  std::thread sender([&] { client.send(requests); });
+  for (int i = 0; i < 500; ++i) ASSERT_EQ(client.answer().body, "/" + std::to_string(i));
+  sender.join();
+  const std::lock_guard lock(mutex);
+  for (auto& thread : threads) thread.join();
+}
+
+// A client that sends and never reads is made to wait: what it can have served is bounded.
+TEST_F(HttpFixture, PipeliningWithoutReadingIsBounded) {
+  std::atomic<int> served{0};
+  script([&](int&, std::string& body, int&, const stHttpRes&) {
+    ++served;
+    body.assign(100'000, 'x');
+    return 200;
+  });
+  start();
+  RawClient client(port(), 8192);
+  std::string requests;
+  for (int i = 0; i < 1000; ++i) requests += kGet;
+  client.send(requests);
+  int before = -1;
+  ASSERT_TRUE(eventually([&] {
+    const int now = served;
+    ::usleep(100'000);
+    return std::exchange(before, now) == now && now > 0;
+  }));
+  EXPECT_LT(served, 200);
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(client.answer().body.size(), 100'000u);
+}
+
+TEST_F(HttpFixture, ClientThatEndedItsSideStillGetsTheAnswer) {
+  std::atomic<int> handle{0};
+  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+    asyncReply = 1;
+    handle = request.exchange->getHttpHandle();
+    return 200;
+  });
+  start();
+  RawClient client(port());
+  client.send(kGet);
+  ASSERT_TRUE(eventually([&] { return handle != 0; }));
+  client.endSending();
+  ::usleep(20'000);
+  CHttpExchange(handle).response("late", 4);
+  EXPECT_EQ(client.answer().body, "late");
+  EXPECT_TRUE(client.closedByServer());
+}
+
+TEST_F(HttpFixture, ExchangeShowsTheRequestAndRefusesBadHeaders) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    CHttpExchange& exchange = *request.exchange;
+    body = std::to_string(exchange.getMethod()) + exchange.getHead("x-one") +
+           exchange.getHead("X-None") + exchange.getHead("Authorization");
+    exchange.setHead("X-Good", "old");
+    exchange.setHead("x-good", "new");
+    exchange.setHead("X-Bad", "a\r\nX-Injected: 1");
+    exchange.setHead("X-Injected: 1\r\nX-Bad", "a");
+    exchange.setHead("Content-Length", "7");
+    exchange.setHead("Connection", "close");
+    return 404;
+  });
+  start();
+  RawClient client(port());
+  const HttpAnswer answer = client.ask(
+      "PATCH /t HTTP/1.1\r\nHost: h\r\nX-One:  v 1\t\r\n"
+      "Authorization: Digest username=\"u\", uri=\"/other\"\r\n\r\n");
+  EXPECT_EQ(answer.status, 404);
+  EXPECT_EQ(answer.body, "6v 1");
+  EXPECT_TRUE(answer.has("x-good: new\r\n")) << answer.head;
+  EXPECT_FALSE(answer.has("old") || answer.has("injected") || answer.has("x-bad"));
+  EXPECT_TRUE(answer.has("content-length: 4\r\n")) << answer.head;
+}
+
+TEST_F(HttpFixture, CredentialsForThisTargetReachTheModule) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    body = request.exchange->getHead("authorization");
+    return 200;
+  });
+  start();
+  RawClient client(port());
+  const std::string credentials = "Digest username=\"u\", uri=\"/t?x=1\"";
+  EXPECT_EQ(
+      client.ask("GET /t?x=1 HTTP/1.1\r\nHost: h\r\nAuthorization: " + credentials + "\r\n\r\n")
+          .body,
+      credentials);
+}
+
+TEST_F(HttpFixture, ClientAddressIsThePeerUnlessAProxyIsTrusted) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    body = request.exchange->getHead("x-forwarded-for");
+    return 200;
+  });
+  const std::string forged = "GET / HTTP/1.1\r\nHost: h\r\nX-Forwarded-For: 9.9.9.9\r\n\r\n";
+  start();
+  EXPECT_EQ(RawClient(port()).ask(forged).body, "127.0.0.1");
+  EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
+  options_.trustedProxies = {"127.0.0.1"};
+  service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, times_);
+  service_->listen();
+  EXPECT_EQ(RawClient(port()).ask(forged).body, "9.9.9.9");
+  EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
+}
+
+TEST_F(HttpFixture, ModuleThatThrowsIsAFailedRequestOnly) {
+  script([](int&, std::string&, int&, const stHttpRes& request) -> int {
+    request.exchange->setHead("X-Half-Done", "1");
+    if (request.exchange->getUrl() == "/a?b=1") throw std::runtime_error("broken");
+    throw 1;
+  });
+  start();
+  RawClient client(port());
+  for (const char* request : {kGet, "GET / HTTP/1.1\r\nHost: h\r\n\r\n",
+                              "GET /KAVRO/System/Audio/channels HTTP/1.1\r\nHost: h\r\n\r\n"}) {
+    const HttpAnswer answer = client.ask(request);
+    EXPECT_EQ(answer.status, 500);
+    EXPECT_FALSE(answer.has("x-half-done"));
+  }
+}
+
+TEST_F(HttpFixture, ConnectionsOverTheLimitAreToldToComeBack) {
+  options_.connectionsPerAddress = 2;
+  start();
+  auto first = std::make_unique<RawClient>(port());
+  RawClient second(port());
+  EXPECT_EQ(first->ask(kGet).status, 200);
+  EXPECT_EQ(second.ask(kGet).status, 200);
+  RawClient third(port());
+  const HttpAnswer refused = third.ask(kGet);
+  EXPECT_EQ(refused.status, 503);
+  EXPECT_TRUE(refused.has("retry-after: "));
+  third.endSending();
+  EXPECT_TRUE(third.closedByServer());
+  first.reset();
+  EXPECT_TRUE(eventually([&] { return RawClient(port()).ask(kGet).status == 200; }));
+}
+
+TEST_F(HttpFixture, RequestsOverTheLimitAreRefusedAndTheConnectionServesOn) {
+  std::atomic<int> handle{0};
+  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+    asyncReply = request.exchange->getUrl() == "/wait";
+    if (asyncReply == 1) handle = request.exchange->getHttpHandle();
+    return 200;
+  });
+  options_.requests = 1;
+  start();
+  RawClient waiting(port());
+  waiting.send("GET /wait HTTP/1.1\r\nHost: h\r\n\r\n");
+  ASSERT_TRUE(eventually([&] { return handle != 0; }));
+  RawClient other(port());
+  const HttpAnswer refused = other.ask(kGet);
+  EXPECT_EQ(refused.status, 503);
+  EXPECT_TRUE(refused.has("retry-after: "));
+  CHttpExchange(handle).response("x", 1);
+  EXPECT_EQ(waiting.answer().status, 200);
+  EXPECT_EQ(other.ask(kGet).status, 200);
+}
+
+TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
+  std::mutex gate;
+  std::atomic<int> blocked{0};
+  script([&](int&, std::string& body, int&, const stHttpRes& request) {
+    if (request.body != nullptr) body.assign(request.body, std::size_t(request.bodyLength));
+    if (request.exchange->getUrl() == "/a?b=1") return 200;
+    ++blocked;
+    const std::lock_guard lock(gate);
+    return 200;
+  });
+  start();
+  const std::string slow =
+      "PUT /KAVRO/System/Audio/channels?x HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc";
+  std::unique_lock lock(gate);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (int i = 0; i < 4; ++i) {  // two run, two wait
+    ASSERT_TRUE(i != 2 || eventually([&] { return blocked == 2; }));
+    clients.push_back(std::make_unique<RawClient>(port()));
+    clients.back()->send(slow);
+  }
+  ASSERT_TRUE(eventually([&] { return RawClient(port()).ask(slow).status == 503; }));
+  RawClient other(port());
+  EXPECT_EQ(other.ask(kGet).status, 200);
+  lock.unlock();
+  for (auto& client : clients) EXPECT_EQ(client->answer().body, "abc");
+}
+
+TEST_F(HttpFixture, FaceRequestsArriveAsJsonAndPicture) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    body = std::to_string(request.hasMimePart) + request.mimeType + "|" +
+           std::string(request.body, std::size_t(request.bodyLength));
+    return 200;
+  });
+  start();
+  const std::string body =
+      "--B\r\nContent-Type: image/png\r\n\r\nPNG\r\n--B\r\n\r\n{\"a\":1}\r\n--B--\r\n";
+  const auto request = [&](const char* path, const std::string& content) {
+    return std::string("POST ") + path +
+           " HTTP/1.1\r\nHost: h\r\nContent-Type: multipart/form-data; boundary=B\r\n"
+           "Content-Length: " +
+           std::to_string(content.size()) + "\r\n\r\n" + content;
+  };
+  RawClient client(port());
+  EXPECT_EQ(client.ask(request("/KAVRO/Intelligent/FDLib/FDSetUp?format=json", body)).body,
+            "1image/png|{\"a\":1}PNG");
+  EXPECT_EQ(client.ask(request("/KAVRO/Other", body)).body, "0|" + body);
+  EXPECT_EQ(client.ask(request("/KAVRO/Intelligent/FDLib/FaceDataRecord", "--B\r\nx")).status, 400);
+  EXPECT_EQ(client.ask(request("/KAVRO/Other", body)).status, 200);
+}
+
+TEST_F(HttpFixture, DevicePortsComeAndGo) {
+  HttpService& service = start();
+  uint16_t extra;
+  {
+    HttpService probe(reactors_, pool_, options_, runScript);
+    probe.listen();
+    extra = probe.port();
+  }
+  service.setDevicePorts({extra, port(), 0});
+  EXPECT_EQ(RawClient(extra).ask(kGet).status, 200);
+  RawClient staying(extra);
+  ASSERT_EQ(staying.ask(kGet).status, 200);
+  service.setDevicePorts({});
+  EXPECT_FALSE(RawClient(extra).connected());
+  EXPECT_EQ(staying.ask(kGet).status, 200);
+  EXPECT_EQ(RawClient(port()).ask(kGet).status, 200);
+}
+
+TEST_F(HttpFixture, ListeningOnATakenPortOrABadAddressSaysWhy) {
+  start();
+  options_.port = port();
+  const auto reason = [&] {
+    try {
+      HttpService(reactors_, pool_, options_, runScript).listen();
+    } catch (const std::system_error& e) {
+      return std::string(e.what());
+    }
+    return std::string();
+  };
+  EXPECT_NE(reason().find("127.0.0.1 port " + std::to_string(options_.port)), std::string::npos);
+  options_.address = "nowhere";
+  EXPECT_NE(reason().find("nowhere"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace qn

@@ -1,0 +1,149 @@
+// Streams: fast, stalled, silent and vanished clients.
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "gateway/http/exchange.h"
+#include "tests/contract/http_fixture.h"
+
+namespace qn {
+namespace {
+
+constexpr char kOpen[] = "GET /stream HTTP/1.1\r\nHost: h\r\n\r\n";
+
+class HttpStreamTest : public HttpFixture {
+ protected:
+  HttpStreamTest() {
+    script([this](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+      asyncReply = 1;
+      CHttpExchange& exchange = *request.exchange;
+      exchange.setMIME();
+      exchange.setStatus(200);
+      EXPECT_EQ(exchange.response(nullptr, 0), 0);
+      handle_ = exchange.getHttpHandle();
+      return 200;
+    });
+  }
+  // Opens a stream and reads its head.
+  std::unique_ptr<RawClient> open(int receiveBuffer = 0) {
+    auto client = std::make_unique<RawClient>(port(), receiveBuffer);
+    client->send(kOpen);
+    const HttpAnswer head = client->answer();
+    EXPECT_EQ(head.status, 200);
+    EXPECT_TRUE(head.has("content-type: multipart/mixed; boundary=boundary\r\n")) << head.head;
+    EXPECT_TRUE(head.has("connection: close\r\n"));
+    EXPECT_FALSE(head.has("content-length") || head.has("chunked"));
+    EXPECT_TRUE(eventually([&] { return handle_ != 0; }));
+    return client;
+  }
+  static int push(int handle, std::string_view part) {
+    return CHttpExchange(handle).response(part.data(), static_cast<int>(part.size()));
+  }
+
+  std::atomic<int> handle_{0};
+};
+
+TEST_F(HttpStreamTest, PartsOfManyThreadsArriveWhole) {
+  start();
+  const auto client = open();
+  constexpr int kThreads = 4;
+  constexpr int kParts = 500;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      const std::string part(100, static_cast<char>('a' + t));
+      for (int i = 0; i < kParts; ++i) {
+        while (push(handle_, part + "\n") == 0) std::this_thread::yield();
+      }
+    });
+  }
+  const std::string all = client->read(kThreads * kParts * 101);
+  for (auto& thread : threads) thread.join();
+  ASSERT_EQ(all.size(), std::size_t{kThreads * kParts * 101});
+  for (std::size_t at = 0; at < all.size(); at += 101) {
+    const std::string part = all.substr(at, 101);
+    ASSERT_EQ(part, std::string(100, part[0]) + "\n");
+  }
+}
+
+TEST_F(HttpStreamTest, StalledClientFillsABoundedQueueAndIsCut) {
+  times_.stalled = 500ms;
+  start();
+  const auto client = open(4096);
+  const std::string part(10'000, 'x');
+  std::size_t accepted = 0;
+  int result;
+  while ((result = push(handle_, part)) > 0) accepted += part.size();
+  EXPECT_EQ(result, 0);
+  EXPECT_LT(accepted, 3u * 1024 * 1024);
+  EXPECT_TRUE(eventually([&] { return push(handle_, part) == HTTP_LINK_BROKEN; }));
+}
+
+TEST_F(HttpStreamTest, QueueThatEmptiesTakesPartsAgain) {
+  start();
+  const auto client = open(4096);
+  const std::string part(10'000, 'x');
+  std::size_t accepted = 0;
+  while (push(handle_, part) > 0) accepted += part.size();
+  EXPECT_EQ(client->read(accepted).size(), accepted);
+  EXPECT_TRUE(eventually([&] { return push(handle_, "more") == 4; }));
+  EXPECT_EQ(client->read(4), "more");
+}
+
+TEST_F(HttpStreamTest, PartLargerThanTheQueueIsNeverTaken) {
+  start();
+  const auto client = open();
+  EXPECT_EQ(push(handle_, std::string(QNHttpService::ExchangeState::kStreamQueue + 1, 'x')), 0);
+  EXPECT_EQ(push(handle_, "x"), 1);
+  EXPECT_EQ(client->read(1), "x");
+}
+
+TEST_F(HttpStreamTest, VanishedClientBreaksTheLink) {
+  start();
+  auto client = open();
+  client->send("a client has nothing to say here");
+  EXPECT_EQ(push(handle_, "x"), 1);
+  EXPECT_EQ(client->read(1), "x");
+  client.reset();
+  EXPECT_TRUE(eventually([&] { return push(handle_, "x") == HTTP_LINK_BROKEN; }));
+  EXPECT_TRUE(CHttpExchange(handle_).getUrl().empty());
+}
+
+TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
+  times_.silent = 200ms;
+  start();
+  const auto client = open();
+  for (int i = 0; i < 8; ++i) {
+    ::usleep(50'000);
+    ASSERT_EQ(push(handle_, "x"), 1) << i;
+  }
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_TRUE(client->closedByServer());
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 100ms);
+}
+
+TEST_F(HttpStreamTest, OpensFromAnotherThreadAndClosesWithTheService) {
+  script([this](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+    asyncReply = 1;
+    handle_ = request.exchange->getHttpHandle();
+    return 200;
+  });
+  HttpService& service = start();
+  RawClient client(port());
+  client.send(kOpen);
+  ASSERT_TRUE(eventually([&] { return handle_ != 0; }));
+  CHttpExchange exchange(handle_);
+  exchange.setMIME();
+  EXPECT_EQ(exchange.response(nullptr, 0), 0);
+  EXPECT_EQ(exchange.response("x", 1), 1);
+  EXPECT_EQ(client.answer().status, 200);
+  EXPECT_EQ(client.read(1), "x");
+  EXPECT_TRUE(service.drain(std::chrono::steady_clock::now() + 1s));  // a stream is no request
+  service.close();
+  EXPECT_TRUE(client.closedByServer());
+  EXPECT_EQ(exchange.response("x", 1), HTTP_LINK_BROKEN);
+}
+
+}  // namespace
+}  // namespace qn
