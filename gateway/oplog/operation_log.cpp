@@ -151,9 +151,12 @@ void OperationLog::reportSuccess() {
 }
 
 void OperationLog::reportLost() {
-  const std::lock_guard lock(mutex_);
-  if (lost_ != 0) logError("operation log: {} records lost, the database was too slow", lost_);
-  lost_ = 0;
+  uint64_t lost = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    lost = std::exchange(lost_, 0);
+  }
+  if (lost != 0) logError("operation log: {} records lost, not written in time", lost);
 }
 
 // False when the log has stopped.
