@@ -1,0 +1,284 @@
+// The table engine: every kind and every rule word once, for all documents.
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "document/json_text.h"
+#include "document/read_xml.h"
+#include "document/write_xml.h"
+
+namespace QNKAVROProtocol::table {
+namespace {
+
+Json::Value json(std::string_view text) {
+  Json::Value value;
+  EXPECT_TRUE(parseJson(text, value)) << text;
+  return value;
+}
+
+constexpr const char* kFails = "(fails)";
+constexpr const char* kAbsent = nullptr;
+
+// What a row makes of a member: the elements, nothing, or kFails.
+std::string written(const Row& row, const Json::Value* member) {
+  QNBase::CXmlBase xml;
+  xml.CreateRoot("r");
+  if (const Row* failed = writeRow(xml, row, member)) return failed == &row ? kFails : "inner";
+  const std::string text = xml.GetChildren();
+  return text == "<r/>" ? "" : text.substr(3, text.size() - 7);
+}
+
+TEST(WriteXml, RuleWords) {
+  const struct {
+    const char* word;
+    WriteRule rule;
+    const char* absent;
+    const char* null;
+    const char* wrongKind;
+  } cases[] = {
+      {"never", write::never, "", "", ""},
+      {"optional", write::optional, "", "", ""},
+      {"strict", write::strict, "", kFails, kFails},
+      {"lenient", write::lenient, "", "<t/>", "<t>7</t>"},
+      {"required", write::required, kFails, kFails, kFails},
+      {"required_or_null", write::required_or_null, kFails, "<t/>", kFails},
+      {"present", write::present, kFails, "<t/>", "<t>7</t>"},
+      {"always", write::always, "<t/>", "<t/>", "<t>7</t>"},
+      {"fallback", write::fallback, "<t>f</t>", "<t>f</t>", "<t>f</t>"},
+  };
+  const Json::Value null;
+  const Json::Value number(7);
+  const Json::Value good("x");
+  for (const auto& [word, rule, absent, nullResult, wrongKind] : cases) {
+    const Row row = text("t", rule).fallback("f");
+    EXPECT_EQ(written(row, nullptr), absent) << word;
+    EXPECT_EQ(written(row, &null), nullResult) << word;
+    EXPECT_EQ(written(row, &number), wrongKind) << word;
+    EXPECT_EQ(written(row, &good), rule.written ? "<t>x</t>" : "") << word;
+  }
+}
+
+std::string twice(std::string_view text) { return std::string(text) + std::string(text); }
+
+constexpr Row kInner[] = {text("a", write::required), integer("b", write::optional)};
+constexpr Row kInnerConstants[] = {constant("c", "1")};
+constexpr Row kEntry[] = {section("e", kInner, write::strict)};
+
+TEST(WriteXml, KindsAndWords) {
+  const struct {
+    Row row;
+    const char* member;
+    const char* expected;
+  } cases[] = {
+      {text("t", write::required), R"("a<&\"b")", "<t>a&lt;&amp;\"b</t>"},
+      {text("t", write::required), R"("")", "<t/>"},
+      {text("t", write::required).as("u"), R"("x")", "<u>x</u>"},
+      {text("t", write::required).changedBy(twice), R"("ab")", "<t>abab</t>"},
+      {text("t", write::required).filled(), R"("")", kFails},
+      {text("t", write::fallback).filled().fallback("f"), R"("")", "<t>f</t>"},
+      {text("t", write::always), "true", "<t>true</t>"},
+      {text("t", write::always), "-2.5", "<t>-2.5</t>"},
+      {text("t", write::always), "[1]", "<t/>"},
+      {text("t", write::always), "{}", "<t/>"},
+      {integer("i", write::required), "2147483647", "<i>2147483647</i>"},
+      {integer("i", write::required), "-2147483648", "<i>-2147483648</i>"},
+      {integer("i", write::required), "25.0", "<i>25</i>"},
+      {integer("i", write::required), "2147483648", kFails},
+      {integer("i", write::required), "2.5", kFails},
+      {integer("i", write::required), R"("2")", kFails},
+      {integer("i", write::required), "true", kFails},
+      {integer("i", write::always), "-2.9", "<i>-2</i>"},
+      {integer("i", write::always), "1e300", "<i>2147483647</i>"},
+      {integer("i", write::always), "-99999999999", "<i>-2147483648</i>"},
+      {integer("i", write::always), R"("5")", "<i>0</i>"},
+      {integer("i", write::always), "true", "<i>0</i>"},
+      {integer("i", write::required).within(1, 3, Else::LeaveOut), "0", ""},
+      {integer("i", write::required).within(1, 3, Else::LeaveOut), "1", "<i>1</i>"},
+      {integer("i", write::required).within(1, 3, Else::LeaveOut), "3", "<i>3</i>"},
+      {integer("i", write::required).within(1, 3, Else::Fail), "4", kFails},
+      {boolean("b", write::required), "true", "<b>true</b>"},
+      {boolean("b", write::required), "false", "<b>false</b>"},
+      {boolean("b", write::required).shownAs("true"), "false", "<b>true</b>"},
+      {boolean("b", write::required).shownAs("true"), "1", kFails},
+      {boolean("b", write::required), R"("true")", kFails},
+      {boolean("b", write::always), "1", "<b>false</b>"},
+      {real("d", write::required), "44.1", "<d>44.100000</d>"},
+      {real("d", write::required), "-0.25", "<d>-0.250000</d>"},
+      {real("d", write::required), "8", "<d>8.000000</d>"},
+      {real("d", write::required), R"("8")", kFails},
+      {constant("c", "x"), kAbsent, "<c>x</c>"},
+      {section("s", kInner, write::required), R"({"b":2,"x":3,"a":"1"})",
+       "<s><a>1</a><b>2</b></s>"},
+      {section("s", kInner, write::required), "[]", kFails},
+      {section("s", kInner, write::optional), R"("a")", ""},
+      {section("s", kInner, write::required), R"({"b":2})", "inner"},
+      {section("s", kInner, write::present), "7", "inner"},
+      {section("s", kInner, write::optional).whole(), R"({"a":"1"})", ""},
+      {section("s", kInner, write::optional).whole(), R"({"a":"1","b":null})", "<s><a>1</a></s>"},
+      {section("s", kInner, write::fallback).fallback(kInnerConstants), kAbsent, "<s><c>1</c></s>"},
+      {list("l", kEntry, write::required), R"([{"e":{"a":"1"}},{},7,null,{"e":{"a":"2"}}])",
+       "<l><e><a>1</a></e><e><a>2</a></e></l>"},
+      {list("l", kEntry, write::required), "[]", "<l/>"},
+      {list("l", kEntry, write::required), "{}", kFails},
+      {list("l", kEntry, write::present), "{}", "<l/>"},
+      {list("l", kEntry, write::required), R"([{"e":{"a":"1"}},{"e":null}])", "inner"},
+      {list("l", kEntry, write::required).firstEachTime(), R"([{"e":{"a":"1"}},7,{"e":{"a":"3"}}])",
+       "<l><e><a>1</a></e><e><a>1</a></e><e><a>1</a></e></l>"},
+      {list("l", kEntry, write::required).firstEachTime(), "[]", "<l/>"},
+  };
+  for (const auto& [row, member, expected] : cases) {
+    const Json::Value value = member == nullptr ? Json::Value() : json(member);
+    EXPECT_EQ(written(row, member == nullptr ? nullptr : &value), expected)
+        << row.xml << " " << (member == nullptr ? "absent" : member);
+  }
+}
+
+TEST(WriteXml, LargestDoubleFits) {
+  const Json::Value value(std::numeric_limits<double>::max());
+  const std::string text = written(real("d", write::required), &value);
+  EXPECT_EQ(text.size(), std::string("<d></d>").size() + 309 + 7);
+  EXPECT_TRUE(text.starts_with("<d>17976931348623157081"));
+}
+
+TEST(WriteXml, RootFollowsItsRule) {
+  constexpr const char* kDeclaration = R"(<?xml version="1.0" encoding="UTF-8"?>)";
+  const struct {
+    WriteRule rule;
+    const char* reply;
+    std::string root;
+  } cases[] = {
+      {write::required, R"({"s":{"a":"1"}})", "<s><a>1</a></s>"},
+      {write::required, "{}", kFails},
+      {write::required, "[]", kFails},
+      {write::strict, "{}", ""},
+      {write::strict, "7", ""},
+      {write::strict, R"({"s":7})", kFails},
+      {write::present, R"({"s":7})", kFails},  // the required row inside
+  };
+  for (const auto& [rule, reply, root] : cases) {
+    QNBase::CXmlBase xml;
+    const Row* failed = writeDocument(xml, section("s", kInner, rule), json(reply));
+    EXPECT_EQ(failed == nullptr ? xml.GetChildren() : kFails,
+              root == kFails ? root : kDeclaration + root)
+        << reply;
+  }
+}
+
+TEST(WriteXml, FailureNamesTheRow) {
+  static constexpr Row kRows[] = {
+      text("a", write::optional).failing(1),
+      section("s", kEntry, write::optional),
+      text("z", write::required).failing(26),
+  };
+  QNBase::CXmlBase xml;
+  xml.CreateRoot("r");
+  const Row* failed = writeRows(xml, kRows, json(R"({"a":1})"));
+  ASSERT_NE(failed, nullptr);
+  EXPECT_EQ(failed->number, 26);
+  EXPECT_EQ(writeRows(xml, kRows, json(R"({"s":{"e":{"a":1}},"z":""})")), &kInner[0]);
+}
+
+constexpr Row kPair[] = {text("x", read::required), integer("y", read::optional)};
+constexpr Row kChild[] = {section("child", kPair, read::optional)};
+constexpr Row kDefaults[] = {integer("n", read::fallback).fallback("101")};
+constexpr Row kFirst[] = {text("f", read::optional)};
+constexpr Row kReadRows[] = {
+    text("t", read::optional),
+    text("always", write::always),
+    integer("i", read::optional),
+    boolean("b", read::optional),
+    boolean("unless", read::optional).trueUnlessFalse(),
+    text("full", read::optional).filled(),
+    section("s", kPair, read::optional),
+    list("l", kChild, write::never, read::optional),
+    firstOf("d", kDefaults, read::optional),
+    firstOf("f", kFirst, read::optional),
+    text("any", read::optional).anywhere(),
+    text("json", read::optional).as("xml"),
+};
+
+TEST(ReadXml, KindsAndWords) {
+  const struct {
+    const char* xml;
+    const char* expected;  // JSON, or the name of the row that fails
+  } cases[] = {
+      {"", "null"},
+      {"<t> a&lt;<![CDATA[<b>]]> </t>", R"({"t":" a<<b> "})"},
+      {"<t/>", R"({"t":""})"},
+      {"<always>x</always>", "null"},
+      {"<i>25</i>", R"({"i":25})"},
+      {"<i> -3x</i>", R"({"i":-3})"},
+      {"<i>abc</i>", R"({"i":0})"},
+      {"<i>99999999999</i>", R"({"i":2147483647})"},
+      {"<b>true</b>", R"({"b":true})"},
+      {"<b>TRUE</b>", R"({"b":false})"},
+      {"<b>1</b>", R"({"b":false})"},
+      {"<unless>false</unless>", R"({"unless":false})"},
+      {"<unless>False</unless>", R"({"unless":true})"},
+      {"<unless/>", R"({"unless":true})"},
+      {"<full>x</full>", R"({"full":"x"})"},
+      {"<full/>", "full"},
+      {"<s><y>1</y><x>2</x></s>", R"({"s":{"x":"2"}})"},  // y stands before x: out of order
+      {"<s><x>2</x><y>1</y></s>", R"({"s":{"x":"2","y":1}})"},
+      {"<s><y>1</y></s>", "x"},
+      {"<s/>", "x"},
+      {"<l><child><x>1</x></child><child><x>2</x></child></l>",
+       R"({"l":[{"child":{"x":"1"}},{"child":{"x":"2"}}]})"},
+      {"<l/>", R"({"l":[null]})"},
+      {"<l><child><x>1</x></child><other/></l>", R"({"l":[{"child":{"x":"1"}},null]})"},
+      {"<l><other/><child><x>1</x></child></l>", R"({"l":[{"child":{"x":"1"}}]})"},
+      {"<l><child/></l>", "x"},
+      {"<d><n>5</n><n>6</n></d>", R"({"d":[{"n":5}]})"},
+      {"<d/>", R"({"d":[{"n":101}]})"},
+      {"<f><f>1</f><f>2</f></f>", R"({"f":[{"f":"1"}]})"},
+      {"<f/>", "null"},
+      {"<xml>1</xml>", R"({"json":"1"})"},
+      {"<i>1</i><t>2</t>", R"({"t":"2"})"},  // i is only looked for behind t
+      {"<any>1</any><t>2</t><i>3</i>", R"({"any":"1","i":3,"t":"2"})"},
+      {"<t>1</t><t>2</t>", R"({"t":"1"})"},
+  };
+  for (const auto& [body, expected] : cases) {
+    QNBase::CXmlBase xml;
+    ASSERT_TRUE(enterRoot(xml, "<r>" + std::string(body) + "</r>", "r")) << body;
+    Json::Value object;
+    const Row* failed = readRows(object, kReadRows, xml);
+    if (failed != nullptr) {
+      EXPECT_EQ(failed->json, expected) << body;
+    } else {
+      EXPECT_EQ(object, json(expected)) << body << " gives " << writeJson(object);
+    }
+  }
+}
+
+TEST(ReadXml, MissingElementsFollowTheirRule) {
+  static constexpr Row kFilled[] = {
+      integer("i", read::fallback).fallback("7"),
+      text("t", read::fallback).fallback("x"),
+      firstOf("d", kDefaults, read::fallback),
+  };
+  static constexpr Row kRequired[] = {text("i", read::required)};
+  QNBase::CXmlBase xml;
+  ASSERT_TRUE(enterRoot(xml, "<r/>", "r"));
+  Json::Value object;
+  EXPECT_EQ(readRows(object, kFilled, xml), nullptr);
+  EXPECT_EQ(object, json(R"({"d":[{"n":101}],"i":7,"t":"x"})"));
+  EXPECT_EQ(readRows(object, kRequired, xml), &kRequired[0]);
+}
+
+TEST(ReadXml, OtherRootsAreRefused) {
+  for (const char* body : {"", "text", "<other/>", "<r>", "<x><r/></x>"}) {
+    QNBase::CXmlBase xml;
+    EXPECT_FALSE(enterRoot(xml, body, "r")) << body;
+  }
+}
+
+// A table with one of these does not compile.
+constexpr Row kWrittenTwice[] = {text("a", write::optional), integer("b", write::optional).as("a")};
+constexpr Row kReadTwice[] = {text("a", read::optional), text("a", read::optional).as("b")};
+constexpr Row kOnceEachWay[] = {real("a", write::optional), integer("a", read::optional)};
+static_assert(!distinct(kWrittenTwice, 2));
+static_assert(!distinct(kReadTwice, 2));
+static_assert(distinct(kOnceEachWay, 2));
+
+}  // namespace
+}  // namespace QNKAVROProtocol::table
