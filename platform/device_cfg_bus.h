@@ -21,6 +21,7 @@ struct tagDEVCFG_USERDATA {
 // Refusals of the bus, all before anything is sent; 0 means accepted.
 enum DeviceCfgBusResult : int {
   DEVCFGBUS_OK = 0,
+  DEVCFGBUS_BAD_ARGUMENT = 1,  // a method or URL that cannot stand in a request line
   DEVCFGBUS_STOPPING = 7,
   DEVCFGBUS_QUEUE_FULL = 8,       // as many requests as the device may have are waiting
   DEVCFGBUS_UNKNOWN_DEVICE = 515  // the URL names no configured device

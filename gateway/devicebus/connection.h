@@ -1,0 +1,96 @@
+// One keep-alive connection to a device: connects, sends one request at a time and reads its
+// reply. Belongs to a Lane, lives on its reactor.
+#pragma once
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "gateway/devicebus/bus_request.h"
+#include "gateway/devicebus/read_buffer.h"
+#include "gateway/devicebus/reply_parser.h"
+
+namespace qn {
+
+class Lane;
+
+// A read is outstanding whenever it is connected, so a device that closes it is noticed while it
+// rests. Every handler keeps it alive and does nothing once the lane has closed it. Times are
+// bounded by the lane: it closes the connection at the request's deadline.
+class Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Endpoint = boost::asio::ip::tcp::endpoint;
+
+  enum class Fault {
+    kNotConnected,
+    kClosed,   // by the device, before the reply was whole
+    kUnusable  // the reply cannot be understood
+  };
+
+  Connection(Lane& lane, boost::asio::io_context& reactor);
+
+  // For the lane to write the head of the next request into before start().
+  std::string& head() { return head_; }
+  // Sends the request, on a new connection after connecting to the first endpoint that accepts.
+  void start(RequestPtr request, const std::vector<Endpoint>& endpoints);
+  // The same when the endpoints have to be found first: connect() follows.
+  void startUnresolved(RequestPtr request);
+
+  const BusRequest* request() const { return request_.get(); }
+  RequestPtr takeRequest() { return std::move(request_); }
+  ReplyParser& reply() { return *reply_; }
+  bool isReused() const { return reused_; }
+  bool gotReplyBytes() const { return gotReplyBytes_; }
+  Clock::time_point restingSince() const { return restingSince_; }
+
+  // After a whole reply: whether the device keeps it open.
+  bool canBeReused() const;
+  void rest();
+  // Nothing is reported to the lane any more.
+  void close();
+
+ private:
+  using ErrorCode = boost::system::error_code;
+
+  template <typename Step>
+  void guarded(Step step) noexcept;  // runs it unless closed; what it throws is a fault
+  void prepareFor(RequestPtr request);
+  void resolve();
+  void connect(std::size_t endpoint);
+  void onConnected(const ErrorCode& error, std::size_t endpoint);
+  void send();
+  void sendRest(std::size_t sent);
+  std::array<boost::asio::const_buffer, 2> unsent(std::size_t sent) const;
+  void read();
+  void onRead(const ErrorCode& error, std::size_t count);
+  void onReadEnd(const ErrorCode& error);
+  void parse();
+  bool nextAfterInterim();
+  void report(Fault fault);
+  void reportLater(Fault fault);
+
+  Lane* lane_;  // null once closed
+  boost::asio::ip::tcp::socket socket_;
+  std::optional<boost::asio::ip::tcp::resolver> resolver_;
+  std::vector<Endpoint> endpoints_;  // while connecting
+  RequestPtr request_;               // null while resting
+  std::string head_;                 // and the body, when it is short
+  ReadBuffer buffer_;
+  std::optional<ReplyParser> reply_;
+  int interimReplies_ = 0;
+  bool connected_ = false;
+  bool reused_ = false;
+  bool sending_ = false;  // a write is outstanding
+  bool ended_ = false;    // the device has closed its side
+  bool gotReplyBytes_ = false;
+  Clock::time_point restingSince_;
+};
+
+}  // namespace qn

@@ -1,0 +1,180 @@
+// See device_bus.h.
+#include "gateway/devicebus/device_bus.h"
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/post.hpp>
+#include <condition_variable>
+#include <latch>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "gateway/config/configuration.h"
+#include "gateway/devicebus/device_url.h"
+#include "platform/wlog.h"
+
+namespace qn {
+namespace {
+
+std::atomic<DeviceBus*> startedBus{nullptr};
+
+// By code. Empty for others.
+std::string_view methodName(unsigned char code) {
+  constexpr std::array<std::string_view, 7> kNames = {"GET",  "PUT",     "POST", "DELETE",
+                                                      "HEAD", "OPTIONS", "PATCH"};
+  return code < kNames.size() ? kNames[code] : std::string_view();
+}
+
+// Where the answer and the thread that waits for it meet; the latter may have gone.
+class Meeting {
+ public:
+  void bring(std::string_view answer, Origin origin) {
+    {
+      std::lock_guard lock(mutex_);
+      origin_ = origin;
+      answer_ = answer;
+    }
+    brought_.notify_one();
+  }
+
+  bool waitForReply(std::chrono::steady_clock::time_point deadline, std::string& reply) {
+    std::unique_lock lock(mutex_);
+    brought_.wait_until(lock, deadline, [this] { return origin_.has_value(); });
+    if (origin_ != Origin::kDevice) return false;
+    reply = std::move(answer_);
+    return true;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable brought_;
+  std::optional<Origin> origin_;  // guarded by mutex_
+  std::string answer_;            // guarded by mutex_
+};
+
+// Keeps off the worker pool: the thread that waits may be a worker.
+class WaitingRecipient final : public Recipient {
+ public:
+  explicit WaitingRecipient(std::shared_ptr<Meeting> meeting) : meeting_(std::move(meeting)) {}
+  void take(std::string_view answer, Origin origin) noexcept override {
+    meeting_->bring(answer, origin);
+  }
+  bool isTranslator() const override { return false; }
+
+ private:
+  const std::shared_ptr<Meeting> meeting_;
+};
+
+std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
+  return std::clamp(timeout, std::chrono::milliseconds(0), DeviceBus::kLongestTimeout);
+}
+
+}  // namespace
+
+DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers) : answers_(workers) {
+  for (std::size_t i = 0; i < reactors.size(); ++i) {
+    shards_.push_back(
+        std::make_unique<Shard>(reactors.context(i), answers_, directory_, reactors.size()));
+  }
+}
+
+DeviceBus::~DeviceBus() {
+  stop();
+  DeviceBus* self = this;
+  startedBus.compare_exchange_strong(self, nullptr);
+}
+
+void DeviceBus::start() { startedBus = this; }
+
+DeviceBus* DeviceBus::started() { return startedBus; }
+
+void DeviceBus::stop() {
+  if (std::exchange(stopped_, true)) return;
+  tally_.close();
+  const auto deadline = std::chrono::steady_clock::now() + kStopTime;
+  for (const auto& shard : shards_) {
+    boost::asio::post(shard->reactor(), [&shard = *shard] { shard.shutDown(); });
+  }
+  if (!waitForTally(deadline)) {
+    wlog_format(WLOG_ERROR, "QNW", "device bus: some requests have not ended");
+    return;
+  }
+  // The handlers that ended the requests may still be running.
+  auto done = std::make_shared<std::latch>(static_cast<std::ptrdiff_t>(shards_.size()));
+  for (const auto& shard : shards_) {
+    boost::asio::post(shard->reactor(), [done] { done->count_down(); });
+  }
+  done->wait();
+}
+
+// Looks instead of being told: who leaves the tally touches nothing of the bus afterwards.
+bool DeviceBus::waitForTally(std::chrono::steady_clock::time_point deadline) const {
+  while (!tally_.empty()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+Shard* DeviceBus::currentShard() {
+  const int current = Reactors::current();
+  return current == Reactors::kNone ? nullptr : shards_[static_cast<std::size_t>(current)].get();
+}
+
+std::shared_ptr<Device> DeviceBus::findDevice(const std::string& url) {
+  const std::string index = namedDevice(url);
+  if (Shard* const shard = currentShard()) return shard->device(index);
+  const DeviceConfig* const config = configuration()->findDevice(index);
+  return config ? directory_.find(*config) : nullptr;
+}
+
+int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
+  const std::string_view method = methodName(call.method);
+  if (method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
+  std::shared_ptr<Device> device = findDevice(call.url);
+  if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
+  const BusOptions& options = configuration()->bus;
+  auto request = std::make_unique<BusRequest>();
+  switch (
+      request->admission.enter(tally_, device, options.deviceConnections + options.deviceQueue)) {
+    case Admission::Refusal::kStopping:
+      return DEVCFGBUS_STOPPING;
+    case Admission::Refusal::kFull:
+      return DEVCFGBUS_QUEUE_FULL;
+    case Admission::Refusal::kNone:
+      break;
+  }
+  request->method = method;
+  request->url = std::move(call.url);
+  request->body = call.body;
+  request->recipient = std::move(recipient);
+  request->deadline = std::chrono::steady_clock::now() + bounded(call.timeout);
+  request->device = std::move(device);
+  dispatch(std::move(request));
+  return DEVCFGBUS_OK;
+}
+
+void DeviceBus::dispatch(RequestPtr request) {
+  if (Shard* const shard = currentShard()) return shard->accept(std::move(request));
+  Shard& shard = *shards_[nextShard_++ % shards_.size()];
+  boost::asio::post(shard.reactor(), [&shard, request = std::move(request)]() mutable {
+    shard.accept(std::move(request));
+  });
+}
+
+int DeviceBus::ask(Call call, std::string& reply) {
+  if (Reactors::current() != Reactors::kNone) {
+    wlog_format(WLOG_ERROR, "QNW", "device bus: a reactor may not wait for a device");
+    return -1;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + bounded(call.timeout);
+  const auto meeting = std::make_shared<Meeting>();
+  const int refusal = send(std::move(call), std::make_unique<WaitingRecipient>(meeting));
+  if (refusal != DEVCFGBUS_OK) return refusal;
+  return meeting->waitForReply(deadline, reply) ? 0 : -1;
+}
+
+}  // namespace qn

@@ -1,0 +1,63 @@
+// See device_url.h.
+#include "gateway/devicebus/device_url.h"
+
+#include <algorithm>
+
+namespace qn {
+namespace {
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// A "%" that no two hexadecimal digits follow stands for itself.
+std::string decoded(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool escape = text[i] == '%' && i + 2 < text.size();
+    const int high = escape ? hexValue(text[i + 1]) : -1;
+    const int low = escape ? hexValue(text[i + 2]) : -1;
+    if (high >= 0 && low >= 0) {
+      result += static_cast<char>(high * 16 + low);
+      i += 2;
+    } else {
+      result += text[i] == '+' ? ' ' : text[i];
+    }
+  }
+  return result;
+}
+
+bool isDevIndex(std::string_view name) {
+  constexpr std::string_view kName = "devIndex";
+  return name == kName || (name.find('%') != name.npos && decoded(name) == kName);
+}
+
+}  // namespace
+
+std::string namedDevice(std::string_view url) {
+  const std::size_t question = url.find('?');
+  if (question == url.npos) return {};
+  std::string_view query = url.substr(question + 1);
+  while (!query.empty()) {
+    const std::size_t separator = query.rfind('&');
+    const std::size_t start = separator == query.npos ? 0 : separator + 1;
+    const std::string_view parameter = query.substr(start);
+    const std::size_t equals = parameter.find('=');
+    if (equals != parameter.npos && isDevIndex(parameter.substr(0, equals))) {
+      return decoded(parameter.substr(equals + 1));
+    }
+    query = query.substr(0, separator == query.npos ? 0 : separator);
+  }
+  return {};
+}
+
+bool isRequestTarget(std::string_view url) {
+  const auto unsendable = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
+  return url.starts_with('/') && std::none_of(url.begin(), url.end(), unsendable);
+}
+
+}  // namespace qn

@@ -1,0 +1,214 @@
+// See lane.h.
+#include "gateway/devicebus/lane.h"
+
+#include <algorithm>
+#include <boost/asio/ip/address.hpp>
+#include <utility>
+
+#include "gateway/devicebus/request_head.h"
+
+namespace qn {
+namespace {
+
+// The endpoint when the host is an address.
+std::vector<Connection::Endpoint> literalEndpoint(const DeviceConfig& config) {
+  std::string_view host = config.host;
+  if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address(std::string(host), error);
+  if (error) return {};
+  return {{address, config.port}};
+}
+
+}  // namespace
+
+Lane::Lane(boost::asio::io_context& reactor, const Answers& answers, std::shared_ptr<Device> device,
+           Limits limits)
+    : reactor_(reactor),
+      answers_(answers),
+      device_(std::move(device)),
+      limits_(limits),
+      literalAddress_(!literalEndpoint(device_->config).empty()),
+      endpoints_(literalEndpoint(device_->config)) {}
+
+Lane::~Lane() {
+  for (const auto& connection : resting_) connection->close();
+  for (const auto& connection : busy_) connection->close();
+}
+
+void Lane::submit(RequestPtr request) {
+  if (request->device != device_) {  // configured anew since the request came
+    request->login.emplace();
+    request->device = device_;
+  }
+  if (device_->circuit.blocked(Clock::now())) return fail(std::move(request), kDeviceUnreachable);
+  queue_.push_back(std::move(request));
+  pump();
+}
+
+void Lane::pump() {
+  std::string authorization;
+  std::string target;
+  while (!queue_.empty()) {
+    BusRequest& first = *queue_.front();
+    const auto now = Clock::now();
+    if (device_->circuit.blocked(now)) {
+      fail(takeFirst(), kDeviceUnreachable);
+      continue;
+    }
+    if (busy_.size() >= limits_.connections) return;
+    target.clear();
+    appendTarget(target, *device_, first);
+    const auto verdict = device_->login.prepare(*first.login, first.method, target, authorization);
+    if (verdict == DeviceLogin::Verdict::kWait) return;
+    if (verdict == DeviceLogin::Verdict::kRefused) {
+      fail(takeFirst(), kDeviceLoginRefused);
+    } else if (!device_->circuit.admit(now)) {
+      fail(takeFirst(), kDeviceUnreachable);
+    } else {
+      launch(takeFirst(), authorization);
+    }
+  }
+}
+
+RequestPtr Lane::takeFirst() {
+  RequestPtr request = std::move(queue_.front());
+  queue_.pop_front();
+  return request;
+}
+
+void Lane::launch(RequestPtr request, const std::string& authorization) {
+  const std::shared_ptr<Connection> connection = takeConnection(*request);
+  busy_.push_back(connection);
+  writeRequestHead(connection->head(), *device_, *request, authorization);
+  if (endpoints_.empty()) {
+    connection->startUnresolved(std::move(request));
+  } else {
+    connection->start(std::move(request), endpoints_);
+  }
+}
+
+std::shared_ptr<Connection> Lane::takeConnection(const BusRequest& request) {
+  if (!resting_.empty() && !request.needsFreshConnection) {
+    auto connection = std::move(resting_.back());
+    resting_.pop_back();
+    return connection;
+  }
+  if (!resting_.empty() && busy_.size() + resting_.size() >= limits_.connections) {
+    resting_.front()->close();
+    resting_.erase(resting_.begin());
+  }
+  return std::make_shared<Connection>(*this, reactor_);
+}
+
+void Lane::fail(RequestPtr request, unsigned int code) {
+  answers_.giveError(reactor_, std::move(request), code);
+}
+
+void Lane::onReply(Connection& connection) {
+  const auto kept = connection.shared_from_this();
+  ReplyParser& reply = connection.reply();
+  RequestPtr request = connection.takeRequest();
+  if (!connection.canBeReused()) connection.close();  // a body may still be on its way out
+  device_->circuit.succeeded();
+  constexpr int kUnauthorized = 401;
+  if (reply.status() != kUnauthorized) {
+    device_->login.accepted(*request->login);
+    answers_.giveReply(std::move(request), reply);
+  } else if (!retired_ && device_->login.refused(*request->login, reply.challenge())) {
+    queue_.push_front(std::move(request));
+  } else {
+    fail(std::move(request), kDeviceLoginRefused);
+  }
+  release(kept);
+  pump();
+}
+
+void Lane::release(const std::shared_ptr<Connection>& connection) {
+  std::erase(busy_, connection);
+  if (retired_ || !connection->canBeReused()) {
+    connection->close();
+    return;
+  }
+  resting_.push_back(connection);
+  connection->rest();
+}
+
+void Lane::onFault(Connection& connection, Connection::Fault fault) {
+  const auto kept = connection.shared_from_this();
+  drop(connection);
+  RequestPtr request = connection.takeRequest();
+  if (!request) return;
+  if (fault == Connection::Fault::kNotConnected) {
+    if (!literalAddress_) endpoints_.clear();
+    device_->circuit.failed(Clock::now());
+    fail(std::move(request), kDeviceUnreachable);
+  } else if (fault == Connection::Fault::kClosed && isToBeSentAgain(*request, connection)) {
+    request->needsFreshConnection = true;
+    queue_.push_front(std::move(request));
+  } else {
+    fail(std::move(request), kDeviceReplyUnusable);
+  }
+  pump();
+}
+
+// The device may have closed a connection in the moment in which it was used again.
+bool Lane::isToBeSentAgain(BusRequest& request, Connection& connection) {
+  return !retired_ && connection.isReused() && !connection.gotReplyBytes() &&
+         !request.needsFreshConnection && isIdempotent(request.method);
+}
+
+void Lane::drop(Connection& connection) {
+  const auto isIt = [&](const auto& other) { return other.get() == &connection; };
+  std::erase_if(busy_, isIt);
+  std::erase_if(resting_, isIt);
+  connection.close();
+}
+
+void Lane::sweep(Clock::time_point now) {
+  endOverdue(now);
+  closeRested(now);
+  pump();
+}
+
+void Lane::endOverdue(Clock::time_point now) {
+  for (RequestPtr& request : queue_) {
+    if (request->deadline <= now) fail(std::move(request), kDeviceTimeout);
+  }
+  std::erase(queue_, nullptr);
+  const auto endIfOverdue = [&](const std::shared_ptr<Connection>& connection) {
+    if (!connection->request() || connection->request()->deadline > now) return false;
+    device_->circuit.failed(now);
+    connection->close();
+    fail(connection->takeRequest(), kDeviceTimeout);
+    return true;
+  };
+  std::erase_if(busy_, endIfOverdue);
+}
+
+void Lane::closeRested(Clock::time_point now) {
+  std::erase_if(resting_, [&](const std::shared_ptr<Connection>& connection) {
+    if (connection->restingSince() + kRestTime > now) return false;
+    connection->close();
+    return true;
+  });
+}
+
+std::deque<RequestPtr> Lane::retire() {
+  retired_ = true;
+  for (const auto& connection : resting_) connection->close();
+  resting_.clear();
+  return std::exchange(queue_, {});
+}
+
+void Lane::endAll(unsigned int code) {
+  for (RequestPtr& request : retire()) fail(std::move(request), code);
+  for (const auto& connection : busy_) {
+    connection->close();
+    RequestPtr request = connection->takeRequest();
+    if (request) fail(std::move(request), code);
+  }
+  busy_.clear();
+}
+
+}  // namespace qn

@@ -1,0 +1,64 @@
+// See status_documents.h.
+#include "gateway/devicebus/status_documents.h"
+
+#include <json/json.h>
+
+#include "platform/base_library.h"
+#include "platform/wlog.h"
+
+namespace qn {
+namespace {
+
+// The protocol's codes for what a device says in the words of HTTP.
+constexpr unsigned int kNotFound = 0x40000006;
+constexpr unsigned int kNotAllowed = 0x40000009;
+
+constexpr unsigned int kCodes[] = {kDeviceTimeout,       kDeviceUnreachable,    kGatewayStopping,
+                                   kDeviceReplyUnusable, kDeviceLoginRefused,   kMalformedRequest,
+                                   kRequestTooLarge,     kMethodNotImplemented, kNotFound,
+                                   kNotAllowed};
+
+std::string documentText(unsigned int code) {
+  Json::Value document;
+  int httpStatus = 0;
+  if (!getResponseStatusByErrorNo(code, document, httpStatus)) {
+    wlog_format(WLOG_ERROR, "QNW", "the status table lacks 0x%08x", code);
+    document["statusCode"] = static_cast<int>(code >> 28);
+    document["errorCode"] = static_cast<Json::Int>(code);
+  }
+  return Json::FastWriter().write(document);
+}
+
+}  // namespace
+
+StatusDocuments::StatusDocuments() {
+  for (const unsigned int code : kCodes) texts_.emplace(code, documentText(code));
+}
+
+std::string_view StatusDocuments::of(unsigned int errorCode) const { return texts_.at(errorCode); }
+
+unsigned int errorOfHttpStatus(int status) {
+  switch (status) {
+    case 401:
+    case 407:
+      return kDeviceLoginRefused;
+    case 403:
+      return kNotAllowed;
+    case 404:
+      return kNotFound;
+    case 405:
+    case 501:
+      return kMethodNotImplemented;
+    case 408:
+    case 504:
+      return kDeviceTimeout;
+    case 413:
+      return kRequestTooLarge;
+    case 503:
+      return kDeviceUnreachable;
+    default:
+      return status >= 500 ? kDeviceReplyUnusable : kMalformedRequest;
+  }
+}
+
+}  // namespace qn
