@@ -24,7 +24,7 @@ Device::Device(const DeviceConfig& deviceConfig)
 std::shared_ptr<Device> DeviceDirectory::find(const DeviceConfig& config) {
   std::lock_guard lock(mutex_);
   std::shared_ptr<Device>& device = devices_[config.index];
-  if (!device || device->config != config) device = std::make_shared<Device>(config);
+  if (!device || !device->config.sameServer(config)) device = std::make_shared<Device>(config);
   return device;
 }
 

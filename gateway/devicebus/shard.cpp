@@ -54,7 +54,8 @@ void Shard::followConfiguration() {
     const auto entry = next++;
     Lane& lane = *entry->second;
     const DeviceConfig* const config = current->findDevice(entry->first);
-    if (config && *config == lane.device().config && limits_ == lane.limits()) continue;
+    const bool same = config && config->sameServer(lane.device().config);
+    if (same && limits_ == lane.limits()) continue;
     std::ranges::move(lane.retire(), std::back_inserter(waiting));
     retired_.push_back(std::move(entry->second));
     lanes_.erase(entry);

@@ -1,0 +1,478 @@
+// What platform/device_cfg_bus.h promises, against scripted devices on loopback.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <latch>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gateway/devicebus/circuit.h"
+#include "gateway/devicebus/device_url.h"
+#include "tests/contract/bus_fixture.h"
+#include "tests/contract/scripted_device.h"
+
+namespace qn::test {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr unsigned int kNotFound = 0x40000006;
+constexpr milliseconds kShort{300};
+
+TEST(DeviceUrl, TheLastDevIndexNamesTheDevice) {
+  const struct {
+    const char* url;
+    const char* device;
+  } cases[] = {
+      {"/a?format=json&devIndex=7", "7"},
+      {"/a?devIndex=1&devIndex=2", "2"},
+      {"/a?devIndex=2&format=json", "2"},
+      {"/a?devIndex=1&dev%49ndex=2", "2"},
+      {"/a?dev%49ndex=2&devIndex=1", "1"},
+      {"/a?devIndex=1&devIndex=%32", "2"},
+      {"/a?x=1?devIndex=3&devIndex=1", "1"},
+      {"/a?devIndex=1&devIndex", "1"},
+      {"/a?devIndex=1&devIndex=", ""},
+      {"/a?mydevIndex=1", ""},
+      {"/a&devIndex=1", ""},
+      {"/a?devIndex=%zz%", "%zz%"},
+      {"/a?", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(namedDevice(c.url), c.device) << c.url;
+}
+
+TEST(Circuit, OpensAfterThreeFailuresAndLetsOneProbeThroughEachSecond) {
+  Circuit circuit("1");
+  const Circuit::Clock::time_point start{seconds(1000)};
+  circuit.failed(start);
+  circuit.failed(start);
+  circuit.succeeded();
+  circuit.failed(start);
+  circuit.failed(start);
+  EXPECT_TRUE(circuit.admit(start)) << "only failures in a row count";
+  circuit.failed(start);
+  EXPECT_TRUE(circuit.blocked(start));
+  EXPECT_FALSE(circuit.admit(start + milliseconds(999)));
+  EXPECT_FALSE(circuit.blocked(start + seconds(1)));
+  EXPECT_TRUE(circuit.admit(start + seconds(1)));
+  EXPECT_FALSE(circuit.admit(start + seconds(1))) << "one probe at a time";
+  circuit.failed(start + seconds(1));
+  EXPECT_TRUE(circuit.admit(start + seconds(2)));
+  circuit.succeeded();
+  EXPECT_TRUE(circuit.admit(start + seconds(2)));
+  EXPECT_FALSE(circuit.blocked(start + seconds(2)));
+}
+
+class DeviceBusTest : public BusTest {};
+
+struct ReplyCase {
+  const char* name;
+  std::string bytes;  // what the device says before it closes
+  std::string body;   // what the callback gets, or
+  unsigned int error = 0;
+};
+
+void PrintTo(const ReplyCase& c, std::ostream* out) { *out << c.name; }
+
+class ReplyTest : public BusTest, public ::testing::WithParamInterface<ReplyCase> {};
+
+TEST_P(ReplyTest, IsHandedOverOrReplaced) {
+  const ReplyCase& c = GetParam();
+  ScriptedDevice device([&c](Peer& peer) {
+    if (peer.read()) peer.write(c.bytes);
+  });
+  addDevice("1", device.port());
+  configuration_.bus.replyBytes = 1000;
+  publish();
+  const auto sent = send("1");
+  EXPECT_EQ(sent->text().substr(0, 100), c.error ? sent->text().substr(0, 100) : c.body);
+  EXPECT_EQ(sent->error(), c.error);
+}
+
+const std::string kHead = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
+const std::string kChunked = kHead + "Transfer-Encoding: chunked\r\n\r\n";
+const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+
+std::string repeated(const std::string& text, int count) {
+  std::string all;
+  for (int i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, ReplyTest,
+    ::testing::Values(
+        ReplyCase{"WithLength", jsonReply("{\"a\":1}"), "{\"a\":1}"},
+        ReplyCase{"Chunked", kChunked + "3\r\n{\"a\r\n4;x=y\r\n\":1}\r\n0\r\n\r\n", "{\"a\":1}"},
+        ReplyCase{"ChunkedWithTrailer", kChunked + "2\r\n{}\r\n0\r\nX: y\r\n\r\n", "{}"},
+        ReplyCase{"UntilClose", kHead + "\r\n{\"a\":1}", "{\"a\":1}"},
+        ReplyCase{"Http10", "HTTP/1.0 200 OK\r\n\r\n{}", "{}"},
+        ReplyCase{"Empty", jsonReply(""), ""},
+        ReplyCase{"NoContent", "HTTP/1.1 204 No Content\r\n\r\n", ""},
+        ReplyCase{"AfterInterim", repeated(kContinue, 2) + jsonReply("{}"), "{}"},
+        ReplyCase{"NeitherJsonNorXmlButFine", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello",
+                  "hello"},
+        ReplyCase{"ErrorInJson", jsonReply("{\"statusCode\":4}", "403 Forbidden"),
+                  "{\"statusCode\":4}"},
+        ReplyCase{"ErrorInXml",
+                  "HTTP/1.1 500 X\r\nContent-Type: text/xml\r\nContent-Length: 4\r\n\r\n<a/>",
+                  "<a/>"},
+        ReplyCase{"NotFoundInHtml",
+                  "HTTP/1.1 404 X\r\nContent-Type: text/html\r\nContent-Length: 4\r\n\r\n<p/>", "",
+                  kNotFound},
+        ReplyCase{"ErrorWithoutBody", "HTTP/1.1 500 X\r\nContent-Length: 0\r\n\r\n", "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"LoginWithoutCredentials", jsonReply("{}", "401 Unauthorized"), "",
+                  kDeviceLoginRefused},
+        ReplyCase{"Nothing", "", "", kDeviceReplyUnusable},
+        ReplyCase{"Garbage", "\x01\x02garbage\r\n\r\n", "", kDeviceReplyUnusable},
+        ReplyCase{"ClosedInHead", "HTTP/1.1 200 OK\r\nConte", "", kDeviceReplyUnusable},
+        ReplyCase{"ClosedInBody", kHead + "Content-Length: 10\r\n\r\n{\"a\"", "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"ClosedInChunk", kChunked + "a\r\n{\"a\"", "", kDeviceReplyUnusable},
+        ReplyCase{"BadChunk", kChunked + "zz\r\n", "", kDeviceReplyUnusable},
+        ReplyCase{"TwoLengths", kHead + "Content-Length: 1\r\nContent-Length: 2\r\n\r\n{}", "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"LengthTooLarge", kHead + "Content-Length: 99999999999\r\n\r\n", "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"ChunksTooLarge", kChunked + repeated("10\r\n0123456789abcdef\r\n", 100), "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"UntilCloseTooLarge", kHead + "\r\n" + std::string(2000, ' '), "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"HeadTooLarge", kHead + "X: " + std::string(100000, 'x') + "\r\n\r\n", "",
+                  kDeviceReplyUnusable},
+        ReplyCase{"SwitchingProtocols", "HTTP/1.1 101 X\r\n\r\n", "", kDeviceReplyUnusable},
+        ReplyCase{"InterimForever", repeated(kContinue, 100) + jsonReply("{}"), "",
+                  kDeviceReplyUnusable}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(DeviceBusTest, SendsTheUrlAsItStandsAndFindsTheContentType) {
+  ScriptedDevice device(ScriptedDevice::answering([](const DeviceRequest& request) {
+    return jsonReply(request.method + " " + request.target + " " + request.field("Content-Type") +
+                     " " + request.field("Content-Length") + " " + request.body);
+  }));
+  addDevice("1", device.port());
+  configuration_.devices[0].basePath = "/base";
+  publish();
+  const std::string target = " /base" + url("1");
+  const struct {
+    unsigned char method;
+    const char* body;
+    std::string seen;
+  } cases[] = {
+      {GET, "", "GET" + target + "   "},
+      {PUT, " {}", "PUT" + target + " application/json 3  {}"},
+      {POST, "[1]", "POST" + target + " application/json 3 [1]"},
+      {PUT, "<a/>", "PUT" + target + " application/xml 4 <a/>"},
+      {PUT, "a", "PUT" + target + " application/octet-stream 1 a"},
+      {POST, "", "POST" + target + "  0 "},
+      {DELETE, "", "DELETE" + target + "   "},
+      {PATCH, "{}", "PATCH" + target + " application/json 2 {}"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(send("1", seconds(20), c.method, c.body)->text(), c.seen);
+  }
+  EXPECT_EQ(device.connections(), 1);
+}
+
+TEST_F(DeviceBusTest, RefusesWhatItCannotSend) {
+  addDevice("1", 1);
+  const struct {
+    unsigned char method;
+    std::string url;
+    int refusal;
+  } cases[] = {
+      {GET, "/a?devIndex=9", DEVCFGBUS_UNKNOWN_DEVICE},
+      {GET, "/a?devIndex=1&devIndex=9", DEVCFGBUS_UNKNOWN_DEVICE},
+      {GET, "/a", DEVCFGBUS_UNKNOWN_DEVICE},
+      {7, url("1"), DEVCFGBUS_BAD_ARGUMENT},
+      {GET, "/a b?devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
+      {GET, "/a\r\nX:y?devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
+      {GET, std::string("/a\0?devIndex=1", 14), DEVCFGBUS_BAD_ARGUMENT},
+      {GET, "a?devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
+      {GET, "", DEVCFGBUS_BAD_ARGUMENT},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Sent(c.method, c.url, "", seconds(1)).refusal(), c.refusal) << c.url;
+  }
+}
+
+TEST_F(DeviceBusTest, TenMegabytesGoBothWaysAndAreTranslatedOffTheReactor) {
+  ScriptedDevice device(ScriptedDevice::answering(
+      [](const DeviceRequest& request) { return jsonReply(request.body); }));
+  addDevice("1", device.port());
+  const std::string body = "{" + std::string(10 * 1024 * 1024, ' ') + "}";
+  const Answer answer = send("1", seconds(20), PUT, body)->answer();
+  EXPECT_TRUE(answer.text == body);
+  EXPECT_EQ(answer.reactor, Reactors::kNone);
+  EXPECT_EQ(send("1", seconds(20), PUT, "{}")->answer().reactor, 0);
+}
+
+TEST_F(DeviceBusTest, EarlyAnswerToAnUnfinishedBodyIsTheAnswer) {
+  ScriptedDevice device([](Peer& peer) {
+    peer.write(jsonReply("{\"early\":1}", "413 Content Too Large"));
+    peer.waitForClose();
+  });
+  addDevice("1", device.port());
+  const auto sent = send("1", seconds(20), POST, std::string(10 * 1024 * 1024, ' '));
+  EXPECT_EQ(sent->text(), "{\"early\":1}");
+}
+
+TEST_F(DeviceBusTest, RefusedConnectionIsUnreachable) {
+  uint16_t port;
+  {
+    ScriptedDevice gone(ScriptedDevice::hanging());
+    port = gone.port();
+  }
+  addDevice("1", port);
+  EXPECT_EQ(send("1")->error(), kDeviceUnreachable);
+  configuration_.devices[0].host = "name.invalid";
+  publish();
+  EXPECT_EQ(send("1")->error(), kDeviceUnreachable);
+  configuration_.devices[0].host = "localhost";
+  ScriptedDevice device(ScriptedDevice::answering([](const auto&) { return jsonReply("{}"); }));
+  configuration_.devices[0].port = device.port();
+  publish();
+  EXPECT_EQ(send("1")->text(), "{}");
+}
+
+TEST_F(DeviceBusTest, TimeOutCountsFromTheCallAndEndsSlowReplies) {
+  ScriptedDevice trickling([](Peer& peer) {
+    peer.read();
+    peer.write(kHead + "Content-Length: 10\r\n\r\n{");
+    peer.waitForClose();
+  });
+  addDevice("1", trickling.port());
+  configuration_.bus.deviceConnections = 1;
+  publish();
+  const auto start = std::chrono::steady_clock::now();
+  for (const auto& sent : sendMany(3, "1", kShort)) {
+    EXPECT_EQ(sent->error(), kDeviceTimeout);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2 * kShort + seconds(2));
+  EXPECT_EQ(trickling.connections(), 1) << "the others ended in the queue";
+}
+
+TEST_F(DeviceBusTest, HangingDeviceDelaysNoOtherAndHoldsABoundedNumber) {
+  ScriptedDevice hanging(ScriptedDevice::hanging());
+  ScriptedDevice good(ScriptedDevice::answering([](const auto&) { return jsonReply("{}"); }));
+  configuration_.bus.deviceConnections = 2;
+  configuration_.bus.deviceQueue = 3;
+  addDevice("1", hanging.port());
+  addDevice("2", good.port());
+  const auto waiting = sendMany(5, "1", seconds(2));
+  EXPECT_EQ(send("1")->refusal(), DEVCFGBUS_QUEUE_FULL);
+  EXPECT_EQ(send("2")->text(), "{}");
+  for (const auto& sent : waiting) {
+    EXPECT_EQ(sent->refusal(), DEVCFGBUS_OK);
+    EXPECT_EQ(sent->error(), kDeviceTimeout);
+  }
+  EXPECT_EQ(hanging.connections(), 2);
+}
+
+TEST_F(DeviceBusTest, DeadDeviceIsProbedAndComesBack) {
+  std::atomic<bool> alive{false};
+  ScriptedDevice device([&](Peer& peer) {
+    while (peer.read()) {
+      if (alive) peer.write(jsonReply("{}"));
+    }
+  });
+  addDevice("1", device.port());
+  for (const auto& sent : sendMany(3, "1", kShort)) EXPECT_EQ(sent->error(), kDeviceTimeout);
+  const int asked = device.connections();
+  EXPECT_EQ(send("1")->error(), kDeviceUnreachable);
+  EXPECT_EQ(device.connections(), asked) << "failed without being sent";
+  alive = true;
+  unsigned int error = kDeviceUnreachable;
+  const auto deadline = std::chrono::steady_clock::now() + seconds(20);
+  while (error == kDeviceUnreachable && std::chrono::steady_clock::now() < deadline) {
+    error = send("1")->error();
+  }
+  EXPECT_EQ(error, 0u);
+  for (const auto& sent : sendMany(3, "1")) EXPECT_EQ(sent->text(), "{}");
+}
+
+TEST_F(DeviceBusTest, KeepsConnectionsAndNoticesThatTheDeviceClosesThem) {
+  ScriptedDevice device([](Peer& peer) {
+    for (int i = 0; i < 5 && peer.read(); ++i) peer.write(jsonReply("{}"));
+  });
+  addDevice("1", device.port());
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(send("1")->text(), "{}");
+  EXPECT_EQ(device.connections(), 4);
+}
+
+TEST_F(DeviceBusTest, BrokenReusedConnectionIsTriedAgainOnceUnlessItMayDoHarm) {
+  std::atomic<int> requests{0};
+  // Every connection answers one request and breaks on the next.
+  ScriptedDevice device([&](Peer& peer) {
+    if (peer.read()) peer.write(jsonReply(std::to_string(++requests)));
+    if (peer.read()) ++requests;
+  });
+  addDevice("1", device.port());
+  EXPECT_EQ(send("1")->text(), "1");
+  EXPECT_EQ(send("1", seconds(20), DELETE)->text(), "3");
+  EXPECT_EQ(send("1", seconds(20), POST, "{}")->error(), kDeviceReplyUnusable);
+  EXPECT_EQ(requests, 4) << "a POST is sent once";
+}
+
+TEST_F(DeviceBusTest, ChangedConfigurationHoldsForTheNextRequest) {
+  std::promise<void> taken;
+  std::promise<void> released;
+  ScriptedDevice before([&](Peer& peer) {
+    if (peer.read()) taken.set_value();
+    released.get_future().wait();
+    peer.write(jsonReply("\"before\""));
+    peer.waitForClose();
+  });
+  ScriptedDevice after(
+      ScriptedDevice::answering([](const auto&) { return jsonReply("\"after\""); }));
+  addDevice("1", before.port());
+  configuration_.bus.deviceConnections = 1;
+  publish();
+  const auto inFlight = send("1");
+  taken.get_future().wait();
+  const auto waiting = send("1");
+  configuration_.devices[0].port = after.port();
+  publish();
+  EXPECT_EQ(send("1")->text(), "\"after\"");
+  EXPECT_EQ(waiting->text(), "\"after\"");
+  configuration_.devices.clear();
+  publish();
+  EXPECT_EQ(send("1")->refusal(), DEVCFGBUS_UNKNOWN_DEVICE);
+  EXPECT_EQ(inFlight->calls(), 0);
+  released.set_value();
+  EXPECT_EQ(inFlight->text(), "\"before\"");
+}
+
+TEST_F(DeviceBusTest, SynchronousRequestWaitsForTheDevice) {
+  ScriptedDevice good(
+      ScriptedDevice::answering([](const auto&) { return jsonReply(std::string(100000, ' ')); }));
+  ScriptedDevice hanging(ScriptedDevice::hanging());
+  addDevice("1", good.port());
+  addDevice("2", hanging.port());
+  std::string reply = "untouched";
+  EXPECT_EQ(QN_DeviceCfgBus_ProcessSyn(GET, url("2"), "", reply, 100), -1);
+  EXPECT_EQ(QN_DeviceCfgBus_ProcessSyn(GET, url("3"), "", reply, 100), DEVCFGBUS_UNKNOWN_DEVICE);
+  std::promise<int> onReactor;
+  boost::asio::post(reactors_.context(0), [&] {
+    onReactor.set_value(QN_DeviceCfgBus_ProcessSyn(GET, url("1"), "", reply, 20000));
+  });
+  EXPECT_EQ(onReactor.get_future().get(), -1);
+  EXPECT_EQ(reply, "untouched");
+  EXPECT_EQ(QN_DeviceCfgBus_ProcessSyn(GET, url("1"), "", reply, 20000), 0);
+  EXPECT_EQ(reply.size(), 100000u);
+}
+
+TEST_F(DeviceBusTest, CallbackMaySendTheNextRequest) {
+  ScriptedDevice device(ScriptedDevice::answering([](const auto&) { return jsonReply("{}"); }));
+  addDevice("1", device.port());
+  struct Chain {
+    int left = 50;
+    std::promise<void> ended;
+    static int next(void*, int, void* userData) {
+      auto& self = *static_cast<Chain*>(userData);
+      if (self.left-- == 0) {
+        self.ended.set_value();
+      } else {
+        EXPECT_EQ(QN_DeviceCfgBus_ProcessAsyn(GET, url("1"), "", &next, &self, 20000), 0);
+      }
+      return 0;
+    }
+  } chain;
+  ASSERT_EQ(QN_DeviceCfgBus_ProcessAsyn(GET, url("1"), "", &Chain::next, &chain, 20000), 0);
+  EXPECT_EQ(chain.ended.get_future().wait_for(seconds(30)), std::future_status::ready);
+  bus_.stop();
+}
+
+class ConcurrentBusTest : public BusTest {
+ protected:
+  ConcurrentBusTest() : BusTest(2) {}
+
+  // Calls `work` on so many threads at once.
+  template <typename Work>
+  static void onThreads(int count, Work work) {
+    std::latch start(count);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([&, i] {
+        start.arrive_and_wait();
+        work(i);
+      });
+    }
+  }
+};
+
+TEST_F(ConcurrentBusTest, EveryRequestOfManyThreadsIsAnsweredOnce) {
+  ScriptedDevice good(ScriptedDevice::answering(
+      [](const DeviceRequest& request) { return jsonReply(request.body); }));
+  ScriptedDevice moody([](Peer& peer) {
+    while (peer.read()) {
+      if (peer.number() % 3 == 1) return;
+      peer.write(jsonReply("{}"));
+    }
+  });
+  addDevice("1", good.port());
+  addDevice("2", moody.port());
+  constexpr int kThreads = 8;
+  std::vector<SentPtr> all(25 * kThreads);
+  onThreads(kThreads, [&](int thread) {
+    for (std::size_t i = static_cast<std::size_t>(thread); i < all.size(); i += kThreads) {
+      all[i] = send(i % 5 == 0 ? "2" : "1", seconds(20), PUT, "[" + std::to_string(i) + "]");
+    }
+  });
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    ASSERT_EQ(all[i]->refusal(), DEVCFGBUS_OK);
+    if (i % 5 != 0) EXPECT_EQ(all[i]->text(), "[" + std::to_string(i) + "]");
+    all[i]->answer();
+  }
+  bus_.stop();
+  for (const auto& sent : all) EXPECT_EQ(sent->calls(), 1);
+  EXPECT_LE(good.connections(), 16);
+}
+
+TEST_F(ConcurrentBusTest, StopAnswersEverythingOnceAndRefusesTheRest) {
+  ScriptedDevice hanging(ScriptedDevice::hanging());
+  addDevice("1", hanging.port());
+  std::vector<std::vector<SentPtr>> sent(4);
+  std::latch someSent(4);
+  std::atomic<bool> refused{false};
+  std::jthread stopping([&] {
+    someSent.wait();
+    bus_.stop();
+  });
+  onThreads(4, [&](int thread) {
+    auto& own = sent[static_cast<std::size_t>(thread)];
+    for (int i = 0; own.size() < 10 || own.back()->refusal() != DEVCFGBUS_STOPPING; ++i) {
+      if (i == 10) someSent.count_down();
+      own.push_back(send("1"));
+      if (own.back()->refusal() == DEVCFGBUS_QUEUE_FULL) own.pop_back();
+    }
+  });
+  stopping.join();
+  for (const auto& own : sent) {
+    for (const auto& one : own) {
+      const bool accepted = one->refusal() == DEVCFGBUS_OK;
+      EXPECT_EQ(one->calls(), accepted ? 1 : 0);
+      if (accepted) EXPECT_EQ(one->error(), kGatewayStopping);
+    }
+  }
+}
+
+TEST_F(ConcurrentBusTest, ConfigurationMayChangeWhileRequestsRun) {
+  ScriptedDevice one(ScriptedDevice::answering([](const auto&) { return jsonReply("{}"); }));
+  ScriptedDevice two(ScriptedDevice::answering([](const auto&) { return jsonReply("{}"); }));
+  addDevice("1", one.port());
+  std::jthread changing([&](const std::stop_token& stop) {
+    for (int i = 0; !stop.stop_requested(); ++i) {
+      configuration_.devices[0].port = i % 2 ? one.port() : two.port();
+      publish();
+    }
+  });
+  onThreads(4, [&](int) {
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(send("1")->text(), "{}");
+  });
+}
+
+}  // namespace
+}  // namespace qn::test
