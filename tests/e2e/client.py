@@ -1,0 +1,140 @@
+"""HTTP clients for the tests: a Digest client of our own, and one that writes bytes as they stand."""
+import hashlib
+import http.client
+import json
+import re
+import secrets
+import socket
+import xml.etree.ElementTree as ElementTree
+
+ANSWER_TIME = 20  # seconds; every request must be answered long before
+
+
+class Answer:
+    """A complete answer of the server."""
+
+    def __init__(self, status, headers, body):
+        self.status = status
+        self.headers = headers
+        self.body = body
+
+    def json(self):
+        return json.loads(self.body)
+
+    def xml(self):
+        return ElementTree.fromstring(self.body)
+
+    def children(self):
+        """The root's children as [(name, text)], in order."""
+        return [(child.tag, child.text or "") for child in self.xml()]
+
+    def type(self):
+        return self.headers.get("Content-Type", "")
+
+    def __repr__(self):
+        return f"{self.status} {dict(self.headers)} {self.body[:300]!r}"
+
+
+def md5(text):
+    return hashlib.md5(text.encode()).hexdigest()
+
+
+def parse_challenge(value):
+    if not value.startswith("Digest "):
+        raise AssertionError(f"no Digest challenge: {value!r}")
+    return {name: quoted or plain
+            for name, quoted, plain in re.findall(r'(\w+)=(?:"([^"]*)"|([^\s,]+))', value)}
+
+
+class Client:
+    """Keeps one connection and one login. Answers a challenge once; never retries anything else."""
+
+    def __init__(self, port, user=None, password=None, source="127.0.0.1", timeout=ANSWER_TIME):
+        self.user, self.password = user, password
+        self.challenge, self.uses = None, 0
+        self.connection = http.client.HTTPConnection("127.0.0.1", port, timeout=timeout,
+                                                     source_address=(source, 0))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        self.connection.close()
+
+    def once(self, method, url, body=None, headers=None):
+        """One request and its answer, with the login when there is a challenge to answer."""
+        sent = dict(headers or {})
+        if self.challenge and self.user is not None:
+            sent["Authorization"] = self.authorization(method, url)
+        try:
+            self.connection.request(method, url, body=body, headers=sent)
+            response = self.connection.getresponse()
+            return Answer(response.status, response.headers, response.read())
+        except Exception:
+            self.connection.close()
+            raise
+
+    def request(self, method, url, body=None, headers=None):
+        answer = self.once(method, url, body, headers)
+        if answer.status != 401 or self.user is None:
+            return answer
+        challenge = parse_challenge(answer.headers.get("WWW-Authenticate", ""))
+        if self.challenge and challenge.get("stale", "").lower() != "true":
+            return answer  # these credentials were refused
+        self.challenge, self.uses = challenge, 0
+        return self.once(method, url, body, headers)
+
+    def get(self, url, **kwargs):
+        return self.request("GET", url, **kwargs)
+
+    def put(self, url, body=b"", **kwargs):
+        return self.request("PUT", url, body, **kwargs)
+
+    def post(self, url, body=b"", **kwargs):
+        return self.request("POST", url, body, **kwargs)
+
+    def delete(self, url, **kwargs):
+        return self.request("DELETE", url, **kwargs)
+
+    def authorization(self, method, url):
+        self.uses += 1
+        realm, nonce = self.challenge["realm"], self.challenge["nonce"]
+        count, cnonce = f"{self.uses:08x}", secrets.token_hex(8)
+        ha1 = md5(f"{self.user}:{realm}:{self.password}")
+        response = md5(f"{ha1}:{nonce}:{count}:{cnonce}:auth:{md5(f'{method}:{url}')}")
+        return (f'Digest username="{self.user}", realm="{realm}", nonce="{nonce}", uri="{url}", '
+                f'qop=auth, nc={count}, cnonce="{cnonce}", response="{response}"')
+
+
+def read_answers(connection, seconds):
+    """Everything that the server sends until it closes, as bytes; None when it does not close."""
+    connection.settimeout(seconds)
+    received = b""
+    try:
+        while piece := connection.recv(65536):
+            received += piece
+    except ConnectionResetError:
+        return received  # the rest of what we sent was of no use to the server
+    except TimeoutError:
+        return None
+    return received
+
+
+def send_raw(port, data, seconds=10):
+    """Sends the bytes, ends our side, and returns what the server sent until it closed."""
+    with socket.create_connection(("127.0.0.1", port), seconds) as connection:
+        try:
+            connection.sendall(data)
+            connection.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass  # refused before everything was sent; the answer is there all the same
+        return read_answers(connection, seconds)
+
+
+def status_of(received):
+    """The status of the first answer among the bytes; None when there is none."""
+    found = re.match(rb"HTTP/1\.[01] (\d{3}) ", received)
+    return int(found.group(1)) if found else None

@@ -1,0 +1,247 @@
+"""Starts the real processes for the tests, on free ports, and stops them."""
+import json
+import os
+import pathlib
+import resource
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+import client
+
+BIN = pathlib.Path(os.environ.get("QN_BIN_DIR", "build/bin")).resolve()
+START_TIME = 30  # seconds for a process to be ready; a sanitizer build on a busy machine is slow
+STOP_TIME = 10   # seconds a stopping gateway may take, as an operator is promised
+PASSWORD = "e2e-Password1"
+REPORTS = ("AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime error:")
+
+
+def free_ports(count):
+    """Ports that nobody listens on; all different."""
+    sockets = [socket.socket() for _ in range(count)]
+    try:
+        for one in sockets:
+            one.bind(("127.0.0.1", 0))
+        return [one.getsockname()[1] for one in sockets]
+    finally:
+        for one in sockets:
+            one.close()
+
+
+def wait_until(condition, seconds=10, what="the condition"):
+    """Polls until the condition holds and returns its value; fails after the given time."""
+    deadline = time.monotonic() + seconds
+    while True:
+        if value := condition():
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{what} did not come true within {seconds} s")
+        time.sleep(0.02)
+
+
+def allow_many_descriptors():
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+
+
+class Process:
+    """A child process whose standard error is kept."""
+
+    def __init__(self, *command, stdout=subprocess.DEVNULL):
+        self.child = subprocess.Popen([str(part) for part in command], stdout=stdout,
+                                      stderr=subprocess.PIPE, text=True, errors="replace")
+        self.lines = []
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+
+    def _read(self):
+        with self.child.stderr:
+            for line in self.child.stderr:
+                self.lines.append(line.rstrip("\n"))
+
+    def log(self):
+        return "\n".join(self.lines)
+
+    def signal(self, number):
+        self.child.send_signal(number)
+
+    def wait(self, seconds=STOP_TIME):
+        """The exit status; a process that is still there after that time is killed and fails."""
+        try:
+            status = self.child.wait(seconds)
+        except subprocess.TimeoutExpired:
+            self.child.kill()
+            self.child.wait()
+            raise AssertionError(f"still running after {seconds} s\n{self.log()[-4000:]}") from None
+        finally:
+            self.reader.join(5)
+        return status
+
+    def stop(self):
+        """SIGTERM; the process must end well and no sanitizer may have had anything to report."""
+        if self.child.poll() is None:
+            self.signal(signal.SIGTERM)
+        status = self.wait()
+        log = self.log()
+        if status != 0 or any(report in log for report in REPORTS):
+            raise AssertionError(f"exit status {status}\n{log[-8000:]}")
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.child.pid}/fd"))
+
+
+class Subdevices(Process):
+    """One qn-subdevice process; devices are numbered from 1."""
+
+    def __init__(self, count=2, *options):
+        super().__init__(BIN / "qn-subdevice", "--port", "0", "--devices", count,
+                         "--alarm-interval", "0", *options, stdout=subprocess.PIPE)
+        self.urls = []
+        for _ in range(count):
+            line = self.child.stdout.readline()
+            if not line:
+                raise AssertionError(f"qn-subdevice did not start\n{self.log()}")
+            self.urls.append(line.split()[2])
+
+    def stop(self):
+        super().stop()
+        self.child.stdout.close()
+
+    def port(self, number=1):
+        return int(self.urls[number - 1].rsplit(":", 1)[1])
+
+    def state(self, number=1):
+        """The device's counters, and its newest requests under "log"."""
+        with client.Client(self._any_port()) as control:
+            return control.get(f"/control?device={number}").json()
+
+    def requests(self, number=1):
+        return [(entry["method"], entry["url"]) for entry in self.state(number)["log"]]
+
+    def order(self, number=1, **orders):
+        with client.Client(self._any_port()) as control:
+            answer = control.post(f"/control?device={number}", json.dumps(orders))
+        if answer.status != 200:
+            raise AssertionError(f"the control resource refused {orders}: {answer}")
+
+    def fault(self, number=1, **fault):
+        self.order(number, fault=fault)
+
+    def no_fault(self, number=1):
+        self.order(number, fault=None)
+
+    def _any_port(self):
+        # The last device is never switched off by a test.
+        return self.port(len(self.urls))
+
+
+def toml(value):
+    """A TOML value of a Python one; JSON's notation serves for strings, numbers and lists."""
+    return json.dumps(value)
+
+
+def configuration_text(sections, users, devices):
+    lines = []
+    for name, values in sections.items():
+        lines.append(f"[{name}]")
+        lines += [f"{key} = {toml(value)}" for key, value in values.items()]
+    for name, tables in (("users", users), ("devices", devices)):
+        for table in tables:
+            lines.append(f"[[{name}]]")
+            lines += [f"{key} = {toml(value)}" for key, value in table.items()]
+    return "\n".join(lines) + "\n"
+
+
+def user(name, device, **more):
+    return {"name": name, "password": PASSWORD, "device": device, **more}
+
+
+class Gateway(Process):
+    """One qn-gateway process with a configuration file of its own."""
+
+    def __init__(self, devices, users, sections=None):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="qn-e2e-"))
+        self.config = self.folder / "gateway.toml"
+        self.port, picture_port = free_ports(2)
+        self.sections = {"http": {"port": self.port}, "network": {"picture_port": picture_port},
+                         "storage": {"data_dir": str(self.folder / "data")}}
+        for name, values in (sections or {}).items():
+            self.sections.setdefault(name, {}).update(values)
+        self.write_configuration(devices, users)
+        super().__init__(BIN / "qn-gateway", "--config", self.config)
+        try:
+            wait_until(self._ready, START_TIME, "the gateway's port")
+        except AssertionError:
+            self.child.kill()
+            self.wait()
+            raise AssertionError(f"the gateway did not start\n{self.log()}") from None
+
+    def _ready(self):
+        if self.child.poll() is not None:
+            raise AssertionError("ended")
+        try:
+            socket.create_connection(("127.0.0.1", self.port), 1).close()
+            return True
+        except OSError:
+            return False
+
+    def write_configuration(self, devices, users):
+        self.config.write_text(configuration_text(self.sections, users, devices))
+
+    def reload(self):
+        """SIGHUP; returns when the gateway has said what came of it."""
+        before = len(self.lines)
+        self.signal(signal.SIGHUP)
+        return wait_until(lambda: [line for line in self.lines[before:] if "configuration" in line],
+                          what="the reload")
+
+    def database(self):
+        return self.folder / "data" / "operation_log.db"
+
+    def stop(self):
+        super().stop()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+class GatewayTest(unittest.TestCase):
+    """Two devices, one gateway and three users for all tests of a class: "admin" on device 1,
+    "operator" on device 2, "lost" on a device that does not exist."""
+
+    sections = {}
+    device_options = ()
+
+    @classmethod
+    def setUpClass(cls):
+        cls.devices = Subdevices(2, *cls.device_options)
+        cls.addClassCleanup(cls.devices.stop)
+        cls.gateway = Gateway(cls.device_tables(), cls.user_tables(), cls.sections)
+        cls.addClassCleanup(cls.gateway.stop)
+
+    @classmethod
+    def device_tables(cls):
+        return [{"index": str(number + 1), "url": url}
+                for number, url in enumerate(cls.devices.urls)]
+
+    @classmethod
+    def user_tables(cls):
+        return [user("admin", "1"), user("operator", "2"), user("lost", "9")]
+
+    def tearDown(self):
+        for number in (1, 2):
+            self.devices.no_fault(number)
+
+    def client(self, name="admin", password=PASSWORD, **more):
+        one = client.Client(self.gateway.port, name, password, **more)
+        self.addCleanup(one.close)
+        return one
+
+    def assert_serving(self, name="admin"):
+        """A fresh client gets a proper answer."""
+        with client.Client(self.gateway.port, name, PASSWORD) as fresh:
+            answer = fresh.get("/KAVRO/System/deviceInfo")
+        self.assertEqual((answer.status, answer.xml().tag), (200, "DeviceInfo"), answer)

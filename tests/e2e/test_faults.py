@@ -1,0 +1,163 @@
+"""Devices that are gone, hang, lie or answer nonsense: every client is answered, others unharmed."""
+import json
+import threading
+import time
+import unittest
+
+import harness
+
+INFO = "/KAVRO/System/deviceInfo"
+TIME = "/KAVRO/System/time"  # a passed-through resource
+
+
+class DeviceFaults(harness.GatewayTest):
+    def assert_error(self, answer, status, reason):
+        self.assertEqual((answer.status, answer.type()), (status, "application/json"), answer)
+        document = answer.json()
+        self.assertEqual((document["statusCode"], document["subStatusCode"]), (2, reason))
+
+    def test_a_switched_off_device_is_reported_and_comes_back(self):
+        self.assert_serving()
+        self.devices.order(listening=False)
+        self.addCleanup(self.devices.order, listening=True)
+        for url in (INFO, TIME):
+            began = time.monotonic()
+            self.assert_error(self.client().get(url), 503, "deviceUnreachable")
+            self.assertLess(time.monotonic() - began, 5)
+            self.assert_serving("operator")
+        self.devices.order(listening=True)
+        harness.wait_until(lambda: self.client().get(INFO).status == 200, 10, "the device's return")
+
+    def test_answers_that_are_no_answers(self):
+        for kind in ("refuse", "cut", "garbage"):
+            with self.subTest(kind=kind):
+                self.devices.fault(kind=kind)
+                for url in (INFO, TIME):
+                    self.assert_error(self.client().get(url), 502, "deviceReplyUnusable")
+                self.devices.no_fault()
+                self.assert_serving()
+
+    def test_a_closed_idle_connection_is_nobodys_error(self):
+        """What a device that restarts between two requests looks like."""
+        one = self.client()
+        for _ in range(3):
+            self.assertEqual(one.get(INFO).status, 200)
+            self.devices.order(listening=False)
+            self.devices.order(listening=True)
+        self.assertEqual(one.get(INFO).status, 200)
+
+    def test_time_outs_of_hanging_devices_hold_nobody_up(self):
+        """One wait for all: translated requests end after 10 s, passed-through ones after 15 s."""
+        self.devices.fault(kind="hang")
+        ended = {}
+
+        def ask(url):
+            began = time.monotonic()
+            answer = self.client(timeout=40).get(url)
+            ended[url] = (answer, time.monotonic() - began)
+
+        waiting = [threading.Thread(target=ask, args=(url,)) for url in (INFO, TIME)]
+        for thread in waiting:
+            thread.start()
+        harness.wait_until(lambda: len(self.devices.requests()) >= 2)
+        slowest = 0
+        while any(thread.is_alive() for thread in waiting):
+            began = time.monotonic()
+            self.assert_serving("operator")
+            slowest = max(slowest, time.monotonic() - began)
+            time.sleep(0.2)
+        self.assertLess(slowest, 3, "requests to the other device waited")
+        for url, limit in ((INFO, 10), (TIME, 15)):
+            answer, seconds = ended[url]
+            self.assert_error(answer, 504, "deviceTimeout")
+            self.assertTrue(limit - 0.5 < seconds < limit + 4, f"{url}: {seconds:.1f} s")
+
+    def test_a_slow_device_is_waited_for(self):
+        self.devices.fault(delayMs=1500, count=1)
+        self.assert_serving()
+
+    def test_hostile_documents(self):
+        deep = '{"DeviceInfo":' + "[" * 100000
+        bomb = ('<!DOCTYPE d [<!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;&a;&a;&a;&a;">'
+                '<!ENTITY c "&b;&b;&b;&b;&b;&b;&b;&b;">]><ResponseStatus>&c;</ResponseStatus>')
+        nested = "<a>" * 50000
+        cases = (  # the device's body, the status of a translated and of a passed-through request
+            ("{}", 500, 200), ("null", 500, 200), ("[]", 500, 200), ("42", 500, 200),
+            ('{"DeviceInfo": null}', 500, 200), ('{"DeviceInfo": []}', 500, 200),
+            ('{"DeviceInfo": {"deviceName": 5}}', 500, 200), ('"\\ud800"', None, None),
+            ('{"statusCode": 99999999999999999999}', None, None),
+            ('{"errorCode": -1, "statusCode": 1e400}', None, None),
+            ('{"statusCode": 4, "statusCode": 1}', None, None),
+            ('{"PictureData": {"url": "://"}}', None, None),
+            ('{"PictureData": {"url": "http://x"}}', None, None),
+            (deep, 200, 200), (bomb, 200, 200), (nested, 200, 200), ("\x00\x01\x02", 200, 200),
+            ("<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403, 403),
+            ("<ResponseStatus><statusCode>-7777777777</statusCode></ResponseStatus>", None, None))
+        one = self.client()
+        for body, translated, passed in cases:
+            self.devices.fault(kind="reply", body=body)
+            for url, status in ((INFO, translated), (TIME, passed)):
+                with self.subTest(body=body[:60], url=url):
+                    answer = one.get(url)
+                    self.assertIn(answer.type(), ("application/json", "application/xml"))
+                    if status is not None:
+                        self.assertEqual(answer.status, status, answer)
+        self.devices.no_fault()
+        self.assert_serving()
+
+    def test_ten_megabytes_of_noise_for_a_document(self):
+        self.devices.fault(kind="large", bytes=10 * 1024 * 1024)
+        self.assertEqual(self.client().get(INFO).status, 500)
+        self.devices.fault(kind="large", bytes=40 * 1024 * 1024)
+        self.assert_error(self.client().get(INFO), 502, "deviceReplyUnusable")
+
+    def test_strange_characters_never_spoil_the_document(self):
+        name = 'a<b>&"\x01\x0b\ufffe\u00e9'
+        self.devices.order(deviceInfo={"deviceName": name})
+        self.addCleanup(self.devices.order, deviceInfo={"deviceName": "IPCamera 1"})
+        self.assertEqual(self.client().get(INFO).xml().findtext("deviceName"), 'a<b>&"\u00e9')
+
+    def test_a_failing_device_costs_no_descriptors(self):
+        def rounds(count):
+            for _ in range(count):
+                for kind in ("refuse", "cut", "garbage", "empty"):
+                    self.devices.fault(kind=kind)
+                    with harness.client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
+                        one.get(INFO)
+            self.devices.no_fault()
+
+        rounds(2)
+        before = self.gateway.descriptors()
+        rounds(15)
+        harness.wait_until(lambda: self.gateway.descriptors() <= before + 4, 10,
+                           f"{before} descriptors, as before the faults")
+
+
+class DeviceLogin(harness.GatewayTest):
+    device_options = ("--username", "camera", "--password", "secret")
+
+    @classmethod
+    def device_tables(cls):
+        first, second = super().device_tables()
+        return [{**first, "username": "camera", "password": "secret"},
+                {**second, "username": "camera", "password": "wrong"}]
+
+    def test_the_gateway_logs_in_at_its_devices(self):
+        one = self.client()
+        self.assertEqual(one.get(INFO).status, 200)
+        self.assertEqual(one.put(TIME, json.dumps({"Time": {"timeMode": "NTP"}})).status, 200)
+        self.devices.order(expireNonces=True)
+        self.assertEqual(one.get(INFO).status, 200)
+        self.assertEqual(self.devices.state()["wrongLogins"], 0)
+
+    def test_a_refused_login_is_not_tried_until_the_camera_locks(self):
+        one = self.client("operator")
+        for _ in range(10):
+            answer = one.get(INFO)
+            self.assertEqual((answer.status, answer.json()["subStatusCode"]),
+                             (502, "deviceLoginRefused"), answer)
+        self.assertFalse(self.devices.state(2)["locked"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,186 @@
+"""Starting, stopping and reading the configuration again."""
+import re
+import signal
+import socket
+import subprocess
+import threading
+import time
+import unittest
+
+import client
+import harness
+
+INFO = "/KAVRO/System/deviceInfo"
+
+
+def run(*arguments):
+    return subprocess.run([str(harness.BIN / "qn-gateway"), *map(str, arguments)],
+                          capture_output=True, text=True, timeout=60)
+
+
+class CommandLine(unittest.TestCase):
+    def test_version_and_help(self):
+        version, usage = run("--version"), run("--help")
+        self.assertEqual((version.returncode, usage.returncode), (0, 0))
+        self.assertRegex(version.stdout, r"\d+\.\d+\.\d+")
+        self.assertIn("--config", usage.stdout)
+
+    def test_unusable_command_lines_say_why(self):
+        for arguments in ((), ("--config", "/nonexistent/x.toml"), ("--surprise",)):
+            result = run(*arguments)
+            self.assertNotEqual(result.returncode, 0, arguments)
+            self.assertTrue(result.stderr.strip(), arguments)
+
+
+class Configuration(unittest.TestCase):
+    def setUp(self):
+        self.devices = harness.Subdevices(2)
+        self.addCleanup(self.devices.stop)
+        self.tables = [{"index": str(number), "url": self.devices.urls[number - 1]}
+                       for number in (1, 2)]
+        self.gateway = harness.Gateway(self.tables, [harness.user("admin", "1")])
+        self.addCleanup(self.gateway.stop)
+
+    def status(self, name):
+        with client.Client(self.gateway.port, name, harness.PASSWORD) as one:
+            return one.get(INFO).status
+
+    def test_check_config_names_file_line_and_key(self):
+        self.assertEqual(run("--config", self.gateway.config, "--check-config").returncode, 0)
+        broken = self.gateway.folder / "broken.toml"
+        broken.write_text('[http]\nport = 8080\nprot = 1\n')
+        result = run("--config", broken, "--check-config")
+        self.assertNotEqual(result.returncode, 0)
+        self.assertRegex(result.stderr, re.escape(str(broken)) + r":3\b.*prot")
+
+    def test_a_taken_port_is_an_error_at_start(self):
+        result = run("--config", self.gateway.config)
+        self.assertNotEqual(result.returncode, 0)
+        self.assertIn(str(self.gateway.port), result.stderr)
+
+    def test_a_bad_file_changes_nothing(self):
+        good = self.gateway.config.read_text()
+        for text in ("port = ", good + "[surprise]\n", good.replace('"1"', '1')):
+            self.gateway.config.write_text(text)
+            lines = self.gateway.reload()
+            self.assertIn(str(self.gateway.config), "\n".join(lines))
+            self.assertEqual(self.status("admin"), 200)
+
+    def test_users_and_devices_come_and_go_while_requests_run(self):
+        self.assertEqual(self.status("guest"), 401)
+        self.devices.fault(1, delayMs=1500, count=1)
+        slow = threading.Thread(target=lambda: results.append(self.status("admin")))
+        results = []
+        slow.start()
+        harness.wait_until(lambda: self.devices.requests(1))
+        self.gateway.write_configuration(
+            self.tables[1:], [harness.user("admin", "1"), harness.user("guest", "2")])
+        self.gateway.reload()
+        self.assertEqual(self.status("guest"), 200)
+        self.assertEqual(self.status("admin"), 404)
+        slow.join(client.ANSWER_TIME)
+        self.assertEqual(results, [200], "a request in flight went on")
+
+
+class Activation(unittest.TestCase):
+    def test_without_a_user_nothing_is_served(self):
+        devices = harness.Subdevices(1)
+        self.addCleanup(devices.stop)
+        gateway = harness.Gateway([{"index": "1", "url": devices.urls[0]}], [])
+        self.addCleanup(gateway.stop)
+        with client.Client(gateway.port) as one:
+            answer = one.get(INFO)
+        self.assertEqual((answer.status, answer.xml().tag), (403, "ResponseStatus"), answer)
+
+
+class Stopping(harness.GatewayTest):
+    """SIGTERM while requests are under way; each test has processes of its own."""
+
+    @classmethod
+    def setUpClass(cls):
+        pass
+
+    def setUp(self):
+        harness.GatewayTest.setUpClass.__func__(type(self))
+        self.addCleanup(type(self).doClassCleanups)
+
+    def tearDown(self):
+        pass
+
+    def stop(self):
+        self.gateway.signal(signal.SIGTERM)
+        began = time.monotonic()
+        self.assertEqual(self.gateway.wait(harness.STOP_TIME), 0)
+        return time.monotonic() - began
+
+    def test_an_idle_gateway_stops_at_once(self):
+        with socket.create_connection(("127.0.0.1", self.gateway.port)):
+            self.assertLess(self.stop(), 5)
+
+    def test_under_load_every_request_is_answered_or_refused(self):
+        outcomes, stopping = [], threading.Event()
+
+        def load():
+            while True:
+                try:
+                    with client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
+                        for _ in range(20):
+                            outcomes.append(one.get(INFO).status)
+                except TimeoutError:
+                    outcomes.append("no answer")
+                except OSError:  # refused, or closed between two requests
+                    if stopping.is_set():
+                        return
+                    raise
+                except client.http.client.HTTPException:
+                    if stopping.is_set():
+                        return
+                    raise
+
+        clients = [threading.Thread(target=load) for _ in range(8)]
+        for one in clients:
+            one.start()
+        harness.wait_until(lambda: len(outcomes) >= 100, 30, "a hundred requests")
+        stopping.set()
+        self.stop()
+        for one in clients:
+            one.join(client.ANSWER_TIME + 5)
+            self.assertFalse(one.is_alive())
+        self.assertLessEqual(set(outcomes), {200, 503})
+
+    def test_what_is_in_flight_is_finished(self):
+        self.devices.fault(delayMs=1500)
+        statuses = []
+
+        def slow():
+            with client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
+                statuses.append(one.get(INFO).status)
+
+        waiting = [threading.Thread(target=slow) for _ in range(5)]
+        for one in waiting:
+            one.start()
+        harness.wait_until(lambda: len(self.devices.requests()) >= 5)
+        self.stop()
+        for one in waiting:
+            one.join(5)
+        self.assertEqual(statuses, [200] * 5)
+
+    def test_a_hanging_device_does_not_delay_the_end(self):
+        self.devices.fault(kind="hang")
+        answers = []
+
+        def ask():
+            with client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
+                answers.append(one.get("/KAVRO/System/time"))
+
+        waiting = threading.Thread(target=ask)
+        waiting.start()
+        harness.wait_until(lambda: self.devices.requests())
+        self.stop()
+        waiting.join(5)
+        self.assertEqual([(answer.status, answer.json()["subStatusCode"]) for answer in answers],
+                         [(503, "gatewayStopping")])
+
+
+if __name__ == "__main__":
+    unittest.main()
