@@ -1,0 +1,42 @@
+// Digest login: decides on an Authorization value by the users of the configuration in force.
+// Behind QN_KAVROMgrBus_CheckDigest and CreateNonce; tests make one with a clock of their own.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string_view>
+
+#include "gateway/auth/digest_credentials.h"
+#include "gateway/login/lockout.h"
+#include "gateway/login/nonces.h"
+#include "platform/kavro_mgr_bus.h"
+
+namespace qn {
+
+// Thread-safe.
+class Login {
+ public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+  explicit Login(Clock clock = std::chrono::steady_clock::now) : clock_(std::move(clock)) {}
+
+  // As QN_KAVROMgrBus_CheckDigest.
+  DigestResult check(tagDIGEST_RESULT& result, std::string_view method,
+                     const tagDIGEST_REQUEST& request, int mode);
+  // As CreateNonce.
+  int createNonce(char* buffer, int size, int randomBytes) {
+    return nonces_.create(buffer, size, randomBytes, clock_());
+  }
+
+ private:
+  DigestResult withoutCredentials(tagDIGEST_RESULT& result, const Configuration& config);
+  DigestResult refuse(tagDIGEST_RESULT& result, const Configuration& config,
+                      const Lockout::Standing& standing);
+  void challenge(tagDIGEST_RESULT& result, const KavroOptions& options, bool stale);
+
+  const Clock clock_;
+  Nonces nonces_;
+  Lockout lockout_;
+};
+
+}  // namespace qn

@@ -1,0 +1,471 @@
+// What platform/kavro_mgr_bus.h promises, under a clock that the test moves.
+#include "gateway/login/login.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gateway/auth/client_login.h"
+#include "gateway/config/configuration.h"
+#include "platform/config_mgr.h"
+
+namespace qn {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr const char* kAddress = "192.0.2.1";
+constexpr const char* kUri = "/KAVRO/System/deviceInfo";
+
+struct Answer {
+  int code;
+  tagDIGEST_RESULT result;
+
+  std::string challenge() const { return result.wwwAuthenticate; }
+  bool stale() const { return challenge().find("stale=\"TRUE\"") != std::string::npos; }
+};
+
+class LoginTest : public testing::Test {
+ protected:
+  LoginTest() { publish({}); }
+
+  void publish(const KavroOptions& kavro) {
+    const auto next = std::make_shared<Configuration>();
+    next->kavro = kavro;
+    next->lock.maxAttempts = 3;
+    next->lock.lockTime = seconds(60);
+    const auto user = [&](const std::string& name, std::vector<std::string> devices) {
+      const HexDigest ha1 = hexDigest(kavro.algorithm, {name, kavro.realm, "pass"});
+      next->users.push_back({name, std::string(ha1.text()), "1", std::move(devices)});
+    };
+    user("admin", {});
+    user("operator", {"2"});
+    user("a \"b\"\\", {});
+    next->users.push_back({"broken", "", "1", {}});
+    for (const uint16_t n : {1, 2, 3}) {
+      DeviceConfig device;
+      device.index = std::to_string(n);
+      device.httpPort = uint16_t(9000 + n);
+      next->devices.push_back(device);
+    }
+    publishConfiguration(next);
+  }
+
+  Answer send(const std::string& authorization, const std::string& address = kAddress,
+              uint16_t port = 0, int mode = DIGEST_MODE_OWN_DEVICE,
+              const std::string& method = "GET") {
+    tagDIGEST_REQUEST request{};
+    request.port = port;
+    std::strncpy(request.clientIp, address.c_str(), DIGEST_CLIENT_IP_MAX);
+    std::strncpy(request.authorization, authorization.c_str(), DIGEST_AUTHORIZATION_MAX);
+    Answer answer{};
+    answer.code = login_.check(answer.result, method, request, mode);
+    return answer;
+  }
+
+  std::string freshNonce() {
+    char nonce[64];
+    EXPECT_GT(login_.createNonce(nonce, sizeof nonce, 8), 0);
+    return nonce;
+  }
+
+  ClientLogin client(const std::string& user = "admin", const std::string& password = "pass") {
+    return clientWith(freshNonce(), user, password);
+  }
+  ClientLogin clientWith(const std::string& nonce, const std::string& user = "admin",
+                         const std::string& password = "pass") {
+    const KavroOptions& kavro = configuration()->kavro;
+    ClientLogin client(user, password);
+    EXPECT_TRUE(client.takeChallenge(
+        "Digest qop=\"auth\", realm=\"" + kavro.realm + "\", nonce=\"" + nonce +
+        "\", algorithm=" + std::string(algorithmName(kavro.algorithm))));
+    return client;
+  }
+  std::string right() { return client().authorization("GET", kUri); }
+  std::string wrong() { return client("admin", "guess").authorization("GET", kUri); }
+  int codeOf(const std::string& authorization, const std::string& address = kAddress) {
+    return send(authorization, address).code;
+  }
+
+  std::chrono::steady_clock::time_point now_{seconds(1000000)};
+  Login login_{[this] { return now_; }};
+};
+
+TEST_F(LoginTest, ALoginYieldsTheUsersDevice) {
+  const Answer answer = send(right());
+  EXPECT_EQ(answer.code, DIGEST_OK);
+  EXPECT_STREQ(answer.result.devIndex, "1");
+  EXPECT_EQ(answer.challenge(), "");
+}
+
+TEST_F(LoginTest, TheChallengeOfARefusalLogsIn) {
+  const Answer refused = send(wrong());
+  ASSERT_EQ(refused.code, DIGEST_REFUSED);
+  ASSERT_EQ(refused.challenge().find("Digest qop=\"auth\", realm=\"KAVRO\", nonce=\""), 0U);
+  EXPECT_TRUE(refused.challenge().ends_with("\", stale=\"FALSE\""));
+  ClientLogin client("admin", "pass");
+  ASSERT_TRUE(client.takeChallenge(refused.challenge()));
+  EXPECT_EQ(codeOf(client.authorization("GET", kUri)), DIGEST_OK);
+}
+
+TEST_F(LoginTest, Sha256IsAskedForAndRequired) {
+  const std::string md5 = right();
+  KavroOptions kavro;
+  kavro.algorithm = DigestAlgorithm::SHA256;
+  publish(kavro);
+  for (const std::string& authorization : {std::string(), md5}) {
+    const Answer answer = send(authorization);
+    EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS);
+    EXPECT_TRUE(answer.challenge().ends_with("stale=\"FALSE\", algorithm=SHA-256"));
+  }
+  EXPECT_EQ(codeOf(right()), DIGEST_OK);
+  EXPECT_EQ(codeOf(wrong()), DIGEST_REFUSED);
+}
+
+TEST_F(LoginTest, TheMethodAndTheUriAreProtected) {
+  EXPECT_EQ(send(right(), kAddress, 0, 1, "PUT").code, DIGEST_REFUSED);
+  std::string moved = right();
+  moved.replace(moved.find(kUri), 7, "/Kavro/");
+  EXPECT_EQ(codeOf(moved), DIGEST_REFUSED);
+}
+
+TEST_F(LoginTest, UserNamesAreUnescapedToLookThemUp) {
+  EXPECT_EQ(codeOf(client("a \"b\"\\").authorization("GET", kUri)), DIGEST_OK);
+}
+
+TEST_F(LoginTest, AUserWithoutADigestNeverLogsIn) {
+  const std::string nonce = freshNonce();
+  const HexDigest response =
+      digestResponse(DigestAlgorithm::MD5, "", {"GET", kUri, nonce, "00000001", "c"});
+  EXPECT_EQ(codeOf("Digest username=broken, realm=KAVRO, nonce=" + nonce + ", uri=\"" + kUri +
+                   "\", qop=auth, nc=00000001, cnonce=c, response=" + std::string(response.text())),
+            DIGEST_REFUSED);
+}
+
+// The named parameter of right credentials replaced by `with` (nothing: left out).
+std::string changed(std::string authorization, const std::string& name, const std::string& with) {
+  const std::size_t begin = authorization.find(name + "=");
+  std::size_t end = authorization.find(", ", begin);
+  if (end == authorization.npos) end = authorization.size();
+  return authorization.replace(begin, end - begin, with);
+}
+
+TEST_F(LoginTest, WhatIsNoGuessIsNeverCounted) {
+  const std::string huge(DIGEST_AUTHORIZATION_MAX, 'x');
+  std::vector<std::string> values = {
+      "",
+      "Digest",
+      "Basic YWRtaW46cGFzcw==",
+      "Digest " + huge,
+      huge,
+      right() + ", uri=\"/\"",
+      right() + ", Basic x",
+      right() + ", opaque=\"" + huge + "\"",
+      right() + ", userhash=true",
+  };
+  for (const char* name :
+       {"username", "realm", "nonce", "uri", "response", "qop", "nc", "cnonce"}) {
+    values.push_back(changed(right(), name, ""));
+    values.push_back(changed(right(), name, std::string(name) + "=\"open"));
+  }
+  for (const char* name : {"nonce", "uri", "response", "qop", "nc", "cnonce"}) {
+    values.push_back(changed(right(), name, std::string(name) + "=\"\""));
+  }
+  values.push_back(changed(right(), "username", "username*=UTF-8''admin"));
+  values.push_back(changed(right(), "realm", "realm=other"));
+  values.push_back(changed(right(), "qop", "qop=auth-int"));
+  values.push_back(changed(right(), "algorithm", "algorithm=SHA-256"));
+  values.push_back(changed(right(), "algorithm", "algorithm=MD5-sess"));
+  values.push_back(changed(right(), "nc", "nc=1"));
+  values.push_back(changed(right(), "nc", "nc=0000000g"));
+  values.push_back(changed(right(), "nc", "nc=-0000001"));
+  values.push_back(changed(right(), "response", "response=00"));
+  values.push_back(changed(right(), "response", "response=" + std::string(32, 'g')));
+  for (const std::string& value : values) {
+    const Answer answer = send(value);
+    EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS) << value;
+    EXPECT_EQ(answer.challenge(), "") << value;
+  }
+  EXPECT_EQ(send(wrong()).result.retryLoginTime, 2);
+}
+
+TEST_F(LoginTest, AnOldNonceIsStaleOnlyForRightCredentials) {
+  ClientLogin good = client();
+  ClientLogin bad = client("admin", "guess");
+  now_ += seconds(300);
+  EXPECT_EQ(codeOf(good.authorization("GET", kUri)), DIGEST_OK);
+  now_ += seconds(1);
+  const Answer answer = send(good.authorization("GET", kUri));
+  EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS);
+  EXPECT_TRUE(answer.stale());
+  ASSERT_TRUE(good.takeChallenge(answer.challenge()));
+  EXPECT_TRUE(good.stale());
+  EXPECT_EQ(codeOf(good.authorization("GET", kUri)), DIGEST_OK);
+  const Answer refused = send(bad.authorization("GET", kUri));
+  EXPECT_EQ(refused.code, DIGEST_REFUSED);
+  EXPECT_FALSE(refused.stale());
+}
+
+TEST_F(LoginTest, NoncesOfOthersAreStale) {
+  std::string altered = freshNonce();
+  altered[10] = altered[10] == '0' ? '1' : '0';
+  std::string younger = freshNonce();
+  now_ += seconds(200);
+  younger.replace(0, 8, freshNonce().substr(0, 8));
+  Login other([this] { return now_; });
+  char foreign[64];
+  ASSERT_GT(other.createNonce(foreign, sizeof foreign, 8), 0);
+  for (const std::string& nonce :
+       {std::string("x"), altered, younger, std::string(foreign), freshNonce() + "0",
+        std::string(200, '0'), std::string("ffffffff") + freshNonce().substr(8)}) {
+    const Answer answer = send(clientWith(nonce).authorization("GET", kUri));
+    EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS) << nonce;
+    EXPECT_TRUE(answer.stale()) << nonce;
+  }
+}
+
+TEST_F(LoginTest, AReplayIsStaleAndNeitherCountedNorForgiving) {
+  const std::string used = right();
+  EXPECT_EQ(codeOf(used), DIGEST_OK);
+  EXPECT_EQ(codeOf(wrong()), DIGEST_REFUSED);
+  for (int i = 0; i < 10; ++i) {
+    const Answer answer = send(used);
+    EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS);
+    EXPECT_TRUE(answer.stale());
+  }
+  EXPECT_EQ(send(wrong()).result.retryLoginTime, 1);
+}
+
+TEST_F(LoginTest, CountsMayOvertakeEachOtherWithinTheWindow) {
+  ClientLogin sharing = client();
+  std::vector<std::string> sent;
+  for (int i = 0; i < 400; ++i) sent.push_back(sharing.authorization("GET", kUri));
+  EXPECT_EQ(codeOf(sent[299]), DIGEST_OK);
+  EXPECT_EQ(codeOf(sent[44]), DIGEST_OK) << "255 behind";
+  EXPECT_EQ(codeOf(sent[43]), DIGEST_NO_CREDENTIALS) << "256 behind";
+  EXPECT_EQ(codeOf(sent[44]), DIGEST_NO_CREDENTIALS) << "used";
+  EXPECT_EQ(codeOf(sent[399]), DIGEST_OK);
+  EXPECT_EQ(codeOf(sent[299]), DIGEST_NO_CREDENTIALS) << "used, and remembered";
+  EXPECT_EQ(codeOf(sent[300]), DIGEST_OK);
+}
+
+TEST(CountWindow, AgreesWithRememberingEverything) {
+  CountWindow window;
+  std::set<uint32_t> used;
+  uint32_t highest = 0;
+  uint32_t random = 1;
+  for (int i = 0; i < 20000; ++i) {
+    random = random * 1664525U + 1013904223U;
+    const uint32_t base = highest > 400 ? highest - 400 : 0;
+    const uint32_t count = base + (random >> 8) % 520;
+    const bool tooOld = count <= highest && highest - count >= CountWindow::kCounts;
+    const bool fresh = !tooOld && !used.contains(count);
+    ASSERT_EQ(window.take(count), fresh) << count << " after " << highest;
+    if (fresh) used.insert(count);
+    highest = std::max(highest, fresh ? count : 0);
+  }
+  EXPECT_TRUE(window.take(0xffffffff));
+  EXPECT_FALSE(window.take(0xffffffff));
+  EXPECT_TRUE(window.take(0xfffffffe));
+}
+
+TEST_F(LoginTest, TooManyFailuresLockTheAddressForAWhile) {
+  for (const int left : {2, 1}) {
+    const Answer answer = send(wrong());
+    EXPECT_EQ(answer.code, DIGEST_REFUSED);
+    EXPECT_EQ(answer.result.retryLoginTime, left);
+    EXPECT_EQ(answer.result.unlockTime, 0);
+  }
+  for (const std::string& authorization : {wrong(), right(), wrong()}) {
+    const Answer answer = send(authorization);
+    EXPECT_EQ(answer.code, DIGEST_REFUSED);
+    EXPECT_EQ(answer.result.retryLoginTime, 0);
+    EXPECT_EQ(answer.result.unlockTime, 60);
+    EXPECT_NE(answer.challenge(), "");
+    EXPECT_STREQ(answer.result.devIndex, "");
+  }
+  EXPECT_EQ(codeOf(""), DIGEST_NO_CREDENTIALS);
+  EXPECT_EQ(codeOf(right(), "192.0.2.2"), DIGEST_OK) << "another address is not affected";
+
+  now_ += std::chrono::milliseconds(59001);
+  EXPECT_EQ(send(right()).result.unlockTime, 1);
+  now_ += std::chrono::milliseconds(999);
+  EXPECT_EQ(codeOf(right()), DIGEST_OK);
+  EXPECT_EQ(send(wrong()).result.retryLoginTime, 2);
+}
+
+TEST_F(LoginTest, ALoginForgetsFailures) {
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(send(wrong()).result.retryLoginTime, 2);
+    EXPECT_EQ(send(wrong()).result.retryLoginTime, 1);
+    EXPECT_EQ(codeOf(right()), DIGEST_OK);
+  }
+}
+
+TEST_F(LoginTest, FailuresAreForgottenInTime) {
+  send(wrong());
+  now_ += seconds(59);
+  EXPECT_EQ(send(wrong()).result.retryLoginTime, 1);
+  now_ += seconds(60);
+  EXPECT_EQ(send(wrong()).result.retryLoginTime, 2);
+}
+
+TEST_F(LoginTest, UnknownUsersCountLikeKnownOnes) {
+  EXPECT_EQ(send(client("nobody").authorization("GET", kUri)).result.retryLoginTime, 2);
+  EXPECT_EQ(send(client("nobody").authorization("GET", kUri)).code, DIGEST_REFUSED);
+}
+
+TEST_F(LoginTest, ThePortChoosesTheDeviceInModeTwo) {
+  struct Case {
+    int configured;
+    int mode;
+    const char* user;
+    uint16_t port;
+    int code;
+    const char* device;
+  };
+  const Case cases[] = {
+      {2, 1, "operator", 9002, DIGEST_OK, "1"},
+      {2, 2, "operator", 0, DIGEST_OK, "1"},
+      {2, 2, "operator", 8888, DIGEST_OK, "1"},
+      {2, 2, "operator", 9001, DIGEST_OK, "1"},
+      {2, 2, "operator", 9002, DIGEST_OK, "2"},
+      {2, 2, "operator", 9003, DIGEST_NOT_ALLOWED, ""},
+      {2, 2, "admin", 9002, DIGEST_NOT_ALLOWED, ""},
+      {1, 2, "operator", 9003, DIGEST_OK, "1"},
+  };
+  for (const Case& c : cases) {
+    KavroOptions kavro;
+    kavro.mode = c.configured;
+    publish(kavro);
+    const Answer answer = send(client(c.user).authorization("GET", kUri), kAddress, c.port, c.mode);
+    EXPECT_EQ(answer.code, c.code) << c.user << c.port;
+    EXPECT_STREQ(answer.result.devIndex, c.device) << c.user << c.port;
+  }
+}
+
+TEST_F(LoginTest, NoncesFitTheBufferOrAreNotWritten) {
+  char buffer[64];
+  for (const int randomBytes : {-1, 8, 16, 1000}) {
+    const int length = login_.createNonce(buffer, sizeof buffer, randomBytes);
+    EXPECT_GT(length, 40);
+    EXPECT_EQ(std::size_t(length), std::strlen(buffer));
+    EXPECT_EQ(codeOf(clientWith(buffer).authorization("GET", kUri)), DIGEST_OK);
+    EXPECT_EQ(login_.createNonce(buffer, length, randomBytes), 0);
+    EXPECT_STREQ(buffer, "");
+    EXPECT_EQ(login_.createNonce(buffer, length + 1, randomBytes), length);
+  }
+  EXPECT_EQ(login_.createNonce(nullptr, 64, 8), 0);
+  EXPECT_EQ(login_.createNonce(buffer, 0, 8), 0);
+  EXPECT_NE(freshNonce(), freshNonce());
+}
+
+std::string address(int n) {
+  return "10." + std::to_string(n >> 16) + '.' + std::to_string((n >> 8) & 255) + '.' +
+         std::to_string(n & 255);
+}
+
+TEST(Lockout, AFloodOfAddressesPushesNobodyOutAndBuysFewGuesses) {
+  const LockOptions options{3, seconds(60)};
+  Lockout lockout;
+  Lockout::Time now{seconds(1)};
+  for (int i = 0; i < 3; ++i) lockout.fail("192.0.2.1", options, now);
+  const int addresses = int(Lockout::kAddresses) * 2;
+  int guesses = 0;
+  for (int n = 0; n < addresses; ++n) {
+    for (int i = 0; i < 3; ++i) {
+      guesses += lockout.standing(address(n), options, now).locked() ? 0 : 1;
+      lockout.fail(address(n), options, now);
+    }
+  }
+  EXPECT_TRUE(lockout.standing("192.0.2.1", options, now).locked());
+  EXPECT_LE(guesses, int(Lockout::kAddresses + Lockout::kShared) * 3);
+  EXPECT_GE(guesses, int(Lockout::kAddresses) * 3 - 3);
+
+  now += seconds(60);
+  EXPECT_EQ(lockout.fail("192.0.2.9", options, now).attemptsLeft, 2) << "there is room again";
+  EXPECT_FALSE(lockout.standing(address(addresses - 1), options, now).locked());
+}
+
+TEST(Lockout, SharedCountsAreNotForgottenByALogin) {
+  const LockOptions options{3, seconds(60)};
+  Lockout lockout;
+  const Lockout::Time now{seconds(1)};
+  for (int n = 0; n < int(Lockout::kAddresses); ++n) lockout.fail(address(n), options, now);
+  EXPECT_EQ(lockout.fail("192.0.2.1", options, now).attemptsLeft, 2);
+  lockout.forget("192.0.2.1", options, now);
+  EXPECT_EQ(lockout.fail("192.0.2.1", options, now).attemptsLeft, 1);
+}
+
+TEST(Lockout, CountsAnIPv6NetworkAsOneClient) {
+  EXPECT_EQ(lockoutAddress("192.0.2.1"), "192.0.2.1");
+  EXPECT_EQ(lockoutAddress(""), "");
+  EXPECT_EQ(lockoutAddress("2001:db8:1:2:abcd"), "2001:db8:1:2:");
+  EXPECT_EQ(lockoutAddress("2001:db8:1:2::1"), "2001:db8:1:2:");
+  EXPECT_EQ(lockoutAddress("2001:db8::1"), "2001:db8:");
+  EXPECT_EQ(lockoutAddress("::1"), "::1");
+  EXPECT_EQ(lockoutAddress("::ffff:192.0.2.1"), "::ffff:192.0.2.1");
+}
+
+TEST(Nonces, OneUserCannotUseThemUpAndTheyComeBack) {
+  Nonces nonces;
+  Nonces::Time now{seconds(1000)};
+  const auto useFresh = [&](std::string_view user) {
+    char nonce[64];
+    const int length = nonces.create(nonce, sizeof nonce, 16, now);
+    return nonces.use({nonce, std::size_t(length)}, 1, user, now);
+  };
+  std::size_t used = 0;
+  while (used <= Nonces::kInUseByUser && useFresh("greedy")) ++used;
+  EXPECT_EQ(used, Nonces::kInUseByUser);
+  EXPECT_TRUE(useFresh("admin"));
+  now += seconds(300);
+  EXPECT_FALSE(useFresh("greedy"));
+  now += seconds(31);
+  EXPECT_TRUE(useFresh("greedy"));
+}
+
+TEST_F(LoginTest, ConcurrentLoginsUseEveryCountOnce) {
+  constexpr int kThreads = 4;
+  constexpr int kRequests = 200;
+  ClientLogin sharing = client();
+  std::vector<std::string> sent;
+  for (int i = 0; i < kRequests; ++i) sent.push_back(sharing.authorization("GET", kUri));
+  const std::string guess = wrong();
+  std::atomic<int> accepted{0};
+  std::atomic<int> guesses{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      for (const std::string& authorization : sent) {
+        accepted += codeOf(authorization) == DIGEST_OK;
+        const Answer answer = send(guess, "198.51.100.1");
+        guesses += answer.result.retryLoginTime > 0;
+      }
+    });
+  }
+  for (int n = 0; n < 20; ++n) publish({});
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(accepted, kRequests);
+  EXPECT_EQ(guesses, 2);
+}
+
+TEST_F(LoginTest, TheBoundaryUsesOneLoginForTheProcess) {
+  char nonce[64];
+  ASSERT_GT(CreateNonce(nonce, sizeof nonce, 8, 0), 0);
+  tagDIGEST_REQUEST request{};
+  tagDIGEST_RESULT result{};
+  EXPECT_EQ(QN_KAVROMgrBus_CheckDigest(result, nullptr, request, 1), DIGEST_NO_CREDENTIALS);
+  const std::string value = clientWith(nonce).authorization("GET", kUri);
+  std::strncpy(request.authorization, value.c_str(), DIGEST_AUTHORIZATION_MAX);
+  EXPECT_EQ(QN_KAVROMgrBus_CheckDigest(result, "GET", request, 1), DIGEST_OK);
+  EXPECT_STREQ(result.devIndex, "1");
+}
+
+}  // namespace
+}  // namespace qn
