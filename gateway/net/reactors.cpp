@@ -14,11 +14,15 @@ thread_local int currentReactor = Reactors::kNone;
 Reactors::Reactors(std::size_t count) {
   for (std::size_t i = 0; i < std::max<std::size_t>(count, 1); ++i) {
     // The hint of one thread lets Asio skip its cross-thread wake-ups on the reactor's own posts.
-    contexts_.push_back(std::make_unique<boost::asio::io_context>(1));
+    contexts_.push_back(std::make_unique<Context>(1));
   }
 }
 
-Reactors::~Reactors() { stop(); }
+Reactors::~Reactors() {
+  stop();
+  // All handlers go before the first context does: one queued here may own a socket of another.
+  for (auto& context : contexts_) context->shutdown();
+}
 
 void Reactors::start() {
   for (std::size_t i = 0; i < contexts_.size(); ++i) {

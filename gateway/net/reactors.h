@@ -23,8 +23,9 @@ class Reactors {
   Reactors& operator=(const Reactors&) = delete;
 
   void start();
-  // Ends the threads after the handler each is running; handlers still queued are destroyed with
-  // the contexts. Never call it on a reactor thread. Harmless when repeated.
+  // Ends the threads after the handler each is running; handlers still queued are destroyed by
+  // the destructor; they may own sockets and timers of any reactor. Never call it on a reactor
+  // thread. Harmless when repeated.
   void stop();
 
   std::size_t size() const { return contexts_.size(); }
@@ -34,9 +35,15 @@ class Reactors {
   static int current();
 
  private:
+  // Shows what the destructor needs: destroying the queued handlers without the context.
+  class Context : public boost::asio::io_context {
+   public:
+    using io_context::io_context;
+    using io_context::shutdown;
+  };
   using Guard = boost::asio::executor_work_guard<boost::asio::io_context::executor_type>;
 
-  std::vector<std::unique_ptr<boost::asio::io_context>> contexts_;  // constant after construction
+  std::vector<std::unique_ptr<Context>> contexts_;  // constant after construction
   std::vector<Guard> guards_;
   std::vector<std::thread> threads_;
 };
