@@ -1,0 +1,57 @@
+// The hand-written documents under golden/ and the way of a document through the module.
+#pragma once
+
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+
+#include "document/json_text.h"
+#include "tests/unit/conversation.h"
+
+inline std::string golden(const std::string& name) {
+  std::ifstream file(std::string(QN_GOLDEN_DIR "/") + name);
+  EXPECT_TRUE(file) << name;
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// One line: without the line breaks and indentation that make the files readable.
+inline std::string flat(const std::string& text) {
+  std::string line;
+  bool indentation = true;
+  for (const char c : text) {
+    if (c == '\n' || c == '\r') indentation = true;
+    if (c != ' ' && c != '\n' && c != '\r') indentation = false;
+    if (!indentation) line += c;
+  }
+  return line;
+}
+
+inline Json::Value parsed(std::string_view text) {
+  Json::Value value;
+  EXPECT_TRUE(QNKAVROProtocol::parseJson(text, value)) << text;
+  return value;
+}
+
+// What the client gets for a device's reply; nothing when it cannot be translated.
+inline std::optional<std::string> answerTo(const fake::Request& request, std::string_view reply) {
+  const Outcome outcome = process(request);
+  EXPECT_EQ(fake::deviceBus().reply(reply), 0) << request.url;
+  const fake::Answer answer = outcome.answer();
+  EXPECT_EQ(answer.count, 1) << request.url;
+  if (answer.status == 500) return std::nullopt;
+  EXPECT_EQ(answer.status, 200) << request.url;
+  EXPECT_EQ(answer.headers.at("Content-Type"), "application/xml") << request.url;
+  return answer.body;
+}
+
+// The JSON text that the device gets for a client's body; nothing when it is refused.
+inline std::optional<std::string> requestFor(const fake::Request& request) {
+  const std::size_t before = fake::deviceBus().seen.size();
+  const Outcome outcome = process(request);
+  if (fake::deviceBus().seen.size() == before) {
+    EXPECT_EQ(outcome.status, 400) << request.url;
+    return std::nullopt;
+  }
+  return fake::deviceBus().seen.back().body;
+}
