@@ -6,38 +6,82 @@ namespace {
 
 class Routing : public PlatformTest {};
 
+// "?" in a device URL stands for the usual query; "-" for a request that nobody claims.
 TEST_F(Routing, ClaimsAndDeviceUrls) {
+  const char* const nobody = "-";
   const struct {
     unsigned int method;
     const char* url;
-    const char* device;  // without the query; empty: not claimed
+    std::string device;
+    const char* body = "";
   } cases[] = {
-      {0, "/KAVRO/System/deviceInfo", "/KAVRO/System/deviceInfo"},
-      {0, "/KAVRO/System/deviceInfo?a=b", "/KAVRO/System/deviceInfo"},
-      {0, "/KAVRO/System/Video/inputs/channels", "/KAVRO/System/Video/inputs/channels"},
-      {0, "/KAVRO/ContentMgmt/Storage/hdd", "/KAVRO/System/deviceInfo"},
-      {0, "/KAVRO/Security/adminAccesses", "/KAVRO/System/deviceInfo"},
-      {0, "/KAVRO/Image/channels/1/capabilities", "/KAVRO/Streaming/channels/101"},
-      {0, "/KAVRO/Image/channels/99/capabilities", "/KAVRO/Streaming/channels/9901"},
-      {0, "/KAVRO/Image/channels/100/capabilities", "/KAVRO/Streaming/channels/10001"},
-      {0, "/KAVRO/Image/channels/101/capabilities", "/KAVRO/Streaming/channels/101"},
-      {0, "/KAVRO/Image/channels/102/capabilities", "/KAVRO/Streaming/channels/102"},
-      {0, "/KAVRO/Image/channels/0/capabilities", "/KAVRO/Streaming/channels/1"},
-      {0, "/KAVRO/Image/channels/2147483647/capabilities", "/KAVRO/Streaming/channels/2147483647"},
-      {0, "/NotKAVRO/System/deviceInfo", ""},
-      {0, "/kavro/System/deviceInfo", ""},
+      {0, "/KAVRO/Streaming/channels/1", "/KAVRO/Streaming/channels/101?"},
+      {0, "/KAVRO/Streaming/channels/102", "/KAVRO/Streaming/channels/102?"},
+      {0, "/Streaming/channels/2", "/KAVRO/Streaming/channels/201?"},
+      {2, "/KAVRO/Streaming/channels/1", nobody},
+      {3, "/KAVRO/Streaming/channels/1", nobody},
+      {0, "/KAVRO/Streaming/channels/", nobody},
+      {0, "/KAVRO/Streaming/channels/-1", nobody},
+      {0, "/KAVRO/Streaming/channels/2147483648", nobody},
+      {0, "/KAVRO/Streaming/channels", "/KAVRO/Streaming/channels?"},
+      {1, "/KAVRO/Streaming/channels", nobody},
+      {1, "/KAVRO/Streaming/channels/101/capabilities", nobody},
+
+      {0, "/KAVRO/System/deviceInfo", "/KAVRO/System/deviceInfo?"},
+      {0, "/KAVRO/System/deviceInfo?a=b", "/KAVRO/System/deviceInfo?"},
+      {1, "/KAVRO/System/deviceInfo", nobody},
+      {0, "/KAVRO/System/deviceInfo/", nobody},
+      {0, "/KAVRO/System/Video/inputs/channels", "/KAVRO/System/Video/inputs/channels?"},
+      {0, "/KAVRO/ContentMgmt/Storage/hdd", "/KAVRO/System/deviceInfo?"},
+      {0, "/KAVRO/Security/adminAccesses", "/KAVRO/System/deviceInfo?"},
+
+      {0, "/KAVRO/Smart/capabilities", "/KAVRO/Smart/capabilities?"},
+      {0, "/KAVRO/Smart/capabilities/SmartCap", "/KAVRO/Smart/capabilities?"},
+      {0, "/KAVRO/System/IO", "/KAVRO/System/IO?"},
+      {1, "/KAVRO/System/IO", nobody},
+      {0, "/KAVRO/System/capabilities", "/KAVRO/Smart/capabilities?"},
+      {1, "/KAVRO/System/IO/outputs/3/trigger", "/KAVRO/System/IO/outputs/3/trigger?",
+       "<IOPortData><outputState>high</outputState></IOPortData>"},
+      {0, "/KAVRO/System/IO/outputs/3/trigger", nobody},
+
+      {0, "/KAVRO/Image/channels/1/capabilities", "/KAVRO/Streaming/channels/101?"},
+      {0, "/KAVRO/Image/channels/99/capabilities", "/KAVRO/Streaming/channels/9901?"},
+      {0, "/KAVRO/Image/channels/100/capabilities", "/KAVRO/Streaming/channels/10001?"},
+      {0, "/KAVRO/Image/channels/102/capabilities", "/KAVRO/Streaming/channels/102?"},
+      {0, "/KAVRO/Image/channels/0/capabilities", "/KAVRO/Streaming/channels/1?"},
+      {0, "/KAVRO/Image/channels/2147483647/capabilities", "/KAVRO/Streaming/channels/2147483647?"},
+      {1, "/KAVRO/Image/channels/1/capabilities", nobody},
+
+      {0, "/KAVRO/PTZCtrl/channels", "/KAVRO/PTZCtrl/channels?"},
+      {1, "/KAVRO/PTZCtrl/channels", nobody},
+      {1, "/KAVRO/PTZCtrl/channels/1/continuous", "/KAVRO/PTZCtrl/channels/1/continuous?",
+       "<PTZData><pan>-3</pan></PTZData>"},
+      {1, "/KAVRO/PTZCtrl/channels/1/presets/4/goto", "/KAVRO/PTZCtrl/channels/1/presets/4/goto?"},
+      {1, "/KAVRO/PTZCtrl/channels/1/presets/4", "/KAVRO/PTZCtrl/channels/1/presets/4?",
+       "<PTZPreset><id>4</id></PTZPreset>"},
+      {3, "/KAVRO/PTZCtrl/channels/1/presets/4", "/KAVRO/PTZCtrl/channels/1/presets/4?"},
+      {0, "/KAVRO/PTZCtrl/channels/1/presets/4", nobody},
+      {1, "/KAVRO/PTZCtrl/channels/1/homeposition/goto",
+       "/KAVRO/PTZCtrl/channels/1/homeposition/goto?"},
+
+      {2, "/KAVRO/ContentMgmt/search", "/KAVRO/ContentMgmt/search?", "<CMSearchDescription/>"},
+      {2, "/KAVRO/ContentMgmt/search/", "/KAVRO/ContentMgmt/search?", "<CMSearchDescription/>"},
+      {0, "/KAVRO/ContentMgmt/search", nobody},
+
+      {0, "/NotKAVRO/System/deviceInfo", nobody},
+      {0, "/kavro/System/deviceInfo", nobody},
   };
-  for (const auto& [method, url, device] : cases) {
+  for (const auto& [method, url, device, body] : cases) {
     fake::reset();
-    const Outcome outcome = process({method, url});
-    if (*device == '\0') {
-      EXPECT_EQ(outcome.status, 404) << url;
+    const Outcome outcome = process({method, url, body});
+    if (device == nobody) {
+      EXPECT_EQ(outcome.status, 404) << method << " " << url;
+      EXPECT_EQ(fake::login().checks, 0) << method << " " << url;
       continue;
     }
-    ASSERT_EQ(fake::deviceBus().seen.size(), 1u) << url;
-    EXPECT_EQ(fake::deviceBus().seen[0].url, std::string(device) + "?format=json&devIndex=1");
+    ASSERT_EQ(fake::deviceBus().seen.size(), 1u) << method << " " << url << outcome.body;
+    EXPECT_EQ(fake::deviceBus().seen[0].url, device + "format=json&devIndex=1");
     EXPECT_EQ(fake::deviceBus().seen[0].method, method);
-    EXPECT_EQ(fake::deviceBus().seen[0].body, "");
   }
 }
 
