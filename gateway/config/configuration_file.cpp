@@ -230,6 +230,42 @@ class FileReader {
   Distinct<uint16_t> ports_;
 };
 
+// How often a line names a part of a part, strings and comments aside. The TOML library recurses
+// for each part of a key and bounds only arrays and inline tables; no key of ours has many.
+constexpr int kDotsInALine = 8;
+
+// The text from the end of the string that it begins with; empty when that has no end.
+std::string_view afterString(std::string_view text) {
+  const char quote = text[0];
+  for (std::size_t i = 1; i < text.size(); ++i) {
+    if (text[i] == quote) return text.substr(i + 1);
+    if (text[i] == '\\' && quote == '"') ++i;
+  }
+  return {};
+}
+
+void checkLine(std::string_view line, const Place& place) {
+  int dots = 0;
+  while (!line.empty() && line[0] != '#') {
+    if (line.starts_with("\"\"\"") || line.starts_with("'''")) {
+      place.fail("expected strings of one line");
+    }
+    dots += line[0] == '.' ? 1 : 0;
+    const bool string = line[0] == '"' || line[0] == '\'';
+    line = string ? afterString(line) : line.substr(1);
+  }
+  if (dots > kDotsInALine) place.fail("expected a key of fewer parts");
+}
+
+void checkLines(std::string_view content, const std::string& file) {
+  toml::source_index number = 0;
+  while (!content.empty()) {
+    const std::size_t end = std::min(content.find('\n'), content.size());
+    checkLine(content.substr(0, end), Place{file, ++number, ""});
+    content.remove_prefix(std::min(end + 1, content.size()));
+  }
+}
+
 std::string contentOf(const std::filesystem::path& file) {
   const Place place{file.native(), 0, ""};
   std::ifstream stream(file, std::ios::binary);
@@ -249,6 +285,7 @@ std::string contentOf(const std::filesystem::path& file) {
 Configuration readConfiguration(const std::filesystem::path& file) {
   const std::string name = file.string();
   const std::string content = contentOf(file);
+  checkLines(content, name);
   try {
     const toml::table root = toml::parse(content, name);
     return FileReader(name, root).read();

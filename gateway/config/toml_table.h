@@ -72,10 +72,11 @@ void readTable(const toml::table& table, const Key<S> (&keys)[N], const Place& s
   const auto placeOf = [&section](std::string_view key, toml::source_index line) {
     return Place{section.file, line, section.key + '.' + std::string(key)};
   };
-  for (const auto& [name, node] : table) {
-    const Place place = placeOf(name.str(), name.source().begin.line);
+  for (const auto& [tomlKey, node] : table) {
+    const std::string_view name = tomlKey.str();
+    const Place place = placeOf(name, tomlKey.source().begin.line);
     const auto* const key = std::find_if(std::begin(keys), std::end(keys),
-                                         [&](const Key<S>& k) { return k.name == name.str(); });
+                                         [name](const Key<S>& k) { return k.name == name; });
     if (key == std::end(keys)) place.fail("unknown key");
     const ValueReader reader{node, place, key->range, key->rule};
     std::visit([&](auto member) { reader.into(target.*member); }, key->member);

@@ -247,6 +247,22 @@ TEST(ConfigurationFile, ErrorsNeverShowPasswords) {
   EXPECT_EQ(error.find("secret"), error.npos);
 }
 
+TEST(ConfigurationFile, DeepNestingIsAnErrorAndNoCrash) {
+  EXPECT_THROW(read("x = " + std::string(100000, '[')), ConfigurationError);
+  std::string parts = "a";
+  for (int i = 0; i < 100000; ++i) parts += ".a";
+  const std::string error = ".toml:2: expected a key of fewer parts";
+  for (const std::string& line :
+       {'[' + parts + "]\n", parts + " = 1\n", "x = { \"#\\\"\" = 1, " + parts + " = 1 }\n"}) {
+    EXPECT_NE(errorOf("\n" + line).find(error), std::string::npos) << line.substr(0, 40);
+  }
+  EXPECT_NE(errorOf("\nx = \"\"\"\n\"\"\"").find(".toml:2: expected strings of one line"),
+            std::string::npos);
+  EXPECT_EQ(read("[storage] # a.b.c.d.e.f.g.h.i.j.k\ndata_dir = '/a.b.c.d.e.f.g.h.i.j.k'\n")
+                .storage.dataDir,
+            "/a.b.c.d.e.f.g.h.i.j.k");
+}
+
 TEST(ConfigurationFile, MustBeAReadableFileOfBoundedSize) {
   EXPECT_THROW(readConfiguration("/nonexistent/x.toml"), ConfigurationError);
   EXPECT_THROW(readConfiguration("/tmp"), ConfigurationError);
