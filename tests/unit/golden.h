@@ -4,6 +4,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include "document/json_text.h"
@@ -31,6 +32,30 @@ inline Json::Value parsed(std::string_view text) {
   Json::Value value;
   EXPECT_TRUE(QNKAVROProtocol::parseJson(text, value)) << text;
   return value;
+}
+
+// The object that holds the path's last member, whose name goes to `name`.
+inline Json::Value& holderOf(Json::Value& document, const std::string& path, std::string& name) {
+  Json::Value* holder = &document;
+  std::istringstream steps(path);
+  std::getline(steps, name, '.');
+  for (std::string next; std::getline(steps, next, '.'); name = next) {
+    holder = holder->isArray() ? &(*holder)[0] : &(*holder)[name];
+  }
+  return *holder;
+}
+
+// The document's text without the member at a path like "List.0.Entry.id", or with another value.
+inline std::string without(Json::Value document, const std::string& path) {
+  std::string name;
+  holderOf(document, path, name).removeMember(name);
+  return QNKAVROProtocol::writeJson(document);
+}
+
+inline std::string with(Json::Value document, const std::string& path, const Json::Value& value) {
+  std::string name;
+  holderOf(document, path, name)[name] = value;
+  return QNKAVROProtocol::writeJson(document);
 }
 
 // What the client gets for a device's reply; nothing when it cannot be translated.
