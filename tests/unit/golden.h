@@ -80,3 +80,19 @@ inline std::optional<std::string> requestFor(const fake::Request& request) {
   }
   return fake::deviceBus().seen.back().body;
 }
+
+inline constexpr const char* kDeclaration = R"(<?xml version="1.0" encoding="UTF-8"?>)";
+
+// Results of inside() for an answer that is none, and for an element that is not there.
+inline constexpr const char* kFails = "(fails)";
+inline constexpr const char* kNone = "(no such element)";
+
+// The part of the answer between the tags of its first `element`, kFails for none.
+inline std::string inside(const char* element, const std::optional<std::string>& answer) {
+  if (!answer) return kFails;
+  const std::string open = "<" + std::string(element) + ">";
+  const std::size_t begin = answer->find(open);
+  const std::size_t end = answer->find("</" + std::string(element) + ">");
+  if (begin == std::string::npos || end == std::string::npos) return kNone;
+  return answer->substr(begin + open.size(), end - begin - open.size());
+}

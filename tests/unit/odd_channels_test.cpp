@@ -1,0 +1,265 @@
+// What the channel documents do that their tables do not say at a glance: defaults, ranges, orders.
+#include "channel/channel_cfg.h"
+#include "channel/streaming_channel.h"
+#include "platform/wlog.h"
+#include "tests/unit/golden.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+class OddChannels : public PlatformTest {};
+
+TEST_F(OddChannels, StreamingChannel) {
+  constexpr const char* kDefaultMulticast =
+      "<enabled>true</enabled><destIPAddress>0.0.0.0</destIPAddress>"
+      "<videoDestPortNo>0</videoDestPortNo><audioDestPortNo>0</audioDestPortNo>";
+  const struct {
+    const char* path;
+    const char* value;  // JSON; null: without the member
+    const char* element;
+    std::string expected;
+  } cases[] = {
+      {"Transport", "null", "Transport",
+       "<ControlProtocolList><ControlProtocol><streamingTransport>RTSP</streamingTransport>"
+       "</ControlProtocol></ControlProtocolList><Multicast>" +
+           std::string(kDefaultMulticast) + "</Multicast>"},
+      {"Transport.Multicast", nullptr, "Multicast", kDefaultMulticast},
+      {"Transport.Multicast", "null", "Multicast", kNone},
+      {"Transport.Multicast", "7", "Multicast", kNone},
+      {"Transport.Multicast", "{}", "", kFails},
+      {"Transport.Unicast", nullptr, "Unicast", kNone},
+      {"Transport.ControlProtocolList", "[]", "ControlProtocolList", kNone},
+      {"Transport.ControlProtocolList", "[null]", "", kFails},
+      {"Transport.ControlProtocolList", "[{}]", "", kFails},
+      {"Transport.maxPacketSize", "1e1", "maxPacketSize", "10"},
+      {"Transport.maxPacketSize", "1.5", "maxPacketSize", kNone},
+      {"Video", "null", "Video", kNone},
+      {"Video", "[]", "Video", kNone},
+      {"Video", "{}", "", kFails},
+      {"Video.enabled", "\"true\"", "", kFails},
+      {"Video.SVC", "7", "SVC", kNone},
+      {"Video.SVC", "{}", "", kFails},
+      {"Video.smoothing", "0", "smoothing", kNone},
+      {"Video.smoothing", "1", "smoothing", "1"},
+      {"Video.smoothing", "100", "smoothing", "100"},
+      {"Video.smoothing", "101", "smoothing", kNone},
+      {"Audio.VoiceChanger.level", "12", "level", "12"},
+      {"Audio.VoiceChanger.level", "13", "", kFails},
+      {"Audio.VoiceChanger.level", "-13", "", kFails},
+      {"Audio.audioSamplingRate", "8", "audioSamplingRate", "8.000000"},
+      {"Audio.audioSamplingRate", "\"8\"", "audioSamplingRate", kNone},
+  };
+  const Json::Value document = parsed(golden("streaming_channel.json"));
+  for (const auto& [path, value, element, expected] : cases) {
+    const std::string full = std::string("StreamingChannel.") + path;
+    const auto answer =
+        answerTo({0, "/KAVRO/Streaming/channels/1"},
+                 value == nullptr ? without(document, full) : with(document, full, parsed(value)));
+    EXPECT_EQ(inside(element, answer), expected) << path << " " << (value ? value : "absent");
+  }
+}
+
+TEST_F(OddChannels, StreamingChannelIsCut) {
+  const Json::Value document = parsed(golden("streaming_channel.json"));
+  std::string xml;
+  EXPECT_EQ(getXMLStreamingChannel(xml, parsed(with(document, "StreamingChannel.channelName",
+                                                    std::string(200000, 'x')))),
+            0);
+  EXPECT_EQ(xml.size(), 102400u);
+}
+
+// Which of the listed ids the client sees.
+TEST_F(OddChannels, StreamingChannelList) {
+  const struct {
+    std::vector<const char*> ids;  // null: an entry that cannot be converted
+    const char* seen;
+  } cases[] = {
+      {{}, ""},
+      {{"101", "102", "103", "201", "299"}, "101 102 201 "},
+      {{"100", "1", "2", "3", "-103", "abc"}, "100 1 2 -103 abc "},
+      {{"101", nullptr, "201"}, "101 "},
+  };
+  const Json::Value document = parsed(golden("streaming_channel.json"));
+  for (const auto& [ids, seen] : cases) {
+    std::string entries;
+    for (const char* id : ids) {
+      const std::string entry = id == nullptr ? without(document, "StreamingChannel.channelName")
+                                              : with(document, "StreamingChannel.id", id);
+      entries += (entries.empty() ? "" : ",") + entry;
+    }
+    const auto answer =
+        answerTo({0, "/KAVRO/Streaming/channels"}, R"({"StreamingChannelList":[)" + entries + "]}");
+    ASSERT_TRUE(answer);
+    std::string found;
+    for (auto at = answer->find("<id>"); at != std::string::npos;
+         at = answer->find("<id>", at + 1)) {
+      found += answer->substr(at + 4, answer->find('<', at + 1) - at - 4) + " ";
+    }
+    EXPECT_EQ(found, seen);
+    EXPECT_TRUE(answer->ends_with("</StreamingChannelList>"));
+  }
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "get xml streamingchannel[1] fail"));
+  for (const char* reply : {"{}", R"({"StreamingChannelList":null})", "[]",
+                            R"({"StreamingChannelList":{"StreamingChannel":{}}})"}) {
+    EXPECT_FALSE(answerTo({0, "/KAVRO/Streaming/channels"}, reply)) << reply;
+  }
+}
+
+TEST_F(OddChannels, ChannelRequest) {
+  const std::string channel = "<id>1</id><channelName>c</channelName><enabled>true</enabled>";
+  const std::string transport = "<Transport><ControlProtocolList/></Transport>";
+  const std::string video =
+      "<Video><enabled>1</enabled><videoInputChannelID>1</videoInputChannelID>"
+      "<videoCodecType>H</videoCodecType><videoResolutionWidth>x</videoResolutionWidth>"
+      "<videoResolutionHeight>-1y</videoResolutionHeight><maxFrameRate>25</maxFrameRate></Video>";
+  const struct {
+    std::string content;
+    const char* expected;  // null: refused
+  } cases[] = {
+      {channel + transport,
+       R"({"id":"1","channelName":"c","enabled":true,"Transport":{"ControlProtocolList":[null]}})"},
+      {channel +
+           "<Transport><ControlProtocolList><x/><ControlProtocol><streamingTransport>R"
+           "</streamingTransport></ControlProtocol><y/><z/></ControlProtocolList></Transport>",
+       R"({"id":"1","channelName":"c","enabled":true,"Transport":{"ControlProtocolList":
+          [{"ControlProtocol":{"streamingTransport":"R"}},null,null]}})"},
+      {channel + transport + video + "<customStreamEnable>no</customStreamEnable>",
+       R"({"id":"1","channelName":"c","enabled":true,"Transport":{"ControlProtocolList":[null]},
+          "Video":{"enabled":false,"videoInputChannelID":"1","videoCodecType":"H",
+          "videoResolutionWidth":0,"videoResolutionHeight":-1,"maxFrameRate":25},
+          "customStreamEnable":false})"},
+      // Out of order: not seen.
+      {video + channel + transport,
+       R"({"id":"1","channelName":"c","enabled":true,"Transport":{"ControlProtocolList":[null]}})"},
+      {transport + channel, nullptr},
+      {channel, nullptr},
+      {channel + "<Transport/>", nullptr},
+      {channel + transport + "<Video/>", nullptr},
+  };
+  for (const auto& [content, expected] : cases) {
+    const auto request = requestFor(
+        {1, "/KAVRO/Streaming/channels/1", "<StreamingChannel>" + content + "</StreamingChannel>"});
+    ASSERT_EQ(request.has_value(), expected != nullptr) << content;
+    if (request) {
+      EXPECT_EQ(parsed(*request)["StreamingChannel"], parsed(expected)) << *request;
+    }
+  }
+}
+
+TEST_F(OddChannels, AudioChannels) {
+  const struct {
+    const char* reply;
+    const char* expected;
+  } cases[] = {
+      {"null", "<AudioChannelList/>"},
+      {"{}", nullptr},
+      {"7", nullptr},
+      {R"({"AudioChannelList":{}})", "<AudioChannelList/>"},
+      {R"({"AudioChannelList":[{"AudioChannel":{"id":"1","enabled":"true"}}]})", nullptr},
+      {R"({"VideoInputChannelList":{},"AudioChannelList":[7]})", "<AudioChannelList/>"},
+      {R"({"VideoInputChannelList":[7,{},null]})",
+       "<AudioChannelList><AudioChannel><id>1</id><enabled>true</enabled></AudioChannel>"
+       "<AudioChannel><id>2</id><enabled>true</enabled></AudioChannel>"
+       "<AudioChannel><id>3</id><enabled>true</enabled></AudioChannel></AudioChannelList>"},
+  };
+  for (const auto& [reply, expected] : cases) {
+    const auto answer = answerTo({0, "/KAVRO/System/Audio/channels"}, reply);
+    ASSERT_EQ(answer.has_value(), expected != nullptr) << reply;
+    if (answer) {
+      EXPECT_EQ(*answer, std::string(kDeclaration) + expected);
+    }
+  }
+}
+
+// The fixed capabilities are there for callers; the resource passes the device's own on.
+TEST_F(OddChannels, ChannelCapabilities) {
+  const std::string url = "/KAVRO/Streaming/channels/101/capabilities";
+  const Outcome outcome = get(url);
+  EXPECT_EQ(fake::deviceBus().reply(R"({"StreamingChannel": {"x": 1}})"), 0);
+  EXPECT_EQ(outcome.answer().body, R"({"StreamingChannel": {"x": 1}})");
+  EXPECT_EQ(outcome.answer().headers.at("Content-Type"), "application/json");
+
+  const CHttpExchange exchange(outcome.handle);
+  std::string body = "before";
+  EXPECT_EQ(CChannelCfg::covertChannelIDCapRspBody(body, {parsed("{}"), url, 0, exchange}), 9);
+  EXPECT_EQ(body, "before");
+  const Json::Value reply = parsed(R"({"StreamingChannel":null})");
+  EXPECT_EQ(CChannelCfg::covertChannelIDCapRspBody(body, {reply, url, 0, exchange}), 0);
+  EXPECT_EQ(flat(body), flat(golden("channel_capabilities.xml")));
+  EXPECT_TRUE(fake::logged(WLOG_DUMP, "/KAVRO/Streaming/channels/101/capabilities rep="));
+}
+
+constexpr const char* kDeviceInfo = "/KAVRO/System/deviceInfo?format=json&devIndex=1";
+constexpr const char* kAudio = "/KAVRO/System/Audio/channels";
+
+// Recorders are asked for their video inputs; what cannot be found out is no recorder.
+TEST_F(OddChannels, AudioChannelsDependOnTheDevice) {
+  const struct {
+    const char* info;  // null: no answer
+    bool recorder;
+  } cases[] = {
+      {R"({"DeviceInfo":{"deviceType":"DVR"}})", true},
+      {R"({"DeviceInfo":{"deviceType":"HybirdNVR"}})", true},
+      {R"({"DeviceInfo":{"deviceType":"NVR"}})", true},
+      {R"({"DeviceInfo":{"deviceType":"DVS"}})", true},
+      {R"({"DeviceInfo":{"deviceType":"HybridNVR"}})", false},
+      {R"({"DeviceInfo":{"deviceType":"nvr"}})", false},
+      {R"({"DeviceInfo":{"deviceType":""}})", false},
+      {R"({"DeviceInfo":{"deviceType":7}})", false},
+      {R"({"DeviceInfo":"NVR"})", false},
+      {"7", false},
+      {"NVR", false},
+      {nullptr, false},
+  };
+  for (const auto& [info, recorder] : cases) {
+    fake::reset();
+    if (info != nullptr) fake::deviceBus().syncReplies[kDeviceInfo] = info;
+    EXPECT_EQ(get(kAudio).asyncReply, 1);
+    EXPECT_EQ(fake::deviceBus().seen.back().url,
+              std::string(recorder ? "/KAVRO/System/Video/inputs/channels" : kAudio) +
+                  "?format=json&devIndex=1")
+        << (info == nullptr ? "no answer" : info);
+  }
+}
+
+TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {
+  const struct {
+    unsigned int method;
+    int result;
+    bool asks;
+  } cases[] = {{0, 0, true}, {1, -1, true}, {3, -1, true}, {4, -1, false}};
+  for (const auto& [method, result, asks] : cases) {
+    fake::reset();
+    fake::deviceBus().syncReplies[kDeviceInfo] = "{}";
+    std::string url;
+    std::string body;
+    EXPECT_EQ(CChannelCfg().covertUrlandBody(url, body, fake::http().open({method, kAudio}), "1"),
+              result);
+    ASSERT_EQ(fake::deviceBus().seen.size(), asks ? 1u : 0u) << method;
+    if (asks) {
+      EXPECT_EQ(fake::deviceBus().seen[0].method, method);
+    }
+  }
+}
+
+TEST_F(OddChannels, DeviceUrls) {
+  const struct {
+    const char* url;
+    const char* device;
+  } cases[] = {
+      {"/KAVRO/Streaming/channels/0", "/KAVRO/Streaming/channels/1?format=json&devIndex=1"},
+      {"/KAVRO/Streaming/channels/100", "/KAVRO/Streaming/channels/10001?format=json&devIndex=1"},
+      {"/KAVRO/Streaming/channels/007", "/KAVRO/Streaming/channels/701?format=json&devIndex=1"},
+      // The query decides which form the path is read in.
+      {"/Streaming/channels/7?KAVRO", "/KAVRO/Streaming/channels/1?format=json&devIndex=1"},
+      {"/KAVRO/Streaming/channels/1/capabilities",
+       "/KAVRO/Streaming/channels/1/capabilities?devIndex=1"},
+  };
+  for (const auto& [url, device] : cases) {
+    get(url);
+    EXPECT_EQ(fake::deviceBus().seen.back().url, device);
+  }
+}
+
+}  // namespace
+}  // namespace QNKAVROProtocol
