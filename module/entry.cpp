@@ -1,6 +1,8 @@
 // The entry functions that the gateway's HTTP service calls.
+#include "alert/event_pto.h"
 #include "devcfg/device_cfg_pto.h"
 #include "include/QNKAVROProtocol.h"
+#include "passthrough/device_kavro_pto.h"
 #include "protocol/error_code.h"
 #include "protocol/protocol_base.h"
 #include "protocol/status_document.h"
@@ -19,13 +21,20 @@ int answerNotFound(int& bodyIsXml, std::string& body) {
 
 }  // namespace
 
-int QN_Protocol_Init() { return 1; }
+int QN_Protocol_Init() {
+  CSingleton<CEventPto>::Instance()->start();
+  return 1;
+}
 
-int QN_Protocol_Uninit() { return 1; }
+int QN_Protocol_Uninit() { return CSingleton<CEventPto>::Instance()->stop(); }
 
 int QN_Protocol_HTTPProcess(int& bodyIsXml, std::string& body, int& asyncReply,
                             const stHttpRes& request) {
   bodyIsXml = 1;
-  const int status = CDeviceCfgPto().proc(bodyIsXml, body, asyncReply, request);
+  int status = CDeviceCfgPto().proc(bodyIsXml, body, asyncReply, request);
+  if (status == DECLINED) {
+    status = CSingleton<CEventPto>::Instance()->proc(bodyIsXml, body, asyncReply, request);
+  }
+  if (status == DECLINED) status = CDeviceKAVROPto().proc(bodyIsXml, body, asyncReply, request);
   return status == DECLINED ? answerNotFound(bodyIsXml, body) : status;
 }

@@ -1,0 +1,160 @@
+// See event_pto.h. Here: the request, the subscription and the table of open streams.
+#include "alert/event_pto.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "document/json_text.h"
+#include "platform/alarm_bus.h"
+#include "platform/base_library.h"
+#include "protocol/error_code.h"
+#include "protocol/log.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+constexpr const char* kAlertStreamUrl = "/KAVRO/Event/notification/alertStream";
+
+}  // namespace
+
+int CEventPto::checkUrlAndMethod(const std::string& url, unsigned int method) {
+  return url == kAlertStreamUrl && method == QNHttpService::HTTP_GET ? 0 : -1;
+}
+
+int CEventPto::procProtocol(int&, std::string& body, int& asyncReply, const stHttpRes& request,
+                            const std::string& devIndex) {
+  const auto& url = request.exchange->getUrl();
+  if (checkUrlAndMethod(url, request.exchange->getMethod() & 0xFF) != 0) {
+    return answerError(body, ERROR_INTERNAL, url);
+  }
+  return procAlertStream(body, asyncReply, request, devIndex);
+}
+
+int CEventPto::procAlertStream(std::string& body, int& asyncReply, const stHttpRes& request,
+                               const std::string& devIndex) {
+  const int id = nextSessionId();
+  Session session;
+  try {
+    session =
+        std::make_shared<CAlertStreamSession>(request.exchange->getHttpHandle(), id, devIndex);
+  } catch (const std::exception&) {
+    QN_LOG(WLOG_ERROR, "[sysErr=%d]make_shared session error", ZRT_GetSystemLastError());
+    return answerError(body, getPtoErrorCode(BUS_NO_RESOURCES), request.exchange->getUrl());
+  }
+  return openStream(body, asyncReply, request, session);
+}
+
+int CEventPto::nextSessionId() {
+  ZRT_Guard guard(sessionMutex_);
+  return ZRT_AtomicInc(&sessionIdCounter_);
+}
+
+int CEventPto::openStream(std::string& body, int& asyncReply, const stHttpRes& request,
+                          const Session& session) {
+  const auto& url = request.exchange->getUrl();
+  const auto devIndex = session->getDeviceIndex();
+  std::lock_guard guard(subscription_);
+  if (subscribeId_ == -1) {
+    if (!subscribeFirst(asyncReply, request, devIndex)) {
+      return answerError(body, ERROR_RESOURCE_NOT_FOUND, url);
+    }
+  } else {
+    switch (admit(devIndex)) {
+      case Admission::BusRefused: {
+        // The body handed back stays empty on this path.
+        std::string unsent;
+        return answerError(unsent, ERROR_RESOURCE_NOT_FOUND, url);
+      }
+      case Admission::TooMany:
+        QN_LOG(WLOG_ERROR, "[devIndx=%s]This device alertstream number is over max value.",
+               devIndex.c_str());
+        return answerError(body, getPtoErrorCode(BUS_TOO_MANY_STREAMS), url);
+      case Admission::Admitted:
+        answerStream(asyncReply, request);
+    }
+  }
+  insertSession(session);
+  return 200;
+}
+
+// The device is part of the subscription request, so it is not added once more.
+bool CEventPto::subscribeFirst(int& asyncReply, const stHttpRes& request,
+                               const std::string& devIndex) {
+  std::string reply;
+  int id = -1;
+  if (QN_AlarmBus_Subscribe(reply, getSubscribeReq(devIndex), fAlarmDataCallBack, this, 1, id) !=
+      0) {
+    QN_LOG(WLOG_ERROR, "QN_AlarmBus_Subscribe failed.");
+    return false;
+  }
+  answerStream(asyncReply, request);
+  QN_AlarmBus_StartUploadData(id);
+  subscribeId_ = id;
+  QN_LOG(WLOG_INFO, "[subscibeId=%d]QN_AlarmBus_Subscribe success.", id);
+  return true;
+}
+
+CEventPto::Admission CEventPto::admit(const std::string& devIndex) {
+  std::vector<Session> open;
+  getSessionByDev(open, devIndex);
+  if (open.size() >= kMaxStreamsPerDevice) return Admission::TooMany;
+  if (!open.empty()) return Admission::Admitted;
+  std::string reply;
+  if (QN_AlarmBus_AddDevice(reply, subscribeId_, devIndex, getSubscribeDeviceReq(devIndex)) != 0) {
+    QN_LOG(WLOG_ERROR, "QN_AlarmBus_AddDevice failed.");
+    return Admission::BusRefused;
+  }
+  return Admission::Admitted;
+}
+
+// Sends the head; the body stays open.
+void CEventPto::answerStream(int& asyncReply, const stHttpRes& request) {
+  asyncReply = 1;
+  request.exchange->setMIME();
+  request.exchange->setStatus(200);
+  request.exchange->response(nullptr, 0);
+}
+
+void CEventPto::insertSession(const Session& session) {
+  QNBase::CRWLock::WriteGuard guard(sessionLock_);
+  sessions_.emplace(session->getSessionID(), session);
+}
+
+std::string CEventPto::getSubscribeReq(const std::string& devIndex) {
+  Json::Value device;
+  device["Dev"]["devIndex"] = devIndex;
+  device["Dev"]["uploadMode"] = "all";
+  Json::Value request;
+  request["SubscribeDeviceMgmt"]["eventMode"] = "device";
+  request["SubscribeDeviceMgmt"]["DevEventList"].append(device);
+  return writeJson(request);
+}
+
+std::string CEventPto::getSubscribeDeviceReq(const std::string& devIndex) {
+  Json::Value request;
+  request["SubscribeDevEvent"]["devIndex"] = devIndex;
+  request["SubscribeDevEvent"]["uploadMode"] = "all";
+  return writeJson(request);
+}
+
+int CEventPto::getSessionByDev(std::vector<Session>& out, const std::string& devIndex) {
+  QNBase::CRWLock::ReadGuard guard(sessionLock_);
+  for (const auto& [id, session] : sessions_) {
+    if (session->getDeviceIndex() == devIndex) out.push_back(session);
+  }
+  return 1;
+}
+
+bool CEventPto::hasStream(const std::string& devIndex) {
+  std::vector<Session> open;
+  getSessionByDev(open, devIndex);
+  return !open.empty();
+}
+
+int CEventPto::deleSessionByID(int id) {
+  QNBase::CRWLock::WriteGuard guard(sessionLock_);
+  sessions_.erase(id);
+  return 0;
+}
+
+}  // namespace QNKAVROProtocol

@@ -1,0 +1,109 @@
+// CEventPto, the alert-stream handler: the one long-lived handler of the module. Clients open
+// streams through it (event_pto.cpp), the alarm bus and the delivery pool push alarms down them
+// (event_delivery.cpp), two timers and the device manager supervise them (event_supervision.cpp).
+#pragma once
+
+#include <json/json.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "alert/alarm_param.h"
+#include "alert/alert_stream_session.h"
+#include "alert/singleton.h"
+#include "platform/device_mgr.h"
+#include "platform/rw_lock.h"
+#include "platform/xml_base.h"
+#include "platform/zrt.h"
+#include "protocol/protocol_base.h"
+
+namespace QNKAVROProtocol {
+
+class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
+ public:
+  using Session = std::shared_ptr<CAlertStreamSession>;
+
+  static constexpr std::size_t kMaxStreamsPerDevice = 2;
+
+  CEventPto() = default;
+  ~CEventPto() = default;
+
+  // Starting twice, stopping without a start and starting again are harmless.
+  int start();  // 0, or 9 without a delivery pool
+  int stop();   // 0; the session table stays
+
+  int checkUrlAndMethod(const std::string& url, unsigned int method) override;
+  int procProtocol(int& bodyIsXml, std::string& body, int& asyncReply, const stHttpRes& request,
+                   const std::string& devIndex) override;
+  int procAlertStream(std::string& body, int& asyncReply, const stHttpRes& request,
+                      const std::string& devIndex);
+
+  std::string getSubscribeReq(const std::string& devIndex);
+  std::string getSubscribeDeviceReq(const std::string& devIndex);
+  int getSessionByDev(std::vector<Session>& out, const std::string& devIndex);  // ascending ids
+  int deleSessionByID(int id);
+
+  // The alarm bus's callback: length when the alarm was consumed, -1 on a fault.
+  static int fAlarmDataCallBack(void* data, int length, void* user);
+  // The delivery pool's routine; frees the job.
+  static int fAlarmProcessThread(void* job);
+  static bool needConvertToXml(const Json::Value& alarm);
+
+  // Writes the XML form of an alarm under the root that `xml` has entered; 1, or 0 when the alarm
+  // does not fit its tables.
+  static int convertAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
+  static int convertCommonAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
+  static int convertDetectionRegionListAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
+  static int convertAudioExceptionDetectionAlarmData(const Json::Value& alarm,
+                                                     QNBase::CXmlBase& xml);
+
+  static int sendHeartBeatOnTimer(int timerId, void* user);
+  static int checkAbnormalOnTimer(int timerId, void* user);
+  static void devChangeCB(tagNotifyType type, void* devIndex, const void* user);
+
+ private:
+  enum class Admission { Admitted, BusRefused, TooMany };
+
+  int nextSessionId();
+  int openStream(std::string& body, int& asyncReply, const stHttpRes& request,
+                 const Session& session);
+  bool subscribeFirst(int& asyncReply, const stHttpRes& request, const std::string& devIndex);
+  Admission admit(const std::string& devIndex);
+  void answerStream(int& asyncReply, const stHttpRes& request);
+  void insertSession(const Session& session);
+  bool hasStream(const std::string& devIndex);
+
+  int consumeAlarm(const char* data, int length);
+  int queueAlarm(const std::string& text, ENUM_ALARM_TYPE type, const std::string& devIndex);
+  bool queueJob(CAlarmParam* job);
+  static void push(const CAlarmParam& job);
+  void dropBrokenStream(const CAlertStreamSession& session);
+
+  void sendHeartBeats();
+  void superviseStreams();
+  void dropLostSubscription(int subscribeId);
+  std::vector<std::string> removeTimedOut();
+  void unsubscribeWhenEmpty();
+
+  std::atomic<int32_t> subscribeId_{-1};
+  ZRT_Mutex sessionMutex_;
+  int32_t sessionIdCounter_ = -1;  // guarded by sessionMutex_
+  QNBase::CRWLock sessionLock_;
+  std::map<int32_t, Session> sessions_;  // guarded by sessionLock_
+  std::atomic<int64_t> pool_{-1};
+  std::atomic<int32_t> heartBeatTimer_{-1};
+  std::atomic<int32_t> superviseTimer_{-1};
+
+  // Serialises what decides about the subscription, so that two first streams do not subscribe
+  // twice and a stream that ends does not take away the device of one that begins. Never taken with
+  // sessionLock_ held, nor by the alarm callback.
+  std::mutex subscription_;
+  std::mutex lifecycle_;  // start and stop
+};
+
+}  // namespace QNKAVROProtocol
