@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-namespace qn {
+namespace qn::devicebus {
 
 void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
   if (reply.status() >= 400 && reply.media() == MediaKind::kOther) {
@@ -42,4 +42,4 @@ void Answers::giveError(boost::asio::io_context& reactor, RequestPtr request,
   });
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

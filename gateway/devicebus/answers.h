@@ -10,7 +10,7 @@
 #include "gateway/devicebus/status_documents.h"
 #include "gateway/net/worker_pool.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 class Answers {
  public:
@@ -31,4 +31,4 @@ class Answers {
   const StatusDocuments documents_;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

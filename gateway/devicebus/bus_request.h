@@ -11,7 +11,7 @@
 #include "gateway/devicebus/device.h"
 #include "platform/device_cfg_bus.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 enum class Origin { kDevice, kGateway };  // who wrote the answer
 
@@ -42,4 +42,4 @@ using RequestPtr = std::unique_ptr<BusRequest>;
 // Whether sending it twice does the same as sending it once.
 inline bool isIdempotent(std::string_view method) { return method != "POST" && method != "PATCH"; }
 
-}  // namespace qn
+}  // namespace qn::devicebus

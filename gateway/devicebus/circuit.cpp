@@ -3,7 +3,7 @@
 
 #include "platform/wlog.h"
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 Circuit::Clock::rep probeAfter(Circuit::Clock::time_point now) {
   return (now + Circuit::kProbePeriod).time_since_epoch().count();
@@ -36,4 +36,4 @@ void Circuit::failed(Clock::time_point now) {
   }
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

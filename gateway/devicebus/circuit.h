@@ -6,7 +6,7 @@
 #include <chrono>
 #include <string>
 
-namespace qn {
+namespace qn::devicebus {
 
 // Any thread. Only connect failures and time-outs are failures: a device that answers nonsense is
 // there.
@@ -32,4 +32,4 @@ class Circuit {
   std::atomic<Clock::rep> nextProbe_{0};  // of Clock, since its epoch
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

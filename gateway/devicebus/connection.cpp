@@ -8,7 +8,7 @@
 #include "gateway/devicebus/lane.h"
 #include "platform/wlog.h"
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 namespace asio = boost::asio;
@@ -202,4 +202,4 @@ void Connection::reportLater(Fault fault) {
              [self = shared_from_this(), fault] { self->guarded([&] { self->report(fault); }); });
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -16,7 +16,7 @@
 #include "gateway/devicebus/read_buffer.h"
 #include "gateway/devicebus/reply_parser.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 class Lane;
 
@@ -93,4 +93,4 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Clock::time_point restingSince_;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -3,7 +3,7 @@
 
 #include <utility>
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 std::string hostField(const DeviceConfig& config) {
@@ -53,4 +53,4 @@ Admission::Refusal Admission::enter(Tally& tally, std::shared_ptr<Device> device
   return ++device_->admitted > limit ? Refusal::kFull : Refusal::kNone;
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -13,7 +13,7 @@
 #include "gateway/devicebus/circuit.h"
 #include "gateway/devicebus/device_login.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // A changed configuration makes a new one: requests in flight keep the old.
 struct Device {
@@ -74,4 +74,4 @@ class Admission {
   std::shared_ptr<Device> device_;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

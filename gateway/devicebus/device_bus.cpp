@@ -16,7 +16,7 @@
 #include "gateway/devicebus/device_url.h"
 #include "platform/wlog.h"
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 std::atomic<DeviceBus*> startedBus{nullptr};
@@ -177,4 +177,4 @@ int DeviceBus::ask(Call call, std::string& reply) {
   return meeting->waitForReply(deadline, reply) ? 0 : -1;
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -15,7 +15,7 @@
 #include "gateway/net/worker_pool.h"
 #include "platform/device_cfg_bus.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // A request stays on the reactor whose thread makes it; those of other threads are dealt out.
 // Recipients run on that reactor, or on a worker for a long reply.
@@ -67,4 +67,8 @@ class DeviceBus {
   bool stopped_ = false;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus
+
+namespace qn {
+using devicebus::DeviceBus;
+}

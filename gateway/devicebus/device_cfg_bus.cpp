@@ -14,12 +14,12 @@ namespace {
 
 using qn::DeviceBus;
 
-class CallbackRecipient final : public qn::Recipient {
+class CallbackRecipient final : public qn::devicebus::Recipient {
  public:
   CallbackRecipient(DeviceCfgCallBack callback, void* userData)
       : callback_(callback), userData_(userData) {}
 
-  void take(std::string_view answer, qn::Origin) noexcept override {
+  void take(std::string_view answer, qn::devicebus::Origin) noexcept override {
     try {
       callback_(const_cast<char*>(answer.data()), static_cast<int>(answer.size()), userData_);
     } catch (const std::exception& exception) {

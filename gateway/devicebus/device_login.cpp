@@ -5,7 +5,7 @@
 
 #include "platform/wlog.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 DeviceLogin::Ticket::~Ticket() {
   if (trialOf_) trialOf_->abandon(*this);
@@ -86,4 +86,4 @@ void DeviceLogin::abandon(Ticket& ticket) {
   state_ = State::kUnproven;
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -10,7 +10,7 @@
 
 #include "gateway/auth/client_login.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // Any thread. Devices lock an account after a few wrong passwords, so credentials that have not
 // been accepted yet are tried by one request at a time while the others wait, and refused ones are
@@ -73,4 +73,4 @@ class DeviceLogin {
   Clock::time_point refusedUntil_;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

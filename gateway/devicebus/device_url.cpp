@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 int hexValue(char c) {
@@ -60,4 +60,4 @@ bool isRequestTarget(std::string_view url) {
   return url.starts_with('/') && std::none_of(url.begin(), url.end(), unsendable);
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

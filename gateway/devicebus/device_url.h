@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace qn {
+namespace qn::devicebus {
 
 // The decoded value of the last devIndex parameter; names are compared decoded too, so that no
 // spelling of an earlier or later parameter names another device. Empty when there is none.
@@ -13,4 +13,4 @@ std::string namedDevice(std::string_view url);
 // Whether the URL can stand in a request line: a path, without blanks and control characters.
 bool isRequestTarget(std::string_view url);
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -7,7 +7,7 @@
 
 #include "gateway/devicebus/request_head.h"
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 // The endpoint when the host is an address.
@@ -211,4 +211,4 @@ void Lane::endAll(unsigned int code) {
   busy_.clear();
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -14,7 +14,7 @@
 #include "gateway/devicebus/connection.h"
 #include "gateway/devicebus/device.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // On the reactor's thread only. Nothing here calls a recipient except onReply(), which connections
 // call from the bottom of a read handler.
@@ -83,4 +83,4 @@ class Lane {
   Connections resting_;  // the one used last is at the end, and is used next
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

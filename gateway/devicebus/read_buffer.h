@@ -7,7 +7,7 @@
 #include <memory>
 #include <string_view>
 
-namespace qn {
+namespace qn::devicebus {
 
 // Grows from kUsual to kLargest; what is consumed is moved out of the way only when space is asked
 // for, so views into it hold until then.
@@ -62,4 +62,4 @@ class ReadBuffer {
   std::size_t end_ = 0;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 // Memory for a body is taken ahead up to this; a device that only announces more gets no more.
@@ -76,4 +76,4 @@ std::string ReplyParser::takeBody() {
   return std::move(copy_);
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace qn {
+namespace qn::devicebus {
 
 enum class MediaKind { kJson, kXml, kOther };
 
@@ -59,4 +59,4 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
   std::string copy_;            // the body so far otherwise
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

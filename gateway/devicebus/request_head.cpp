@@ -4,7 +4,7 @@
 #include <array>
 #include <charconv>
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 std::string_view contentType(std::string_view body) {
@@ -56,4 +56,4 @@ void writeRequestHead(std::string& head, const Device& device, const BusRequest&
   head += "\r\n";
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -6,7 +6,7 @@
 
 #include "gateway/devicebus/bus_request.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // The path and query as they go out, behind the base path of the device's URL.
 void appendTarget(std::string& text, const Device& device, const BusRequest& request);
@@ -15,4 +15,4 @@ void appendTarget(std::string& text, const Device& device, const BusRequest& req
 void writeRequestHead(std::string& head, const Device& device, const BusRequest& request,
                       std::string_view authorization);
 
-}  // namespace qn
+}  // namespace qn::devicebus

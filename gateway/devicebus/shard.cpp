@@ -9,7 +9,7 @@
 
 #include "platform/wlog.h"
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 Lane::Limits laneLimits(const BusOptions& options, std::size_t shards) {
@@ -112,4 +112,4 @@ void Shard::shutDown() {
   retired_.clear();
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

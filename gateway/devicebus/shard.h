@@ -16,7 +16,7 @@
 #include "gateway/devicebus/device.h"
 #include "gateway/devicebus/lane.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // On the reactor's thread only, but for the constructor and the destructor.
 class Shard {
@@ -59,4 +59,4 @@ class Shard {
   bool stopped_ = false;
 };
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -6,7 +6,7 @@
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 
-namespace qn {
+namespace qn::devicebus {
 namespace {
 
 // The protocol's codes for what a device says in the words of HTTP.
@@ -61,4 +61,4 @@ unsigned int errorOfHttpStatus(int status) {
   }
 }
 
-}  // namespace qn
+}  // namespace qn::devicebus

@@ -7,7 +7,7 @@
 
 #include "platform/error_codes.h"
 
-namespace qn {
+namespace qn::devicebus {
 
 // Constant after construction.
 class StatusDocuments {
@@ -23,4 +23,4 @@ class StatusDocuments {
 // What a device meant by an HTTP status of 400 or more without a document of its own.
 unsigned int errorOfHttpStatus(int status);
 
-}  // namespace qn
+}  // namespace qn::devicebus

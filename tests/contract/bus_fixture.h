@@ -18,7 +18,7 @@
 #include "platform/device_cfg_bus.h"
 #include "platform/error_codes.h"
 
-namespace qn::test {
+namespace qn::devicebus::test {
 
 using std::chrono::milliseconds;
 
@@ -129,4 +129,4 @@ class BusTest : public ::testing::Test {
   DeviceBus bus_;
 };
 
-}  // namespace qn::test
+}  // namespace qn::devicebus::test

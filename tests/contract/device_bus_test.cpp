@@ -12,7 +12,7 @@
 #include "tests/contract/bus_fixture.h"
 #include "tests/contract/scripted_device.h"
 
-namespace qn::test {
+namespace qn::devicebus::test {
 namespace {
 
 using std::chrono::seconds;
@@ -475,4 +475,4 @@ TEST_F(ConcurrentBusTest, ConfigurationMayChangeWhileRequestsRun) {
 }
 
 }  // namespace
-}  // namespace qn::test
+}  // namespace qn::devicebus::test

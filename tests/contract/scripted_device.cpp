@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-namespace qn::test {
+namespace qn::devicebus::test {
 
 std::string DeviceRequest::field(const std::string& name) const {
   const std::size_t start = head.find("\r\n" + name + ": ");
@@ -121,4 +121,4 @@ std::string jsonReply(std::string_view body, std::string_view statusAndReason) {
   return reply;
 }
 
-}  // namespace qn::test
+}  // namespace qn::devicebus::test

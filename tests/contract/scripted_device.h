@@ -11,7 +11,7 @@
 #include <string_view>
 #include <thread>
 
-namespace qn::test {
+namespace qn::devicebus::test {
 
 struct DeviceRequest {
   std::string method;
@@ -79,4 +79,4 @@ class ScriptedDevice {
 // A whole JSON reply with its length.
 std::string jsonReply(std::string_view body, std::string_view statusAndReason = "200 OK");
 
-}  // namespace qn::test
+}  // namespace qn::devicebus::test
