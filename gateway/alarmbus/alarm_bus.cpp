@@ -1,0 +1,237 @@
+#include "gateway/alarmbus/alarm_bus.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "gateway/log/log.h"
+#include "platform/base_library.h"
+
+namespace qn {
+namespace {
+
+constexpr unsigned int kSuccess = 1;
+constexpr unsigned int kNotFound = 0x40000006;
+
+std::atomic<AlarmBus*> startedBus{nullptr};
+
+// The bus's status text; 0 for success, -1 otherwise.
+int answer(std::string& reply, bool success) {
+  Json::Value document;
+  int httpStatus = 200;
+  getResponseStatusByErrorNo(success ? kSuccess : kNotFound, document, httpStatus);
+  reply = Json::FastWriter().write(document);
+  return success ? 0 : -1;
+}
+
+const Json::Value& member(const Json::Value& value, const char* name) {
+  return value.isObject() ? value[name] : Json::Value::nullSingleton();
+}
+
+// The devices of a subscription request; none when it is malformed.
+std::vector<std::string> requestedDevices(const std::string& request) {
+  Json::Value root;
+  try {
+    if (!Json::Reader().parse(request, root, false)) return {};
+  } catch (const std::exception&) {  // nested too deeply
+    return {};
+  }
+  std::vector<std::string> devices;
+  const Json::Value& list = member(member(root, "SubscribeDeviceMgmt"), "DevEventList");
+  if (!list.isArray()) return {};
+  for (const Json::Value& entry : list) {
+    const Json::Value& index = member(member(entry, "Dev"), "devIndex");
+    if (!index.isString()) return {};
+    devices.push_back(index.asString());
+  }
+  return devices;
+}
+
+}  // namespace
+
+AlarmBus::AlarmBus(Reactors& reactors) : reactors_(reactors) {}
+
+AlarmBus::~AlarmBus() { stop(); }
+
+void AlarmBus::start() {
+  QN_DeviceMgr_NotifyAttach(deviceChanged, this);
+  startedBus = this;
+  started_ = true;
+}
+
+void AlarmBus::stop() {
+  if (!std::exchange(started_, false)) return;
+  startedBus = nullptr;
+  QN_DeviceMgr_NotifyDetach(deviceChanged);
+  std::vector<int> ids;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& [id, subscription] : subscriptions_) ids.push_back(id);
+  }
+  for (const int id : ids) unsubscribe(id);
+}
+
+bool AlarmBus::subscribe(const std::vector<std::string>& devices, AlarmDataCallBack callback,
+                         void* user, int& subscribeId) {
+  if (devices.empty() || !callback) return false;
+  std::lock_guard lock(mutex_);
+  if (subscriptions_.size() >= kMaxSubscriptions) return false;
+  auto subscription = std::make_shared<Subscription>(callback, user);
+  for (const auto& device : devices) {
+    if (!openFeed(device)) {
+      for (const auto& opened : subscription->devices) closeUnusedFeed(opened);
+      return false;
+    }
+    subscription->devices.insert(device);
+  }
+  subscribeId = ++lastId_;
+  subscriptions_.emplace(subscribeId, std::move(subscription));
+  return true;
+}
+
+bool AlarmBus::unsubscribe(int subscribeId) {
+  SharedSubscription subscription;
+  {
+    std::lock_guard lock(mutex_);
+    const auto found = subscriptions_.find(subscribeId);
+    if (found == subscriptions_.end()) return false;
+    subscription = std::move(found->second);
+    subscriptions_.erase(found);
+    for (const auto& device : subscription->devices) closeUnusedFeed(device);
+  }
+  std::unique_lock wait(subscription->running);
+  subscription->ended = true;
+  return true;
+}
+
+bool AlarmBus::startUpload(int subscribeId) {
+  std::lock_guard lock(mutex_);
+  const auto subscription = find(subscribeId);
+  if (subscription) subscription->started = true;
+  return subscription != nullptr;
+}
+
+bool AlarmBus::addDevice(int subscribeId, const std::string& devIndex) {
+  std::lock_guard lock(mutex_);
+  const auto subscription = find(subscribeId);
+  if (!subscription || !openFeed(devIndex)) return false;
+  subscription->devices.insert(devIndex);
+  return true;
+}
+
+bool AlarmBus::deleteDevice(int subscribeId, const std::string& devIndex) {
+  std::lock_guard lock(mutex_);
+  const auto subscription = find(subscribeId);
+  if (!subscription) return false;
+  if (subscription->devices.erase(devIndex) != 0) closeUnusedFeed(devIndex);
+  return true;
+}
+
+bool AlarmBus::isValid(int subscribeId) {
+  std::lock_guard lock(mutex_);
+  return find(subscribeId) != nullptr;
+}
+
+AlarmBus::SharedSubscription AlarmBus::find(int subscribeId) {
+  const auto found = subscriptions_.find(subscribeId);
+  return found == subscriptions_.end() ? nullptr : found->second;
+}
+
+// False when there is no such device. One feed serves all subscriptions.
+bool AlarmBus::openFeed(const std::string& devIndex) {
+  if (feeds_.contains(devIndex)) return true;
+  const auto& current = configuration();
+  const DeviceConfig* device = current->findDevice(devIndex);
+  if (!device) return false;
+  auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
+  auto feed = std::make_shared<DeviceFeed>(
+      reactor, *device, [this, devIndex](const std::string& alarm) { deliver(devIndex, alarm); });
+  feed->start();
+  feeds_.emplace(devIndex, std::move(feed));
+  return true;
+}
+
+void AlarmBus::closeUnusedFeed(const std::string& devIndex) {
+  const auto uses = [&](const auto& entry) { return entry.second->devices.contains(devIndex); };
+  if (std::any_of(subscriptions_.begin(), subscriptions_.end(), uses)) return;
+  const auto feed = feeds_.find(devIndex);
+  if (feed == feeds_.end()) return;
+  feed->second->stop();
+  feeds_.erase(feed);
+}
+
+std::vector<AlarmBus::SharedSubscription> AlarmBus::subscribersOf(const std::string& devIndex) {
+  std::vector<SharedSubscription> subscribers;
+  std::lock_guard lock(mutex_);
+  for (const auto& [id, subscription] : subscriptions_) {
+    if (subscription->started && subscription->devices.contains(devIndex)) {
+      subscribers.push_back(subscription);
+    }
+  }
+  return subscribers;
+}
+
+void AlarmBus::deliver(const std::string& devIndex, const std::string& alarm) {
+  for (const auto& subscription : subscribersOf(devIndex)) {
+    std::shared_lock running(subscription->running);
+    if (subscription->ended) continue;
+    subscription->callback(const_cast<char*>(alarm.data()), static_cast<int>(alarm.size()),
+                           subscription->user);
+  }
+}
+
+void AlarmBus::deviceChanged(tagNotifyType type, void* devIndex, const void* user) {
+  auto* const bus = const_cast<AlarmBus*>(static_cast<const AlarmBus*>(user));
+  bus->deviceChanged(type, static_cast<const char*>(devIndex));
+}
+
+// A subscription keeps a removed device, so that its alarms flow again when it is configured again.
+void AlarmBus::deviceChanged(tagNotifyType type, const std::string& devIndex) {
+  std::lock_guard lock(mutex_);
+  const auto feed = feeds_.find(devIndex);
+  if (feed != feeds_.end()) {
+    feed->second->stop();
+    feeds_.erase(feed);
+  }
+  if (type == DEVICE_REMOVED) return;
+  const auto wants = [&](const auto& entry) { return entry.second->devices.contains(devIndex); };
+  if (std::any_of(subscriptions_.begin(), subscriptions_.end(), wants)) openFeed(devIndex);
+}
+
+}  // namespace qn
+
+int QN_AlarmBus_Subscribe(std::string& reply, const std::string& request,
+                          AlarmDataCallBack callback, void* user, int /*option*/,
+                          int& subscribeId) {
+  auto* const bus = qn::startedBus.load();
+  return qn::answer(
+      reply, bus && bus->subscribe(qn::requestedDevices(request), callback, user, subscribeId));
+}
+
+int QN_AlarmBus_UnSubscribe(std::string& reply, int subscribeId, int /*option*/) {
+  auto* const bus = qn::startedBus.load();
+  return qn::answer(reply, bus && bus->unsubscribe(subscribeId));
+}
+
+int QN_AlarmBus_StartUploadData(int subscribeId) {
+  auto* const bus = qn::startedBus.load();
+  return bus && bus->startUpload(subscribeId) ? 0 : -1;
+}
+
+int QN_AlarmBus_AddDevice(std::string& reply, int subscribeId, const std::string& devIndex,
+                          const std::string& /*request*/) {
+  auto* const bus = qn::startedBus.load();
+  return qn::answer(reply, bus && bus->addDevice(subscribeId, devIndex));
+}
+
+int QN_AlarmBus_DeleteDevice(std::string& reply, int subscribeId, const std::string& devIndex) {
+  auto* const bus = qn::startedBus.load();
+  return qn::answer(reply, bus && bus->deleteDevice(subscribeId, devIndex));
+}
+
+int QN_AlarmBus_CheckIDValid(int subscribeId) {
+  auto* const bus = qn::startedBus.load();
+  return bus && bus->isValid(subscribeId) ? 1 : 0;
+}

@@ -1,0 +1,75 @@
+// The alarm bus: who has subscribed to which devices, and one feed for each such device. Made by
+// the host; the operations of platform/alarm_bus.h act on the started one.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "gateway/alarmbus/device_feed.h"
+#include "gateway/net/reactors.h"
+#include "platform/alarm_bus.h"
+#include "platform/device_mgr.h"
+
+namespace qn {
+
+class AlarmBus {
+ public:
+  explicit AlarmBus(Reactors& reactors);
+  ~AlarmBus();  // stops
+  AlarmBus(const AlarmBus&) = delete;
+  AlarmBus& operator=(const AlarmBus&) = delete;
+
+  void start();
+  // Ends all subscriptions; no callback runs afterwards. Harmless when repeated.
+  void stop();
+
+  // See platform/alarm_bus.h. The devices must be configured.
+  bool subscribe(const std::vector<std::string>& devices, AlarmDataCallBack callback, void* user,
+                 int& subscribeId);
+  bool unsubscribe(int subscribeId);
+  bool startUpload(int subscribeId);
+  bool addDevice(int subscribeId, const std::string& devIndex);
+  bool deleteDevice(int subscribeId, const std::string& devIndex);
+  bool isValid(int subscribeId);
+
+  static constexpr std::size_t kMaxSubscriptions = 16;
+
+ private:
+  struct Subscription {
+    Subscription(AlarmDataCallBack routine, void* userData) : callback(routine), user(userData) {}
+
+    const AlarmDataCallBack callback;
+    void* const user;
+    std::atomic<bool> started{false};
+    std::shared_mutex running;      // shared by running callbacks, exclusive to end them
+    bool ended = false;             // guarded by running
+    std::set<std::string> devices;  // guarded by the bus's mutex_
+  };
+  using SharedSubscription = std::shared_ptr<Subscription>;
+
+  static void deviceChanged(tagNotifyType type, void* devIndex, const void* user);
+  void deviceChanged(tagNotifyType type, const std::string& devIndex);
+
+  void deliver(const std::string& devIndex, const std::string& alarm);
+  std::vector<SharedSubscription> subscribersOf(const std::string& devIndex);
+  bool openFeed(const std::string& devIndex);
+  void closeUnusedFeed(const std::string& devIndex);
+  SharedSubscription find(int subscribeId);
+
+  Reactors& reactors_;
+  std::mutex mutex_;
+  std::map<int, SharedSubscription> subscriptions_;           // guarded by mutex_
+  std::map<std::string, std::shared_ptr<DeviceFeed>> feeds_;  // guarded by mutex_
+  int lastId_ = -1;                                           // guarded by mutex_
+  std::size_t nextReactor_ = 0;                               // guarded by mutex_
+  bool started_ = false;                                      // host's thread only
+};
+
+}  // namespace qn

@@ -1,0 +1,143 @@
+#include "gateway/alarmbus/multipart_reader.h"
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+namespace qn {
+namespace {
+
+constexpr std::size_t kHeaderLimit = 8 * 1024;
+
+bool sameName(std::string_view a, std::string_view b) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [&](char x, char y) { return lower(x) == lower(y); });
+}
+
+std::string_view trimmed(std::string_view text) {
+  const auto begin = text.find_first_not_of(" \t");
+  if (begin == std::string_view::npos) return {};
+  return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+}
+
+// Without the line break that belongs to the boundary after it.
+std::string_view withoutLineBreak(std::string_view body) {
+  if (body.ends_with('\n')) body.remove_suffix(1);
+  if (body.ends_with('\r')) body.remove_suffix(1);
+  return body;
+}
+
+}  // namespace
+
+MultipartReader::MultipartReader(std::string_view boundary, std::size_t partLimit, PartSink sink)
+    : delimiter_("--" + std::string(boundary)), partLimit_(partLimit), sink_(std::move(sink)) {}
+
+bool MultipartReader::feed(std::string_view bytes) {
+  const bool kept = !rest_.empty();
+  if (kept) bytes = rest_.append(bytes);
+  for (;;) {
+    const Step done = step(bytes);
+    if (done.result == Step::Failed) return false;
+    bytes.remove_prefix(done.consumed);
+    if (done.result == Step::NeedMore) break;
+  }
+  if (kept) {
+    rest_.erase(0, rest_.size() - bytes.size());
+    if (rest_.empty()) rest_ = {};  // an idle stream holds no memory
+  } else {
+    rest_.assign(bytes);
+  }
+  return true;
+}
+
+MultipartReader::Step MultipartReader::step(std::string_view bytes) {
+  switch (state_) {
+    case State::Boundary:
+      return findBoundary(bytes);
+    case State::Header:
+      return readHeader(bytes);
+    case State::BodyOfLength:
+      return readBodyOfLength(bytes);
+    case State::BodyToEnd:
+      return readBodyToEnd(bytes);
+  }
+  return {Step::Failed};
+}
+
+MultipartReader::Step MultipartReader::findBoundary(std::string_view bytes) {
+  const auto at = bytes.find(delimiter_);
+  if (at == std::string_view::npos) {
+    const auto keep = std::min(bytes.size(), delimiter_.size() - 1);
+    return {Step::NeedMore, bytes.size() - keep};
+  }
+  const auto lineEnd = bytes.find('\n', at);
+  if (lineEnd == std::string_view::npos) {
+    if (bytes.size() - at > kHeaderLimit) return {Step::Failed};
+    return {Step::NeedMore, at};
+  }
+  state_ = State::Header;
+  contentType_.clear();
+  hasLength_ = false;
+  return {Step::Advanced, lineEnd + 1};
+}
+
+MultipartReader::Step MultipartReader::readHeader(std::string_view bytes) {
+  const auto lineEnd = bytes.find('\n');
+  if (lineEnd == std::string_view::npos) {
+    return {bytes.size() > kHeaderLimit ? Step::Failed : Step::NeedMore};
+  }
+  const auto line = withoutLineBreak(bytes.substr(0, lineEnd + 1));
+  if (line.empty()) {
+    state_ = hasLength_ ? State::BodyOfLength : State::BodyToEnd;
+    scanner_ = {};
+    scanned_ = 0;
+  } else if (!takeHeaderLine(line)) {
+    return {Step::Failed};
+  }
+  return {Step::Advanced, lineEnd + 1};
+}
+
+bool MultipartReader::takeHeaderLine(std::string_view line) {
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos) return false;
+  const auto name = trimmed(line.substr(0, colon));
+  const auto value = trimmed(line.substr(colon + 1));
+  if (sameName(name, "Content-Type")) contentType_ = value;
+  if (!sameName(name, "Content-Length")) return true;
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length_);
+  hasLength_ = true;
+  return error == std::errc() && end == value.data() + value.size() && length_ <= partLimit_;
+}
+
+MultipartReader::Step MultipartReader::readBodyOfLength(std::string_view bytes) {
+  if (bytes.size() < length_) return {Step::NeedMore};
+  return finishBody(bytes.substr(0, length_), length_);
+}
+
+MultipartReader::Step MultipartReader::readBodyToEnd(std::string_view bytes) {
+  const auto first = bytes.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) {
+    return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
+  }
+  if (bytes[first] == '{') {
+    for (scanned_ = std::max(scanned_, first); scanned_ < bytes.size(); ++scanned_) {
+      if (scanner_.step(bytes[scanned_]) == JsonScanner::Event::RootEnd) {
+        return finishBody(bytes.substr(first, scanned_ + 1 - first), scanned_ + 1);
+      }
+    }
+  } else {
+    const auto at = bytes.find(delimiter_, scanned_);
+    if (at != std::string_view::npos) return finishBody(withoutLineBreak(bytes.substr(0, at)), at);
+    scanned_ = bytes.size() - std::min(bytes.size(), delimiter_.size() - 1);
+  }
+  return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
+}
+
+MultipartReader::Step MultipartReader::finishBody(std::string_view body, std::size_t consumed) {
+  sink_(contentType_, body);
+  state_ = State::Boundary;
+  return {Step::Advanced, consumed};
+}
+
+}  // namespace qn
