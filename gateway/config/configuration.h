@@ -28,6 +28,8 @@ struct HttpOptions {
   std::size_t connections = 8192;
   std::size_t connectionsPerAddress = 1024;
   std::size_t requests = 4096;  // in flight; more are answered 503
+
+  bool operator==(const HttpOptions&) const = default;
 };
 
 struct NetworkOptions {
@@ -55,6 +57,8 @@ struct LockOptions {
 struct StorageOptions {
   std::string dataDir = "/var/lib/qn-gateway";
   std::size_t operationLogRows = 100000;  // the oldest are dropped
+
+  bool operator==(const StorageOptions&) const = default;
 };
 
 // What the device-configuration bus allows each device.

@@ -1,0 +1,102 @@
+// See gateway.h.
+#include "gateway/main/gateway.h"
+
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "gateway/log/log.h"
+#include "gateway/oplog/operation_log.h"
+#include "platform/config_mgr.h"
+
+namespace qn {
+namespace {
+
+// For requests that wait for a device and for long translations; one queue entry is one request.
+constexpr std::size_t kWorkers = 4;
+constexpr std::size_t kWorkerQueue = 256;
+
+// How the 10 s for stopping are spent: first requests may end by themselves, then the bus answers
+// what is left.
+constexpr std::chrono::seconds kFinishTime{6};
+constexpr std::chrono::seconds kAnswerTime{2};
+
+// Listeners and files are opened once.
+template <class Options>
+void keepUntilRestart(Options& next, const Options& current, std::string_view section) {
+  if (next == current) return;
+  logWarn("changes in [{}] take effect at the next start", section);
+  next = current;
+}
+
+}  // namespace
+
+Gateway::Gateway(Configuration configuration, const std::filesystem::path& module)
+    : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
+      module_(module),
+      workers_(kWorkers, kWorkerQueue),
+      bus_(reactors_, workers_),
+      alarms_(reactors_),
+      http_(reactors_, workers_, configuration_->http, module_.process()) {
+  try {
+    start();
+  } catch (...) {
+    stop();
+    throw;
+  }
+}
+
+Gateway::~Gateway() {
+  stop();
+  logInfo("stopped");
+}
+
+void Gateway::start() {
+  publishConfiguration(configuration_);
+  OperationLog::instance().start(configuration_->storage.dataDir,
+                                 configuration_->storage.operationLogRows);
+  bus_.start();
+  alarms_.start();
+  reactors_.start();
+  module_.init();
+  http_.listen();
+  applyDevicePorts();
+  logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
+          configuration_->http.address, http_.port());
+}
+
+// Every step is harmless for what has not been started.
+void Gateway::stop() {
+  using std::chrono::steady_clock;
+  http_.stopAccepting();
+  http_.drain(steady_clock::now() + kFinishTime);
+  module_.uninit();
+  alarms_.stop();
+  bus_.stop();
+  http_.drain(steady_clock::now() + kAnswerTime);
+  http_.close();
+  workers_.stop();
+  OperationLog::instance().stop();
+  reactors_.stop();
+}
+
+void Gateway::reload(Configuration next) {
+  keepUntilRestart(next.http, configuration_->http, "http");
+  keepUntilRestart(next.storage, configuration_->storage, "storage");
+  configuration_ = std::make_shared<const Configuration>(std::move(next));
+  publishConfiguration(configuration_);
+  setLogLevel(configuration_->log.level);
+  applyDevicePorts();
+}
+
+void Gateway::applyDevicePorts() {
+  std::vector<uint16_t> ports;
+  if (configuration_->kavro.mode == KAVRO_MODE_DEVICE_PORTS) {
+    for (const auto& device : configuration_->devices) {
+      if (device.httpPort != 0) ports.push_back(device.httpPort);
+    }
+  }
+  http_.setDevicePorts(ports);
+}
+
+}  // namespace qn

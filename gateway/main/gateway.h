@@ -1,0 +1,47 @@
+// The running gateway: every platform library and the module, started and stopped in order. Used by
+// main.cpp, on its one thread.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+
+#include "gateway/alarmbus/alarm_bus.h"
+#include "gateway/config/configuration.h"
+#include "gateway/devicebus/device_bus.h"
+#include "gateway/http/http_service.h"
+#include "gateway/main/protocol_module.h"
+#include "gateway/net/reactors.h"
+#include "gateway/net/worker_pool.h"
+
+namespace qn {
+
+class Gateway {
+ public:
+  // Starts everything; when it returns the ports are open. Throws std::exception with a text for
+  // the operator; what was started is stopped again.
+  Gateway(Configuration configuration, const std::filesystem::path& module);
+  // Stops within 10 s: no new connections, requests in flight are finished or answered that the
+  // gateway is stopping, the operation log is flushed.
+  ~Gateway();
+  Gateway(const Gateway&) = delete;
+  Gateway& operator=(const Gateway&) = delete;
+
+  // Takes over what can change while running; sections that cannot keep their values, which is
+  // logged.
+  void reload(Configuration next);
+
+ private:
+  void start();
+  void stop();
+  void applyDevicePorts();
+
+  std::shared_ptr<const Configuration> configuration_;
+  ProtocolModule module_;
+  WorkerPool workers_;
+  Reactors reactors_;
+  DeviceBus bus_;
+  AlarmBus alarms_;
+  HttpService http_;
+};
+
+}  // namespace qn

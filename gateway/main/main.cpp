@@ -1,0 +1,97 @@
+// qn-gateway: reads the configuration, starts the platform, loads the module and serves until
+// SIGTERM or SIGINT. SIGHUP reads the configuration again.
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <utility>
+
+#include "gateway/config/configuration_file.h"
+#include "gateway/log/log.h"
+#include "gateway/main/gateway.h"
+
+namespace {
+
+struct Arguments {
+  std::filesystem::path config;
+  std::filesystem::path module;
+  bool checkOnly = false;
+};
+
+// In an installation and in the build tree alike.
+std::filesystem::path moduleBesideProgram() {
+  const auto program = std::filesystem::read_symlink("/proc/self/exe");
+  return program.parent_path().parent_path() / "lib" / "libQNKAVROProtocol.so";
+}
+
+// One connection is one descriptor, so as many as the system allows.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Blocked in every thread and taken one by one by serve(); a write to a closed socket is no signal.
+sigset_t blockSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, number);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+  return signals;
+}
+
+// An invalid file changes nothing.
+void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
+  try {
+    gateway.reload(qn::readConfiguration(file));
+    qn::logInfo("configuration read again from {}", file.string());
+  } catch (const std::exception& error) {
+    qn::logError("configuration not changed: {}", error.what());
+  }
+}
+
+void serve(const Arguments& arguments) {
+  const auto signals = blockSignals();
+  raiseDescriptorLimit();
+  auto configuration = qn::readConfiguration(arguments.config);
+  qn::setLogLevel(configuration.log.level);
+  qn::Gateway gateway(std::move(configuration), arguments.module);
+  for (;;) {
+    int number = 0;
+    if (sigwait(&signals, &number) != 0) continue;
+    if (number != SIGHUP) {
+      qn::logInfo("stopping on signal {}", number);
+      return;
+    }
+    reload(gateway, arguments.config);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  Arguments arguments;
+  arguments.module = moduleBesideProgram();
+  CLI::App app{"KAVRO gateway: one KAVRO server in front of many sub-devices."};
+  app.set_version_flag("--version", std::string("qn-gateway ") + QN_VERSION);
+  app.add_option("--config", arguments.config, "configuration file (TOML)")->required();
+  app.add_option("--module", arguments.module, "protocol module to load")->capture_default_str();
+  app.add_flag("--check-config", arguments.checkOnly, "read the configuration, say what is wrong");
+  CLI11_PARSE(app, argc, argv);
+
+  if (arguments.checkOnly) {
+    qn::readConfiguration(arguments.config);
+    std::cout << arguments.config.string() << " is valid\n";
+    return 0;
+  }
+  serve(arguments);
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "qn-gateway: %s\n", error.what());
+  return 1;
+}
