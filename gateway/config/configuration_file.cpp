@@ -283,8 +283,10 @@ std::string contentOf(const std::filesystem::path& file) {
 }  // namespace
 
 Configuration readConfiguration(const std::filesystem::path& file) {
-  const std::string name = file.string();
-  const std::string content = contentOf(file);
+  return parseConfiguration(contentOf(file), file.string());
+}
+
+Configuration parseConfiguration(std::string_view content, const std::string& name) {
   checkLines(content, name);
   try {
     const toml::table root = toml::parse(content, name);

@@ -21,4 +21,7 @@ inline constexpr std::size_t kConfigurationFileBytes = 4 * 1024 * 1024;
 // logged as a warning: a user whose device is not configured.
 Configuration readConfiguration(const std::filesystem::path& file);
 
+// The same for a file's content; `name` stands for the file in errors.
+Configuration parseConfiguration(std::string_view content, const std::string& name);
+
 }  // namespace qn

@@ -1,0 +1,41 @@
+// Any text as a configuration file: it is read or refused with an error that begins with the file's
+// name, and what is read keeps the promises that the gateway builds on.
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include "gateway/config/configuration_file.h"
+#include "gateway/log/log.h"
+
+namespace {
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+void CheckPromises(const qn::Configuration& read) {
+  for (const qn::UserConfig& user : read.users) {
+    Require(user.ha1.size() == qn::hexLength(read.kavro.algorithm));
+    Require(read.findUser(user.name) == &user);
+  }
+  for (const qn::DeviceConfig& device : read.devices) {
+    Require(!device.host.empty() && device.port != 0);
+    Require(!device.index.empty() && device.index.size() < 64);
+    Require(read.findDevice(device.index) == &device);
+    Require(device.basePath.empty() || device.basePath.front() == '/');
+    Require(device.httpPort == 0 || read.findDeviceByPort(device.httpPort) == &device);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  qn::setLogLevel("error");
+  const std::string_view content(reinterpret_cast<const char*>(data), size);
+  try {
+    CheckPromises(qn::parseConfiguration(content, "FILE"));
+  } catch (const qn::ConfigurationError& error) {
+    Require(std::string_view(error.what()).starts_with("FILE:"));
+  }
+  return 0;
+}
