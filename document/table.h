@@ -104,6 +104,16 @@ struct Row {
   bool repeatsFirst = false;
   int number = 0;
 
+ private:
+  // This row with one word changed. Stands before its uses: clang 14 evaluates them only then.
+  template <typename T, typename V>
+  constexpr Row with(T Row::*word, V value) const {
+    Row row = *this;
+    row.*word = value;
+    return row;
+  }
+
+ public:
   // The element's name, where it differs from the member's.
   constexpr Row as(const char* name) const { return with(&Row::xml, name); }
   constexpr Row fallback(std::string_view text) const { return with(&Row::fallbackText, text); }
@@ -128,14 +138,6 @@ struct Row {
   constexpr Row firstEachTime() const { return with(&Row::repeatsFirst, true); }
   // What the caller's log calls this row when it fails.
   constexpr Row failing(int logNumber) const { return with(&Row::number, logNumber); }
-
- private:
-  template <typename T, typename V>
-  constexpr Row with(T Row::*word, V value) const {
-    Row row = *this;
-    row.*word = value;
-    return row;
-  }
 };
 
 constexpr const Row* Rows::end() const { return first_ + count_; }
