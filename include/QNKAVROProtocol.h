@@ -20,6 +20,8 @@ __attribute__((visibility("default"))) int QN_Protocol_Uninit();
 //   bodyIsXml   out: 1 when the body is XML, 0 when it is JSON
 //   asyncReply  in: 0. Out: 1 when the answer is sent through the exchange, now or later; the
 //               service then sends nothing of its own
+// An exception of the system (no memory) propagates: nothing is in flight then and the service
+// answers.
 // Usually returns at once. The audio channel list and face pictures block: see docs/threads.md.
 __attribute__((visibility("default"))) int QN_Protocol_HTTPProcess(
     int& bodyIsXml, std::string& body, int& asyncReply, const QNHttpService::stHttpRes& request);

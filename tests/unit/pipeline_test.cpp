@@ -1,4 +1,6 @@
 // The pipeline to a sub-device: what goes out, what comes back, and every way to fail.
+#include <new>
+
 #include "devcfg/dev_cfg_base.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
@@ -132,6 +134,32 @@ TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
   }
   expectError(outcome, 0x60000001);
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "no resouce."));
+}
+
+// Whichever allocation fails, the request is either with the bus or the caller knows.
+TEST_F(Pipeline, EveryFailedAllocationLeavesNothingInFlight) {
+  int allocation = 0;
+  for (bool failed = true; failed; ++allocation) {
+    fake::reset();
+    const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
+    Outcome outcome;
+    bool threw = false;
+    {
+      const fake::FailAllocation failure(allocation);
+      try {
+        outcome.status =
+            QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+      } catch (const std::bad_alloc&) {
+        threw = true;
+      }
+      failed = failure.happened();
+    }
+    EXPECT_EQ(fake::deviceBus().pending.size(), outcome.asyncReply == 1 ? 1u : 0u) << allocation;
+    EXPECT_TRUE(failed || outcome.asyncReply == 1);
+    EXPECT_TRUE(!threw || outcome.asyncReply == 0);
+    if (!threw && outcome.asyncReply == 0) expectError(outcome, 0x60000001);
+  }
+  EXPECT_GT(allocation, 5);
 }
 
 TEST_F(Pipeline, BaseServesNothing) {
