@@ -128,7 +128,7 @@ class PassThrough(harness.GatewayTest):
     def test_the_devices_own_codes_decide_the_status(self):
         cases = (({"statusCode": 4}, 403), ({"statusCode": 2}, 503), ({"statusCode": 1}, 200),
                  ({"errorCode": 0x40000006, "statusCode": 1}, 404),
-                 ({"errorCode": 1, "statusCode": 6}, 400), ({"errorCode": "no"}, 200), ([1], 200))
+                 ({"errorCode": 1, "statusCode": 3}, 500), ({"errorCode": "no"}, 200), ([1], 200))
         for document, status in cases:
             self.devices.fault(kind="reply", body=json.dumps(document))
             answer = self.client().get("/KAVRO/Anything")
