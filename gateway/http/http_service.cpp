@@ -99,6 +99,7 @@ void HttpService::closeOnReactor(std::vector<std::shared_ptr<Listener>> listener
 }
 
 void HttpService::onReactor(std::size_t index, const std::function<void()>& action) {
+  if (core_->reactors.context(index).stopped()) return;  // its handlers go with it
   auto done = std::make_shared<std::promise<void>>();
   boost::asio::post(core_->reactors.context(index), [action, done] {
     action();
