@@ -151,17 +151,23 @@ void RequestReader::reset() {
 // end of the head searched for, and the parser starts again when that is there.
 ReadResult RequestReader::readHead(std::string_view bytes) {
   if (bytes == "\r") return ReadResult::Partial;  // an empty line on its way
+  ReadResult result;
   if (partial_) {
-    const ReadResult found = waitForHead(bytes);
-    if (found != ReadResult::Complete) return found;
+    result = waitForHead(bytes);
+    return result == ReadResult::Complete ? parseWholeHead(bytes) : result;
   }
-  const ReadResult result = parseHead(bytes);
-  if (result != ReadResult::Partial || partial_) {
-    return result == ReadResult::Partial ? ReadResult::Malformed : result;
-  }
+  result = parseHead(bytes);
+  if (result != ReadResult::Partial) return result;
   partial_ = true;
   parser_.reset();
-  return waitForHead(bytes);
+  result = waitForHead(bytes);
+  return result == ReadResult::Complete ? ReadResult::Malformed : result;
+}
+
+// The end of the head is there, so a parser that asks for more has been led astray.
+ReadResult RequestReader::parseWholeHead(std::string_view bytes) {
+  const ReadResult result = parseHead(bytes);
+  return result == ReadResult::Partial ? ReadResult::Malformed : result;
 }
 
 ReadResult RequestReader::waitForHead(std::string_view bytes) {

@@ -53,6 +53,7 @@ class RequestReader {
  private:
   ReadResult waitForHead(std::string_view bytes);
   ReadResult parseHead(std::string_view bytes);
+  ReadResult parseWholeHead(std::string_view bytes);
 
   const std::size_t headLimit_;
   const std::size_t bodyLimit_;

@@ -1,0 +1,74 @@
+// The reader of HTTP requests, on bytes in pieces as a connection gets them, and the multipart
+// reader on what it yields. The first byte chooses the size of the pieces.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "gateway/http/multipart.h"
+#include "gateway/http/request_reader.h"
+
+namespace {
+
+constexpr std::size_t kHeadLimit = 1024;
+constexpr std::size_t kBodyLimit = 4096;
+
+void check(bool holds) {
+  if (!holds) std::abort();
+}
+
+void readMultipart(std::string_view fields, std::string_view body) {
+  const std::string contentType(fields.substr(0, fields.find('\r')));
+  if (const auto face = qn::readFaceBody(contentType, body)) {
+    check(face->bytes.size() <= body.size());
+    check(face->hasMimeType == !face->mimeType.empty());
+  }
+}
+
+// Reads one request that starts at `at`; false when there is no further one.
+bool readRequest(std::string_view input, std::size_t piece, std::size_t& at) {
+  at += qn::RequestReader::blankLines(input.substr(at));
+  qn::RequestReader reader(kHeadLimit, kBodyLimit);
+  std::size_t have = piece;
+  auto result = qn::ReadResult::Partial;
+  for (; result == qn::ReadResult::Partial; have += piece) {
+    const std::string_view bytes = input.substr(at, have);
+    if (bytes.empty()) return false;
+    result = reader.readHead(bytes);
+    if (bytes.size() < have) break;
+  }
+  if (result != qn::ReadResult::Complete) return false;
+  const qn::RequestHead head = reader.head();
+  check(reader.headLength() <= kHeadLimit && at + reader.headLength() <= input.size());
+  check(head.method == qn::kOtherMethod || !head.target.empty());
+  check(head.fields.empty() || head.fields.ends_with("\r\n"));
+  const std::string fields(head.fields);
+  at += reader.headLength();
+  for (;;) {
+    std::size_t used = 0;
+    const std::string_view bytes = input.substr(at, have);
+    result = reader.readBody(bytes, used);
+    check(used <= bytes.size());
+    at += used;
+    if (result != qn::ReadResult::Partial) break;
+    if (at + bytes.size() - used >= input.size()) return false;
+    if (used == 0) have += piece;
+  }
+  if (result != qn::ReadResult::Complete) return false;
+  check(reader.body().size() <= kBodyLimit);
+  readMultipart(fields.substr(std::min(fields.find(' '), fields.size())), reader.body());
+  return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
+  if (size < 2) return 0;
+  const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
+  std::size_t at = 0;
+  while (at < input.size() && readRequest(input, data[0] + std::size_t{1}, at)) {
+  }
+  return 0;
+}
