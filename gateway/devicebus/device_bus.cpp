@@ -5,7 +5,6 @@
 #include <array>
 #include <boost/asio/post.hpp>
 #include <condition_variable>
-#include <latch>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -72,6 +71,16 @@ std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
   return std::clamp(timeout, std::chrono::milliseconds(0), DeviceBus::kLongestTimeout);
 }
 
+// Looks instead of being told: who leaves the tally touches nothing of the bus afterwards.
+template <typename Condition>
+bool holdsBefore(std::chrono::steady_clock::time_point deadline, Condition condition) {
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
 }  // namespace
 
 DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers) : answers_(workers) {
@@ -98,25 +107,15 @@ void DeviceBus::stop() {
   for (const auto& shard : shards_) {
     boost::asio::post(shard->reactor(), [&shard = *shard] { shard.shutDown(); });
   }
-  if (!waitForTally(deadline)) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: some requests have not ended");
-    return;
-  }
-  // The handlers that ended the requests may still be running.
-  auto done = std::make_shared<std::latch>(static_cast<std::ptrdiff_t>(shards_.size()));
+  // The handlers that ended the requests may still be running when the tally is empty.
+  const auto handlersLeft = std::make_shared<std::atomic<std::size_t>>(shards_.size());
+  const bool ended = holdsBefore(deadline, [this] { return tally_.empty(); });
   for (const auto& shard : shards_) {
-    boost::asio::post(shard->reactor(), [done] { done->count_down(); });
+    boost::asio::post(shard->reactor(), [handlersLeft] { --*handlersLeft; });
   }
-  done->wait();
-}
-
-// Looks instead of being told: who leaves the tally touches nothing of the bus afterwards.
-bool DeviceBus::waitForTally(std::chrono::steady_clock::time_point deadline) const {
-  while (!tally_.empty()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (!ended || !holdsBefore(deadline, [&] { return *handlersLeft == 0; })) {
+    wlog_format(WLOG_ERROR, "QNW", "device bus: some requests have not ended");
   }
-  return true;
 }
 
 Shard* DeviceBus::currentShard() {
@@ -161,7 +160,7 @@ void DeviceBus::dispatch(RequestPtr request) {
   if (Shard* const shard = currentShard()) return shard->accept(std::move(request));
   Shard& shard = *shards_[nextShard_++ % shards_.size()];
   boost::asio::post(shard.reactor(), [&shard, request = std::move(request)]() mutable {
-    shard.accept(std::move(request));
+    shard.acceptPosted(std::move(request));
   });
 }
 

@@ -57,7 +57,6 @@ class DeviceBus {
   Shard* currentShard();
   std::shared_ptr<Device> findDevice(const std::string& url);
   void dispatch(RequestPtr request);
-  bool waitForTally(std::chrono::steady_clock::time_point deadline) const;
 
   Answers answers_;
   DeviceDirectory directory_;

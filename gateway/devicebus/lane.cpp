@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "gateway/devicebus/request_head.h"
+#include "platform/wlog.h"
 
 namespace qn::devicebus {
 namespace {
@@ -102,6 +103,8 @@ std::shared_ptr<Connection> Lane::takeConnection(const BusRequest& request) {
 }
 
 void Lane::fail(RequestPtr request, unsigned int code) {
+  wlog_format(WLOG_INFO, "QNW", "device %s: a request ends with 0x%08x",
+              device_->config.index.c_str(), code);
   answers_.giveError(reactor_, std::move(request), code);
 }
 

@@ -71,6 +71,14 @@ void Shard::accept(RequestPtr request) {
   if (period_ != kSweepPeriod) watch(kSweepPeriod);
 }
 
+void Shard::acceptPosted(RequestPtr request) noexcept {
+  try {
+    accept(std::move(request));
+  } catch (const std::exception& exception) {
+    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+  }
+}
+
 void Shard::watch(std::chrono::milliseconds period) {
   period_ = period;
   timer_.expires_after(period);
@@ -79,7 +87,7 @@ void Shard::watch(std::chrono::milliseconds period) {
   });
 }
 
-void Shard::sweep() {
+void Shard::sweep() noexcept {
   period_ = {};
   try {
     followConfiguration();

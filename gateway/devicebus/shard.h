@@ -35,6 +35,8 @@ class Shard {
   std::shared_ptr<Device> device(std::string_view index);
   // Takes a request to its device.
   void accept(RequestPtr request);
+  // The same for a handler of its own: nothing is thrown.
+  void acceptPosted(RequestPtr request) noexcept;
   // Ends every request with the document of a stopping gateway; later ones too.
   void shutDown();
 
@@ -42,7 +44,7 @@ class Shard {
   Lane* lane(std::string_view index);
   void followConfiguration();
   void watch(std::chrono::milliseconds period);
-  void sweep();
+  void sweep() noexcept;
   void sweepLanes();
 
   boost::asio::io_context& reactor_;
