@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "gateway/auth/auth_reader.h"
@@ -17,7 +18,7 @@ constexpr std::string_view kNoHa1 =
 
 template <std::size_t N>
 std::string_view textOf(const char (&field)[N]) {
-  return {field, std::size_t(std::find(field, field + N, '\0') - field)};
+  return {field, strnlen(field, N)};
 }
 
 bool readCount(std::string_view digits, uint32_t& count) {
