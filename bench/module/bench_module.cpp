@@ -45,7 +45,7 @@ int process(const QNHttpService::stHttpRes& request, std::string& body) {
 }
 
 void chainMiss(benchmark::State& state) {
-  const auto request = null_platform::open("/KAVRO/Nothing/that/any/handler/serves");
+  const auto request = null_platform::open("/nothing/that/any/handler/serves");
   std::string body;
   for (auto _ : state) {
     process(request, body);

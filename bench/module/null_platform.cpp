@@ -4,11 +4,13 @@
 #include <string>
 #include <utility>
 
+#include "platform/alarm_bus.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
 #include "platform/gateway_cfg_bus.h"
 #include "platform/kavro_mgr_bus.h"
 #include "platform/wlog.h"
+#include "platform/zrt.h"
 
 namespace QNHttpService {
 
@@ -124,6 +126,28 @@ std::shared_ptr<const CNovDevice> QN_DeviceMgr_GetDevice(std::string /*devIndex*
 }
 void QN_DeviceMgr_GetAllKAVROPort(std::vector<CKAVROPort>& ports) { ports.clear(); }
 
+void QN_DeviceMgr_NotifyAttach(DeviceChangeCallBack /*routine*/, const void* /*user*/) {}
+void QN_DeviceMgr_NotifyDetach(DeviceChangeCallBack /*routine*/) {}
+
+int QN_AlarmBus_Subscribe(std::string& /*reply*/, const std::string& /*request*/,
+                          AlarmDataCallBack /*callback*/, void* /*user*/, int /*option*/,
+                          int& /*subscribeId*/) {
+  return -1;
+}
+int QN_AlarmBus_UnSubscribe(std::string& /*reply*/, int /*subscribeId*/, int /*option*/) {
+  return -1;
+}
+int QN_AlarmBus_StartUploadData(int /*subscribeId*/) { return -1; }
+int QN_AlarmBus_AddDevice(std::string& /*reply*/, int /*subscribeId*/,
+                          const std::string& /*devIndex*/, const std::string& /*request*/) {
+  return -1;
+}
+int QN_AlarmBus_DeleteDevice(std::string& /*reply*/, int /*subscribeId*/,
+                             const std::string& /*devIndex*/) {
+  return -1;
+}
+int QN_AlarmBus_CheckIDValid(int /*subscribeId*/) { return 0; }
+
 int QN_GatewayCfgBus_InsertLogInfo(const tagLogInfo& /*info*/) { return 0; }
 
 int QN_KAVROMgrBus_CheckDigest(tagDIGEST_RESULT& result, const char* /*method*/,
@@ -146,3 +170,15 @@ int QN_DeviceCfgBus_ProcessSyn(unsigned char /*method*/, std::string /*jsonUrl*/
 }
 
 void wlog_format(int /*level*/, const char* /*tag*/, const char* /*format*/, ...) {}
+
+int ZRT_SetTimer(ZRT_TimerRoutine /*routine*/, void* /*user*/, int /*periodMs*/, int& /*timerId*/,
+                 int /*option*/) {
+  return -1;
+}
+int ZRT_KillTimer(int /*timerId*/) { return -1; }
+int64_t ZRT_ThreadPoolFlex_Create(int /*maxThreads*/, int /*idleMs*/, ZRT_PoolRoutine /*routine*/,
+                                  int /*stackBytes*/) {
+  return -1;
+}
+int ZRT_ThreadPoolFlex_Work(int64_t /*pool*/, void* /*job*/) { return -1; }
+int ZRT_ThreadPoolFlex_Destroy(int64_t /*pool*/) { return -1; }
