@@ -11,7 +11,7 @@
 #include "tests/contract/bus_fixture.h"
 #include "tests/contract/scripted_device.h"
 
-namespace qn::test {
+namespace qn::devicebus::test {
 namespace {
 
 std::string unauthorized(const std::string& challenge) {
@@ -209,4 +209,4 @@ TEST_F(BusLoginTest, ChallengeThatIsNotUnderstoodIsARefusal) {
 }
 
 }  // namespace
-}  // namespace qn::test
+}  // namespace qn::devicebus::test

@@ -1,0 +1,39 @@
+// A device's reply as the device-configuration bus reads it: in pieces, whose size the first byte
+// gives, through the connection's buffer.
+#include <algorithm>
+#include <boost/beast/http/error.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "gateway/devicebus/read_buffer.h"
+#include "gateway/devicebus/reply_parser.h"
+
+namespace {
+constexpr std::size_t kBodyLimit = 4096;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  const std::size_t piece = std::size_t{data[0]} + 1;
+  std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+  qn::devicebus::ReadBuffer buffer;
+  qn::devicebus::ReplyParser reply(kBodyLimit, false);
+  while (!rest.empty() && !reply.is_done()) {
+    const auto space = buffer.space(reply.hasLongBody());
+    if (space.size() == 0) return 0;
+    const std::size_t count = std::min({piece, space.size(), rest.size()});
+    std::memcpy(space.data(), rest.data(), count);
+    buffer.commit(count);
+    rest.remove_prefix(count);
+    boost::system::error_code error;
+    const std::string_view bytes = buffer.unread();
+    buffer.consume(reply.put(boost::asio::buffer(bytes), error));
+    if (error && error != boost::beast::http::error::need_more) return 0;
+    if (!reply.is_done()) reply.keepBody();
+  }
+  if (reply.body().data() == nullptr || reply.body().size() > kBodyLimit) std::abort();
+  return 0;
+}
