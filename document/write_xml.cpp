@@ -9,20 +9,20 @@
 namespace QNKAVROProtocol::table {
 namespace {
 
-bool isOfKind(const Row& row, const Json::Value& value) {
+bool isOfKind(const Row& row, const Json::Value& value, Json::ValueType type) {
   switch (row.kind) {
     case Kind::Text:
-      return value.isString() && !(row.neverEmpty && jsonText(value).empty());
+      return type == Json::stringValue && !(row.neverEmpty && jsonText(value).empty());
     case Kind::Integer:
       return value.isInt();
     case Kind::Boolean:
-      return value.isBool();
+      return type == Json::booleanValue;
     case Kind::Real:
       return value.isDouble();
     case Kind::Section:
-      return value.isObject();
+      return type == Json::objectValue;
     case Kind::List:
-      return value.isArray();
+      return type == Json::arrayValue;
     case Kind::Constant:
     case Kind::FirstOf:
       break;
@@ -38,8 +38,9 @@ bool holdsAll(Rows rows, const Json::Value& object) {
 // Else::Read for a value that qualifies.
 Else judge(const Row& row, const Json::Value* value) {
   if (value == nullptr) return row.write.absent;
-  if (value->isNull()) return row.write.null;
-  if (!isOfKind(row, *value)) return row.write.wrongKind;
+  const Json::ValueType type = value->type();
+  if (type == Json::nullValue) return row.write.null;
+  if (!isOfKind(row, *value, type)) return row.write.wrongKind;
   if (row.kind == Kind::Integer && (value->asInt() < row.least || value->asInt() > row.most)) {
     return row.outOfRange;
   }
@@ -59,14 +60,23 @@ void addLeaf(QNBase::CXmlBase& xml, const Row& row, std::string_view text) {
   xml.OutOfElem();
 }
 
-void addText(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
-  const bool scalar = !value.isArray() && !value.isObject() && !value.isString();
-  const std::string converted = scalar ? value.asString() : std::string();
-  const std::string_view text = scalar ? std::string_view(converted) : jsonText(value);
-  if (row.change != nullptr) {
-    addLeaf(xml, row, row.change(text));
-  } else {
+void addText(QNBase::CXmlBase& xml, const Row& row, std::string_view text) {
+  if (row.change == nullptr) {
     addLeaf(xml, row, text);
+  } else {
+    addLeaf(xml, row, row.change(text));
+  }
+}
+
+void addText(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
+  switch (value.type()) {
+    case Json::stringValue:
+      return addText(xml, row, jsonText(value));
+    case Json::arrayValue:
+    case Json::objectValue:
+      return addText(xml, row, std::string_view());
+    default:
+      return addText(xml, row, std::string_view(value.asString()));
   }
 }
 
@@ -158,8 +168,12 @@ const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* me
 }
 
 const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object) {
+  const bool hasMembers = object.isObject();
   for (const Row& row : rows) {
-    const Json::Value* member = row.kind == Kind::Constant ? nullptr : jsonMember(object, row.json);
+    const char* name = row.json.data();
+    const Json::Value* member = hasMembers && row.kind != Kind::Constant
+                                    ? object.find(name, name + row.json.size())
+                                    : nullptr;
     if (const Row* failed = writeRow(xml, row, member)) return failed;
   }
   return nullptr;

@@ -17,13 +17,14 @@ int streamOf(std::string_view uri) {
   return 0;
 }
 
-// The track and the query behind it; empty when the URI lacks one of them.
-std::string trackAndQuery(std::string_view uri, std::string_view channelDigits) {
+// Appends the track and the query behind it; false when the URI lacks one of them.
+bool appendTrackAndQuery(std::string& out, std::string_view uri, std::string_view channelDigits) {
   const int64_t channel = ZRT_Atoi32(std::string(channelDigits).c_str());
   const int stream = streamOf(uri);
   const std::size_t query = uri.find('?');
-  if (stream == 0 || query == std::string_view::npos) return {};
-  return std::to_string(channel * 100 + stream).append(uri.substr(query));
+  if (stream == 0 || query == std::string_view::npos) return false;
+  out.append(std::to_string(channel * 100 + stream)).append(uri.substr(query));
+  return true;
 }
 
 }  // namespace
@@ -42,11 +43,13 @@ int getPlaybackURI(std::string& out, std::string_view deviceUri) {
     out = deviceUri;
     return 1;
   }
+  constexpr std::string_view kTracks = "/KAVRO/Streaming/tracks/";
+  out.reserve(deviceUri.size() + kTracks.size());
+  out.append(deviceUri.substr(0, dac)).append(kTracks);
   const std::string_view segment = deviceUri.substr(begin, end - begin);
-  const std::string rest = trackAndQuery(deviceUri, segment.substr(kIdentifierLength));
-  if (rest.empty()) return 0;
-  out.append(deviceUri.substr(0, dac)).append("/KAVRO/Streaming/tracks/").append(rest);
-  return 1;
+  if (appendTrackAndQuery(out, deviceUri, segment.substr(kIdentifierLength))) return 1;
+  out.clear();
+  return 0;
 }
 
 }  // namespace QNKAVROProtocol
