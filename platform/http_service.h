@@ -42,7 +42,7 @@ class CHttpExchange {
   unsigned int getMethod() const;
   // Path and query exactly as the client sent them; an absolute-form target is reduced to them.
   const std::string& getUrl() const;
-  // A request header by its name in any case; empty when absent. "X-Forwarded-For" is the client
+  // A request header by its name in any case; empty when absent, and once a stream has started. "X-Forwarded-For" is the client
   // address as the service sees it: the client's own header counts only from a trusted proxy.
   std::string getHead(const char* name) const;
 

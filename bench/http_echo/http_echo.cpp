@@ -1,7 +1,8 @@
 // The HTTP service alone, with a process function that answers 600 bytes at once: what a request
-// costs before anything is translated, and what an idle connection keeps. Serves a port until
-// standard input ends, then prints CPU time per request and resident memory.
-//   http_echo [port]: every line on standard input prints a report
+// costs before anything is translated, and what an idle connection keeps; "/stream" opens
+// a stream. Every line on standard input prints the CPU time for each request since the last line
+// and the resident memory.
+//   qn-http-echo [port]
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -17,11 +18,17 @@ namespace {
 
 std::atomic<unsigned long> requests{0};
 
-int answer(int&, std::string& body, int&, const QNHttpService::stHttpRes& request) {
+int answer(int&, std::string& body, int& asyncReply, const QNHttpService::stHttpRes& request) {
   ++requests;
   // What the module's frame reads of every request.
   const auto& exchange = *request.exchange;
   if (exchange.getUrl().empty() || exchange.getHead("Host").empty()) return 400;
+  if (exchange.getUrl() == "/stream") {
+    request.exchange->setMIME();
+    asyncReply = 1;
+    request.exchange->response(nullptr, 0);
+    return 200;
+  }
   body.assign(600 - exchange.getHead("X-Forwarded-For").size(), 'x');
   return 200;
 }
@@ -56,7 +63,6 @@ void report() {
 
 }  // namespace
 
-// A report for every line on standard input.
 int main(int argc, char** argv) {
   qn::Reactors reactors;
   qn::WorkerPool pool(2, 64);

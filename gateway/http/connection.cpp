@@ -1,6 +1,9 @@
 // See connection.h.
 #include "gateway/http/connection.h"
 
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
@@ -144,9 +147,10 @@ void Connection<Stream>::expire() {
     case Phase::Body:
       return refuse(OwnAnswer::RequestTimeout);
     case Phase::Busy: {
-      setDeadline(core_->times.stalled);  // an answer claimed by another thread is on its way
       const ExchangePtr late = exchange_;
-      return late->finish(OwnAnswer::GatewayTimeout);
+      if (late->finish(OwnAnswer::GatewayTimeout)) return;
+      if (std::exchange(timed_, true)) return close();
+      return setDeadline(core_->times.stalled);  // another thread's answer is on its way here
     }
     default:
       return close();
@@ -276,6 +280,7 @@ template <class Stream>
 void Connection<Stream>::dispatch() {
   phase_ = Phase::Busy;
   const ExchangePtr exchange = exchange_;
+  timed_ = false;
   counted_ = core_->enterRequest();
   if (counted_) {
     setDeadline(core_->times.answer);
@@ -432,13 +437,23 @@ void Connection<Stream>::beginStream(const ExchangePtr& exchange) {
   if (phase_ != Phase::Busy || exchange_ != exchange) return exchange->detach();
   endRequest();
   phase_ = Phase::Pushing;
-  ErrorCode ec;
-  stream_.lowest_layer().set_option(asio::socket_base::send_buffer_size(kStreamSendBuffer), ec);
+  boundUnsent();
   exchange->appendStreamHead(out_);
   written_ = 0;
   setDeadline(core_->times.stalled);
   writeRest();
   if (!advancing_) waitForPeer();
+}
+
+// What a peer does not take may fill only a little of the kernel, and a peer that vanished without
+// a word is noticed although its parts still fit there.
+template <class Stream>
+void Connection<Stream>::boundUnsent() {
+  ErrorCode ignored;
+  auto& socket = stream_.lowest_layer();
+  socket.set_option(asio::socket_base::send_buffer_size(kStreamSendBuffer), ignored);
+  const auto stalled = static_cast<unsigned int>(core_->times.stalled.count());
+  ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
 }
 
 // Without a buffer: a stream only wants to know when the peer goes away. A read that is still under

@@ -87,6 +87,7 @@ class Connection final : public AnswerLink,
   void linger();
 
   void beginStream(const ExchangePtr& exchange);
+  void boundUnsent();
   void waitForPeer();
   void onPeer(const ErrorCode& ec);
   void flushStream();

@@ -223,8 +223,8 @@ int ExchangeState::respondOnStream(const void* data, int length) {
   return accepted;
 }
 
-void ExchangeState::finish(int status, const char* contentType, std::string_view body) {
-  if (!claim()) return;
+bool ExchangeState::finish(int status, const char* contentType, std::string_view body) {
+  if (!claim()) return false;
   {
     const std::lock_guard lock(mutex_);
     stream_ = false;
@@ -233,10 +233,11 @@ void ExchangeState::finish(int status, const char* contentType, std::string_view
   }
   if (const auto link = link_.lock()) link->deliver(shared_from_this(), body);
   qn::ExchangeRegistry::instance().erase(handle_);
+  return true;
 }
 
-void ExchangeState::finish(qn::OwnAnswer answer) {
-  if (answered_) return;
+bool ExchangeState::finish(qn::OwnAnswer answer) {
+  if (answered_) return false;
   {
     const std::lock_guard lock(mutex_);
     headers_.clear();
@@ -245,7 +246,7 @@ void ExchangeState::finish(qn::OwnAnswer answer) {
     }
   }
   const qn::OwnDocument& document = qn::ownDocument(answer);
-  finish(document.status, "application/json", document.body);
+  return finish(document.status, "application/json", document.body);
 }
 
 void ExchangeState::appendMessage(std::string& out, std::string_view body,

@@ -62,9 +62,10 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   void setStatus(int status);
   void markStream();
   int respond(const void* data, int length);
-  // The service's own way to answer: replaces the status and the content type.
-  void finish(int status, const char* contentType, std::string_view body);
-  void finish(qn::OwnAnswer answer);
+  // The service's own way to answer: replaces the status and the content type. False when somebody
+  // else answers.
+  bool finish(int status, const char* contentType, std::string_view body);
+  bool finish(qn::OwnAnswer answer);
 
   // The connection's side.
   void appendMessage(std::string& out, std::string_view body, qn::Ending ending) const;

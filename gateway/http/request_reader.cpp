@@ -194,7 +194,6 @@ ReadResult RequestReader::parseHead(std::string_view bytes) {
   if (ec) return ReadResult::Malformed;
   if (headLength_ > headLimit_) return ReadResult::HeadTooLarge;
   head_.keepAlive = parser_->keep_alive();
-  head_.hasBody = !parser_->is_done();
   const std::size_t fields = bytes.find('\n') + 1;
   head_.fields = bytes.substr(fields, headLength_ - 2 - fields);
   parser_->eager(true);

@@ -22,7 +22,6 @@ struct RequestHead {
   bool keepAlive = false;
   bool http10 = false;
   bool expectsContinue = false;
-  bool hasBody = false;
 };
 
 enum class ReadResult { Partial, Complete, Malformed, HeadTooLarge, BodyTooLarge };

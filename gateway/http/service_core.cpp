@@ -125,7 +125,10 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
     const std::string contentType = exchange->header("Content-Type");
     if (isMultipart(contentType)) {
       face = readFaceBody(contentType, body);
-      if (!face) return exchange->finish(OwnAnswer::Malformed);
+      if (!face) {
+        exchange->finish(OwnAnswer::Malformed);
+        return;
+      }
       body = face->bytes;
       request.hasMimePart = face->hasMimeType;
       request.mimeType = face->mimeType;

@@ -335,6 +335,19 @@ TEST_F(HttpFixture, ClientAddressIsThePeerUnlessAProxyIsTrusted) {
   EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
 }
 
+TEST_F(HttpFixture, Ipv4ClientOfAnIpv6SocketHasItsIpv4Address) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    body = request.exchange->getHead("X-Forwarded-For");
+    return 200;
+  });
+  const int probe = ::socket(AF_INET6, SOCK_STREAM, 0);
+  if (probe < 0) GTEST_SKIP() << "no IPv6 here";
+  ::close(probe);
+  options_.address = "::";
+  start();
+  EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
+}
+
 TEST_F(HttpFixture, ModuleThatThrowsIsAFailedRequestOnly) {
   script([](int&, std::string&, int&, const stHttpRes& request) -> int {
     request.exchange->setHead("X-Half-Done", "1");
