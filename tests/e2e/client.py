@@ -138,3 +138,52 @@ def status_of(received):
     """The status of the first answer among the bytes; None when there is none."""
     found = re.match(rb"HTTP/1\.[01] (\d{3}) ", received)
     return int(found.group(1)) if found else None
+
+
+class AlertStream:
+    """An open alert stream; its parts are read one by one."""
+
+    URL = "/KAVRO/Event/notification/alertStream"
+    SILENCE = 45  # seconds without a byte; the server ends a stream that nothing is written to
+
+    def __init__(self, port, user, password, source="127.0.0.1"):
+        self.client = Client(port, user, password, source, self.SILENCE)
+        self.client.request("GET", "/KAVRO/Security/userCheck")  # for the challenge
+        connection = self.client.connection
+        connection.request("GET", self.URL, headers={
+            "Authorization": self.client.authorization("GET", self.URL)})
+        self.response = connection.getresponse()
+        self.status = self.response.status
+
+    def close(self):
+        self.response.close()
+        self.client.close()
+
+    def refusal(self):
+        return Answer(self.status, self.response.headers, self.response.read())
+
+    def part(self):
+        """The next part as (content type, body); None when the stream has ended."""
+        first = self.response.readline()
+        if not first:
+            return None
+        if first != b"--boundary\r\n":
+            raise AssertionError(f"no boundary: {first!r}")
+        kind = self._field("Content-Type")
+        length = int(self._field("Content-Length"))
+        if self.response.readline() != b"\r\n":
+            raise AssertionError("more fields than expected")
+        return kind, self.response.read(length)
+
+    def _field(self, name):
+        line = self.response.readline().decode()
+        found, _, value = line.partition(": ")
+        if found != name:
+            raise AssertionError(f"{name} expected: {line!r}")
+        return value.strip()
+
+    def alarm(self):
+        """The next part that is no heartbeat; None when the stream has ended."""
+        while (part := self.part()) and b"Heart Beat" in part[1]:
+            pass
+        return part

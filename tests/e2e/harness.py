@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import random
 import resource
 import shutil
 import signal
@@ -14,7 +15,8 @@ import unittest
 
 import client
 
-BIN = pathlib.Path(os.environ.get("QN_BIN_DIR", "build/bin")).resolve()
+BIN = pathlib.Path(os.environ.get(
+    "QN_BIN_DIR", pathlib.Path(__file__).parents[2] / "build" / "bin")).resolve()
 START_TIME = 30  # seconds for a process to be ready; a sanitizer build on a busy machine is slow
 STOP_TIME = 10   # seconds a stopping gateway may take, as an operator is promised
 PASSWORD = "e2e-Password1"
@@ -22,15 +24,18 @@ REPORTS = ("AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime erro
 
 
 def free_ports(count):
-    """Ports that nobody listens on; all different."""
-    sockets = [socket.socket() for _ in range(count)]
-    try:
-        for one in sockets:
-            one.bind(("127.0.0.1", 0))
-        return [one.getsockname()[1] for one in sockets]
-    finally:
-        for one in sockets:
-            one.close()
+    """Ports that nobody uses; below those that the system gives to clients, so that none is taken
+    by a connection before the gateway listens on it."""
+    ports = set()
+    while len(ports) < count:
+        port = random.randrange(10240, 32768)
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+                ports.add(port)
+            except OSError:
+                pass  # in use
+    return list(ports)
 
 
 def wait_until(condition, seconds=10, what="the condition"):
@@ -245,3 +250,42 @@ class GatewayTest(unittest.TestCase):
         with client.Client(self.gateway.port, name, PASSWORD) as fresh:
             answer = fresh.get("/KAVRO/System/deviceInfo")
         self.assertEqual((answer.status, answer.xml().tag), (200, "DeviceInfo"), answer)
+
+
+class StreamTest(GatewayTest):
+    """Alert streams of "admin" on device 1 and "operator" on device 2."""
+
+    def tearDown(self):
+        for number in (1, 2):
+            self.devices.order(number, alertStream={})
+        super().tearDown()
+
+    def open(self, name="admin"):
+        """A stream once there is a place for it, and the device's own stream stands."""
+        def opened():
+            stream = client.AlertStream(self.gateway.port, name, PASSWORD)
+            if stream.status == 200:
+                return stream
+            stream.close()
+            self.push(number)  # a place is free when a push to the client that left has failed
+            return None
+
+        number = 1 if name == "admin" else 2
+        stream = wait_until(opened, 15, "a place for a stream")
+        self.addCleanup(stream.close)
+        self.wait_for_feed(number)
+        return stream
+
+    def wait_for_feed(self, number=1, seconds=10):
+        wait_until(lambda: self.devices.state(number)["alertStreams"] == 1, seconds,
+                           "the gateway's stream to the device")
+
+    def push(self, number=1, **alert):
+        self.devices.order(number, alarm={"count": 1, "alert": alert})
+
+    def named(self, stream, name):
+        """The next alarm whose channel has the given name, as (type, body)."""
+        while part := stream.alarm():
+            if name.encode() in part[1]:
+                return part
+        raise AssertionError("the stream ended")

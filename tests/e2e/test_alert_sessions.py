@@ -1,0 +1,96 @@
+"""The life of alert streams: places, heartbeats, devices that go and come back, the gateway's end."""
+import signal
+import threading
+import time
+import unittest
+import xml.etree.ElementTree as ElementTree
+
+import client
+import harness
+
+
+class Places(harness.StreamTest):
+    def test_two_clients_each_device_and_a_place_is_free_again(self):
+        first, second = self.open(), self.open()
+        third = client.AlertStream(self.gateway.port, "admin", harness.PASSWORD)
+        refusal = third.refusal()
+        self.assertEqual((refusal.status, refusal.xml().tag), (403, "ResponseStatus"), refusal)
+        third.close()
+        self.open("operator")
+        self.push(channelName="both")
+        for stream in (first, second):
+            self.named(stream, "both")
+        first.close()
+        again = self.open()
+        self.push(channelName="again")
+        self.named(again, "again")
+
+    def test_heartbeats_in_silence_and_the_end_of_the_devices_stream(self):
+        stream = self.open("operator")
+        kind, body = stream.part()
+        root = ElementTree.fromstring(body)
+        self.assertEqual((kind, [part.tag for part in root]), (
+            'application/xml; charset="UTF-8"', ["dataTime", "activePostCount", "eventType", "eventState", "eventDescription"]))
+        self.assertEqual((root.findtext("activePostCount"), root.findtext("eventType"),
+                          root.findtext("eventDescription")), ("1", "heartBeat", "Heart Beat"))
+        began = time.monotonic()
+        self.assertIn(b"<activePostCount>2<", stream.part()[1])
+        self.assertTrue(3 < time.monotonic() - began < 8, "about 5 s between heartbeats")
+        stream.close()
+        harness.wait_until(lambda: self.devices.state(2)["alertStreams"] == 0, 25,
+                           "the end of the device's stream")
+
+
+class Devices(harness.StreamTest):
+    def test_alarms_flow_again_soon_after_a_device_is_back(self):
+        stream = self.open()
+        self.devices.order(listening=False)
+        time.sleep(1.5)  # the time that the device is away, not a wait for anything
+        self.devices.order(listening=True)
+        began = time.monotonic()
+        self.wait_for_feed(seconds=5)
+        self.push(channelName="back")
+        self.named(stream, "back")
+        self.assertLess(time.monotonic() - began, 2)
+
+    def test_a_removed_device_loses_its_streams_and_no_others(self):
+        kept, lost = self.open("admin"), self.open("operator")
+        self.gateway.write_configuration(self.device_tables()[:1], self.user_tables())
+        self.gateway.reload()
+        self.addCleanup(self.gateway.reload)
+        self.addCleanup(self.gateway.write_configuration, self.device_tables(), self.user_tables())
+        ended = []
+
+        def read():
+            while lost.part():
+                pass
+            ended.append(time.monotonic())
+
+        reader = threading.Thread(target=read, daemon=True)
+        reader.start()
+        self.push(channelName="kept")
+        self.named(kept, "kept")
+        harness.wait_until(lambda: self.devices.state(2)["alertStreams"] == 0, 10,
+                           "the end of the removed device's stream")
+        reader.join(client.AlertStream.SILENCE)
+        self.assertTrue(ended, "the client of the removed device still waits")
+        self.push(channelName="still")
+        self.named(kept, "still")
+
+
+class Stopping(harness.StreamTest):
+    def test_sigterm_ends_the_streams(self):
+        stream = self.open()
+        self.devices.order(alarm={"count": 100000, "perSecond": 500, "alert": {}})
+        self.assertIsNotNone(stream.alarm())
+        self.gateway.signal(signal.SIGTERM)
+        try:
+            while stream.part():
+                pass
+        except client.http.client.HTTPException:
+            pass  # cut in the middle of a part
+        self.assertEqual(self.gateway.wait(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
