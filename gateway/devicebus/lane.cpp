@@ -42,7 +42,6 @@ void Lane::submit(RequestPtr request) {
     request->login.emplace();
     request->device = device_;
   }
-  if (device_->circuit.blocked(Clock::now())) return fail(std::move(request), kDeviceUnreachable);
   queue_.push_back(std::move(request));
   pump();
 }
