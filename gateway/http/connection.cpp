@@ -107,6 +107,7 @@ void Connection<Stream>::close() {
   if (phase_ == Phase::Closed) return;
   endRequest();
   phase_ = Phase::Closed;
+  holdBody(0);
   core_->open[reactor_].erase(this);
   if (exchange_) std::exchange(exchange_, nullptr)->detach();
   timer_.cancel();
@@ -150,7 +151,7 @@ void Connection<Stream>::expire() {
       const ExchangePtr late = exchange_;
       if (late->finish(OwnAnswer::GatewayTimeout)) return;
       if (std::exchange(timed_, true)) return close();
-      return setDeadline(core_->times.stalled);  // another thread's answer is on its way here
+      return setDeadline(core_->bounds.stalled);  // another thread's answer is on its way here
     }
     default:
       return close();
@@ -252,12 +253,22 @@ bool Connection<Stream>::readBody() {
     const bool stuck = used == 0 && received_.unread().size() >=
                                         std::max(core_->options.headBytes, ReceiveBuffer::kFirst);
     if (stuck) return refuse(ReadResult::Malformed);  // an endless chunk head or trailer
+    if (!holdBody(reader_.body().size())) {
+      refuse(OwnAnswer::Overloaded);
+      return false;
+    }
     sendContinue();
     return onPartial(core_->options.bodyTime);
   }
   if (result != ReadResult::Complete) return refuse(result);
   dispatch();
   return true;
+}
+
+template <class Stream>
+bool Connection<Stream>::holdBody(std::size_t bytes) {
+  if (bytes == heldBody_) return true;
+  return core_->holdBody(std::exchange(heldBody_, bytes), bytes);
 }
 
 // The time for a head, or a body, runs in total from its first piece.
@@ -283,12 +294,13 @@ void Connection<Stream>::dispatch() {
   timed_ = false;
   counted_ = core_->enterRequest();
   if (counted_) {
-    setDeadline(core_->times.answer);
+    setDeadline(core_->bounds.answer);
     core_->handOver(exchange, reader_.body());
   } else {
     exchange->finish(OwnAnswer::Overloaded);
   }
   reader_.reset();  // not earlier: the module may answer and go on with the body
+  holdBody(0);
 }
 
 template <class Stream>
@@ -303,6 +315,8 @@ bool Connection<Stream>::refuse(ReadResult result) {
 template <class Stream>
 void Connection<Stream>::refuse(OwnAnswer answer) {
   if (exchange_) std::exchange(exchange_, nullptr)->detach();
+  reader_.reset();
+  holdBody(0);
   closeAfter_ = true;
   send(ownMessage(answer));
 }
@@ -364,7 +378,7 @@ void Connection<Stream>::send(std::string_view bytes) {
   if (count == bytes.size()) return onSent();
   out_.assign(bytes.substr(count));
   written_ = 0;
-  setDeadline(core_->times.stalled);
+  setDeadline(core_->bounds.stalled);
   writeRest();
 }
 
@@ -385,7 +399,7 @@ void Connection<Stream>::onWritten(const ErrorCode& ec, std::size_t count) {
   if (ec) return close();
   written_ += count;
   if (written_ < out_.size()) {
-    setDeadline(core_->times.stalled);
+    setDeadline(core_->bounds.stalled);
     return writeRest();
   }
   if (phase_ == Phase::Pushing) {
@@ -414,7 +428,7 @@ void Connection<Stream>::linger() {
   ErrorCode ec;
   stream_.lowest_layer().shutdown(asio::socket_base::shutdown_send, ec);
   if (ec || peerDone_) return close();
-  setDeadline(core_->times.linger);
+  setDeadline(core_->bounds.linger);
   discard();
   if (!advancing_) startRead();
 }
@@ -440,7 +454,7 @@ void Connection<Stream>::beginStream(const ExchangePtr& exchange) {
   boundUnsent();
   exchange->appendStreamHead(out_);
   written_ = 0;
-  setDeadline(core_->times.stalled);
+  setDeadline(core_->bounds.stalled);
   writeRest();
   if (!advancing_) waitForPeer();
 }
@@ -452,7 +466,7 @@ void Connection<Stream>::boundUnsent() {
   ErrorCode ignored;
   auto& socket = stream_.lowest_layer();
   socket.set_option(asio::socket_base::send_buffer_size(kStreamSendBuffer), ignored);
-  const auto stalled = static_cast<unsigned int>(core_->times.stalled.count());
+  const auto stalled = static_cast<unsigned int>(core_->bounds.stalled.count());
   ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
 }
 
@@ -488,7 +502,7 @@ void Connection<Stream>::flushStream() {
   if (ec && !wouldBlock(ec)) return close();
   if (!ec) written_ = count;
   if (written_ == out_.size()) return onPartsSent();
-  setDeadline(core_->times.stalled);
+  setDeadline(core_->bounds.stalled);
   writeRest();
 }
 
@@ -496,7 +510,7 @@ template <class Stream>
 void Connection<Stream>::onPartsSent() {
   std::string().swap(out_);
   exchange_->partsSent();
-  setDeadline(core_->times.silent);
+  setDeadline(core_->bounds.silent);
 }
 
 template class Connection<TcpStream>;

@@ -20,8 +20,8 @@ constexpr std::chrono::milliseconds kDrainPoll{5};
 }  // namespace
 
 HttpService::HttpService(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
-                         ProcessFunction process, const HttpTimes& times)
-    : core_(std::make_shared<ServiceCore>(reactors, pool, options, times, process)) {}
+                         ProcessFunction process, const HttpBounds& bounds)
+    : core_(std::make_shared<ServiceCore>(reactors, pool, options, bounds, process)) {}
 
 HttpService::~HttpService() { close(); }
 

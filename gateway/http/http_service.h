@@ -24,7 +24,7 @@ class Listener;
 class HttpService {
  public:
   HttpService(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
-              ProcessFunction process, const HttpTimes& times = {});
+              ProcessFunction process, const HttpBounds& bounds = {});
   ~HttpService();  // closes
   HttpService(const HttpService&) = delete;
   HttpService& operator=(const HttpService&) = delete;

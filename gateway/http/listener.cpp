@@ -84,7 +84,7 @@ void Listener::admit(std::size_t reactor, TcpStream stream) try {
 
 // Descriptors or memory ran out: trying again at once would only spin.
 void Listener::pause() {
-  timer_.expires_after(core_->times.acceptPause);
+  timer_.expires_after(core_->bounds.acceptPause);
   timer_.async_wait([self = shared_from_this()](const error_code& ec) {
     if (!ec) self->accept();
   });

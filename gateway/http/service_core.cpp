@@ -65,10 +65,10 @@ void Admission::leave(const address& peer) {
 }
 
 ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptions& optionsIn,
-                         const HttpTimes& timesIn, ProcessFunction processIn)
+                         const HttpBounds& boundsIn, ProcessFunction processIn)
     : reactors(reactorsIn),
       options(optionsIn),
-      times(timesIn),
+      bounds(boundsIn),
       admission(optionsIn.connections, optionsIn.connectionsPerAddress),
       refusals(kRefusalsAtOnce, kRefusalsAtOnce / 4),
       open(reactorsIn.size()),
@@ -84,6 +84,11 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptio
 
 bool ServiceCore::trusts(const address& peer) const {
   return std::find(trusted_.begin(), trusted_.end(), plain(peer)) != trusted_.end();
+}
+
+bool ServiceCore::holdBody(std::size_t before, std::size_t after) {
+  const std::size_t change = after - before;  // wraps when it shrinks, and so does the sum
+  return bodyMemory_.fetch_add(change) + change <= bounds.bodyMemory;
 }
 
 bool ServiceCore::enterRequest() {

@@ -26,12 +26,13 @@ using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncRep
                                 const QNHttpService::stHttpRes& request);
 
 // Bounds that no operator needs to change; tests shorten them.
-struct HttpTimes {
+struct HttpBounds {
   std::chrono::milliseconds answer{70'000};    // the longest bus time-out and 10 s
   std::chrono::milliseconds stalled{60'000};   // a peer that takes nothing of what is written
   std::chrono::milliseconds silent{30'000};    // a stream without a successful write
   std::chrono::milliseconds linger{2'000};     // for the client to read the last answer
   std::chrono::milliseconds acceptPause{100};  // after accept failed for want of resources
+  std::size_t bodyMemory = 256 * 1024 * 1024;  // unfinished bodies of all connections together
 };
 
 // Counts connections, in all and for each client address; any thread.
@@ -61,7 +62,7 @@ class OpenConnection {
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
  public:
   ServiceCore(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
-              const HttpTimes& times, ProcessFunction process);
+              const HttpBounds& bounds, ProcessFunction process);
 
   // Hands a complete request over and sends its answer, unless that is left to the module; what
   // may block is queued for the worker pool. On the reactor of the exchange's connection. `body`
@@ -71,6 +72,10 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   bool trusts(const boost::asio::ip::address& peer) const;
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
 
+  // A connection holds `after` bytes of an unfinished body instead of `before`; false when all
+  // connections together hold too much.
+  bool holdBody(std::size_t before, std::size_t after);
+
   // A request in flight; false when there are too many.
   bool enterRequest();
   void leaveRequest() { requests_.fetch_sub(1); }
@@ -78,7 +83,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
 
   Reactors& reactors;
   const HttpOptions options;
-  const HttpTimes times;
+  const HttpBounds bounds;
   Admission admission;
   Admission refusals;  // connections over the limit that are being told so
   std::atomic<bool> stopping{false};
@@ -94,6 +99,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::vector<boost::asio::ip::address> trusted_;
   std::atomic<std::size_t> next_{0};
   std::atomic<std::size_t> requests_{0};
+  std::atomic<std::size_t> bodyMemory_{0};
 };
 
 }  // namespace qn

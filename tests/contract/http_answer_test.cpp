@@ -96,7 +96,7 @@ TEST_F(HttpAnswerTest, RequestOutlivesAnAnswerGivenInside) {
 }
 
 TEST_F(HttpAnswerTest, AnswersItselfWhenNobodyDoes) {
-  times_.answer = 100ms;
+  bounds_.answer = 100ms;
   start();
   RawClient client(port());
   const HttpAnswer got = client.ask(kGet);
@@ -123,7 +123,7 @@ TEST_F(HttpAnswerTest, ClientGoneBreaksTheLink) {
 
 // Several threads, the time-out and the client's next request race for every exchange.
 TEST_F(HttpAnswerTest, ManyAnswerersAndTheTimeoutGiveOneAnswer) {
-  times_.answer = 2ms;
+  bounds_.answer = 2ms;
   std::mutex mutex;
   std::vector<int> handles;
   std::atomic<bool> done{false};

@@ -158,7 +158,7 @@ class HttpFixture : public testing::Test {
   void script(Script script) { currentScript() = std::move(script); }
   HttpService& start() {
     reactors_.start();
-    service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, times_);
+    service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, bounds_);
     service_->listen();
     return *service_;
   }
@@ -170,7 +170,7 @@ class HttpFixture : public testing::Test {
   uint16_t port() const { return service_->port(); }
 
   HttpOptions options_;
-  HttpTimes times_;
+  HttpBounds bounds_;
   Reactors reactors_{2};
   WorkerPool pool_{2, 2};
   std::unique_ptr<HttpService> service_;

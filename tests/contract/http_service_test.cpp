@@ -329,7 +329,7 @@ TEST_F(HttpFixture, ClientAddressIsThePeerUnlessAProxyIsTrusted) {
   EXPECT_EQ(RawClient(port()).ask(forged).body, "127.0.0.1");
   EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
   options_.trustedProxies = {"127.0.0.1"};
-  service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, times_);
+  service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, bounds_);
   service_->listen();
   EXPECT_EQ(RawClient(port()).ask(forged).body, "9.9.9.9");
   EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
@@ -400,6 +400,20 @@ TEST_F(HttpFixture, RequestsOverTheLimitAreRefusedAndTheConnectionServesOn) {
   CHttpExchange(handle).response("x", 1);
   EXPECT_EQ(waiting.answer().status, 200);
   EXPECT_EQ(other.ask(kGet).status, 200);
+}
+
+TEST_F(HttpFixture, UnfinishedBodiesOfAllClientsTogetherAreBounded) {
+  bounds_.bodyMemory = 100'000;
+  start();
+  const std::string head = "PUT /b HTTP/1.1\r\nHost: h\r\nContent-Length: 70000\r\n\r\n";
+  RawClient first(port());
+  first.send(head + std::string(60'000, 'x'));
+  ::usleep(50'000);
+  RawClient second(port());
+  EXPECT_EQ(second.ask(head + std::string(60'000, 'x')).status, 503);
+  EXPECT_EQ(first.ask(std::string(10'000, 'x')).status, 200);
+  RawClient third(port());
+  EXPECT_EQ(third.ask(head + std::string(70'000, 'x')).status, 200);
 }
 
 TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {

@@ -68,7 +68,7 @@ TEST_F(HttpStreamTest, PartsOfManyThreadsArriveWhole) {
 }
 
 TEST_F(HttpStreamTest, StalledClientFillsABoundedQueueAndIsCut) {
-  times_.stalled = 500ms;
+  bounds_.stalled = 500ms;
   start();
   const auto client = open(4096);
   const std::string part(10'000, 'x');
@@ -111,7 +111,7 @@ TEST_F(HttpStreamTest, VanishedClientBreaksTheLink) {
 }
 
 TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
-  times_.silent = 200ms;
+  bounds_.silent = 200ms;
   start();
   const auto client = open();
   for (int i = 0; i < 8; ++i) {
