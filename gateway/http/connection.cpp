@@ -31,13 +31,6 @@ std::string& scratch() {
   return buffer;
 }
 
-std::string addressText(const asio::ip::address& peer) {
-  if (peer.is_v6() && peer.to_v6().is_v4_mapped()) {
-    return asio::ip::make_address_v4(asio::ip::v4_mapped, peer.to_v6()).to_string();
-  }
-  return peer.to_string();
-}
-
 bool wouldBlock(const boost::system::error_code& ec) {
   return ec == asio::error::would_block || ec == asio::error::try_again;
 }
@@ -52,7 +45,7 @@ Connection<Stream>::Connection(std::shared_ptr<ServiceCore> core, std::size_t re
       peer_(peer),
       welcome_(welcome),
       trusted_(core_->trusts(peer)),
-      peerText_(addressText(peer)),
+      peerText_(peer.to_string()),
       stream_(std::move(stream)),
       timer_(stream_.get_executor()),
       reader_(core_->options.headBytes, core_->options.bodyBytes) {}
@@ -115,8 +108,6 @@ void Connection<Stream>::close() {
   stream_.lowest_layer().close(ignored);
 }
 
-// ---- deadlines
-
 template <class Stream>
 void Connection<Stream>::setDeadline(Clock::duration fromNow) {
   deadline_ = Clock::now() + fromNow;
@@ -157,8 +148,6 @@ void Connection<Stream>::expire() {
       return close();
   }
 }
-
-// ---- reading
 
 // One read is always under way, as long as there is room; that costs nothing and shows when the
 // peer goes away.
@@ -212,16 +201,9 @@ void Connection<Stream>::advance() {
 // True when the next step can be tried.
 template <class Stream>
 bool Connection<Stream>::step() {
-  switch (phase_) {
-    case Phase::Head:
-      return readHead();
-    case Phase::Body:
-      return readBody();
-    case Phase::Linger:
-      return discard();
-    default:
-      return false;
-  }
+  if (phase_ == Phase::Head) return readHead();
+  if (phase_ == Phase::Body) return readBody();
+  return phase_ == Phase::Linger && discard();
 }
 
 template <class Stream>
@@ -329,8 +311,6 @@ bool Connection<Stream>::discard() {
   return false;
 }
 
-// ---- answering
-
 template <class Stream>
 Ending Connection<Stream>::endingOf(const ExchangeState& exchange) const {
   return exchange.keepAlive() && !core_->stopping ? Ending::KeepAlive : Ending::Close;
@@ -432,8 +412,6 @@ void Connection<Stream>::linger() {
   discard();
   if (!advancing_) startRead();
 }
-
-// ---- streams
 
 template <class Stream>
 void Connection<Stream>::openStream(const ExchangePtr& exchange) {

@@ -31,8 +31,8 @@ class Connection final : public AnswerLink,
  public:
   enum class Welcome { Serve, Refuse };
 
-  // `peer` was counted in the core's admission (its refusals when it is refused), which the
-  // connection leaves when it closes.
+  // `peer`, a plain address, was counted in the core's admission (its refusals when it is refused),
+  // which the connection leaves when it closes.
   Connection(std::shared_ptr<ServiceCore> core, std::size_t reactor, Stream stream,
              const boost::asio::ip::address& peer, Welcome welcome);
   ~Connection() override;

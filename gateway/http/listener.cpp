@@ -69,7 +69,7 @@ void Listener::accept() {
 void Listener::admit(std::size_t reactor, TcpStream stream) try {
   using Client = Connection<TcpStream>;
   error_code ec;
-  const auto peer = stream.remote_endpoint(ec).address();
+  const auto peer = plainAddress(stream.remote_endpoint(ec).address());
   if (ec) return;  // gone already
   auto welcome = Client::Welcome::Serve;
   if (!core_->admission.enter(peer)) {

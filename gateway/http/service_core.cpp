@@ -15,12 +15,6 @@ namespace {
 
 using boost::asio::ip::address;
 
-// As text, an IPv4 address that came in through an IPv6 socket is an IPv4 address.
-address plain(const address& peer) {
-  if (!peer.is_v6() || !peer.to_v6().is_v4_mapped()) return peer;
-  return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, peer.to_v6());
-}
-
 struct SpecialPath {
   std::string_view path;
   bool takesPicture;
@@ -44,12 +38,17 @@ const SpecialPath* findSpecialPath(std::string_view url) {
 
 }  // namespace
 
+address plainAddress(const address& peer) {
+  if (!peer.is_v6() || !peer.to_v6().is_v4_mapped()) return peer;
+  return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, peer.to_v6());
+}
+
 bool Admission::enter(const address& peer) {
   const std::lock_guard lock(mutex_);
   if (open_ >= connections_) return false;
-  std::size_t& ofAddress = byAddress_[plain(peer)];
+  std::size_t& ofAddress = byAddress_[peer];
   if (ofAddress >= perAddress_) {
-    if (ofAddress == 0) byAddress_.erase(plain(peer));
+    if (ofAddress == 0) byAddress_.erase(peer);
     return false;
   }
   ++ofAddress;
@@ -59,7 +58,7 @@ bool Admission::enter(const address& peer) {
 
 void Admission::leave(const address& peer) {
   const std::lock_guard lock(mutex_);
-  const auto found = byAddress_.find(plain(peer));
+  const auto found = byAddress_.find(peer);
   if (--found->second == 0) byAddress_.erase(found);
   --open_;
 }
@@ -78,12 +77,12 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptio
     boost::system::error_code ec;
     const address parsed = boost::asio::ip::make_address(proxy, ec);
     if (ec) throw std::system_error(ec, "trusted proxy \"" + proxy + "\"");
-    trusted_.push_back(plain(parsed));
+    trusted_.push_back(plainAddress(parsed));
   }
 }
 
 bool ServiceCore::trusts(const address& peer) const {
-  return std::find(trusted_.begin(), trusted_.end(), plain(peer)) != trusted_.end();
+  return std::find(trusted_.begin(), trusted_.end(), peer) != trusted_.end();
 }
 
 bool ServiceCore::holdBody(std::size_t before, std::size_t after) {

@@ -35,6 +35,9 @@ struct HttpBounds {
   std::size_t bodyMemory = 256 * 1024 * 1024;  // unfinished bodies of all connections together
 };
 
+// An IPv4 client of an IPv6 socket has its IPv4 address. Everything below takes plain addresses.
+boost::asio::ip::address plainAddress(const boost::asio::ip::address& peer);
+
 // Counts connections, in all and for each client address; any thread.
 class Admission {
  public:
