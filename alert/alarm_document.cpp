@@ -13,8 +13,8 @@ using namespace table;
 constexpr const char* kAlert = "EventNotificationAlert";
 
 // Regions are written once for each entry of their list, so a small alarm could ask for a huge
-// document; one with more elements than this is dropped.
-constexpr std::size_t kMaxRegionElements = 65536;
+// document; one with more elements than this, about what a stream's queue holds, is dropped.
+constexpr std::size_t kMaxRegionElements = 8192;
 
 constexpr Row kCommonRows[] = {
     text("channelID", write::strict),          text("dateTime", write::strict),

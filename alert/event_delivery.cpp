@@ -18,6 +18,10 @@ namespace {
 
 constexpr const char* kAlert = "EventNotificationAlert";
 
+// The operations that the log names.
+constexpr const char* kCallback = "fAlarmDataCallBack";
+constexpr const char* kWorkRoutine = "fAlarmProcessThread";
+
 // These reach the clients as the JSON that the device sent; all others as XML.
 constexpr std::array<std::string_view, 8> kJsonEventTypes = {
     "batteryStatus",         "devStatusChanged",
@@ -98,12 +102,13 @@ int CEventPto::queueAlarm(const std::string& text, ENUM_ALARM_TYPE type,
   for (const auto& stream : streams) {
     auto* const job = new (std::nothrow) CAlarmParam(text, stream, this, type);
     if (!job) {
-      QN_LOG(WLOG_ERROR, "new CAlarmParam failed.");
+      QN_LOG_IN(kCallback, WLOG_ERROR, "new CAlarmParam failed.");
       return -1;
     }
     if (!queueJob(job)) {
-      QN_LOG(WLOG_ERROR, "[devIndex=%s,sessionId=%s, alarm=%s]ZRT_ThreadPoolFlex_Work failed.",
-             devIndex.c_str(), std::to_string(stream->getSessionID()).c_str(), text.c_str());
+      QN_LOG_IN(kCallback, WLOG_ERROR,
+                "[devIndex=%s,sessionId=%s, alarm=%s]ZRT_ThreadPoolFlex_Work failed.",
+                devIndex.c_str(), std::to_string(stream->getSessionID()).c_str(), text.c_str());
     }
   }
   return 0;
@@ -150,10 +155,10 @@ void CEventPto::push(const CAlarmParam& job) {
     if (auto* const owner = static_cast<CEventPto*>(job.getUserPtr())) {
       owner->dropBrokenStream(*session);
     } else {
-      QN_LOG(WLOG_ERROR, "getUserPtr failed");
+      QN_LOG_IN(kWorkRoutine, WLOG_ERROR, "getUserPtr failed");
     }
-    QN_LOG(WLOG_ERROR, "[DevIndex=%s]link broken response fail.",
-           session->getDeviceIndex().c_str());
+    QN_LOG_IN(kWorkRoutine, WLOG_ERROR, "[DevIndex=%s]link broken response fail.",
+              session->getDeviceIndex().c_str());
   }
 }
 

@@ -33,15 +33,15 @@ int CEventPto::procProtocol(int&, std::string& body, int& asyncReply, const stHt
 int CEventPto::procAlertStream(std::string& body, int& asyncReply, const stHttpRes& request,
                                const std::string& devIndex) {
   const int id = nextSessionId();
-  Session session;
+  SessionTable session;
   try {
-    session =
-        std::make_shared<CAlertStreamSession>(request.exchange->getHttpHandle(), id, devIndex);
+    session.emplace(
+        id, std::make_shared<CAlertStreamSession>(request.exchange->getHttpHandle(), id, devIndex));
   } catch (const std::exception&) {
     QN_LOG(WLOG_ERROR, "[sysErr=%d]make_shared session error", ZRT_GetSystemLastError());
     return answerError(body, getPtoErrorCode(BUS_NO_RESOURCES), request.exchange->getUrl());
   }
-  return openStream(body, asyncReply, request, session);
+  return openStream(body, asyncReply, request, devIndex, session);
 }
 
 int CEventPto::nextSessionId() {
@@ -49,10 +49,11 @@ int CEventPto::nextSessionId() {
   return ZRT_AtomicInc(&sessionIdCounter_);
 }
 
+// `session` is the new stream's table entry, made beforehand: once the client has the head, nothing
+// can fail any more.
 int CEventPto::openStream(std::string& body, int& asyncReply, const stHttpRes& request,
-                          const Session& session) {
+                          const std::string& devIndex, SessionTable& session) {
   const auto& url = request.exchange->getUrl();
-  const auto devIndex = session->getDeviceIndex();
   std::lock_guard guard(subscription_);
   if (subscribeId_ == -1) {
     if (!subscribeFirst(asyncReply, request, devIndex)) {
@@ -66,14 +67,16 @@ int CEventPto::openStream(std::string& body, int& asyncReply, const stHttpRes& r
         return answerError(unsent, ERROR_RESOURCE_NOT_FOUND, url);
       }
       case Admission::TooMany:
-        QN_LOG(WLOG_ERROR, "[devIndx=%s]This device alertstream number is over max value.",
-               devIndex.c_str());
+        QN_LOG_IN("procAlertStream", WLOG_ERROR,
+                  "[devIndx=%s]This device alertstream number is over max value.",
+                  devIndex.c_str());
         return answerError(body, getPtoErrorCode(BUS_TOO_MANY_STREAMS), url);
       case Admission::Admitted:
         answerStream(asyncReply, request);
     }
   }
-  insertSession(session);
+  QNBase::CRWLock::WriteGuard write(sessionLock_);
+  sessions_.merge(session);
   return 200;
 }
 
@@ -84,13 +87,18 @@ bool CEventPto::subscribeFirst(int& asyncReply, const stHttpRes& request,
   int id = -1;
   if (QN_AlarmBus_Subscribe(reply, getSubscribeReq(devIndex), fAlarmDataCallBack, this, 1, id) !=
       0) {
-    QN_LOG(WLOG_ERROR, "QN_AlarmBus_Subscribe failed.");
+    QN_LOG_IN("procAlertStream", WLOG_ERROR, "QN_AlarmBus_Subscribe failed.");
     return false;
   }
-  answerStream(asyncReply, request);
+  try {
+    answerStream(asyncReply, request);
+  } catch (...) {  // no memory: a subscription without a stream would never be started
+    QN_AlarmBus_UnSubscribe(reply, id, 1);
+    throw;
+  }
   QN_AlarmBus_StartUploadData(id);
   subscribeId_ = id;
-  QN_LOG(WLOG_INFO, "[subscibeId=%d]QN_AlarmBus_Subscribe success.", id);
+  QN_LOG_IN("procAlertStream", WLOG_INFO, "[subscibeId=%d]QN_AlarmBus_Subscribe success.", id);
   return true;
 }
 
@@ -101,7 +109,7 @@ CEventPto::Admission CEventPto::admit(const std::string& devIndex) {
   if (!open.empty()) return Admission::Admitted;
   std::string reply;
   if (QN_AlarmBus_AddDevice(reply, subscribeId_, devIndex, getSubscribeDeviceReq(devIndex)) != 0) {
-    QN_LOG(WLOG_ERROR, "QN_AlarmBus_AddDevice failed.");
+    QN_LOG_IN("procAlertStream", WLOG_ERROR, "QN_AlarmBus_AddDevice failed.");
     return Admission::BusRefused;
   }
   return Admission::Admitted;
@@ -113,11 +121,6 @@ void CEventPto::answerStream(int& asyncReply, const stHttpRes& request) {
   request.exchange->setMIME();
   request.exchange->setStatus(200);
   request.exchange->response(nullptr, 0);
-}
-
-void CEventPto::insertSession(const Session& session) {
-  QNBase::CRWLock::WriteGuard guard(sessionLock_);
-  sessions_.emplace(session->getSessionID(), session);
 }
 
 std::string CEventPto::getSubscribeReq(const std::string& devIndex) {

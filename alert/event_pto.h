@@ -67,15 +67,15 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   static void devChangeCB(tagNotifyType type, void* devIndex, const void* user);
 
  private:
+  using SessionTable = std::map<int32_t, Session>;
   enum class Admission { Admitted, BusRefused, TooMany };
 
   int nextSessionId();
   int openStream(std::string& body, int& asyncReply, const stHttpRes& request,
-                 const Session& session);
+                 const std::string& devIndex, SessionTable& session);
   bool subscribeFirst(int& asyncReply, const stHttpRes& request, const std::string& devIndex);
   Admission admit(const std::string& devIndex);
   void answerStream(int& asyncReply, const stHttpRes& request);
-  void insertSession(const Session& session);
   bool hasStream(const std::string& devIndex);
 
   int consumeAlarm(const char* data, int length);
@@ -94,7 +94,7 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   ZRT_Mutex sessionMutex_;
   int32_t sessionIdCounter_ = -1;  // guarded by sessionMutex_
   QNBase::CRWLock sessionLock_;
-  std::map<int32_t, Session> sessions_;  // guarded by sessionLock_
+  SessionTable sessions_;  // guarded by sessionLock_
   std::atomic<int64_t> pool_{-1};
   std::atomic<int32_t> heartBeatTimer_{-1};
   std::atomic<int32_t> superviseTimer_{-1};

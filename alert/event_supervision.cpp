@@ -8,6 +8,8 @@
 namespace QNKAVROProtocol {
 namespace {
 
+constexpr const char* kSupervision = "checkAbnormalOnTimer";  // the operation that the log names
+
 constexpr int kPoolThreads = 32;
 constexpr int kPoolIdleMs = 30000;
 constexpr int kPoolStackBytes = 0x40000;
@@ -87,7 +89,7 @@ void CEventPto::sendHeartBeats() {
     session->getHeartBeat(text);
     auto* const job = new (std::nothrow) CAlarmParam(text, session, this, ALARM_XML);
     if (!job) {
-      QN_LOG(WLOG_ERROR, "new CAlarmParam failed.");
+      QN_LOG_IN("sendHeartBeatOnTimer", WLOG_ERROR, "new CAlarmParam failed.");
       return;
     }
     queueJob(job);
@@ -124,7 +126,7 @@ void CEventPto::dropLostSubscription(int subscribeId) {
   std::string reply;
   // The message belongs to the zero result here.
   if (QN_AlarmBus_UnSubscribe(reply, subscribeId, 1) == 0) {
-    QN_LOG(WLOG_ERROR, "[%d]QN_AlarmBus_UnSubscribe failed.", subscribeId);
+    QN_LOG_IN(kSupervision, WLOG_ERROR, "[%d]QN_AlarmBus_UnSubscribe failed.", subscribeId);
   }
   subscribeId_ = -1;
   QNBase::CRWLock::WriteGuard guard(sessionLock_);
@@ -155,7 +157,7 @@ void CEventPto::unsubscribeWhenEmpty() {
   if (id == -1) return;
   std::string reply;
   if (QN_AlarmBus_UnSubscribe(reply, id, 1) == 0) {
-    QN_LOG(WLOG_ERROR, "[%d]QN_AlarmBus_UnSubscribe failed.", id);
+    QN_LOG_IN(kSupervision, WLOG_ERROR, "[%d]QN_AlarmBus_UnSubscribe failed.", id);
   }
   subscribeId_ = -1;
 }

@@ -32,12 +32,20 @@ fake::AlarmBus::Subscription* find(int id) {
   return found == table.end() ? nullptr : &found->second;
 }
 
+void note(std::string call, int number, const std::string& more = {}) {
+  const fake::AllocationShelter shelter;
+  call += " " + std::to_string(number);
+  if (!more.empty()) call += " " + more;
+  fake::alarmBus().calls.push_back(call);
+}
+
 }  // namespace
 
 int QN_AlarmBus_Subscribe(std::string& /*reply*/, const std::string& request,
-                          AlarmDataCallBack callback, void* user, int /*option*/,
-                          int& subscribeId) {
+                          AlarmDataCallBack callback, void* user, int option, int& subscribeId) {
+  const fake::AllocationShelter shelter;
   fake::AlarmBus& bus = fake::alarmBus();
+  note("Subscribe", option, request);
   if (bus.refusal != 0) return bus.refusal;
   subscribeId = ++bus.lastId;
   bus.subscriptions[subscribeId] = {request, callback, user, false, {}};
@@ -45,10 +53,13 @@ int QN_AlarmBus_Subscribe(std::string& /*reply*/, const std::string& request,
 }
 
 int QN_AlarmBus_UnSubscribe(std::string& /*reply*/, int subscribeId, int /*option*/) {
+  note("UnSubscribe", subscribeId);
+  if (fake::alarmBus().unsubscribeResult != 0) return fake::alarmBus().unsubscribeResult;
   return fake::alarmBus().subscriptions.erase(subscribeId) == 1 ? 0 : -1;
 }
 
 int QN_AlarmBus_StartUploadData(int subscribeId) {
+  note("StartUploadData", subscribeId);
   auto* subscription = find(subscribeId);
   if (subscription == nullptr) return -1;
   subscription->started = true;
@@ -57,6 +68,8 @@ int QN_AlarmBus_StartUploadData(int subscribeId) {
 
 int QN_AlarmBus_AddDevice(std::string& /*reply*/, int subscribeId, const std::string& devIndex,
                           const std::string& request) {
+  const fake::AllocationShelter shelter;
+  note("AddDevice", subscribeId, devIndex + " " + request);
   if (fake::alarmBus().refusal != 0) return fake::alarmBus().refusal;
   auto* subscription = find(subscribeId);
   if (subscription == nullptr) return -1;
@@ -65,6 +78,7 @@ int QN_AlarmBus_AddDevice(std::string& /*reply*/, int subscribeId, const std::st
 }
 
 int QN_AlarmBus_DeleteDevice(std::string& /*reply*/, int subscribeId, const std::string& devIndex) {
+  note("DeleteDevice", subscribeId, devIndex);
   auto* subscription = find(subscribeId);
   if (subscription == nullptr) return -1;
   subscription->added.erase(devIndex);

@@ -173,6 +173,7 @@ Runtime& runtime();
 struct AlarmBus {
   int refusal = 0;  // what Subscribe and AddDevice return
   bool valid = true;
+  int unsubscribeResult = 0;  // non-zero: UnSubscribe fails and the subscription stays
 
   struct Subscription {
     std::string request;
@@ -183,6 +184,7 @@ struct AlarmBus {
   };
   std::map<int, Subscription> subscriptions;
   int lastId = -1;
+  std::vector<std::string> calls;  // accepted or not, as "AddDevice 0 2 {request}"; checks excepted
 
   // Delivers an alarm to every started subscription; returns the last callback's result.
   int raise(std::string_view json);

@@ -1,0 +1,219 @@
+// From the alarm bus's callback through the delivery pool to the streams.
+#include "platform/wlog.h"
+#include "tests/unit/alert_fixture.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+class AlertDelivery : public AlertTest {
+ protected:
+  int callback(std::string alarm) {
+    return CEventPto::fAlarmDataCallBack(alarm.data(), static_cast<int>(alarm.size()), &pto_);
+  }
+};
+
+std::string part(const std::string& type, const std::string& body) {
+  return "--boundary\r\nContent-Type: application/" + type +
+         "; charset=\"UTF-8\"\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+         body;
+}
+
+std::string xmlPart(const std::string& children) {
+  return part("xml", "<?xml version=\"1.0\" encoding=\"UTF-8\"?><EventNotificationAlert>" +
+                         children + "</EventNotificationAlert>");
+}
+
+TEST_F(AlertDelivery, AlarmsBecomeParts) {
+  constexpr int kConsumed = 1;  // stands for the alarm's length
+  const struct {
+    const char* alert;  // the object inside
+    int result;
+    std::string sent;  // empty: nothing
+  } cases[] = {
+      {R"({"devIndex":"1","eventType":"motion","channelID":"3"})", kConsumed,
+       xmlPart("<channelID>3</channelID><eventType>motion</eventType>")},
+      {R"({"eventType":"AccessControllerEvent","devIndex":"1","x":[1, 2]})", kConsumed,
+       part("json", "{\"devIndex\":\"1\",\"eventType\":\"AccessControllerEvent\",\"x\":[1,2]}\n")},
+      {R"({"devIndex":"1","eventType":"accesscontrollerevent"})", kConsumed,
+       xmlPart("<eventType>accesscontrollerevent</eventType>")},
+      {R"({"devIndex":"1"})", kConsumed, part("json", "")},
+      {R"({"devIndex":"1","eventType":7})", kConsumed, part("json", "")},
+      {R"({"devIndex":"1","eventType":"motion","eventDescription":"Heart Beat"})", kConsumed, ""},
+      {R"({"eventDescription":"Heart Beat"})", kConsumed, ""},
+      {R"({"devIndex":"1","eventType":"motion","eventDescription":"heart beat"})", kConsumed,
+       xmlPart("<eventType>motion</eventType><eventDescription>heart beat</eventDescription>")},
+      {R"({"devIndex":"1","eventType":"motion","eventDescription":7})", -1, ""},
+      {R"({"devIndex":"1","eventType":"motion","activePostCount":"1"})", -1, ""},
+      {R"({"eventType":"motion"})", -1, ""},
+      {R"({"devIndex":1,"eventType":"motion"})", -1, ""},
+      {R"({"devIndex":"9","eventType":"motion"})", kConsumed, ""},
+      {R"({"devIndex":"1 ","eventType":"motion"})", kConsumed, ""},
+      {R"("text")", -1, ""},
+      {"[]", -1, ""},
+      {"null", -1, ""},
+  };
+  const auto stream = open();
+  std::vector<std::string> expected;
+  for (const auto& [alert, result, sent] : cases) {
+    const std::string alarm = std::string(R"({"EventNotificationAlert":)") + alert + "}";
+    const int length = static_cast<int>(alarm.size());
+    EXPECT_EQ(fake::alarmBus().raise(alarm), result == kConsumed ? length : -1) << alert;
+    if (!sent.empty()) expected.push_back(sent);
+    EXPECT_EQ(parts(stream), expected) << alert;
+  }
+}
+
+TEST_F(AlertDelivery, TheEightJsonTypes) {
+  const auto stream = open();
+  for (const char* type : {"batteryStatus", "devStatusChanged", "AccessControllerEvent",
+                           "FaceTemperatureMeasurementEvent", "LocalUserChange", "IDCardInfoEvent",
+                           "QRCodeEvent", "devXmlEvent"}) {
+    fake::alarmBus().raise(alarmOf("1", type));
+    const auto sent = parts(stream);
+    ASSERT_FALSE(sent.empty()) << type;
+    EXPECT_TRUE(sent.back().starts_with("--boundary\r\nContent-Type: application/json;")) << type;
+    EXPECT_NE(sent.back().find(type), std::string::npos);
+  }
+}
+
+TEST_F(AlertDelivery, WhatIsNoAlarmIsAFault) {
+  open();
+  for (const char* text :
+       {"", "{", "7", "[]", "null", "{}", "<a/>", "{\"EventNotificationAlert\""}) {
+    EXPECT_EQ(callback(text), -1) << text;
+  }
+  EXPECT_EQ(callback(std::string(5000, '[')), -1);
+  std::string text = alarmOf("1");
+  EXPECT_EQ(CEventPto::fAlarmDataCallBack(nullptr, 5, &pto_), -1);
+  EXPECT_EQ(CEventPto::fAlarmDataCallBack(text.data(), 5, nullptr), -1);
+  EXPECT_EQ(CEventPto::fAlarmDataCallBack(text.data(), -1, &pto_), -1);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[fAlarmDataCallBack("));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "param error"));
+  EXPECT_EQ(fake::runtime().queuedJobs(), 0);
+}
+
+TEST_F(AlertDelivery, EveryStreamOfTheDeviceAndNoOther) {
+  const auto first = open("1");
+  const auto other = open("2");
+  const auto second = open("1");
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_EQ(fake::runtime().queuedJobs(), 2);
+  EXPECT_EQ(parts(first), parts(second));
+  EXPECT_EQ(parts(first).size(), 1u);
+  EXPECT_TRUE(parts(other).empty());
+}
+
+TEST_F(AlertDelivery, ABrokenLinkEndsItsStreamOnlyAndTheLastTheDevice) {
+  const auto first = open();
+  const auto second = open();
+  busCalls();
+  fake::http().breakLink(first.handle);
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_EQ(parts(second).size(), 1u);
+  ASSERT_EQ(sessions().size(), 1u);
+  EXPECT_EQ(sessions()[0]->getHandle(), second.handle);
+  EXPECT_EQ(busCalls(), Calls{});
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[fAlarmProcessThread("));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[DevIndex=1]link broken response fail."));
+
+  fake::http().forget(second.handle);
+  fake::alarmBus().raise(alarmOf("1"));
+  fake::runtime().runJobs();
+  EXPECT_TRUE(sessions().empty());
+  EXPECT_EQ(busCalls(), (Calls{"DeleteDevice 0 1"}));
+}
+
+TEST_F(AlertDelivery, AFullStreamStaysAndItsFailuresAreCountedUntilOneSucceeds) {
+  const auto stream = open();
+  const auto session = sessions().at(0);
+  for (int i = 0; i < CAlertStreamSession::kMaxFailedSends; ++i) session->setSendFailedTimes(7);
+  EXPECT_FALSE(session->isTimeOut());
+  const uint32_t before = session->getLastAlarmTime();
+  fake::http().setFull(stream.handle, true);
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_TRUE(parts(stream).empty());
+  EXPECT_EQ(sessions().size(), 1u);
+  EXPECT_TRUE(session->isTimeOut());
+  EXPECT_EQ(session->getLastAlarmTime(), before);
+
+  fake::http().setFull(stream.handle, false);
+  fake::runtime().tickMs = 0x1'0000'0123;
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_EQ(parts(stream).size(), 1u);
+  EXPECT_FALSE(session->isTimeOut());
+  EXPECT_EQ(session->getLastAlarmTime(), 0x123u);
+}
+
+TEST_F(AlertDelivery, JobsUnderWayOutliveTheirSessionsPlaceInTheTable) {
+  const auto stream = open();
+  fake::alarmBus().raise(alarmOf("1"));
+  pto_.deleSessionByID(0);
+  EXPECT_EQ(parts(stream).size(), 1u);
+}
+
+TEST_F(AlertDelivery, RefusedJobsAreFreedAndLogged) {
+  const auto stream = open();
+  open();
+  fake::runtime().refuseJobs = true;
+  const std::string alarm = alarmOf("1", "QRCodeEvent");
+  EXPECT_EQ(fake::alarmBus().raise(alarm), static_cast<int>(alarm.size()));
+  for (const char* id : {"0", "1"}) {
+    const auto line = std::string("[devIndex=1,sessionId=") + id +
+                      ", alarm={\"devIndex\":\"1\",\"eventType\":\"QRCodeEvent\"}\n"
+                      "]ZRT_ThreadPoolFlex_Work failed.";
+    EXPECT_TRUE(fake::logged(WLOG_ERROR, line)) << id;
+  }
+  EXPECT_TRUE(parts(stream).empty());
+}
+
+TEST_F(AlertDelivery, WithoutMemoryNothingMoreIsQueued) {
+  open();
+  open();
+  const fake::FailNothrowAllocations failure;
+  EXPECT_EQ(callback(alarmOf("1")), -1);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[fAlarmDataCallBack("));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "new CAlarmParam failed."));
+  EXPECT_EQ(fake::runtime().queuedJobs(), 0);
+}
+
+// Whichever allocation fails, nothing escapes and the next alarm comes through.
+TEST_F(AlertDelivery, EveryFailedAllocationLosesAtMostTheAlarm) {
+  const auto stream = open();
+  std::string alarm = alarmOf("1", std::string(100, 'x'));
+  bool failed = true;
+  for (int n = 0; failed; ++n) {
+    ASSERT_LT(n, 500);
+    {
+      const fake::FailAllocation failure(n);
+      CEventPto::fAlarmDataCallBack(alarm.data(), static_cast<int>(alarm.size()), &pto_);
+      fake::runtime().runJobs();
+      failed = failure.happened();
+    }
+    const std::size_t before = parts(stream).size();
+    EXPECT_EQ(callback(alarm), static_cast<int>(alarm.size()));
+    EXPECT_EQ(parts(stream).size(), before + 1) << n;
+  }
+}
+
+TEST_F(AlertDelivery, OddJobs) {
+  const auto stream = open();
+  const auto session = sessions().at(0);
+  EXPECT_EQ(CEventPto::fAlarmProcessThread(nullptr), 0);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "pCAlarmParam is NULL"));
+  const auto run = [this](const CEventPto::Session& to, void* user, int type) {
+    return CEventPto::fAlarmProcessThread(
+        new CAlarmParam("text", to, user, static_cast<ENUM_ALARM_TYPE>(type)));
+  };
+  EXPECT_EQ(run(nullptr, &pto_, ALARM_XML), 0);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "getAlertStreamSession failed"));
+  EXPECT_EQ(run(session, &pto_, 2), 0);
+  EXPECT_EQ(parts(stream), Calls{"text"});
+  fake::http().breakLink(stream.handle);
+  EXPECT_EQ(run(session, nullptr, ALARM_JSON), 0);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "getUserPtr failed"));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[DevIndex=1]link broken response fail."));
+  EXPECT_EQ(sessions().size(), 1u);
+}
+
+}  // namespace
+}  // namespace QNKAVROProtocol

@@ -1,0 +1,50 @@
+// An alert-stream handler of a test's own, started on the fake platform.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "alert/event_pto.h"
+#include "tests/unit/conversation.h"
+
+namespace QNKAVROProtocol {
+
+inline constexpr const char* kStreamUrl = "/KAVRO/Event/notification/alertStream";
+
+inline std::string alarmOf(const std::string& devIndex, const std::string& eventType = "motion") {
+  return R"({"EventNotificationAlert":{"devIndex":")" + devIndex + R"(","eventType":")" +
+         eventType + R"("}})";
+}
+
+class AlertTest : public PlatformTest {
+ protected:
+  AlertTest() { EXPECT_EQ(pto_.start(), 0); }
+  ~AlertTest() override { pto_.stop(); }
+
+  Outcome open(const std::string& devIndex = "1", const std::string& url = kStreamUrl) {
+    const auto record = fake::http().open({QNHttpService::HTTP_GET, url});
+    Outcome outcome;
+    outcome.handle = record.exchange->getHttpHandle();
+    outcome.status =
+        pto_.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, devIndex);
+    return outcome;
+  }
+  // What the stream has got so far, after all queued jobs.
+  static std::vector<std::string> parts(const Outcome& stream) {
+    fake::runtime().runJobs();
+    return stream.answer().parts;
+  }
+  std::vector<CEventPto::Session> sessions(const std::string& devIndex = "1") {
+    std::vector<CEventPto::Session> found;
+    pto_.getSessionByDev(found, devIndex);
+    return found;
+  }
+  // The bus operations since the last call.
+  static std::vector<std::string> busCalls() { return std::exchange(fake::alarmBus().calls, {}); }
+
+  CEventPto pto_;
+};
+
+using Calls = std::vector<std::string>;
+
+}  // namespace QNKAVROProtocol

@@ -1,0 +1,200 @@
+// Opening alert streams: who is admitted, what the alarm bus is asked, what a refusal says.
+#include <new>
+
+#include "platform/base_library.h"
+#include "platform/wlog.h"
+#include "protocol/error_code.h"
+#include "tests/unit/alert_fixture.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+using AlertSession = AlertTest;
+
+constexpr const char* kSubscribeOne =
+    R"(Subscribe 1 {"SubscribeDeviceMgmt":{"DevEventList":[{"Dev":{"devIndex":"1","uploadMode":"all"}}],"eventMode":"device"}})"
+    "\n";
+
+void expectStream(const Outcome& outcome) {
+  EXPECT_EQ(outcome.status, 200);
+  EXPECT_EQ(outcome.asyncReply, 1);
+  EXPECT_EQ(outcome.bodyIsXml, -1) << "not this handler's to set";
+  EXPECT_EQ(outcome.body, "");
+  const auto answer = outcome.answer();
+  EXPECT_TRUE(answer.stream);
+  EXPECT_EQ(answer.count, 1);
+  EXPECT_EQ(answer.status, 200);
+}
+
+void expectRefused(const Outcome& outcome, unsigned int code, const std::string& body) {
+  EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code));
+  EXPECT_EQ(outcome.asyncReply, 0);
+  EXPECT_EQ(outcome.body, body);
+  EXPECT_EQ(outcome.answer().count, 0);
+}
+
+std::string documentOf(unsigned int code, const char* url = kStreamUrl) {
+  return CProtocolBase::getResponseByError(static_cast<int>(code), url);
+}
+
+TEST_F(AlertSession, OnlyTheExactUrlByGetIsClaimed) {
+  const struct {
+    const char* url;
+    unsigned int method;
+    int claimed;
+  } cases[] = {
+      {kStreamUrl, 0, 0},
+      {kStreamUrl, 1, -1},
+      {kStreamUrl, 2, -1},
+      {kStreamUrl, 3, -1},
+      {"/KAVRO/Event/notification/alertStream/", 0, -1},
+      {"/KAVRO/Event/notification/alertstream", 0, -1},
+      {"/KAVRO/Event/notification/alertStream?format=json", 0, -1},
+      {"/KAVRO/Event/notification", 0, -1},
+      {"", 0, -1},
+  };
+  for (const auto& [url, method, claimed] : cases) {
+    EXPECT_EQ(pto_.checkUrlAndMethod(url, method), claimed) << method << " " << url;
+  }
+  expectRefused(open("1", "/else"), ERROR_INTERNAL, documentOf(ERROR_INTERNAL, "/else"));
+  EXPECT_TRUE(busCalls().empty());
+}
+
+TEST_F(AlertSession, TheBusIsAskedOnceForEachDevice) {
+  expectStream(open("1"));
+  EXPECT_EQ(busCalls(), (Calls{kSubscribeOne, "StartUploadData 0"}));
+  EXPECT_TRUE(fake::logged(WLOG_INFO, "[subscibeId=0]QN_AlarmBus_Subscribe success."));
+  EXPECT_TRUE(fake::logged(WLOG_INFO, "[procAlertStream("));
+  expectStream(open("2"));
+  EXPECT_EQ(busCalls(),
+            (Calls{R"(AddDevice 0 2 {"SubscribeDevEvent":{"devIndex":"2","uploadMode":"all"}})"
+                   "\n"}));
+  expectStream(open("1"));
+  expectStream(open("2"));
+  EXPECT_EQ(busCalls(), Calls{});
+}
+
+TEST_F(AlertSession, AThirdStreamOfADeviceIsRefusedAndTheOthersStay) {
+  const auto first = open();
+  const auto second = open();
+  const auto code = CProtocolBase::getPtoErrorCode(BUS_TOO_MANY_STREAMS);
+  expectRefused(open(), code, documentOf(code));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[procAlertStream("));
+  EXPECT_TRUE(
+      fake::logged(WLOG_ERROR, "[devIndx=1]This device alertstream number is over max value."));
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_EQ(parts(first).size(), 1u);
+  EXPECT_EQ(parts(second).size(), 1u);
+  pto_.deleSessionByID(0);
+  expectStream(open());
+}
+
+TEST_F(AlertSession, IdsGrowForRefusedRequestsToo) {
+  open();
+  open();
+  open();  // refused
+  EXPECT_EQ(pto_.deleSessionByID(1), 0);
+  EXPECT_EQ(pto_.deleSessionByID(1), 0) << "absent";
+  open();
+  const auto streams = sessions();
+  ASSERT_EQ(streams.size(), 2u);
+  EXPECT_EQ(streams[0]->getSessionID(), 0);
+  EXPECT_EQ(streams[1]->getSessionID(), 3);
+}
+
+TEST_F(AlertSession, ARefusedSubscriptionStoresNothing) {
+  fake::alarmBus().refusal = -1;
+  expectRefused(open(), ERROR_RESOURCE_NOT_FOUND, documentOf(ERROR_RESOURCE_NOT_FOUND));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "QN_AlarmBus_Subscribe failed."));
+  EXPECT_TRUE(sessions().empty());
+  fake::alarmBus().refusal = 0;
+  busCalls();
+  expectStream(open());
+  EXPECT_EQ(busCalls(), (Calls{kSubscribeOne, "StartUploadData 0"}));
+}
+
+TEST_F(AlertSession, ARefusedDeviceHasAnEmptyBody) {
+  open("1");
+  fake::alarmBus().refusal = 5;
+  expectRefused(open("2"), ERROR_RESOURCE_NOT_FOUND, "");
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "QN_AlarmBus_AddDevice failed."));
+  EXPECT_TRUE(sessions("2").empty());
+}
+
+TEST_F(AlertSession, NoMemoryForTheSession) {
+  const auto code = CProtocolBase::getPtoErrorCode(BUS_NO_RESOURCES);
+  for (int n : {0, 1}) {  // the session and its table entry
+    const auto record = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
+    Outcome outcome;
+    outcome.handle = record.exchange->getHttpHandle();
+    {
+      const fake::FailAllocation failure(n);
+      outcome.status =
+          pto_.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, "1");
+      EXPECT_TRUE(failure.happened());
+    }
+    expectRefused(outcome, code, documentOf(code));
+    EXPECT_TRUE(fake::logged(WLOG_ERROR, "make_shared session error"));
+  }
+  EXPECT_TRUE(busCalls().empty());
+}
+
+// Whichever allocation fails: a stream that was begun gets alarms, and one that was not leaves
+// nothing that keeps the next from being opened.
+TEST_F(AlertSession, EveryFailedAllocationLeavesAWholeStreamOrNone) {
+  for (const bool subscribed : {false, true}) {
+    bool failed = true;
+    for (int n = 0; failed; ++n) {
+      ASSERT_LT(n, 200);
+      fake::reset();
+      CEventPto pto;
+      pto.start();
+      const auto call = [&pto](const stHttpRes& record, const std::string& device) {
+        int bodyIsXml = 1;
+        int asyncReply = 0;
+        std::string body;
+        return pto.procProtocol(bodyIsXml, body, asyncReply, record, device);
+      };
+      if (subscribed) call(fake::http().open({QNHttpService::HTTP_GET, kStreamUrl}), "2");
+      const auto record = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
+      const std::string device = "1";
+      int status = 0;
+      try {
+        const fake::FailAllocation failure(n);
+        status = call(record, device);
+        failed = failure.happened();
+      } catch (const std::bad_alloc&) {
+        status = 0;  // the entry's to answer
+      }
+      const auto retry = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
+      EXPECT_EQ(call(retry, device), 200) << n;
+      fake::alarmBus().raise(alarmOf(device));
+      fake::runtime().runJobs();
+      const auto sent = [](const stHttpRes& stream) {
+        return fake::http().answer(stream.exchange->getHttpHandle()).parts.size();
+      };
+      EXPECT_EQ(sent(retry), 1u) << n;
+      EXPECT_EQ(sent(record), status == 200 ? 1u : 0u) << n;
+      pto.stop();
+      EXPECT_TRUE(fake::alarmBus().subscriptions.empty()) << n;
+    }
+  }
+}
+
+// The whole way: entry, login, stream, alarm.
+TEST_F(AlertSession, ThroughTheEntry) {
+  QN_Protocol_Init();
+  const auto stream = get(kStreamUrl);
+  EXPECT_EQ(stream.status, 200);
+  EXPECT_EQ(stream.asyncReply, 1);
+  EXPECT_EQ(fake::login().checks, 1);
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_EQ(parts(stream).size(), 1u);
+  fake::http().forget(stream.handle);
+  fake::alarmBus().raise(alarmOf("1"));
+  fake::runtime().runJobs();
+  QN_Protocol_Uninit();
+}
+
+}  // namespace
+}  // namespace QNKAVROProtocol
