@@ -61,6 +61,15 @@ struct StorageOptions {
   bool operator==(const StorageOptions&) const = default;
 };
 
+// What the picture store keeps.
+struct PictureOptions {
+  enum class WhenFull { Refuse, DropOldest };
+
+  std::size_t maxBytes = 256 * 1024 * 1024;
+  std::size_t maxCount = 10000;
+  WhenFull full = WhenFull::DropOldest;
+};
+
 // What the device-configuration bus allows each device.
 struct BusOptions {
   std::size_t deviceConnections = 16;  // connections, so requests in flight
@@ -99,6 +108,7 @@ struct Configuration {
   KavroOptions kavro;
   LockOptions lock;
   StorageOptions storage;
+  PictureOptions pictures;
   BusOptions bus;
   LogOptions log;
   std::vector<UserConfig> users;

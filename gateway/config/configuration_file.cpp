@@ -57,6 +57,12 @@ constexpr Key<StorageOptions> kStorageKeys[] = {
     {"operation_log_rows", &StorageOptions::operationLogRows, {1, 1000000000}},
 };
 
+constexpr Key<PictureOptions> kPictureKeys[] = {
+    {"max_bytes", &PictureOptions::maxBytes, {kMiB, kMiB* kMiB}},
+    {"max_count", &PictureOptions::maxCount, kCount},
+    {"full", &PictureOptions::full, {}, &kWhenFullRule},
+};
+
 constexpr Key<BusOptions> kBusKeys[] = {
     {"device_connections", &BusOptions::deviceConnections, {1, 1024}},
     {"device_queue", &BusOptions::deviceQueue, {0, 65536}},
@@ -134,6 +140,7 @@ class FileReader {
                        readSection("kavro", kKavroKeys, result_.kavro, place, node) ||
                        readSection("lock", kLockKeys, result_.lock, place, node) ||
                        readSection("storage", kStorageKeys, result_.storage, place, node) ||
+                       readSection("pictures", kPictureKeys, result_.pictures, place, node) ||
                        readSection("bus", kBusKeys, result_.bus, place, node) ||
                        readSection("log", kLogKeys, result_.log, place, node);
     if (!known) place.fail("unknown section");

@@ -77,6 +77,8 @@ bool isDevicePassword(std::string_view text) { return isPlain(text, kPasswordByt
 
 bool isPath(std::string_view text) { return !text.empty() && isPlain(text, 4096); }
 
+bool isWhenFull(std::string_view text) { return text == "refuse" || text == "drop_oldest"; }
+
 bool isHostName(std::string_view text) {
   constexpr std::string_view kAlphabet =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_";
@@ -119,6 +121,7 @@ const TextRule kDeviceUserRule{isDeviceUser,
 const TextRule kDevicePasswordRule{isDevicePassword,
                                    "at most 256 bytes without control characters"};
 const TextRule kPathRule{isPath, "a path"};
+const TextRule kWhenFullRule{isWhenFull, "\"refuse\" or \"drop_oldest\""};
 
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   constexpr std::string_view kScheme = "http://";

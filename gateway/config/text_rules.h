@@ -24,6 +24,7 @@ extern const TextRule kDeviceUrlRule;
 extern const TextRule kDeviceUserRule;
 extern const TextRule kDevicePasswordRule;
 extern const TextRule kPathRule;
+extern const TextRule kWhenFullRule;
 
 // Sets host, port and basePath of the device; false when the text breaks kDeviceUrlRule.
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device);

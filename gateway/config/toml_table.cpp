@@ -46,4 +46,9 @@ void ValueReader::into(DigestAlgorithm& target) const {
   target = sha256 ? DigestAlgorithm::SHA256 : DigestAlgorithm::MD5;
 }
 
+void ValueReader::into(PictureOptions::WhenFull& target) const {
+  using WhenFull = PictureOptions::WhenFull;
+  target = text(node) == "refuse" ? WhenFull::Refuse : WhenFull::DropOldest;
+}
+
 }  // namespace qn

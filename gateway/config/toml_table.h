@@ -37,7 +37,8 @@ template <class S>
 struct Key {
   using Member =
       std::variant<bool S::*, int S::*, uint16_t S::*, std::size_t S::*, std::chrono::seconds S::*,
-                   std::string S::*, std::vector<std::string> S::*, DigestAlgorithm S::*>;
+                   std::string S::*, std::vector<std::string> S::*, DigestAlgorithm S::*,
+                   PictureOptions::WhenFull S::*>;
 
   std::string_view name;
   Member member;
@@ -60,6 +61,7 @@ struct ValueReader {
   void into(std::string& target) const { target = text(node); }
   void into(std::vector<std::string>& target) const;
   void into(DigestAlgorithm& target) const;
+  void into(PictureOptions::WhenFull& target) const;
   void into(std::chrono::seconds& target) const { target = std::chrono::seconds(integer()); }
   void into(int& target) const { target = int(integer()); }
   void into(uint16_t& target) const { target = uint16_t(integer()); }

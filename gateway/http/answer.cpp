@@ -16,6 +16,7 @@ namespace qn {
 namespace {
 
 constexpr unsigned int kInternalFault = 0x30000014;
+constexpr unsigned int kResourceNotFound = 0x40000006;
 
 struct OwnAnswerRow {
   OwnAnswer answer;
@@ -24,6 +25,7 @@ struct OwnAnswerRow {
 };
 constexpr OwnAnswerRow kOwnAnswers[] = {
     {OwnAnswer::Malformed, 400, kMalformedRequest},
+    {OwnAnswer::NotFound, 404, kResourceNotFound},
     {OwnAnswer::RequestTimeout, 408, kRequestTimeout},
     {OwnAnswer::BodyTooLarge, 413, kRequestTooLarge},
     {OwnAnswer::HeadTooLarge, 431, kHeadTooLarge},

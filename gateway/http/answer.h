@@ -19,6 +19,7 @@ enum class OwnAnswer {
   BodyTooLarge,
   HeadTooLarge,
   InternalError,
+  NotFound,
   NotImplemented,
   Overloaded,
   GatewayTimeout,

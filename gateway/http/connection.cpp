@@ -39,11 +39,11 @@ bool wouldBlock(const boost::system::error_code& ec) {
 
 template <class Stream>
 Connection<Stream>::Connection(std::shared_ptr<ServiceCore> core, std::size_t reactor,
-                               Stream stream, const asio::ip::address& peer, Welcome welcome)
+                               Stream stream, const asio::ip::address& peer, Access access)
     : core_(std::move(core)),
       reactor_(reactor),
       peer_(peer),
-      welcome_(welcome),
+      access_(access),
       trusted_(core_->trusts(peer)),
       peerText_(peer.to_string()),
       stream_(std::move(stream)),
@@ -52,7 +52,7 @@ Connection<Stream>::Connection(std::shared_ptr<ServiceCore> core, std::size_t re
 
 template <class Stream>
 Connection<Stream>::~Connection() {
-  (welcome_ == Welcome::Serve ? core_->admission : core_->refusals).leave(peer_);
+  (access_ == Access::Nothing ? core_->refusals : core_->admission).leave(peer_);
 }
 
 template <class Stream>
@@ -89,7 +89,7 @@ void Connection<Stream>::start() {
     stream_.lowest_layer().non_blocking(true, ec);
     if (!ec) stream_.lowest_layer().set_option(asio::ip::tcp::no_delay(true), ec);
     if (ec) return close();  // the peer has gone already
-    if (welcome_ == Welcome::Refuse) return refuse(OwnAnswer::Overloaded);
+    if (access_ == Access::Nothing) return refuse(OwnAnswer::Overloaded);
     setDeadline(core_->options.idleTime);
     startRead();
   });
@@ -277,7 +277,7 @@ void Connection<Stream>::dispatch() {
   counted_ = core_->enterRequest();
   if (counted_) {
     setDeadline(core_->bounds.answer);
-    core_->handOver(exchange, reader_.body());
+    core_->handOver(exchange, access_, reader_.body());
   } else {
     exchange->finish(OwnAnswer::Overloaded);
   }

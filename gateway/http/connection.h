@@ -29,12 +29,10 @@ class Connection final : public AnswerLink,
                          public OpenConnection,
                          public std::enable_shared_from_this<Connection<Stream>> {
  public:
-  enum class Welcome { Serve, Refuse };
-
-  // `peer`, a plain address, was counted in the core's admission (its refusals when it is refused),
-  // which the connection leaves when it closes.
+  // `peer`, a plain address, was counted in the core's admission (its refusals when it gets
+  // nothing), which the connection leaves when it closes.
   Connection(std::shared_ptr<ServiceCore> core, std::size_t reactor, Stream stream,
-             const boost::asio::ip::address& peer, Welcome welcome);
+             const boost::asio::ip::address& peer, Access access);
   ~Connection() override;
 
   // On the reactor.
@@ -98,7 +96,7 @@ class Connection final : public AnswerLink,
   const std::shared_ptr<ServiceCore> core_;
   const std::size_t reactor_;
   const boost::asio::ip::address peer_;
-  const Welcome welcome_;
+  const Access access_;
   const bool trusted_;
   const std::string peerText_;
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 #include <future>
-#include <set>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -20,14 +19,16 @@ constexpr std::chrono::milliseconds kDrainPoll{5};
 }  // namespace
 
 HttpService::HttpService(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
-                         ProcessFunction process, const HttpBounds& bounds)
-    : core_(std::make_shared<ServiceCore>(reactors, pool, options, bounds, process)) {}
+                         ProcessFunction process, const HttpBounds& bounds,
+                         std::vector<OwnResource> resources)
+    : core_(std::make_shared<ServiceCore>(reactors, pool, options, bounds, process,
+                                          std::move(resources))) {}
 
 HttpService::~HttpService() { close(); }
 
 void HttpService::listen() {
   const std::lock_guard lock(mutex_);
-  main_ = std::make_shared<Listener>(core_, core_->options.port);
+  main_ = std::make_shared<Listener>(core_, core_->options.port, Access::Everything);
   main_->start();
 }
 
@@ -36,29 +37,30 @@ uint16_t HttpService::port() const {
   return main_ ? main_->port() : 0;
 }
 
-void HttpService::setDevicePorts(const std::vector<uint16_t>& ports) {
-  const std::set<uint16_t> wanted(ports.begin(), ports.end());
+void HttpService::setExtraPorts(const std::map<uint16_t, Access>& ports) {
   std::vector<std::shared_ptr<Listener>> unwanted;
   {
     const std::lock_guard lock(mutex_);
-    std::erase_if(devicePorts_, [&](const auto& entry) {
-      if (wanted.contains(entry.first)) return false;
+    std::erase_if(extraPorts_, [&](const auto& entry) {
+      const auto wanted = ports.find(entry.first);
+      if (wanted != ports.end() && wanted->second == entry.second->access()) return false;
       unwanted.push_back(entry.second);
       return true;
     });
-    for (const uint16_t port : wanted) openDevicePort(port);
   }
-  closeOnReactor(std::move(unwanted));
+  closeOnReactor(std::move(unwanted));  // first: a port may be wanted again for something else
+  const std::lock_guard lock(mutex_);
+  for (const auto& [port, access] : ports) openExtraPort(port, access);
 }
 
-void HttpService::openDevicePort(uint16_t port) try {
+void HttpService::openExtraPort(uint16_t port, Access access) try {
   const bool isMain = main_ && main_->port() == port;
-  if (port == 0 || isMain || core_->stopping || devicePorts_.contains(port)) return;
-  auto listener = std::make_shared<Listener>(core_, port);
+  if (port == 0 || isMain || core_->stopping || extraPorts_.contains(port)) return;
+  auto listener = std::make_shared<Listener>(core_, port, access);
   listener->start();
-  devicePorts_.emplace(port, std::move(listener));
+  extraPorts_.emplace(port, std::move(listener));
 } catch (const std::system_error& e) {
-  wlog_format(WLOG_ERROR, "http", "device port: %s", e.what());
+  wlog_format(WLOG_ERROR, "http", "%s", e.what());
 }
 
 void HttpService::stopAccepting() {
@@ -67,8 +69,8 @@ void HttpService::stopAccepting() {
     const std::lock_guard lock(mutex_);
     core_->stopping = true;
     if (main_) listeners.push_back(main_);
-    for (const auto& [port, listener] : devicePorts_) listeners.push_back(listener);
-    devicePorts_.clear();
+    for (const auto& [port, listener] : extraPorts_) listeners.push_back(listener);
+    extraPorts_.clear();
   }
   closeOnReactor(std::move(listeners));
 }

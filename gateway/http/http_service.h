@@ -24,7 +24,8 @@ class Listener;
 class HttpService {
  public:
   HttpService(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
-              ProcessFunction process, const HttpBounds& bounds = {});
+              ProcessFunction process, const HttpBounds& bounds = {},
+              std::vector<OwnResource> resources = {});
   ~HttpService();  // closes
   HttpService(const HttpService&) = delete;
   HttpService& operator=(const HttpService&) = delete;
@@ -32,9 +33,9 @@ class HttpService {
   // Listens on the configured port (0: a free one). Throws std::system_error with the reason.
   void listen();
   uint16_t port() const;
-  // The ports beside the main one that should be listened on; one that is taken is logged and
-  // tried again with the next call.
-  void setDevicePorts(const std::vector<uint16_t>& ports);
+  // The ports beside the main one that should be listened on, and what they give; one that is
+  // taken is logged and tried again with the next call.
+  void setExtraPorts(const std::map<uint16_t, Access>& ports);
 
   // Ends listening for good; what is connected goes on, but no connection outlives its answer.
   void stopAccepting();
@@ -44,14 +45,14 @@ class HttpService {
   void close();
 
  private:
-  void openDevicePort(uint16_t port);
+  void openExtraPort(uint16_t port, Access access);
   void closeOnReactor(std::vector<std::shared_ptr<Listener>> listeners);
   void onReactor(std::size_t index, const std::function<void()>& action);
 
   const std::shared_ptr<ServiceCore> core_;
   mutable std::mutex mutex_;
-  std::shared_ptr<Listener> main_;                             // guarded by mutex_
-  std::map<uint16_t, std::shared_ptr<Listener>> devicePorts_;  // guarded by mutex_
+  std::shared_ptr<Listener> main_;                            // guarded by mutex_
+  std::map<uint16_t, std::shared_ptr<Listener>> extraPorts_;  // guarded by mutex_
 };
 
 }  // namespace qn

@@ -14,8 +14,9 @@ namespace qn {
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-Listener::Listener(std::shared_ptr<ServiceCore> core, uint16_t port)
+Listener::Listener(std::shared_ptr<ServiceCore> core, uint16_t port, Access access)
     : core_(std::move(core)),
+      access_(access),
       acceptor_(core_->reactors.context(0)),
       timer_(core_->reactors.context(0)) {
   const std::string& text = core_->options.address;
@@ -67,16 +68,16 @@ void Listener::accept() {
 }
 
 void Listener::admit(std::size_t reactor, TcpStream stream) try {
-  using Client = Connection<TcpStream>;
   error_code ec;
   const auto peer = plainAddress(stream.remote_endpoint(ec).address());
   if (ec) return;  // gone already
-  auto welcome = Client::Welcome::Serve;
+  Access access = access_;
   if (!core_->admission.enter(peer)) {
     if (!core_->refusals.enter(peer)) return;  // too many to be told so: closed
-    welcome = Client::Welcome::Refuse;
+    access = Access::Nothing;
   }
-  auto client = std::make_shared<Client>(core_, reactor, std::move(stream), peer, welcome);
+  auto client =
+      std::make_shared<Connection<TcpStream>>(core_, reactor, std::move(stream), peer, access);
   asio::post(core_->reactors.context(reactor), [client = std::move(client)] { client->start(); });
 } catch (const std::exception& e) {
   wlog_format(WLOG_ERROR, "http", "accepted connection dropped: %s", e.what());

@@ -15,9 +15,10 @@ namespace qn {
 class Listener : public std::enable_shared_from_this<Listener> {
  public:
   // Listens at once, accepts after start(). Throws std::system_error.
-  Listener(std::shared_ptr<ServiceCore> core, uint16_t port);
+  Listener(std::shared_ptr<ServiceCore> core, uint16_t port, Access access);
 
   uint16_t port() const { return port_; }
+  Access access() const { return access_; }
   void start();  // any thread
   void close();  // on the first reactor, or before start()
 
@@ -27,6 +28,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
   void pause();
 
   const std::shared_ptr<ServiceCore> core_;
+  const Access access_;
   boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>
       acceptor_;
   boost::asio::steady_timer timer_;

@@ -6,6 +6,7 @@
 #include <exception>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "gateway/http/multipart.h"
 #include "platform/wlog.h"
@@ -27,6 +28,19 @@ constexpr SpecialPath kSpecialPaths[] = {
 };
 
 constexpr std::size_t kRefusalsAtOnce = 256;
+
+// Runs what answers an exchange; whatever it throws, there is an answer.
+template <class Answering>
+void answering(const ExchangePtr& exchange, Answering answer) {
+  try {
+    return answer();
+  } catch (const std::exception& e) {
+    wlog_format(WLOG_ERROR, "http", "%s: %s", exchange->url().c_str(), e.what());
+  } catch (...) {
+    wlog_format(WLOG_ERROR, "http", "%s: not a std::exception", exchange->url().c_str());
+  }
+  exchange->finish(OwnAnswer::InternalError);
+}
 
 const SpecialPath* findSpecialPath(std::string_view url) {
   const std::string_view path = url.substr(0, url.find('?'));
@@ -64,7 +78,8 @@ void Admission::leave(const address& peer) {
 }
 
 ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptions& optionsIn,
-                         const HttpBounds& boundsIn, ProcessFunction processIn)
+                         const HttpBounds& boundsIn, ProcessFunction processIn,
+                         std::vector<OwnResource> resources)
     : reactors(reactorsIn),
       options(optionsIn),
       bounds(boundsIn),
@@ -72,7 +87,8 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptio
       refusals(kRefusalsAtOnce, kRefusalsAtOnce / 4),
       open(reactorsIn.size()),
       pool_(pool),
-      process_(processIn) {
+      process_(processIn),
+      resources_(std::move(resources)) {
   for (const std::string& proxy : options.trustedProxies) {
     boost::system::error_code ec;
     const address parsed = boost::asio::ip::make_address(proxy, ec);
@@ -96,28 +112,36 @@ bool ServiceCore::enterRequest() {
   return false;
 }
 
-void ServiceCore::handOver(const ExchangePtr& exchange, std::string_view body) {
-  if (findSpecialPath(exchange->url()) == nullptr) {
-    process(exchange, body);
-    return;
+const OwnResource* ServiceCore::findResource(std::string_view url) const {
+  for (const OwnResource& resource : resources_) {
+    if (url.starts_with(resource.prefix)) return &resource;
   }
-  const bool queued = pool_.post([core = shared_from_this(), exchange, owned = std::string(body)] {
-    core->process(exchange, owned);
-  });
-  if (!queued) exchange->finish(OwnAnswer::Overloaded);
+  return nullptr;
+}
+
+template <class Job>
+void ServiceCore::queue(const ExchangePtr& exchange, Job job) {
+  if (!pool_.post(std::move(job))) exchange->finish(OwnAnswer::Overloaded);
+}
+
+void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
+  if (const OwnResource* resource = findResource(exchange->url())) {
+    queue(exchange, [core = shared_from_this(), exchange, resource] {
+      answering(exchange, [&] { resource->serve(*exchange); });
+    });
+  } else if (access != Access::Everything) {
+    exchange->finish(OwnAnswer::NotFound);
+  } else if (findSpecialPath(exchange->url()) == nullptr) {
+    process(exchange, body);
+  } else {
+    queue(exchange, [core = shared_from_this(), exchange, owned = std::string(body)] {
+      core->process(exchange, owned);
+    });
+  }
 }
 
 void ServiceCore::process(const ExchangePtr& exchange, std::string_view body) const {
-  try {
-    processOrThrow(exchange, body);
-  } catch (const std::exception& e) {
-    wlog_format(WLOG_ERROR, "http", "%s: the protocol module threw: %s", exchange->url().c_str(),
-                e.what());
-    exchange->finish(OwnAnswer::InternalError);
-  } catch (...) {
-    wlog_format(WLOG_ERROR, "http", "%s: the protocol module threw", exchange->url().c_str());
-    exchange->finish(OwnAnswer::InternalError);
-  }
+  answering(exchange, [&] { processOrThrow(exchange, body); });
 }
 
 void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view body) const {

@@ -6,6 +6,7 @@
 #include <boost/asio/ip/address.hpp>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,17 @@ namespace qn {
 // The shape of QN_Protocol_HTTPProcess.
 using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncReply,
                                 const QNHttpService::stHttpRes& request);
+
+// A part of the URL space that the service serves itself: the module is not asked, so there is no
+// login unless `serve` sees to it.
+struct OwnResource {
+  std::string prefix;  // of the URL
+  // Answers the exchange. On a worker thread, several at once; may block.
+  std::function<void(QNHttpService::ExchangeState&)> serve;
+};
+
+// What a listening port gives to those who connect to it; Nothing: they are told to come later.
+enum class Access { Everything, OwnResources, Nothing };
 
 // Bounds that no operator needs to change; tests shorten them.
 struct HttpBounds {
@@ -65,12 +77,13 @@ class OpenConnection {
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
  public:
   ServiceCore(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
-              const HttpBounds& bounds, ProcessFunction process);
+              const HttpBounds& bounds, ProcessFunction process,
+              std::vector<OwnResource> resources);
 
   // Hands a complete request over and sends its answer, unless that is left to the module; what
-  // may block is queued for the worker pool. On the reactor of the exchange's connection. `body`
-  // is used before the call returns.
-  void handOver(const ExchangePtr& exchange, std::string_view body);
+  // may block is queued for the worker pool. On the reactor of the exchange's connection, whose
+  // access it is. `body` is used before the call returns.
+  void handOver(const ExchangePtr& exchange, Access access, std::string_view body);
 
   bool trusts(const boost::asio::ip::address& peer) const;
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
@@ -94,11 +107,16 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::vector<std::unordered_set<OpenConnection*>> open;
 
  private:
+  const OwnResource* findResource(std::string_view url) const;
+  // On the worker pool, or refuses the exchange when that is full.
+  template <class Job>
+  void queue(const ExchangePtr& exchange, Job job);
   void process(const ExchangePtr& exchange, std::string_view body) const;
   void processOrThrow(const ExchangePtr& exchange, std::string_view body) const;
 
   WorkerPool& pool_;
   const ProcessFunction process_;
+  const std::vector<OwnResource> resources_;
   std::vector<boost::asio::ip::address> trusted_;
   std::atomic<std::size_t> next_{0};
   std::atomic<std::size_t> requests_{0};

@@ -1,9 +1,9 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <map>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "gateway/log/log.h"
 #include "gateway/oplog/operation_log.h"
@@ -12,8 +12,9 @@
 namespace qn {
 namespace {
 
-// For requests that wait for a device and for long translations; one queue entry is one request.
-constexpr std::size_t kWorkers = 4;
+// One queue entry is one request.
+constexpr std::size_t kBlockingWorkers = 4;
+constexpr std::size_t kTranslationWorkers = 2;
 constexpr std::size_t kWorkerQueue = 256;
 
 // How the 10 s for stopping are spent: first requests may end by themselves, then the bus answers
@@ -34,10 +35,14 @@ void keepUntilRestart(Options& next, const Options& current, std::string_view se
 Gateway::Gateway(Configuration configuration, const std::filesystem::path& module)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
       module_(module),
-      workers_(kWorkers, kWorkerQueue),
-      bus_(reactors_, workers_),
+      pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
+                configuration_->pictures),
+      blocking_(kBlockingWorkers, kWorkerQueue),
+      translations_(kTranslationWorkers, kWorkerQueue),
+      bus_(reactors_, translations_),
       alarms_(reactors_),
-      http_(reactors_, workers_, configuration_->http, module_.process()) {
+      http_(reactors_, blocking_, configuration_->http, module_.process(), HttpBounds{},
+            {pictures_.resource()}) {
   try {
     start();
   } catch (...) {
@@ -60,7 +65,7 @@ void Gateway::start() {
   reactors_.start();
   module_.init();
   http_.listen();
-  applyDevicePorts();
+  applyExtraPorts();
   logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
           configuration_->http.address, http_.port());
 }
@@ -75,7 +80,8 @@ void Gateway::stop() {
   bus_.stop();
   http_.drain(steady_clock::now() + kAnswerTime);
   http_.close();
-  workers_.stop();
+  blocking_.stop();
+  translations_.stop();
   OperationLog::instance().stop();
   reactors_.stop();
 }
@@ -86,17 +92,18 @@ void Gateway::reload(Configuration next) {
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogLevel(configuration_->log.level);
-  applyDevicePorts();
+  pictures_.setOptions(configuration_->pictures);
+  applyExtraPorts();
 }
 
-void Gateway::applyDevicePorts() {
-  std::vector<uint16_t> ports;
+void Gateway::applyExtraPorts() {
+  std::map<uint16_t, Access> ports{{configuration_->network.picturePort, Access::OwnResources}};
   if (configuration_->kavro.mode == KAVRO_MODE_DEVICE_PORTS) {
     for (const auto& device : configuration_->devices) {
-      if (device.httpPort != 0) ports.push_back(device.httpPort);
+      if (device.httpPort != 0) ports.emplace(device.httpPort, Access::Everything);
     }
   }
-  http_.setDevicePorts(ports);
+  http_.setExtraPorts(ports);
 }
 
 }  // namespace qn

@@ -12,6 +12,7 @@
 #include "gateway/main/protocol_module.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
+#include "gateway/pictures/picture_resource.h"
 
 namespace qn {
 
@@ -33,11 +34,13 @@ class Gateway {
  private:
   void start();
   void stop();
-  void applyDevicePorts();
+  void applyExtraPorts();
 
   std::shared_ptr<const Configuration> configuration_;
   ProtocolModule module_;
-  WorkerPool workers_;
+  PictureResource pictures_;
+  WorkerPool blocking_;      // the HTTP service's requests that wait
+  WorkerPool translations_;  // the bus's long replies, which never wait
   Reactors reactors_;
   DeviceBus bus_;
   AlarmBus alarms_;

@@ -479,11 +479,12 @@ TEST_F(HttpFixture, DevicePortsComeAndGo) {
     probe.listen();
     extra = probe.port();
   }
-  service.setDevicePorts({extra, port(), 0});
+  service.setExtraPorts(
+      {{extra, Access::Everything}, {port(), Access::Everything}, {0, Access::Everything}});
   EXPECT_EQ(RawClient(extra).ask(kGet).status, 200);
   RawClient staying(extra);
   ASSERT_EQ(staying.ask(kGet).status, 200);
-  service.setDevicePorts({});
+  service.setExtraPorts({});
   EXPECT_FALSE(RawClient(extra).connected());
   EXPECT_EQ(staying.ask(kGet).status, 200);
   EXPECT_EQ(RawClient(port()).ask(kGet).status, 200);

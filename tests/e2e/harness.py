@@ -178,6 +178,10 @@ class Gateway(Process):
         for name, values in (sections or {}).items():
             self.sections.setdefault(name, {}).update(values)
         self.write_configuration(devices, users)
+        self.start()
+
+    def start(self):
+        """Returns when its port is open; also starts it again, on its files, when it has ended."""
         super().__init__(BIN / "qn-gateway", "--config", self.config)
         try:
             wait_until(self._ready, START_TIME, "the gateway's port")

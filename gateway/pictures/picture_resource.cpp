@@ -1,0 +1,64 @@
+// See picture_resource.h.
+#include "gateway/pictures/picture_resource.h"
+
+#include <optional>
+
+#include "gateway/config/picture_uploader.h"
+#include "gateway/pictures/picture_file.h"
+#include "platform/config_mgr.h"
+#include "platform/http_service.h"
+
+namespace qn {
+namespace {
+
+// As devices reach it. Throws nothing but std::bad_alloc; empty without an address.
+std::string urlOf(const std::string& name) {
+  const auto network = QN_ConfigMgr_GetNetworkCfg();
+  _NIC_INFO_V4 address{};
+  if (!network || network->getIPv4ByProtocol(address, DEVICE_PROTOCOL_KAVRO) != 0) return {};
+  return std::string("http://") + address.address + ':' +
+         std::to_string(network->getPssUploadPort()) + std::string(PictureResource::kPrefix) + name;
+}
+
+}  // namespace
+
+PictureResource::PictureResource(const std::filesystem::path& folder, const PictureOptions& options)
+    : store_(folder, options) {
+  setPictureUploader(
+      [this](int& errorOut, std::string& urlOut, const std::string& picture,
+             const std::string& /*clientUrl*/) { return upload(errorOut, urlOut, picture); });
+}
+
+PictureResource::~PictureResource() { setPictureUploader({}); }
+
+OwnResource PictureResource::resource() {
+  return {std::string(kPrefix),
+          [this](QNHttpService::ExchangeState& exchange) { serve(exchange); }};
+}
+
+bool PictureResource::upload(int& errorOut, std::string& urlOut, std::string_view picture) {
+  std::string name;
+  const PictureStore::Result result = store_.add(picture, name);
+  errorOut = result == PictureStore::Result::Full ? kFull : 0;
+  if (result != PictureStore::Result::Stored) return false;
+  urlOut = urlOf(name);
+  return !urlOut.empty();
+}
+
+void PictureResource::serve(QNHttpService::ExchangeState& exchange) const {
+  const bool reads =
+      exchange.method() == QNHttpService::HTTP_GET || exchange.method() == QNHttpService::HTTP_HEAD;
+  const std::string_view url = exchange.url();
+  const std::string_view name =
+      url.substr(kPrefix.size(), url.find('?') - kPrefix.size());  // kPrefix has no '?'
+  const auto picture = reads ? store_.find(name) : std::nullopt;
+  if (!picture) {
+    exchange.finish(OwnAnswer::NotFound);
+    return;
+  }
+  exchange.setHeader("Cache-Control", "private");
+  exchange.setHeader("X-Content-Type-Options", "nosniff");
+  exchange.finish(200, pictureType(name), *picture);
+}
+
+}  // namespace qn
