@@ -51,7 +51,7 @@ std::vector<std::string> requestedDevices(const std::string& request) {
 
 }  // namespace
 
-AlarmBus::AlarmBus(Reactors& reactors) : reactors_(reactors) {}
+AlarmBus::AlarmBus(Reactors& reactors, FeedTimes times) : reactors_(reactors), times_(times) {}
 
 AlarmBus::~AlarmBus() { stop(); }
 
@@ -68,7 +68,7 @@ void AlarmBus::stop() {
   std::vector<int> ids;
   {
     std::lock_guard lock(mutex_);
-    for (const auto& [id, subscription] : subscriptions_) ids.push_back(id);
+    for (const auto& [id, subscription] : subscriptions_->byId) ids.push_back(id);
   }
   for (const int id : ids) unsubscribe(id);
 }
@@ -77,7 +77,7 @@ bool AlarmBus::subscribe(const std::vector<std::string>& devices, AlarmDataCallB
                          void* user, int& subscribeId) {
   if (devices.empty() || !callback) return false;
   std::lock_guard lock(mutex_);
-  if (subscriptions_.size() >= kMaxSubscriptions) return false;
+  if (subscriptions_->byId.size() >= kMaxSubscriptions) return false;
   auto subscription = std::make_shared<Subscription>(callback, user);
   for (const auto& device : devices) {
     if (!openFeed(device)) {
@@ -87,7 +87,7 @@ bool AlarmBus::subscribe(const std::vector<std::string>& devices, AlarmDataCallB
     subscription->devices.insert(device);
   }
   subscribeId = ++lastId_;
-  subscriptions_.emplace(subscribeId, std::move(subscription));
+  subscriptions_->byId.emplace(subscribeId, std::move(subscription));
   return true;
 }
 
@@ -95,10 +95,10 @@ bool AlarmBus::unsubscribe(int subscribeId) {
   SharedSubscription subscription;
   {
     std::lock_guard lock(mutex_);
-    const auto found = subscriptions_.find(subscribeId);
-    if (found == subscriptions_.end()) return false;
+    const auto found = subscriptions_->byId.find(subscribeId);
+    if (found == subscriptions_->byId.end()) return false;
     subscription = std::move(found->second);
-    subscriptions_.erase(found);
+    subscriptions_->byId.erase(found);
     for (const auto& device : subscription->devices) closeUnusedFeed(device);
   }
   std::unique_lock wait(subscription->running);
@@ -135,8 +135,8 @@ bool AlarmBus::isValid(int subscribeId) {
 }
 
 AlarmBus::SharedSubscription AlarmBus::find(int subscribeId) {
-  const auto found = subscriptions_.find(subscribeId);
-  return found == subscriptions_.end() ? nullptr : found->second;
+  const auto found = subscriptions_->byId.find(subscribeId);
+  return found == subscriptions_->byId.end() ? nullptr : found->second;
 }
 
 // False when there is no such device. One feed serves all subscriptions.
@@ -147,25 +147,32 @@ bool AlarmBus::openFeed(const std::string& devIndex) {
   if (!device) return false;
   auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
   auto feed = std::make_shared<DeviceFeed>(
-      reactor, *device, [this, devIndex](const std::string& alarm) { deliver(devIndex, alarm); });
+      reactor, *device, times_,
+      [subscriptions = subscriptions_, devIndex](const std::string& alarm) {
+        subscriptions->deliver(devIndex, alarm);
+      });
   feed->start();
   feeds_.emplace(devIndex, std::move(feed));
   return true;
 }
 
 void AlarmBus::closeUnusedFeed(const std::string& devIndex) {
-  const auto uses = [&](const auto& entry) { return entry.second->devices.contains(devIndex); };
-  if (std::any_of(subscriptions_.begin(), subscriptions_.end(), uses)) return;
+  if (subscriptions_->want(devIndex)) return;
   const auto feed = feeds_.find(devIndex);
   if (feed == feeds_.end()) return;
   feed->second->stop();
   feeds_.erase(feed);
 }
 
-std::vector<AlarmBus::SharedSubscription> AlarmBus::subscribersOf(const std::string& devIndex) {
+bool AlarmBus::Subscriptions::want(const std::string& devIndex) const {
+  return std::any_of(byId.begin(), byId.end(),
+                     [&](const auto& entry) { return entry.second->devices.contains(devIndex); });
+}
+
+std::vector<AlarmBus::SharedSubscription> AlarmBus::Subscriptions::of(const std::string& devIndex) {
   std::vector<SharedSubscription> subscribers;
-  std::lock_guard lock(mutex_);
-  for (const auto& [id, subscription] : subscriptions_) {
+  std::lock_guard lock(mutex);
+  for (const auto& [id, subscription] : byId) {
     if (subscription->started && subscription->devices.contains(devIndex)) {
       subscribers.push_back(subscription);
     }
@@ -173,8 +180,8 @@ std::vector<AlarmBus::SharedSubscription> AlarmBus::subscribersOf(const std::str
   return subscribers;
 }
 
-void AlarmBus::deliver(const std::string& devIndex, const std::string& alarm) {
-  for (const auto& subscription : subscribersOf(devIndex)) {
+void AlarmBus::Subscriptions::deliver(const std::string& devIndex, const std::string& alarm) {
+  for (const auto& subscription : of(devIndex)) {
     std::shared_lock running(subscription->running);
     if (subscription->ended) continue;
     subscription->callback(const_cast<char*>(alarm.data()), static_cast<int>(alarm.size()),
@@ -196,8 +203,7 @@ void AlarmBus::deviceChanged(tagNotifyType type, const std::string& devIndex) {
     feeds_.erase(feed);
   }
   if (type == DEVICE_REMOVED) return;
-  const auto wants = [&](const auto& entry) { return entry.second->devices.contains(devIndex); };
-  if (std::any_of(subscriptions_.begin(), subscriptions_.end(), wants)) openFeed(devIndex);
+  if (subscriptions_->want(devIndex)) openFeed(devIndex);
 }
 
 }  // namespace qn

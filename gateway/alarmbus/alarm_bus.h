@@ -21,7 +21,7 @@ namespace qn {
 
 class AlarmBus {
  public:
-  explicit AlarmBus(Reactors& reactors);
+  explicit AlarmBus(Reactors& reactors, FeedTimes times = {});
   ~AlarmBus();  // stops
   AlarmBus(const AlarmBus&) = delete;
   AlarmBus& operator=(const AlarmBus&) = delete;
@@ -54,18 +54,27 @@ class AlarmBus {
   };
   using SharedSubscription = std::shared_ptr<Subscription>;
 
+  // Shared with the feeds, whose last alarm may come when the bus is gone.
+  struct Subscriptions {
+    std::mutex mutex;
+    std::map<int, SharedSubscription> byId;  // guarded by mutex
+
+    void deliver(const std::string& devIndex, const std::string& alarm);
+    std::vector<SharedSubscription> of(const std::string& devIndex);
+    bool want(const std::string& devIndex) const;  // REQUIRES: mutex held
+  };
+
   static void deviceChanged(tagNotifyType type, void* devIndex, const void* user);
   void deviceChanged(tagNotifyType type, const std::string& devIndex);
 
-  void deliver(const std::string& devIndex, const std::string& alarm);
-  std::vector<SharedSubscription> subscribersOf(const std::string& devIndex);
   bool openFeed(const std::string& devIndex);
   void closeUnusedFeed(const std::string& devIndex);
   SharedSubscription find(int subscribeId);
 
   Reactors& reactors_;
-  std::mutex mutex_;
-  std::map<int, SharedSubscription> subscriptions_;           // guarded by mutex_
+  const FeedTimes times_;
+  const std::shared_ptr<Subscriptions> subscriptions_ = std::make_shared<Subscriptions>();
+  std::mutex& mutex_ = subscriptions_->mutex;
   std::map<std::string, std::shared_ptr<DeviceFeed>> feeds_;  // guarded by mutex_
   int lastId_ = -1;                                           // guarded by mutex_
   std::size_t nextReactor_ = 0;                               // guarded by mutex_

@@ -25,16 +25,17 @@ namespace asio = boost::asio;
 constexpr auto kFirstDelay = 100ms;
 constexpr auto kLongestDelay = 800ms;
 constexpr auto kConnectLimit = 1000ms;
-constexpr auto kHeadLimit = 5s;          // from the request to the answer's head
-constexpr auto kSilenceLimit = 60s;      // devices send heartbeats of their own
-constexpr auto kRefusedDelay = 60s;      // wrong credentials: repeated tries would lock the account
-constexpr auto kUnsupportedDelay = 30s;  // the device answered, but with no stream
+constexpr auto kHeadLimit = 5s;  // from the request to the answer's head
+constexpr std::chrono::milliseconds kUnsupportedDelay =
+    30s;                              // the device answered, but with no stream
+constexpr unsigned kQuickLogins = 2;  // answers to a challenge, without delay
 constexpr std::size_t kPartLimit = 1024 * 1024;
 constexpr std::size_t kHeadRestLimit = 64 * 1024;  // bytes kept for the parser
 
-// Read into by every feed of a reactor, so that an idle feed needs no buffer.
-std::array<char, 64 * 1024>& scratch() {
-  thread_local std::array<char, 64 * 1024> buffer;
+// Read into by every feed of a reactor, so that an idle feed needs no buffer. Its size is also what
+// one device may use of a reactor before the others have their turn: some 50 alarms.
+std::array<char, 16 * 1024>& scratch() {
+  thread_local std::array<char, 16 * 1024> buffer;
   return buffer;
 }
 
@@ -45,9 +46,11 @@ std::string target(const DeviceConfig& device) {
 
 }  // namespace
 
-DeviceFeed::DeviceFeed(asio::io_context& reactor, DeviceConfig device, AlarmSink sink)
+DeviceFeed::DeviceFeed(asio::io_context& reactor, DeviceConfig device, FeedTimes times,
+                       AlarmSink sink)
     : reactor_(reactor),
       device_(std::move(device)),
+      times_(times),
       quotedIndex_(Json::valueToQuotedString(device_.index.c_str())),
       sink_(std::move(sink)),
       socket_(reactor),
@@ -165,11 +168,11 @@ bool DeviceFeed::parse(std::string_view bytes) {
 bool DeviceFeed::beginStream() {
   const auto boundary = response_->boundary();
   if (response_->status() != 200 || boundary.empty()) return takeRefusal();
-  failures_ = 0;
+  challenges_ = 0;
   parts_.emplace(boundary, kPartLimit, [this](std::string_view contentType, std::string_view body) {
     takePart(contentType, body);
   });
-  watch(kSilenceLimit);
+  watch(times_.silence);
   logInfo("alert stream of device {} open", device_.index);
   return true;
 }
@@ -177,16 +180,18 @@ bool DeviceFeed::beginStream() {
 bool DeviceFeed::takeRefusal() {
   const bool challenged =
       response_->status() == 401 && login_.takeChallenge(response_->challenge());
-  if (challenged && (!credentialsSent_ || login_.stale())) {
+  if (challenged && (!credentialsSent_ || login_.stale()) && ++challenges_ <= kQuickLogins) {
     refusedDelay_ = 0ms;
     return false;
   }
   logWarn("alert stream of device {} refused with status {}", device_.index, response_->status());
-  refusedDelay_ = response_->status() == 401 ? kRefusedDelay : kUnsupportedDelay;
+  if (response_->status() >= 500) return false;  // a device that is starting, say
+  refusedDelay_ = response_->status() == 401 ? times_.refused : kUnsupportedDelay;
   return false;
 }
 
 void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
+  failures_ = 0;
   if (contentType.starts_with("image/") || body.empty()) return;
   if (setDeviceIndex(body, quotedIndex_, alarm_)) sink_(alarm_);
   if (alarm_.capacity() > kHeadRestLimit) alarm_ = {};
@@ -202,6 +207,7 @@ void DeviceFeed::armWatch(std::chrono::milliseconds limit) {
   timer_.expires_at(lastBytes_ + limit);
   timer_.async_wait([self = shared_from_this(), limit](Error error) {
     if (error || self->stopped_) return;
+    if (self->timer_.expiry() > Clock::now()) return;  // set anew while this run was on its way
     if (Clock::now() - self->lastBytes_ < limit) return self->armWatch(limit);
     Error ignored;
     self->resolver_.cancel();

@@ -20,13 +20,21 @@
 
 namespace qn {
 
+// When a feed gives up waiting; others only in tests.
+struct FeedTimes {
+  std::chrono::milliseconds silence = std::chrono::seconds(60);  // devices send heartbeats
+  // After wrong credentials: repeated tries would lock the account.
+  std::chrono::milliseconds refused = std::chrono::seconds(60);
+};
+
 // Everything runs on the reactor that the feed was given; only start and stop come from others.
 class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
  public:
   // The alarm's text, with "devIndex" set; valid during the call.
   using AlarmSink = std::function<void(const std::string& alarm)>;
 
-  DeviceFeed(boost::asio::io_context& reactor, DeviceConfig device, AlarmSink sink);
+  DeviceFeed(boost::asio::io_context& reactor, DeviceConfig device, FeedTimes times,
+             AlarmSink sink);
 
   void start();
   // An alarm that is being delivered may still arrive after it returned.
@@ -57,6 +65,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   // Constant after construction.
   boost::asio::io_context& reactor_;
   const DeviceConfig device_;
+  const FeedTimes times_;
   const std::string quotedIndex_;
   const AlarmSink sink_;
 
@@ -71,7 +80,8 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   std::string alarm_;  // reused
   std::string request_;
   Clock::time_point lastBytes_;
-  unsigned failures_ = 0;                                  // since the last stream
+  unsigned failures_ = 0;                                  // since the last part
+  unsigned challenges_ = 0;                                // since the last stream
   std::optional<std::chrono::milliseconds> refusedDelay_;  // what a refusal asks for
   bool stopped_ = false;
   std::minstd_rand random_;

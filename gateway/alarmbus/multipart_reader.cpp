@@ -117,9 +117,7 @@ MultipartReader::Step MultipartReader::readBodyOfLength(std::string_view bytes) 
 
 MultipartReader::Step MultipartReader::readBodyToEnd(std::string_view bytes) {
   const auto first = bytes.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) {
-    return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
-  }
+  if (first == std::string_view::npos) return {Step::NeedMore, bytes.size()};
   if (bytes[first] == '{') {
     for (scanned_ = std::max(scanned_, first); scanned_ < bytes.size(); ++scanned_) {
       if (scanner_.step(bytes[scanned_]) == JsonScanner::Event::RootEnd) {

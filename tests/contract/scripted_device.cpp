@@ -64,11 +64,14 @@ void Peer::waitForClose() {
 
 void Peer::shutDown() { ::shutdown(socket_, SHUT_RDWR); }
 
-ScriptedDevice::ScriptedDevice(Script script) : script_(std::move(script)) {
+ScriptedDevice::ScriptedDevice(Script script, uint16_t port) : script_(std::move(script)) {
   listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  const int yes = 1;
+  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   socklen_t length = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
   if (::bind(listener_, generic, length) != 0 || ::listen(listener_, 512) != 0 ||

@@ -52,7 +52,8 @@ class ScriptedDevice {
   using Answer = std::function<std::string(const DeviceRequest&)>;
 
   // The connection is closed when the script returns.
-  explicit ScriptedDevice(Script script);
+  // Port 0: a free one.
+  explicit ScriptedDevice(Script script, uint16_t port = 0);
   ~ScriptedDevice();  // ends all connections and waits for the scripts
 
   // Keeps connections alive and answers each request.

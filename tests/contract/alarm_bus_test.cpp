@@ -1,0 +1,488 @@
+// What platform/alarm_bus.h promises, against scripted devices on loopback.
+#include "gateway/alarmbus/alarm_bus.h"
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <atomic>
+#include <chrono>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "tests/contract/events.h"
+#include "tests/contract/scripted_device.h"
+
+namespace qn {
+namespace {
+
+using namespace std::chrono_literals;
+using devicebus::test::Peer;
+using devicebus::test::ScriptedDevice;
+using Clock = std::chrono::steady_clock;
+
+constexpr char kHead[] = "HTTP/1.1 200 OK\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n";
+
+std::string alarm(const std::string& id) {
+  return R"({"EventNotificationAlert":{"devIndex":"whatever","eventType":")" + id + R"("}})";
+}
+
+std::string part(const std::string& body, const std::string& type = "application/json") {
+  return "--b\r\nContent-Type: " + type + "\r\nContent-Length: " + std::to_string(body.size()) +
+         "\r\n\r\n" + body + "\r\n";
+}
+
+// A device that sends these bytes on each stream and then keeps it open.
+ScriptedDevice::Script streaming(std::string bytes) {
+  return [bytes = std::move(bytes)](Peer& peer) {
+    if (peer.read() && peer.write(kHead + bytes)) peer.waitForClose();
+  };
+}
+
+// A device that never pauses; each of its parts carries its number.
+ScriptedDevice::Script storming() {
+  return [](Peer& peer) {
+    if (!peer.read() || !peer.write(kHead)) return;
+    for (int i = 0; peer.write(part(alarm(std::to_string(i)))); ++i) {
+    }
+  };
+}
+
+// What one subscription was given, as "devIndex/eventType".
+class Listener {
+ public:
+  int take(std::string_view text) {
+    Json::Value root;
+    EXPECT_TRUE(Json::Reader().parse(text.begin(), text.end(), root)) << text;
+    const Json::Value& alert = root["EventNotificationAlert"];
+    {
+      const std::lock_guard lock(mutex_);
+      alarms_.push_back(alert["devIndex"].asString() + "/" + alert["eventType"].asString());
+    }
+    came.signal();
+    return static_cast<int>(text.size());
+  }
+  static int callback(void* data, int length, void* user) {
+    return static_cast<Listener*>(user)->take(
+        {static_cast<const char*>(data), static_cast<std::size_t>(length)});
+  }
+  std::vector<std::string> alarms() {
+    const std::lock_guard lock(mutex_);
+    return alarms_;
+  }
+
+  Events came;
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> alarms_;  // guarded by mutex_
+};
+
+using Alarms = std::vector<std::string>;
+
+std::string requestFor(const std::string& devices) {
+  return R"({"SubscribeDeviceMgmt":{"DevEventList":[)" + devices + "]}}";
+}
+std::string entry(const std::string& device) {
+  return R"({"Dev":{"devIndex":")" + device + R"("}})";
+}
+
+class AlarmBusTest : public ::testing::Test {
+ protected:
+  explicit AlarmBusTest(std::size_t reactors = 2, FeedTimes times = {})
+      : reactors_(reactors), bus_(std::make_unique<AlarmBus>(reactors_, times)) {
+    reactors_.start();
+    bus_->start();
+  }
+  ~AlarmBusTest() override {
+    if (bus_) bus_->stop();
+    reactors_.stop();
+    publishConfiguration(std::make_shared<const Configuration>());
+  }
+
+  void configure(const std::string& index, uint16_t port, const std::string& username = {}) {
+    DeviceConfig device;
+    device.index = index;
+    device.host = "127.0.0.1";
+    device.port = port;
+    device.basePath = "/base";
+    device.username = username;
+    device.password = "secret";
+    configuration_.devices.push_back(device);
+    publish();
+  }
+  void publish() { publishConfiguration(std::make_shared<const Configuration>(configuration_)); }
+
+  static int subscribe(Listener& listener, const std::string& device, bool started = true) {
+    std::string reply;
+    int id = -7;
+    EXPECT_EQ(QN_AlarmBus_Subscribe(reply, requestFor(entry(device)), Listener::callback, &listener,
+                                    1, id),
+              0)
+        << reply;
+    if (started) {
+      EXPECT_EQ(QN_AlarmBus_StartUploadData(id), 0);
+    }
+    return id;
+  }
+  static int unsubscribe(int id) {
+    std::string reply;
+    return QN_AlarmBus_UnSubscribe(reply, id, 1);
+  }
+
+  std::list<Listener> listeners_;  // outlive the subscriptions
+  Configuration configuration_;    // publish() puts it in force
+  Reactors reactors_;
+  std::unique_ptr<AlarmBus> bus_;
+};
+
+TEST_F(AlarmBusTest, EachDeviceHasItsOwnStreamAndName) {
+  std::atomic<int> wrong{0};
+  const auto script = [&wrong](Peer& peer) {
+    const auto request = peer.read();
+    if (!request) return;
+    const std::string target = request->target;
+    const std::string wanted = "/base/KAVRO/Event/notification/alertStream?format=json&devIndex=";
+    if (request->method != "GET" || !target.starts_with(wanted)) ++wrong;
+    peer.write(kHead + part(alarm("of-" + target.substr(wanted.size()))) +
+               part("JPEG", "image/jpeg") + part("") + part("no alarm") + part(alarm("last")));
+    peer.waitForClose();
+  };
+  ScriptedDevice first(script);
+  ScriptedDevice second(script);
+  configure("1", first.port());
+  configure("2", second.port());
+  Listener& listener = listeners_.emplace_back();
+  const int id = subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait(2));
+  EXPECT_EQ(listener.alarms(), (Alarms{"1/of-1", "1/last"}));
+  std::string reply;
+  EXPECT_EQ(QN_AlarmBus_AddDevice(reply, id, "2", "{}"), 0);
+  ASSERT_TRUE(listener.came.wait(4));
+  EXPECT_EQ(listener.alarms().at(2), "2/of-2");
+  EXPECT_EQ(QN_AlarmBus_AddDevice(reply, id, "2", "{}"), 0) << "present";
+  EXPECT_EQ(second.connections(), 1);
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(AlarmBusTest, UnusableCallsAreRefusedAndHarmless) {
+  ScriptedDevice device(streaming(""));
+  configure("1", device.port());
+  const std::string requests[] = {"",
+                                  "7",
+                                  "{",
+                                  "{}",
+                                  "[]",
+                                  std::string(5000, '['),
+                                  requestFor(""),
+                                  requestFor("7"),
+                                  requestFor("{}"),
+                                  requestFor(entry("9")),
+                                  requestFor(entry("1") + "," + entry("9")),
+                                  requestFor(R"({"Dev":{"devIndex":1}})"),
+                                  R"({"SubscribeDeviceMgmt":[]})"};
+  std::string reply;
+  Listener& listener = listeners_.emplace_back();
+  for (const auto& request : requests) {
+    int id = -7;
+    EXPECT_NE(QN_AlarmBus_Subscribe(reply, request, Listener::callback, &listener, 1, id), 0)
+        << request;
+    EXPECT_EQ(id, -7);
+    Json::Value status;
+    EXPECT_TRUE(Json::Reader().parse(reply, status) && status.isObject()) << reply;
+  }
+  for (const int id : {-1, 0, 12345}) {
+    EXPECT_NE(unsubscribe(id), 0);
+    EXPECT_NE(QN_AlarmBus_StartUploadData(id), 0);
+    EXPECT_NE(QN_AlarmBus_AddDevice(reply, id, "1", ""), 0);
+    EXPECT_NE(QN_AlarmBus_DeleteDevice(reply, id, "1"), 0);
+    EXPECT_EQ(QN_AlarmBus_CheckIDValid(id), 0);
+  }
+  const int id = subscribe(listener, "1");
+  EXPECT_NE(QN_AlarmBus_CheckIDValid(id), 0);
+  EXPECT_NE(QN_AlarmBus_AddDevice(reply, id, "9", ""), 0);
+  EXPECT_EQ(QN_AlarmBus_DeleteDevice(reply, id, "9"), 0) << "absent";
+  EXPECT_EQ(unsubscribe(id), 0);
+  EXPECT_NE(unsubscribe(id), 0);
+  bus_->stop();
+  int none = -7;
+  EXPECT_NE(
+      QN_AlarmBus_Subscribe(reply, requestFor(entry("1")), Listener::callback, &listener, 1, none),
+      0);
+}
+
+TEST_F(AlarmBusTest, SubscriptionsAreBounded) {
+  ScriptedDevice device(streaming(""));
+  configure("1", device.port());
+  Listener& listener = listeners_.emplace_back();
+  for (std::size_t i = 0; i < AlarmBus::kMaxSubscriptions; ++i) subscribe(listener, "1");
+  std::string reply;
+  int id = -7;
+  EXPECT_NE(
+      QN_AlarmBus_Subscribe(reply, requestFor(entry("1")), Listener::callback, &listener, 1, id),
+      0);
+}
+
+TEST_F(AlarmBusTest, NothingBeforeStartUploadData) {
+  ScriptedDevice device(streaming(part(alarm("early"))));
+  configure("1", device.port());
+  Listener& waiting = listeners_.emplace_back();
+  const int id = subscribe(waiting, "1", false);
+  Listener& witness = listeners_.emplace_back();
+  subscribe(witness, "1");
+  Events go;
+  ScriptedDevice later([&go](Peer& peer) {
+    if (!peer.read() || !peer.write(kHead)) return;
+    go.wait();
+    peer.write(part(alarm("before")));
+    go.wait(2);
+    peer.write(part(alarm("after")));
+    peer.waitForClose();
+  });
+  configure("2", later.port());
+  std::string reply;
+  for (const int each : {id, id + 1}) {
+    ASSERT_EQ(QN_AlarmBus_AddDevice(reply, each, "2", ""), 0);
+  }
+  go.signal();
+  // "early" may have come before the witness was there.
+  while (witness.alarms().empty() || witness.alarms().back() != "2/before") {
+    ASSERT_TRUE(witness.came.wait(witness.came.count() + 1));
+  }
+  EXPECT_EQ(waiting.alarms(), Alarms{});
+  EXPECT_EQ(QN_AlarmBus_StartUploadData(id), 0);
+  go.signal();
+  ASSERT_TRUE(waiting.came.wait());
+  EXPECT_EQ(waiting.alarms(), Alarms{"2/after"});
+}
+
+TEST_F(AlarmBusTest, ComesBackQuicklyAfterABreak) {
+  ScriptedDevice device([](Peer& peer) {
+    if (!peer.read()) return;
+    peer.write(kHead + part(alarm(std::to_string(peer.number()))));
+    if (peer.number() >= 3) peer.waitForClose();
+  });
+  configure("1", device.port());
+  Listener& listener = listeners_.emplace_back();
+  const auto start = Clock::now();
+  subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait(4));
+  EXPECT_EQ(listener.alarms(), (Alarms{"1/0", "1/1", "1/2", "1/3"}));
+  EXPECT_LT(Clock::now() - start, 5s);
+}
+
+TEST_F(AlarmBusTest, HearsADeviceWithinTwoSecondsOfItsAnswering) {
+  auto device = std::make_unique<ScriptedDevice>(streaming(part(alarm("first"))));
+  const uint16_t port = device->port();
+  configure("1", port);
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait());
+  device.reset();
+  std::this_thread::sleep_for(1700ms);  // long enough for the longest delay to be reached
+  device = std::make_unique<ScriptedDevice>(streaming(part(alarm("second"))), port);
+  EXPECT_TRUE(listener.came.wait(2, 2000ms));
+}
+
+TEST_F(AlarmBusTest, LogsInWithDigest) {
+  std::atomic<bool> right{false};
+  ScriptedDevice device([&right](Peer& peer) {
+    const auto request = peer.read();
+    if (!request) return;
+    const std::string login = request->field("Authorization");
+    if (login.empty()) {
+      peer.write(
+          "HTTP/1.1 401 No\r\nWWW-Authenticate: Digest qop=\"auth\", realm=\"r\", "
+          "nonce=\"n1\"\r\nContent-Length: 0\r\n\r\n");
+      return;
+    }
+    right = login.find("username=\"u\"") != login.npos &&
+            login.find("uri=\"" + request->target + "\"") != login.npos;
+    peer.write(kHead + part(alarm("in")));
+    peer.waitForClose();
+  });
+  configure("1", device.port(), "u");
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait());
+  EXPECT_TRUE(right);
+  EXPECT_EQ(device.connections(), 2);
+}
+
+// Whatever the refusal looks like, a camera's account is not tried until it locks.
+TEST_F(AlarmBusTest, RefusedCredentialsAreNotHammered) {
+  for (const char* more : {"", ", stale=true"}) {
+    Events refused;
+    ScriptedDevice device([&](Peer& peer) {
+      if (!peer.read()) return;
+      peer.write(
+          "HTTP/1.1 401 No\r\nWWW-Authenticate: Digest qop=\"auth\", realm=\"r\", "
+          "nonce=\"n1\"" +
+          std::string(more) + "\r\nContent-Length: 0\r\n\r\n");
+      refused.signal();
+    });
+    configuration_.devices.clear();
+    configure("1", device.port(), "u");
+    Listener& listener = listeners_.emplace_back();
+    const int id = subscribe(listener, "1");
+    ASSERT_TRUE(refused.wait(2));
+    EXPECT_FALSE(refused.wait(4, 1200ms)) << more;
+    unsubscribe(id);
+  }
+}
+
+TEST_F(AlarmBusTest, ADeviceThatIsStartingIsAskedAgainSoon) {
+  ScriptedDevice device([](Peer& peer) {
+    if (!peer.read()) return;
+    if (peer.number() < 3) {
+      peer.write("HTTP/1.1 503 Later\r\nContent-Length: 0\r\n\r\n");
+    } else {
+      peer.write(kHead + part(alarm("up")));
+      peer.waitForClose();
+    }
+  });
+  configure("1", device.port());
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  EXPECT_TRUE(listener.came.wait(1, 10s));
+}
+
+TEST_F(AlarmBusTest, ARemovedDeviceIsLeftAndHeardAgainWhenItComesBack) {
+  Events closed;
+  ScriptedDevice device([&closed](Peer& peer) {
+    if (!peer.read() || !peer.write(kHead + part(alarm("on")))) return;
+    peer.waitForClose();
+    closed.signal();
+  });
+  ScriptedDevice other(streaming(part(alarm("other"))));
+  configure("1", device.port());
+  configure("2", other.port());
+  Listener& listener = listeners_.emplace_back();
+  const int id = subscribe(listener, "1");
+  std::string reply;
+  QN_AlarmBus_AddDevice(reply, id, "2", "");
+  ASSERT_TRUE(listener.came.wait(2));
+  const auto removed = configuration_.devices.front();
+  configuration_.devices.erase(configuration_.devices.begin());
+  publish();
+  EXPECT_TRUE(closed.wait());
+  EXPECT_NE(QN_AlarmBus_CheckIDValid(id), 0);
+  EXPECT_EQ(other.connections(), 1);
+  configuration_.devices.push_back(removed);
+  publish();
+  EXPECT_TRUE(listener.came.wait(3));
+}
+
+TEST_F(AlarmBusTest, NoCallbackAfterUnSubscribe) {
+  ScriptedDevice device(storming());
+  configure("1", device.port());
+  Listener& witness = listeners_.emplace_back();
+  subscribe(witness, "1");
+  for (int round = 0; round < 5; ++round) {
+    auto listener = std::make_unique<Listener>();
+    const int id = subscribe(*listener, "1");
+    ASSERT_TRUE(listener->came.wait(20));
+    EXPECT_EQ(unsubscribe(id), 0);
+    listener.reset();  // a late callback would be a use after free
+    ASSERT_TRUE(witness.came.wait(witness.came.count() + 50));
+  }
+}
+
+TEST_F(AlarmBusTest, TheLastAlarmOfAFeedMayOutliveTheBus) {
+  ScriptedDevice device(storming());
+  configure("1", device.port());
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait(20));
+  bus_.reset();
+}
+
+TEST_F(AlarmBusTest, APartOverTheLimitBreaksTheStreamAndNotTheBus) {
+  ScriptedDevice device([](Peer& peer) {
+    if (!peer.read() || !peer.write(kHead)) return;
+    if (peer.number() == 0) {
+      peer.write("--b\r\nContent-Length: 99999999\r\n\r\n");
+    } else {
+      peer.write(part(alarm("good")));
+    }
+    peer.waitForClose();
+  });
+  configure("1", device.port());
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  EXPECT_TRUE(listener.came.wait());
+}
+
+class SilentDeviceTest : public AlarmBusTest {
+ protected:
+  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms, .refused = 200ms}) {}
+};
+
+TEST_F(SilentDeviceTest, ASilentStreamIsOpenedAnew) {
+  ScriptedDevice device([](Peer& peer) {
+    if (!peer.read()) return;
+    peer.write(kHead + part(alarm(std::to_string(peer.number()))));
+    peer.waitForClose();
+  });
+  configure("1", device.port());
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait(3));
+  EXPECT_EQ(listener.alarms().at(2), "1/2");
+}
+
+TEST_F(SilentDeviceTest, RefusedCredentialsAreTriedAgainAfterAWhile) {
+  ScriptedDevice device([](Peer& peer) {
+    if (!peer.read()) return;
+    if (peer.number() < 4) {
+      peer.write(
+          "HTTP/1.1 401 No\r\nWWW-Authenticate: Digest qop=\"auth\", realm=\"r\", "
+          "nonce=\"n1\"\r\nContent-Length: 0\r\n\r\n");
+    } else {
+      peer.write(kHead + part(alarm("unlocked")));
+      peer.waitForClose();
+    }
+  });
+  configure("1", device.port(), "u");
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  EXPECT_TRUE(listener.came.wait());
+}
+
+class OneReactorTest : public AlarmBusTest {
+ protected:
+  OneReactorTest() : AlarmBusTest(1) {}
+};
+
+TEST_F(OneReactorTest, AStormDelaysNoOtherDevice) {
+  ScriptedDevice storm(storming());
+  Events ask;
+  std::atomic<Clock::duration::rep> sentAt{0};
+  ScriptedDevice quiet([&](Peer& peer) {
+    if (!peer.read() || !peer.write(kHead)) return;
+    for (int i = 1; i <= 10; ++i) {
+      if (!ask.wait(i)) return;
+      sentAt = Clock::now().time_since_epoch().count();
+      if (!peer.write(part(alarm("quiet")))) return;
+    }
+    peer.waitForClose();
+  });
+  configure("1", storm.port());
+  configure("2", quiet.port());
+  Listener& stormy = listeners_.emplace_back();
+  Listener& calm = listeners_.emplace_back();
+  subscribe(stormy, "1");
+  subscribe(calm, "2");
+  ASSERT_TRUE(stormy.came.wait(100));
+  for (int i = 1; i <= 10; ++i) {
+    ask.signal();
+    ASSERT_TRUE(calm.came.wait(i));
+    const auto delay = Clock::now().time_since_epoch() - Clock::duration(sentAt.load());
+    EXPECT_LT(delay, 1s);
+  }
+}
+
+}  // namespace
+}  // namespace qn
