@@ -114,6 +114,43 @@ class Replies(PassThroughTest):
                              (method, f"{url}{glue}devIndex=1", len(sent)))
 
 
+class Requests(PassThroughTest):
+    def test_documents_arrive_unchanged_with_the_device_index(self):
+        body = '{"Time": {"timeZone": "UTC-1"}}'
+        for method, url, sent, arrived in (
+                ("GET", "/KAVRO/System/time", "", "/KAVRO/System/time?devIndex=1"),
+                ("PUT", "/KAVRO/System/time?format=json", body,
+                 "/KAVRO/System/time?format=json&devIndex=1"),
+                ("POST", "/KAVRO/AccessControl/AcsEvent?a=%20b", '{"AcsEventCond": {}}',
+                 "/KAVRO/AccessControl/AcsEvent?a=%20b&devIndex=1")):
+            self.devices.order(clearLog=True)
+            answer = self.client().request(method, url, sent)
+            self.assertEqual((answer.status, answer.type()), (200, "application/json"), answer)
+            entry = self.arrived()
+            self.assertEqual((entry["method"], entry["url"], entry["body"]), (method, arrived, sent))
+
+    def test_the_devices_json_codes_decide_the_status(self):
+        for document, status in (
+                ({"statusCode": 4}, 403), ({"statusCode": 2}, 503), ({"statusCode": 1}, 200),
+                ({"errorCode": 0x40000006, "statusCode": 1}, 404),
+                ({"errorCode": 1, "statusCode": 3}, 500), ({"errorCode": "no"}, 200), ([1], 200)):
+            self.devices.fault(kind="reply", body=json.dumps(document))
+            answer = self.client().get("/KAVRO/Anything")
+            self.assertEqual((answer.status, answer.json()), (status, document))
+
+    def test_no_client_reaches_another_users_device(self):
+        before = self.devices.state(2)["requests"]
+        for url in ("/KAVRO/System/time?devIndex=2", "/KAVRO/System/time?devIndex=1&devIndex=2",
+                    "/KAVRO/System/time?x=1&devIndex=2#", "/KAVRO/System/time?%64evIndex=2",
+                    "/KAVRO/System/deviceInfo?devIndex=2&"):
+            self.client().get(url)
+        self.assertEqual(self.devices.state(2)["requests"], before)
+
+    def test_nine_megabytes_arrive(self):
+        self.client().put("/KAVRO/Import", b"x" * (9 * 1024 * 1024))
+        self.assertEqual(self.devices.state()["log"][-1]["bodyBytes"], 9 * 1024 * 1024)
+
+
 class FacePictures(PassThroughTest):
     def test_curl_posts_a_face_record(self):
         with tempfile.TemporaryDirectory() as folder:
