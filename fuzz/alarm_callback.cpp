@@ -1,0 +1,65 @@
+// Any text as an alarm: consumed or refused, and each of the device's two streams gets the same
+// whole part or none.
+#include <charconv>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "alert/event_pto.h"
+#include "tests/unit/fake/fake_platform.h"
+
+using QNKAVROProtocol::CEventPto;
+
+namespace {
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+int Open(CEventPto& pto) {
+  const auto record =
+      fake::http().open({QNHttpService::HTTP_GET, "/KAVRO/Event/notification/alertStream"});
+  int bodyIsXml = 1;
+  int asyncReply = 0;
+  std::string body;
+  Require(pto.procProtocol(bodyIsXml, body, asyncReply, record, "1") == 200);
+  return record.exchange->getHttpHandle();
+}
+
+// The body after a part's header; the length must be the header's.
+void CheckPart(const std::string& part) {
+  constexpr std::string_view kLength = "Content-Length: ";
+  const std::size_t digits = part.find(kLength) + kLength.size();
+  const std::size_t end = part.find("\r\n\r\n");
+  Require(part.starts_with("--boundary\r\nContent-Type: application/") && end != part.npos);
+  std::size_t length = 0;
+  std::from_chars(part.data() + digits, part.data() + end, length);
+  Require(part.size() == end + 4 + length);
+  if (!part.starts_with("--boundary\r\nContent-Type: application/xml")) return;
+  QNBase::CXmlBase xml;
+  Require(xml.Parse(part.substr(end + 4)));
+  Require(xml.FindElem("EventNotificationAlert") && xml.IntoElem());
+  Require(!xml.FindElem("devIndex"));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fake::reset();
+  CEventPto pto;
+  Require(pto.start() == 0);
+  const int first = Open(pto);
+  const int second = Open(pto);
+  const int length = static_cast<int>(size);
+  const int result =
+      fake::alarmBus().raise(std::string_view(reinterpret_cast<const char*>(data), size));
+  Require(result == length || result == -1);
+  fake::runtime().runJobs();
+  const auto parts = fake::http().answer(first).parts;
+  Require(parts.size() <= (result == length ? 1u : 0u));
+  Require(parts == fake::http().answer(second).parts);
+  for (const auto& part : parts) CheckPart(part);
+  pto.stop();
+  return 0;
+}
