@@ -73,6 +73,10 @@ lock_seconds = 60
 [storage]
 data_dir = "/tmp/x"
 operation_log_rows = 10
+[pictures]
+max_bytes = 1048576
+max_count = 3
+full = "refuse"
 [bus]
 device_connections = 2
 device_queue = 0
@@ -129,6 +133,9 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   EXPECT_EQ(c.lock.lockTime, seconds(60));
   EXPECT_EQ(c.storage.dataDir, "/tmp/x");
   EXPECT_EQ(c.storage.operationLogRows, 10U);
+  EXPECT_EQ(c.pictures.maxBytes, 1048576U);
+  EXPECT_EQ(c.pictures.maxCount, 3U);
+  EXPECT_EQ(c.pictures.full, PictureOptions::WhenFull::Refuse);
   EXPECT_EQ(c.bus.deviceConnections, 2U);
   EXPECT_EQ(c.bus.deviceQueue, 0U);
   EXPECT_EQ(c.bus.replyBytes, 5000U);
@@ -199,6 +206,8 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {"[kavro]\nrealm = \"a\\\"b\"\n", ":2: kavro.realm: expected a string"},
       {"[kavro]\nalgorithm = \"md5\"\n", ":2: kavro.algorithm: expected a string: \"MD5\" or"},
       {"[lock]\nmax_attempts = 0\n", ":2: lock.max_attempts: expected an integer from 1"},
+      {"[pictures]\nmax_bytes = 1000\n", ":2: pictures.max_bytes: expected an integer from"},
+      {"[pictures]\nfull = \"drop\"\n", ":2: pictures.full: expected a string: \"refuse\" or"},
       {"[log]\nlevel = \"all\"\n", ":2: log.level: expected a string: \"debug\""},
       {"users = 1\n", ":1: users: expected sections [[users]]"},
       {"[devices]\nindex = \"1\"\n", ":1: devices: expected sections [[devices]]"},

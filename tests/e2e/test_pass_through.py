@@ -50,7 +50,8 @@ class PassThroughTest(harness.GatewayTest):
         return self.client(name).request(method, url, body, headers)
 
     def fetch(self, url, method="GET"):
-        found = re.fullmatch(r"http://127\.0\.0\.1:(\d+)(/NovGatewayStorage/[0-9a-f]{32}\.\w{3})", url)
+        found = re.fullmatch(r"http://127\.0\.0\.1:(\d+)(/NovGatewayStorage/[0-9a-f]{32}\.\w{3})",
+                             url)
         self.assertTrue(found, url)
         self.assertEqual(int(found.group(1)), self.picture_port())
         answers = []
@@ -194,12 +195,13 @@ class FacePictures(PassThroughTest):
     def test_faults_are_answered_once_and_the_request_still_goes_on(self):
         info = {"FaceInfo": {"employeeNo": "fault"}}
         no_picture, wrong_type, bad_body = (503, 6), (415, 3), (400, 5)
-        cases = ((("POST", FACE_RECORD), (description(**info), ("image/gif", b"GIF89a")), wrong_type),
+        gif = ("image/gif", b"GIF89a")
+        cases = ((("POST", FACE_RECORD), (description(**info), gif), wrong_type),
                  (("POST", FACE_RECORD), (description(**info),), no_picture),
                  (("POST", FACE_RECORD), (description(**info), (None, b"undefined")), no_picture),
                  (("POST", FACE_RECORD), (description(FaceInfo={}), ("image/png", PNG)), bad_body),
                  (("PUT", FACE_SET_UP), (description(faceURL=1, FPID="1"),), bad_body),
-                 (("PUT", FACE_SET_UP), (("application/json", b"[]"), ("image/png", PNG)), bad_body))
+                 (("PUT", FACE_SET_UP), (("application/json", b"[]"), gif), bad_body))
         for request, parts, (status, code) in cases:
             self.devices.order(clearLog=True)
             with self.subTest(request=request, parts=parts):
@@ -210,9 +212,9 @@ class FacePictures(PassThroughTest):
                 self.assertEqual(answer.xml().findtext("statusCode"), str(code))
                 # The connection is in step: no second answer is on it.
                 self.assertEqual(mine.get("/KAVRO/System/deviceInfo").status, 200)
-                harness.wait_until(lambda: ("?" in request[1]) and any(
-                    url.startswith(request[1]) for _, url in self.devices.requests()),
-                    what="the forwarded request")
+                forwarded = (request[0], request[1] + "&devIndex=1")
+                harness.wait_until(lambda: forwarded in self.devices.requests(),
+                                   what="the forwarded request")
 
     def test_a_form_without_its_end_is_refused_and_not_forwarded(self):
         body, headers = multipart([description(FPID="1"), ("image/png", PNG)], closing="\r\n")
@@ -226,7 +228,8 @@ class FacePictures(PassThroughTest):
             with client.Client(port) as anybody:
                 for name in names:
                     answer = anybody.get(f"/NovGatewayStorage/{name}")
-                    self.assertEqual((answer.status, answer.type()), (404, "application/json"), name)
+                    self.assertEqual((answer.status, answer.type()), (404, "application/json"),
+                                     name)
         with client.Client(self.picture_port()) as anybody:
             for method, url in (("GET", "/"), ("GET", "/KAVRO/System/deviceInfo"),
                                 ("GET", "/NovGatewayStorage"), ("POST", FACE_RECORD)):
@@ -237,9 +240,8 @@ class StoreOfTwo(PassThroughTest):
     sections = {"pictures": {"max_count": 2, "full": "refuse"}}
 
     def add(self, name):
-        answer = self.upload("POST", FACE_RECORD, description(FaceInfo={"employeeNo": name}),
-                             ("image/jpeg", JPEG + name.encode()))
-        return answer
+        return self.upload("POST", FACE_RECORD, description(FaceInfo={"employeeNo": name}),
+                           ("image/jpeg", JPEG + name.encode()))
 
     def test_full_restart_and_leftovers(self):
         for name in ("first", "second"):

@@ -10,6 +10,7 @@ class Routing : public PlatformTest {};
 // passed through, and outside "/KAVRO/" it is nobody's.
 TEST_F(Routing, ClaimsAndDeviceUrls) {
   const std::string passed = "(passed through)";
+  const std::string stream = "(alert stream)";
   const std::string nobody = "(nobody)";
   const struct {
     unsigned int method;
@@ -72,8 +73,13 @@ TEST_F(Routing, ClaimsAndDeviceUrls) {
 
       {0, "/KAVRO/Anything/else", passed},
       {1, "/KAVRO/Event/notification/alertStream", passed},
+      {0, "/KAVRO/Event/notification/alertStream", stream},
+      {0, "/KAVRO/Event/notification/alertStream/", passed},
+      {5, "/KAVRO/System/deviceInfo", passed},
+      {0, "/KAVRO/", passed},
       {0, "/NotKAVRO/System/deviceInfo", nobody},
       {0, "/kavro/System/deviceInfo", nobody},
+      {0, "/KAVRO", nobody},
   };
   for (const auto& [method, url, device, body] : cases) {
     fake::reset();
@@ -81,6 +87,12 @@ TEST_F(Routing, ClaimsAndDeviceUrls) {
     if (device == nobody) {
       EXPECT_EQ(outcome.status, 404) << method << " " << url;
       EXPECT_EQ(fake::login().checks, 0) << method << " " << url;
+      continue;
+    }
+    EXPECT_EQ(fake::login().checks, 1) << method << " " << url;
+    if (device == stream) {
+      EXPECT_TRUE(fake::deviceBus().seen.empty());
+      EXPECT_TRUE(outcome.answer().stream);
       continue;
     }
     ASSERT_EQ(fake::deviceBus().seen.size(), 1u) << method << " " << url << outcome.body;

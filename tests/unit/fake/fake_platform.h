@@ -121,10 +121,12 @@ struct Config {
   int extRtspPort = 0;
   int mode = KAVRO_MODE_ONE_PORT;
 
+  int addressResult = 0;  // what getIPv4ByProtocol returns
   std::string address = "192.0.2.1";
-  int picturePort = 8090;
-  int uploadError = 0;  // non-zero: uploads fail with it
-  std::string uploadUrl = "http://192.0.2.1:8090/pic/1.jpg";
+  int picturePort = 0;  // never another process's, as the real check sees it
+  // The outcome of each upload in turn: its storage error; nothing: stored, as are those beyond the
+  // list's end, under "http://pictures/" and the upload's number, from 1.
+  std::vector<std::optional<int>> uploadFaults;
   std::vector<std::string> uploads;
 
   std::set<std::string> devices = {"1"};

@@ -29,14 +29,18 @@ struct NetworkCfg final : CNetworkCfg {
   int getPssUploadPort() const override { return values.picturePort; }
   int getIPv4ByProtocol(_NIC_INFO_V4& address, DeviceProtocol /*protocol*/) const override {
     std::snprintf(address.address, sizeof address.address, "%s", values.address.c_str());
-    return 0;
+    return values.addressResult;
   }
   bool uploadFacetoPss(int& errorOut, std::string& urlOut, const std::string& picture,
                        const std::string& /*clientUrl*/) const override {
     config().uploads.push_back(picture);
-    errorOut = values.uploadError;
-    if (values.uploadError == 0) urlOut = values.uploadUrl;
-    return values.uploadError == 0;
+    const std::size_t number = config().uploads.size();
+    if (number <= values.uploadFaults.size() && values.uploadFaults[number - 1]) {
+      errorOut = *values.uploadFaults[number - 1];
+      return false;
+    }
+    urlOut = "http://pictures/" + std::to_string(number);
+    return true;
   }
 };
 

@@ -1,0 +1,54 @@
+// Any multipart body of a face-library request. The first line is the content type, the rest the
+// body. What is read are pieces of the body, the description first; and a form that is put around
+// the same bytes gives them back.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "gateway/http/multipart.h"
+#include "platform/base_library.h"
+
+namespace {
+
+void Require(bool holds) {
+  if (!holds) std::abort();
+}
+
+void ReadAny(std::string_view contentType, std::string_view body) {
+  const auto face = qn::readFaceBody(contentType, body);
+  if (!face) return;
+  Require(face->bytes.size() <= body.size());
+  Require(face->hasMimeType == !face->mimeType.empty());
+  Require(face->mimeType.empty() || body.find(face->mimeType) != body.npos);
+  std::string picture;
+  getBinPart(picture, face->bytes.data(), static_cast<int>(face->bytes.size()), "");
+  Require(std::string_view(face->bytes).ends_with(picture));
+}
+
+// No boundary of the form can be among bytes that have no such text.
+void ReadFramed(std::string_view picture) {
+  constexpr std::string_view kDescription = "{\"FPID\":\"1\"}";
+  if (picture.find("--boundary") != picture.npos) return;
+  const std::string delimiter = "\r\n--boundary";
+  const std::string one = "\r\nContent-Type: application/json\r\n\r\n" + std::string(kDescription);
+  const std::string two = "\r\nContent-Type: image/png\r\n\r\n" + std::string(picture);
+  const std::string expected = std::string(kDescription) + std::string(picture);
+  for (const std::string& parts : {one + delimiter + two, two + delimiter + one}) {
+    const auto face = qn::readFaceBody("multipart/form-data; boundary=boundary",
+                                       delimiter + parts + delimiter + "--\r\n");
+    Require(face && face->bytes == expected && face->mimeType == "image/png");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  const std::size_t line = std::min(input.find('\n'), size);
+  const std::string_view body = input.substr(std::min(line + 1, size));
+  ReadAny(input.substr(0, line), body);
+  ReadFramed(body);
+  return 0;
+}

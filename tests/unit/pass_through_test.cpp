@@ -1,0 +1,180 @@
+// What is handed to the device as it came, and what becomes of the device's answer.
+#include "passthrough/device_kavro_pto.h"
+#include "platform/base_library.h"
+#include "platform/wlog.h"
+#include "tests/unit/conversation.h"
+
+namespace QNKAVROProtocol {
+namespace {
+
+constexpr const char* kUrl = "/KAVRO/System/time";
+
+class PassThrough : public PlatformTest {};
+
+TEST_F(PassThrough, ForwardsAsItCameWithTheDeviceAndTheResourcesTime) {
+  const struct {
+    unsigned int method;
+    const char* url;
+    const char* added;
+    int timeoutMs;
+    const char* body = "";
+  } cases[] = {
+      {0, "/KAVRO/System/time", "?devIndex=1", 15000},
+      {1, "/KAVRO/System/time?format=json", "&devIndex=1", 15000, "{ }"},
+      {6, "/KAVRO/System/time?", "&devIndex=1", 15000, "<a/>"},
+      {0, "/KAVRO/System/time#?", "&devIndex=1", 15000},
+      {0, "/KAVRO/System/time?devIndex=2", "&devIndex=1", 15000},
+      {1, "/KAVRO/AccessControl/CardInfo/Delete?format=json", "&devIndex=1", 60000, "{}"},
+      {2, "/KAVRO/AccessControl/CardInfo/Delete", "?devIndex=1", 15000, "{}"},
+      {1, "/KAVRO/AccessControl/CardInfo/Delete/", "?devIndex=1", 15000, "{}"},
+      {2, "/KAVRO/AccessControl/AcsEvent", "?devIndex=1", 30000, "{}"},
+      {0, "/KAVRO/AccessControl/AcsEvent", "?devIndex=1", 15000},
+      {0, "/KAVRO/Intelligent/FDLib/FaceDataRecord", "?devIndex=1", 30000},
+      {3, "/KAVRO/Intelligent/FDLib/FDSetUp?x", "&devIndex=1", 30000},
+      {3, "/KAVRO/Intelligent/FDLib", "?devIndex=1", 15000},
+  };
+  for (const auto& [method, url, added, timeoutMs, body] : cases) {
+    fake::reset();
+    const Outcome outcome = process({method, url, body});
+    EXPECT_EQ(outcome.status, 200) << url;
+    EXPECT_EQ(outcome.asyncReply, 1) << url;
+    ASSERT_EQ(fake::deviceBus().seen.size(), 1u) << url;
+    const fake::BusRequest& sent = fake::deviceBus().seen[0];
+    EXPECT_EQ(sent.method, method) << url;
+    EXPECT_EQ(sent.url, std::string(url) + added);
+    EXPECT_EQ(sent.body, body) << url;
+    EXPECT_EQ(sent.timeoutMs, timeoutMs) << url;
+  }
+}
+
+TEST_F(PassThrough, UrlIsForwardedUpToItsLimit) {
+  const std::string longest = "/KAVRO/" + std::string(2048 - 7 - 11, 'x');
+  EXPECT_EQ(get(longest).asyncReply, 1);
+  ASSERT_EQ(fake::deviceBus().seen.size(), 1u);
+  EXPECT_EQ(fake::deviceBus().seen[0].url.size(), 2048u);
+
+  const Outcome outcome = get(longest + "x");
+  EXPECT_EQ(outcome.asyncReply, 0);
+  EXPECT_EQ(fake::deviceBus().seen.size(), 1u);
+  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, longest + "x"));
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "param error"));
+}
+
+// Class 4 is a status of 403, 2 of 503; 0x40000006 is 404.
+TEST_F(PassThrough, RepliesComeBackAsTheyAreWithTheStatusOfTheirCodes) {
+  const std::string json = "application/json";
+  const std::string xml = "application/xml";
+  const struct {
+    std::string reply;
+    int status;
+    std::string type;
+  } cases[] = {
+      {"{}", 200, json},
+      {" { \"a\" : 1.50 }\n", 200, json},
+      {"[{\"statusCode\":4}]", 200, json},
+      {"3", 200, json},
+      {R"({"statusCode":4})", 403, json},
+      {R"({"statusCode":2,"errorCode":1})", 503, json},
+      {R"({"statusCode":1,"errorCode":1073741830})", 404, json},
+      {R"({"statusCode":4,"errorCode":"1073741830"})", 403, json},
+      {R"({"statusCode":"4"})", 200, json},
+      {R"({"data":{"statusCode":4}})", 200, json},
+      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403, xml},
+      {"<ResponseStatus><errorCode>1073741830</errorCode><statusCode>1</statusCode>"
+       "</ResponseStatus>",
+       404, xml},
+      {"<ResponseStatus><errorCode>1</errorCode><statusCode>2</statusCode></ResponseStatus>", 503,
+       xml},
+      {"<ResponseStatus><statusCode>2</statusCode><errorCode>1</errorCode></ResponseStatus>", 200,
+       xml},
+      {"<Other><statusCode>4</statusCode></Other>", 200, xml},
+      {"<ResponseStatus><statusCode>4", 200, xml},
+      {"no document", 200, xml},
+      {std::string("\xFF\xD8\xFF\0{\"statusCode\":4}", 20), 200, xml},
+      {"", 200, xml},
+  };
+  for (const auto& [reply, status, type] : cases) {
+    const fake::Answer answer = converse(kUrl, reply);
+    EXPECT_EQ(answer.count, 1) << reply;
+    EXPECT_EQ(answer.status, status) << reply;
+    EXPECT_EQ(answer.headers.at("Content-Type"), type) << reply;
+    EXPECT_EQ(answer.body, reply);
+  }
+}
+
+TEST_F(PassThrough, TextRepliesAreLoggedAndPicturesAreNot) {
+  converse(kUrl, "{\"a\":1}");
+  EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = {\"a\":1}]"));
+  converse(kUrl, std::string("secret\0picture", 14));
+  EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = ]"));
+}
+
+TEST_F(PassThrough, RefusalOfTheBusIsTheAnswer) {
+  fake::deviceBus().refusal = DEVCFGBUS_UNKNOWN_DEVICE;
+  const Outcome outcome = get(kUrl);
+  EXPECT_EQ(outcome.status, 404);
+  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x40000006, kUrl));
+  EXPECT_EQ(outcome.asyncReply, 0);
+}
+
+TEST_F(PassThrough, NoExchangeIsNoResources) {
+  Outcome outcome;
+  CDeviceKAVROPto handler;
+  EXPECT_EQ(handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, {}, "1"),
+            getHttpStatusCodeByErrorNo(0x60000001));
+  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, ""));
+}
+
+// The callback with records that procProtocol would not make.
+TEST_F(PassThrough, CallbackAnswersWhomItCan) {
+  const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
+  const int handle = record.exchange->getHttpHandle();
+  char reply[] = "{\"statusCode\":4}";
+  const int length = sizeof reply - 1;
+  const auto call = [&](int httpHandle, const void* owner) {
+    auto* data = new tagDEVCFG_USERDATA;
+    data->httpHandle = httpHandle;
+    data->owner = owner;
+    return CDeviceKAVROPto::deviceKAVROCallBack(reply, length, data);
+  };
+  EXPECT_EQ(call(-1, &reply), 0);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 2"));
+  EXPECT_EQ(fake::http().answer(handle).count, 0);
+  EXPECT_EQ(call(handle, nullptr), 0);  // without a handler the reply is not looked at
+  const fake::Answer answer = fake::http().answer(handle);
+  EXPECT_EQ(answer.count, 1);
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(answer.headers.at("Content-Type"), "application/xml");
+  EXPECT_EQ(answer.body, reply);
+
+  tagDEVCFG_USERDATA kept;
+  kept.httpHandle = handle;
+  EXPECT_EQ(CDeviceKAVROPto::deviceKAVROCallBack(nullptr, 1, &kept), -1);
+  EXPECT_EQ(CDeviceKAVROPto::deviceKAVROCallBack(reply, -1, &kept), -1);
+  EXPECT_EQ(CDeviceKAVROPto::deviceKAVROCallBack(reply, length, nullptr), -1);
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 1"));
+}
+
+TEST_F(PassThrough, ClientThatIsGoneIsNobodysProblem) {
+  const Outcome outcome = get(kUrl);
+  fake::http().forget(outcome.handle);
+  EXPECT_EQ(fake::deviceBus().reply("{}"), 0);
+}
+
+TEST_F(PassThrough, NoMemoryForTheRecordIsNoResources) {
+  const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
+  Outcome outcome;
+  CDeviceKAVROPto handler;
+  {
+    const fake::FailNothrowAllocations noMemory;
+    outcome.status =
+        handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, "1");
+  }
+  EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(0x60000001));
+  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, kUrl));
+  EXPECT_TRUE(fake::deviceBus().seen.empty());
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "No resouce."));
+}
+
+}  // namespace
+}  // namespace QNKAVROProtocol
