@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
 """Loads the gateway and, beside it, nginx as a plain proxy of the same device, in turn.
 
-Starts a sub-device stand-in (nginx answering one fixed JSON document), nginx as a proxy to it and
+Starts a sub-device stand-in (nginx answering every request with one document: device information,
+or a JSON text or a picture of --reply-bytes), nginx as a proxy to it (without temporary files) and
 qn-gateway, loads both with qn-load (Digest login, every request its own nonce count) and prints
 requests per second, latency, CPU per request and their ratio, and the gateway's memory. Needs
-nginx; build the project first (Release). Usage: proxy_comparison.py --build build/release
+nginx; build the project first (Release).
+
+proxy_comparison.py --build build/release                       a translated reply
+proxy_comparison.py --path /KAVRO/Any/Thing --reply-bytes 600   one that is passed through
 """
 import argparse
 import json
@@ -62,17 +66,31 @@ http {{ access_log off; keepalive_requests 1000000000; keepalive_timeout 600s;
                             stderr=subprocess.DEVNULL)
 
 
-def device(folder, port):
-    text = json.dumps(DEVICE_INFO)
-    return nginx(folder, "device", 1, f"""server {{ listen 127.0.0.1:{port}; default_type
-  application/json; location / {{ return 200 '{text}'; }} }}""")
+def reply_of(kind, size):
+    """About `size` bytes (none: the device information) of JSON, or of a picture."""
+    if not size:
+        return json.dumps(DEVICE_INFO).encode()
+    if kind == "picture":
+        return b"\xff\xd8\xff\xe0\x00\x10JFIF\x00" + os.urandom(size - 11)
+    entry = {"employeeNo": "00001234", "name": "A visitor", "time": "2026-01-31T23:59:59+01:00",
+             "cardReaderNo": 1, "doorNo": 2, "minor": 75, "currentVerifyMode": "cardOrFace"}
+    count = max(1, size // (len(json.dumps(entry)) + 2))
+    return json.dumps({"AcsEvent": {"numOfMatches": count, "InfoList": [entry] * count}}).encode()
+
+
+def device(folder, port, reply):
+    (folder / "reply").write_bytes(reply)
+    folder.chmod(0o755)  # nginx drops root's rights
+    return nginx(folder, "device", 1, f"""sendfile on; open_file_cache max=1;
+  server {{ listen 127.0.0.1:{port}; default_type application/json; root {folder};
+  location / {{ error_page 405 =200 /reply; rewrite ^ /reply break; }} }}""")
 
 
 def proxy(folder, port, device_port, workers):
     return nginx(folder, "proxy", workers, f"""
   upstream device {{ server 127.0.0.1:{device_port}; keepalive 64; keepalive_requests 1000000000; }}
   server {{ listen 127.0.0.1:{port}; location / {{ proxy_pass http://device;
-    proxy_http_version 1.1; proxy_set_header Connection ""; }} }}""")
+    proxy_max_temp_file_size 0; proxy_http_version 1.1; proxy_set_header Connection ""; }} }}""")
 
 
 def gateway(folder, build, port, device_port):
@@ -80,6 +98,8 @@ def gateway(folder, build, port, device_port):
     conf.write_text(f"""
 [http]
 port = {port}
+[network]
+picture_port = {free_port()}
 [bus]
 device_connections = 64
 [storage]
@@ -117,11 +137,12 @@ def resident_kib(pid):
     return 0
 
 
-def load(build, port, connections, seconds, pid):
+def load(port, connections, args, pid):
     before = cpu_seconds(pid)
     out = subprocess.run(
-        [str(build / "bin/qn-load"), "--port", str(port), "--connections", str(connections),
-         "--seconds", str(seconds), "--password", PASSWORD],
+        [str(args.build / "bin/qn-load"), "--port", str(port), "--path", args.path,
+         "--connections", str(connections), "--seconds", str(args.seconds),
+         "--password", PASSWORD],
         check=True, capture_output=True, text=True).stdout
     result = json.loads(out)
     result["cpu_s_per_10k"] = (cpu_seconds(pid) - before) * 10000 / result["requests"]
@@ -130,11 +151,11 @@ def load(build, port, connections, seconds, pid):
     return result
 
 
-def compare(build, ports, pids, connections, args):
+def compare(ports, pids, connections, args):
     rows = {"nginx": [], "gateway": []}
     for _ in range(args.rounds):
         for name, row in rows.items():
-            row.append(load(build, ports[name], connections, args.seconds, pids[name]))
+            row.append(load(ports[name], connections, args, pids[name]))
     print(f"\n{connections} connection(s), {args.rounds} rounds of {args.seconds} s in turn, medians")
     print(f"{'':10}{'req/s':>10}{'p50 us':>10}{'p99 us':>10}{'CPU s/10k':>12}")
     for name, row in rows.items():
@@ -166,6 +187,9 @@ def idle_memory(port, pid, count):
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build", type=pathlib.Path, default=pathlib.Path("build/release"))
+    parser.add_argument("--path", default="/KAVRO/System/deviceInfo")
+    parser.add_argument("--reply-bytes", type=int, default=0, help="0: device information")
+    parser.add_argument("--reply-kind", choices=("json", "picture"), default="json")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=4)
     parser.add_argument("--workers", type=int, default=2, help="nginx worker processes")
@@ -175,7 +199,8 @@ def main():
     ports = {name: free_port() for name in ("device", "nginx", "gateway")}
     with tempfile.TemporaryDirectory() as temporary:
         folder = pathlib.Path(temporary)
-        running = [device(folder, ports["device"]),
+        running = [device(folder, ports["device"],
+                          reply_of(args.reply_kind, args.reply_bytes)),
                    proxy(folder, ports["nginx"], ports["device"], args.workers),
                    gateway(folder, args.build, ports["gateway"], ports["device"])]
         try:
@@ -184,7 +209,7 @@ def main():
             pids = {"nginx": running[1].pid, "gateway": running[2].pid}
             print(f"gateway resident after start: {resident_kib(pids['gateway'])} KiB")
             for connections in (1, 64):
-                compare(args.build, ports, pids, connections, args)
+                compare(ports, pids, connections, args)
             print(f"\ngateway resident after load: {resident_kib(pids['gateway'])} KiB")
             print(f"idle keep-alive connection: "
                   f"{idle_memory(ports['gateway'], pids['gateway'], args.idle):.2f} KiB resident")
