@@ -52,6 +52,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   void sendRequest();
   void waitForBytes();
   void readBytes();
+  void gather();
   bool parse(std::string_view bytes);
   bool beginStream();
   bool takeRefusal();
@@ -72,6 +73,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   Tcp::socket socket_;
   Tcp::resolver resolver_;
   boost::asio::steady_timer timer_;
+  boost::asio::steady_timer pause_;
   ClientLogin login_;
   bool credentialsSent_ = false;
   std::optional<StreamResponse> response_;

@@ -58,9 +58,21 @@ int FlexPool::work(void* job) {
     if (error != 0 && threads_.empty()) return error;
   }
   queue_.push_back(job);
-  wakeUp_.notify_one();
+  callHelp();
   return 0;
 }
+
+// Keeps this true: while jobs wait and a thread idles, a thread is on its way or looks after them
+// from time to time. A wake-up costs more than most jobs, so a few threads do them all as long as
+// these get on.
+void FlexPool::callHelp() {
+  if (queue_.empty() || idle_ == 0 || onTheWay_) return;
+  if (watched_ && !wantsThread()) return;
+  onTheWay_ = true;
+  wakeUp_.notify_one();
+}
+
+bool FlexPool::wantsThread() const { return threads_.size() - idle_ < kEagerThreads; }
 
 int FlexPool::startOne() {
   threads_.reserve(threads_.size() + 1);
@@ -77,6 +89,8 @@ void FlexPool::run() {
   while (awaitJob(lock)) {
     void* const job = queue_.front();
     queue_.pop_front();
+    ++taken_;
+    callHelp();
     lock.unlock();
     callRoutine("pool", [&] { return options_.routine(job); });
     lock.lock();
@@ -85,9 +99,32 @@ void FlexPool::run() {
 }
 
 bool FlexPool::awaitJob(Lock& lock) {
+  if (!queue_.empty()) return true;
   ++idle_;
-  wakeUp_.wait_for(lock, options_.idleTime, [this] { return finishing_ || !queue_.empty(); });
+  const auto end = std::chrono::steady_clock::now() + options_.idleTime;
+  while (!finishing_ && (queue_.empty() || !watchQueue(lock))) {
+    const auto status = wakeUp_.wait_until(lock, end);
+    onTheWay_ = false;
+    if (status == std::cv_status::timeout && queue_.empty()) break;
+  }
   --idle_;
+  return !queue_.empty();
+}
+
+// For an idle thread that finds jobs: whether it is to take one. With enough threads at work it
+// only sees to it that they get on.
+bool FlexPool::watchQueue(Lock& lock) {
+  onTheWay_ = false;
+  if (wantsThread()) return true;
+  if (watched_) return false;
+  watched_ = true;
+  uint64_t before;
+  do {
+    before = taken_;
+    wakeUp_.wait_for(lock, kPatience);
+    onTheWay_ = false;
+  } while (!finishing_ && !queue_.empty() && !wantsThread() && taken_ != before);
+  watched_ = false;
   return !queue_.empty();
 }
 

@@ -46,6 +46,13 @@ class FlexPool : public std::enable_shared_from_this<FlexPool> {
   // Waits until there is a job, the idle time is over or the pool finishes; whether to go on.
   bool awaitJob(Lock& lock);
   void leave();
+  void callHelp();
+  bool wantsThread() const;
+  bool watchQueue(Lock& lock);
+
+  // As many threads take jobs at once; more only when none has taken one for kPatience.
+  static constexpr std::size_t kEagerThreads = 2;
+  static constexpr std::chrono::milliseconds kPatience{5};
 
   const FlexPoolOptions options_;
   std::mutex mutex_;
@@ -53,7 +60,10 @@ class FlexPool : public std::enable_shared_from_this<FlexPool> {
   // Guarded by mutex_:
   std::deque<void*> queue_;
   std::vector<pthread_t> threads_;
-  std::size_t idle_ = 0;  // threads that wait; those already notified count until they wake
+  std::size_t idle_ = 0;   // threads that wait; those already notified count until they wake
+  bool onTheWay_ = false;  // a thread was notified and has not looked yet
+  bool watched_ = false;   // an idle thread watches that the others get on
+  uint64_t taken_ = 0;     // jobs
   bool finishing_ = false;
 };
 

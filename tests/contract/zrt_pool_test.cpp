@@ -55,6 +55,46 @@ TEST(FlexPool, StartsThreadsUpToTheMaximumAndNoMore) {
   EXPECT_EQ(entered.count(), kJobs);
 }
 
+// Idle threads are woken sparingly, but jobs that block must not hold up those behind them.
+TEST(FlexPool, BlockedJobsLeaveTheOthersToIdleThreads) {
+  constexpr int kThreads = 6;
+  Events entered, opened, quick;
+  Job blocks = [&] {
+    entered.signal();
+    EXPECT_TRUE(opened.wait());
+  };
+  Job runs = [&] { quick.signal(); };
+  Pool pool(kThreads);
+  for (int i = 0; i < kThreads; ++i) EXPECT_EQ(pool.work(blocks), 0);
+  ASSERT_TRUE(entered.wait(kThreads));
+  opened.signal();  // from now on all threads idle
+  Events again, reopened;
+  Job blocksAgain = [&] {
+    again.signal();
+    EXPECT_TRUE(reopened.wait());
+  };
+  for (int i = 1; i < kThreads; ++i) EXPECT_EQ(pool.work(blocksAgain), 0);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(pool.work(runs), 0);
+  EXPECT_TRUE(again.wait(kThreads - 1));
+  EXPECT_TRUE(quick.wait(100));
+  reopened.signal();
+}
+
+// Jobs that come just as threads give up waiting are not forgotten.
+TEST(FlexPool, NoJobIsLostBetweenWaitingAndEnding) {
+  for (const int idleMs : {0, 1}) {
+    Events ran;
+    Job job = [&] { ran.signal(); };
+    Pool pool(3, idleMs);
+    int expected = 0;
+    for (int round = 0; round < 1500; ++round) {
+      for (int i = 0; i <= round % 4; ++i, ++expected) ASSERT_EQ(pool.work(job), 0);
+      ASSERT_TRUE(ran.wait(expected)) << round;
+      if (round % 5 == 0) std::this_thread::sleep_for(idleMs * 1ms);
+    }
+  }
+}
+
 TEST(FlexPool, IdleThreadsEndAndComeBack) {
   static Events ended;
   struct AtThreadEnd {
