@@ -1,11 +1,12 @@
 // Any reply to a request that is passed through: the client gets it once and unchanged, as JSON if
-// and only if it is JSON. The rest of the callback's arguments are as the bus hands them over.
+// and only if a full reader takes it for JSON, and then with the status that it finds.
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
 
 #include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "protocol/device_reply.h"
 #include "tests/unit/fake/fake_platform.h"
 
 namespace {
@@ -31,8 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(answer.count == 1 && answer.body == reply);
   Require(answer.status >= 200 && answer.status <= 599);
   Json::Value json;
-  const char* expected =
-      QNKAVROProtocol::parseJson(reply, json) ? "application/json" : "application/xml";
+  const bool isJson = QNKAVROProtocol::parseJson(reply, json);
+  const char* expected = isJson ? "application/json" : "application/xml";
   Require(answer.headers.at("Content-Type") == expected);
+  Require(!isJson || answer.status == QNKAVROProtocol::statusOfJsonReply(json));
   return 0;
 }

@@ -44,13 +44,18 @@ struct ReplyMeaning {
 };
 
 ReplyMeaning meaningOf(std::string_view reply) {
+  if (const auto status = statusOfPlainJson(reply)) return {*status, true};
   Json::Value json;
   if (parseJson(reply, json)) return {statusOfJsonReply(json), true};
   return {statusOfXmlReply(reply), false};
 }
 
+// A line takes no more of a reply.
+constexpr std::size_t kLoggedBytes = 8192;
+
 // Pictures and other binaries stay out of the log.
 void logReply(std::string_view reply) {
+  reply = reply.substr(0, kLoggedBytes);
   const bool text = reply.find('\0') == std::string_view::npos;
   QN_LOG_IN("deviceKAVROCallBack", WLOG_INFO, "response data [rsp = %.*s]",
             text ? static_cast<int>(reply.size()) : 0, reply.data());

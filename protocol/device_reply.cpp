@@ -6,6 +6,7 @@
 #include "platform/xml_base.h"
 #include "platform/zrt.h"
 #include "protocol/error_code.h"
+#include "protocol/plain_json.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -36,6 +37,12 @@ OptionalInt integerElement(QNBase::CXmlBase& xml, const char* name) {
 
 int statusOfJsonReply(const Json::Value& reply) {
   return statusOfCodes(integerMember(reply, "errorCode"), integerMember(reply, "statusCode"));
+}
+
+std::optional<int> statusOfPlainJson(std::string_view reply) {
+  const auto codes = codesOfPlainJson(reply);
+  if (!codes) return std::nullopt;
+  return statusOfCodes(codes->errorCode, codes->statusCode);
 }
 
 int statusOfXmlReply(std::string_view reply) {
