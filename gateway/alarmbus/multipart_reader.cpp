@@ -126,7 +126,9 @@ MultipartReader::Step MultipartReader::readBodyToEnd(std::string_view bytes) {
     }
   } else {
     const auto at = bytes.find(delimiter_, scanned_);
-    if (at != std::string_view::npos) return finishBody(withoutLineBreak(bytes.substr(0, at)), at);
+    if (at != std::string_view::npos) {
+      return finishBody(withoutLineBreak(bytes.substr(first, at - first)), at);
+    }
     scanned_ = bytes.size() - std::min(bytes.size(), delimiter_.size() - 1);
   }
   return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};

@@ -117,7 +117,8 @@ TEST(MultipartReader, HoweverTheStreamIsCut) {
        "  {\"b\":[]}",
        {{json, "{\"a\":{\"s\":\"}--b\\\"\"}}"}, {"", "{\"b\":[]}"}}},
       {"without a length, no object: to the boundary",
-       "--b\r\nContent-Type: image/jpeg\r\n\r\nJ{P\r\n--G\r\n--b\r\nContent-Length: 1\r\n\r\nx",
+       "--b\r\nContent-Type: image/jpeg\r\n\r\n \r\nJ{P\r\n--G\r\n--b\r\nContent-Length: "
+       "1\r\n\r\nx",
        {{"image/jpeg", "J{P\r\n--G"}, {"", "x"}}},
       {"empty bodies",
        "--b\r\nContent-Length: 0\r\n\r\n--b\r\n\r\n\r\n--b\r\nContent-Length: 1\r\n\r\n1",
