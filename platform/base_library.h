@@ -34,5 +34,5 @@ int getBinPart(std::string& picture, const char* body, int length, const std::st
 // The gateway's own process ids; 0 on success. From the driver manager.
 int DriverCif_GetProcessPid(std::vector<int>& pids);
 // Non-zero when a process outside `pids` listens on the TCP port at the address.
-// Reads /proc. `tcp` is always 1.
+// May wait for the kernel for a moment. `tcp` is always 1.
 int CheckPortOccupy(const std::vector<int>& pids, const char* address, int port, int tcp);

@@ -1,5 +1,5 @@
 // Which processes are the gateway's, and whether a port is taken by another. Called before a
-// picture is uploaded; reads /proc, so on a worker thread.
+// picture is uploaded; asks the kernel and reads /proc, so on a worker thread.
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -11,7 +11,9 @@
 #include <fstream>
 #include <optional>
 #include <unordered_set>
+#include <vector>
 
+#include "gateway/base/listening_sockets.h"
 #include "platform/base_library.h"
 
 namespace {
@@ -38,11 +40,7 @@ std::optional<Address> ParseAddress(const char* text) {
   return std::nullopt;
 }
 
-struct Listener {
-  Address address;
-  unsigned int port;
-  unsigned long inode;
-};
+using Listener = qn::ListeningSocket;
 
 // The kernel writes an address as 32-bit words in the machine's byte order.
 std::optional<Address> ParseTableAddress(const char* hex) {
@@ -74,17 +72,32 @@ std::optional<Listener> ParseLine(const std::string& line) {
   return Listener{*parsed, port, inode};
 }
 
-// Adds the listeners of one table that would meet a listener on the address and port.
-void AddListeners(const char* table, const Address& address, unsigned int port, Inodes& inodes) {
+void AddListeners(const char* table, std::vector<Listener>& listeners) {
   std::ifstream lines(table);
   std::string line;
   for (int i = 0; i < kMaxSockets && std::getline(lines, line); ++i) {
-    const std::optional<Listener> listener = ParseLine(line);
-    if (!listener || listener->port != port) continue;
-    if (listener->address == address || IsAnyAddress(listener->address) || IsAnyAddress(address)) {
-      inodes.insert(listener->inode);
-    }
+    if (const std::optional<Listener> listener = ParseLine(line)) listeners.push_back(*listener);
   }
+}
+
+std::vector<Listener> AllListeners() {
+  std::vector<Listener> listeners;
+  if (qn::askForListeningSockets(listeners)) return listeners;
+  listeners.clear();  // not every container lets that through
+  AddListeners("/proc/net/tcp", listeners);
+  AddListeners("/proc/net/tcp6", listeners);
+  return listeners;
+}
+
+// Those that would meet a listener on the address and port.
+Inodes MeetingListeners(const Address& address, unsigned int port) {
+  Inodes inodes;
+  for (const Listener& listener : AllListeners()) {
+    const bool meets =
+        listener.address == address || IsAnyAddress(listener.address) || IsAnyAddress(address);
+    if (listener.port == port && meets) inodes.insert(listener.inode);
+  }
+  return inodes;
 }
 
 // Removes the sockets that the process holds. A process that is gone or not ours holds none.
@@ -112,9 +125,7 @@ int CheckPortOccupy(const std::vector<int>& pids, const char* address, int port,
                     [[maybe_unused]] int tcp) {
   const std::optional<Address> parsed = address != nullptr ? ParseAddress(address) : std::nullopt;
   if (!parsed || port < 1 || port > 65535) return 0;
-  Inodes inodes;
-  AddListeners("/proc/net/tcp", *parsed, static_cast<unsigned int>(port), inodes);
-  AddListeners("/proc/net/tcp6", *parsed, static_cast<unsigned int>(port), inodes);
+  Inodes inodes = MeetingListeners(*parsed, static_cast<unsigned int>(port));
   for (int pid : pids) {
     if (inodes.empty()) break;
     RemoveOwned(pid, inodes);
