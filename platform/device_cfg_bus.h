@@ -22,8 +22,8 @@ struct tagDEVCFG_USERDATA {
 enum DeviceCfgBusResult : int {
   DEVCFGBUS_OK = 0,
   DEVCFGBUS_BAD_ARGUMENT = 1,  // a method or URL that cannot stand in a request line
-  DEVCFGBUS_STOPPING = 7,
-  DEVCFGBUS_QUEUE_FULL = 8,       // as many requests as the device may have are waiting
+  DEVCFGBUS_STOPPING = 257,
+  DEVCFGBUS_QUEUE_FULL = 260,     // as many requests as the device may have are waiting
   DEVCFGBUS_UNKNOWN_DEVICE = 515  // the URL names no configured device
 };
 

@@ -48,7 +48,7 @@ TEST_F(Pipeline, RefusalOfTheBusIsTheAnswer) {
     int refusal;
     unsigned int code;
   } cases[] = {
-      {DEVCFGBUS_QUEUE_FULL, 0x60000001}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
+      {DEVCFGBUS_QUEUE_FULL, 0x6000000B}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
   for (const auto& [refusal, code] : cases) {
     fake::deviceBus().refusal = refusal;
     const Outcome outcome = get(kUrl);
