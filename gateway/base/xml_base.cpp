@@ -6,12 +6,15 @@
 #include <cstring>
 #include <pugixml.hpp>
 
+#include "gateway/base/xml_memory.h"
 #include "gateway/base/xml_text.h"
 
 namespace QNBase {
 namespace {
 
 using enum qn::XmlPlace;
+
+[[maybe_unused]] const bool kPagesAreKept = qn::keepXmlPages();
 
 // A tree takes up to 16 times its text; no document of the protocol comes near.
 constexpr std::size_t kMaxText = 1024 * 1024;
