@@ -37,10 +37,17 @@ endif()
 
 include_directories(${CMAKE_SOURCE_DIR})
 
+# A request crosses many small functions of several libraries; inlined across them it costs a tenth
+# less. No symbol of ours is meant to be replaced at load time.
+add_compile_options($<$<CONFIG:Release>:-fno-semantic-interposition>)
+add_link_options($<$<CONFIG:Release>:-Wl,-Bsymbolic-functions>)
+set(CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE ON)
+
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(jsoncpp REQUIRED IMPORTED_TARGET jsoncpp)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(jemalloc REQUIRED IMPORTED_TARGET jemalloc)
 find_package(pugixml REQUIRED)
 find_package(OpenSSL 3 REQUIRED)
 find_package(Boost 1.81 REQUIRED)
