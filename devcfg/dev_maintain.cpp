@@ -117,23 +117,25 @@ void addAccessProtocol(CXmlBase& xml, const AccessProtocol& protocol) {
   xml.OutOfElem();
 }
 
+constexpr int internalUnlessZero(int result) { return result == 0 ? 0 : BUS_INTERNAL_FAILURE; }
+
 constexpr Route kRoutes[] = {
     {"/KAVRO/System/deviceInfo",
      {QNHttpService::HTTP_GET},
      CDevMaintain::covertDevinfoUrlandBody,
-     CDevMaintain::covertDevinfoRsp},
+     CDevMaintain::covertDevinfoRspBody},
     {"/KAVRO/System/Video/inputs/channels",
      {QNHttpService::HTTP_GET},
      CDevMaintain::covertVideochannelUrlandBody,
-     CDevMaintain::covertVideoChannelRsp},
+     CDevMaintain::covertVideochannelRspbody},
     {"/KAVRO/ContentMgmt/Storage/hdd",
      {QNHttpService::HTTP_GET},
      CDevMaintain::covertHddListUrlandBody,
-     CDevMaintain::covertHddListRsp},
+     CDevMaintain::covertHddListRspBody},
     {"/KAVRO/Security/adminAccesses",
      {QNHttpService::HTTP_GET},
      CDevMaintain::covertAdminAccessesUrlandBody,
-     CDevMaintain::covertAdminAccessesRsp},
+     CDevMaintain::covertAdminAccessesRspBody},
 };
 
 }  // namespace
@@ -158,48 +160,65 @@ int CDevMaintain::covertAdminAccessesUrlandBody(DeviceRequest& out, const Client
   return covertDevinfoUrlandBody(out, in);
 }
 
-int CDevMaintain::covertDevinfoRsp(std::string& body, const DeviceReply& reply) {
+int CDevMaintain::covertDevinfoRspBody(std::string& body, const DeviceReply& reply) {
+  return internalUnlessZero(covertDevinfoRsp(body, reply.document));
+}
+
+int CDevMaintain::covertVideochannelRspbody(std::string& body, const DeviceReply& reply) {
+  return internalUnlessZero(covertVideoChannelRsp(body, reply.document));
+}
+
+int CDevMaintain::covertHddListRspBody(std::string& body, const DeviceReply& reply) {
+  return internalUnlessZero(covertHddListRsp(body, reply.document));
+}
+
+int CDevMaintain::covertAdminAccessesRspBody(std::string& body, const DeviceReply& reply) {
+  return internalUnlessZero(covertAdminAccessesRsp(body, reply.document, reply.exchange));
+}
+
+int CDevMaintain::covertDevinfoRsp(std::string& body, const Json::Value& reply) {
   CXmlBase xml;
-  if (const Row* failed = writeDocument(xml, kDeviceInfo, reply.document)) {
+  if (const Row* failed = writeDocument(xml, kDeviceInfo, reply)) {
     QN_LOG(WLOG_ERROR, "covertDevinfoRsp fail %d.", failed->number);
-    return BUS_INTERNAL_FAILURE;
+    return -1;
   }
   body = xml.GetChildren();
   return 0;
 }
 
-int CDevMaintain::covertVideoChannelRsp(std::string& body, const DeviceReply& reply) {
-  const Json::Value* inputs = jsonMember(reply.document, kVideoInputs.json);
+int CDevMaintain::covertVideoChannelRsp(std::string& body, const Json::Value& reply) {
+  const Json::Value* inputs = jsonMember(reply, kVideoInputs.json);
   if (inputs != nullptr && !inputs->isArray()) {
     QN_LOG(WLOG_WARN, "covertVideoChannelRsp fail 2 and return null list.");
   }
   CXmlBase xml;
-  if (const Row* failed = writeDocument(xml, kVideoInputs, reply.document)) {
+  if (const Row* failed = writeDocument(xml, kVideoInputs, reply)) {
     QN_LOG(WLOG_ERROR, "covertVideoChannelRsp fail %d.", failed->number);
-    return BUS_INTERNAL_FAILURE;
+    return -1;
   }
   body = xml.GetChildren();
   return 0;
 }
 
-int CDevMaintain::covertHddListRsp(std::string& body, const DeviceReply&) {
+int CDevMaintain::covertHddListRsp(std::string& body, const Json::Value& /*reply*/) {
   body = kHddList;
   return 0;
 }
 
-int CDevMaintain::covertAdminAccessesRsp(std::string& body, const DeviceReply& reply) {
+int CDevMaintain::covertAdminAccessesRsp(std::string& body, const Json::Value& /*reply*/,
+                                         const CHttpExchange& exchange) {
   const auto network = QN_ConfigMgr_GetNetworkCfg();
   if (network == nullptr) {
     QN_LOG(WLOG_ERROR, "get networkCfg ptr error.");
-    return BUS_INTERNAL_FAILURE;
+    return -1;
   }
   const auto kavro = QN_ConfigMgr_GetKAVROCfg();
   if (kavro == nullptr) {
     QN_LOG(WLOG_ERROR, "get KAVROCfg ptr error.");
-    return BUS_INTERNAL_FAILURE;
+    return -1;
   }
   const int mode = kavro->getKAVROMode();
-  const AccessPorts ports = accessPorts(mode, *network, reply.exchange);
+  const AccessPorts ports = accessPorts(mode, *network, exchange);
   CXmlBase xml;
   xml.CreateDeclaration("1.0", "UTF-8");
   xml.CreateRoot("AdminAccessProtocolList");

@@ -16,13 +16,20 @@ class CDevMaintain final : public RoutedCfg {
   static int covertHddListUrlandBody(DeviceRequest& out, const ClientRequest& in);
   static int covertAdminAccessesUrlandBody(DeviceRequest& out, const ClientRequest& in);
 
-  // Reply converters: 0, or BUS_INTERNAL_FAILURE with the body untouched.
-  static int covertDevinfoRsp(std::string& body, const DeviceReply& reply);
-  static int covertVideoChannelRsp(std::string& body, const DeviceReply& reply);
+  // Reply converters of the routes: 0, or BUS_INTERNAL_FAILURE with the body untouched.
+  static int covertDevinfoRspBody(std::string& body, const DeviceReply& reply);
+  static int covertVideochannelRspbody(std::string& body, const DeviceReply& reply);
+  static int covertHddListRspBody(std::string& body, const DeviceReply& reply);
+  static int covertAdminAccessesRspBody(std::string& body, const DeviceReply& reply);
+
+  // The documents: 0, or -1 with a line in the log and the body untouched.
+  static int covertDevinfoRsp(std::string& body, const Json::Value& reply);
+  static int covertVideoChannelRsp(std::string& body, const Json::Value& reply);
   // The same document always.
-  static int covertHddListRsp(std::string& body, const DeviceReply& reply);
+  static int covertHddListRsp(std::string& body, const Json::Value& reply);
   // From the gateway's own configuration.
-  static int covertAdminAccessesRsp(std::string& body, const DeviceReply& reply);
+  static int covertAdminAccessesRsp(std::string& body, const Json::Value& reply,
+                                    const CHttpExchange& exchange);
 };
 
 }  // namespace QNKAVROProtocol
