@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include "devcfg/device_cfg_pto.h"
+#include "document/json_member.h"
 #include "document/json_text.h"
 #include "platform/base_library.h"
 #include "protocol/device_reply.h"
@@ -11,10 +12,6 @@
 
 namespace QNKAVROProtocol {
 namespace {
-
-const Json::Value& memberOf(const Json::Value& value, const char* name) {
-  return value.isObject() ? value[name] : Json::Value::nullSingleton();
-}
 
 // The picture's path behind "scheme://host"; null when the URL has none.
 const char* picturePath(const std::string& url) {
@@ -27,9 +24,10 @@ const char* picturePath(const std::string& url) {
 // A device names pictures by its own address; clients fetch them through the gateway. True when the
 // reply named one.
 bool redirectPicture(Json::Value& reply) {
-  const Json::Value& url = memberOf(memberOf(reply, "PictureData"), "url");
-  if (!url.isString()) return false;
-  const std::string text = url.asString();
+  const Json::Value* picture = jsonMember(reply, "PictureData");
+  const Json::Value* url = picture == nullptr ? nullptr : jsonMember(*picture, "url");
+  if (url == nullptr || !url->isString()) return false;
+  const std::string text = url->asString();
   const char* path = picturePath(text);
   if (path == nullptr) return false;
   reply["PictureData"]["url"] = std::string("/NovGatewayStorage/") + path;

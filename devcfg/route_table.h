@@ -36,8 +36,9 @@ struct DeviceReply {
   const CHttpExchange& exchange;
 };
 
-// 0, or an argument of getPtoErrorCode; a reply converter then leaves the body as it was.
+// 0, or anything else to refuse the request.
 using RequestConverter = int (*)(DeviceRequest& out, const ClientRequest& in);
+// 0, or an argument of getPtoErrorCode with the body as it was.
 using ReplyConverter = int (*)(std::string& body, const DeviceReply& reply);
 
 // The methods a route serves, as HttpMethod codes.

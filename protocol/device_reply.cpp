@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "document/json_member.h"
 #include "platform/base_library.h"
 #include "platform/xml_base.h"
 #include "platform/zrt.h"
@@ -23,9 +24,8 @@ int statusOfCodes(OptionalInt errorCode, OptionalInt statusCode) {
 }
 
 OptionalInt integerMember(const Json::Value& reply, const char* name) {
-  if (!reply.isObject()) return std::nullopt;
-  const Json::Value& member = reply[name];
-  return member.isInt() ? OptionalInt(member.asInt()) : std::nullopt;
+  const Json::Value* member = jsonMember(reply, name);
+  return member != nullptr && member->isInt() ? OptionalInt(member->asInt()) : std::nullopt;
 }
 
 OptionalInt integerElement(QNBase::CXmlBase& xml, const char* name) {

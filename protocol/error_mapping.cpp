@@ -22,7 +22,7 @@ struct BusCodeRow {
 // Ascending bus codes; any other gives ERROR_INTERNAL.
 constexpr BusCodeRow kBusCodes[] = {
     {0, ERROR_OK},
-    {1, ERROR_NO_RESOURCES},
+    {BUS_PARAMETER, ERROR_NO_RESOURCES},
     {2, 0x40001007},
     {3, 0x400010EA},
     {4, ERROR_NO_RESOURCES},
@@ -31,7 +31,7 @@ constexpr BusCodeRow kBusCodes[] = {
     {7, ERROR_NO_RESOURCES},
     {BUS_NO_RESOURCES, ERROR_NO_RESOURCES},
     {BUS_INTERNAL_FAILURE, ERROR_INTERNAL},
-    {10, 0x4000118A},
+    {BUS_TOO_MANY_STREAMS, 0x4000118A},
     {256, 0x6000005F},
     {257, 0x60000015},
     {258, 0x400010E7},
