@@ -77,8 +77,10 @@ TEST_F(ErrorMapping, KnownCodeHasThePlatformsTexts) {
 
 TEST_F(ErrorMapping, UnknownCodeHasTheUrlOnly) {
   EXPECT_EQ(CProtocolBase::getResponseByError(0x70000001, "/KAVRO/a"), document("/KAVRO/a", ""));
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[iErrorNo=1879048193] unkown error code."));
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[error=1879048193] unkown error code"));
+  EXPECT_TRUE(
+      fake::loggedIn("getResponseByError", WLOG_ERROR, "[iErrorNo=1879048193] unkown error code."));
+  EXPECT_TRUE(
+      fake::loggedIn("getResStatusByErrorNo", WLOG_ERROR, "[error=1879048193] unkown error code"));
 }
 
 TEST_F(ErrorMapping, MarkupInTheUrlIsRemovedAndTheRestEscaped) {

@@ -227,8 +227,8 @@ TEST_F(Frame, InitialVectorIsWhatFollowsItsNameUpToTheEnd) {
 TEST_F(Frame, UnknownDeviceIsNotedAndTheHandlerAnswersAllTheSame) {
   fake::login().setDevIndex("gone");
   const Outcome outcome = get(kUrl);
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "[szDevIndx=gone]User Bound Device is not exist."));
-  EXPECT_EQ(fake::logLines().front().text.rfind("[proc(", 0), 0u);
+  EXPECT_TRUE(
+      fake::loggedIn("proc", WLOG_ERROR, "[szDevIndx=gone]User Bound Device is not exist."));
   EXPECT_EQ(outcome.status, 200);
   EXPECT_EQ(outcome.asyncReply, 1);
   EXPECT_EQ(fake::deviceBus().seen.at(0).url, std::string(kUrl) + "?format=json&devIndex=gone");

@@ -27,13 +27,13 @@ TEST_F(Pipeline, RequestGoesOutAndIsAnsweredByTheReply) {
   EXPECT_EQ(sent.url, "/KAVRO/Streaming/channels/101?format=json&devIndex=1");
   EXPECT_EQ(sent.body, "");
   EXPECT_EQ(sent.timeoutMs, 10000);
-  EXPECT_TRUE(fake::logged(WLOG_INFO, "[url=" + sent.url +
-                                          ",handle=" + std::to_string(outcome.handle) +
-                                          "]QN_DeviceCfgBus_ProcessAsyn start"));
+  EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_INFO,
+                             "[url=" + sent.url + ",handle=" + std::to_string(outcome.handle) +
+                                 "]QN_DeviceCfgBus_ProcessAsyn start"));
 
   EXPECT_EQ(fake::deviceBus().reply("{}"), 0);
   EXPECT_EQ(outcome.answer().count, 1);
-  EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = {}]"));
+  EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_INFO, "response data [rsp = {}]"));
 }
 
 TEST_F(Pipeline, ReplyInsideTheBusCallAnswersOnce) {
@@ -122,7 +122,7 @@ TEST_F(Pipeline, NoUserDataIsNoResources) {
   Probe handler;
   handler.acceptance = 0;
   expectError(probe(handler), 0x60000001);
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "no resouce."));
+  EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_ERROR, "no resouce."));
 }
 
 TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
@@ -133,7 +133,7 @@ TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
     outcome = probe(handler);
   }
   expectError(outcome, 0x60000001);
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "no resouce."));
+  EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_ERROR, "no resouce."));
 }
 
 // Whichever allocation fails, the request is either with the bus or the caller knows.

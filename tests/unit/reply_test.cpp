@@ -137,12 +137,12 @@ class ReplyRecord : public PlatformTest {
 TEST_F(ReplyRecord, NothingIsSentOrFreedWithoutOwnerOrReply) {
   const Outcome outcome = get(kUrl);
   EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, nullptr), -1);
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 1"));
+  EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, "callback data error 1"));
   const auto ownerless = record(outcome.handle, nullptr);
   EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, ownerless.get()), -1);
   const auto owned = record(outcome.handle, this);
   EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(nullptr, 2, owned.get()), -1);
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 2"));
+  EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, "callback data error 2"));
   EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, -1, owned.get()), -1);
   EXPECT_EQ(outcome.answer().count, 0);
 }
@@ -150,7 +150,7 @@ TEST_F(ReplyRecord, NothingIsSentOrFreedWithoutOwnerOrReply) {
 TEST_F(ReplyRecord, NegativeHandleSendsNothingAndFreesTheRecord) {
   for (const int handle : {-1, -2}) {
     EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, record(handle, this).release()), 0);
-    EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 4"));
+    EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, "callback data error 4"));
   }
 }
 

@@ -151,6 +151,8 @@ struct LogLine {
 std::vector<LogLine> logLines();
 // True when a line of this level has the text in it.
 bool logged(int level, std::string_view text);
+// True when the function has written a line of this level with the text as its message.
+bool loggedIn(std::string_view function, int level, std::string_view text);
 
 // --- Time, timers, pool -------------------------------------------------------------------------
 

@@ -28,6 +28,16 @@ bool logged(int level, std::string_view text) {
   });
 }
 
+bool loggedIn(std::string_view function, int level, std::string_view text) {
+  const std::string head = "[" + std::string(function) + "(";
+  const auto all = logLines();
+  return std::ranges::any_of(all, [&](const LogLine& line) {
+    const std::size_t message = line.text.find(")] ");
+    return line.level == level && line.text.starts_with(head) && message != std::string::npos &&
+           std::string_view(line.text).substr(message + 3) == text;
+  });
+}
+
 void resetLog() {
   const std::lock_guard lock(mutex);
   lines.clear();
