@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "devcfg/device_answer.h"
-#include "platform/base_library.h"
+#include "protocol/device_reply.h"
 #include "protocol/error_code.h"
 #include "protocol/log.h"
 
@@ -16,17 +16,6 @@ constexpr int kDeviceTimeoutMs = 10000;
 
 unsigned char methodCode(const CHttpExchange& exchange) {
   return static_cast<unsigned char>(exchange.getMethod());
-}
-
-void logReply(std::string_view reply) {
-  QN_LOG_IN("deviceCfgCallBack", WLOG_INFO, "response data [rsp = %.*s]",
-            static_cast<int>(reply.size()), reply.data());
-}
-
-void sendAnswer(CHttpExchange& exchange, const DeviceAnswer& answer) {
-  exchange.setHead("Content-Type", answer.isXml ? "application/xml" : "application/json");
-  exchange.setStatus(answer.status);
-  exchange.response(answer.body.data(), static_cast<int>(answer.body.size()));
 }
 
 // The way out when memory is short: needs none. After an answer it does nothing.
@@ -44,8 +33,8 @@ void answerExchange(int httpHandle, std::string_view reply) noexcept {
     CHttpExchange exchange(httpHandle);
     const DeviceAnswer answer =
         answerOfReply(reply, {exchange.getUrl(), methodCode(exchange), exchange});
-    logReply(reply);
-    sendAnswer(exchange, answer);
+    logReply("deviceCfgCallBack", reply);
+    sendReply(exchange, answer.status, answer.isXml, answer.body);
   } catch (...) {
     sendEmptyFailure(httpHandle);
   }

@@ -40,32 +40,14 @@ constexpr std::array<SlowResource, 4> kSlowResources = {{
 // Status and kind of a reply whose text goes out unchanged.
 struct ReplyMeaning {
   int status = 200;
-  bool isJson = false;
+  bool isXml = true;
 };
 
 ReplyMeaning meaningOf(std::string_view reply) {
-  if (const auto status = statusOfPlainJson(reply)) return {*status, true};
+  if (const auto status = statusOfPlainJson(reply)) return {*status, false};
   Json::Value json;
-  if (parseJson(reply, json)) return {statusOfJsonReply(json), true};
-  return {statusOfXmlReply(reply), false};
-}
-
-// A line takes no more of a reply.
-constexpr std::size_t kLoggedBytes = 8192;
-
-// Pictures and other binaries stay out of the log.
-void logReply(std::string_view reply) {
-  reply = reply.substr(0, kLoggedBytes);
-  const bool text = reply.find('\0') == std::string_view::npos;
-  QN_LOG_IN("deviceKAVROCallBack", WLOG_INFO, "response data [rsp = %.*s]",
-            text ? static_cast<int>(reply.size()) : 0, reply.data());
-}
-
-void answer(int httpHandle, const ReplyMeaning& meaning, std::string_view reply) {
-  CHttpExchange exchange(httpHandle);
-  exchange.setHead("Content-Type", meaning.isJson ? "application/json" : "application/xml");
-  exchange.setStatus(meaning.status);
-  exchange.response(reply.data(), static_cast<int>(reply.size()));
+  if (parseJson(reply, json)) return {statusOfJsonReply(json), false};
+  return {statusOfXmlReply(reply), true};
 }
 
 std::string forwardUrl(const std::string& url, const std::string& devIndex) {
@@ -157,8 +139,9 @@ int CDeviceKAVROPto::deviceKAVROCallBack(void* data, int length, void* userData)
       meaning = meaningOf(reply);
     }
     if (record->httpHandle != -1) {
-      logReply(reply);
-      answer(record->httpHandle, meaning, reply);
+      logReply("deviceKAVROCallBack", reply);
+      CHttpExchange exchange(record->httpHandle);
+      sendReply(exchange, meaning.status, meaning.isXml, reply);
     }
   } catch (const std::exception& error) {  // short of memory; the service answers in our place
     QN_LOG(WLOG_ERROR, "%s", error.what());

@@ -7,6 +7,7 @@
 #include "platform/xml_base.h"
 #include "platform/zrt.h"
 #include "protocol/error_code.h"
+#include "protocol/log.h"
 #include "protocol/plain_json.h"
 
 namespace QNKAVROProtocol {
@@ -33,6 +34,8 @@ OptionalInt integerElement(QNBase::CXmlBase& xml, const char* name) {
   return ZRT_Atoi32(xml.GetData().c_str());
 }
 
+constexpr std::size_t kLoggedBytes = 8192;  // a line takes no more
+
 }  // namespace
 
 int statusOfJsonReply(const Json::Value& reply) {
@@ -50,6 +53,20 @@ int statusOfXmlReply(std::string_view reply) {
   if (!xml.Parse(reply) || !xml.FindElem("ResponseStatus") || !xml.IntoElem()) return 200;
   const OptionalInt errorCode = integerElement(xml, "errorCode");
   return statusOfCodes(errorCode, integerElement(xml, "statusCode"));
+}
+
+void logReply(const char* callback, std::string_view reply) {
+  reply = reply.substr(0, kLoggedBytes);
+  const bool isText = reply.find('\0') == std::string_view::npos;
+  QN_LOG_IN(callback, WLOG_INFO, "response data [rsp = %.*s]",
+            isText ? static_cast<int>(reply.size()) : 0, reply.data());
+}
+
+void sendReply(QNHttpService::CHttpExchange& exchange, int status, bool isXml,
+               std::string_view body) {
+  exchange.setHead("Content-Type", isXml ? "application/xml" : "application/json");
+  exchange.setStatus(status);
+  exchange.response(body.data(), static_cast<int>(body.size()));
 }
 
 }  // namespace QNKAVROProtocol

@@ -1,11 +1,13 @@
-// What a sub-device's reply says about success. Used by the translating pipeline and the
-// pass-through.
+// What a sub-device's reply says about success, and its way to the log and to the client. Used by
+// the translating pipeline and the pass-through.
 #pragma once
 
 #include <json/json.h>
 
 #include <optional>
 #include <string_view>
+
+#include "platform/http_service.h"
 
 namespace QNKAVROProtocol {
 
@@ -18,5 +20,11 @@ std::optional<int> statusOfPlainJson(std::string_view reply);
 // The same for an XML ResponseStatus, 200 for anything else. Its elements are searched forward, so
 // a "statusCode" before the "errorCode" is not seen.
 int statusOfXmlReply(std::string_view reply);
+
+// The line of every reply, under its callback's name. Pictures and other binaries stay out of it.
+void logReply(const char* callback, std::string_view reply);
+// Answers the client with what became of a reply.
+void sendReply(QNHttpService::CHttpExchange& exchange, int status, bool isXml,
+               std::string_view body);
 
 }  // namespace QNKAVROProtocol
