@@ -65,7 +65,7 @@ int CEventPto::fAlarmDataCallBack(void* data, int length, void* user) {
 
 int CEventPto::consumeAlarm(const char* data, int length) {
   Json::Value root;
-  if (!parseJson(data, data + length, root) || !root.isObject()) return -1;
+  if (!parseJson({data, static_cast<std::size_t>(length)}, root) || !root.isObject()) return -1;
   const Json::Value& alert = std::as_const(root)[kAlert];
   if (!alert.isObject()) return -1;
   const auto* description = findString(alert, "eventDescription");

@@ -13,9 +13,6 @@ namespace QNKAVROProtocol {
 // `value` is unspecified then. Any JSON value may be the root; comments are skipped; what follows
 // the root is ignored. Throws nothing but std::bad_alloc.
 bool parseJson(std::string_view text, Json::Value& value);
-inline bool parseJson(const char* begin, const char* end, Json::Value& value) {
-  return parseJson(std::string_view(begin, static_cast<std::size_t>(end - begin)), value);
-}
 
 // Compact text with a line feed at its end.
 std::string writeJson(const Json::Value& value);
