@@ -1,8 +1,8 @@
-#include "record/playback_uri.h"
-
+// CRecordOperation: the addresses of recordings.
 #include <cstdint>
 
 #include "platform/zrt.h"
+#include "record/record_operation.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -29,12 +29,12 @@ bool appendTrackAndQuery(std::string& out, std::string_view uri, std::string_vie
 
 }  // namespace
 
-int getPlaybackURI(std::string& out, std::string_view deviceUri) {
+int CRecordOperation::getPlaybackURI(std::string& out, std::string_view deviceUri) {
   constexpr std::string_view kCamera = "camera/";
   const std::size_t dac = deviceUri.find("/dac");
   if (dac == std::string_view::npos) return 0;
   out.clear();
-  const std::size_t camera = deviceUri.find("camera");
+  const std::size_t camera = deviceUri.find("camera", dac);
   if (camera == std::string_view::npos) return 0;
   const std::size_t begin = camera + kCamera.size();
   const std::size_t end = deviceUri.find('/', begin);

@@ -10,7 +10,6 @@
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
 #include "protocol/error_code.h"
-#include "record/playback_uri.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -55,7 +54,7 @@ constexpr Row kDescriptionRows[] = {
 
 std::string playbackUri(std::string_view deviceUri) {
   std::string uri;
-  getPlaybackURI(uri, deviceUri);
+  CRecordOperation::getPlaybackURI(uri, deviceUri);
   return uri;
 }
 

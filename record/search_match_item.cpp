@@ -1,11 +1,11 @@
-#include "record/search_match_item.h"
-
+// CRecordOperation: matches as records.
 #include <algorithm>
 #include <cstring>
 #include <string_view>
 
 #include "document/json_member.h"
 #include "protocol/log.h"
+#include "record/record_operation.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -44,8 +44,8 @@ SearchMatchItem itemOf(const Json::Value& match) {
 
 }  // namespace
 
-int getInfoFromSearchRsp(int& count, std::vector<SearchMatchItem>& items,
-                         const Json::Value& reply) {
+int CRecordOperation::getInfoFromSearchRsp(int& count, std::vector<SearchMatchItem>& items,
+                                           const Json::Value& reply) {
   const Json::Value* result = jsonMember(reply, "CMSearchResult");
   if (result == nullptr) return 0;
   const Json::Value* matches = jsonMember(*result, "numOfMatches");
@@ -62,7 +62,7 @@ int getInfoFromSearchRsp(int& count, std::vector<SearchMatchItem>& items,
   return 1;
 }
 
-bool sortByBegintime(const SearchMatchItem& a, const SearchMatchItem& b) {
+bool CRecordOperation::sortByBegintime(const SearchMatchItem& a, const SearchMatchItem& b) {
   return std::strcmp(a.startTime, b.startTime) < 1;
 }
 

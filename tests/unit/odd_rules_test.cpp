@@ -3,8 +3,7 @@
 #include <cstring>
 
 #include "platform/wlog.h"
-#include "record/playback_uri.h"
-#include "record/search_match_item.h"
+#include "record/record_operation.h"
 #include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
@@ -246,6 +245,8 @@ TEST(PlaybackUri, Rewriting) {
       {"rtsp://h/dac/camera/" + id + "/MAIN/?q", 1, "rtsp://h/dac/camera/" + id + "/MAIN/?q"},
       {"rtsp://h/dac/camera//MAIN/", 1, "rtsp://h/dac/camera//MAIN/"},
       {"rtsp://h/camera/" + id + "3/MAIN/?q", 0, "before"},
+      {"rtsp://camera7.lan/dac/camera/" + id + "3/MAIN/?q", 1,
+       "rtsp://camera7.lan/KAVRO/Streaming/tracks/301?q"},
       {"", 0, "before"},
       {"rtsp://h/dac/x", 0, ""},
       {"rtsp://h/dac/camera", 0, ""},
@@ -255,7 +256,7 @@ TEST(PlaybackUri, Rewriting) {
   };
   for (const auto& [uri, result, out] : cases) {
     std::string found = "before";
-    EXPECT_EQ(getPlaybackURI(found, uri), result) << uri;
+    EXPECT_EQ(CRecordOperation::getPlaybackURI(found, uri), result) << uri;
     EXPECT_EQ(found, out) << uri;
   }
 }
@@ -269,7 +270,7 @@ TEST_F(OddRules, SearchMatchItems) {
       {"contenType":"c","codecType":"d","playbackURI":"p"}}},{"searchMatchItem":7}]}})");
   int count = 0;
   std::vector<SearchMatchItem> items;
-  EXPECT_EQ(getInfoFromSearchRsp(count, items, reply), 1);
+  EXPECT_EQ(CRecordOperation::getInfoFromSearchRsp(count, items, reply), 1);
   EXPECT_EQ(count, 9);
   ASSERT_EQ(items.size(), 2u);
   EXPECT_EQ(items[0].trackID, 5);
@@ -280,12 +281,12 @@ TEST_F(OddRules, SearchMatchItems) {
   EXPECT_STREQ(items[0].playbackURI, "p");
   EXPECT_STREQ(items[1].startTime, "");
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "process json param fail 1."));
-  EXPECT_TRUE(sortByBegintime(items[0], items[0]));
-  EXPECT_TRUE(sortByBegintime(items[1], items[0]));
-  EXPECT_FALSE(sortByBegintime(items[0], items[1]));
+  EXPECT_TRUE(CRecordOperation::sortByBegintime(items[0], items[0]));
+  EXPECT_TRUE(CRecordOperation::sortByBegintime(items[1], items[0]));
+  EXPECT_FALSE(CRecordOperation::sortByBegintime(items[0], items[1]));
   for (const char* bad : {"7", "{}", R"({"CMSearchResult":{"numOfMatches":"1","matchList":[]}})",
                           R"({"CMSearchResult":{"numOfMatches":1,"matchList":{}}})"}) {
-    EXPECT_EQ(getInfoFromSearchRsp(count, items, parsed(bad)), 0) << bad;
+    EXPECT_EQ(CRecordOperation::getInfoFromSearchRsp(count, items, parsed(bad)), 0) << bad;
   }
   EXPECT_EQ(items.size(), 2u);
 }
