@@ -32,7 +32,10 @@ constexpr Route kRoutes[] = {
      {HTTP_GET},
      CEventCfg::covertSysemCapUrlandBody,
      CEventCfg::covertSystemCapRspBody},
-    {kTrigger, {HTTP_PUT}, CEventCfg::covertIOOutputTriggerUrlandBody, answerSuccess},
+    {kTrigger,
+     {HTTP_PUT},
+     CEventCfg::covertIOOutputTriggerUrlandBody,
+     CEventCfg::covertIOOutputTriggerRspBody},
 };
 
 constexpr Row kSmartCapRows[] = {
@@ -163,6 +166,10 @@ int CEventCfg::covertSystemIORspBody(std::string& body, const DeviceReply& reply
 int CEventCfg::covertSystemCapRspBody(std::string& body, const DeviceReply&) {
   body = kSystemCapabilities;
   return 0;
+}
+
+int CEventCfg::covertIOOutputTriggerRspBody(std::string& body, const DeviceReply& reply) {
+  return answerSuccess(body, reply);
 }
 
 }  // namespace QNKAVROProtocol

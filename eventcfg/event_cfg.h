@@ -22,6 +22,8 @@ class CEventCfg final : public RoutedCfg {
   static int covertSystemIORspBody(std::string& body, const DeviceReply& reply);
   // The same document always.
   static int covertSystemCapRspBody(std::string& body, const DeviceReply& reply);
+  // The success document, whatever the device's own reply says.
+  static int covertIOOutputTriggerRspBody(std::string& body, const DeviceReply& reply);
 };
 
 }  // namespace QNKAVROProtocol

@@ -21,10 +21,19 @@ constexpr Route kRoutes[] = {
      {HTTP_GET},
      CPTZCtrl::covertPTZCtrlUrlandBody,
      CPTZCtrl::covertPTZCtrlRsp},
-    {kContinuous, {HTTP_PUT}, CPTZCtrl::covertPTZContinuousUrlandBody, answerSuccess},
-    {kPresetGoto, {HTTP_PUT}, CPTZCtrl::covertPTZPresetsGotoUrlandBody, answerSuccess},
-    {kPreset, {HTTP_PUT, HTTP_DELETE}, CPTZCtrl::covertPTZPresetsUrlandBody, answerSuccess},
-    {kHomeGoto, {HTTP_PUT}, CPTZCtrl::covertPTZHomeGotoUrlandBody, answerSuccess},
+    {kContinuous,
+     {HTTP_PUT},
+     CPTZCtrl::covertPTZContinuousUrlandBody,
+     CPTZCtrl::covertPTZContinuousRsp},
+    {kPresetGoto,
+     {HTTP_PUT},
+     CPTZCtrl::covertPTZPresetsGotoUrlandBody,
+     CPTZCtrl::covertPTZPresetsGotoRsp},
+    {kPreset,
+     {HTTP_PUT, HTTP_DELETE},
+     CPTZCtrl::covertPTZPresetsUrlandBody,
+     CPTZCtrl::covertPTZPresetsRsp},
+    {kHomeGoto, {HTTP_PUT}, CPTZCtrl::covertPTZHomeGotoUrlandBody, CPTZCtrl::covertPTZHomeGotoRsp},
 };
 
 constexpr Row kControlAddressRows[] = {
@@ -116,6 +125,22 @@ int CPTZCtrl::covertPTZCtrlRsp(std::string& body, const DeviceReply& reply) {
   if (writeDocument(xml, kChannelList, reply.document) != nullptr) return BUS_INTERNAL_FAILURE;
   body = xml.GetChildren();
   return 0;
+}
+
+int CPTZCtrl::covertPTZContinuousRsp(std::string& body, const DeviceReply& reply) {
+  return answerSuccess(body, reply);
+}
+
+int CPTZCtrl::covertPTZPresetsGotoRsp(std::string& body, const DeviceReply& reply) {
+  return answerSuccess(body, reply);
+}
+
+int CPTZCtrl::covertPTZPresetsRsp(std::string& body, const DeviceReply& reply) {
+  return answerSuccess(body, reply);
+}
+
+int CPTZCtrl::covertPTZHomeGotoRsp(std::string& body, const DeviceReply& reply) {
+  return answerSuccess(body, reply);
 }
 
 }  // namespace QNKAVROProtocol

@@ -18,6 +18,11 @@ class CPTZCtrl final : public RoutedCfg {
   static int covertPTZHomeGotoUrlandBody(DeviceRequest& out, const ClientRequest& in);
 
   static int covertPTZCtrlRsp(std::string& body, const DeviceReply& reply);
+  // The success document, whatever the device's own reply says.
+  static int covertPTZContinuousRsp(std::string& body, const DeviceReply& reply);
+  static int covertPTZPresetsGotoRsp(std::string& body, const DeviceReply& reply);
+  static int covertPTZPresetsRsp(std::string& body, const DeviceReply& reply);
+  static int covertPTZHomeGotoRsp(std::string& body, const DeviceReply& reply);
 };
 
 }  // namespace QNKAVROProtocol
