@@ -84,7 +84,7 @@ int CChannelCfg::covertChannelallUrlandBody(DeviceRequest& out, const ClientRequ
 }
 
 int CChannelCfg::covertChannelIDCapUrlandBody(DeviceRequest& out, const ClientRequest& in) {
-  out.url = devicePath(in.url, kCapabilities).append("?devIndex=").append(in.devIndex);
+  out.url = deviceUrl(devicePath(in.url, kCapabilities), in.devIndex);
   return 0;
 }
 
@@ -109,8 +109,7 @@ int CChannelCfg::covertChannelallRspBody(std::string& body, const DeviceReply& r
 }
 
 int CChannelCfg::covertChannelIDCapRspBody(std::string& body, const DeviceReply& reply) {
-  const int id = urlNumber(reply.url, kCapabilities);
-  QN_LOG(WLOG_DUMP, "/KAVRO/Streaming/channels/%d/capabilities rep=%s", id,
+  QN_LOG(WLOG_DUMP, "/KAVRO/Streaming/channels/<id>/capabilities rep=%s",
          writeJson(reply.document).c_str());
   return getXmlChannelIDCap(body, reply.document);
 }

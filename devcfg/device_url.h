@@ -6,7 +6,8 @@
 
 namespace QNKAVROProtocol {
 
-// path?format=json&devIndex=<devIndex>, at most 2047 characters.
+// Both at most 2047 characters: path?devIndex=<devIndex>, and the same with format=json before it.
+std::string deviceUrl(std::string_view path, std::string_view devIndex);
 std::string deviceJsonUrl(std::string_view path, std::string_view devIndex);
 
 }  // namespace QNKAVROProtocol
