@@ -54,14 +54,19 @@ constexpr Row kAudioChannelEntryRows[] = {
 };
 constexpr Row kAudioChannelList = list("AudioChannelList", kAudioChannelEntryRows, write::present);
 
-void writeChannelsOfInputs(QNBase::CXmlBase& doc, const Json::Value& inputs) {
+// False for more inputs than any recorder has: each takes one byte of a reply and a channel of
+// ours.
+bool writeChannelsOfInputs(QNBase::CXmlBase& doc, const Json::Value& inputs) {
+  constexpr unsigned int kMost = 65536;
   const unsigned int count = inputs.isArray() ? inputs.size() : 0;
+  if (count > kMost) return false;
   for (unsigned int id = 1; id <= count; ++id) {
     doc.AddNode("AudioChannel");
     addTextElement(doc, "id", std::to_string(id));
     addTextElement(doc, "enabled", "true");
     doc.OutOfElem();
   }
+  return true;
 }
 
 }  // namespace
@@ -86,7 +91,7 @@ int getXmlAudioChannelList(std::string& xml, const Json::Value& deviceReply) {
   } else {
     doc.CreateDeclaration("1.0", "UTF-8");
     doc.CreateRoot(kAudioChannelList.xml);
-    if (inputs != nullptr) writeChannelsOfInputs(doc, *inputs);
+    if (inputs != nullptr && !writeChannelsOfInputs(doc, *inputs)) return BUS_INTERNAL_FAILURE;
   }
   xml = doc.GetChildren();
   return 0;

@@ -1,5 +1,7 @@
 #include "document/json_text.h"
 
+#include <algorithm>
+
 namespace QNKAVROProtocol {
 namespace {
 
@@ -9,10 +11,16 @@ bool beginsLikeXml(std::string_view text) {
   return first != std::string_view::npos && text[first] == '<';
 }
 
+// By its commas: two values beside each other have one between them.
+bool hasTooManyValues(std::string_view text) {
+  constexpr std::size_t kMost = 1'000'000;
+  return text.size() > kMost && std::ranges::count(text, ',') > std::ptrdiff_t{kMost};
+}
+
 }  // namespace
 
 bool parseJson(std::string_view text, Json::Value& value) {
-  if (text.empty() || beginsLikeXml(text)) return false;
+  if (text.empty() || beginsLikeXml(text) || hasTooManyValues(text)) return false;
   try {
     // Reused: constructing a reader costs more than reading a short reply.
     thread_local Json::Reader reader;

@@ -9,6 +9,36 @@
 namespace QNKAVROProtocol::table {
 namespace {
 
+// The document that is written, and what it has cost: an entry of one byte may stand for hundreds,
+// and a list may repeat its first entry, so that the reply's own size is no bound.
+class Output {
+ public:
+  explicit Output(QNBase::CXmlBase& document) : document_(document) {}
+
+  void enter(const Row& row) {
+    document_.AddNode(row.xml);
+    cost_ += kStep;
+  }
+  void leave() { document_.OutOfElem(); }
+  void addLeaf(const Row& row, std::string_view text) {
+    document_.AddNode(row.xml, row.shown.empty() ? text : row.shown);
+    document_.OutOfElem();
+    cost_ += kStep + text.size();
+  }
+  // Asked for each entry of a list, written or not.
+  bool takesEntry() {
+    cost_ += kStep;
+    return cost_ <= kMost;
+  }
+
+ private:
+  static constexpr std::size_t kMost = 32 * 1024 * 1024;
+  static constexpr std::size_t kStep = 64;  // an element's tags, or the way to an entry
+
+  QNBase::CXmlBase& document_;
+  std::size_t cost_ = 0;
+};
+
 bool isOfKind(const Row& row, const Json::Value& value, Json::ValueType type) {
   switch (row.kind) {
     case Kind::Text:
@@ -55,104 +85,100 @@ int integerOf(const Json::Value& value) {
   return static_cast<int>(std::clamp(whole, double{INT_MIN}, double{INT_MAX}));
 }
 
-void addLeaf(QNBase::CXmlBase& xml, const Row& row, std::string_view text) {
-  xml.AddNode(row.xml, row.shown.empty() ? text : row.shown);
-  xml.OutOfElem();
-}
+const Row* writeRows(Output& out, Rows rows, const Json::Value& object);
 
-void addText(QNBase::CXmlBase& xml, const Row& row, std::string_view text) {
+void addText(Output& out, const Row& row, std::string_view text) {
   if (row.change == nullptr) {
-    addLeaf(xml, row, text);
+    out.addLeaf(row, text);
   } else {
-    addLeaf(xml, row, row.change(text));
+    out.addLeaf(row, row.change(text));
   }
 }
 
-void addText(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
+void addText(Output& out, const Row& row, const Json::Value& value) {
   switch (value.type()) {
     case Json::stringValue:
-      return addText(xml, row, jsonText(value));
+      return addText(out, row, jsonText(value));
     case Json::arrayValue:
     case Json::objectValue:
-      return addText(xml, row, std::string_view());
+      return addText(out, row, std::string_view());
     default:
-      return addText(xml, row, std::string_view(value.asString()));
+      return addText(out, row, std::string_view(value.asString()));
   }
 }
 
-void addInteger(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
+void addInteger(Output& out, const Row& row, const Json::Value& value) {
   char digits[16];
   const auto written = std::to_chars(digits, digits + sizeof digits, integerOf(value));
-  addLeaf(xml, row, {digits, static_cast<std::size_t>(written.ptr - digits)});
+  out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
-void addReal(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
+void addReal(Output& out, const Row& row, const Json::Value& value) {
   char digits[384];  // the largest double has 309 digits before the point
   const auto written =
       std::to_chars(digits, digits + sizeof digits, value.asDouble(), std::chars_format::fixed, 6);
-  addLeaf(xml, row, {digits, static_cast<std::size_t>(written.ptr - digits)});
+  out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
-const Row* writeEntries(QNBase::CXmlBase& xml, const Row& row, const Json::Value& entries) {
+const Row* writeEntries(Output& out, const Row& row, const Json::Value& entries) {
   if (!entries.isArray()) return nullptr;
   for (const Json::Value& entry : entries) {
+    if (!out.takesEntry()) return &row;
     const Json::Value& source = row.repeatsFirst ? *entries.begin() : entry;
-    if (const Row* failed = writeRows(xml, row.rows, source)) return failed;
+    if (const Row* failed = writeRows(out, row.rows, source)) return failed;
   }
   return nullptr;
 }
 
-const Row* writeContent(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
-  return row.kind == Kind::List ? writeEntries(xml, row, value) : writeRows(xml, row.rows, value);
+const Row* writeContent(Output& out, const Row& row, const Json::Value& value) {
+  return row.kind == Kind::List ? writeEntries(out, row, value) : writeRows(out, row.rows, value);
 }
 
-const Row* writeSection(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
-  xml.AddNode(row.xml);
-  const Row* failed = writeContent(xml, row, value);
-  xml.OutOfElem();
+const Row* writeSection(Output& out, const Row& row, const Json::Value& value) {
+  out.enter(row);
+  const Row* failed = writeContent(out, row, value);
+  out.leave();
   return failed;
 }
 
-const Row* writeValue(QNBase::CXmlBase& xml, const Row& row, const Json::Value& value) {
+const Row* writeValue(Output& out, const Row& row, const Json::Value& value) {
   switch (row.kind) {
     case Kind::Text:
-      addText(xml, row, value);
+      addText(out, row, value);
       break;
     case Kind::Integer:
-      addInteger(xml, row, value);
+      addInteger(out, row, value);
       break;
     case Kind::Boolean:
-      addLeaf(xml, row, value.isBool() && value.asBool() ? "true" : "false");
+      out.addLeaf(row, value.isBool() && value.asBool() ? "true" : "false");
       break;
     case Kind::Real:
-      addReal(xml, row, value);
+      addReal(out, row, value);
       break;
     case Kind::Constant:
-      addLeaf(xml, row, row.shown);
+      out.addLeaf(row, row.shown);
       break;
     case Kind::Section:
     case Kind::List:
-      return writeSection(xml, row, value);
+      return writeSection(out, row, value);
     case Kind::FirstOf:
       break;
   }
   return nullptr;
 }
 
-const Row* writeFallback(QNBase::CXmlBase& xml, const Row& row) {
+const Row* writeFallback(Output& out, const Row& row) {
   if (row.kind != Kind::Section) {
-    addLeaf(xml, row, row.fallbackText);
+    out.addLeaf(row, row.fallbackText);
     return nullptr;
   }
-  xml.AddNode(row.xml);
-  const Row* failed = writeRows(xml, row.fallbackRows, Json::Value::nullSingleton());
-  xml.OutOfElem();
+  out.enter(row);
+  const Row* failed = writeRows(out, row.fallbackRows, Json::Value::nullSingleton());
+  out.leave();
   return failed;
 }
 
-}  // namespace
-
-const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* member) {
+const Row* writeRow(Output& out, const Row& row, const Json::Value* member) {
   if (!row.write.written) return nullptr;
   switch (judge(row, member)) {
     case Else::LeaveOut:
@@ -160,23 +186,35 @@ const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* me
     case Else::Fail:
       return &row;
     case Else::Fallback:
-      return writeFallback(xml, row);
+      return writeFallback(out, row);
     case Else::Read:
       break;
   }
-  return writeValue(xml, row, member == nullptr ? Json::Value::nullSingleton() : *member);
+  return writeValue(out, row, member == nullptr ? Json::Value::nullSingleton() : *member);
 }
 
-const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object) {
+const Row* writeRows(Output& out, Rows rows, const Json::Value& object) {
   const bool hasMembers = object.isObject();
   for (const Row& row : rows) {
     const char* name = row.json.data();
     const Json::Value* member = hasMembers && row.kind != Kind::Constant
                                     ? object.find(name, name + row.json.size())
                                     : nullptr;
-    if (const Row* failed = writeRow(xml, row, member)) return failed;
+    if (const Row* failed = writeRow(out, row, member)) return failed;
   }
   return nullptr;
+}
+
+}  // namespace
+
+const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* member) {
+  Output out(xml);
+  return writeRow(out, row, member);
+}
+
+const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object) {
+  Output out(xml);
+  return writeRows(out, rows, object);
 }
 
 const Row* writeDocument(QNBase::CXmlBase& xml, const Row& root, const Json::Value& reply) {
@@ -186,7 +224,8 @@ const Row* writeDocument(QNBase::CXmlBase& xml, const Row& root, const Json::Val
   if (verdict == Else::Fail) return &root;
   if (verdict == Else::LeaveOut) return nullptr;
   xml.CreateRoot(root.xml);
-  return writeContent(xml, root, member == nullptr ? Json::Value::nullSingleton() : *member);
+  Output out(xml);
+  return writeContent(out, root, member == nullptr ? Json::Value::nullSingleton() : *member);
 }
 
 }  // namespace QNKAVROProtocol::table

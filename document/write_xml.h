@@ -10,7 +10,8 @@
 namespace QNKAVROProtocol::table {
 
 // All return null on success, else the row that stopped the conversion; what was written until then
-// stays in `xml`.
+// stays in `xml`. A list that makes the document grow beyond some 32 MiB, or walks over half a
+// million entries, stops it too.
 
 // A document with its declaration: `root`, a section or list, is a member of `reply`. A root that
 // is left out leaves the declaration alone.

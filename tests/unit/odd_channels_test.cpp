@@ -169,6 +169,9 @@ TEST_F(OddChannels, AudioChannels) {
       EXPECT_EQ(*answer, std::string(kDeclaration) + expected);
     }
   }
+  std::string inputs = R"({"VideoInputChannelList":[0)";
+  for (int i = 0; i < 65536; ++i) inputs += ",0";
+  EXPECT_FALSE(answerTo({0, "/KAVRO/System/Audio/channels"}, inputs + "]}"));
 }
 
 // The fixed capabilities are there for callers; the resource passes the device's own on.
@@ -186,7 +189,7 @@ TEST_F(OddChannels, ChannelCapabilities) {
   const Json::Value reply = parsed(R"({"StreamingChannel":null})");
   EXPECT_EQ(CChannelCfg::covertChannelIDCapRspBody(body, {reply, url, 0, exchange}), 0);
   EXPECT_EQ(flat(body), flat(golden("channel_capabilities.xml")));
-  EXPECT_TRUE(fake::logged(WLOG_DUMP, "/KAVRO/Streaming/channels/101/capabilities rep="));
+  EXPECT_TRUE(fake::logged(WLOG_DUMP, "/KAVRO/Streaming/channels/<id>/capabilities rep="));
 }
 
 constexpr const char* kDeviceInfo = "/KAVRO/System/deviceInfo?format=json&devIndex=1";
@@ -258,6 +261,16 @@ TEST_F(OddChannels, DeviceUrls) {
   for (const auto& [url, device] : cases) {
     get(url);
     EXPECT_EQ(fake::deviceBus().seen.back().url, device);
+  }
+  // A URL for the device has a limit, however long the device's index is.
+  for (const char* url : {"/KAVRO/Streaming/channels", "/KAVRO/Streaming/channels/1",
+                          "/KAVRO/Streaming/channels/1/capabilities"}) {
+    std::string device;
+    std::string body;
+    EXPECT_EQ(CChannelCfg().covertUrlandBody(device, body, fake::http().open({0, url}),
+                                             std::string(3000, '1')),
+              0);
+    EXPECT_EQ(device.size(), 2047u) << url;
   }
 }
 

@@ -140,6 +140,46 @@ TEST(WriteXml, LargestDoubleFits) {
   EXPECT_TRUE(text.starts_with("<d>17976931348623157081"));
 }
 
+Json::Value listOf(const Json::Value& entry, int count) {
+  Json::Value list(Json::arrayValue);
+  for (int i = 0; i < count; ++i) list.append(entry);
+  return list;
+}
+
+// A reply of one MiB must not become a document of hundreds of GiB, nor take the time of one.
+TEST(WriteXml, RepeatedEntriesHaveABound) {
+  static constexpr Row kTexts[] = {text("t", write::required)};
+  static constexpr Row kSkipped[] = {section("x", kTexts, write::optional)};
+  static constexpr Row kEntryRows[] = {
+      text("t", write::optional),
+      list("l", kTexts, write::optional),
+      list("s", kSkipped, write::optional),
+  };
+  const Row row = list("r", kEntryRows, write::required).firstEachTime();
+  Json::Value first[3];
+  first[0]["t"] = std::string(100000, 'x');
+  first[1]["l"] = listOf(json(R"({"t":""})"), 10000);
+  first[2]["s"] = listOf(Json::Value(7), 10000);
+  for (const Json::Value& repeated : first) {
+    Json::Value entries = listOf(Json::Value(7), 10000);
+    entries[0] = repeated;
+    QNBase::CXmlBase xml;
+    xml.CreateRoot("r");
+    EXPECT_NE(writeRow(xml, row, &entries), nullptr) << repeated.getMemberNames()[0];
+    entries.resize(3);
+    EXPECT_EQ(writeRow(xml, row, &entries), nullptr) << repeated.getMemberNames()[0];
+  }
+}
+
+TEST(ReadJson, AValueForEveryByteIsRefused) {
+  Json::Value value;
+  std::string text = "[0";
+  for (int i = 0; i < 1'000'000; ++i) text += ",0";
+  EXPECT_TRUE(parseJson(text + "]", value));
+  EXPECT_FALSE(parseJson(text + ",0]", value));
+  EXPECT_TRUE(parseJson('"' + std::string(3'000'000, 'x') + '"', value));
+}
+
 TEST(WriteXml, RootFollowsItsRule) {
   constexpr const char* kDeclaration = R"(<?xml version="1.0" encoding="UTF-8"?>)";
   const struct {
@@ -203,7 +243,7 @@ TEST(ReadXml, KindsAndWords) {
     const char* expected;  // JSON, or the name of the row that fails
   } cases[] = {
       {"", "null"},
-      {"<t> a&lt;<![CDATA[<b>]]> </t>", R"({"t":" a<<b> "})"},
+      {"<t> a&lt;<![CDATA[<b>]]>z </t>", R"({"t":" a<<b>z "})"},
       {"<t/>", R"({"t":""})"},
       {"<always>x</always>", "null"},
       {"<i>25</i>", R"({"i":25})"},
