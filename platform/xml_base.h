@@ -36,7 +36,8 @@ class CXmlBase {
   bool IntoElem();
   // Leaves P, which becomes cur and org of its parent; false at the document.
   bool OutOfElem();
-  // The direct text and CDATA of cur, decoded and not trimmed; empty without a cur.
+  // The direct text and CDATA of cur, decoded and not trimmed; empty without a cur. Blanks alone
+  // between two pieces of markup count only as the whole content of an element.
   std::string GetData() const;
 
   // Writing. Text that XML cannot hold is made fit: forbidden characters are dropped, invalid UTF-8

@@ -20,13 +20,17 @@ using enum qn::XmlPlace;
 constexpr std::size_t kMaxText = 1024 * 1024;
 constexpr int kMaxDepth = 256;
 constexpr std::string_view kBlanks = " \t\r\n";
-// Everything becomes a node, so that nothing is skipped unseen. The tree holds text and attributes
-// as they are written, with their references: pugixml would let wrong ones pass when reading and
-// lose carriage returns when writing.
-constexpr unsigned kParseOptions =
-    (pugi::parse_full | pugi::parse_fragment | pugi::parse_ws_pcdata) & ~pugi::parse_escapes;
+// Nothing but the blanks between elements is skipped unseen. A text that comes first in an element
+// is kept in the element itself, without a node of its own. The tree holds text and attributes as
+// they are written, with their references: pugixml would let wrong ones pass when reading and lose
+// carriage returns when writing.
+constexpr unsigned kParseOptions = (pugi::parse_full | pugi::parse_fragment |
+                                    pugi::parse_ws_pcdata_single | pugi::parse_embed_pcdata) &
+                                   ~pugi::parse_escapes;
 constexpr unsigned kWriteOptions =
     pugi::format_raw | pugi::format_no_declaration | pugi::format_no_escapes;
+
+// The library is not inlined: the loops below ask it for as little as they can.
 
 pugi::xml_node FirstElementFrom(pugi::xml_node node) {
   while (node && node.type() != pugi::node_element) node = node.next_sibling();
@@ -35,9 +39,8 @@ pugi::xml_node FirstElementFrom(pugi::xml_node node) {
 
 // `node` or its first later sibling that is an element of this name.
 pugi::xml_node FindFrom(pugi::xml_node node, const char* name) {
-  while (node && (node.type() != pugi::node_element || std::strcmp(node.name(), name) != 0)) {
-    node = node.next_sibling();
-  }
+  if (std::strcmp(node.name(), name) != 0) node = node.next_sibling(name);
+  while (node && node.type() != pugi::node_element) node = node.next_sibling(name);
   return node;
 }
 
@@ -87,39 +90,39 @@ bool SettleAttribute(pugi::xml_attribute attribute) {
   return attribute.set_value(escaped.c_str());
 }
 
-bool HasSoundText(pugi::xml_node node) {
-  const std::string_view raw = node.value();
+bool HasSoundReferences(std::string_view raw) {
   std::string decoded;
   return raw.find('&') == raw.npos || qn::AppendDecoded(raw, decoded);
 }
 
-bool SettleNode(pugi::xml_node node) {
-  if (node.type() == pugi::node_pcdata) return HasSoundText(node);
-  for (pugi::xml_attribute attribute : node.attributes()) {
+bool SettleAttributes(pugi::xml_node node) {
+  for (auto attribute = node.first_attribute(); attribute; attribute = attribute.next_attribute()) {
     if (!SettleAttribute(attribute)) return false;
   }
   return true;
 }
 
-// Visits the whole tree without recursion: its depth is the sender's choice until it is known.
-bool SettleTree(const pugi::xml_document& tree) {
-  int depth = 1;
-  for (pugi::xml_node node = tree.first_child(); node;) {
-    if (node.type() == pugi::node_element && depth > kMaxDepth) return false;
-    if (!SettleNode(node)) return false;
-    if (pugi::xml_node child = node.first_child()) {
-      node = child;
-      ++depth;
-      continue;
-    }
-    while (node && !node.next_sibling()) {
-      node = node.parent();
-      --depth;
-    }
-    node = node.next_sibling();
+// Visits the whole tree, without recursion: its depth is the sender's choice until it is known.
+class Settler final : public pugi::xml_tree_walker {
+ public:
+  explicit Settler(bool hasReferences) : hasReferences_(hasReferences) {}
+
+  bool for_each(pugi::xml_node& node) override {
+    return IsShallow(node) && (!hasReferences_ || HasSoundText(node)) && SettleAttributes(node);
   }
-  return true;
-}
+
+ private:
+  bool IsShallow(pugi::xml_node node) const {
+    return depth() < kMaxDepth || node.type() != pugi::node_element;
+  }
+  static bool HasSoundText(pugi::xml_node node) {
+    const pugi::xml_node_type type = node.type();
+    const bool holdsText = type == pugi::node_element || type == pugi::node_pcdata;
+    return !holdsText || HasSoundReferences(node.value());
+  }
+
+  const bool hasReferences_;
+};
 
 class StringWriter final : public pugi::xml_writer {
  public:
@@ -164,9 +167,10 @@ struct CXmlBase::Document {
   void Select(pugi::xml_node node) { selected = origin = node; }
 
   bool Load(std::string_view source) {
+    Settler settler(source.find('&') != source.npos);
     return source.size() <= kMaxText && source.starts_with('<') && qn::IsXmlText(source) &&
            tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
-           HasSoundTop(tree) && SettleTree(tree);
+           HasSoundTop(tree) && tree.traverse(settler);
   }
 
   // The text as it is written, ending in NUL; valid until the next call.
@@ -223,7 +227,9 @@ bool CXmlBase::OutOfElem() {
 
 std::string CXmlBase::GetData() const {
   std::string data;
-  for (pugi::xml_node child : document_->selected.children()) {
+  const pugi::xml_node element = document_->selected;
+  qn::AppendDecoded(element.value(), data);
+  for (auto child = element.first_child(); child; child = child.next_sibling()) {
     if (child.type() == pugi::node_pcdata) qn::AppendDecoded(child.value(), data);
     if (child.type() == pugi::node_cdata) data += child.value();
   }

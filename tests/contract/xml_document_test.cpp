@@ -98,6 +98,7 @@ TEST(XmlParse, RefusesAndLeavesAnEmptyDocument) {
       "<!-- a --><?xml version=\"1.0\"?><r/>",
       "<r>a & b</r>",
       "<r>&nope;</r>",
+      "<r><a/>&nope;</r>",
       "<r>&#0;</r>",
       "<r>&#xD800;</r>",
       "<r>&#x110000;</r>",
@@ -163,6 +164,13 @@ TEST_F(XmlInRoot, DataIsDirectTextAndCdataDecodedNotTrimmed) {
   EXPECT_EQ(DataOf("a"), " x<y<&amp;> \nz ");
   EXPECT_EQ(DataOf("e"), "");
   EXPECT_EQ(DataOf("w"), "  ");
+}
+
+TEST_F(XmlInRoot, BlanksBetweenTagsAreNoData) {
+  Load("<r>\n <a> <b/> x <b/> </a>\n <c> <!-- c --> </c> <d> <![CDATA[ ]]> </d></r>");
+  EXPECT_EQ(DataOf("a"), " x ");
+  EXPECT_EQ(DataOf("c"), "");
+  EXPECT_EQ(DataOf("d"), " ");
 }
 
 TEST_F(XmlInRoot, OrderedSearchGoesForwardAndFindsTheSameAgain) {
@@ -247,7 +255,7 @@ TEST(XmlWrite, DeclarationAlone) {
 
 TEST(XmlWrite, ParsedDocumentIsWrittenBack) {
   const std::string text =
-      "<?xml version=\"1.0\"?><r a=\"&lt;\"> <b>&amp;x</b><![CDATA[<]]><!-- c --></r>";
+      "<?xml version=\"1.0\"?><r a=\"&lt;\"> t<b>&amp;x</b>&gt; <![CDATA[<]]><!-- c --></r>";
   CXmlBase xml;
   ASSERT_TRUE(xml.Parse(text));
   EXPECT_EQ(xml.GetChildren(), text);
