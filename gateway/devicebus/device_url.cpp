@@ -36,6 +36,21 @@ bool isDevIndex(std::string_view name) {
   return name == kName || (name.find('%') != name.npos && decoded(name) == kName);
 }
 
+// Whether a server may take a segment of the path for the folder above. Servers differ in what they
+// decode first, in what ends a segment and in what a segment's parameters are.
+bool climbs(std::string_view path) {
+  if (path.find_first_of(".%") == path.npos) return false;
+  const std::string plain = decoded(path);
+  for (std::size_t at = plain.find(".."); at != plain.npos; at = plain.find("..", at + 1)) {
+    constexpr std::string_view kBefore = "/\\";
+    constexpr std::string_view kAfter("/\\;\0", 4);
+    const bool begins = at > 0 && kBefore.find(plain[at - 1]) != kBefore.npos;
+    const bool ends = at + 2 == plain.size() || kAfter.find(plain[at + 2]) != kAfter.npos;
+    if (begins && ends) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::string namedDevice(std::string_view url) {
@@ -56,8 +71,9 @@ std::string namedDevice(std::string_view url) {
 }
 
 bool isRequestTarget(std::string_view url) {
-  const auto unsendable = [](unsigned char c) { return c <= ' ' || c == 0x7F; };
-  return url.starts_with('/') && std::none_of(url.begin(), url.end(), unsendable);
+  const auto unsendable = [](unsigned char c) { return c <= ' ' || c == 0x7F || c == '#'; };
+  return url.starts_with('/') && std::none_of(url.begin(), url.end(), unsendable) &&
+         !climbs(url.substr(0, url.find('?')));
 }
 
 }  // namespace qn::devicebus

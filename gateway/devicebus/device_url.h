@@ -10,7 +10,9 @@ namespace qn::devicebus {
 // spelling of an earlier or later parameter names another device. Empty when there is none.
 std::string namedDevice(std::string_view url);
 
-// Whether the URL can stand in a request line: a path, without blanks and control characters.
+// Whether the URL can stand in a request line: a path, without blanks, control characters and a
+// fragment (which would hide the devIndex behind it), and without ".." in any spelling, which could
+// lead from the base path of one device to another's.
 bool isRequestTarget(std::string_view url);
 
 }  // namespace qn::devicebus

@@ -42,6 +42,20 @@ TEST(DeviceUrl, TheLastDevIndexNamesTheDevice) {
   for (const auto& c : cases) EXPECT_EQ(namedDevice(c.url), c.device) << c.url;
 }
 
+TEST(DeviceUrl, NoSpellingLeadsOutOfTheDevicesPathOrHidesTheDevIndex) {
+  const struct {
+    const char* path;
+    bool sent;
+  } cases[] = {
+      {"/a/../b", false},   {"/a/..", false},       {"/a/%2e%2E/b", false}, {"/a/.%2e/b", false},
+      {"/a/..%2fb", false}, {"/a%2F../b", false},   {"/a/..\\b", false},    {"/a%5c..%5cb", false},
+      {"/a/..;x/b", false}, {"/a/..%00/b", false},  {"/a?x=1#", false},     {"/a#b", false},
+      {"/a/..b/c", true},   {"/a/b../c", true},     {"/a/.../c", true},     {"/a/1.5/%20", true},
+      {"/a/./b", true},     {"/a?file=../b", true},
+  };
+  for (const auto& c : cases) EXPECT_EQ(isRequestTarget(c.path), c.sent) << c.path;
+}
+
 TEST(Circuit, OpensAfterThreeFailuresAndLetsOneProbeThroughEachSecond) {
   Circuit circuit("1");
   const Circuit::Clock::time_point start{seconds(1000)};
@@ -191,6 +205,8 @@ TEST_F(DeviceBusTest, RefusesWhatItCannotSend) {
       {GET, "/a\r\nX:y?devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
       {GET, std::string("/a\0?devIndex=1", 14), DEVCFGBUS_BAD_ARGUMENT},
       {GET, "a?devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
+      {GET, "/a/../b?devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
+      {GET, "/a?devIndex=2#&devIndex=1", DEVCFGBUS_BAD_ARGUMENT},
       {GET, "", DEVCFGBUS_BAD_ARGUMENT},
   };
   for (const auto& c : cases) {
