@@ -48,7 +48,9 @@ Connection<Stream>::Connection(std::shared_ptr<ServiceCore> core, std::size_t re
       peerText_(peer.to_string()),
       stream_(std::move(stream)),
       timer_(stream_.get_executor()),
-      reader_(core_->options.headBytes, core_->options.bodyBytes) {}
+      reader_(core_->options.headBytes, core_->options.bodyBytes),
+      bodyShare_(core_->bodies),
+      answerShare_(core_->unsentAnswers) {}
 
 template <class Stream>
 Connection<Stream>::~Connection() {
@@ -100,7 +102,8 @@ void Connection<Stream>::close() {
   if (phase_ == Phase::Closed) return;
   endRequest();
   phase_ = Phase::Closed;
-  holdBody(0);
+  bodyShare_.set(0);
+  answerShare_.set(0);
   core_->open[reactor_].erase(this);
   if (exchange_) std::exchange(exchange_, nullptr)->detach();
   timer_.cancel();
@@ -191,11 +194,10 @@ void Connection<Stream>::advance() {
   while (step()) {
   }
   advancing_ = false;
-  if (phase_ == Phase::Pushing) {
-    waitForPeer();
-  } else {
-    startRead();
-  }
+  if (phase_ == Phase::Pushing) return waitForPeer();
+  // What is still missing will never come.
+  if (peerDone_ && (phase_ == Phase::Head || phase_ == Phase::Body)) return close();
+  startRead();
 }
 
 // True when the next step can be tried.
@@ -219,7 +221,9 @@ bool Connection<Stream>::readHead() {
     return false;
   }
   expectsContinue_ = head.expectsContinue;
-  exchange_ = ExchangeState::create(head, peerText_, trusted_, this->weak_from_this());
+  exchange_ =
+      ExchangeState::create(head, trusted_ ? core_->clientAddress(peer_, head.fields) : peerText_,
+                            this->weak_from_this());
   received_.consume(reader_.headLength());
   timed_ = false;
   phase_ = Phase::Body;
@@ -235,7 +239,7 @@ bool Connection<Stream>::readBody() {
     const bool stuck = used == 0 && received_.unread().size() >=
                                         std::max(core_->options.headBytes, ReceiveBuffer::kFirst);
     if (stuck) return refuse(ReadResult::Malformed);  // an endless chunk head or trailer
-    if (!holdBody(reader_.body().size())) {
+    if (!bodyShare_.set(reader_.body().size())) {
       refuse(OwnAnswer::Overloaded);
       return false;
     }
@@ -245,12 +249,6 @@ bool Connection<Stream>::readBody() {
   if (result != ReadResult::Complete) return refuse(result);
   dispatch();
   return true;
-}
-
-template <class Stream>
-bool Connection<Stream>::holdBody(std::size_t bytes) {
-  if (bytes == heldBody_) return true;
-  return core_->holdBody(std::exchange(heldBody_, bytes), bytes);
 }
 
 // The time for a head, or a body, runs in total from its first piece.
@@ -274,6 +272,7 @@ void Connection<Stream>::dispatch() {
   phase_ = Phase::Busy;
   const ExchangePtr exchange = exchange_;
   timed_ = false;
+  bodyShare_.set(0);  // a body that has to wait is counted there
   counted_ = core_->enterRequest();
   if (counted_) {
     setDeadline(core_->bounds.answer);
@@ -282,7 +281,6 @@ void Connection<Stream>::dispatch() {
     exchange->finish(OwnAnswer::Overloaded);
   }
   reader_.reset();  // not earlier: the module may answer and go on with the body
-  holdBody(0);
 }
 
 template <class Stream>
@@ -298,7 +296,7 @@ template <class Stream>
 void Connection<Stream>::refuse(OwnAnswer answer) {
   if (exchange_) std::exchange(exchange_, nullptr)->detach();
   reader_.reset();
-  holdBody(0);
+  bodyShare_.set(0);
   closeAfter_ = true;
   send(ownMessage(answer));
 }
@@ -356,6 +354,7 @@ void Connection<Stream>::send(std::string_view bytes) {
   if (ec && !wouldBlock(ec)) return close();
   if (ec) count = 0;
   if (count == bytes.size()) return onSent();
+  if (!answerShare_.set(bytes.size() - count)) return close();
   out_.assign(bytes.substr(count));
   written_ = 0;
   setDeadline(core_->bounds.stalled);
@@ -387,12 +386,13 @@ void Connection<Stream>::onWritten(const ErrorCode& ec, std::size_t count) {
     return flushStream();
   }
   std::string().swap(out_);
+  answerShare_.set(0);
   onSent();
 }
 
 template <class Stream>
 void Connection<Stream>::onSent() {
-  if (closeAfter_ || peerDone_) return linger();
+  if (closeAfter_ || (peerDone_ && received_.empty())) return linger();
   phase_ = Phase::Head;
   timed_ = false;
   setDeadline(core_->options.idleTime);

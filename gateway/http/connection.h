@@ -71,7 +71,6 @@ class Connection final : public AnswerLink,
   bool readBody();
   bool onPartial(Clock::duration allowed);
   void sendContinue();
-  bool holdBody(std::size_t bytes);
   void dispatch();
   bool refuse(ReadResult result);
   void refuse(OwnAnswer answer);
@@ -111,8 +110,9 @@ class Connection final : public AnswerLink,
   std::string out_;       // what the last write left over
   std::size_t written_ = 0;
   std::size_t discarded_ = 0;
-  std::size_t heldBody_ = 0;  // counted in the core
-  bool counted_ = false;      // among the core's requests in flight
+  MemoryBudget::Share bodyShare_;
+  MemoryBudget::Share answerShare_;
+  bool counted_ = false;  // among the core's requests in flight
   bool reading_ = false;
   bool writing_ = false;
   bool advancing_ = false;

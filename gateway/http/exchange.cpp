@@ -2,12 +2,12 @@
 #include "gateway/http/exchange.h"
 
 #include <array>
-#include <boost/beast/core/string.hpp>
 #include <climits>
 #include <unordered_map>
 #include <utility>
 
 #include "gateway/auth/digest_credentials.h"
+#include "gateway/http/header_lines.h"
 #include "platform/wlog.h"
 
 namespace qn {
@@ -62,38 +62,8 @@ class ExchangeRegistry {
   std::array<Shard, 64> shards_;
 };
 
-bool equalNoCase(std::string_view a, std::string_view b) {
-  return boost::beast::iequals({a.data(), a.size()}, {b.data(), b.size()});
-}
-
 bool isClean(std::string_view text) {
   return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
-}
-
-std::string_view trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-// The line of a header in a block of header lines: where it starts, its end with the CRLF.
-struct HeaderLine {
-  std::size_t start = std::string_view::npos;
-  std::size_t end = 0;
-  std::string_view value;
-};
-HeaderLine findHeader(std::string_view block, std::string_view name) {
-  for (std::size_t start = 0; start < block.size();) {
-    const std::size_t end = block.find('\n', start) + 1;
-    if (end == 0) break;
-    const std::string_view line = block.substr(start, end - start);
-    if (line.size() > name.size() && line[name.size()] == ':' &&
-        equalNoCase(line.substr(0, name.size()), name)) {
-      return {start, end, trim(line.substr(name.size() + 1, line.size() - name.size() - 3))};
-    }
-    start = end;
-  }
-  return {};
 }
 
 // These are the service's to set.
@@ -112,12 +82,11 @@ bool hasNoBody(int status) { return status < 200 || status == 204 || status == 3
 namespace QNHttpService {
 
 qn::ExchangePtr ExchangeState::create(const qn::RequestHead& head, const std::string& clientAddress,
-                                      bool trustedProxy,
                                       const std::weak_ptr<qn::AnswerLink>& link) {
   auto& registry = qn::ExchangeRegistry::instance();
   for (;;) {
-    auto exchange = std::make_shared<ExchangeState>(registry.nextHandle(), head, clientAddress,
-                                                    trustedProxy, link);
+    auto exchange =
+        std::make_shared<ExchangeState>(registry.nextHandle(), head, clientAddress, link);
     if (registry.add(exchange)) return exchange;
   }
 }
@@ -127,23 +96,20 @@ qn::ExchangePtr ExchangeState::find(int handle) {
 }
 
 ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
-                             bool trustedProxy, std::weak_ptr<qn::AnswerLink> link)
+                             std::weak_ptr<qn::AnswerLink> link)
     : handle_(handle),
       method_(head.method),
       keepAlive_(head.keepAlive),
       http10_(head.http10),
-      trustedProxy_(trustedProxy),
       url_(head.target),
       clientAddress_(std::move(clientAddress)),
       link_(std::move(link)),
       fields_(head.fields) {}
 
 std::string ExchangeState::header(std::string_view name) const {
-  const bool asksForClient = qn::equalNoCase(name, "X-Forwarded-For");
-  if (asksForClient && !trustedProxy_) return clientAddress_;
+  if (qn::equalNoCase(name, "X-Forwarded-For")) return clientAddress_;
   const std::lock_guard lock(mutex_);
   const std::string_view value = qn::findHeader(fields_, name).value;
-  if (asksForClient && value.empty()) return clientAddress_;
   // Credentials made for another target must not open this one.
   const bool misused =
       !value.empty() && qn::equalNoCase(name, "Authorization") && !qn::digestUriIs(value, url_);
@@ -162,7 +128,7 @@ void ExchangeState::setHeader(std::string_view name, std::string_view value) {
 
 void ExchangeState::setHeaderLocked(std::string_view name, std::string_view value) {
   const qn::HeaderLine old = qn::findHeader(headers_, name);
-  if (old.start != std::string_view::npos) headers_.erase(old.start, old.end - old.start);
+  if (old.found()) headers_.erase(old.start, old.end - old.start);
   headers_.append(name).append(": ").append(value).append("\r\n");
 }
 

@@ -43,18 +43,19 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
 
   // Registers it under a new handle.
   static qn::ExchangePtr create(const qn::RequestHead& head, const std::string& clientAddress,
-                                bool trustedProxy, const std::weak_ptr<qn::AnswerLink>& link);
+                                const std::weak_ptr<qn::AnswerLink>& link);
   // Null when the handle is not live.
   static qn::ExchangePtr find(int handle);
 
   ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
-                bool trustedProxy, std::weak_ptr<qn::AnswerLink> link);
+                std::weak_ptr<qn::AnswerLink> link);
 
   // The request; constant.
   int handle() const { return handle_; }
   int method() const { return method_; }
   const std::string& url() const { return url_; }
   bool keepAlive() const { return keepAlive_; }
+  // X-Forwarded-For is the client's address, whatever the client wrote.
   std::string header(std::string_view name) const;
 
   // The answer; any thread.
@@ -86,7 +87,6 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   const int method_;
   const bool keepAlive_;
   const bool http10_;
-  const bool trustedProxy_;
   const std::string url_;
   const std::string clientAddress_;
   const std::weak_ptr<qn::AnswerLink> link_;

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <climits>
 #include <exception>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "gateway/http/header_lines.h"
 #include "gateway/http/multipart.h"
 #include "platform/wlog.h"
 
@@ -50,6 +52,29 @@ const SpecialPath* findSpecialPath(std::string_view url) {
   return nullptr;
 }
 
+// The values of all lines of that name, as one list.
+std::string allValues(std::string_view fields, std::string_view name) {
+  std::string list;
+  for (HeaderLine line = findHeader(fields, name); line.found();
+       line = findHeader(fields, name, line.end)) {
+    if (!list.empty()) list += ',';
+    list += line.value;
+  }
+  return list;
+}
+
+// An address as proxies write it: some put it in brackets, some add the port.
+std::optional<address> forwardedAddress(std::string_view text) {
+  if (text.starts_with('[')) {
+    text = text.substr(1, text.find(']') - 1);
+  } else if (const std::size_t colon = text.find(':'); text.rfind(':') == colon) {
+    text = text.substr(0, colon);
+  }
+  boost::system::error_code ec;
+  const address parsed = boost::asio::ip::make_address(std::string(text), ec);
+  return ec ? std::nullopt : std::optional(plainAddress(parsed));
+}
+
 }  // namespace
 
 address plainAddress(const address& peer) {
@@ -85,6 +110,8 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptio
       bounds(boundsIn),
       admission(optionsIn.connections, optionsIn.connectionsPerAddress),
       refusals(kRefusalsAtOnce, kRefusalsAtOnce / 4),
+      bodies(boundsIn.bodyMemory),
+      unsentAnswers(boundsIn.answerMemory),
       open(reactorsIn.size()),
       pool_(pool),
       process_(processIn),
@@ -101,9 +128,18 @@ bool ServiceCore::trusts(const address& peer) const {
   return std::find(trusted_.begin(), trusted_.end(), peer) != trusted_.end();
 }
 
-bool ServiceCore::holdBody(std::size_t before, std::size_t after) {
-  const std::size_t change = after - before;  // wraps when it shrinks, and so does the sum
-  return bodyMemory_.fetch_add(change) + change <= bounds.bodyMemory;
+std::string ServiceCore::clientAddress(address peer, std::string_view fields) const {
+  const std::string forwarded = allValues(fields, "X-Forwarded-For");
+  std::string_view rest = forwarded;
+  while (trusts(peer) && !rest.empty()) {
+    const std::size_t comma = rest.rfind(',');
+    const std::size_t start = comma == rest.npos ? 0 : comma + 1;
+    const auto next = forwardedAddress(trimBlanks(rest.substr(start)));
+    if (!next) break;  // nobody knows who that is: the proxy answers for it
+    peer = *next;
+    rest = rest.substr(0, start == 0 ? 0 : comma);
+  }
+  return peer.to_string();
 }
 
 bool ServiceCore::enterRequest() {
@@ -134,10 +170,19 @@ void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::stri
   } else if (findSpecialPath(exchange->url()) == nullptr) {
     process(exchange, body);
   } else {
-    queue(exchange, [core = shared_from_this(), exchange, owned = std::string(body)] {
-      core->process(exchange, owned);
-    });
+    queueWithBody(exchange, body);
   }
+}
+
+void ServiceCore::queueWithBody(const ExchangePtr& exchange, std::string_view body) {
+  const auto share = std::make_shared<MemoryBudget::Share>(bodies);
+  if (!share->set(body.size())) {
+    exchange->finish(OwnAnswer::Overloaded);
+    return;
+  }
+  queue(exchange, [core = shared_from_this(), exchange, owned = std::string(body), share] {
+    core->process(exchange, owned);
+  });
 }
 
 void ServiceCore::process(const ExchangePtr& exchange, std::string_view body) const {

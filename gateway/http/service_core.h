@@ -17,6 +17,7 @@
 
 #include "gateway/config/configuration.h"
 #include "gateway/http/exchange.h"
+#include "gateway/http/memory_budget.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
@@ -44,7 +45,9 @@ struct HttpBounds {
   std::chrono::milliseconds silent{30'000};    // a stream without a successful write
   std::chrono::milliseconds linger{2'000};     // for the client to read the last answer
   std::chrono::milliseconds acceptPause{100};  // after accept failed for want of resources
-  std::size_t bodyMemory = 256 * 1024 * 1024;  // unfinished bodies of all connections together
+  // Of all connections together. Apart from each other, because anybody can send bodies.
+  std::size_t bodyMemory = 256 * 1024 * 1024;    // bodies not complete or waiting for a worker
+  std::size_t answerMemory = 256 * 1024 * 1024;  // what clients have not taken of their answers
 };
 
 // An IPv4 client of an IPv6 socket has its IPv4 address. Everything below takes plain addresses.
@@ -86,11 +89,11 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void handOver(const ExchangePtr& exchange, Access access, std::string_view body);
 
   bool trusts(const boost::asio::ip::address& peer) const;
+  // The client behind a peer that is trusted. Proxies append the address they see to
+  // X-Forwarded-For, so what stands before the first that no trusted proxy wrote is the client's
+  // own invention.
+  std::string clientAddress(boost::asio::ip::address peer, std::string_view fields) const;
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
-
-  // A connection holds `after` bytes of an unfinished body instead of `before`; false when all
-  // connections together hold too much.
-  bool holdBody(std::size_t before, std::size_t after);
 
   // A request in flight; false when there are too many.
   bool enterRequest();
@@ -102,6 +105,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   const HttpBounds bounds;
   Admission admission;
   Admission refusals;  // connections over the limit that are being told so
+  MemoryBudget bodies;
+  MemoryBudget unsentAnswers;
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
@@ -111,6 +116,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   // On the worker pool, or refuses the exchange when that is full.
   template <class Job>
   void queue(const ExchangePtr& exchange, Job job);
+  void queueWithBody(const ExchangePtr& exchange, std::string_view body);
   void process(const ExchangePtr& exchange, std::string_view body) const;
   void processOrThrow(const ExchangePtr& exchange, std::string_view body) const;
 
@@ -120,7 +126,6 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::vector<boost::asio::ip::address> trusted_;
   std::atomic<std::size_t> next_{0};
   std::atomic<std::size_t> requests_{0};
-  std::atomic<std::size_t> bodyMemory_{0};
 };
 
 }  // namespace qn

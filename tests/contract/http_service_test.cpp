@@ -1,5 +1,6 @@
 // The HTTP service: what a client sends and what it gets, on real connections.
 #include <atomic>
+#include <future>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -280,6 +281,26 @@ TEST_F(HttpFixture, ClientThatEndedItsSideStillGetsTheAnswer) {
   EXPECT_TRUE(client.closedByServer());
 }
 
+TEST_F(HttpFixture, ClientThatEndedItsSideGetsEveryAnswerItAskedFor) {
+  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+    asyncReply = 1;
+    std::thread([handle = request.exchange->getHttpHandle()] {
+      ::usleep(20'000);  // so that the end arrives first
+      CHttpExchange exchange(handle);
+      const std::string url = exchange.getUrl();
+      exchange.response(url.data(), static_cast<int>(url.size()));
+    }).detach();
+    return 200;
+  });
+  start();
+  RawClient client(port());
+  client.send("GET /1 HTTP/1.1\r\nHost: h\r\n\r\nGET /2 HTTP/1.1\r\nHost: h\r\n\r\nGET /3");
+  client.endSending();
+  EXPECT_EQ(client.answer().body, "/1");
+  EXPECT_EQ(client.answer().body, "/2");
+  EXPECT_TRUE(client.closedByServer());
+}
+
 TEST_F(HttpFixture, ExchangeShowsTheRequestAndRefusesBadHeaders) {
   script([](int&, std::string& body, int&, const stHttpRes& request) {
     CHttpExchange& exchange = *request.exchange;
@@ -333,6 +354,39 @@ TEST_F(HttpFixture, ClientAddressIsThePeerUnlessAProxyIsTrusted) {
   service_->listen();
   EXPECT_EQ(RawClient(port()).ask(forged).body, "9.9.9.9");
   EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
+}
+
+// Proxies append to what the client wrote, so only the end of the list can be believed.
+TEST_F(HttpFixture, ForwardedListIsReadFromTheEndThatTheProxiesWrote) {
+  script([](int&, std::string& body, int&, const stHttpRes& request) {
+    body = request.exchange->getHead("X-Forwarded-For");
+    return 200;
+  });
+  options_.trustedProxies = {"127.0.0.1", "10.0.0.1"};
+  start();
+  const struct {
+    std::string lines;
+    std::string client;
+  } cases[] = {
+      {"X-Forwarded-For: 6.6.6.6, 9.9.9.9\r\n", "9.9.9.9"},
+      {"X-Forwarded-For: 6.6.6.6\r\nX-Forwarded-For: 9.9.9.9\r\n", "9.9.9.9"},
+      {"X-Forwarded-For: 6.6.6.6, 9.9.9.9, 10.0.0.1\r\n", "9.9.9.9"},
+      {"X-Forwarded-For: 10.0.0.1\r\n", "10.0.0.1"},
+      {"X-Forwarded-For: 9.9.9.9:1234\r\n", "9.9.9.9"},
+      {"X-Forwarded-For: [2001:db8::1]:1234\r\n", "2001:db8::1"},
+      {"X-Forwarded-For: 2001:DB8:0::1\r\n", "2001:db8::1"},
+      {"X-Forwarded-For: ::ffff:9.9.9.9\r\n", "9.9.9.9"},
+      {"X-Forwarded-For: 6.6.6.6, made up\r\n", "127.0.0.1"},
+      {"X-Forwarded-For: made up, 10.0.0.1\r\n", "10.0.0.1"},
+      {"X-Forwarded-For: 9.9.9.9,\r\n", "127.0.0.1"},
+      {"X-Forwarded-For: [\r\n", "127.0.0.1"},
+      {"X-Forwarded-For:\r\n", "127.0.0.1"},
+  };
+  RawClient client(port());
+  for (const auto& each : cases) {
+    EXPECT_EQ(client.ask("GET / HTTP/1.1\r\nHost: h\r\n" + each.lines + "\r\n").body, each.client)
+        << each.lines;
+  }
 }
 
 TEST_F(HttpFixture, Ipv4ClientOfAnIpv6SocketHasItsIpv4Address) {
@@ -414,6 +468,47 @@ TEST_F(HttpFixture, UnfinishedBodiesOfAllClientsTogetherAreBounded) {
   EXPECT_EQ(first.ask(std::string(10'000, 'x')).status, 200);
   RawClient third(port());
   EXPECT_EQ(third.ask(head + std::string(70'000, 'x')).status, 200);
+}
+
+TEST_F(HttpFixture, AnswersThatClientsDoNotTakeAreBoundedTogether) {
+  constexpr std::size_t kLong = 16'000'000;  // more than the kernel takes
+  bounds_.answerMemory = kLong;
+  script([](int&, std::string& body, int&, const stHttpRes&) {
+    body.assign(kLong, 'x');
+    return 200;
+  });
+  start();
+  RawClient stalled(port(), 4096);
+  stalled.send(kGet);
+  ASSERT_FALSE(stalled.read(1).empty());
+  RawClient second(port(), 4096);
+  second.send(kGet);
+  EXPECT_TRUE(second.closedByServer());
+  EXPECT_LT(second.read(kLong).size(), kLong);
+  stalled.reset();
+  EXPECT_TRUE(eventually([&] { return RawClient(port()).ask(kGet).body.size() == kLong; }));
+}
+
+TEST_F(HttpFixture, BodiesThatWaitForAWorkerCountAsHeld) {
+  bounds_.bodyMemory = 100'000;
+  std::promise<void> release;
+  std::atomic<bool> working{false};
+  script([&, done = release.get_future().share()](int&, std::string&, int&, const stHttpRes&) {
+    working = true;
+    done.wait();
+    return 200;
+  });
+  start();
+  const std::string put =
+      "PUT /KAVRO/System/Audio/channels HTTP/1.1\r\nHost: h\r\nContent-Length: 60000\r\n\r\n" +
+      std::string(60'000, 'x');
+  RawClient waiting(port());
+  waiting.send(put);
+  ASSERT_TRUE(eventually([&] { return working.load(); }));
+  EXPECT_EQ(RawClient(port()).ask(put).status, 503);
+  release.set_value();
+  EXPECT_EQ(waiting.answer().status, 200);
+  EXPECT_TRUE(eventually([&] { return RawClient(port()).ask(put).status == 200; }));
 }
 
 TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
