@@ -184,8 +184,14 @@ void AlarmBus::Subscriptions::deliver(const std::string& devIndex, const std::st
   for (const auto& subscription : of(devIndex)) {
     std::shared_lock running(subscription->running);
     if (subscription->ended) continue;
-    subscription->callback(const_cast<char*>(alarm.data()), static_cast<int>(alarm.size()),
-                           subscription->user);
+    try {
+      subscription->callback(const_cast<char*>(alarm.data()), static_cast<int>(alarm.size()),
+                             subscription->user);
+    } catch (const std::exception& error) {
+      logError("an alarm callback has thrown: {}", error.what());
+    } catch (...) {
+      logError("an alarm callback has thrown");
+    }
   }
 }
 

@@ -9,6 +9,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -388,6 +389,28 @@ TEST_F(AlarmBusTest, NoCallbackAfterUnSubscribe) {
     listener.reset();  // a late callback would be a use after free
     ASSERT_TRUE(witness.came.wait(witness.came.count() + 50));
   }
+}
+
+TEST_F(AlarmBusTest, ACallbackThatThrowsLosesItsAlarmOnly) {
+  ScriptedDevice device([](Peer& peer) {
+    if (!peer.read() || !peer.write(kHead)) return;
+    while (peer.write(part(alarm("again")))) std::this_thread::sleep_for(1ms);
+  });
+  configure("1", device.port());
+  static std::atomic<int> calls;
+  calls = 0;
+  const auto throwing = [](void*, int, void*) -> int {
+    ++calls;
+    throw std::runtime_error("no good");
+  };
+  std::string reply;
+  int id = -1;
+  ASSERT_EQ(QN_AlarmBus_Subscribe(reply, requestFor(entry("1")), throwing, nullptr, 1, id), 0);
+  ASSERT_EQ(QN_AlarmBus_StartUploadData(id), 0);
+  Listener& listener = listeners_.emplace_back();
+  subscribe(listener, "1");
+  ASSERT_TRUE(listener.came.wait(3));
+  EXPECT_GE(calls, 1);
 }
 
 TEST_F(AlarmBusTest, TheLastAlarmOfAFeedMayOutliveTheBus) {
