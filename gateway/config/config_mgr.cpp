@@ -17,8 +17,6 @@
 namespace qn {
 namespace {
 
-constexpr const char* kAdministrator = "admin";
-
 struct Uploader {
   std::shared_mutex mutex;
   PictureUploader call;  // guarded by mutex, which is held shared during a call

@@ -81,6 +81,9 @@ struct LogOptions {
   std::string level = "info";  // debug, info, warn, error
 };
 
+// The user whose presence activates the gateway.
+inline constexpr std::string_view kAdministrator = "admin";
+
 struct UserConfig {
   std::string name;
   std::string ha1;                   // hex digest of name:realm:password

@@ -1,8 +1,10 @@
 #include "gateway/config/configuration_file.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <map>
+#include <system_error>
 
 #include "gateway/config/toml_table.h"
 #include "gateway/log/log.h"
@@ -127,6 +129,10 @@ class FileReader {
     forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
     forEachTable("users", [this](const auto& table, const Place& at) { addUser(table, at); });
     result_.buildIndexes();
+    if (!result_.findUser(kAdministrator)) {
+      logWarn("{}: there is no user \"{}\", so the gateway is not activated and serves nobody",
+              file_, kAdministrator);
+    }
     warnAboutMissingDevices();
     return std::move(result_);
   }
@@ -276,10 +282,11 @@ void checkLines(std::string_view content, const std::string& file) {
 std::string contentOf(const std::filesystem::path& file) {
   const Place place{file.native(), 0, ""};
   std::ifstream stream(file, std::ios::binary);
-  if (!stream) place.fail("cannot be read");
+  const auto reason = [] { return "cannot be read: " + std::generic_category().message(errno); };
+  if (!stream) place.fail(reason());
   std::string content(kConfigurationFileBytes + 1, '\0');
   stream.read(content.data(), std::streamsize(content.size()));
-  if (stream.bad()) place.fail("cannot be read");
+  if (stream.bad()) place.fail(reason());
   content.resize(std::size_t(stream.gcount()));
   if (content.size() > kConfigurationFileBytes) {
     place.fail("expected at most " + std::to_string(kConfigurationFileBytes) + " bytes");

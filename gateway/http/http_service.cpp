@@ -60,7 +60,7 @@ void HttpService::openExtraPort(uint16_t port, Access access) try {
   listener->start();
   extraPorts_.emplace(port, std::move(listener));
 } catch (const std::system_error& e) {
-  wlog_format(WLOG_ERROR, "http", "%s", e.what());
+  wlog_format(WLOG_ERROR, "http", "%s; tried again when the configuration is read again", e.what());
 }
 
 void HttpService::stopAccepting() {

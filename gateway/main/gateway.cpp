@@ -35,6 +35,7 @@ void keepUntilRestart(Options& next, const Options& current, std::string_view se
 Gateway::Gateway(Configuration configuration, const std::filesystem::path& module)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
       module_(module),
+      folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures),
       blocking_(kBlockingWorkers, kWorkerQueue),

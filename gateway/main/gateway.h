@@ -9,6 +9,7 @@
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/http/http_service.h"
+#include "gateway/main/data_folder.h"
 #include "gateway/main/protocol_module.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
@@ -38,6 +39,7 @@ class Gateway {
 
   std::shared_ptr<const Configuration> configuration_;
   ProtocolModule module_;
+  DataFolder folder_;
   PictureResource pictures_;
   WorkerPool blocking_;      // the HTTP service's requests that wait
   WorkerPool translations_;  // the bus's long replies, which never wait

@@ -26,10 +26,12 @@ class CommandLine(unittest.TestCase):
         self.assertIn("--config", usage.stdout)
 
     def test_unusable_command_lines_say_why(self):
-        for arguments in ((), ("--config", "/nonexistent/x.toml"), ("--surprise",)):
+        for arguments, reason in (((), "--config"), (("--surprise",), "--config"),
+                                  (("--config", "/nonexistent/x.toml"), "No such file"),
+                                  (("--config", "/"), "Is a directory")):
             result = run(*arguments)
             self.assertNotEqual(result.returncode, 0, arguments)
-            self.assertTrue(result.stderr.strip(), arguments)
+            self.assertIn(reason, result.stderr, arguments)
 
 
 class Configuration(unittest.TestCase):
@@ -54,9 +56,22 @@ class Configuration(unittest.TestCase):
         self.assertRegex(result.stderr, re.escape(str(broken)) + r":3\b.*prot")
 
     def test_a_taken_port_is_an_error_at_start(self):
-        result = run("--config", self.gateway.config)
+        other = self.gateway.folder / "other.toml"
+        other.write_text(self.gateway.config.read_text().replace('/data"', '/elsewhere"'))
+        result = run("--config", other)
         self.assertNotEqual(result.returncode, 0)
-        self.assertIn(str(self.gateway.port), result.stderr)
+        self.assertIn(f"port {self.gateway.port}: ", result.stderr)
+
+    def test_a_second_gateway_leaves_the_data_directory_alone(self):
+        port, picture_port = harness.free_ports(2)
+        other = self.gateway.folder / "other.toml"
+        other.write_text(f"[http]\nport = {port}\n[network]\npicture_port = {picture_port}\n"
+                         f'[storage]\ndata_dir = "{self.gateway.folder / "data"}"\n')
+        result = run("--config", other)
+        self.assertNotEqual(result.returncode, 0)
+        self.assertIn(f"{self.gateway.folder / 'data'} cannot be used: another process",
+                      result.stderr)
+        self.assertEqual(self.status("admin"), 200)
 
     def test_a_bad_file_changes_nothing(self):
         good = self.gateway.config.read_text()
@@ -91,6 +106,7 @@ class Activation(unittest.TestCase):
         with client.Client(gateway.port) as one:
             answer = one.get(INFO)
         self.assertEqual((answer.status, answer.xml().tag), (403, "ResponseStatus"), answer)
+        self.assertIn("not activated", gateway.log())
 
 
 class Stopping(harness.GatewayTest):

@@ -1,0 +1,41 @@
+// See data_folder.h.
+#include "gateway/main/data_folder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace qn {
+namespace {
+
+[[noreturn]] void fail(const std::filesystem::path& folder, const std::string& reason) {
+  throw std::runtime_error("the data directory " + folder.string() + " cannot be used: " + reason);
+}
+
+std::string lastError() { return std::generic_category().message(errno); }
+
+}  // namespace
+
+DataFolder::DataFolder(const std::filesystem::path& folder) {
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error) fail(folder, error.message());
+  const auto file = folder / "lock";
+  lock_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+  if (lock_ < 0) fail(folder, lastError());
+  if (::flock(lock_, LOCK_EX | LOCK_NB) == 0) return;
+  const std::string reason =
+      errno == EWOULDBLOCK ? "another process is using it" : "lock: " + lastError();
+  ::close(lock_);
+  fail(folder, reason);
+}
+
+DataFolder::~DataFolder() { ::close(lock_); }
+
+}  // namespace qn
