@@ -8,9 +8,8 @@
 #include <vector>
 
 // Fills the status document of an error code: integer "statusCode" (the code's class, its top four
-// bits; 1 for success), "statusString", "subStatusCode", integer "errorCode"; httpStatus becomes the
-// code's.
-// Returns false, and changes nothing, for a code that is not in the table.
+// bits; 1 for success), "statusString", "subStatusCode", integer "errorCode"; httpStatus becomes
+// the code's. Returns false, and changes nothing, for a code that is not in the table.
 bool getResponseStatusByErrorNo(unsigned int errorCode, Json::Value& document, int& httpStatus);
 
 // The HTTP status of a code; codes outside the table by their class: 0 and 1 give 200, 2 gives 503,
@@ -26,9 +25,9 @@ std::string getISO8601Time();
 std::string GetCurTime8601(std::string& text, int offsetSeconds);
 
 // The bytes that follow the JSON object or array at the start of body, without blanks between them:
-// the picture part of a face-library request. Empty when body does not start with one. `jsonText` is
-// the value as written by the caller; it may differ from the body's in blanks and escapes. Returns
-// the number of bytes.
+// the picture part of a face-library request. Empty when body does not start with one. `jsonText`
+// is the value as written by the caller; it may differ from the body's in blanks and escapes.
+// Returns the number of bytes.
 int getBinPart(std::string& picture, const char* body, int length, const std::string& jsonText);
 
 // The gateway's own process ids; 0 on success. From the driver manager.

@@ -42,8 +42,9 @@ class CHttpExchange {
   unsigned int getMethod() const;
   // Path and query exactly as the client sent them; an absolute-form target is reduced to them.
   const std::string& getUrl() const;
-  // A request header by its name in any case; empty when absent, and once a stream has started. "X-Forwarded-For" is the client
-  // address as the service sees it: the client's own header counts only from a trusted proxy.
+  // A request header by its name in any case; empty when absent, and once a stream has started.
+  // "X-Forwarded-For" is the client address as the service sees it: the client's own header counts
+  // only from a trusted proxy.
   std::string getHead(const char* name) const;
 
   // Sets a header of the answer, replacing one of the same name. Content-Length, Connection and
