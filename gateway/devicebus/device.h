@@ -24,6 +24,7 @@ struct Device {
   Circuit circuit;
   DeviceLogin login;
   std::atomic<std::size_t> admitted{0};  // requests accepted and not yet answered
+  std::atomic<std::size_t> awaited{0};   // threads that wait for a reply
 };
 
 // Any thread.

@@ -67,6 +67,22 @@ class WaitingRecipient final : public Recipient {
   const std::shared_ptr<Meeting> meeting_;
 };
 
+// One of the threads that wait for a device.
+class Awaiting {
+ public:
+  explicit Awaiting(Device& device)
+      : awaited_(device.awaited), allowed_(++awaited_ <= DeviceBus::kAwaited) {}
+  ~Awaiting() { --awaited_; }
+  Awaiting(const Awaiting&) = delete;
+  Awaiting& operator=(const Awaiting&) = delete;
+
+  bool isAllowed() const { return allowed_; }
+
+ private:
+  std::atomic<std::size_t>& awaited_;
+  const bool allowed_;
+};
+
 std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
   return std::clamp(timeout, std::chrono::milliseconds(0), DeviceBus::kLongestTimeout);
 }
@@ -169,6 +185,10 @@ int DeviceBus::ask(Call call, std::string& reply) {
     wlog_format(WLOG_ERROR, "QNW", "device bus: a reactor may not wait for a device");
     return -1;
   }
+  const std::shared_ptr<Device> device = findDevice(call.url);
+  if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
+  const Awaiting awaiting(*device);
+  if (!awaiting.isAllowed()) return DEVCFGBUS_QUEUE_FULL;
   const auto deadline = std::chrono::steady_clock::now() + bounded(call.timeout);
   const auto meeting = std::make_shared<Meeting>();
   const int refusal = send(std::move(call), std::make_unique<WaitingRecipient>(meeting));

@@ -29,6 +29,7 @@ class DeviceBus {
   };
 
   static constexpr std::chrono::milliseconds kLongestTimeout{60000};
+  static constexpr std::size_t kAwaited = 8;
 
   // Both outlive the bus and run until it has stopped.
   DeviceBus(Reactors& reactors, WorkerPool& workers);
@@ -46,6 +47,8 @@ class DeviceBus {
   // DEVCFGBUS_OK: the recipient takes one answer. Otherwise a refusal, and it takes none.
   int send(Call call, std::unique_ptr<Recipient> recipient);
   // Waits for the device's reply: 0, a refusal, or -1 when there is none. Never on a reactor.
+  // Refused like a full queue when kAwaited threads wait for the device already: one that hangs
+  // must not keep every worker.
   int ask(Call call, std::string& reply);
 
   // The started one; null when there is none.

@@ -18,10 +18,10 @@ constexpr std::chrono::seconds kReactorWait{5};
 constexpr std::chrono::milliseconds kDrainPoll{5};
 }  // namespace
 
-HttpService::HttpService(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
+HttpService::HttpService(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
                          ProcessFunction process, const HttpBounds& bounds,
                          std::vector<OwnResource> resources)
-    : core_(std::make_shared<ServiceCore>(reactors, pool, options, bounds, process,
+    : core_(std::make_shared<ServiceCore>(reactors, workers, options, bounds, process,
                                           std::move(resources))) {}
 
 HttpService::~HttpService() { close(); }

@@ -19,11 +19,11 @@ namespace qn {
 
 class Listener;
 
-// Every operation may be called on any thread but a reactor's. Reactors and pool outlive the
+// Every operation may be called on any thread but a reactor's. Reactors and pools outlive the
 // service, and the reactors run until it is closed.
 class HttpService {
  public:
-  HttpService(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
+  HttpService(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
               ProcessFunction process, const HttpBounds& bounds = {},
               std::vector<OwnResource> resources = {});
   ~HttpService();  // closes

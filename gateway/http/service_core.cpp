@@ -22,7 +22,7 @@ struct SpecialPath {
   std::string_view path;
   bool takesPicture;
 };
-// Resources whose requests may block: they run on the worker pool.
+// Resources whose requests may block: they run on workers.
 constexpr SpecialPath kSpecialPaths[] = {
     {"/KAVRO/System/Audio/channels", false},
     {"/KAVRO/Intelligent/FDLib/FaceDataRecord", true},
@@ -102,7 +102,7 @@ void Admission::leave(const address& peer) {
   --open_;
 }
 
-ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptions& optionsIn,
+ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOptions& optionsIn,
                          const HttpBounds& boundsIn, ProcessFunction processIn,
                          std::vector<OwnResource> resources)
     : reactors(reactorsIn),
@@ -113,7 +113,7 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, WorkerPool& pool, const HttpOptio
       bodies(boundsIn.bodyMemory),
       unsentAnswers(boundsIn.answerMemory),
       open(reactorsIn.size()),
-      pool_(pool),
+      workers_(workers),
       process_(processIn),
       resources_(std::move(resources)) {
   for (const std::string& proxy : options.trustedProxies) {
@@ -156,31 +156,32 @@ const OwnResource* ServiceCore::findResource(std::string_view url) const {
 }
 
 template <class Job>
-void ServiceCore::queue(const ExchangePtr& exchange, Job job) {
-  if (!pool_.post(std::move(job))) exchange->finish(OwnAnswer::Overloaded);
+void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job job) {
+  if (!workers.post(std::move(job))) exchange->finish(OwnAnswer::Overloaded);
 }
 
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
   if (const OwnResource* resource = findResource(exchange->url())) {
-    queue(exchange, [core = shared_from_this(), exchange, resource] {
+    queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
       answering(exchange, [&] { resource->serve(*exchange); });
     });
   } else if (access != Access::Everything) {
     exchange->finish(OwnAnswer::NotFound);
-  } else if (findSpecialPath(exchange->url()) == nullptr) {
-    process(exchange, body);
+  } else if (const SpecialPath* special = findSpecialPath(exchange->url())) {
+    queueWithBody(special->takesPicture ? workers_.files : workers_.devices, exchange, body);
   } else {
-    queueWithBody(exchange, body);
+    process(exchange, body);
   }
 }
 
-void ServiceCore::queueWithBody(const ExchangePtr& exchange, std::string_view body) {
+void ServiceCore::queueWithBody(WorkerPool& workers, const ExchangePtr& exchange,
+                                std::string_view body) {
   const auto share = std::make_shared<MemoryBudget::Share>(bodies);
   if (!share->set(body.size())) {
     exchange->finish(OwnAnswer::Overloaded);
     return;
   }
-  queue(exchange, [core = shared_from_this(), exchange, owned = std::string(body), share] {
+  queue(workers, exchange, [core = shared_from_this(), exchange, owned = std::string(body), share] {
     core->process(exchange, owned);
   });
 }

@@ -35,6 +35,13 @@ struct OwnResource {
   std::function<void(QNHttpService::ExchangeState&)> serve;
 };
 
+// Where requests run that block. Apart from each other, so that devices that hang keep no picture
+// waiting.
+struct HttpWorkers {
+  WorkerPool& files;    // pictures come and go
+  WorkerPool& devices;  // the rest, which waits for a device
+};
+
 // What a listening port gives to those who connect to it; Nothing: they are told to come later.
 enum class Access { Everything, OwnResources, Nothing };
 
@@ -79,7 +86,7 @@ class OpenConnection {
 
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
  public:
-  ServiceCore(Reactors& reactors, WorkerPool& pool, const HttpOptions& options,
+  ServiceCore(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
               const HttpBounds& bounds, ProcessFunction process,
               std::vector<OwnResource> resources);
 
@@ -113,14 +120,14 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
 
  private:
   const OwnResource* findResource(std::string_view url) const;
-  // On the worker pool, or refuses the exchange when that is full.
+  // On the workers, or refuses the exchange when their queue is full.
   template <class Job>
-  void queue(const ExchangePtr& exchange, Job job);
-  void queueWithBody(const ExchangePtr& exchange, std::string_view body);
+  static void queue(WorkerPool& workers, const ExchangePtr& exchange, Job job);
+  void queueWithBody(WorkerPool& workers, const ExchangePtr& exchange, std::string_view body);
   void process(const ExchangePtr& exchange, std::string_view body) const;
   void processOrThrow(const ExchangePtr& exchange, std::string_view body) const;
 
-  WorkerPool& pool_;
+  const HttpWorkers workers_;
   const ProcessFunction process_;
   const std::vector<OwnResource> resources_;
   std::vector<boost::asio::ip::address> trusted_;

@@ -13,7 +13,8 @@ namespace qn {
 namespace {
 
 // One queue entry is one request.
-constexpr std::size_t kBlockingWorkers = 4;
+constexpr std::size_t kFileWorkers = 4;
+constexpr std::size_t kWaitingWorkers = 4 * DeviceBus::kAwaited;  // so many devices may hang
 constexpr std::size_t kTranslationWorkers = 2;
 constexpr std::size_t kWorkerQueue = 256;
 
@@ -38,11 +39,12 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures),
-      blocking_(kBlockingWorkers, kWorkerQueue),
+      files_(kFileWorkers, kWorkerQueue),
+      waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
       bus_(reactors_, translations_),
       alarms_(reactors_),
-      http_(reactors_, blocking_, configuration_->http, module_.process(), HttpBounds{},
+      http_(reactors_, {files_, waiting_}, configuration_->http, module_.process(), HttpBounds{},
             {pictures_.resource()}) {
   try {
     start();
@@ -81,7 +83,8 @@ void Gateway::stop() {
   bus_.stop();
   http_.drain(steady_clock::now() + kAnswerTime);
   http_.close();
-  blocking_.stop();
+  files_.stop();
+  waiting_.stop();
   translations_.stop();
   OperationLog::instance().stop();
   reactors_.stop();

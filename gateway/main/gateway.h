@@ -41,7 +41,8 @@ class Gateway {
   ProtocolModule module_;
   DataFolder folder_;
   PictureResource pictures_;
-  WorkerPool blocking_;      // the HTTP service's requests that wait
+  WorkerPool files_;         // the HTTP service's requests that wait for the disk
+  WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
   Reactors reactors_;
   DeviceBus bus_;

@@ -1,6 +1,7 @@
 // What platform/device_cfg_bus.h promises, against scripted devices on loopback.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <latch>
 #include <string>
@@ -378,6 +379,24 @@ TEST_F(DeviceBusTest, SynchronousRequestWaitsForTheDevice) {
   EXPECT_EQ(reply, "untouched");
   EXPECT_EQ(QN_DeviceCfgBus_ProcessSyn(GET, url("1"), "", reply, 20000), 0);
   EXPECT_EQ(reply.size(), 100000u);
+}
+
+TEST_F(DeviceBusTest, HangingDeviceKeepsABoundedNumberOfThreadsWaiting) {
+  ScriptedDevice hanging(ScriptedDevice::hanging());
+  addDevice("1", hanging.port());
+  std::atomic<std::size_t> waited{0};
+  std::atomic<std::size_t> refused{0};
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < DeviceBus::kAwaited + 3; ++i) {
+    threads.emplace_back([&] {
+      std::string reply;
+      const int result = QN_DeviceCfgBus_ProcessSyn(GET, url("1"), "", reply, 2000);
+      ++(result == DEVCFGBUS_QUEUE_FULL ? refused : waited);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(waited, DeviceBus::kAwaited);
+  EXPECT_EQ(refused, 3u);
 }
 
 TEST_F(DeviceBusTest, CallbackMaySendTheNextRequest) {

@@ -158,7 +158,7 @@ class HttpFixture : public testing::Test {
   void script(Script script) { currentScript() = std::move(script); }
   HttpService& start() {
     reactors_.start();
-    service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, bounds_);
+    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
     service_->listen();
     return *service_;
   }
@@ -173,6 +173,7 @@ class HttpFixture : public testing::Test {
   HttpBounds bounds_;
   Reactors reactors_{2};
   WorkerPool pool_{2, 2};
+  HttpWorkers workers_{pool_, pool_};
   std::unique_ptr<HttpService> service_;
 };
 

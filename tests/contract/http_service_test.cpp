@@ -350,7 +350,7 @@ TEST_F(HttpFixture, ClientAddressIsThePeerUnlessAProxyIsTrusted) {
   EXPECT_EQ(RawClient(port()).ask(forged).body, "127.0.0.1");
   EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
   options_.trustedProxies = {"127.0.0.1"};
-  service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, bounds_);
+  service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
   service_->listen();
   EXPECT_EQ(RawClient(port()).ask(forged).body, "9.9.9.9");
   EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
@@ -570,7 +570,7 @@ TEST_F(HttpFixture, DevicePortsComeAndGo) {
   HttpService& service = start();
   uint16_t extra;
   {
-    HttpService probe(reactors_, pool_, options_, runScript);
+    HttpService probe(reactors_, workers_, options_, runScript);
     probe.listen();
     extra = probe.port();
   }
@@ -590,7 +590,7 @@ TEST_F(HttpFixture, ListeningOnATakenPortOrABadAddressSaysWhy) {
   options_.port = port();
   const auto reason = [&] {
     try {
-      HttpService(reactors_, pool_, options_, runScript).listen();
+      HttpService(reactors_, workers_, options_, runScript).listen();
     } catch (const std::system_error& e) {
       return std::string(e.what());
     }

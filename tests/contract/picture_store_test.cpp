@@ -251,7 +251,7 @@ class PictureHttp : public HttpFixture {
       return 200;
     });
     reactors_.start();
-    service_ = std::make_unique<HttpService>(reactors_, pool_, options_, runScript, bounds_,
+    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_,
                                              std::vector{pictures_.resource()});
     service_->listen();
   }
@@ -271,7 +271,7 @@ class PictureHttp : public HttpFixture {
     return method + " " + target + " HTTP/1.1\r\nHost: h\r\n\r\n";
   }
   uint16_t freePort() {
-    HttpService probe(reactors_, pool_, options_, runScript);
+    HttpService probe(reactors_, workers_, options_, runScript);
     probe.listen();
     return probe.port();
   }
@@ -339,7 +339,7 @@ TEST(OwnResources, BlockingOnesHoldUpNobodyElse) {
   HttpOptions options;
   options.port = 0;
   reactors.start();
-  HttpService service(reactors, pool, options, runScript, {}, {slow});
+  HttpService service(reactors, {pool, pool}, options, runScript, {}, {slow});
   service.listen();
   const auto ask = [&](const char* path) {
     auto client = std::make_unique<RawClient>(service.port());
