@@ -3,11 +3,14 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <thread>
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
@@ -56,6 +59,18 @@ void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
   }
 }
 
+// Operators are promised 10 s. All else has its own bound, but not the system's resolver: asked for
+// a device's name while the name servers are silent, it holds up the end of its thread.
+constexpr std::chrono::milliseconds kStopTime{9500};
+
+void endInTime() {
+  std::thread([] {
+    std::this_thread::sleep_for(kStopTime);
+    qn::logWarn("ended without waiting for what is still under way");
+    _exit(0);
+  }).detach();
+}
+
 void serve(const Arguments& arguments) {
   const auto signals = blockSignals();
   raiseDescriptorLimit();
@@ -67,6 +82,7 @@ void serve(const Arguments& arguments) {
     if (sigwait(&signals, &number) != 0) continue;
     if (number != SIGHUP) {
       qn::logInfo("stopping on signal {}", number);
+      endInTime();
       return;
     }
     reload(gateway, arguments.config);
