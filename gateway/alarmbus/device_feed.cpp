@@ -146,10 +146,11 @@ void DeviceFeed::readBytes() {
   Error error;
   auto& buffer = scratch();
   const auto size = socket_.read_some(asio::buffer(buffer), error);
-  if (error == asio::error::would_block) return waitForBytes();
+  if (error == asio::error::would_block) return waitForBytes();  // the storm is over
   if (error || !parse(std::string_view(buffer.data(), size))) return retry();
   const auto sinceLast = Clock::now() - std::exchange(lastBytes_, Clock::now());
-  if (sinceLast < kStormGap && size < buffer.size()) return gather();
+  if (size == buffer.size()) return waitForBytes();  // more is there already
+  if (sinceLast < 2 * kStormGap) return gather();
   waitForBytes();
 }
 
@@ -158,7 +159,7 @@ void DeviceFeed::readBytes() {
 void DeviceFeed::gather() {
   pause_.expires_after(kStormGap);
   pause_.async_wait([self = shared_from_this()](Error error) {
-    if (!error && !self->stopped_) self->waitForBytes();
+    if (!error) self->readBytes();
   });
 }
 

@@ -421,7 +421,12 @@ void Connection<Stream>::openStream(const ExchangePtr& exchange) {
 
 template <class Stream>
 void Connection<Stream>::wakeStream() {
-  post([](Connection& self) { self.flushStream(); });
+  core_->senders[reactor_]->add(this->weak_from_this());
+}
+
+template <class Stream>
+void Connection<Stream>::sendParts() {
+  run([this] { flushStream(); });
 }
 
 template <class Stream>

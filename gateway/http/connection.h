@@ -43,6 +43,7 @@ class Connection final : public AnswerLink,
   void deliver(const ExchangePtr& exchange, std::string_view body) override;
   void openStream(const ExchangePtr& exchange) override;
   void wakeStream() override;
+  void sendParts() override;
 
  private:
   using Clock = std::chrono::steady_clock;

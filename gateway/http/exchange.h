@@ -29,6 +29,8 @@ class AnswerLink {
   virtual void openStream(const ExchangePtr& exchange) = 0;
   // Parts wait in the stream's queue. Called once for all that come before they are taken.
   virtual void wakeStream() = 0;
+  // Sends the parts that wait; on the connection's reactor.
+  virtual void sendParts() = 0;
 };
 
 enum class Ending { KeepAlive, Close };

@@ -116,6 +116,9 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
       workers_(workers),
       process_(processIn),
       resources_(std::move(resources)) {
+  for (std::size_t i = 0; i < reactors.size(); ++i) {
+    senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
+  }
   for (const std::string& proxy : options.trustedProxies) {
     boost::system::error_code ec;
     const address parsed = boost::asio::ip::make_address(proxy, ec);

@@ -18,6 +18,7 @@
 #include "gateway/config/configuration.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
+#include "gateway/http/stream_sender.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
@@ -117,6 +118,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
+  std::vector<std::shared_ptr<StreamSender>> senders;  // one for each reactor
 
  private:
   const OwnResource* findResource(std::string_view url) const;

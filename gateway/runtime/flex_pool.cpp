@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <unordered_map>
 #include <utility>
 
@@ -52,79 +53,115 @@ int FlexPool::work(void* job) {
   const Lock lock(mutex_);
   if (finishing_) return ENOENT;
   if (queue_.size() >= kQueueLimit) return EAGAIN;
-  // The thread comes before its job: whatever fails, the job is then still the caller's.
-  if (queue_.size() >= idle_ && threads_.size() < options_.maxThreads) {
-    const int error = startOne();
-    if (error != 0 && threads_.empty()) return error;
-  }
   queue_.push_back(job);
-  callHelp();
-  return 0;
+  const int error = callHelp();
+  if (error == 0 || !threads_.empty()) return 0;
+  queue_.pop_back();  // nobody would run it: it stays the caller's
+  return error;
 }
 
-// Keeps this true: while jobs wait and a thread idles, a thread is on its way or looks after them
-// from time to time. A wake-up costs more than most jobs, so a few threads do them all as long as
-// these get on.
-void FlexPool::callHelp() {
-  if (queue_.empty() || idle_ == 0 || onTheWay_) return;
-  if (watched_ && !wantsThread()) return;
-  onTheWay_ = true;
-  wakeUp_.notify_one();
+// Keeps this true: while jobs wait, a thread is on its way to them, or one works and another, if
+// there may be another, watches that it gets on. A wake-up costs more than most jobs, so one thread
+// does them all as long as none waits for long.
+int FlexPool::callHelp() {
+  if (queue_.empty() || coming_ || (getsOn() && watched_)) return 0;
+  if (idle_ > 0) {
+    coming_ = true;
+    wakeUp_.notify_one();
+    return 0;
+  }
+  return threads_.size() < options_.maxThreads ? startOne() : 0;
 }
 
-bool FlexPool::wantsThread() const { return threads_.size() - idle_ < kEagerThreads; }
+// Whether a job runs that is not known to keep others waiting.
+bool FlexPool::getsOn() const { return running_ > stuck_; }
 
-int FlexPool::startOne() {
+int FlexPool::startOne() try {
   threads_.reserve(threads_.size() + 1);
   pthread_t thread;
   const int error = startThread(thread, "pool", options_.stackBytes,
                                 [self = shared_from_this()] { self->run(); });
-  if (error == 0) threads_.push_back(thread);
-  return error;
+  if (error != 0) return error;
+  threads_.push_back(thread);
+  coming_ = true;
+  return 0;
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
 }
 
 void FlexPool::run() {
   poolOfThisThread = this;
   Lock lock(mutex_);
-  while (awaitJob(lock)) {
+  do {
+    coming_ = false;
+    if (!isNeeded(lock)) continue;
+    do {
+      runJobs(lock);
+    } while (gather(lock));
+  } while (awaitCall(lock));
+  leave();
+}
+
+// For a thread that was called: whether it is to take jobs, perhaps after it has watched.
+bool FlexPool::isNeeded(Lock& lock) {
+  if (queue_.empty() || !getsOn() || finishing_) return !queue_.empty();
+  return !watched_ && watch(lock);
+}
+
+// Until a job has waited for kPatience, which is true, or nothing has happened for as long.
+bool FlexPool::watch(Lock& lock) {
+  watched_ = true;
+  bool late = false;
+  bool quiet = false;
+  while (!finishing_ && !late && !quiet) {
+    const auto taken = taken_;
+    const auto queued = taken_ + queue_.size();
+    finish_.wait_for(lock, kPatience);
+    late = taken_ < queued;
+    quiet = queue_.empty() && taken_ == taken;
+  }
+  watched_ = false;
+  if (late) stuck_ = running_;
+  return !queue_.empty();
+}
+
+void FlexPool::runJobs(Lock& lock) {
+  while (!queue_.empty()) {
     void* const job = queue_.front();
     queue_.pop_front();
     ++taken_;
+    ++running_;
     callHelp();
     lock.unlock();
     callRoutine("pool", [&] { return options_.routine(job); });
     lock.lock();
+    --running_;
+    stuck_ = std::min(stuck_, running_);
   }
-  leave();
 }
 
-bool FlexPool::awaitJob(Lock& lock) {
-  if (!queue_.empty()) return true;
-  ++idle_;
-  const auto end = std::chrono::steady_clock::now() + options_.idleTime;
-  while (!finishing_ && (queue_.empty() || !watchQueue(lock))) {
-    const auto status = wakeUp_.wait_until(lock, end);
-    onTheWay_ = false;
-    if (status == std::cv_status::timeout && queue_.empty()) break;
-  }
-  --idle_;
+// When jobs follow each other closely, lets some gather without a wake-up for each.
+bool FlexPool::gather(Lock& lock) {
+  const auto now = Clock::now();
+  const bool close = now - std::exchange(drained_, now) < 2 * kGatherTime;
+  if (!close || coming_ || finishing_) return false;
+  coming_ = true;
+  finish_.wait_for(lock, kGatherTime);
+  coming_ = false;
   return !queue_.empty();
 }
 
-// For an idle thread that finds jobs: whether it is to take one. With enough threads at work it
-// only sees to it that they get on.
-bool FlexPool::watchQueue(Lock& lock) {
-  onTheWay_ = false;
-  if (wantsThread()) return true;
-  if (watched_) return false;
-  watched_ = true;
-  uint64_t before;
-  do {
-    before = taken_;
-    wakeUp_.wait_for(lock, kPatience);
-    onTheWay_ = false;
-  } while (!finishing_ && !queue_.empty() && !wantsThread() && taken_ != before);
-  watched_ = false;
+// False when the thread is to end.
+bool FlexPool::awaitCall(Lock& lock) {
+  const auto end = Clock::now() + options_.idleTime;
+  auto status = std::cv_status::no_timeout;
+  ++idle_;
+  while (!finishing_ && status == std::cv_status::no_timeout) {
+    status = wakeUp_.wait_until(lock, end);
+    if (!queue_.empty()) break;
+    coming_ = false;
+  }
+  --idle_;
   return !queue_.empty();
 }
 
@@ -143,6 +180,7 @@ void FlexPool::finish() {
     threads.swap(threads_);
   }
   wakeUp_.notify_all();
+  finish_.notify_all();
   for (const pthread_t thread : threads) pthread_join(thread, nullptr);
 }
 

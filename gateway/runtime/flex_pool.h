@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -29,8 +30,9 @@ class FlexPool : public std::enable_shared_from_this<FlexPool> {
 
   explicit FlexPool(const FlexPoolOptions& options) : options_(options) {}
 
-  // 0, or an errno value: ENOENT after finish(), EAGAIN with a full queue, pthread_create's when
-  // there is no thread at all. Starts at most one thread and never waits for one.
+  // 0, or an errno value: ENOENT after finish(), EAGAIN with a full queue, ENOMEM or
+  // pthread_create's when there is no thread at all. Starts at most one thread and never waits for
+  // one.
   int work(void* job);
   // Takes no more work; returns when every queued job has run and the threads have ended. Once, and
   // never on the pool's own threads.
@@ -41,29 +43,37 @@ class FlexPool : public std::enable_shared_from_this<FlexPool> {
  private:
   using Lock = std::unique_lock<std::mutex>;
 
+  using Clock = std::chrono::steady_clock;
+
+  int callHelp();
+  bool getsOn() const;
   int startOne();
   void run();
-  // Waits until there is a job, the idle time is over or the pool finishes; whether to go on.
-  bool awaitJob(Lock& lock);
+  bool isNeeded(Lock& lock);
+  bool watch(Lock& lock);
+  void runJobs(Lock& lock);
+  bool gather(Lock& lock);
+  bool awaitCall(Lock& lock);
   void leave();
-  void callHelp();
-  bool wantsThread() const;
-  bool watchQueue(Lock& lock);
 
-  // As many threads take jobs at once; more only when none has taken one for kPatience.
-  static constexpr std::size_t kEagerThreads = 2;
-  static constexpr std::chrono::milliseconds kPatience{5};
+  // A further thread takes jobs when one has waited for longer.
+  static constexpr std::chrono::milliseconds kPatience{3};
+  static constexpr std::chrono::milliseconds kGatherTime{1};
 
   const FlexPoolOptions options_;
   std::mutex mutex_;
-  std::condition_variable wakeUp_;
+  std::condition_variable wakeUp_;  // idle threads
+  std::condition_variable finish_;  // those that watch or let jobs gather
   // Guarded by mutex_:
   std::deque<void*> queue_;
   std::vector<pthread_t> threads_;
-  std::size_t idle_ = 0;   // threads that wait; those already notified count until they wake
-  bool onTheWay_ = false;  // a thread was notified and has not looked yet
-  bool watched_ = false;   // an idle thread watches that the others get on
-  uint64_t taken_ = 0;     // jobs
+  std::size_t idle_ = 0;       // threads that wait to be called; one that was counts until it wakes
+  std::size_t running_ = 0;    // jobs
+  std::size_t stuck_ = 0;      // of these, during which a job waited for kPatience
+  bool coming_ = false;        // a thread was called or lets jobs gather, and will look by itself
+  bool watched_ = false;       // a thread watches that the others get on
+  uint64_t taken_ = 0;         // jobs
+  Clock::time_point drained_;  // when a thread last found no further job
   bool finishing_ = false;
 };
 
