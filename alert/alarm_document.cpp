@@ -60,23 +60,32 @@ constexpr Row kAudioExceptionRows[] = {
     section("AudioExceptionDetection", kAudioRows, write::strict),
 };
 
-int writeAlert(const Json::Value& alarm, Rows rows, QNBase::CXmlBase& xml) {
-  const Json::Value* alert = jsonMember(alarm, kAlert);
+// Value is Json::Value or PlainValue.
+template <class Value>
+int writeAlert(const Value& alarm, Rows rows, QNBase::CXmlBase& xml) {
+  const Value* alert = jsonMember(alarm, kAlert);
   if (alert == nullptr || !alert->isObject()) return 0;
   return writeRows(xml, rows, *alert) == nullptr ? 1 : 0;
 }
 
-const Json::Value& memberOrNull(const Json::Value& value, std::string_view name) {
-  const Json::Value* member = jsonMember(value, name);
-  return member == nullptr ? Json::Value::nullSingleton() : *member;
+template <class Value>
+const Value& memberOrNull(const Value& value, std::string_view name) {
+  const Value* member = jsonMember(value, name);
+  return member == nullptr ? Value::nullSingleton() : *member;
 }
 
-bool regionsFit(const Json::Value& alarm) {
-  const auto& regions = memberOrNull(memberOrNull(alarm, kAlert), "DetectionRegionList");
+template <class Value>
+bool regionsFit(const Value& alarm) {
+  const Value& regions = memberOrNull(memberOrNull(alarm, kAlert), "DetectionRegionList");
   if (!regions.isArray() || regions.empty()) return true;
-  const auto& first = memberOrNull(regions[0U], "DetectionRegionEntry");
+  const Value& first = memberOrNull(*regions.begin(), "DetectionRegionEntry");
   const std::size_t coordinates = memberOrNull(first, "RegionCoordinatesList").size();
   return regions.size() * (coordinates + 1) <= kMaxRegionElements;
+}
+
+template <class Value>
+int writeRegions(const Value& alarm, QNBase::CXmlBase& xml) {
+  return regionsFit(alarm) ? writeAlert(alarm, kRegionListRows, xml) : 0;
 }
 
 }  // namespace
@@ -93,13 +102,20 @@ int CEventPto::convertAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml)
   }
 }
 
+int CEventPto::convertAlarmData(const PlainValue& alarm, QNBase::CXmlBase& xml) {
+  return writeAlert(alarm, kCommonRows, xml) == 1 && writeRegions(alarm, xml) == 1 &&
+                 writeAlert(alarm, kAudioExceptionRows, xml) == 1
+             ? 1
+             : 0;
+}
+
 int CEventPto::convertCommonAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml) {
   return writeAlert(alarm, kCommonRows, xml);
 }
 
 int CEventPto::convertDetectionRegionListAlarmData(const Json::Value& alarm,
                                                    QNBase::CXmlBase& xml) {
-  return regionsFit(alarm) ? writeAlert(alarm, kRegionListRows, xml) : 0;
+  return writeRegions(alarm, xml);
 }
 
 int CEventPto::convertAudioExceptionDetectionAlarmData(const Json::Value& alarm,

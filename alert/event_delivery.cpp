@@ -5,11 +5,15 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "alert/event_pto.h"
+#include "document/json_member.h"
 #include "document/json_text.h"
+#include "document/plain_value.h"
 #include "platform/alarm_bus.h"
 #include "protocol/log.h"
 
@@ -29,23 +33,49 @@ constexpr std::array<std::string_view, 8> kJsonEventTypes = {
     "LocalUserChange",       "IDCardInfoEvent",
     "QRCodeEvent",           "devXmlEvent"};
 
-// The string member of an object; null when it is absent or of another kind.
-const Json::Value* findString(const Json::Value& object, const char* name) {
-  const Json::Value& member = object[name];
-  return member.isString() ? &member : nullptr;
+bool goesAsJson(std::string_view eventType) {
+  return std::find(kJsonEventTypes.begin(), kJsonEventTypes.end(), eventType) !=
+         kJsonEventTypes.end();
 }
 
-std::string partHeader(ENUM_ALARM_TYPE type, std::size_t length) {
+// The text of an object's string member; nothing when it is absent or of another kind.
+template <class Value>
+std::optional<std::string_view> findText(const Value& object, std::string_view name) {
+  const Value* member = jsonMember(object, name);
+  if (!member || !member->isString()) return std::nullopt;
+  return jsonText(*member);
+}
+
+// Whether the alarm needs nothing but what a plain value can do.
+bool goesAsXml(const PlainValue& root) {
+  const PlainValue* alert = jsonMember(root, kAlert);
+  const auto type = alert ? findText(*alert, "eventType") : std::nullopt;
+  return type && !goesAsJson(*type);
+}
+
+template <class Value>
+bool makeXml(const Value& root, std::string& text) {
+  QNBase::CXmlBase xml;
+  xml.CreateDeclaration("1.0", "UTF-8");
+  xml.CreateRoot(kAlert);
+  if (CEventPto::convertAlarmData(root, xml) != 1) return false;
+  text = xml.GetChildren();
+  return true;
+}
+
+std::string makePart(ENUM_ALARM_TYPE type, const std::string& text) {
   const char* contentType = nullptr;
   if (type == ALARM_XML) contentType = "application/xml";
   if (type == ALARM_JSON) contentType = "application/json";
-  if (!contentType) return {};
+  if (!contentType) return text;
   char header[256];
   const int size = std::snprintf(header, sizeof header,
                                  "--boundary\r\nContent-Type: %s; charset=\"UTF-8\"\r\n"
                                  "Content-Length: %d\r\n\r\n",
-                                 contentType, static_cast<int>(length));
-  return std::string(header, static_cast<std::size_t>(size));
+                                 contentType, static_cast<int>(text.size()));
+  std::string part;
+  part.reserve(static_cast<std::size_t>(size) + text.size());
+  return part.append(header, static_cast<std::size_t>(size)).append(text);
 }
 
 }  // namespace
@@ -64,35 +94,37 @@ int CEventPto::fAlarmDataCallBack(void* data, int length, void* user) {
 }
 
 int CEventPto::consumeAlarm(const char* data, int length) {
+  const std::string_view alarm(data, static_cast<std::size_t>(length));
+  thread_local PlainJson reader;
+  const PlainValue* plain = reader.read(alarm);
+  if (plain && goesAsXml(*plain)) return consumeAlarm(*plain, length);
   Json::Value root;
-  if (!parseJson({data, static_cast<std::size_t>(length)}, root) || !root.isObject()) return -1;
-  const Json::Value& alert = std::as_const(root)[kAlert];
-  if (!alert.isObject()) return -1;
-  const auto* description = findString(alert, "eventDescription");
-  if (description && *description == "Heart Beat") return length;
+  return parseJson(alarm, root) ? consumeAlarm(root, length) : -1;
+}
+
+template <class Value>
+int CEventPto::consumeAlarm(const Value& root, int length) {
+  const Value* alert = jsonMember(root, kAlert);
+  if (!alert || !alert->isObject()) return -1;
+  if (findText(*alert, "eventDescription") == "Heart Beat") return length;
 
   std::string text;
   auto type = ALARM_JSON;
-  if (findString(alert, "eventType")) {
-    if (needConvertToXml(root)) {
+  if (const auto eventType = findText(*alert, "eventType")) {
+    if (!goesAsJson(*eventType)) {
       type = ALARM_XML;
-      QNBase::CXmlBase xml;
-      xml.CreateDeclaration("1.0", "UTF-8");
-      xml.CreateRoot(kAlert);
-      if (convertAlarmData(root, xml) != 1) return -1;
-      text = xml.GetChildren();
-    } else {
-      text = writeJson(alert);
+      if (!makeXml(root, text)) return -1;
+    } else if constexpr (std::is_same_v<Value, Json::Value>) {
+      text = writeJson(*alert);
     }
   }
-  const auto* devIndex = findString(alert, "devIndex");
+  const auto devIndex = findText(*alert, "devIndex");
   if (!devIndex) return -1;
-  return queueAlarm(text, type, devIndex->asString()) == 0 ? length : -1;
+  return queueAlarm(text, type, std::string(*devIndex)) == 0 ? length : -1;
 }
 
 bool CEventPto::needConvertToXml(const Json::Value& alarm) {
-  const auto type = alarm[kAlert]["eventType"].asString();
-  return std::find(kJsonEventTypes.begin(), kJsonEventTypes.end(), type) == kJsonEventTypes.end();
+  return !goesAsJson(alarm[kAlert]["eventType"].asString());
 }
 
 int CEventPto::queueAlarm(const std::string& text, ENUM_ALARM_TYPE type,
@@ -142,8 +174,7 @@ int CEventPto::fAlarmProcessThread(void* job) {
 // No CRLF follows the body: the next part's boundary does.
 void CEventPto::push(const CAlarmParam& job) {
   const auto session = job.getAlertStreamSession();
-  const auto& text = job.getAlarmXmlRsp();
-  const auto part = partHeader(job.getAlarmType(), text.size()) + text;
+  const auto part = makePart(job.getAlarmType(), job.getAlarmXmlRsp());
   CHttpExchange exchange(session->getHandle());
   const int written = exchange.response(part.data(), static_cast<int>(part.size()));
   if (written == static_cast<int>(part.size())) {

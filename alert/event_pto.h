@@ -16,6 +16,7 @@
 #include "alert/alarm_param.h"
 #include "alert/alert_stream_session.h"
 #include "alert/singleton.h"
+#include "document/plain_value.h"
 #include "platform/device_mgr.h"
 #include "platform/rw_lock.h"
 #include "platform/xml_base.h"
@@ -57,6 +58,7 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   // Writes the XML form of an alarm under the root that `xml` has entered; 1, or 0 when the alarm
   // does not fit its tables.
   static int convertAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
+  static int convertAlarmData(const PlainValue& alarm, QNBase::CXmlBase& xml);
   static int convertCommonAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
   static int convertDetectionRegionListAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
   static int convertAudioExceptionDetectionAlarmData(const Json::Value& alarm,
@@ -79,6 +81,8 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   bool hasStream(const std::string& devIndex);
 
   int consumeAlarm(const char* data, int length);
+  template <class Value>
+  int consumeAlarm(const Value& root, int length);
   int queueAlarm(const std::string& text, ENUM_ALARM_TYPE type, const std::string& devIndex);
   bool queueJob(CAlarmParam* job);
   static void push(const CAlarmParam& job);

@@ -9,6 +9,8 @@
 namespace QNKAVROProtocol::table {
 namespace {
 
+// The interpreters are templates: Value is Json::Value or PlainValue.
+
 // The document that is written, and what it has cost: an entry of one byte may stand for hundreds,
 // and a list may repeat its first entry, so that the reply's own size is no bound.
 class Output {
@@ -39,7 +41,8 @@ class Output {
   std::size_t cost_ = 0;
 };
 
-bool isOfKind(const Row& row, const Json::Value& value, Json::ValueType type) {
+template <class Value>
+bool isOfKind(const Row& row, const Value& value, Json::ValueType type) {
   switch (row.kind) {
     case Kind::Text:
       return type == Json::stringValue && !(row.neverEmpty && jsonText(value).empty());
@@ -60,13 +63,15 @@ bool isOfKind(const Row& row, const Json::Value& value, Json::ValueType type) {
   return false;
 }
 
-bool holdsAll(Rows rows, const Json::Value& object) {
+template <class Value>
+bool holdsAll(Rows rows, const Value& object) {
   return std::all_of(rows.begin(), rows.end(),
                      [&](const Row& row) { return jsonMember(object, row.json) != nullptr; });
 }
 
 // Else::Read for a value that qualifies.
-Else judge(const Row& row, const Json::Value* value) {
+template <class Value>
+Else judge(const Row& row, const Value* value) {
   if (value == nullptr) return row.write.absent;
   const Json::ValueType type = value->type();
   if (type == Json::nullValue) return row.write.null;
@@ -78,14 +83,16 @@ Else judge(const Row& row, const Json::Value* value) {
   return Else::Read;
 }
 
-int integerOf(const Json::Value& value) {
+template <class Value>
+int integerOf(const Value& value) {
   if (value.isInt()) return value.asInt();
   if (!value.isNumeric()) return 0;
   const double whole = std::trunc(value.asDouble());
   return static_cast<int>(std::clamp(whole, double{INT_MIN}, double{INT_MAX}));
 }
 
-const Row* writeRows(Output& out, Rows rows, const Json::Value& object);
+template <class Value>
+const Row* writeRows(Output& out, Rows rows, const Value& object);
 
 void addText(Output& out, const Row& row, std::string_view text) {
   if (row.change == nullptr) {
@@ -95,7 +102,8 @@ void addText(Output& out, const Row& row, std::string_view text) {
   }
 }
 
-void addText(Output& out, const Row& row, const Json::Value& value) {
+template <class Value>
+void addText(Output& out, const Row& row, const Value& value) {
   switch (value.type()) {
     case Json::stringValue:
       return addText(out, row, jsonText(value));
@@ -107,41 +115,47 @@ void addText(Output& out, const Row& row, const Json::Value& value) {
   }
 }
 
-void addInteger(Output& out, const Row& row, const Json::Value& value) {
+template <class Value>
+void addInteger(Output& out, const Row& row, const Value& value) {
   char digits[16];
   const auto written = std::to_chars(digits, digits + sizeof digits, integerOf(value));
   out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
-void addReal(Output& out, const Row& row, const Json::Value& value) {
+template <class Value>
+void addReal(Output& out, const Row& row, const Value& value) {
   char digits[384];  // the largest double has 309 digits before the point
   const auto written =
       std::to_chars(digits, digits + sizeof digits, value.asDouble(), std::chars_format::fixed, 6);
   out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
-const Row* writeEntries(Output& out, const Row& row, const Json::Value& entries) {
+template <class Value>
+const Row* writeEntries(Output& out, const Row& row, const Value& entries) {
   if (!entries.isArray()) return nullptr;
-  for (const Json::Value& entry : entries) {
+  for (const Value& entry : entries) {
     if (!out.takesEntry()) return &row;
-    const Json::Value& source = row.repeatsFirst ? *entries.begin() : entry;
+    const Value& source = row.repeatsFirst ? *entries.begin() : entry;
     if (const Row* failed = writeRows(out, row.rows, source)) return failed;
   }
   return nullptr;
 }
 
-const Row* writeContent(Output& out, const Row& row, const Json::Value& value) {
+template <class Value>
+const Row* writeContent(Output& out, const Row& row, const Value& value) {
   return row.kind == Kind::List ? writeEntries(out, row, value) : writeRows(out, row.rows, value);
 }
 
-const Row* writeSection(Output& out, const Row& row, const Json::Value& value) {
+template <class Value>
+const Row* writeSection(Output& out, const Row& row, const Value& value) {
   out.enter(row);
   const Row* failed = writeContent(out, row, value);
   out.leave();
   return failed;
 }
 
-const Row* writeValue(Output& out, const Row& row, const Json::Value& value) {
+template <class Value>
+const Row* writeValue(Output& out, const Row& row, const Value& value) {
   switch (row.kind) {
     case Kind::Text:
       addText(out, row, value);
@@ -178,7 +192,8 @@ const Row* writeFallback(Output& out, const Row& row) {
   return failed;
 }
 
-const Row* writeRow(Output& out, const Row& row, const Json::Value* member) {
+template <class Value>
+const Row* writeRow(Output& out, const Row& row, const Value* member) {
   if (!row.write.written) return nullptr;
   switch (judge(row, member)) {
     case Else::LeaveOut:
@@ -190,16 +205,17 @@ const Row* writeRow(Output& out, const Row& row, const Json::Value* member) {
     case Else::Read:
       break;
   }
-  return writeValue(out, row, member == nullptr ? Json::Value::nullSingleton() : *member);
+  return writeValue(out, row, member == nullptr ? Value::nullSingleton() : *member);
 }
 
-const Row* writeRows(Output& out, Rows rows, const Json::Value& object) {
+template <class Value>
+const Row* writeRows(Output& out, Rows rows, const Value& object) {
   const bool hasMembers = object.isObject();
   for (const Row& row : rows) {
     const char* name = row.json.data();
-    const Json::Value* member = hasMembers && row.kind != Kind::Constant
-                                    ? object.find(name, name + row.json.size())
-                                    : nullptr;
+    const Value* member = hasMembers && row.kind != Kind::Constant
+                              ? object.find(name, name + row.json.size())
+                              : nullptr;
     if (const Row* failed = writeRow(out, row, member)) return failed;
   }
   return nullptr;
@@ -213,6 +229,11 @@ const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* me
 }
 
 const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object) {
+  Output out(xml);
+  return writeRows(out, rows, object);
+}
+
+const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const PlainValue& object) {
   Output out(xml);
   return writeRows(out, rows, object);
 }

@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include "document/plain_value.h"
 #include "document/table.h"
 #include "platform/xml_base.h"
 
@@ -19,6 +20,7 @@ namespace QNKAVROProtocol::table {
                                        const Json::Value& reply);
 // Appends the elements of an object's members to the element that `xml` has entered.
 [[nodiscard]] const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object);
+[[nodiscard]] const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const PlainValue& object);
 // Appends one row's element; `member` is its value, null for an absent one.
 [[nodiscard]] const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* member);
 

@@ -1,6 +1,29 @@
 #include "gateway/alarmbus/alarm_text.h"
 
+#include <array>
+
 namespace qn {
+namespace {
+
+using Marks = std::array<bool, 256>;
+
+constexpr Marks marks(std::string_view characters) {
+  Marks marks{};
+  for (const char c : characters) marks[static_cast<unsigned char>(c)] = true;
+  return marks;
+}
+
+constexpr Marks kInString = marks("\"\\");
+constexpr Marks kOutside = marks("\"{}[]/");
+
+}  // namespace
+
+std::size_t JsonScanner::skip(std::string_view text, std::size_t from) const {
+  if (escaped_) return from;
+  const Marks& stops = inString_ ? kInString : kOutside;
+  while (from < text.size() && !stops[static_cast<unsigned char>(text[from])]) ++from;
+  return from;
+}
 
 JsonScanner::Event JsonScanner::step(char c) {
   if (inString_) {
@@ -49,7 +72,7 @@ bool setDeviceIndex(std::string_view alarm, std::string_view quotedIndex, std::s
   out.reserve(alarm.size() + quotedIndex.size() + 16);
   JsonScanner scanner;
   std::size_t copied = begin;
-  for (std::size_t i = begin; i < alarm.size(); ++i) {
+  for (auto i = begin; (i = scanner.skip(alarm, i)) < alarm.size(); ++i) {
     switch (scanner.step(alarm[i])) {
       case JsonScanner::Event::Inside:
         break;

@@ -19,6 +19,8 @@ class JsonScanner {
   };
 
   Event step(char c);
+  // The next byte at or after `from` that step() must see; all before it are Inside.
+  std::size_t skip(std::string_view text, std::size_t from) const;
 
  private:
   Event close();
