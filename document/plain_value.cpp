@@ -158,7 +158,9 @@ bool PlainJson::number(PlainValue& out) {
   }
   // An exponent, or what is no number: anything that goes on is left to the library.
   if (at_ == end_ || (*at_ != ',' && *at_ != '}' && *at_ != ']' && *at_ > ' ')) return false;
-  return std::from_chars(begin, at_, out.number_).ec == std::errc();
+  if (std::from_chars(begin, at_, out.number_).ec != std::errc()) return false;
+  if (out.type_ == Json::intValue) out.number_ += 0.0;  // integers know no negative zero
+  return true;
 }
 
 bool PlainJson::digits(int most) {

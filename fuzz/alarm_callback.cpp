@@ -7,6 +7,8 @@
 #include <string_view>
 
 #include "alert/event_pto.h"
+#include "document/json_text.h"
+#include "document/plain_value.h"
 #include "tests/unit/fake/fake_platform.h"
 
 using QNKAVROProtocol::CEventPto;
@@ -43,9 +45,27 @@ void CheckPart(const std::string& part) {
   Require(!xml.FindElem("devIndex"));
 }
 
+template <class Value>
+std::string Xml(const Value& alarm) {
+  QNBase::CXmlBase xml;
+  xml.CreateRoot("EventNotificationAlert");
+  return CEventPto::convertAlarmData(alarm, xml) == 1 ? xml.GetChildren() : std::string();
+}
+
+// An alarm that is read the short way means what the library reads.
+void CheckPlain(std::string_view text) {
+  QNKAVROProtocol::PlainJson reader;
+  const auto* const plain = reader.read(text);
+  if (plain == nullptr) return;
+  Json::Value value;
+  Require(QNKAVROProtocol::parseJson(text, value));
+  Require(Xml(*plain) == Xml(value));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  CheckPlain({reinterpret_cast<const char*>(data), size});
   fake::reset();
   CEventPto pto;
   Require(pto.start() == 0);

@@ -207,8 +207,9 @@ bool DeviceFeed::takeRefusal() {
 void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
   failures_ = 0;
   if (contentType.starts_with("image/") || body.empty()) return;
-  if (setDeviceIndex(body, quotedIndex_, alarm_)) sink_(alarm_);
-  if (alarm_.capacity() > kHeadRestLimit) alarm_ = {};
+  thread_local std::string alarm;  // reused by all feeds of the reactor
+  if (setDeviceIndex(body, quotedIndex_, alarm)) sink_(alarm);
+  if (alarm.capacity() > kHeadRestLimit) alarm = {};
 }
 
 // Breaks the connection when the step under way takes longer, or the stream is silent as long.

@@ -78,8 +78,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   bool credentialsSent_ = false;
   std::optional<StreamResponse> response_;
   std::optional<MultipartReader> parts_;
-  std::string rest_;   // bytes of the answer that the parser could not use yet
-  std::string alarm_;  // reused
+  std::string rest_;  // bytes of the answer that the parser could not use yet
   std::string request_;
   Clock::time_point lastBytes_;
   unsigned failures_ = 0;                                  // since the last part
