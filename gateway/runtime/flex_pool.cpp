@@ -70,7 +70,8 @@ int FlexPool::callHelp() {
     wakeUp_.notify_one();
     return 0;
   }
-  return threads_.size() < options_.maxThreads ? startOne() : 0;
+  // finish() joins the threads that it found.
+  return threads_.size() < options_.maxThreads && !finishing_ ? startOne() : 0;
 }
 
 // Whether a job runs that is not known to keep others waiting.
