@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
   options.port = static_cast<uint16_t>(argc > 1 ? std::atoi(argv[1]) : 18081);
   options.connectionsPerAddress = options.connections;
   reactors.start();
-  qn::HttpService service(reactors, pool, options, answer);
+  qn::HttpService service(reactors, {pool, pool}, options, answer);
   service.listen();
   std::printf("port %d\n", int{service.port()});
   report();
