@@ -81,7 +81,7 @@ def reply_of(kind, size):
 def device(folder, port, reply):
     (folder / "reply").write_bytes(reply)
     folder.chmod(0o755)  # nginx drops root's rights
-    return nginx(folder, "device", 1, f"""sendfile on; open_file_cache max=1;
+    return nginx(folder, "device", 1, f"""sendfile on; tcp_nopush on; open_file_cache max=1;
   server {{ listen 127.0.0.1:{port}; default_type application/json; root {folder};
   location / {{ error_page 405 =200 /reply; rewrite ^ /reply break; }} }}""")
 
