@@ -35,8 +35,6 @@ if(QN_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
-include_directories(${CMAKE_SOURCE_DIR})
-
 # A request crosses many small functions of several libraries; inlined across them it costs a tenth
 # less. No symbol of ours is meant to be replaced at load time.
 add_compile_options($<$<CONFIG:Release>:-fno-semantic-interposition>)

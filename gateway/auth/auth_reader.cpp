@@ -29,8 +29,6 @@ constexpr std::array<uint8_t, 256> kClasses = characterClasses();
 
 bool is(uint8_t kind, char c) { return kClasses[uint8_t(c)] == kind; }
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; }
-
 }  // namespace
 
 AuthReader::Item AuthReader::next() {
@@ -106,11 +104,6 @@ std::string escapeQuoted(std::string_view text) {
     value += c;
   }
   return value;
-}
-
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                            [](char x, char y) { return lower(x) == lower(y); });
 }
 
 }  // namespace qn

@@ -44,7 +44,4 @@ std::string unescapeQuoted(std::string_view value);
 // The text as the inside of a quoted string.
 std::string escapeQuoted(std::string_view text);
 
-// ASCII only.
-bool equalIgnoringCase(std::string_view a, std::string_view b);
-
 }  // namespace qn

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "gateway/auth/auth_reader.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace {
@@ -14,7 +15,7 @@ namespace {
 bool listHas(std::string_view list, std::string_view word) {
   while (!list.empty()) {
     const std::size_t end = list.find_first_of(", \t");
-    if (equalIgnoringCase(list.substr(0, end), word)) return true;
+    if (text::equalNoCase(list.substr(0, end), word)) return true;
     list.remove_prefix(end == list.npos ? list.size() : end + 1);
   }
   return false;
@@ -47,21 +48,21 @@ int ClientLogin::Challenge::strength() const {
 }
 
 void ClientLogin::Challenge::take(std::string_view name, std::string_view value) {
-  if (equalIgnoringCase(name, "realm")) realm = unescapeQuoted(value);
-  if (equalIgnoringCase(name, "nonce")) nonce = value;
-  if (equalIgnoringCase(name, "stale")) stale = equalIgnoringCase(value, "true");
-  if (equalIgnoringCase(name, "opaque")) {
+  if (text::equalNoCase(name, "realm")) realm = unescapeQuoted(value);
+  if (text::equalNoCase(name, "nonce")) nonce = value;
+  if (text::equalNoCase(name, "stale")) stale = text::equalNoCase(value, "true");
+  if (text::equalNoCase(name, "opaque")) {
     opaque = value;
     hasOpaque = true;
   }
-  if (equalIgnoringCase(name, "qop")) {
+  if (text::equalNoCase(name, "qop")) {
     qopAuth = listHas(value, "auth");
     usable = usable && qopAuth;
   }
-  if (equalIgnoringCase(name, "algorithm")) {
-    const bool sha256 = equalIgnoringCase(value, "SHA-256");
+  if (text::equalNoCase(name, "algorithm")) {
+    const bool sha256 = text::equalNoCase(value, "SHA-256");
     algorithm = sha256 ? DigestAlgorithm::SHA256 : DigestAlgorithm::MD5;
-    usable = usable && (sha256 || equalIgnoringCase(value, "MD5"));
+    usable = usable && (sha256 || text::equalNoCase(value, "MD5"));
   }
 }
 
@@ -79,8 +80,8 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
     if (item == Item::kParameter) current.take(reader.name(), reader.value());
     if (item != Item::kScheme) continue;
     settle();
-    if (equalIgnoringCase(reader.name(), "Digest")) current.scheme = Scheme::kDigest;
-    if (equalIgnoringCase(reader.name(), "Basic")) current.scheme = Scheme::kBasic;
+    if (text::equalNoCase(reader.name(), "Digest")) current.scheme = Scheme::kDigest;
+    if (text::equalNoCase(reader.name(), "Basic")) current.scheme = Scheme::kBasic;
   }
   settle();
   if (best.strength() == 0) return false;

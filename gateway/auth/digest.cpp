@@ -8,6 +8,8 @@
 #include <cstring>
 #include <memory>
 
+#include "text/hex.h"
+
 namespace qn {
 namespace {
 
@@ -79,7 +81,7 @@ std::size_t hexLength(DigestAlgorithm algorithm) {
 }
 
 HexDigest::HexDigest(const uint8_t* bytes, std::size_t count) : length_(uint8_t(2 * count)) {
-  writeHex(bytes, count, text_.data());
+  text::writeHex({bytes, count}, text_.data());
 }
 
 HexDigest hexDigest(DigestAlgorithm algorithm, std::initializer_list<std::string_view> fields) {
@@ -103,20 +105,6 @@ HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
 
 bool equalInConstantTime(std::string_view a, std::string_view b) {
   return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
-}
-
-void writeHex(const uint8_t* bytes, std::size_t count, char* text) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  for (std::size_t i = 0; i < count; ++i) {
-    text[2 * i] = kDigits[bytes[i] >> 4];
-    text[2 * i + 1] = kDigits[bytes[i] & 15];
-  }
-}
-
-bool isHex(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-  });
 }
 
 bool fillRandom(uint8_t* bytes, std::size_t count) { return RAND_bytes(bytes, int(count)) == 1; }

@@ -49,10 +49,6 @@ HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
 // Takes the same time wherever the texts differ.
 bool equalInConstantTime(std::string_view a, std::string_view b);
 
-// Lower-case hexadecimal into text[2 * count]; no NUL.
-void writeHex(const uint8_t* bytes, std::size_t count, char* text);
-bool isHex(std::string_view text);
-
 // From the system's generator. False when it failed; the bytes are then not to be used.
 bool fillRandom(uint8_t* bytes, std::size_t count);
 

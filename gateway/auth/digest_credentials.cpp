@@ -1,6 +1,7 @@
 #include "gateway/auth/digest_credentials.h"
 
 #include "gateway/auth/auth_reader.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace {
@@ -21,7 +22,7 @@ constexpr Parameter kParameters[] = {
 // False when the parameter was there before.
 bool store(const AuthReader& reader, DigestCredentials& credentials) {
   for (const Parameter& parameter : kParameters) {
-    if (!equalIgnoringCase(parameter.name, reader.name())) continue;
+    if (!text::equalNoCase(parameter.name, reader.name())) continue;
     std::string_view& member = credentials.*parameter.member;
     if (member.data()) return false;
     member = reader.value();
@@ -43,7 +44,7 @@ bool parseDigestCredentials(std::string_view authorization, DigestCredentials& c
   using Item = AuthReader::Item;
   credentials = {};
   AuthReader reader(authorization);
-  if (reader.next() != Item::kScheme || !equalIgnoringCase(reader.name(), "Digest")) return false;
+  if (reader.next() != Item::kScheme || !text::equalNoCase(reader.name(), "Digest")) return false;
   Item item = reader.next();
   while (item == Item::kParameter && store(reader, credentials)) item = reader.next();
   return item == Item::kEnd;

@@ -7,12 +7,12 @@
 #include <pugixml.hpp>
 
 #include "gateway/base/xml_memory.h"
-#include "gateway/base/xml_text.h"
+#include "text/xml.h"
 
 namespace QNBase {
 namespace {
 
-using enum qn::XmlPlace;
+using enum qn::text::XmlPlace;
 
 [[maybe_unused]] const bool kPagesAreKept = qn::keepXmlPages();
 
@@ -85,14 +85,14 @@ bool SettleAttribute(pugi::xml_attribute attribute) {
   if (raw.find('<') != raw.npos) return false;
   if (raw.find_first_of("&\"") == raw.npos) return true;
   std::string decoded, escaped;
-  if (!qn::AppendDecoded(raw, decoded)) return false;
-  qn::AppendEscaped(decoded, kAttribute, escaped);
+  if (!qn::text::appendDecodedXml(raw, decoded)) return false;
+  qn::text::appendEscapedXml(decoded, Attribute, escaped);
   return attribute.set_value(escaped.c_str());
 }
 
 bool HasSoundReferences(std::string_view raw) {
   std::string decoded;
-  return raw.find('&') == raw.npos || qn::AppendDecoded(raw, decoded);
+  return raw.find('&') == raw.npos || qn::text::appendDecodedXml(raw, decoded);
 }
 
 bool SettleAttributes(pugi::xml_node node) {
@@ -168,15 +168,15 @@ struct CXmlBase::Document {
 
   bool Load(std::string_view source) {
     Settler settler(source.find('&') != source.npos);
-    return source.size() <= kMaxText && source.starts_with('<') && qn::IsXmlText(source) &&
+    return source.size() <= kMaxText && source.starts_with('<') && qn::text::isXmlText(source) &&
            tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
            HasSoundTop(tree) && tree.traverse(settler);
   }
 
   // The text as it is written, ending in NUL; valid until the next call.
-  const char* Escaped(std::string_view source, qn::XmlPlace place) {
+  const char* Escaped(std::string_view source, qn::text::XmlPlace place) {
     text.clear();
-    qn::AppendEscaped(source, place, text);
+    qn::text::appendEscapedXml(source, place, text);
     return text.c_str();
   }
 };
@@ -228,9 +228,9 @@ bool CXmlBase::OutOfElem() {
 std::string CXmlBase::GetData() const {
   std::string data;
   const pugi::xml_node element = document_->selected;
-  qn::AppendDecoded(element.value(), data);
+  qn::text::appendDecodedXml(element.value(), data);
   for (auto child = element.first_child(); child; child = child.next_sibling()) {
-    if (child.type() == pugi::node_pcdata) qn::AppendDecoded(child.value(), data);
+    if (child.type() == pugi::node_pcdata) qn::text::appendDecodedXml(child.value(), data);
     if (child.type() == pugi::node_cdata) data += child.value();
   }
   return data;
@@ -241,8 +241,8 @@ void CXmlBase::CreateDeclaration(const char* version, const char* encoding) {
   if (tree.first_child().type() == pugi::node_declaration) tree.remove_child(tree.first_child());
   pugi::xml_node declaration = tree.prepend_child(pugi::node_declaration);
   declaration.set_name("xml");
-  declaration.append_attribute("version").set_value(document_->Escaped(version, kAttribute));
-  declaration.append_attribute("encoding").set_value(document_->Escaped(encoding, kAttribute));
+  declaration.append_attribute("version").set_value(document_->Escaped(version, Attribute));
+  declaration.append_attribute("encoding").set_value(document_->Escaped(encoding, Attribute));
 }
 
 void CXmlBase::CreateRoot(const char* name) {
@@ -257,7 +257,7 @@ void CXmlBase::AddNode(const char* name) {
 
 void CXmlBase::AddNode(const char* name, std::string_view text) {
   AddNode(name);
-  const char* escaped = document_->Escaped(text, kText);
+  const char* escaped = document_->Escaped(text, Text);
   if (*escaped != '\0') document_->entered.append_child(pugi::node_pcdata).set_value(escaped);
 }
 
@@ -265,7 +265,7 @@ void CXmlBase::SetAttribute(const char* name, std::string_view value) {
   if (document_->entered == document_->tree) return;
   pugi::xml_attribute attribute = document_->entered.attribute(name);
   if (!attribute) attribute = document_->entered.append_attribute(name);
-  attribute.set_value(document_->Escaped(value, kAttribute));
+  attribute.set_value(document_->Escaped(value, Attribute));
 }
 
 std::string CXmlBase::GetChildren() const {

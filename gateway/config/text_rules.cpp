@@ -6,6 +6,8 @@
 #include <charconv>
 #include <string>
 
+#include "text/hex.h"
+
 namespace qn {
 namespace {
 
@@ -59,7 +61,7 @@ bool isUserName(std::string_view text) {
 
 bool isPassword(std::string_view text) { return !text.empty() && isPlain(text, kPasswordBytes); }
 
-bool isHa1(std::string_view text) { return !text.empty() && isHex(text); }
+bool isHa1(std::string_view text) { return !text.empty() && text::isHex(text); }
 
 bool isDeviceIndex(std::string_view text) {
   return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%?/") &&

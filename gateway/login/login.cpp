@@ -8,6 +8,8 @@
 
 #include "gateway/auth/auth_reader.h"
 #include "platform/config_mgr.h"
+#include "text/ascii.h"
+#include "text/hex.h"
 
 namespace qn {
 namespace {
@@ -27,7 +29,7 @@ bool readCount(std::string_view digits, uint32_t& count) {
 }
 
 bool isForAlgorithm(const DigestCredentials& given, DigestAlgorithm algorithm) {
-  return given.algorithm.data() ? equalIgnoringCase(given.algorithm, algorithmName(algorithm))
+  return given.algorithm.data() ? text::equalNoCase(given.algorithm, algorithmName(algorithm))
                                 : algorithm == DigestAlgorithm::MD5;
 }
 
@@ -35,8 +37,8 @@ bool isForAlgorithm(const DigestCredentials& given, DigestAlgorithm algorithm) {
 bool isComplete(const DigestCredentials& given, const KavroOptions& options) {
   return given.username.data() && given.realm == options.realm && !given.nonce.empty() &&
          !given.uri.empty() && given.qop == "auth" && !given.cnonce.empty() &&
-         given.response.size() == hexLength(options.algorithm) && isHex(given.response) &&
-         isForAlgorithm(given, options.algorithm) && !equalIgnoringCase(given.userhash, "true");
+         given.response.size() == hexLength(options.algorithm) && text::isHex(given.response) &&
+         isForAlgorithm(given, options.algorithm) && !text::equalNoCase(given.userhash, "true");
 }
 
 const UserConfig* findUser(const Configuration& config, std::string_view username) {

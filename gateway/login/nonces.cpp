@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "gateway/auth/digest.h"
+#include "text/hex.h"
 
 namespace qn {
 namespace {
@@ -53,10 +54,10 @@ int Nonces::create(char* buffer, int size, int randomBytes, Time now) const {
 
   Text text{};
   std::snprintf(text.data(), text.size(), "%08x", unsigned(secondsOf(now)));
-  writeHex(random.data(), randomCount, text.data() + kTimeDigits);
+  text::writeHex({random.data(), randomCount}, text.data() + kTimeDigits);
   const std::string_view hashed(text.data(), length - kHashDigits);
   if (!keyedHash({key_.data(), key_.size()}, hashed, hash.data(), hash.size())) return 0;
-  writeHex(hash.data(), hash.size(), text.data() + hashed.size());
+  text::writeHex(hash, text.data() + hashed.size());
   std::copy_n(text.data(), length + 1, buffer);
   return int(length);
 }
@@ -68,7 +69,7 @@ bool Nonces::authentic(std::string_view nonce) const {
   if (!hasKey_ || !keyedHash({key_.data(), key_.size()}, hashed, hash.data(), hash.size())) {
     return false;
   }
-  writeHex(hash.data(), hash.size(), digits.data());
+  text::writeHex(hash, digits.data());
   return equalInConstantTime({digits.data(), digits.size()}, nonce.substr(hashed.size()));
 }
 

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "text/hex.h"
+
 namespace qn {
 namespace {
 
@@ -32,7 +34,6 @@ constexpr std::size_t kRandomBytes = 16;
 constexpr std::size_t kExtension = 4;  // of every format
 constexpr std::size_t kNameLength = 2 * kRandomBytes + kExtension;
 constexpr std::string_view kPart = ".part";
-constexpr std::string_view kHexDigits = "0123456789abcdef";
 
 [[noreturn]] void fail(const char* what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -74,12 +75,7 @@ void flushFolder(const std::filesystem::path& folder) {
 std::string newPictureName(std::string_view picture) {
   std::array<unsigned char, kRandomBytes> random;
   if (::getrandom(random.data(), random.size(), 0) != ssize_t{kRandomBytes}) fail("getrandom");
-  std::string name;
-  name.reserve(kNameLength);
-  for (const unsigned char byte : random) {
-    name += kHexDigits[byte >> 4];
-    name += kHexDigits[byte & 0xf];
-  }
+  std::string name = text::hexOf(random);
   const auto format = std::find_if(kFormats.begin(), kFormats.end(), [picture](const Format& each) {
     return picture.starts_with(each.magic);
   });
@@ -88,7 +84,7 @@ std::string newPictureName(std::string_view picture) {
 
 bool isPictureName(std::string_view name) {
   return name.size() == kNameLength &&
-         name.find_first_not_of(kHexDigits) == kNameLength - kExtension &&
+         name.find_first_not_of(text::kHexDigits) == kNameLength - kExtension &&
          std::any_of(kFormats.begin(), kFormats.end(),
                      [name](const Format& each) { return name.ends_with(each.extension); });
 }

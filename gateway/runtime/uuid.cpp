@@ -2,9 +2,11 @@
 #include <sys/random.h>
 
 #include <cerrno>
+#include <span>
 
 #include "gateway/runtime/last_error.h"
 #include "platform/zrt.h"
+#include "text/hex.h"
 
 int ZRT_GetUUID(ZRT_UUID& uuid) {
   // Up to 256 bytes come whole or not at all; only the wait for the first seed can be interrupted.
@@ -19,12 +21,12 @@ int ZRT_GetUUID(ZRT_UUID& uuid) {
 int ZRT_StringFromUUID(const ZRT_UUID& uuid, char* text, int size) {
   constexpr int kTextSize = 37;
   if (text == nullptr || size < kTextSize) return qn::fail(EINVAL);
-  constexpr char kHex[] = "0123456789abcdef";
+  std::span<const uint8_t> rest(uuid.bytes);
   char* out = text;
-  for (int i = 0; i < 16; ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) *out++ = '-';
-    *out++ = kHex[uuid.bytes[i] >> 4];
-    *out++ = kHex[uuid.bytes[i] & 0xf];
+  for (const std::size_t group : {4, 2, 2, 2, 6}) {
+    if (out != text) *out++ = '-';
+    out = qn::text::writeHex(rest.first(group), out);
+    rest = rest.subspan(group);
   }
   *out = '\0';
   return 0;
