@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "tests/unit/fake/fake_platform.h"
 
 namespace {
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(answer.count == 1);
   Require(answer.status >= 200 && answer.status <= 599);
   Json::Value json;
-  const bool isJson = QNKAVROProtocol::parseJson(answer.body, json);
+  const bool isJson = qn::json::parseJson(answer.body, json);
   Require(answer.headers.at("Content-Type") != "application/json" || isJson);
   return 0;
 }

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "protocol/device_reply.h"
 #include "tests/unit/fake/fake_platform.h"
 
@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(answer.count == 1 && answer.body == reply);
   Require(answer.status >= 200 && answer.status <= 599);
   Json::Value json;
-  const bool isJson = QNKAVROProtocol::parseJson(reply, json);
+  const bool isJson = qn::json::parseJson(reply, json);
   const char* expected = isJson ? "application/json" : "application/xml";
   Require(answer.headers.at("Content-Type") == expected);
   Require(!isJson || answer.status == QNKAVROProtocol::statusOfJsonReply(json));

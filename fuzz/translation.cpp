@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "platform/xml_base.h"
 #include "tests/unit/fake/fake_platform.h"
 
@@ -57,7 +57,7 @@ void RequireXml(const std::string& text) {
 
 void CheckReply(const Resource& resource, std::string_view reply) {
   Json::Value json;
-  if (!QNKAVROProtocol::parseJson(reply, json)) return;  // goes to the client as it is
+  if (!qn::json::parseJson(reply, json)) return;  // goes to the client as it is
   const int handle = Send(resource, kSearch);
   Require(fake::deviceBus().reply(reply) == 0);
   const fake::Answer answer = fake::http().answer(handle);
@@ -69,7 +69,7 @@ void CheckBody(const Resource& resource, std::string_view body) {
   Send(resource, body);
   if (fake::deviceBus().seen.empty()) return;  // refused
   Json::Value json;
-  Require(QNKAVROProtocol::parseJson(fake::deviceBus().seen.back().body, json));
+  Require(qn::json::parseJson(fake::deviceBus().seen.back().body, json));
 }
 
 }  // namespace

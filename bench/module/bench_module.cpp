@@ -4,8 +4,8 @@
 #include <string>
 
 #include "bench/module/null_platform.h"
-#include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "protocol/protocol_base.h"
 
 namespace {
@@ -85,7 +85,7 @@ void jsonParsing(benchmark::State& state) {
   const std::string reply = deviceInfoReply();
   for (auto _ : state) {
     Json::Value value;
-    benchmark::DoNotOptimize(QNKAVROProtocol::parseJson(reply, value));
+    benchmark::DoNotOptimize(qn::json::parseJson(reply, value));
   }
 }
 
