@@ -1,23 +1,17 @@
 // Any text as an alarm: consumed or refused, and each of the device's two streams gets the same
 // whole part or none.
 #include <charconv>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include "alert/event_pto.h"
 #include "document/json_text.h"
 #include "document/plain_value.h"
+#include "fuzz/require.h"
 #include "tests/unit/fake/fake_platform.h"
 
 using QNKAVROProtocol::CEventPto;
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 int Open(CEventPto& pto) {
   const auto record =
@@ -72,8 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int first = Open(pto);
   const int second = Open(pto);
   const int length = static_cast<int>(size);
-  const int result =
-      fake::alarmBus().raise(std::string_view(reinterpret_cast<const char*>(data), size));
+  const int result = fake::alarmBus().raise(TextOf(data, size));
   Require(result == length || result == -1);
   fake::runtime().runJobs();
   const auto parts = fake::http().answer(first).parts;
