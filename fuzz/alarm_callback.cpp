@@ -1,22 +1,16 @@
 // Any text as an alarm: consumed or refused, and each of the device's two streams gets the same
 // whole part or none.
 #include <charconv>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include "alert/event_pto.h"
+#include "fuzz/require.h"
 #include "json/reader.h"
 #include "tests/unit/fake/fake_platform.h"
 
 using QNKAVROProtocol::CEventPto;
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 int Open(CEventPto& pto) {
   const auto record =
@@ -59,15 +53,14 @@ void CheckDocument(std::string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  CheckDocument({reinterpret_cast<const char*>(data), size});
+  CheckDocument(TextOf(data, size));
   fake::reset();
   CEventPto pto;
   Require(pto.start() == 0);
   const int first = Open(pto);
   const int second = Open(pto);
   const int length = static_cast<int>(size);
-  const int result =
-      fake::alarmBus().raise(std::string_view(reinterpret_cast<const char*>(data), size));
+  const int result = fake::alarmBus().raise(TextOf(data, size));
   Require(result == length || result == -1);
   fake::runtime().runJobs();
   const auto parts = fake::http().answer(first).parts;

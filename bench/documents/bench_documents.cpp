@@ -2,24 +2,18 @@
 // reading the JSON and building and writing the XML, or reading the XML and writing the JSON.
 #include <benchmark/benchmark.h>
 
-#include <fstream>
-#include <iterator>
 #include <pugixml.hpp>
 #include <string>
 #include <vector>
 
-#include "bench/module/null_platform.h"
 #include "channel/streaming_channel.h"
 #include "json/text.h"
 #include "record/record_operation.h"
+#include "tests/unit/documents.h"
+#include "tests/unit/fake/fake_platform.h"
 
 namespace QNKAVROProtocol {
 namespace {
-
-std::string golden(const char* name) {
-  std::ifstream file(std::string(QN_GOLDEN_DIR "/") + name);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // The golden document's first list entry, or the document itself, `count` times in a list.
 std::string repeated(const Json::Value& entry, int count) {
@@ -130,7 +124,8 @@ void channelListReplyBare(benchmark::State& state) {
 BENCHMARK(channelListReplyBare);
 
 std::string translatedSearch(const std::string& json) {
-  const QNHttpService::stHttpRes record = null_platform::open("/KAVRO/ContentMgmt/search");
+  const QNHttpService::stHttpRes record =
+      fake::http().open({QNHttpService::HTTP_POST, "/KAVRO/ContentMgmt/search"});
   Json::Value reply;
   std::string xml;
   if (!qn::json::parseJson(json, reply)) std::abort();
@@ -182,4 +177,8 @@ BENCHMARK(channelRequestBare);
 }  // namespace
 }  // namespace QNKAVROProtocol
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  fake::beQuiet();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}

@@ -1,20 +1,13 @@
-// The hand-written documents under golden/ and the way of a document through the module.
+// The way of a document through the module, and documents with a member changed.
 #pragma once
 
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
 
 #include "json/text.h"
 #include "tests/unit/conversation.h"
-
-inline std::string golden(const std::string& name) {
-  std::ifstream file(std::string(QN_GOLDEN_DIR "/") + name);
-  EXPECT_TRUE(file) << name;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+#include "tests/unit/documents.h"
 
 // One line: without the line breaks and indentation that make the files readable.
 inline std::string flat(const std::string& text) {
