@@ -14,11 +14,11 @@ class JsonEnd {
   explicit JsonEnd(std::string_view text) : rest_(text) {}
 
   // True when the value is complete; rest() is what follows it then.
-  bool Find() {
-    if (!SkipBlanksAndComments() || rest_.empty()) return false;
+  bool find() {
+    if (!skipBlanksAndComments() || rest_.empty()) return false;
     if (rest_[0] != '{' && rest_[0] != '[') return false;
     do {
-      if (!SkipToken()) return false;
+      if (!skipToken()) return false;
     } while (nesting_ != 0);
     return true;
   }
@@ -28,34 +28,34 @@ class JsonEnd {
   // Deeper nesting is no request of the protocol's.
   static constexpr std::size_t kMaxNesting = 1000;
 
-  bool SkipToken() {
+  bool skipToken() {
     if (rest_.empty()) return false;
     const char first = rest_[0];
     rest_.remove_prefix(1);
     switch (first) {
       case '{':
-        return Open('}');
+        return open('}');
       case '[':
-        return Open(']');
+        return open(']');
       case '}':
       case ']':
         return expected_[--nesting_] == first;
       case '"':
-        return SkipString();
+        return skipString();
       case '/':
-        return SkipComment();
+        return skipComment();
       default:
         return true;
     }
   }
 
-  bool Open(char closing) {
+  bool open(char closing) {
     if (nesting_ == kMaxNesting) return false;
     expected_[nesting_++] = closing;
     return true;
   }
 
-  bool SkipString() {
+  bool skipString() {
     for (std::size_t i = 0; i < rest_.size(); ++i) {
       if (rest_[i] == '"') {
         rest_.remove_prefix(i + 1);
@@ -67,7 +67,7 @@ class JsonEnd {
   }
 
   // Stands behind the slash. The reader that takes the JSON part allows comments.
-  bool SkipComment() {
+  bool skipComment() {
     const bool block = rest_.starts_with('*');
     if (!block && !rest_.starts_with('/')) return false;
     const std::string_view mark = block ? "*/" : "\n";
@@ -77,12 +77,12 @@ class JsonEnd {
     return true;
   }
 
-  bool SkipBlanksAndComments() {
+  bool skipBlanksAndComments() {
     for (;;) {
       rest_.remove_prefix(std::min(rest_.find_first_not_of(" \t\r\n"), rest_.size()));
       if (!rest_.starts_with('/')) return true;
       rest_.remove_prefix(1);
-      if (!SkipComment()) return false;
+      if (!skipComment()) return false;
     }
   }
 
@@ -98,7 +98,7 @@ int getBinPart(std::string& picture, const char* body, int length,
   picture.clear();
   if (body == nullptr || length <= 0) return 0;
   JsonEnd end({body, static_cast<std::size_t>(length)});
-  if (!end.Find()) return 0;
+  if (!end.find()) return 0;
   // The JSON part may end in a line break of its own; no picture format begins with a blank.
   const std::string_view rest = end.rest();
   picture = rest.substr(std::min(rest.find_first_not_of(" \t\r\n"), rest.size()));
