@@ -11,7 +11,9 @@
 
 #include "gateway/http/header_lines.h"
 #include "gateway/http/multipart.h"
+#include "gateway/http/part_pusher.h"
 #include "platform/wlog.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace {
@@ -137,7 +139,7 @@ std::string ServiceCore::clientAddress(address peer, std::string_view fields) co
   while (trusts(peer) && !rest.empty()) {
     const std::size_t comma = rest.rfind(',');
     const std::size_t start = comma == rest.npos ? 0 : comma + 1;
-    const auto next = forwardedAddress(trimBlanks(rest.substr(start)));
+    const auto next = forwardedAddress(text::trim(rest.substr(start)));
     if (!next) break;  // nobody knows who that is: the proxy answers for it
     peer = *next;
     rest = rest.substr(0, start == 0 ? 0 : comma);

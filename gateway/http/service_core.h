@@ -18,11 +18,12 @@
 #include "gateway/config/configuration.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
-#include "gateway/http/stream_sender.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
 namespace qn {
+
+class StreamSender;
 
 // The shape of QN_Protocol_HTTPProcess.
 using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncReply,
