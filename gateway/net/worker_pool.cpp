@@ -11,13 +11,20 @@
 
 namespace qn {
 namespace {
+
 thread_local const WorkerPool* poolOfThisThread = nullptr;
+
+// Milliseconds, so that nothing needs to cut it short.
+void sleep(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
+  lock.unlock();
+  std::this_thread::sleep_for(time);
+  lock.lock();
 }
 
+}  // namespace
+
 WorkerPool::WorkerPool(const WorkerPoolOptions& options)
-    : options_(options), guard_(context_.get_executor()) {
-  if (options_.patience.count() > 0) watch_.emplace(context_);
-}
+    : options_(options), guard_(context_.get_executor()) {}
 
 WorkerPool::~WorkerPool() { stop(); }
 
@@ -27,13 +34,13 @@ bool WorkerPool::post(Job job) {
   const Lock lock(mutex_);
   if (stopping_ || queue_.size() >= options_.queueLimit) return false;
   queue_.push_back(std::move(job));
-  const bool called = watch_ ? callSparingly() : callOneMore();
-  if (!called && draining_ == 0) {
-    queue_.pop_back();
-    return false;
-  }
-  return true;
+  const bool called = isPatient() ? callSparingly() : callOneMore();
+  if (called || draining_ > 0 || watched_) return true;
+  queue_.pop_back();
+  return false;
 }
+
+bool WorkerPool::isPatient() const { return options_.patience.count() > 0; }
 
 // A call for each job, and a thread for each call. False when nobody was called.
 bool WorkerPool::callOneMore() try {
@@ -51,11 +58,10 @@ bool WorkerPool::callSparingly() try {
   if (queue_.empty() || coming_) return true;
   const bool getsOn = draining_ > stuck_ && !stopping_;
   if (getsOn && watched_) return true;
-  if (threads_.size() == draining_ && !startOne()) return false;
+  const std::size_t busy = draining_ + (watched_ ? 1 : 0);
+  if (threads_.size() == busy && !startOne()) return false;
   if (getsOn) {
-    due_ = taken_ + queue_.size();
-    watch_->expires_after(options_.patience);
-    watch_->async_wait([this](const boost::system::error_code&) { onWatch(); });
+    boost::asio::post(context_, [this] { watch(); });
     watched_ = true;
   } else {
     boost::asio::post(context_, [this] { onCall(); });
@@ -90,15 +96,22 @@ void WorkerPool::onCall() {
   drain(lock);
 }
 
-void WorkerPool::onWatch() {
+// Until a job has waited for the whole patience, and then helps, or nothing has happened for as
+// long.
+void WorkerPool::watch() {
   Lock lock(mutex_);
-  watched_ = false;
-  if (taken_ >= due_) {
-    callSparingly();
-    return;
+  bool late = false;
+  bool quiet = false;
+  while (!late && !quiet && !stopping_) {
+    const auto taken = taken_;
+    const auto queued = taken_ + queue_.size();
+    sleep(lock, options_.patience);
+    late = taken_ < queued;
+    quiet = queue_.empty() && taken_ == taken;
   }
-  stuck_ = draining_;
-  drain(lock);
+  watched_ = false;
+  if (late) stuck_ = draining_;
+  if (late || stopping_) drain(lock);
 }
 
 void WorkerPool::drain(Lock& lock) {
@@ -108,7 +121,7 @@ void WorkerPool::drain(Lock& lock) {
       Job job = std::move(queue_.front());
       queue_.pop_front();
       ++taken_;
-      if (watch_) callSparingly();
+      if (isPatient()) callSparingly();
       lock.unlock();
       job();
       job = nullptr;
@@ -121,14 +134,12 @@ void WorkerPool::drain(Lock& lock) {
 
 // When jobs follow each other closely, lets some gather without a wake-up for each.
 bool WorkerPool::gather(Lock& lock) {
-  if (!watch_) return false;
+  if (!isPatient()) return false;
   const auto now = Clock::now();
   const bool close = now - std::exchange(drained_, now) < 2 * kGatherTime;
   if (!close || coming_ || stopping_) return false;
   coming_ = true;
-  lock.unlock();
-  std::this_thread::sleep_for(kGatherTime);
-  lock.lock();
+  sleep(lock, kGatherTime);
   coming_ = false;
   return !queue_.empty();
 }
@@ -151,10 +162,7 @@ void WorkerPool::stop() {
   {
     const Lock lock(mutex_);
     stopping_ = true;
-    if (watch_) {
-      watch_->cancel();
-      callSparingly();  // idle threads help with what is left
-    }
+    if (isPatient()) callSparingly();  // idle threads help with what is left
     guard_.reset();
   }
   for (const pthread_t thread : threads_) pthread_join(thread, nullptr);

@@ -7,7 +7,6 @@
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -31,15 +30,13 @@ struct WorkerPoolOptions {
 };
 
 // asio::thread_pool starts all its threads at once and keeps them, so the threads are the pool's
-// own and run an io_context: it has them wait, wakes one when there is work, and times the
-// patience.
+// own and run an io_context, which has them wait and wakes one when there is work.
 class WorkerPool {
  public:
   using Job = std::function<void()>;  // must not throw
 
   WorkerPool(std::size_t threads, std::size_t queueLimit)
       : WorkerPool(WorkerPoolOptions{threads, queueLimit}) {}
-  // Throws std::exception when memory or descriptors run out.
   explicit WorkerPool(const WorkerPoolOptions& options);
   ~WorkerPool();  // stops
   WorkerPool(const WorkerPool&) = delete;
@@ -58,12 +55,13 @@ class WorkerPool {
   using Lock = std::unique_lock<std::mutex>;
   using Clock = std::chrono::steady_clock;
 
+  bool isPatient() const;
   bool callOneMore();
   bool callSparingly();
   bool startOne();
   void run();
   void onCall();
-  void onWatch();
+  void watch();
   void drain(Lock& lock);
   bool gather(Lock& lock);
   bool leave();
@@ -86,9 +84,7 @@ class WorkerPool {
   std::size_t stuck_ = 0;      // of these, during whose jobs another lost patience
   uint64_t taken_ = 0;         // jobs
   Clock::time_point drained_;  // when a thread last found no further job
-  std::optional<boost::asio::steady_timer> watch_;  // with patience only
-  bool watched_ = false;                            // onWatch() will run
-  uint64_t due_ = 0;                                // what `taken_` should have reached by then
+  bool watched_ = false;       // a thread watches that the others get on
   bool stopping_ = false;
 };
 
