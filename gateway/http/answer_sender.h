@@ -19,7 +19,7 @@ class AnswerSender {
   AnswerSender(ClientStream<Stream>& client, ServiceCore& core, std::function<void()> onSent)
       : client_(client),
         onSent_(std::move(onSent)),
-        unsent_(client, core.bounds.stalled, [this] { onRestSent(); }),
+        unsent_(client, core.bounds.stalled),
         share_(core.unsentAnswers) {}
 
   // Mostly all goes out in one write, so the bytes are copied only when they do not.
@@ -28,17 +28,15 @@ class AnswerSender {
     if (!count) return;
     if (*count == message.size()) return onSent_();
     if (!share_.set(message.size() - *count)) return client_.end();
-    unsent_.finish(std::string(message.substr(*count)), 0);
+    unsent_.finish(std::string(message.substr(*count)), 0, [this] {
+      share_.set(0);
+      onSent_();
+    });
   }
   // The connection has ended.
   void end() { share_.set(0); }
 
  private:
-  void onRestSent() {
-    share_.set(0);
-    onSent_();
-  }
-
   ClientStream<Stream>& client_;
   const std::function<void()> onSent_;
   UnsentBytes<Stream> unsent_;

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -116,11 +115,9 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
 template <class Stream>
 class UnsentBytes {
  public:
-  // `onSent` is called when bytes given to finish() have gone out. A peer that takes nothing for
-  // `stalled` is one whose deadline has come.
-  UnsentBytes(ClientStream<Stream>& client, std::chrono::milliseconds stalled,
-              std::function<void()> onSent)
-      : client_(client), stalled_(stalled), onSent_(std::move(onSent)) {}
+  // A peer that takes nothing for `stalled` is one whose deadline has come.
+  UnsentBytes(ClientStream<Stream>& client, std::chrono::milliseconds stalled)
+      : client_(client), stalled_(stalled) {}
 
   bool empty() const { return bytes_.empty(); }
 
@@ -134,30 +131,31 @@ class UnsentBytes {
     client_.end();
     return std::nullopt;
   }
-  // Writes the bytes from `written` on; only when empty().
-  void finish(std::string bytes, std::size_t written) {
+  // Writes the bytes from `written` on and then calls onSent(); only when empty().
+  template <class Handler>
+  void finish(std::string bytes, std::size_t written, Handler onSent) {
     bytes_ = std::move(bytes);
     written_ = written;
-    writeOn();
+    writeOn(onSent);
   }
 
  private:
-  void writeOn() {
+  template <class Handler>
+  void writeOn(Handler onSent) {
     client_.setDeadline(stalled_);
     client_.stream().async_write_some(
         boost::asio::buffer(bytes_.data() + written_, bytes_.size() - written_),
-        client_.guarded([this](const auto& ec, std::size_t count) {
+        client_.guarded([this, onSent](const auto& ec, std::size_t count) {
           if (ec) return client_.end();
           written_ += count;
-          if (written_ < bytes_.size()) return writeOn();
+          if (written_ < bytes_.size()) return writeOn(onSent);
           std::string().swap(bytes_);
-          onSent_();
+          onSent();
         }));
   }
 
   ClientStream<Stream>& client_;
   const std::chrono::milliseconds stalled_;
-  const std::function<void()> onSent_;
   std::string bytes_;
   std::size_t written_ = 0;
 };

@@ -25,17 +25,14 @@ template <class Stream>
 class PartPusher {
  public:
   PartPusher(ClientStream<Stream>& client, ServiceCore& core)
-      : client_(client), bounds_(core.bounds), unsent_(client, bounds_.stalled, [this] {
-          onPartsSent();
-          push();
-        }) {}
+      : client_(client), bounds_(core.bounds), unsent_(client, bounds_.stalled) {}
 
   void begin(const ExchangePtr& exchange) {
     exchange_ = exchange;
     boundUnsent();
     std::string head;
     exchange_->appendStreamHead(head);
-    unsent_.finish(std::move(head), 0);
+    finish(std::move(head), 0);
   }
   // Sends all parts that are queued, unless some are still on their way.
   void push() {
@@ -44,7 +41,7 @@ class PartPusher {
     const auto count = unsent_.begin(parts);
     if (!count) return;
     if (*count == parts.size()) return onPartsSent();
-    unsent_.finish(std::move(parts), *count);
+    finish(std::move(parts), *count);
   }
   // The connection has ended.
   void end() {
@@ -62,6 +59,12 @@ class PartPusher {
     socket.set_option(boost::asio::socket_base::send_buffer_size(kSendBuffer), ignored);
     const auto stalled = static_cast<unsigned int>(bounds_.stalled.count());
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
+  }
+  void finish(std::string bytes, std::size_t written) {
+    unsent_.finish(std::move(bytes), written, [this] {
+      onPartsSent();
+      push();
+    });
   }
   void onPartsSent() {
     exchange_->partsSent();

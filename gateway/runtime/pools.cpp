@@ -8,6 +8,7 @@
 
 #include "gateway/net/worker_pool.h"
 #include "gateway/runtime/operation.h"
+#include "gateway/runtime/routine.h"
 #include "platform/zrt.h"
 
 namespace qn {

@@ -14,6 +14,7 @@
 
 #include "gateway/net/thread.h"
 #include "gateway/runtime/operation.h"
+#include "gateway/runtime/routine.h"
 #include "platform/zrt.h"
 
 namespace qn {

@@ -1,11 +1,9 @@
-// Clocks, atomics, UUIDs and C-strings of platform/zrt.h.
+// UUIDs and C-strings of platform/zrt.h.
 #include <sys/random.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -17,25 +15,11 @@
 
 namespace {
 
-template <class Unit, class Clock>
-uint64_t countOf() {
-  return static_cast<uint64_t>(
-      std::chrono::duration_cast<Unit>(Clock::now().time_since_epoch()).count());
-}
-
 const char* orEmpty(const char* text) { return text == nullptr ? "" : text; }
 
 std::size_t orZero(int count) { return count < 0 ? 0 : static_cast<std::size_t>(count); }
 
 }  // namespace
-
-uint64_t ZRT_TimeNow() { return countOf<std::chrono::microseconds, std::chrono::system_clock>(); }
-
-uint64_t ZRT_GetTimeTick() {
-  return countOf<std::chrono::milliseconds, std::chrono::steady_clock>();
-}
-
-int32_t ZRT_AtomicInc(int32_t* value) { return std::atomic_ref(*value).fetch_add(1) + 1; }
 
 int ZRT_GetUUID(ZRT_UUID& uuid) {
   // Up to 256 bytes come whole or not at all; only the wait for the first seed can be interrupted.
