@@ -182,7 +182,8 @@ class HttpFixture : public testing::Test {
     return listen();
   }
   HttpService& listen() {
-    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
+    service_ =
+        std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_, own_);
     service_->listen();
     return *service_;
   }
@@ -202,6 +203,7 @@ class HttpFixture : public testing::Test {
 
   HttpOptions options_;
   HttpBounds bounds_;
+  std::vector<OwnResource> own_;
   Reactors reactors_{2};
   WorkerPool pool_{2, 2};
   HttpWorkers workers_{pool_, pool_};
