@@ -1,9 +1,9 @@
 // Any reply of a device to any request, answered exactly once with what its Content-Type says, and
 // any body of a client: what comes out can be read again. The first byte, a letter, chooses the
 // resource; the rest is the reply or the body.
-#include "document/json_text.h"
 #include "fuzz/require.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "platform/xml_base.h"
 #include "protocol/device_reply.h"
 #include "tests/unit/documents.h"
@@ -46,9 +46,9 @@ fake::Answer AnswerTo(const GoldenPair& resource, std::string_view reply) {
 void CheckReply(const GoldenPair& resource, std::string_view reply) {
   const fake::Answer answer = AnswerTo(resource, reply);
   Json::Value json;
-  const bool jsonReply = QNKAVROProtocol::parseJson(reply, json);
+  const bool jsonReply = qn::json::parseJson(reply, json);
   if (answer.headers.at("Content-Type") == "application/json") {
-    Require(QNKAVROProtocol::parseJson(answer.body, json));
+    Require(qn::json::parseJson(answer.body, json));
   } else if (jsonReply && answer.body.size() < 102400 &&
              answer.body != R"(<?xml version="1.0" encoding="UTF-8"?>)") {
     Require(QNBase::CXmlBase().Parse(answer.body));
@@ -59,7 +59,7 @@ void CheckReply(const GoldenPair& resource, std::string_view reply) {
 void CheckPassedThrough(const GoldenPair& resource, std::string_view reply) {
   const fake::Answer answer = AnswerTo(resource, reply);
   Json::Value json;
-  const bool isJson = QNKAVROProtocol::parseJson(reply, json);
+  const bool isJson = qn::json::parseJson(reply, json);
   Require(answer.body == reply);
   Require((answer.headers.at("Content-Type") == "application/json") == isJson);
   Require(!isJson || answer.status == QNKAVROProtocol::statusOfJsonReply(json));
@@ -69,7 +69,7 @@ void CheckBody(const GoldenPair& resource, std::string_view body) {
   Send(resource.method, resource.url, body);
   if (fake::deviceBus().seen.empty()) return;  // refused
   Json::Value json;
-  Require(QNKAVROProtocol::parseJson(fake::deviceBus().seen.back().body, json));
+  Require(qn::json::parseJson(fake::deviceBus().seen.back().body, json));
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "channel/streaming_channel.h"
-#include "document/json_text.h"
+#include "json/text.h"
 #include "record/record_operation.h"
 #include "tests/unit/documents.h"
 #include "tests/unit/fake/fake_platform.h"
@@ -20,14 +20,14 @@ std::string repeated(const Json::Value& entry, int count) {
   std::string text;
   for (int i = 0; i < count; ++i) {
     text += i == 0 ? '[' : ',';
-    text += writeJson(entry);
+    text += qn::json::writeJson(entry);
   }
   return text + "]";
 }
 
 Json::Value parsed(const std::string& text) {
   Json::Value value;
-  if (!parseJson(text, value)) std::abort();
+  if (!qn::json::parseJson(text, value)) std::abort();
   return value;
 }
 
@@ -40,7 +40,7 @@ std::string searchReplyJson() {
   Json::Value reply = parsed(golden("search_result.json"));
   Json::Value& matches = reply["CMSearchResult"]["matchList"];
   matches = parsed(repeated(matches[0], 100));
-  return writeJson(reply);
+  return qn::json::writeJson(reply);
 }
 
 // What a tree is built of, so that the bare build looks nothing up.
@@ -95,7 +95,7 @@ void bareReply(benchmark::State& state, const std::string& json, const std::stri
   std::size_t size = 0;
   for (auto _ : state) {
     Json::Value reply;
-    parseJson(json, reply);
+    qn::json::parseJson(json, reply);
     size = buildAndWrite(steps).size();
   }
   count(state, json.size(), size);
@@ -104,7 +104,8 @@ void bareReply(benchmark::State& state, const std::string& json, const std::stri
 std::string translatedList(const std::string& json) {
   Json::Value reply;
   std::string xml;
-  if (!parseJson(json, reply) || getXmlStreamingChannelList(xml, reply) != 0) std::abort();
+  if (!qn::json::parseJson(json, reply) || getXmlStreamingChannelList(xml, reply) != 0)
+    std::abort();
   return xml;
 }
 
@@ -127,7 +128,7 @@ std::string translatedSearch(const std::string& json) {
       fake::http().open({QNHttpService::HTTP_POST, "/KAVRO/ContentMgmt/search"});
   Json::Value reply;
   std::string xml;
-  if (!parseJson(json, reply)) std::abort();
+  if (!qn::json::parseJson(json, reply)) std::abort();
   CRecordOperation::covertSearchRsp(
       xml, {reply, record.exchange->getUrl(), QNHttpService::HTTP_POST, *record.exchange});
   return xml;
@@ -167,7 +168,7 @@ void channelRequestBare(benchmark::State& state) {
     pugi::xml_document tree;
     benchmark::DoNotOptimize(tree.load_buffer(xml.data(), xml.size()));
     const Json::Value copy = value;
-    json = writeJson(copy);
+    json = qn::json::writeJson(copy);
   }
   count(state, xml.size(), json.size());
 }

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "protocol/protocol_base.h"
 #include "tests/unit/fake/fake_platform.h"
 
@@ -107,7 +107,7 @@ void jsonParsing(benchmark::State& state) {
   const std::string reply = deviceInfoReply();
   for (auto _ : state) {
     Json::Value value;
-    benchmark::DoNotOptimize(QNKAVROProtocol::parseJson(reply, value));
+    benchmark::DoNotOptimize(qn::json::parseJson(reply, value));
   }
 }
 

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "tests/unit/conversation.h"
 #include "tests/unit/documents.h"
 
@@ -23,7 +23,7 @@ inline std::string flat(const std::string& text) {
 
 inline Json::Value parsed(std::string_view text) {
   Json::Value value;
-  EXPECT_TRUE(QNKAVROProtocol::parseJson(text, value)) << text;
+  EXPECT_TRUE(qn::json::parseJson(text, value)) << text;
   return value;
 }
 
@@ -42,13 +42,13 @@ inline Json::Value& holderOf(Json::Value& document, const std::string& path, std
 inline std::string without(Json::Value document, const std::string& path) {
   std::string name;
   holderOf(document, path, name).removeMember(name);
-  return QNKAVROProtocol::writeJson(document);
+  return qn::json::writeJson(document);
 }
 
 inline std::string with(Json::Value document, const std::string& path, const Json::Value& value) {
   std::string name;
   holderOf(document, path, name)[name] = value;
-  return QNKAVROProtocol::writeJson(document);
+  return qn::json::writeJson(document);
 }
 
 // What the client gets for a device's reply; nothing when it cannot be translated.

@@ -1,5 +1,5 @@
-// The dispatcher over all translating handlers. Called by the entry for requests and by the
-// pipeline's callback for replies.
+// The dispatcher over all translating handlers. Called by the entry for requests; its order also
+// serves the pipeline's callback for replies.
 #pragma once
 
 #include <json/json.h>

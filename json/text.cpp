@@ -1,15 +1,11 @@
-#include "document/json_text.h"
+#include "json/text.h"
 
 #include <algorithm>
 
-namespace QNKAVROProtocol {
-namespace {
+#include "text/ascii.h"
 
-// A device's plain XML needs no reader to be refused: no JSON value begins with '<'.
-bool beginsLikeXml(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  return first != std::string_view::npos && text[first] == '<';
-}
+namespace qn::json {
+namespace {
 
 // By its commas: two values beside each other have one between them.
 bool hasTooManyValues(std::string_view text) {
@@ -17,10 +13,19 @@ bool hasTooManyValues(std::string_view text) {
   return text.size() > kMost && std::ranges::count(text, ',') > std::ptrdiff_t{kMost};
 }
 
+bool needsEscape(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x80 ||
+         c == '"' || c == '\\';
+}
+
 }  // namespace
 
+bool mayBeJson(std::string_view text) {
+  return !text.empty() && !text::trimStart(text).starts_with('<') && !hasTooManyValues(text);
+}
+
 bool parseJson(std::string_view text, Json::Value& value) {
-  if (text.empty() || beginsLikeXml(text) || hasTooManyValues(text)) return false;
+  if (!mayBeJson(text)) return false;
   try {
     // Reused: constructing a reader costs more than reading a short reply.
     thread_local Json::Reader reader;
@@ -32,4 +37,12 @@ bool parseJson(std::string_view text, Json::Value& value) {
 
 std::string writeJson(const Json::Value& value) { return Json::FastWriter().write(value); }
 
-}  // namespace QNKAVROProtocol
+void appendQuoted(std::string& out, std::string_view text) {
+  if (std::ranges::any_of(text, needsEscape)) {
+    out += Json::valueToQuotedString(std::string(text).c_str());
+  } else {
+    out.append(1, '"').append(text).append(1, '"');
+  }
+}
+
+}  // namespace qn::json
