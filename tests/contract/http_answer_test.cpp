@@ -94,9 +94,7 @@ TEST_F(HttpAnswerTest, ClientGoneBreaksTheLink) {
   RawClient client(port());
   client.send(kGet);
   CHttpExchange holder(waitForHandle());
-  const linger now{1, 0};
-  ASSERT_EQ(::setsockopt(client.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now), 0);
-  client.reset();
+  client.reset(true);
   EXPECT_TRUE(eventually([&] { return CHttpExchange(holder.getHttpHandle()).getUrl().empty(); }));
   EXPECT_EQ(holder.response("x", 1), HTTP_LINK_BROKEN);
   EXPECT_EQ(holder.getUrl(), "/a?b=1");

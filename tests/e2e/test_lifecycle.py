@@ -33,7 +33,6 @@ class CommandLine(unittest.TestCase):
             self.assertRegex(result.stdout if good else result.stderr, said)
 
 
-
 class Configuration(unittest.TestCase):
     def setUp(self):
         self.devices = harness.Subdevices(2)

@@ -90,12 +90,7 @@ TEST_F(OddChannels, StreamingChannelList) {
     const auto answer =
         answerTo({0, "/KAVRO/Streaming/channels"}, R"({"StreamingChannelList":[)" + entries + "]}");
     ASSERT_TRUE(answer);
-    std::string found;
-    for (auto at = answer->find("<id>"); at != std::string::npos;
-         at = answer->find("<id>", at + 1)) {
-      found += answer->substr(at + 4, answer->find('<', at + 1) - at - 4) + " ";
-    }
-    EXPECT_EQ(found, seen);
+    EXPECT_EQ(allInside("id", *answer), seen);
     EXPECT_TRUE(answer->ends_with("</StreamingChannelList>"));
   }
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "get xml streamingchannel[1] fail"));
@@ -197,32 +192,22 @@ constexpr const char* kAudio = "/KAVRO/System/Audio/channels";
 
 // Recorders are asked for their video inputs; what cannot be found out is no recorder.
 TEST_F(OddChannels, AudioChannelsDependOnTheDevice) {
-  const struct {
-    const char* info;  // null: no answer
-    bool recorder;
-  } cases[] = {
-      {R"({"DeviceInfo":{"deviceType":"DVR"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"HybirdNVR"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"NVR"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"DVS"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"HybridNVR"}})", false},
-      {R"({"DeviceInfo":{"deviceType":"nvr"}})", false},
-      {R"({"DeviceInfo":{"deviceType":""}})", false},
-      {R"({"DeviceInfo":{"deviceType":7}})", false},
-      {R"({"DeviceInfo":"NVR"})", false},
-      {"7", false},
-      {"NVR", false},
-      {nullptr, false},
-  };
-  for (const auto& [info, recorder] : cases) {
+  const auto expectAsked = [](const std::optional<std::string>& info, const char* url) {
     fake::reset();
-    if (info != nullptr) fake::deviceBus().syncReplies[kDeviceInfo] = info;
+    if (info) fake::deviceBus().syncReplies[kDeviceInfo] = *info;
     EXPECT_EQ(get(kAudio).asyncReply, 1);
-    EXPECT_EQ(fake::deviceBus().seen.back().url,
-              std::string(recorder ? "/KAVRO/System/Video/inputs/channels" : kAudio) +
-                  "?format=json&devIndex=1")
-        << (info == nullptr ? "no answer" : info);
+    EXPECT_EQ(fake::deviceBus().seen.back().url, std::string(url) + "?format=json&devIndex=1")
+        << info.value_or("no answer");
+  };
+  for (const std::string type : {"DVR", "HybirdNVR", "NVR", "DVS"}) {
+    expectAsked(R"({"DeviceInfo":{"deviceType":")" + type + R"("}})",
+                "/KAVRO/System/Video/inputs/channels");
   }
+  for (const std::string type : {"\"HybridNVR\"", "\"nvr\"", "\"\"", "7"}) {
+    expectAsked(R"({"DeviceInfo":{"deviceType":)" + type + "}}", kAudio);
+  }
+  for (const char* info : {R"({"DeviceInfo":"NVR"})", "7", "NVR"}) expectAsked(info, kAudio);
+  expectAsked(std::nullopt, kAudio);
 }
 
 TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {

@@ -18,60 +18,64 @@ const std::string kConverted = R"(<?xml version="1.0" encoding="UTF-8"?><ImageCh
 
 class Reply : public PlatformTest {};
 
+// What is translated is so only for good JSON; everything else, and all that is passed through,
+// goes to the client as it is, with the status of its codes.
 TEST_F(Reply, StatusContentTypeAndBody) {
-  const std::string asItIs = "(as it is)";
+  const std::string open = "<ResponseStatus>", close = "</ResponseStatus>";
   const struct {
-    std::string reply;
     int status;
-    const char* type;
-    std::string body;
+    bool isJson;
+    std::vector<std::string> replies;
   } cases[] = {
-      // Good JSON is converted.
-      {"{}", 200, kXml, kConverted},
-      {" \n [1] trailing", 200, kXml, kConverted},
-      {"7", 200, kXml, kConverted},
-      {R"({"errorCode":1,"statusCode":1})", 200, kXml, kConverted},
-      {R"({"statusCode":1})", 200, kXml, kConverted},
-      {R"({"errorCode":"4","statusCode":"4"})", 200, kXml, kConverted},  // no integers
-      {R"({"errorCode":4294967296})", 200, kXml, kConverted},            // more than 32 bits
-      // JSON with another status goes through.
-      {R"({"errorCode":1,"statusCode":2})", 503, kJson, asItIs},
-      {R"({"errorCode":0,"statusCode":3})", 500, kJson, asItIs},
-      {R"({"errorCode":1073741830,"statusCode":1})", 404, kJson, asItIs},
-      {R"({"statusCode":4,"errorCode":1073741827})", 401, kJson, asItIs},
-      {R"({"statusCode":4})", 403, kJson, asItIs},
-      {R"({"statusCode":20})", 403, kJson, asItIs},  // the low four bits count
-      {R"({"statusCode":-1})", 500, kJson, asItIs},
-      {R"({"errorCode":-1})", 500, kJson, asItIs},
-      // XML is never converted.
-      {"<DeviceInfo/>", 200, kXml, asItIs},
-      {"<ResponseStatus/>", 200, kXml, asItIs},
-      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403, kXml, asItIs},
-      {"<ResponseStatus><errorCode>1073741830</errorCode></ResponseStatus>", 404, kXml, asItIs},
-      {"<ResponseStatus><errorCode>1</errorCode><statusCode>2</statusCode></ResponseStatus>", 503,
-       kXml, asItIs},
-      {"<ResponseStatus><errorCode>1073741830</errorCode><statusCode>2</statusCode>"
-       "</ResponseStatus>",
-       404, kXml, asItIs},
-      // The search runs forward: this statusCode stands before the errorCode.
-      {"<ResponseStatus><statusCode>2</statusCode><errorCode>1</errorCode></ResponseStatus>", 200,
-       kXml, asItIs},
-      {"<ResponseStatus><statusCode>what</statusCode></ResponseStatus>", 200, kXml, asItIs},
-      {"<Other><statusCode>4</statusCode></Other>", 200, kXml, asItIs},
-      // Neither.
-      {"", 200, kXml, asItIs},
-      {"not found", 200, kXml, asItIs},
-      {R"({"errorCode":1073741830)", 200, kXml, asItIs},
-      {"<ResponseStatus><statusCode>4</statusCode>", 200, kXml, asItIs},
-      {std::string(5000, '['), 200, kXml, asItIs},  // deeper than the reader goes
-      {std::string("\0\xff\xfe", 3), 200, kXml, asItIs},
+      {200, true, {"{}", " \n [1] trailing", "7", " { \"a\" : 1.50 }\n", "[{\"statusCode\":4}]"}},
+      {200,
+       true,
+       {R"({"errorCode":1,"statusCode":1})", R"({"statusCode":1})", R"({"data":{"statusCode":4}})",
+        R"({"errorCode":"4","statusCode":"4"})" /* no integers */,
+        R"({"errorCode":4294967296})" /* more than 32 bits */}},
+      {503, true, {R"({"errorCode":1,"statusCode":2})"}},
+      {500,
+       true,
+       {R"({"errorCode":0,"statusCode":3})", R"({"statusCode":-1})", R"({"errorCode":-1})"}},
+      {404, true, {R"({"errorCode":1073741830,"statusCode":1})"}},
+      {401, true, {R"({"statusCode":4,"errorCode":1073741827})"}},
+      {403,
+       true,
+       {R"({"statusCode":4})", R"({"statusCode":20})" /* the low four bits count */,
+        R"({"statusCode":4,"errorCode":"1073741830"})"}},
+      {200,
+       false,
+       {"<DeviceInfo/>", "<ResponseStatus/>", open + "<statusCode>what</statusCode>" + close,
+        "<Other><statusCode>4</statusCode></Other>", open + "<statusCode>4</statusCode>",
+        // The search runs forward: this statusCode stands before the errorCode.
+        open + "<statusCode>2</statusCode><errorCode>1</errorCode>" + close}},
+      {403, false, {open + "<statusCode>4</statusCode>" + close}},
+      {404,
+       false,
+       {open + "<errorCode>1073741830</errorCode>" + close,
+        open + "<errorCode>1073741830</errorCode><statusCode>2</statusCode>" + close}},
+      {503, false, {open + "<errorCode>1</errorCode><statusCode>2</statusCode>" + close}},
+      {200,
+       false,
+       {"", "not found", R"({"errorCode":1073741830)", std::string("\0\xff\xfe", 3),
+        std::string(5000, '[') /* deeper than the reader goes */,
+        std::string("\xFF\xD8\xFF\0{\"statusCode\":4}", 20)}},
   };
-  for (const auto& [reply, status, type, body] : cases) {
-    const fake::Answer answer = converse(kUrl, reply);
+  const auto expect = [](const char* url, const std::string& reply, int status, const char* type,
+                         const std::string& body) {
+    const fake::Answer answer = converse(url, reply);
     EXPECT_EQ(answer.count, 1) << reply;
-    EXPECT_EQ(answer.status, status) << reply;
-    EXPECT_EQ(answer.headers.at("Content-Type"), type) << reply;
-    EXPECT_EQ(answer.body, body == asItIs ? reply : body) << reply;
+    EXPECT_EQ(answer.status, status) << url << reply;
+    EXPECT_EQ(answer.headers.at("Content-Type"), type) << url << reply;
+    EXPECT_EQ(answer.body, body) << url;
+  };
+  for (const auto& [status, isJson, replies] : cases) {
+    for (const std::string& reply : replies) {
+      const bool translated = isJson && status == 200;
+      expect(kUrl, reply, status, isJson && !translated ? kJson : kXml,
+             translated ? kConverted : reply);
+      expect("/KAVRO/System/time", reply, status, isJson ? kJson : kXml, reply);
+    }
   }
 }
 

@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "tests/unit/fake/fake_platform.h"
-#include "tests/unit/fake/resettable.h"
 
 namespace QNHttpService {
 
