@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "gateway/auth/client_login.h"
 #include "gateway/config/configuration.h"
+#include "gateway/devices/device_login.h"
 #include "gateway/login/login.h"
 
 namespace {

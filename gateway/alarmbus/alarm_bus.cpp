@@ -6,23 +6,18 @@
 #include <exception>
 #include <utility>
 
+#include "gateway/devices/status_documents.h"
 #include "gateway/log/log.h"
-#include "platform/base_library.h"
 
 namespace qn {
 namespace {
-
-constexpr unsigned int kSuccess = 1;
-constexpr unsigned int kNotFound = 0x40000006;
 
 std::atomic<AlarmBus*> startedBus{nullptr};
 
 // The bus's status text; 0 for success, -1 otherwise.
 int answer(std::string& reply, bool success) {
-  Json::Value document;
-  int httpStatus = 200;
-  getResponseStatusByErrorNo(success ? kSuccess : kNotFound, document, httpStatus);
-  reply = Json::FastWriter().write(document);
+  static const StatusDocuments documents;
+  reply = documents.of(success ? kSuccess : kNotFound);
   return success ? 0 : -1;
 }
 
@@ -51,7 +46,8 @@ std::vector<std::string> requestedDevices(const std::string& request) {
 
 }  // namespace
 
-AlarmBus::AlarmBus(Reactors& reactors, FeedTimes times) : reactors_(reactors), times_(times) {}
+AlarmBus::AlarmBus(Reactors& reactors, DeviceDirectory& directory, FeedTimes times)
+    : reactors_(reactors), directory_(directory), times_(times) {}
 
 AlarmBus::~AlarmBus() { stop(); }
 
@@ -147,7 +143,7 @@ bool AlarmBus::openFeed(const std::string& devIndex) {
   if (!device) return false;
   auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
   auto feed = std::make_shared<DeviceFeed>(
-      reactor, *device, times_,
+      reactor, directory_.find(*device), times_,
       [subscriptions = subscriptions_, devIndex](const std::string& alarm) {
         subscriptions->deliver(devIndex, alarm);
       });

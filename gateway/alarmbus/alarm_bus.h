@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "gateway/alarmbus/device_feed.h"
+#include "gateway/devices/device.h"
 #include "gateway/net/reactors.h"
 #include "platform/alarm_bus.h"
 #include "platform/device_mgr.h"
@@ -21,7 +22,8 @@ namespace qn {
 
 class AlarmBus {
  public:
-  explicit AlarmBus(Reactors& reactors, FeedTimes times = {});
+  // Both outlive the bus.
+  AlarmBus(Reactors& reactors, DeviceDirectory& directory, FeedTimes times = {});
   ~AlarmBus();  // stops
   AlarmBus(const AlarmBus&) = delete;
   AlarmBus& operator=(const AlarmBus&) = delete;
@@ -72,6 +74,7 @@ class AlarmBus {
   SharedSubscription find(int subscribeId);
 
   Reactors& reactors_;
+  DeviceDirectory& directory_;
   const FeedTimes times_;
   const std::shared_ptr<Subscriptions> subscriptions_ = std::make_shared<Subscriptions>();
   std::mutex& mutex_ = subscriptions_->mutex;

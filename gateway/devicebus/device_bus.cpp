@@ -1,10 +1,10 @@
-// See device_bus.h.
 #include "gateway/devicebus/device_bus.h"
 
 #include <algorithm>
 #include <array>
 #include <boost/asio/post.hpp>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -42,7 +42,7 @@ class Meeting {
   bool waitForReply(std::chrono::steady_clock::time_point deadline, std::string& reply) {
     std::unique_lock lock(mutex_);
     brought_.wait_until(lock, deadline, [this] { return origin_.has_value(); });
-    if (origin_ != Origin::kDevice) return false;
+    if (origin_ != Origin::Device) return false;
     reply = std::move(answer_);
     return true;
   }
@@ -83,6 +83,40 @@ class Awaiting {
   const bool allowed_;
 };
 
+class CallbackRecipient final : public Recipient {
+ public:
+  CallbackRecipient(DeviceCfgCallBack callback, void* userData)
+      : callback_(callback), userData_(userData) {}
+
+  void take(std::string_view answer, Origin) noexcept override {
+    try {
+      callback_(const_cast<char*>(answer.data()), static_cast<int>(answer.size()), userData_);
+    } catch (const std::exception& exception) {
+      wlog_format(WLOG_ERROR, "QNW", "device bus: a callback has thrown: %s", exception.what());
+    } catch (...) {
+      wlog_format(WLOG_ERROR, "QNW", "device bus: a callback has thrown");
+    }
+  }
+  bool isTranslator() const override { return true; }
+
+ private:
+  const DeviceCfgCallBack callback_;
+  void* const userData_;
+};
+
+// Runs a call on the started bus; what it throws is a want of resources.
+template <typename Action>
+int onStartedBus(Action action) noexcept {
+  DeviceBus* const bus = startedBus;
+  if (!bus) return DEVCFGBUS_STOPPING;
+  try {
+    return action(*bus);
+  } catch (const std::exception& exception) {
+    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    return DEVCFGBUS_QUEUE_FULL;
+  }
+}
+
 std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
   return std::clamp(timeout, std::chrono::milliseconds(0), DeviceBus::kLongestTimeout);
 }
@@ -99,7 +133,8 @@ bool holdsBefore(std::chrono::steady_clock::time_point deadline, Condition condi
 
 }  // namespace
 
-DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers) : answers_(workers) {
+DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory)
+    : answers_(workers), directory_(directory) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     shards_.push_back(
         std::make_unique<Shard>(reactors.context(i), answers_, directory_, reactors.size()));
@@ -113,8 +148,6 @@ DeviceBus::~DeviceBus() {
 }
 
 void DeviceBus::start() { startedBus = this; }
-
-DeviceBus* DeviceBus::started() { return startedBus; }
 
 void DeviceBus::stop() {
   if (std::exchange(stopped_, true)) return;
@@ -153,13 +186,12 @@ int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
   if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
   const BusOptions& options = configuration()->bus;
   auto request = std::make_unique<BusRequest>();
-  switch (
-      request->admission.enter(tally_, device, options.deviceConnections + options.deviceQueue)) {
-    case Admission::Refusal::kStopping:
+  switch (request->place.enter(tally_, device, options.deviceConnections + options.deviceQueue)) {
+    case Place::Refusal::Stopping:
       return DEVCFGBUS_STOPPING;
-    case Admission::Refusal::kFull:
+    case Place::Refusal::Full:
       return DEVCFGBUS_QUEUE_FULL;
-    case Admission::Refusal::kNone:
+    case Place::Refusal::None:
       break;
   }
   request->method = method;
@@ -197,3 +229,20 @@ int DeviceBus::ask(Call call, std::string& reply) {
 }
 
 }  // namespace qn::devicebus
+
+int QN_DeviceCfgBus_ProcessAsyn(unsigned char method, std::string jsonUrl,
+                                const std::string& jsonBody, DeviceCfgCallBack callback,
+                                void* userData, int timeoutMs) {
+  return qn::devicebus::onStartedBus([&](qn::DeviceBus& bus) {
+    return bus.send({method, std::move(jsonUrl), jsonBody, std::chrono::milliseconds(timeoutMs)},
+                    std::make_unique<qn::devicebus::CallbackRecipient>(callback, userData));
+  });
+}
+
+int QN_DeviceCfgBus_ProcessSyn(unsigned char method, std::string jsonUrl,
+                               const std::string& jsonBody, std::string& reply, int timeoutMs) {
+  return qn::devicebus::onStartedBus([&](qn::DeviceBus& bus) {
+    return bus.ask({method, std::move(jsonUrl), jsonBody, std::chrono::milliseconds(timeoutMs)},
+                   reply);
+  });
+}

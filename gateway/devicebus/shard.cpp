@@ -1,4 +1,3 @@
-// See shard.h.
 #include "gateway/devicebus/shard.h"
 
 #include <algorithm>
