@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <boost/asio/post.hpp>
-#include <condition_variable>
 #include <exception>
-#include <mutex>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -13,7 +11,8 @@
 
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_url.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn::devicebus {
 namespace {
@@ -31,27 +30,26 @@ std::string_view methodName(unsigned char code) {
 class Meeting {
  public:
   void bring(std::string_view answer, Origin origin) {
-    {
-      std::lock_guard lock(mutex_);
-      origin_ = origin;
-      answer_ = answer;
-    }
-    brought_.notify_one();
+    const MutexLock lock(mutex_);
+    origin_ = origin;
+    answer_ = answer;
+    brought_.notifyOne();
   }
 
   bool waitForReply(std::chrono::steady_clock::time_point deadline, std::string& reply) {
-    std::unique_lock lock(mutex_);
-    brought_.wait_until(lock, deadline, [this] { return origin_.has_value(); });
+    const MutexLock lock(mutex_);
+    while (!origin_ && brought_.waitUntil(mutex_, deadline)) {
+    }
     if (origin_ != Origin::Device) return false;
     reply = std::move(answer_);
     return true;
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable brought_;
-  std::optional<Origin> origin_;  // guarded by mutex_
-  std::string answer_;            // guarded by mutex_
+  Mutex mutex_;
+  Condition brought_;
+  std::optional<Origin> origin_ QN_GUARDED_BY(mutex_);
+  std::string answer_ QN_GUARDED_BY(mutex_);
 };
 
 // Keeps off the worker pool: the thread that waits may be a worker.
@@ -92,9 +90,9 @@ class CallbackRecipient final : public Recipient {
     try {
       callback_(const_cast<char*>(answer.data()), static_cast<int>(answer.size()), userData_);
     } catch (const std::exception& exception) {
-      wlog_format(WLOG_ERROR, "QNW", "device bus: a callback has thrown: %s", exception.what());
+      logError("device bus: a callback has thrown: {}", exception.what());
     } catch (...) {
-      wlog_format(WLOG_ERROR, "QNW", "device bus: a callback has thrown");
+      logError("device bus: a callback has thrown");
     }
   }
   bool isTranslator() const override { return true; }
@@ -112,7 +110,7 @@ int onStartedBus(Action action) noexcept {
   try {
     return action(*bus);
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
     return DEVCFGBUS_QUEUE_FULL;
   }
 }
@@ -163,7 +161,7 @@ void DeviceBus::stop() {
     boost::asio::post(shard->reactor(), [handlersLeft] { --*handlersLeft; });
   }
   if (!ended || !holdsBefore(deadline, [&] { return *handlersLeft == 0; })) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: some requests have not ended");
+    logError("device bus: some requests have not ended");
   }
 }
 
@@ -214,7 +212,7 @@ void DeviceBus::dispatch(RequestPtr request) {
 
 int DeviceBus::ask(Call call, std::string& reply) {
   if (Reactors::current() != Reactors::kNone) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: a reactor may not wait for a device");
+    logError("device bus: a reactor may not wait for a device");
     return -1;
   }
   const std::shared_ptr<Device> device = findDevice(call.url);

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "gateway/devicebus/lane.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn::devicebus {
 namespace {
@@ -27,7 +27,7 @@ void DeviceConnection::guarded(Step step) noexcept {
   try {
     step();
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device connection: %s", exception.what());
+    logError("device connection: {}", exception.what());
     report(Fault::Unusable);
   }
 }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn::devicebus {
 
@@ -75,8 +75,7 @@ std::shared_ptr<DeviceConnection> Lane::takeConnection(const BusRequest& request
 }
 
 void Lane::fail(RequestPtr request, unsigned int code) {
-  wlog_format(WLOG_INFO, "QNW", "device %s: a request ends with 0x%08x",
-              device_->config.index.c_str(), code);
+  logDebug("device {}: a request ends with 0x{:08x}", device_->config.index, code);
   answers_.giveError(reactor_, std::move(request), code);
 }
 

@@ -6,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn::devicebus {
 namespace {
@@ -74,7 +74,7 @@ void Shard::acceptPosted(RequestPtr request) noexcept {
   try {
     accept(std::move(request));
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
   }
 }
 
@@ -92,7 +92,7 @@ void Shard::sweep() noexcept {
     followConfiguration();
     sweepLanes();
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
   }
   const auto any = [this](auto property) {
     return std::ranges::any_of(retired_, [&](auto& lane) { return property(*lane); }) ||

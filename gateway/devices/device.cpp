@@ -3,7 +3,7 @@
 #include <boost/asio/ip/address.hpp>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 #include "text/number.h"
 
 namespace qn {
@@ -34,12 +34,12 @@ DeviceAddress::DeviceAddress(const DeviceConfig& config) {
 }
 
 DeviceAddress::Endpoints DeviceAddress::endpoints() const {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return endpoints_;
 }
 
 void DeviceAddress::resolved(Endpoints endpoints) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   endpoints_ = std::move(endpoints);
 }
 
@@ -61,15 +61,14 @@ bool Circuit::admit(Clock::time_point now) {
 void Circuit::succeeded() {
   if (failures_ == 0) return;
   if (failures_.exchange(0) >= kFailures) {
-    wlog_format(WLOG_WARN, "QNW", "device %s answers again", device_.c_str());
+    logWarn("device {} answers again", device_);
   }
 }
 
 void Circuit::failed(Clock::time_point now) {
   if (failures_ < kFailures) nextProbe_ = probeAfter(now);
   if (++failures_ == kFailures) {
-    wlog_format(WLOG_WARN, "QNW", "device %s does not answer: probing it from now on",
-                device_.c_str());
+    logWarn("device {} does not answer: probing it from now on", device_);
   }
 }
 
@@ -81,7 +80,7 @@ Device::Device(const DeviceConfig& deviceConfig, const RefusalTimes& times)
       circuit(deviceConfig.index) {}
 
 std::shared_ptr<Device> DeviceDirectory::find(const DeviceConfig& config) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::shared_ptr<Device>& device = devices_[config.index];
   if (!device || !device->config.sameServer(config)) {
     device = std::make_shared<Device>(config, times_);
@@ -90,7 +89,7 @@ std::shared_ptr<Device> DeviceDirectory::find(const DeviceConfig& config) {
 }
 
 void DeviceDirectory::prune(const Configuration& configuration) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::erase_if(devices_,
                 [&](const auto& entry) { return !configuration.findDevice(entry.first); });
 }

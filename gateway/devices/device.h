@@ -6,13 +6,13 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "gateway/config/configuration.h"
 #include "gateway/devices/device_login.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -31,8 +31,8 @@ class DeviceAddress {
 
  private:
   bool literal_ = false;  // the host is no name
-  mutable std::mutex mutex_;
-  Endpoints endpoints_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  Endpoints endpoints_ QN_GUARDED_BY(mutex_);
 };
 
 // Whether a device is worth asking: one that did not answer several times in a row is probed by one
@@ -85,8 +85,8 @@ class DeviceDirectory {
 
  private:
   const RefusalTimes times_;
-  std::mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<Device>> devices_;  // guarded by mutex_
+  Mutex mutex_;
+  std::unordered_map<std::string, std::shared_ptr<Device>> devices_ QN_GUARDED_BY(mutex_);
 };
 
 }  // namespace qn

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "gateway/auth/auth_reader.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 #include "text/ascii.h"
 #include "text/hex.h"
 
@@ -77,10 +77,10 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
     if (current.strength() > best.strength()) best = std::move(current);
     current = Challenge();
   };
-  for (Item item = reader.next(); item != Item::kEnd && item != Item::kMalformed;
+  for (Item item = reader.next(); item != Item::End && item != Item::Malformed;
        item = reader.next()) {
-    if (item == Item::kParameter) current.take(reader.name(), reader.value());
-    if (item != Item::kScheme) continue;
+    if (item == Item::Parameter) current.take(reader.name(), reader.value());
+    if (item != Item::Scheme) continue;
     settle();
     if (text::equalNoCase(reader.name(), "Digest")) current.scheme = Scheme::Digest;
     if (text::equalNoCase(reader.name(), "Basic")) current.scheme = Scheme::Basic;
@@ -149,7 +149,7 @@ DeviceLogin::Verdict DeviceLogin::prepare(Ticket& ticket, std::string_view metho
                                           std::string_view target, std::string& authorization) {
   authorization.clear();
   if (!enabled_) return Verdict::Send;
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (isRefused()) return Verdict::Refused;
   if (state_ == State::Trying && !ticket.trialOf_) return Verdict::Wait;
   if (state_ == State::Unproven) {
@@ -169,14 +169,14 @@ bool DeviceLogin::isRefused() {
 }
 
 std::optional<DeviceLogin::Clock::duration> DeviceLogin::refusedFor() {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!isRefused()) return std::nullopt;
   return refusedUntil_ - Clock::now();
 }
 
 bool DeviceLogin::refused(Ticket& ticket, std::string_view wwwAuthenticate) {
   if (!enabled_) return false;
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (++ticket.refusals_ >= kTries) {
     if (ticket.trialOf_) refuse(ticket);
     return false;
@@ -207,7 +207,7 @@ bool DeviceLogin::retryWithNewChallenge(Ticket& ticket, std::string_view wwwAuth
 
 void DeviceLogin::accepted(Ticket& ticket) {
   if (!ticket.trialOf_) return;
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   ticket.trialOf_ = nullptr;
   state_ = State::Proven;
 }
@@ -216,12 +216,11 @@ void DeviceLogin::refuse(Ticket& ticket) {
   ticket.trialOf_ = nullptr;
   state_ = State::Refused;
   refusedUntil_ = Clock::now() + times_.pause;
-  wlog_format(WLOG_ERROR, "QNW", "device %s refused the credentials it is configured with",
-              device_.c_str());
+  logError("device {} refused the credentials it is configured with", device_);
 }
 
 void DeviceLogin::abandon(Ticket& ticket) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   ticket.trialOf_ = nullptr;
   state_ = State::Unproven;
 }

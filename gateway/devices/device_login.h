@@ -5,13 +5,13 @@
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "gateway/auth/digest.h"
 #include "gateway/config/configuration.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -116,21 +116,19 @@ class DeviceLogin {
     Refused    // until refusedUntil_
   };
 
-  // REQUIRES: mutex_ held.
-  bool isRefused();
-  bool retryWithNewChallenge(Ticket& ticket, std::string_view wwwAuthenticate);
-  void refuse(Ticket& ticket);
+  bool isRefused() QN_REQUIRES(mutex_);
+  bool retryWithNewChallenge(Ticket& ticket, std::string_view wwwAuthenticate) QN_REQUIRES(mutex_);
+  void refuse(Ticket& ticket) QN_REQUIRES(mutex_);
   void abandon(Ticket& ticket);
 
   const bool enabled_;        // the configuration has credentials
   const std::string device_;  // for the log
   const RefusalTimes times_;
-  std::mutex mutex_;
-  // Guarded by mutex_:
-  State state_ = State::Unproven;
-  ClientLogin login_;
-  uint64_t challenge_ = 0;  // counts the challenges taken
-  Clock::time_point refusedUntil_;
+  Mutex mutex_;
+  State state_ QN_GUARDED_BY(mutex_) = State::Unproven;
+  ClientLogin login_ QN_GUARDED_BY(mutex_);
+  uint64_t challenge_ QN_GUARDED_BY(mutex_) = 0;  // counts the challenges taken
+  Clock::time_point refusedUntil_ QN_GUARDED_BY(mutex_);
 };
 
 }  // namespace qn

@@ -2,8 +2,8 @@
 
 #include <json/json.h>
 
+#include "gateway/log/log.h"
 #include "platform/base_library.h"
-#include "platform/wlog.h"
 
 namespace qn {
 namespace {
@@ -17,7 +17,7 @@ std::string documentText(unsigned int code) {
   Json::Value document;
   int httpStatus = 0;
   if (!getResponseStatusByErrorNo(code, document, httpStatus)) {
-    wlog_format(WLOG_ERROR, "QNW", "the status table lacks 0x%08x", code);
+    logError("the status table lacks 0x{:08x}", code);
     document["statusCode"] = static_cast<int>(code >> 28);
     document["errorCode"] = static_cast<Json::Int>(code);
   }
