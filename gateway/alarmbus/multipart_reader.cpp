@@ -1,25 +1,15 @@
 #include "gateway/alarmbus/multipart_reader.h"
 
 #include <algorithm>
-#include <charconv>
 #include <utility>
+
+#include "text/ascii.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
 
 constexpr std::size_t kHeaderLimit = 8 * 1024;
-
-bool sameName(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [&](char x, char y) { return lower(x) == lower(y); });
-}
-
-std::string_view trimmed(std::string_view text) {
-  const auto begin = text.find_first_not_of(" \t");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
-}
 
 // Without the line break that belongs to the boundary after it.
 std::string_view withoutLineBreak(std::string_view body) {
@@ -101,13 +91,14 @@ MultipartReader::Step MultipartReader::readHeader(std::string_view bytes) {
 bool MultipartReader::takeHeaderLine(std::string_view line) {
   const auto colon = line.find(':');
   if (colon == std::string_view::npos) return false;
-  const auto name = trimmed(line.substr(0, colon));
-  const auto value = trimmed(line.substr(colon + 1));
-  if (sameName(name, "Content-Type")) contentType_ = value;
-  if (!sameName(name, "Content-Length")) return true;
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length_);
+  const auto name = text::trim(line.substr(0, colon));
+  const auto value = text::trim(line.substr(colon + 1));
+  if (text::equalNoCase(name, "Content-Type")) contentType_ = value;
+  if (!text::equalNoCase(name, "Content-Length")) return true;
+  const auto length = text::wholeNumber<std::size_t>(value);
   hasLength_ = true;
-  return error == std::errc() && end == value.data() + value.size() && length_ <= partLimit_;
+  length_ = length.value_or(0);
+  return length && length_ <= partLimit_;
 }
 
 MultipartReader::Step MultipartReader::readBodyOfLength(std::string_view bytes) {

@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "gateway/devicebus/circuit.h"
 #include "gateway/devicebus/device_url.h"
+#include "gateway/devices/device.h"
 #include "tests/contract/bus_fixture.h"
 #include "tests/contract/scripted_device.h"
 

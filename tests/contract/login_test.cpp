@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "gateway/auth/client_login.h"
 #include "gateway/config/configuration.h"
+#include "gateway/devices/device_login.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
