@@ -53,7 +53,7 @@ void CheckDocument(std::string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  CheckDocument({reinterpret_cast<const char*>(data), size});
+  CheckDocument(TextOf(data, size));
   fake::reset();
   CEventPto pto;
   Require(pto.start() == 0);

@@ -1,22 +1,22 @@
-// See connection.h.
-#include "subdevice/connection.h"
+// See server.h.
+#include "subdevice/server.h"
 
 #include <algorithm>
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/address_v4.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/status.hpp>
 #include <utility>
 
 #include "subdevice/control.h"
-#include "subdevice/device.h"
-#include "subdevice/listener.h"
-#include "subdevice/routes.h"
+#include "subdevice/resources.h"
 
 namespace subdevice {
 namespace {
 
 namespace http = boost::beast::http;
+using boost::asio::ip::tcp;
 
 std::string wireText(const Reply& reply, bool keepAlive) {
   std::string text = "HTTP/1.1 " + std::to_string(reply.status) + " ";
@@ -51,10 +51,10 @@ Request toRequest(http::request<http::string_body>&& message) {
 
 }  // namespace
 
-Connection::Connection(boost::asio::ip::tcp::socket socket, Listener& listener)
+ClientConnection::ClientConnection(boost::asio::ip::tcp::socket socket, DeviceListener& listener)
     : stream_(std::move(socket)), listener_(listener), delay_(stream_.get_executor()) {}
 
-void Connection::readRequest() {
+void ClientConnection::readRequest() {
   parser_.emplace();
   parser_->body_limit(kBodyBytes);
   parser_->header_limit(kHeadBytes);
@@ -68,20 +68,20 @@ void Connection::readRequest() {
                    });
 }
 
-void Connection::close() {
+void ClientConnection::close() {
   if (serving_) return;  // ends after its answer
   delay_.cancel();
   stream_.close();
 }
 
-void Connection::serve() {
+void ClientConnection::serve() {
   keepAlive_ = parser_->get().keep_alive();
   request_ = toRequest(parser_->release());
-  Device& device = listener_.device();
+  SimulatedDevice& device = listener_.device();
   if (request_.path == kControlPath) return serveControl();
   ++device.requests;
   device.log.add(request_);
-  const Fault fault = device.faults.take(request_);
+  const OrderedFault fault = device.faults.take(request_);
   if (fault.delay.count() == 0) return perform(fault);
   stream_.expires_never();
   delay_.expires_after(fault.delay);
@@ -90,14 +90,14 @@ void Connection::serve() {
   });
 }
 
-void Connection::serveControl() {
+void ClientConnection::serveControl() {
   serving_ = true;
   const Reply reply = control(listener_.devices(), listener_.device(), request_);
   keepAlive_ = keepAlive_ && listener_.device().listening;
   send(reply);
 }
 
-void Connection::perform(const Fault& fault) {
+void ClientConnection::perform(const OrderedFault& fault) {
   switch (fault.kind) {
     case FaultKind::None:
       return answerProperly();
@@ -120,8 +120,8 @@ void Connection::perform(const Fault& fault) {
   }
 }
 
-void Connection::answerProperly() {
-  Device& device = listener_.device();
+void ClientConnection::answerProperly() {
+  SimulatedDevice& device = listener_.device();
   Reply refusal;
   if (!device.login.admit(request_, refusal)) return send(refusal);
   if (request_.method == "GET" && request_.path == kAlertStreamPath) {
@@ -132,7 +132,7 @@ void Connection::answerProperly() {
 }
 
 // Until the client gives up, or for the time of an idle connection.
-void Connection::hang() {
+void ClientConnection::hang() {
   stream_.expires_after(kIdle);
   stream_.async_read_some(buffer_.prepare(1024),
                           [self = shared_from_this()](boost::system::error_code error, auto) {
@@ -141,11 +141,13 @@ void Connection::hang() {
                           });
 }
 
-void Connection::send(const Reply& reply) { sendBytes(wireText(reply, keepAlive_), !keepAlive_); }
+void ClientConnection::send(const Reply& reply) {
+  sendBytes(wireText(reply, keepAlive_), !keepAlive_);
+}
 
-void Connection::sendAndClose(std::string bytes) { sendBytes(std::move(bytes), true); }
+void ClientConnection::sendAndClose(std::string bytes) { sendBytes(std::move(bytes), true); }
 
-void Connection::sendBytes(std::string bytes, bool closeAfter) {
+void ClientConnection::sendBytes(std::string bytes, bool closeAfter) {
   writing_ = std::move(bytes);
   stream_.expires_after(kIdle);
   boost::asio::async_write(
@@ -155,6 +157,56 @@ void Connection::sendBytes(std::string bytes, bool closeAfter) {
         if (error || closeAfter) return self->close();
         self->readRequest();
       });
+}
+
+DeviceListener::DeviceListener(boost::asio::io_context& io, const Devices& devices,
+                               SimulatedDevice& device, uint16_t port)
+    : devices_(devices), device_(device), acceptor_(io) {
+  open(port);
+  device_.port = acceptor_.local_endpoint().port();
+  device_.onSwitch = [this] { followSwitch(); };
+  device_.connections = [this] { return openConnections(); };
+}
+
+void DeviceListener::followSwitch() {
+  if (device_.listening == acceptor_.is_open()) return;
+  if (device_.listening) return open(device_.port);
+  acceptor_.close();
+  device_.alarms.closeStreams();
+  for (const auto& connection : connections_)
+    if (const auto open = connection.lock()) open->close();
+}
+
+void DeviceListener::open(uint16_t port) {
+  const tcp::endpoint endpoint(boost::asio::ip::address_v4::loopback(), port);
+  acceptor_.open(endpoint.protocol());
+  acceptor_.set_option(tcp::acceptor::reuse_address(true));
+  acceptor_.bind(endpoint);
+  acceptor_.listen();
+  accept();
+}
+
+void DeviceListener::accept() {
+  acceptor_.async_accept([this](boost::system::error_code error, tcp::socket socket) {
+    if (!acceptor_.is_open()) return;
+    if (!error) admit(std::move(socket));
+    accept();
+  });
+}
+
+std::size_t DeviceListener::openConnections() {
+  std::erase_if(connections_, [](const auto& connection) { return connection.expired(); });
+  return connections_.size();
+}
+
+// One connection too many is closed at once.
+void DeviceListener::admit(tcp::socket socket) {
+  if (openConnections() >= kConnections) return;
+  boost::system::error_code ignored;
+  socket.set_option(tcp::no_delay(true), ignored);
+  const auto connection = std::make_shared<ClientConnection>(std::move(socket), *this);
+  connections_.push_back(connection);
+  connection->readRequest();
 }
 
 }  // namespace subdevice
