@@ -106,10 +106,7 @@ TEST_F(DeviceBusTest, RepliesAreHandedOverOrReplaced) {
       {jsonReply("{\"statusCode\":4}", "403 Forbidden"), "{\"statusCode\":4}"},
       {"HTTP/1.1 500 X\r\nContent-Type: text/xml\r\nContent-Length: 4\r\n\r\n<a/>", "<a/>"},
   };
-  const struct {
-    unsigned int error;
-    std::vector<std::string> replies;
-  } replaced[] = {
+  const std::pair<unsigned int, std::vector<std::string>> replaced[] = {
       {kNotFound, {"HTTP/1.1 404 X\r\nContent-Type: text/html\r\nContent-Length: 4\r\n\r\n<p/>"}},
       {kDeviceLoginRefused, {jsonReply("{}", "401 Unauthorized")}},
       {kDeviceReplyUnusable,
