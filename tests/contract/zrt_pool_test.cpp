@@ -127,22 +127,6 @@ TEST(FlexPool, WorkFailsQuietlyWhenTheQueueIsFull) {
   EXPECT_EQ(ran, kQueue);
 }
 
-TEST(FlexPool, UnknownAndDestroyedPoolsAndImpossibleArgumentsAreRefused) {
-  Pool pool(2);
-  Job job = [] {};
-  EXPECT_EQ(pool.destroy(), 0);
-  EXPECT_EQ(pool.work(job), -1);
-  EXPECT_EQ(pool.destroy(), -1);
-  EXPECT_EQ(ZRT_ThreadPoolFlex_Work(-1, &job), -1);
-  EXPECT_EQ(ZRT_ThreadPoolFlex_Destroy(0), -1);
-  EXPECT_NE(Pool(1).handle, pool.handle);
-  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(0, 1000, runJob, 0), -1);
-  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(1, -1, runJob, 0), -1);
-  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(1, 1000, nullptr, 0), -1);
-  EXPECT_EQ(ZRT_ThreadPoolFlex_Create(1, 1000, runJob, -1), -1);
-  EXPECT_EQ(ZRT_GetLastError(), EINVAL);
-}
-
 TEST(FlexPool, AJobCannotDestroyItsOwnPool) {
   Pool pool(1);
   int result = 0;

@@ -23,10 +23,8 @@ const std::string kUnauthorized =
 class Frame : public PlatformTest {};
 
 TEST_F(Frame, UnclaimedUrlIs404WithTheJsonDocumentAndNoOtherEffect) {
-  const struct {
-    unsigned int method;
-    const char* url;
-  } cases[] = {{0, "/index.html"}, {0, ""}, {1, "/KAVRO-not/System/deviceInfo"}};
+  const std::pair<unsigned int, const char*> cases[] = {
+      {0, "/index.html"}, {0, ""}, {1, "/KAVRO-not/System/deviceInfo"}};
   for (const auto& [method, url] : cases) {
     const Outcome outcome = process({method, url});
     EXPECT_EQ(outcome.status, 404) << url;
@@ -104,10 +102,8 @@ TEST_F(Frame, ChallengeIsCutAt255Characters) {
 }
 
 TEST_F(Frame, OtherVerdictsAnswerTheirCodeInTheUrlsOwnFormat) {
-  const struct {
-    int verdict;
-    unsigned int code;
-  } cases[] = {{DIGEST_NOT_ALLOWED, 0x40000009}, {-1, 0x30000014}, {2, 0x40001007}};
+  const std::pair<int, unsigned int> cases[] = {
+      {DIGEST_NOT_ALLOWED, 0x40000009}, {-1, 0x30000014}, {2, 0x40001007}};
   for (const auto& [verdict, code] : cases) {
     fake::login().verdict = verdict;
     const Outcome xml = get(kUrl);
@@ -163,10 +159,7 @@ TEST_F(Frame, LoginSeesMethodAuthorizationAndClientCutToTheirFields) {
 
 TEST_F(Frame, ClientAddressIsTheFirstOfXForwardedFor) {
   const std::string longText(60, '1');
-  const struct {
-    fake::Headers headers;
-    std::string address;
-  } cases[] = {
+  const std::pair<fake::Headers, std::string> cases[] = {
       {{}, ""},
       {{{"X-Forwarded-For", "1.2.3.4"}}, "1.2.3.4"},
       {{{"x-forwarded-for", "1.2.3.4, 5.6.7.8"}}, "1.2.3.4"},
@@ -181,11 +174,7 @@ TEST_F(Frame, ClientAddressIsTheFirstOfXForwardedFor) {
 }
 
 TEST_F(Frame, InitialVectorIsWhatFollowsItsNameUpToTheEnd) {
-  const struct {
-    const char* text;
-    int found;
-    std::string vector;
-  } cases[] = {
+  const std::tuple<const char*, int, std::string> cases[] = {
       {"a=1&security=2", 0, "-"},
       {"iv=0123456789abcdef0123456789abcdefXYZ", 1, "0123456789abcdef0123456789abcdef"},
       {"x&iv=short", 1, "short"},
@@ -242,11 +231,8 @@ TEST_F(Frame, HandlersFailureIsAnInternalError) {
 
 TEST_F(Frame, OperationsThatAreRecorded) {
   const std::string longUrl = "/KAVRO/" + std::string(293, 'u');
-  const struct {
-    unsigned int method;
-    std::string url;
-    std::string operation;  // empty: none
-  } cases[] = {
+  // No operation: none is recorded.
+  const std::tuple<unsigned int, std::string, std::string> cases[] = {
       {0, "/KAVRO/System/deviceInfo", ""},
       {0, "/KAVRO/Security/userCheck", "GET /KAVRO/Security/userCheck"},
       {0, "/KAVRO/Security/userCheck?a=b", "GET /KAVRO/Security/userCheck?a=b"},
@@ -279,14 +265,11 @@ TEST_F(Frame, OperationsThatAreRecorded) {
 }
 
 TEST_F(Frame, LockRecords) {
-  const struct {
-    int locked;
-    int unlocked;
-    const char* operation;  // empty: none
-  } cases[] = {{0, 0, ""},
-               {1, 0, "Operation/clientIpLock"},
-               {1, 1, "Operation/clientIpLock"},
-               {0, 1, "Operation/clientIpUnlock"}};
+  // No operation: none is recorded.
+  const std::tuple<int, int, const char*> cases[] = {{0, 0, ""},
+                                                     {1, 0, "Operation/clientIpLock"},
+                                                     {1, 1, "Operation/clientIpLock"},
+                                                     {0, 1, "Operation/clientIpUnlock"}};
   for (const auto& [locked, unlocked, operation] : cases) {
     fake::operationLog().clear();
     Probe().savelockLog("eve", fake::http().open({0, kUrl}).exchange, locked, unlocked);

@@ -1,4 +1,6 @@
 // What the channel documents do that their tables do not say at a glance: defaults, ranges, orders.
+#include <tuple>
+
 #include "channel/channel_cfg.h"
 #include "channel/streaming_channel.h"
 #include "platform/wlog.h"
@@ -70,10 +72,8 @@ TEST_F(OddChannels, StreamingChannelIsCut) {
 
 // Which of the listed ids the client sees.
 TEST_F(OddChannels, StreamingChannelList) {
-  const struct {
-    std::vector<const char*> ids;  // null: an entry that cannot be converted
-    const char* seen;
-  } cases[] = {
+  // Null is an entry that cannot be converted.
+  const std::pair<std::vector<const char*>, const char*> cases[] = {
       {{}, ""},
       {{"101", "102", "103", "201", "299"}, "101 102 201 "},
       {{"100", "1", "2", "3", "-103", "abc"}, "100 1 2 -103 abc "},
@@ -107,10 +107,8 @@ TEST_F(OddChannels, ChannelRequest) {
       "<Video><enabled>1</enabled><videoInputChannelID>1</videoInputChannelID>"
       "<videoCodecType>H</videoCodecType><videoResolutionWidth>x</videoResolutionWidth>"
       "<videoResolutionHeight>-1y</videoResolutionHeight><maxFrameRate>25</maxFrameRate></Video>";
-  const struct {
-    std::string content;
-    const char* expected;  // null: refused
-  } cases[] = {
+  // Null is a refusal.
+  const std::pair<std::string, const char*> cases[] = {
       {channel + transport,
        R"({"id":"1","channelName":"c","enabled":true,"Transport":{"ControlProtocolList":[null]}})"},
       {channel +
@@ -142,10 +140,7 @@ TEST_F(OddChannels, ChannelRequest) {
 }
 
 TEST_F(OddChannels, AudioChannels) {
-  const struct {
-    const char* reply;
-    const char* expected;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"null", "<AudioChannelList/>"},
       {"{}", nullptr},
       {"7", nullptr},
@@ -211,11 +206,8 @@ TEST_F(OddChannels, AudioChannelsDependOnTheDevice) {
 }
 
 TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {
-  const struct {
-    unsigned int method;
-    int result;
-    bool asks;
-  } cases[] = {{0, 0, true}, {1, -1, true}, {3, -1, true}, {4, -1, false}};
+  const std::tuple<unsigned int, int, bool> cases[] = {
+      {0, 0, true}, {1, -1, true}, {3, -1, true}, {4, -1, false}};
   for (const auto& [method, result, asks] : cases) {
     fake::reset();
     fake::deviceBus().syncReplies[kDeviceInfo] = "{}";
@@ -231,10 +223,7 @@ TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {
 }
 
 TEST_F(OddChannels, DeviceUrls) {
-  const struct {
-    const char* url;
-    const char* device;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"/KAVRO/Streaming/channels/0", "/KAVRO/Streaming/channels/1?format=json&devIndex=1"},
       {"/KAVRO/Streaming/channels/100", "/KAVRO/Streaming/channels/10001?format=json&devIndex=1"},
       {"/KAVRO/Streaming/channels/007", "/KAVRO/Streaming/channels/701?format=json&devIndex=1"},

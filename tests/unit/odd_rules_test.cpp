@@ -1,5 +1,6 @@
 // What the documents of maintenance, PTZ and recording do that their tables do not say at a glance.
 #include <cctype>
+#include <tuple>
 
 #include "platform/wlog.h"
 #include "record/record_operation.h"
@@ -93,11 +94,7 @@ TEST_F(OddRules, AccessPorts) {
 }
 
 TEST_F(OddRules, PtzRequests) {
-  const struct {
-    const char* resource;
-    const char* body;
-    const char* expected;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
       {"continuous", "<PTZData/>", R"({"PTZData":{}})"},
       {"continuous", "<PTZData><zoom> -3 </zoom><pan>fast</pan></PTZData>",
        R"({"PTZData":{"pan":0,"zoom":-3}})"},
@@ -123,10 +120,7 @@ TEST_F(OddRules, SearchRequest) {
   const std::string defaults = R"("trackIDList":[{"trackID":101}],"searchResultPostion":0,)"
                                R"("metadataList":)" +
                                std::string(kTiming);
-  const struct {
-    const char* content;
-    std::string expected;
-  } cases[] = {
+  const std::pair<const char*, std::string> cases[] = {
       {"", defaults},
       {"<trackIDList/><timeSpanList/><contentTypeList/><metadataList/>", defaults},
       {"<timeSpanList><timeSpan/></timeSpanList>", defaults},
@@ -150,11 +144,7 @@ TEST_F(OddRules, SearchRequest) {
 }
 
 TEST_F(OddRules, SearchKeywordIsTheDevicesRtspPort) {
-  const struct {
-    int mode;
-    std::vector<CKAVROPort> ports;
-    const char* keyword;
-  } cases[] = {
+  const std::tuple<int, std::vector<CKAVROPort>, const char*> cases[] = {
       {1, {{"1", 9001, 9554}}, nullptr},
       {2, {}, nullptr},
       {2, {{"11", 9001, 1}, {"1", 9002, 9554}, {"1", 9003, 2}}, "9554"},
@@ -181,10 +171,8 @@ TEST_F(OddRules, SearchResultReadsWhateverItGets) {
       "<metadataMatches><metadataDescriptor>"
       "urn:kavro:metadata:recordType/Manual"
       "</metadataDescriptor></metadataMatches>";
-  const struct {
-    const char* result;  // the value of "CMSearchResult"; null: absent
-    std::string expected;
-  } cases[] = {
+  // The value of "CMSearchResult", null for none.
+  const std::pair<const char*, std::string> cases[] = {
       {nullptr, empty + "<matchList/>"},
       {"7", empty + "<matchList/>"},
       {R"({"matchList":{},"searchID":7,"responseStatus":"true","numOfMatches":"3"})",
@@ -215,11 +203,7 @@ TEST_F(OddRules, SearchResultReadsWhateverItGets) {
 
 TEST(PlaybackUri, Rewriting) {
   const std::string id(36, 'i');
-  const struct {
-    std::string uri;
-    int result;
-    std::string out;
-  } cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"rtsp://h/x/dac/y/camera/" + id + "12/SUB/z?starttime=A&endtime=B", 1,
        "rtsp://h/x/KAVRO/Streaming/tracks/1202?starttime=A&endtime=B"},
       {"rtsp://h/dac/camera/" + id + "3/MAIN/?", 1, "rtsp://h/KAVRO/Streaming/tracks/301?"},

@@ -1,5 +1,6 @@
 // A sub-device's reply to the client's answer.
 #include <memory>
+#include <tuple>
 
 #include "devcfg/dev_cfg_base.h"
 #include "platform/base_library.h"
@@ -22,11 +23,7 @@ class Reply : public PlatformTest {};
 // goes to the client as it is, with the status of its codes.
 TEST_F(Reply, StatusContentTypeAndBody) {
   const std::string open = "<ResponseStatus>", close = "</ResponseStatus>";
-  const struct {
-    int status;
-    bool isJson;
-    std::vector<std::string> replies;
-  } cases[] = {
+  const std::tuple<int, bool, std::vector<std::string>> cases[] = {
       {200, true, {"{}", " \n [1] trailing", "7", " { \"a\" : 1.50 }\n", "[{\"statusCode\":4}]"}},
       {200,
        true,
@@ -80,10 +77,9 @@ TEST_F(Reply, StatusContentTypeAndBody) {
 }
 
 TEST_F(Reply, PictureUrlPointsToTheGatewayAtAnyStatus) {
-  const struct {
-    std::string url;
-    std::string rewritten;  // empty: unchanged
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // rewritten: empty: unchanged
+
       {"scheme://10.0.0.2:80/pic/a.jpg", "/NovGatewayStorage/pic/a.jpg"},
       {"http://host/", "/NovGatewayStorage/"},
       {"x/y://h//p?q=://r/s", "/NovGatewayStorage//p?q=://r/s"},
@@ -168,10 +164,7 @@ TEST_F(ReplyRecord, OwnerIsNotTouched) {
 // Whichever allocation fails, the client gets one answer, the right one or a 500, and nothing
 // leaks.
 TEST_F(Reply, EveryFailedAllocationStillAnswersOnce) {
-  const struct {
-    const char* reply;
-    int status;
-  } cases[] = {
+  const std::pair<const char*, int> cases[] = {
       {R"({"DeviceInfo":{"deviceName":"n","deviceID":"i","serialNumber":"s","macAddress":"m",
            "firmwareVersion":"f","deviceType":"t"},"PictureData":{"url":"http://h/p"}})",
        200},

@@ -165,7 +165,7 @@ uint64_t ZRT_GetTimeTick() { return fake::runtime().tickMs; }
 int32_t ZRT_AtomicInc(int32_t* value) { return std::atomic_ref(*value).fetch_add(1) + 1; }
 
 int ZRT_SetTimer(ZRT_TimerRoutine routine, void* user, int periodMs, int& timerId, int /*option*/) {
-  if (fake::runtime().refuseTimers || periodMs < 1) return -1;
+  if (fake::runtime().refuseTimers || periodMs < 1 || routine == nullptr) return -1;
   const auto period = static_cast<uint64_t>(periodMs);
   timerId = ++fake::lastTimer;
   fake::timerTable[timerId] = {routine, user, period, fake::runtime().tickMs + period};
@@ -174,9 +174,9 @@ int ZRT_SetTimer(ZRT_TimerRoutine routine, void* user, int periodMs, int& timerI
 
 int ZRT_KillTimer(int timerId) { return fake::timerTable.erase(timerId) == 1 ? 0 : -1; }
 
-int64_t ZRT_ThreadPoolFlex_Create(int /*maxThreads*/, int /*idleMs*/, ZRT_PoolRoutine routine,
+int64_t ZRT_ThreadPoolFlex_Create(int maxThreads, int idleMs, ZRT_PoolRoutine routine,
                                   int /*stackBytes*/) {
-  if (fake::runtime().refusePools) return -1;
+  if (fake::runtime().refusePools || maxThreads < 1 || idleMs < 0 || !routine) return -1;
   fake::poolTable[++fake::lastPool] = {routine, {}};
   return fake::lastPool;
 }
