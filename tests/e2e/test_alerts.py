@@ -1,6 +1,5 @@
 """Alert streams: what they carry, and their life from the first heartbeat to the gateway's end."""
 import json
-import re
 import signal
 import threading
 import time

@@ -87,16 +87,6 @@ class Unchanged(PassThroughTest):
                 (entry["method"], entry["url"], entry["bodyBytes"]),
                 (method, url + ("&" if "?" in url else "?") + "devIndex=1", len(sent)))
 
-    def test_replies_with_the_status_of_their_codes(self):
-        for body, status, kind in (('{"a": [1, 2.50, "\\u00e4"]}', 200, "application/json"),
-                                   ('{"errorCode":1073741830}', 404, "application/json"),
-                                   ("<ResponseStatus><statusCode>4</statusCode></ResponseStatus>",
-                                    403, "application/xml"), ("", 200, "application/xml")):
-            self.devices.fault(kind="reply", body=body)
-            answer = self.client().get("/KAVRO/Any/Thing")
-            self.assertEqual((answer.status, answer.type(), answer.body),
-                             (status, kind, body.encode()), body)
-
     def test_a_snapshot_and_ten_megabytes_are_not_touched(self):
         url = "/KAVRO/Streaming/channels/101/picture"
         with client.Client(self.devices.port()) as device:

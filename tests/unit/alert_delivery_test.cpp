@@ -174,19 +174,15 @@ TEST_F(AlertDelivery, WithoutMemoryNothingMoreIsQueued) {
 TEST_F(AlertDelivery, EveryFailedAllocationLosesAtMostTheAlarm) {
   const auto stream = open();
   std::string alarm = alarmOf("1", std::string(100, 'x'));
-  bool failed = true;
-  for (int n = 0; failed; ++n) {
-    ASSERT_LT(n, 500);
-    {
-      const fake::FailAllocation failure(n);
+  forEachFailedAllocation([&](int n, const Failing& failing) {
+    EXPECT_TRUE(failing([&] {
       CEventPto::fAlarmDataCallBack(alarm.data(), static_cast<int>(alarm.size()), &pto_);
       fake::runtime().runJobs();
-      failed = failure.happened();
-    }
+    })) << n;
     const std::size_t before = parts(stream).size();
     EXPECT_EQ(callback(alarm), static_cast<int>(alarm.size()));
     EXPECT_EQ(parts(stream).size(), before + 1) << n;
-  }
+  });
 }
 
 TEST_F(AlertDelivery, OddJobs) {

@@ -193,32 +193,26 @@ TEST_F(FacePicture, UrlIsTheRecordsExtraData) {
 
 // Whichever allocation fails, nobody is answered twice and nothing is lost or left over.
 TEST_F(FacePicture, EveryFailedAllocation) {
-  int allocation = 0;
-  for (bool failed = true; failed; ++allocation) {
+  bool clean = false;
+  const int count = forEachFailedAllocation([&](int n, const Failing& failing) {
     fake::reset();
     auto record = fake::http().open(
         {QNHttpService::HTTP_POST, kRecordUrl, R"({"FaceInfo":{"employeeNo":"1"}})" + kPicture});
     Outcome outcome;
     outcome.handle = record.exchange->getHttpHandle();
-    bool threw = false;
-    {
-      const fake::FailAllocation failure(allocation);
-      try {
-        outcome.status =
-            QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
-      } catch (const std::bad_alloc&) {
-        threw = true;
-      }
-      failed = failure.happened();
-    }
+    const bool returned = failing([&] {
+      outcome.status =
+          QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+    });
     const bool queued = !fake::deviceBus().pending.empty();
-    EXPECT_TRUE(!threw || !queued) << allocation;
-    EXPECT_TRUE(failed || (queued && outcome.answer().count == 0)) << allocation;
-    EXPECT_TRUE(!queued || outcome.asyncReply == 1) << allocation;
+    EXPECT_TRUE(returned || !queued) << n;
+    EXPECT_TRUE(!queued || outcome.asyncReply == 1) << n;
+    clean = queued && outcome.answer().count == 0;
     if (queued) fake::deviceBus().reply("{}");
-    EXPECT_LE(outcome.answer().count, 1) << allocation;
-  }
-  EXPECT_GT(allocation, 20);
+    EXPECT_LE(outcome.answer().count, 1) << n;
+  });
+  EXPECT_TRUE(clean);
+  EXPECT_GT(count, 20);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 #include "protocol/error_code.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -164,26 +164,21 @@ TEST_F(ReplyRecord, OwnerIsNotTouched) {
 // Whichever allocation fails, the client gets one answer, the right one or a 500, and nothing
 // leaks.
 TEST_F(Reply, EveryFailedAllocationStillAnswersOnce) {
-  const std::pair<const char*, int> cases[] = {
-      {R"({"DeviceInfo":{"deviceName":"n","deviceID":"i","serialNumber":"s","macAddress":"m",
-           "firmwareVersion":"f","deviceType":"t"},"PictureData":{"url":"http://h/p"}})",
+  const std::pair<std::string, int> cases[] = {
+      {with(parsed(golden("device_info.json")), "PictureData", parsed(R"({"url":"http://h/p"})")),
        200},
-      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403},
-  };
+      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403}};
   for (const auto& [reply, status] : cases) {
-    int allocation = 0;
-    for (bool failed = true; failed; ++allocation) {
+    fake::Answer answer;
+    const int count = forEachFailedAllocation([&](int n, const Failing& failing) {
       const Outcome outcome = get("/KAVRO/System/deviceInfo");
-      {
-        const fake::FailAllocation failure(allocation);
-        EXPECT_EQ(fake::deviceBus().reply(reply), 0);
-        failed = failure.happened();
-      }
-      const fake::Answer answer = outcome.answer();
-      ASSERT_EQ(answer.count, 1) << allocation;
-      EXPECT_TRUE(answer.status == status || (failed && answer.status == 500)) << answer.status;
-    }
-    EXPECT_GT(allocation, 5);
+      failing([&] { EXPECT_EQ(fake::deviceBus().reply(reply), 0); });
+      answer = outcome.answer();
+      ASSERT_EQ(answer.count, 1) << n;
+      EXPECT_TRUE(answer.status == status || answer.status == 500) << answer.status;
+    });
+    EXPECT_EQ(answer.status, status) << "when no allocation fails";
+    EXPECT_GT(count, 5);
   }
 }
 
