@@ -83,7 +83,7 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
   clear(result);
   const Configuration& config = *configuration();
   const DigestAlgorithm algorithm = config.kavro.algorithm;
-  const std::string_view address = textOf(request.clientIp);
+  const ClientNetwork client(textOf(request.clientIp));
   DigestCredentials given;
   uint32_t count = 0;
   if (!parseDigestCredentials(textOf(request.authorization), given) ||
@@ -93,17 +93,17 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
   const auto now = clock_();
   const UserConfig* const user = findUser(config, given.username);
   if (!isRight(given, method, user, algorithm)) {
-    return refuse(result, config, lockout_.fail(address, config.lock, now));
+    return refuse(result, config, lockout_.fail(client, given.username, config.lock, now));
   }
   // The lock is looked at only now, so that a guess made while another one locked the address is
   // refused too.
-  const Lockout::Standing standing = lockout_.standing(address, config.lock, now);
+  const Lockout::Standing standing = lockout_.standing(client, config.lock, now);
   if (standing.locked()) return refuse(result, config, standing);
   if (!nonces_.use(given.nonce, count, user->name, now)) {
     challenge(result, config.kavro, true);
     return DIGEST_NO_CREDENTIALS;
   }
-  lockout_.forget(address, config.lock, now);
+  lockout_.forget(client, given.username, config.lock, now);
   const std::string* const device = deviceFor(config, *user, mode, request.port);
   if (!device) return DIGEST_NOT_ALLOWED;
   std::snprintf(result.devIndex, sizeof result.devIndex, "%s", device->c_str());

@@ -307,6 +307,28 @@ TEST_F(LoginTest, ALoginForgetsFailures) {
   }
 }
 
+TEST_F(LoginTest, ALoginForgetsOnlyTheFailuresOfItsOwnName) {
+  const std::string own = "operator";
+  for (const int left : {2, 1}) {
+    EXPECT_EQ(send(wrong()).result.retryLoginTime, left);
+    EXPECT_EQ(codeOf(client(own).authorization("GET", kUri)), DIGEST_OK);
+  }
+  EXPECT_EQ(send(wrong()).result.retryLoginTime, 0) << "guesses at admin between own logins";
+}
+
+TEST_F(LoginTest, AFullTableLocksNobodyWhoHasNotFailed) {
+  char address[48];
+  for (int network = 0; network < 6000; ++network) {  // of one IPv6 /48
+    std::snprintf(address, sizeof address, "2001:db8:1:%x::", network);
+    for (int i = 0; i < 3; ++i) codeOf(wrong(), address);
+  }
+  for (int n = 0; n < 256; ++n) {
+    EXPECT_EQ(codeOf(right(), "198.51.100." + std::to_string(n)), DIGEST_OK) << n;
+  }
+  EXPECT_EQ(send(wrong(), "203.0.113.1").result.retryLoginTime, 2);
+  EXPECT_EQ(send(wrong(), "203.0.113.1").result.retryLoginTime, 1) << "there is room to count";
+}
+
 TEST_F(LoginTest, FailuresAreForgottenInTime) {
   send(wrong());
   now_ += seconds(59);
@@ -365,51 +387,65 @@ TEST_F(LoginTest, NoncesFitTheBufferOrAreNotWritten) {
   EXPECT_NE(freshNonce(), freshNonce());
 }
 
-std::string address(int n) {
+std::string ipv4(int n) {
   return "10." + std::to_string(n >> 16) + '.' + std::to_string((n >> 8) & 255) + '.' +
          std::to_string(n & 255);
 }
 
-TEST(Lockout, AFloodOfAddressesPushesNobodyOutAndBuysFewGuesses) {
-  const LockOptions options{3, seconds(60)};
-  Lockout lockout;
-  Lockout::Time now{seconds(1)};
-  for (int i = 0; i < 3; ++i) lockout.fail("192.0.2.1", options, now);
-  const int addresses = int(Lockout::kAddresses) * 2;
-  int guesses = 0;
-  for (int n = 0; n < addresses; ++n) {
-    for (int i = 0; i < 3; ++i) {
-      guesses += lockout.standing(address(n), options, now).locked() ? 0 : 1;
-      lockout.fail(address(n), options, now);
+class LockoutTest : public testing::Test {
+ protected:
+  bool locked(const std::string& address) {
+    return lockout_.standing(ClientNetwork(address), options_, now_).locked();
+  }
+  Lockout::Standing fail(const std::string& address) {
+    return lockout_.fail(ClientNetwork(address), "admin", options_, now_);
+  }
+
+  const LockOptions options_{1, seconds(60)};
+  Lockout lockout_;
+  Lockout::Time now_{seconds(1)};
+};
+
+TEST_F(LockoutTest, NoFloodPushesALockOut) {
+  fail("192.0.2.1");
+  constexpr int kAddresses = int(Lockout::kSets * Lockout::kSetSize) * 5 / 4;
+  for (int n = 0; n < kAddresses; ++n) fail(ipv4(811 * n));
+  EXPECT_TRUE(locked("192.0.2.1"));
+  now_ += seconds(60);
+  fail("192.0.2.9");
+  EXPECT_TRUE(locked("192.0.2.9")) << "there is room again";
+}
+
+// Those who own a whole prefix fill one set, or a quarter of them; the rest is for others.
+TEST_F(LockoutTest, APrefixHasABoundedShare) {
+  for (const std::string prefix : {"2001:db8:1:", "2001:db8:"}) {
+    const auto address = [&](int n) {
+      char network[8];
+      std::snprintf(network, sizeof network, "%x", n);
+      return prefix + network + "::1";
+    };
+    int owned = 0;
+    for (int n = 0; n < 6000; ++n) fail(address(n));
+    for (int n = 0; n < 6000; ++n) owned += locked(address(n));
+    EXPECT_GE(owned, int(Lockout::kSetSize));
+    EXPECT_LE(owned, int(Lockout::kSetSize * Lockout::kSetsOfRegion));
+  }
+}
+
+TEST_F(LockoutTest, CountsAnIPv6NetworkAsOneClient) {
+  const std::pair<const char*, const char*> same[] = {
+      {"2001:db8:1:2::1", "2001:db8:1:2:ffff:ffff:ffff:ffff"},
+      {"192.0.2.1", "::ffff:192.0.2.1"},
+      {"2001:db8:0:0:1::", "2001:db8::"},
+      {"", ""}};
+  for (const auto& [one, other] : same) EXPECT_EQ(ClientNetwork(one), ClientNetwork(other)) << one;
+  const char* const different[] = {
+      "2001:db8:1:2::1", "2001:db8:1:3::1", "192.0.2.1", "192.0.2.2", "::1", "", "proxy"};
+  for (const char* one : different) {
+    for (const char* other : different) {
+      EXPECT_EQ(ClientNetwork(one) == ClientNetwork(other), one == other) << one << ' ' << other;
     }
   }
-  EXPECT_TRUE(lockout.standing("192.0.2.1", options, now).locked());
-  EXPECT_LE(guesses, int(Lockout::kAddresses + Lockout::kShared) * 3);
-  EXPECT_GE(guesses, int(Lockout::kAddresses) * 3 - 3);
-
-  now += seconds(60);
-  EXPECT_EQ(lockout.fail("192.0.2.9", options, now).attemptsLeft, 2) << "there is room again";
-  EXPECT_FALSE(lockout.standing(address(addresses - 1), options, now).locked());
-}
-
-TEST(Lockout, SharedCountsAreNotForgottenByALogin) {
-  const LockOptions options{3, seconds(60)};
-  Lockout lockout;
-  const Lockout::Time now{seconds(1)};
-  for (int n = 0; n < int(Lockout::kAddresses); ++n) lockout.fail(address(n), options, now);
-  EXPECT_EQ(lockout.fail("192.0.2.1", options, now).attemptsLeft, 2);
-  lockout.forget("192.0.2.1", options, now);
-  EXPECT_EQ(lockout.fail("192.0.2.1", options, now).attemptsLeft, 1);
-}
-
-TEST(Lockout, CountsAnIPv6NetworkAsOneClient) {
-  EXPECT_EQ(lockoutAddress("192.0.2.1"), "192.0.2.1");
-  EXPECT_EQ(lockoutAddress(""), "");
-  EXPECT_EQ(lockoutAddress("2001:db8:1:2:abcd"), "2001:db8:1:2:");
-  EXPECT_EQ(lockoutAddress("2001:db8:1:2::1"), "2001:db8:1:2:");
-  EXPECT_EQ(lockoutAddress("2001:db8::1"), "2001:db8:");
-  EXPECT_EQ(lockoutAddress("::1"), "::1");
-  EXPECT_EQ(lockoutAddress("::ffff:192.0.2.1"), "::ffff:192.0.2.1");
 }
 
 TEST(Nonces, OneUserCannotUseThemUpAndTheyComeBack) {
