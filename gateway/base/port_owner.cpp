@@ -159,8 +159,8 @@ bool readAnswer(Netlink& netlink, std::vector<ListeningSocket>& sockets) {
   for (;;) {
     int length = netlink.receive(buffer, sizeof buffer);
     if (length <= 0) return false;
-    for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(header, length);
-         header = NLMSG_NEXT(header, length)) {
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(buffer);
+         NLMSG_OK(header, static_cast<unsigned>(length)); header = NLMSG_NEXT(header, length)) {
       const Progress progress = readMessage(*header, sockets);
       if (progress != Progress::More) return progress == Progress::Done;
     }
