@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "gateway/auth/client_login.h"
+#include "gateway/auth/login_request.h"
 #include "gateway/config/configuration.h"
 #include "platform/config_mgr.h"
 
@@ -46,6 +47,7 @@ class LoginTest : public testing::Test {
     user("admin", {});
     user("operator", {"2"});
     user("a \"b\"\\", {});
+    user("J\xC3\xA4son", {});
     next->users.push_back({"broken", "", "1", {}});
     for (const uint16_t n : {1, 2, 3}) {
       DeviceConfig device;
@@ -166,7 +168,7 @@ TEST_F(LoginTest, WhatIsNoGuessIsNeverCounted) {
       right() + ", uri=\"/\"",
       right() + ", Basic x",
       right() + ", opaque=\"" + huge + "\"",
-      right() + ", userhash=true",
+      right() + ", username*=UTF-8''admin",
   };
   for (const char* name :
        {"username", "realm", "nonce", "uri", "response", "qop", "nc", "cnonce"}) {
@@ -176,7 +178,11 @@ TEST_F(LoginTest, WhatIsNoGuessIsNeverCounted) {
   for (const char* name : {"nonce", "uri", "response", "qop", "nc", "cnonce"}) {
     values.push_back(changed(right(), name, std::string(name) + "=\"\""));
   }
-  values.push_back(changed(right(), "username", "username*=UTF-8''admin"));
+  for (const char* name :
+       {"UTF-8''%", "UTF-8''%4", "UTF-8''%4g", "UTF-8'admin", "latin-1''admin", ""}) {
+    values.push_back(changed(right(), "username", std::string("username*=\"") + name + '"'));
+  }
+  values.push_back(changed(right(), "username", "username*=UTF-8''admin, userhash=true"));
   values.push_back(changed(right(), "realm", "realm=other"));
   values.push_back(changed(right(), "qop", "qop=auth-int"));
   values.push_back(changed(right(), "algorithm", "algorithm=SHA-256"));
@@ -192,6 +198,104 @@ TEST_F(LoginTest, WhatIsNoGuessIsNeverCounted) {
     EXPECT_EQ(answer.challenge(), "") << value;
   }
   EXPECT_EQ(send(wrong()).result.retryLoginTime, 2);
+}
+
+TEST_F(LoginTest, NamesMayBeEncodedOrHashed) {
+  const auto hashed = [](const std::string& name) {
+    const HexDigest hash = hexDigest(configuration()->kavro.algorithm, {name, "KAVRO"});
+    return "username=\"" + std::string(hash.text()) + "\", userhash=true";
+  };
+  for (const DigestAlgorithm algorithm : {DigestAlgorithm::MD5, DigestAlgorithm::SHA256}) {
+    KavroOptions kavro;
+    kavro.algorithm = algorithm;
+    publish(kavro);
+    const std::string umlaut = "J\xC3\xA4son";
+    const std::pair<std::string, std::string> right[] = {
+        {"admin", "username*=UTF-8''admin"},
+        {"admin", "username*=utf-8'en'%61dmin"},
+        {umlaut, "username*=UTF-8''J%c3%A4son"},
+        {"admin", "username=admin, userhash=false"},
+        {"admin", hashed("admin")},
+        {umlaut, hashed(umlaut)}};
+    for (const auto& [name, with] : right) {
+      EXPECT_EQ(codeOf(changed(client(name).authorization("GET", kUri), "username", with)),
+                DIGEST_OK)
+          << with;
+    }
+    for (const std::string& with : {hashed("nobody"), hashed(""), hashed("operator")}) {
+      EXPECT_EQ(codeOf(changed(this->right(), "username", with), "203.0.113.7"), DIGEST_REFUSED)
+          << with;
+    }
+    now_ += seconds(60);
+  }
+}
+
+// The service's side of a login.
+struct SeenByService final : LoginRequest {
+  explicit SeenByService(std::string clientAddress) : address(std::move(clientAddress)) {}
+  std::string_view clientAddress() const override { return address; }
+  void loggedIn(std::string_view userName, std::string_view, const std::string& text) override {
+    user = userName;
+    info = text;
+  }
+  std::string valueOf(const std::string& name) const {
+    const std::size_t begin = info.find(name + "=\"");
+    if (begin == info.npos) return {};
+    const std::size_t value = begin + name.size() + 2;
+    return info.substr(value, info.find('"', value) - value);
+  }
+
+  const std::string address;
+  std::string user;
+  std::string info;
+};
+
+TEST_F(LoginTest, ASuccessProvesThePasswordAndRenewsTheNonceInTime) {
+  ClientLogin old = client();
+  const HexDigest ha1 = hexDigest(DigestAlgorithm::MD5, {"admin", "KAVRO", "pass"});
+  std::string next;
+  for (const int age : {0, 239, 240}) {
+    now_ += seconds(age == 0 ? 0 : age == 239 ? 239 : 1);
+    SeenByService service("2001:db8:1:2:3:4:5:6");
+    const LoginRequest::Scope scope(service);
+    const std::string sent = old.authorization("GET", kUri);
+    ASSERT_EQ(codeOf(sent), DIGEST_OK);
+    DigestCredentials given;
+    ASSERT_TRUE(parseDigestCredentials(sent, given));
+    const HexDigest proof = digestResponse(DigestAlgorithm::MD5, ha1.text(),
+                                           {"", kUri, given.nonce, given.nc, given.cnonce});
+    EXPECT_EQ(service.user, "admin");
+    EXPECT_EQ(service.valueOf("rspauth"), proof.text());
+    EXPECT_EQ(service.valueOf("cnonce"), given.cnonce);
+    EXPECT_NE(service.info.find("qop=auth, nc=" + std::string(given.nc)), std::string::npos);
+    next = service.valueOf("nextnonce");
+    EXPECT_EQ(next.empty(), age < 240) << age;
+  }
+  now_ += seconds(100);
+  EXPECT_EQ(codeOf(clientWith(next).authorization("GET", kUri)), DIGEST_OK);
+
+  SeenByService service("192.0.2.1");
+  const LoginRequest::Scope scope(service);
+  for (const std::string& refused : {std::string(), wrong(), old.authorization("GET", kUri)}) {
+    EXPECT_NE(codeOf(refused), DIGEST_OK);
+    EXPECT_EQ(service.info + service.user, "");
+  }
+}
+
+TEST_F(LoginTest, TheWholeAddressCountsWhereTheRecordHasOnlyItsBegin) {
+  SeenByService one("2001:db8:1111:2222::1");
+  SeenByService other("2001:db8:1111:222::1");
+  const std::string cut = one.address.substr(0, DIGEST_CLIENT_IP_MAX);
+  for (int i = 0; i < 3; ++i) {
+    const LoginRequest::Scope scope(one);
+    codeOf(wrong(), cut);
+  }
+  {
+    const LoginRequest::Scope scope(one);
+    EXPECT_EQ(codeOf(right(), cut), DIGEST_REFUSED);
+  }
+  const LoginRequest::Scope scope(other);
+  EXPECT_EQ(codeOf(right(), cut), DIGEST_OK);
 }
 
 TEST_F(LoginTest, AnOldNonceIsStaleOnlyForRightCredentials) {
@@ -227,6 +331,45 @@ TEST_F(LoginTest, NoncesOfOthersAreStale) {
     EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS) << nonce;
     EXPECT_TRUE(answer.stale()) << nonce;
   }
+}
+
+// After a restart, or at another gateway with the key: a new nonce, but no prompt for the password.
+TEST_F(LoginTest, WithAKeyOnlyNoncesMadeWithItAreStale) {
+  const std::string invented = freshNonce();
+  KavroOptions kavro;
+  kavro.nonceKey = "a key";
+  publish(kavro);
+  Login other([this] { return now_; });
+  char sibling[64];
+  ASSERT_GT(other.createNonce(sibling, sizeof sibling, 8), 0);
+  EXPECT_TRUE(send(clientWith(sibling).authorization("GET", kUri)).stale());
+  const Answer answer = send(clientWith(invented).authorization("GET", kUri));
+  EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS);
+  EXPECT_FALSE(answer.stale());
+  EXPECT_NE(answer.challenge(), "");
+  EXPECT_EQ(codeOf(right()), DIGEST_OK);
+}
+
+TEST_F(LoginTest, BothAlgorithmsAreOfferedWhereUsersDiffer) {
+  const auto next = std::make_shared<Configuration>(*configuration());
+  UserConfig strong = next->users[0];
+  strong.name = "strong";
+  strong.ha1 = hexDigest(DigestAlgorithm::SHA256, {"strong", "KAVRO", "pass"}).text();
+  next->users.push_back(strong);
+  publishConfiguration(next);
+  const Answer answer = send("");
+  ASSERT_EQ(answer.code, DIGEST_NO_CREDENTIALS);
+  const std::size_t second = answer.challenge().find(", Digest ");
+  ASSERT_NE(second, std::string::npos) << "the gateway's own first";
+  EXPECT_TRUE(answer.challenge().ends_with("algorithm=SHA-256"));
+  ClientLogin client("strong", "pass");
+  ASSERT_TRUE(client.takeChallenge(answer.challenge()));
+  EXPECT_EQ(codeOf(client.authorization("GET", kUri)), DIGEST_OK);
+  EXPECT_EQ(codeOf(right()), DIGEST_OK);
+  // Neither tells whether there is such a user.
+  ClientLogin weak("strong", "pass");
+  ASSERT_TRUE(weak.takeChallenge(answer.challenge().substr(0, second)));
+  EXPECT_EQ(send(weak.authorization("GET", kUri)).result.retryLoginTime, 2);
 }
 
 TEST_F(LoginTest, AReplayIsStaleAndNeitherCountedNorForgiving) {
@@ -448,22 +591,16 @@ TEST_F(LockoutTest, CountsAnIPv6NetworkAsOneClient) {
   }
 }
 
-TEST(Nonces, OneUserCannotUseThemUpAndTheyComeBack) {
-  Nonces nonces;
-  Nonces::Time now{seconds(1000)};
-  const auto useFresh = [&](std::string_view user) {
-    char nonce[64];
-    const int length = nonces.create(nonce, sizeof nonce, 16, now);
-    return nonces.use({nonce, std::size_t(length)}, 1, user, now);
-  };
-  std::size_t used = 0;
-  while (used <= Nonces::kInUseByUser && useFresh("greedy")) ++used;
-  EXPECT_EQ(used, Nonces::kInUseByUser);
-  EXPECT_TRUE(useFresh("admin"));
-  now += seconds(300);
-  EXPECT_FALSE(useFresh("greedy"));
-  now += seconds(31);
-  EXPECT_TRUE(useFresh("greedy"));
+TEST_F(LoginTest, NobodyIsRefusedForWantOfRoomAndNoReplayPasses) {
+  std::string first;
+  for (int i = 0; i < 40000; ++i) {
+    const std::string fresh = client("operator").authorization("GET", kUri);
+    if (i == 0) first = fresh;
+    ASSERT_EQ(codeOf(fresh), DIGEST_OK) << i;
+    if (i % 4000 == 0) now_ += seconds(1);
+  }
+  EXPECT_TRUE(send(first).stale()) << "replayed";
+  EXPECT_EQ(codeOf(right()), DIGEST_OK);
 }
 
 TEST_F(LoginTest, ConcurrentLoginsUseEveryCountOnce) {
