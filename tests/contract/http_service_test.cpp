@@ -405,7 +405,7 @@ TEST_F(HttpFixture, BodiesThatWaitForAWorkerCountAsHeld) {
   });
   start();
   const std::string put =
-      "PUT /KAVRO/System/Audio/channels HTTP/1.1\r\nHost: h\r\nContent-Length: 60000\r\n\r\n" +
+      "PUT /KAVRO/Intelligent/FDLib/FDSetUp HTTP/1.1\r\nHost: h\r\nContent-Length: 60000\r\n\r\n" +
       std::string(60'000, 'x');
   RawClient waiting(port());
   waiting.send(put);
@@ -428,7 +428,7 @@ TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
   });
   start();
   const std::string slow =
-      "PUT /KAVRO/System/Audio/channels?x HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc";
+      "PUT /KAVRO/Intelligent/FDLib/FDSetUp?x HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc";
   constexpr int kClients = 10;  // two run, two wait, the others are refused
   std::atomic<int> served{0};
   std::atomic<int> refused{0};
