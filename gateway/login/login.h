@@ -24,15 +24,17 @@ class Login {
   DigestResult check(tagDIGEST_RESULT& result, std::string_view method,
                      const tagDIGEST_REQUEST& request, int mode);
   // As CreateNonce.
-  int createNonce(char* buffer, int size, int randomBytes) {
-    return nonces_.create(buffer, size, randomBytes, clock_());
-  }
+  int createNonce(char* buffer, int size, int randomBytes);
 
  private:
+  struct Attempt;
+
   DigestResult withoutCredentials(tagDIGEST_RESULT& result, const Configuration& config);
   DigestResult refuse(tagDIGEST_RESULT& result, const Configuration& config,
                       const Lockout::Standing& standing);
-  void challenge(tagDIGEST_RESULT& result, const KavroOptions& options, bool stale);
+  DigestResult admit(tagDIGEST_RESULT& result, const Attempt& attempt, int mode, uint16_t port);
+  void challenge(tagDIGEST_RESULT& result, const Configuration& config, bool stale);
+  std::string authenticationInfo(const Attempt& attempt);
 
   const Clock clock_;
   Nonces nonces_;
