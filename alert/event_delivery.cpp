@@ -5,20 +5,18 @@
 #include <exception>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string_view>
-#include <type_traits>
-#include <utility>
 
 #include "alert/event_pto.h"
-#include "document/json_member.h"
-#include "document/json_text.h"
-#include "document/plain_value.h"
+#include "json/reader.h"
+#include "json/text.h"
 #include "platform/alarm_bus.h"
 #include "protocol/log.h"
 
 namespace QNKAVROProtocol {
 namespace {
+
+using qn::json::Value;
 
 constexpr const char* kAlert = "EventNotificationAlert";
 
@@ -32,36 +30,6 @@ constexpr std::array<std::string_view, 8> kJsonEventTypes = {
     "AccessControllerEvent", "FaceTemperatureMeasurementEvent",
     "LocalUserChange",       "IDCardInfoEvent",
     "QRCodeEvent",           "devXmlEvent"};
-
-bool goesAsJson(std::string_view eventType) {
-  return std::find(kJsonEventTypes.begin(), kJsonEventTypes.end(), eventType) !=
-         kJsonEventTypes.end();
-}
-
-// The text of an object's string member; nothing when it is absent or of another kind.
-template <class Value>
-std::optional<std::string_view> findText(const Value& object, std::string_view name) {
-  const Value* member = jsonMember(object, name);
-  if (!member || !member->isString()) return std::nullopt;
-  return jsonText(*member);
-}
-
-// Whether the alarm needs nothing but what a plain value can do.
-bool goesAsXml(const PlainValue& root) {
-  const PlainValue* alert = jsonMember(root, kAlert);
-  const auto type = alert ? findText(*alert, "eventType") : std::nullopt;
-  return type && !goesAsJson(*type);
-}
-
-template <class Value>
-bool makeXml(const Value& root, std::string& text) {
-  QNBase::CXmlBase xml;
-  xml.CreateDeclaration("1.0", "UTF-8");
-  xml.CreateRoot(kAlert);
-  if (CEventPto::convertAlarmData(root, xml) != 1) return false;
-  text = xml.GetChildren();
-  return true;
-}
 
 std::string makePart(ENUM_ALARM_TYPE type, const std::string& text) {
   const char* contentType = nullptr;
@@ -86,45 +54,36 @@ int CEventPto::fAlarmDataCallBack(void* data, int length, void* user) {
     return -1;
   }
   try {
-    return static_cast<CEventPto*>(user)->consumeAlarm(static_cast<const char*>(data), length);
+    const qn::json::Reading alarm({static_cast<const char*>(data), static_cast<size_t>(length)});
+    return static_cast<CEventPto*>(user)->consumeAlarm(alarm.root()) == 0 ? length : -1;
   } catch (const std::exception& error) {
     QN_LOG(WLOG_ERROR, "%s", error.what());
     return -1;
   }
 }
 
-int CEventPto::consumeAlarm(const char* data, int length) {
-  const std::string_view alarm(data, static_cast<std::size_t>(length));
-  thread_local PlainJson reader;
-  const PlainValue* plain = reader.read(alarm);
-  if (plain && goesAsXml(*plain)) return consumeAlarm(*plain, length);
-  Json::Value root;
-  return parseJson(alarm, root) ? consumeAlarm(root, length) : -1;
-}
-
-template <class Value>
-int CEventPto::consumeAlarm(const Value& root, int length) {
-  const Value* alert = jsonMember(root, kAlert);
-  if (!alert || !alert->isObject()) return -1;
-  if (findText(*alert, "eventDescription") == "Heart Beat") return length;
-
+// 0 when the alarm was consumed.
+int CEventPto::consumeAlarm(const Value& alarm) {
+  const Value alert = alarm.member(kAlert);
+  if (!alert.isObject()) return -1;
+  if (alert.member("eventDescription").text() == "Heart Beat") return 0;
   std::string text;
   auto type = ALARM_JSON;
-  if (const auto eventType = findText(*alert, "eventType")) {
-    if (!goesAsJson(*eventType)) {
+  if (alert.member("eventType").isString()) {
+    if (needConvertToXml(alarm)) {
       type = ALARM_XML;
-      if (!makeXml(root, text)) return -1;
-    } else if constexpr (std::is_same_v<Value, Json::Value>) {
-      text = writeJson(*alert);
+      if (!alarmDocument(text, alarm)) return -1;
+    } else {
+      text = qn::json::writeJson(alert.copy());
     }
   }
-  const auto devIndex = findText(*alert, "devIndex");
-  if (!devIndex) return -1;
-  return queueAlarm(text, type, std::string(*devIndex)) == 0 ? length : -1;
+  const Value devIndex = alert.member("devIndex");
+  return devIndex.isString() ? queueAlarm(text, type, std::string(devIndex.text())) : -1;
 }
 
-bool CEventPto::needConvertToXml(const Json::Value& alarm) {
-  return !goesAsJson(alarm[kAlert]["eventType"].asString());
+bool CEventPto::needConvertToXml(const Value& alarm) {
+  const std::string_view type = alarm.member(kAlert).member("eventType").text();
+  return std::ranges::find(kJsonEventTypes, type) == kJsonEventTypes.end();
 }
 
 int CEventPto::queueAlarm(const std::string& text, ENUM_ALARM_TYPE type,

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <exception>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "platform/alarm_bus.h"
 #include "platform/base_library.h"
 #include "protocol/error_code.h"
@@ -130,14 +130,14 @@ std::string CEventPto::getSubscribeReq(const std::string& devIndex) {
   Json::Value request;
   request["SubscribeDeviceMgmt"]["eventMode"] = "device";
   request["SubscribeDeviceMgmt"]["DevEventList"].append(device);
-  return writeJson(request);
+  return qn::json::writeJson(request);
 }
 
 std::string CEventPto::getSubscribeDeviceReq(const std::string& devIndex) {
   Json::Value request;
   request["SubscribeDevEvent"]["devIndex"] = devIndex;
   request["SubscribeDevEvent"]["uploadMode"] = "all";
-  return writeJson(request);
+  return qn::json::writeJson(request);
 }
 
 int CEventPto::getSessionByDev(std::vector<Session>& out, const std::string& devIndex) {

@@ -16,7 +16,7 @@
 #include "alert/alarm_param.h"
 #include "alert/alert_stream_session.h"
 #include "alert/singleton.h"
-#include "document/plain_value.h"
+#include "json/value.h"
 #include "platform/device_mgr.h"
 #include "platform/rw_lock.h"
 #include "platform/xml_base.h"
@@ -53,16 +53,19 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   static int fAlarmDataCallBack(void* data, int length, void* user);
   // The delivery pool's routine; frees the job.
   static int fAlarmProcessThread(void* job);
-  static bool needConvertToXml(const Json::Value& alarm);
+  // Whether clients get the alarm as XML; otherwise as the JSON that the device sent.
+  static bool needConvertToXml(const qn::json::Value& alarm);
 
   // Writes the XML form of an alarm under the root that `xml` has entered; 1, or 0 when the alarm
   // does not fit its tables.
-  static int convertAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
-  static int convertAlarmData(const PlainValue& alarm, QNBase::CXmlBase& xml);
-  static int convertCommonAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
-  static int convertDetectionRegionListAlarmData(const Json::Value& alarm, QNBase::CXmlBase& xml);
-  static int convertAudioExceptionDetectionAlarmData(const Json::Value& alarm,
+  static int convertAlarmData(const qn::json::Value& alarm, QNBase::CXmlBase& xml);
+  static int convertCommonAlarmData(const qn::json::Value& alarm, QNBase::CXmlBase& xml);
+  static int convertDetectionRegionListAlarmData(const qn::json::Value& alarm,
+                                                 QNBase::CXmlBase& xml);
+  static int convertAudioExceptionDetectionAlarmData(const qn::json::Value& alarm,
                                                      QNBase::CXmlBase& xml);
+  // The same as a document of its own; false, with `xml` as it was, when the alarm does not fit.
+  static bool alarmDocument(std::string& xml, const qn::json::Value& alarm);
 
   static int sendHeartBeatOnTimer(int timerId, void* user);
   static int checkAbnormalOnTimer(int timerId, void* user);
@@ -80,9 +83,7 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   void answerStream(int& asyncReply, const stHttpRes& request);
   bool hasStream(const std::string& devIndex);
 
-  int consumeAlarm(const char* data, int length);
-  template <class Value>
-  int consumeAlarm(const Value& root, int length);
+  int consumeAlarm(const qn::json::Value& alarm);
   int queueAlarm(const std::string& text, ENUM_ALARM_TYPE type, const std::string& devIndex);
   bool queueJob(CAlarmParam* job);
   static void push(const CAlarmParam& job);

@@ -6,8 +6,8 @@
 #include "channel/channel_documents.h"
 #include "channel/streaming_channel.h"
 #include "devcfg/device_url.h"
-#include "document/json_member.h"
-#include "document/json_text.h"
+#include "json/reader.h"
+#include "json/text.h"
 #include "platform/device_cfg_bus.h"
 #include "protocol/error_code.h"
 #include "protocol/log.h"
@@ -48,16 +48,13 @@ constexpr Route kRoutes[] = {
 std::string deviceType(const ClientRequest& in) {
   constexpr int kTimeoutMs = 10000;
   std::string text;
-  Json::Value reply;
   if (QN_DeviceCfgBus_ProcessSyn(static_cast<unsigned char>(in.method),
                                  deviceJsonUrl("/KAVRO/System/deviceInfo", in.devIndex), "", text,
-                                 kTimeoutMs) != 0 ||
-      !parseJson(text, reply)) {
+                                 kTimeoutMs) != 0) {
     return {};
   }
-  const Json::Value* info = jsonMember(reply, "DeviceInfo");
-  const Json::Value* type = info == nullptr ? nullptr : jsonMember(*info, "deviceType");
-  return type == nullptr ? std::string() : std::string(jsonText(*type));
+  const qn::json::Reading reply(text);
+  return std::string(reply.root().member("DeviceInfo").member("deviceType").text());
 }
 
 bool isRecorder(std::string_view type) {
@@ -110,7 +107,7 @@ int CChannelCfg::covertChannelallRspBody(std::string& body, const DeviceReply& r
 
 int CChannelCfg::covertChannelIDCapRspBody(std::string& body, const DeviceReply& reply) {
   QN_LOG(WLOG_DUMP, "/KAVRO/Streaming/channels/<id>/capabilities rep=%s",
-         writeJson(reply.document).c_str());
+         qn::json::writeJson(reply.document.copy()).c_str());
   return getXmlChannelIDCap(body, reply.document);
 }
 

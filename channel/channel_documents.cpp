@@ -1,14 +1,14 @@
 #include "channel/channel_documents.h"
 
-#include "document/json_member.h"
-#include "document/write_xml.h"
+#include "devcfg/route_table.h"
 #include "protocol/error_code.h"
-#include "protocol/status_document.h"
+#include "text/number.h"
 
 namespace QNKAVROProtocol {
 namespace {
 
 using namespace table;
+using qn::json::Value;
 
 // An element without content: a list of choices, or the ends of a range.
 struct Capability {
@@ -54,25 +54,23 @@ constexpr Row kAudioChannelEntryRows[] = {
 };
 constexpr Row kAudioChannelList = list("AudioChannelList", kAudioChannelEntryRows, write::present);
 
-// False for more inputs than any recorder has: each takes one byte of a reply and a channel of
-// ours.
-bool writeChannelsOfInputs(QNBase::CXmlBase& doc, const Json::Value& inputs) {
-  constexpr unsigned int kMost = 65536;
-  const unsigned int count = inputs.isArray() ? inputs.size() : 0;
+// Appends an enabled channel for each input. False for more inputs than any recorder has: each
+// takes one byte of a reply and a channel of ours.
+bool writeChannelsOfInputs(std::string& xml, const Value& inputs) {
+  constexpr std::size_t kMost = 65536;
+  const std::size_t count = inputs.isArray() ? inputs.size() : 0;
   if (count > kMost) return false;
-  for (unsigned int id = 1; id <= count; ++id) {
-    doc.AddNode("AudioChannel");
-    addTextElement(doc, "id", std::to_string(id));
-    addTextElement(doc, "enabled", "true");
-    doc.OutOfElem();
+  for (std::size_t id = 1; id <= count; ++id) {
+    xml.append("<AudioChannel><id>").append(qn::text::Decimal(id).view());
+    xml.append("</id><enabled>true</enabled></AudioChannel>");
   }
   return true;
 }
 
 }  // namespace
 
-int getXmlChannelIDCap(std::string& xml, const Json::Value& deviceReply) {
-  if (jsonMember(deviceReply, "StreamingChannel") == nullptr) return BUS_INTERNAL_FAILURE;
+int getXmlChannelIDCap(std::string& xml, const Value& deviceReply) {
+  if (!deviceReply.find("StreamingChannel")) return BUS_INTERNAL_FAILURE;
   QNBase::CXmlBase doc;
   doc.CreateDeclaration("1.0", "UTF-8");
   doc.CreateRoot("StreamingChannel");
@@ -83,17 +81,14 @@ int getXmlChannelIDCap(std::string& xml, const Json::Value& deviceReply) {
   return 0;
 }
 
-int getXmlAudioChannelList(std::string& xml, const Json::Value& deviceReply) {
-  QNBase::CXmlBase doc;
-  const Json::Value* inputs = jsonMember(deviceReply, "VideoInputChannelList");
-  if (inputs == nullptr && !deviceReply.isNull()) {
-    if (writeDocument(doc, kAudioChannelList, deviceReply) != nullptr) return BUS_INTERNAL_FAILURE;
-  } else {
-    doc.CreateDeclaration("1.0", "UTF-8");
-    doc.CreateRoot(kAudioChannelList.xml);
-    if (inputs != nullptr && !writeChannelsOfInputs(doc, *inputs)) return BUS_INTERNAL_FAILURE;
-  }
-  xml = doc.GetChildren();
+int getXmlAudioChannelList(std::string& xml, const Value& deviceReply) {
+  const auto inputs = deviceReply.find("VideoInputChannelList");
+  if (!inputs && !deviceReply.isNull()) return writeReply(xml, kAudioChannelList, deviceReply);
+  std::string channels;
+  if (inputs && !writeChannelsOfInputs(channels, *inputs)) return BUS_INTERNAL_FAILURE;
+  xml = kDeclaration;
+  xml += channels.empty() ? "<AudioChannelList/>"
+                          : "<AudioChannelList>" + channels + "</AudioChannelList>";
   return 0;
 }
 

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "document/json_member.h"
-#include "document/json_text.h"
 #include "document/read_xml.h"
 #include "document/write_xml.h"
 #include "platform/zrt.h"
@@ -14,18 +12,7 @@ namespace QNKAVROProtocol {
 namespace {
 
 using namespace table;
-
-constexpr Row kChannelRows[] = {
-    text("id", write::required, read::required),
-    text("channelName", write::required, read::required),
-    boolean("enabled", write::required, read::required),
-};
-// After the sections.
-constexpr Row kChannelSwitchRows[] = {
-    boolean("enableCABAC", write::optional, read::optional),
-    boolean("subStreamRecStatus", write::optional, read::optional),
-    boolean("customStreamEnable", write::optional, read::optional),
-};
+using qn::json::Value;
 
 constexpr Row kStreamingTransportRows[] = {
     text("streamingTransport", write::required, read::required),
@@ -80,8 +67,8 @@ constexpr Row kDefaultTransportRows[] = {
     section("Multicast", kDefaultMulticastRows, write::always),
 };
 constexpr WriteRule kFallbackWhenNull{true, Else::Fail, Else::Fallback, Else::Fail};
-constexpr Row kTransport =
-    section("Transport", kTransportRows, kFallbackWhenNull).fallback(kDefaultTransportRows);
+constexpr Row kTransport = section("Transport", kTransportRows, kFallbackWhenNull, read::required)
+                               .fallback(kDefaultTransportRows);
 
 constexpr Row kSvcRows[] = {
     boolean("enabled", write::required, read::required),
@@ -121,7 +108,7 @@ constexpr Row kVideoRows[] = {
     section("SmartCodec", kSmartCodecRows, write::optional, read::optional),
     integer("vbrAverageCap", write::optional, read::optional),
 };
-constexpr Row kVideo = section("Video", kVideoRows, write::required);
+constexpr Row kVideo = section("Video", kVideoRows, write::optional, read::optional);
 
 constexpr Row kVoiceChangerRows[] = {
     boolean("enabled", write::required),
@@ -138,104 +125,83 @@ constexpr Row kAudioRows[] = {
     integer("audioResolution", write::optional, read::optional),
     section("VoiceChanger", kVoiceChangerRows, write::optional),
 };
-constexpr Row kAudio = section("Audio", kAudioRows, write::required);
+constexpr Row kAudio = section("Audio", kAudioRows, write::optional, read::optional);
+
+constexpr Row kChannelRows[] = {
+    text("id", write::required, read::required),
+    text("channelName", write::required, read::required),
+    boolean("enabled", write::required, read::required),
+    kTransport,
+    kVideo,
+    kAudio,
+    boolean("enableCABAC", write::optional, read::optional),
+    boolean("subStreamRecStatus", write::optional, read::optional),
+    boolean("customStreamEnable", write::optional, read::optional),
+};
+constexpr Row kChannel = section("StreamingChannel", kChannelRows, write::required, read::required);
 
 int resultOf(const Row* failed) { return failed == nullptr ? 0 : BUS_INTERNAL_FAILURE; }
 
-using SectionWriter = int (*)(QNBase::CXmlBase& doc, const Json::Value& section);
-
-// A section that is missing, null or no object is left out.
-bool writeOptionalSection(QNBase::CXmlBase& doc, const Json::Value& channel, const char* name,
-                          SectionWriter build) {
-  const Json::Value* section = jsonMember(channel, name);
-  return section == nullptr || !section->isObject() || build(doc, *section) == 0;
-}
-
-bool writeChannel(QNBase::CXmlBase& doc, const Json::Value& channel) {
-  const Json::Value* transport = jsonMember(channel, "Transport");
-  return transport != nullptr && writeRows(doc, kChannelRows, channel) == nullptr &&
-         buildXmlTransport(doc, *transport) == 0 &&
-         writeOptionalSection(doc, channel, "Video", buildXmlVideo) &&
-         writeOptionalSection(doc, channel, "Audio", buildXmlAudio) &&
-         writeRows(doc, kChannelSwitchRows, channel) == nullptr;
-}
-
-using SectionReader = int (*)(Json::Value& section, QNBase::CXmlBase& xml);
-
-bool readSection(Json::Value& channel, const char* name, QNBase::CXmlBase& xml,
-                 SectionReader build) {
-  if (!xml.IntoElem()) return false;
-  Json::Value section(Json::objectValue);
-  if (build(section, xml) != 0) return false;
-  xml.OutOfElem();
-  channel[name] = std::move(section);
-  return true;
-}
-
-bool readOptionalSection(Json::Value& channel, const char* name, QNBase::CXmlBase& xml,
-                         SectionReader build) {
-  return !xml.FindElem(name) || readSection(channel, name, xml, build);
-}
-
-bool readChannel(Json::Value& channel, QNBase::CXmlBase& xml) {
-  return readRows(channel, kChannelRows, xml) == nullptr && xml.FindElem("Transport") &&
-         readSection(channel, "Transport", xml, buildJsonTranport) &&
-         readOptionalSection(channel, "Video", xml, buildJsonVideo) &&
-         readOptionalSection(channel, "Audio", xml, buildJsonAudio) &&
-         readRows(channel, kChannelSwitchRows, xml) == nullptr;
+int buildXmlSection(QNBase::CXmlBase& doc, const Row& row, const Value& section) {
+  return section.isObject() ? resultOf(writeRow(doc, row, section)) : BUS_INTERNAL_FAILURE;
 }
 
 // Custom streams are not listed; a channel without a readable id is tried.
-bool isListed(const Json::Value& entry) {
-  const Json::Value* channel = jsonMember(entry, "StreamingChannel");
-  const Json::Value* id = channel == nullptr ? nullptr : jsonMember(*channel, "id");
-  return id == nullptr || !id->isString() || ZRT_Atoi32(id->asCString()) % 100 <= 2;
+bool isListed(const Value& entry) {
+  const Value id = entry.member("StreamingChannel").member("id");
+  return !id.isString() || ZRT_Atoi32(std::string(id.text()).c_str()) % 100 <= 2;
+}
+
+// Appends a channel; cut when it is longer than clients take.
+const Row* appendChannel(std::string& xml, const Value& reply) {
+  constexpr std::size_t kMaxBytes = 102400;
+  const std::size_t before = xml.size();
+  const Row* failed = writeMember(xml, kChannel, reply);
+  xml.resize(failed != nullptr ? before : std::min(xml.size(), before + kMaxBytes));
+  return failed;
 }
 
 }  // namespace
 
-int buildXmlTransport(QNBase::CXmlBase& doc, const Json::Value& transport) {
-  return resultOf(writeRow(doc, kTransport, &transport));
+int buildXmlTransport(QNBase::CXmlBase& doc, const Value& transport) {
+  return resultOf(writeRow(doc, kTransport, transport));
 }
 
-int buildXmlVideo(QNBase::CXmlBase& doc, const Json::Value& video) {
-  return resultOf(writeRow(doc, kVideo, &video));
+int buildXmlVideo(QNBase::CXmlBase& doc, const Value& video) {
+  return buildXmlSection(doc, kVideo, video);
 }
 
-int buildXmlAudio(QNBase::CXmlBase& doc, const Json::Value& audio) {
-  return resultOf(writeRow(doc, kAudio, &audio));
+int buildXmlAudio(QNBase::CXmlBase& doc, const Value& audio) {
+  return buildXmlSection(doc, kAudio, audio);
 }
 
-int getXMLStreamingChannel(std::string& xml, const Json::Value& reply) {
-  constexpr std::size_t kMaxBytes = 102400;
-  const Json::Value* channel = jsonMember(reply, "StreamingChannel");
-  if (channel == nullptr) return BUS_INTERNAL_FAILURE;
-  QNBase::CXmlBase doc;
-  doc.CreateRoot("StreamingChannel");
-  if (!writeChannel(doc, *channel)) return BUS_INTERNAL_FAILURE;
-  xml = doc.GetChildren();
-  if (xml.size() > kMaxBytes) xml.resize(kMaxBytes);
+int getXMLStreamingChannel(std::string& xml, const Value& reply) {
+  std::string channel;
+  if (appendChannel(channel, reply) != nullptr) return BUS_INTERNAL_FAILURE;
+  xml = std::move(channel);
   return 0;
 }
 
-int getXmlStreamingChannelList(std::string& xml, const Json::Value& reply) {
+int getXmlStreamingChannelList(std::string& xml, const Value& reply) {
   QN_LOG(WLOG_INFO, "getXmlStreamingChannelList start");
-  const Json::Value* entries = jsonMember(reply, "StreamingChannelList");
-  if (entries == nullptr || !entries->isArray()) return BUS_INTERNAL_FAILURE;
+  const Value list = reply.member("StreamingChannelList");
+  if (!list.isArray()) return BUS_INTERNAL_FAILURE;
   xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<StreamingChannelList>\r\n";
+  Value::Entries entries(list);
   int index = 0;
-  for (const Json::Value& entry : *entries) {
-    std::string channel;
-    if (isListed(entry) && getXMLStreamingChannel(channel, entry) != 0) {
+  for (Value entry; entries.next(entry); ++index) {
+    if (isListed(entry) && appendChannel(xml, entry) != nullptr) {
       QN_LOG(WLOG_ERROR, "get xml streamingchannel[%d] fail", index);
       break;
     }
-    xml += channel;
-    ++index;
   }
   xml += "</StreamingChannelList>";
   QN_LOG(WLOG_INFO, "getXmlStreamingChannelList end");
   return 0;
+}
+
+int getJsonStreamingChannel(std::string& jsonBody, std::string_view xmlBody) {
+  return readDocument(jsonBody, kChannel, xmlBody) == BodyResult::Done ? 0 : BUS_INTERNAL_FAILURE;
 }
 
 int buildJsonTranport(Json::Value& transport, QNBase::CXmlBase& xml) {
@@ -248,16 +214,6 @@ int buildJsonVideo(Json::Value& video, QNBase::CXmlBase& xml) {
 
 int buildJsonAudio(Json::Value& audio, QNBase::CXmlBase& xml) {
   return resultOf(readRows(audio, kAudioRows, xml));
-}
-
-int getJsonStreamingChannel(std::string& jsonBody, std::string_view xmlBody) {
-  QNBase::CXmlBase xml;
-  Json::Value channel(Json::objectValue);
-  if (!enterRoot(xml, xmlBody, "StreamingChannel") || !readChannel(channel, xml)) {
-    return BUS_INTERNAL_FAILURE;
-  }
-  jsonBody = writeJsonUnder("StreamingChannel", std::move(channel));
-  return 0;
 }
 
 }  // namespace QNKAVROProtocol

@@ -1,5 +1,5 @@
 // The StreamingChannel document in both directions. Called by CChannelCfg. The directions are no
-// mirror images: the tables say where they differ.
+// mirror images: the table says where they differ.
 #pragma once
 
 #include <json/json.h>
@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "json/value.h"
 #include "platform/xml_base.h"
 
 namespace QNKAVROProtocol {
@@ -15,15 +16,15 @@ namespace QNKAVROProtocol {
 
 // One channel, `reply`'s "StreamingChannel", as a document without declaration, cut at 102400
 // bytes.
-int getXMLStreamingChannel(std::string& xml, const Json::Value& reply);
+int getXMLStreamingChannel(std::string& xml, const qn::json::Value& reply);
 // The main and sub streams of `reply`'s "StreamingChannelList". A channel that cannot be converted
 // ends the list.
-int getXmlStreamingChannelList(std::string& xml, const Json::Value& reply);
+int getXmlStreamingChannelList(std::string& xml, const qn::json::Value& reply);
 
 // Append a section to the element that `doc` has entered. A null transport gives the default one.
-int buildXmlTransport(QNBase::CXmlBase& doc, const Json::Value& transport);
-int buildXmlVideo(QNBase::CXmlBase& doc, const Json::Value& video);
-int buildXmlAudio(QNBase::CXmlBase& doc, const Json::Value& audio);
+int buildXmlTransport(QNBase::CXmlBase& doc, const qn::json::Value& transport);
+int buildXmlVideo(QNBase::CXmlBase& doc, const qn::json::Value& video);
+int buildXmlAudio(QNBase::CXmlBase& doc, const qn::json::Value& audio);
 
 // A client's document as the device's JSON text.
 int getJsonStreamingChannel(std::string& jsonBody, std::string_view xmlBody);

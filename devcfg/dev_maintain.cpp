@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "devcfg/device_url.h"
-#include "document/json_member.h"
 #include "document/write_xml.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
@@ -17,6 +16,7 @@ namespace QNKAVROProtocol {
 namespace {
 
 using namespace table;
+using qn::json::Value;
 
 // Six colon-separated pairs: the first twelve digits of a new UUID.
 std::string generateMac() {
@@ -176,36 +176,30 @@ int CDevMaintain::covertAdminAccessesRspBody(std::string& body, const DeviceRepl
   return internalUnlessZero(covertAdminAccessesRsp(body, reply.document, reply.exchange));
 }
 
-int CDevMaintain::covertDevinfoRsp(std::string& body, const Json::Value& reply) {
-  CXmlBase xml;
-  if (const Row* failed = writeDocument(xml, kDeviceInfo, reply)) {
-    QN_LOG(WLOG_ERROR, "covertDevinfoRsp fail %d.", failed->number);
-    return -1;
-  }
-  body = xml.GetChildren();
-  return 0;
+int CDevMaintain::covertDevinfoRsp(std::string& body, const Value& reply) {
+  const Row* failed = writeDocument(body, kDeviceInfo, reply);
+  if (failed == nullptr) return 0;
+  QN_LOG(WLOG_ERROR, "covertDevinfoRsp fail %d.", failed->number);
+  return -1;
 }
 
-int CDevMaintain::covertVideoChannelRsp(std::string& body, const Json::Value& reply) {
-  const Json::Value* inputs = jsonMember(reply, kVideoInputs.json);
-  if (inputs != nullptr && !inputs->isArray()) {
+int CDevMaintain::covertVideoChannelRsp(std::string& body, const Value& reply) {
+  const auto inputs = reply.find(kVideoInputs.json);
+  if (inputs && !inputs->isArray()) {
     QN_LOG(WLOG_WARN, "covertVideoChannelRsp fail 2 and return null list.");
   }
-  CXmlBase xml;
-  if (const Row* failed = writeDocument(xml, kVideoInputs, reply)) {
-    QN_LOG(WLOG_ERROR, "covertVideoChannelRsp fail %d.", failed->number);
-    return -1;
-  }
-  body = xml.GetChildren();
-  return 0;
+  const Row* failed = writeDocument(body, kVideoInputs, reply);
+  if (failed == nullptr) return 0;
+  QN_LOG(WLOG_ERROR, "covertVideoChannelRsp fail %d.", failed->number);
+  return -1;
 }
 
-int CDevMaintain::covertHddListRsp(std::string& body, const Json::Value& /*reply*/) {
+int CDevMaintain::covertHddListRsp(std::string& body, const Value& /*reply*/) {
   body = kHddList;
   return 0;
 }
 
-int CDevMaintain::covertAdminAccessesRsp(std::string& body, const Json::Value& /*reply*/,
+int CDevMaintain::covertAdminAccessesRsp(std::string& body, const Value& /*reply*/,
                                          const CHttpExchange& exchange) {
   const auto network = QN_ConfigMgr_GetNetworkCfg();
   if (network == nullptr) {

@@ -23,12 +23,12 @@ class CDevMaintain final : public RoutedCfg {
   static int covertAdminAccessesRspBody(std::string& body, const DeviceReply& reply);
 
   // The documents: 0, or -1 with a line in the log and the body untouched.
-  static int covertDevinfoRsp(std::string& body, const Json::Value& reply);
-  static int covertVideoChannelRsp(std::string& body, const Json::Value& reply);
+  static int covertDevinfoRsp(std::string& body, const qn::json::Value& reply);
+  static int covertVideoChannelRsp(std::string& body, const qn::json::Value& reply);
   // The same document always.
-  static int covertHddListRsp(std::string& body, const Json::Value& reply);
+  static int covertHddListRsp(std::string& body, const qn::json::Value& reply);
   // From the gateway's own configuration.
-  static int covertAdminAccessesRsp(std::string& body, const Json::Value& reply,
+  static int covertAdminAccessesRsp(std::string& body, const qn::json::Value& reply,
                                     const CHttpExchange& exchange);
 };
 

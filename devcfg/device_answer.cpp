@@ -1,10 +1,9 @@
 #include "devcfg/device_answer.h"
 
-#include <json/json.h>
+#include <optional>
 
-#include "devcfg/device_cfg_pto.h"
-#include "document/json_member.h"
-#include "document/json_text.h"
+#include "json/reader.h"
+#include "json/text.h"
 #include "platform/base_library.h"
 #include "protocol/device_reply.h"
 #include "protocol/error_code.h"
@@ -12,6 +11,8 @@
 
 namespace QNKAVROProtocol {
 namespace {
+
+using qn::json::Value;
 
 // The picture's path behind "scheme://host"; null when the URL has none.
 const char* picturePath(const std::string& url) {
@@ -21,23 +22,19 @@ const char* picturePath(const std::string& url) {
   return path == std::string::npos ? nullptr : url.c_str() + path + 1;
 }
 
-// A device names pictures by its own address; clients fetch them through the gateway. True when the
-// reply named one.
-bool redirectPicture(Json::Value& reply) {
-  const Json::Value* picture = jsonMember(reply, "PictureData");
-  const Json::Value* url = picture == nullptr ? nullptr : jsonMember(*picture, "url");
-  if (url == nullptr || !url->isString()) return false;
-  const std::string text = url->asString();
-  const char* path = picturePath(text);
-  if (path == nullptr) return false;
-  reply["PictureData"]["url"] = std::string("/NovGatewayStorage/") + path;
-  return true;
+// A device names pictures by its own address; clients fetch them through the gateway. The reply
+// with the gateway's address; nothing when the reply names no picture.
+std::optional<Json::Value> redirectPicture(std::string_view text, const Value& reply) {
+  const std::string url(reply.member("PictureData").member("url").text());
+  const char* path = picturePath(url);
+  Json::Value redirected;
+  if (path == nullptr || !qn::json::parseJson(text, redirected)) return std::nullopt;
+  redirected["PictureData"]["url"] = std::string("/NovGatewayStorage/") + path;
+  return redirected;
 }
 
-void convertBody(DeviceAnswer& answer, const Json::Value& reply, const RepliedRequest& request) {
-  CDeviceCfgPto dispatcher;
-  int result =
-      dispatcher.covertRspBody(answer.body, reply, request.url, request.method, request.exchange);
+void convertBody(DeviceAnswer& answer, const Value& reply, const RepliedRequest& request) {
+  int result = translateReply(answer.body, reply, request);
   if (result == 0) return;
   if (result == DECLINED) result = BUS_INTERNAL_FAILURE;
   const unsigned int code = CProtocolBase::getPtoErrorCode(result);
@@ -45,25 +42,23 @@ void convertBody(DeviceAnswer& answer, const Json::Value& reply, const RepliedRe
   answer.status = getHttpStatusCodeByErrorNo(code);
 }
 
-bool isJson(std::string_view text) {
-  Json::Value value;
-  return parseJson(text, value);
-}
-
 }  // namespace
 
 DeviceAnswer answerOfReply(std::string_view reply, const RepliedRequest& request) {
   DeviceAnswer answer;
   answer.body = reply;
-  Json::Value json;
-  if (!parseJson(reply, json)) {
+  const qn::json::Reading reading(reply);
+  if (!reading.isJson()) {
     answer.status = statusOfXmlReply(reply);
     return answer;
   }
-  answer.status = statusOfJsonReply(json);
-  if (redirectPicture(json)) answer.body = writeJson(json);
-  if (answer.status == 200) convertBody(answer, json, request);
-  answer.isXml = answer.body != reply && !isJson(answer.body);
+  answer.status = statusOfJsonReply(reading.root());
+  const auto redirected = redirectPicture(reply, reading.root());
+  if (redirected) answer.body = qn::json::writeJson(*redirected);
+  if (answer.status == 200) {
+    convertBody(answer, redirected ? Value(*redirected) : reading.root(), request);
+  }
+  answer.isXml = answer.body != reply && !qn::json::Reading(answer.body).isJson();
   return answer;
 }
 

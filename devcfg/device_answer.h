@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "json/value.h"
 #include "platform/http_service.h"
 
 namespace QNKAVROProtocol {
@@ -12,7 +13,7 @@ namespace QNKAVROProtocol {
 // The request that a reply belongs to.
 struct RepliedRequest {
   const std::string& url;
-  unsigned char method;
+  int method;
   const QNHttpService::CHttpExchange& exchange;
 };
 
@@ -22,8 +23,13 @@ struct DeviceAnswer {
   std::string body;
 };
 
-// A good JSON reply is converted by the handler that the URL belongs to; a JSON reply with another
-// status, an XML reply and anything else go through as they are.
+// Turns a good JSON reply into the client's body, which holds its text at first, with the handler
+// that URL and method belong to: CDevCfgBase::covertRspBody's results. Defined by module/, which
+// knows all handlers.
+int translateReply(std::string& body, const qn::json::Value& reply, const RepliedRequest& request);
+
+// A good JSON reply is translated; a JSON reply with another status, an XML reply and anything else
+// go through as they are.
 DeviceAnswer answerOfReply(std::string_view reply, const RepliedRequest& request);
 
 }  // namespace QNKAVROProtocol

@@ -55,9 +55,15 @@ int RoutedCfg::covertUrlandBody(std::string& jsonUrl, std::string& jsonBody,
 
 int RoutedCfg::covertRspBody(std::string& body, const Json::Value& reply, const std::string& url,
                              int method, const CHttpExchange& exchange) {
-  const Route* route = find(routes_, url);
-  if (route == nullptr || !route->methods.has(static_cast<unsigned int>(method))) return DECLINED;
-  return route->reply(body, {reply, url, method, exchange});
+  return convertReply(body, {reply, url, method, exchange});
+}
+
+int RoutedCfg::convertReply(std::string& body, const DeviceReply& reply) const {
+  const Route* route = find(routes_, reply.url);
+  if (route == nullptr || !route->methods.has(static_cast<unsigned int>(reply.method))) {
+    return DECLINED;
+  }
+  return route->reply(body, reply);
 }
 
 std::string devicePath(std::string_view url, std::string_view pattern) {
@@ -77,6 +83,10 @@ int urlNumber(std::string_view url, std::string_view pattern) {
   int number = 0;
   readUrlNumbers(url, pattern, {&number, 1});
   return number;
+}
+
+int writeReply(std::string& body, const table::Row& root, const qn::json::Value& reply) {
+  return table::writeDocument(body, root, reply) == nullptr ? 0 : BUS_INTERNAL_FAILURE;
 }
 
 int answerSuccess(std::string& body, const DeviceReply& reply) {

@@ -10,6 +10,8 @@
 #include <string_view>
 
 #include "devcfg/dev_cfg_base.h"
+#include "document/write_xml.h"
+#include "json/value.h"
 
 namespace QNKAVROProtocol {
 
@@ -30,7 +32,7 @@ struct DeviceRequest {
 };
 
 struct DeviceReply {
-  const Json::Value& document;
+  qn::json::Value document;
   const std::string& url;  // the client's
   int method;
   const CHttpExchange& exchange;
@@ -70,6 +72,8 @@ class RoutedCfg : public CDevCfgBase {
                        const std::string& devIndex) override;
   int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url, int method,
                     const CHttpExchange& exchange) override;
+  // The same for a reply whichever library has read it.
+  int convertReply(std::string& body, const DeviceReply& reply) const;
 
  protected:
   explicit RoutedCfg(std::span<const Route> routes) : routes_(routes) {}
@@ -89,6 +93,10 @@ int urlNumber(std::string_view url, std::string_view pattern);
 // The device's number for a client's channel id: main stream 1 of the channel for ids up to 100,
 // the id itself above (channel and stream).
 constexpr int deviceChannelId(int id) { return id > 100 ? id : id * 100 + 1; }
+
+// Makes `body` the document of the reply's member `root`: 0, or BUS_INTERNAL_FAILURE with the body
+// as it was.
+int writeReply(std::string& body, const table::Row& root, const qn::json::Value& reply);
 
 // Reply of commands: the success document, whatever the device's own reply says.
 int answerSuccess(std::string& body, const DeviceReply& reply);

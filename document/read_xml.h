@@ -11,15 +11,28 @@
 
 namespace QNKAVROProtocol::table {
 
+enum class BodyResult {
+  Done,
+  NotXml,
+  OtherRoot,
+  Refused,  // a row failed
+};
+
+// A member that no element of the document gives, as JSON text.
+struct GivenMember {
+  std::string_view name;
+  std::string json;
+};
+
+// Makes `json` the text that a device takes for a client's document: an object whose one member is
+// `root`, a section, with its members and `given` among them, in the order of their names, and a
+// line feed. Nothing is changed unless Done.
+[[nodiscard]] BodyResult readDocument(std::string& json, const Row& root, std::string_view body,
+                                      const GivenMember* given = nullptr);
+
 // Reads the children of the element that `xml` has entered into `object`, which becomes an object
 // with the first member. Null on success, else the row that stopped the conversion; `object` and
 // the position in `xml` are of no use then.
 [[nodiscard]] const Row* readRows(Json::Value& object, Rows rows, QNBase::CXmlBase& xml);
-
-// Parses a request's body and enters its root; false when it is no XML or has another root.
-bool enterRoot(QNBase::CXmlBase& xml, std::string_view body, const char* root);
-
-// The JSON text of an object with `content` as its one member.
-std::string writeJsonUnder(const char* root, Json::Value content);
 
 }  // namespace QNKAVROProtocol::table

@@ -67,11 +67,15 @@ struct Row;
 // A table. Made from an array only, at compile time, which refuses one that names a row twice.
 class Rows {
  public:
+  static constexpr std::size_t kMost = 40;  // rows of one table
+
   constexpr Rows() = default;
   template <std::size_t N>
   consteval Rows(const Row (&rows)[N]);
   constexpr const Row* begin() const { return first_; }
   constexpr const Row* end() const;
+  // The `count` rows from `first` on.
+  constexpr Rows part(std::size_t first, std::size_t count) const;
 
  private:
   const Row* first_ = nullptr;
@@ -136,20 +140,30 @@ struct Row {
   constexpr Row whole() const { return with(&Row::needsAll, true); }
   // Every entry of the list is written from the first one.
   constexpr Row firstEachTime() const { return with(&Row::repeatsFirst, true); }
+  // Whether writing needs the member.
+  constexpr bool writesMember() const { return write.written && kind != Kind::Constant; }
   // What the caller's log calls this row when it fails.
   constexpr Row failing(int logNumber) const { return with(&Row::number, logNumber); }
 };
 
 constexpr const Row* Rows::end() const { return first_ + count_; }
 
-// No element is written by two rows and no member read by two.
+constexpr Rows Rows::part(std::size_t first, std::size_t count) const {
+  Rows part;
+  part.first_ = first_ + first;
+  part.count_ = count;
+  return part;
+}
+
+// No element is written by two rows or from one member, and no member read by two.
 constexpr bool distinct(const Row* rows, std::size_t count) {
   for (std::size_t i = 0; i < count; ++i) {
     for (std::size_t j = i + 1; j < count; ++j) {
       const bool written = rows[i].write.written && rows[j].write.written;
+      const bool member = rows[i].writesMember() && rows[j].writesMember();
       const bool read = rows[i].read != read::never && rows[j].read != read::never;
       if (written && std::string_view(rows[i].xml) == rows[j].xml) return false;
-      if (read && rows[i].json == rows[j].json) return false;
+      if ((read || member) && rows[i].json == rows[j].json) return false;
     }
   }
   return true;
@@ -159,6 +173,7 @@ void two_rows_write_one_element_or_read_one_member();  // not constexpr: a table
 
 template <std::size_t N>
 consteval Rows::Rows(const Row (&rows)[N]) : first_(rows), count_(N) {
+  static_assert(N <= kMost);
   if (!distinct(rows, N)) two_rows_write_one_element_or_read_one_member();
 }
 

@@ -1,30 +1,103 @@
 #include "document/write_xml.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
+#include <utility>
 
-#include "document/json_member.h"
+#include "text/number.h"
+#include "text/xml.h"
 
 namespace QNKAVROProtocol::table {
 namespace {
 
-// The interpreters are templates: Value is Json::Value or PlainValue.
+using qn::json::Value;
+
+// Where elements go.
+class Sink {
+ public:
+  virtual void enter(const char* name) = 0;
+  virtual void leave(const char* name) = 0;
+  virtual void leaf(const char* name, std::string_view text) = 0;
+  // How much was written; and once more the `size` that came after `from`, false where the sink
+  // cannot.
+  virtual std::size_t written() const { return 0; }
+  virtual bool repeat(std::size_t /*from*/, std::size_t /*size*/) { return false; }
+
+ protected:
+  ~Sink() = default;
+};
+
+// Text, as QNBase::CXmlBase writes it.
+class TextSink final : public Sink {
+ public:
+  explicit TextSink(std::string& text) : text_(text) {}
+
+  void enter(const char* name) override { text_.append(1, '<').append(name).append(1, '>'); }
+  void leave(const char* name) override {
+    if (text_.back() == '>' && endsWithStart(name)) {
+      text_.replace(text_.size() - 1, 1, "/>");
+    } else {
+      text_.append("</").append(name).append(1, '>');
+    }
+  }
+  void leaf(const char* name, std::string_view text) override {
+    enter(name);
+    const std::size_t before = text_.size();
+    qn::text::appendEscapedXml(text, qn::text::XmlPlace::Text, text_);
+    if (text_.size() == before) {
+      text_.replace(before - 1, 1, "/>");
+    } else {
+      text_.append("</").append(name).append(1, '>');
+    }
+  }
+  std::size_t written() const override { return text_.size(); }
+  bool repeat(std::size_t from, std::size_t size) override {
+    text_.append(text_, from, size);
+    return true;
+  }
+
+ private:
+  // An element that has just been entered. No text ends in its start: there "<" is escaped.
+  bool endsWithStart(std::string_view name) const {
+    const std::string_view tail = std::string_view(text_).substr(0, text_.size() - 1);
+    return tail.ends_with(name) && tail.size() > name.size() &&
+           tail[tail.size() - name.size() - 1] == '<';
+  }
+
+  std::string& text_;
+};
+
+class DocumentSink final : public Sink {
+ public:
+  explicit DocumentSink(QNBase::CXmlBase& document) : document_(document) {}
+
+  void enter(const char* name) override { document_.AddNode(name); }
+  void leave(const char*) override { document_.OutOfElem(); }
+  void leaf(const char* name, std::string_view text) override {
+    document_.AddNode(name, text);
+    document_.OutOfElem();
+  }
+
+ private:
+  QNBase::CXmlBase& document_;
+};
 
 // The document that is written, and what it has cost: an entry of one byte may stand for hundreds,
 // and a list may repeat its first entry, so that the reply's own size is no bound.
 class Output {
  public:
-  explicit Output(QNBase::CXmlBase& document) : document_(document) {}
+  explicit Output(Sink& sink) : sink_(sink) {}
 
   void enter(const Row& row) {
-    document_.AddNode(row.xml);
+    sink_.enter(row.xml);
     cost_ += kStep;
   }
-  void leave() { document_.OutOfElem(); }
+  void leave(const Row& row) { sink_.leave(row.xml); }
   void addLeaf(const Row& row, std::string_view text) {
-    document_.AddNode(row.xml, row.shown.empty() ? text : row.shown);
-    document_.OutOfElem();
+    sink_.leaf(row.xml, row.shown.empty() ? text : row.shown);
     cost_ += kStep + text.size();
   }
   // Asked for each entry of a list, written or not.
@@ -33,25 +106,34 @@ class Output {
     return cost_ <= kMost;
   }
 
+  // What has been written since `from`, taken as it was at that time, once more.
+  struct Mark {
+    std::size_t place, cost;
+  };
+  Mark mark() const { return {sink_.written(), cost_}; }
+  bool repeat(Mark from, Mark to) {
+    cost_ += to.cost - from.cost;
+    return sink_.repeat(from.place, to.place - from.place);
+  }
+
  private:
   static constexpr std::size_t kMost = 32 * 1024 * 1024;
   static constexpr std::size_t kStep = 64;  // an element's tags, or the way to an entry
 
-  QNBase::CXmlBase& document_;
+  Sink& sink_;
   std::size_t cost_ = 0;
 };
 
-template <class Value>
 bool isOfKind(const Row& row, const Value& value, Json::ValueType type) {
   switch (row.kind) {
     case Kind::Text:
-      return type == Json::stringValue && !(row.neverEmpty && jsonText(value).empty());
+      return type == Json::stringValue && !(row.neverEmpty && value.text().empty());
     case Kind::Integer:
       return value.isInt();
     case Kind::Boolean:
       return type == Json::booleanValue;
     case Kind::Real:
-      return value.isDouble();
+      return value.isNumeric();
     case Kind::Section:
       return type == Json::objectValue;
     case Kind::List:
@@ -63,14 +145,12 @@ bool isOfKind(const Row& row, const Value& value, Json::ValueType type) {
   return false;
 }
 
-template <class Value>
 bool holdsAll(Rows rows, const Value& object) {
-  return std::all_of(rows.begin(), rows.end(),
-                     [&](const Row& row) { return jsonMember(object, row.json) != nullptr; });
+  return std::ranges::all_of(rows,
+                             [&](const Row& row) { return object.find(row.json).has_value(); });
 }
 
-// Else::Read for a value that qualifies.
-template <class Value>
+// Else::Read for a value that qualifies; `value` is null for an absent one.
 Else judge(const Row& row, const Value* value) {
   if (value == nullptr) return row.write.absent;
   const Json::ValueType type = value->type();
@@ -83,7 +163,6 @@ Else judge(const Row& row, const Value* value) {
   return Else::Read;
 }
 
-template <class Value>
 int integerOf(const Value& value) {
   if (value.isInt()) return value.asInt();
   if (!value.isNumeric()) return 0;
@@ -91,7 +170,6 @@ int integerOf(const Value& value) {
   return static_cast<int>(std::clamp(whole, double{INT_MIN}, double{INT_MAX}));
 }
 
-template <class Value>
 const Row* writeRows(Output& out, Rows rows, const Value& object);
 
 void addText(Output& out, const Row& row, std::string_view text) {
@@ -102,11 +180,10 @@ void addText(Output& out, const Row& row, std::string_view text) {
   }
 }
 
-template <class Value>
 void addText(Output& out, const Row& row, const Value& value) {
   switch (value.type()) {
     case Json::stringValue:
-      return addText(out, row, jsonText(value));
+      return addText(out, row, value.text());
     case Json::arrayValue:
     case Json::objectValue:
       return addText(out, row, std::string_view());
@@ -115,14 +192,6 @@ void addText(Output& out, const Row& row, const Value& value) {
   }
 }
 
-template <class Value>
-void addInteger(Output& out, const Row& row, const Value& value) {
-  char digits[16];
-  const auto written = std::to_chars(digits, digits + sizeof digits, integerOf(value));
-  out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
-}
-
-template <class Value>
 void addReal(Output& out, const Row& row, const Value& value) {
   char digits[384];  // the largest double has 309 digits before the point
   const auto written =
@@ -130,38 +199,48 @@ void addReal(Output& out, const Row& row, const Value& value) {
   out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
-template <class Value>
-const Row* writeEntries(Output& out, const Row& row, const Value& entries) {
-  if (!entries.isArray()) return nullptr;
-  for (const Value& entry : entries) {
+const Row* writeEntries(Output& out, const Row& row, const Value& list) {
+  Value::Entries entries(list);
+  for (Value entry; entries.next(entry);) {
     if (!out.takesEntry()) return &row;
-    const Value& source = row.repeatsFirst ? *entries.begin() : entry;
-    if (const Row* failed = writeRows(out, row.rows, source)) return failed;
+    if (const Row* failed = writeRows(out, row.rows, entry)) return failed;
   }
   return nullptr;
 }
 
-template <class Value>
-const Row* writeContent(Output& out, const Row& row, const Value& value) {
-  return row.kind == Kind::List ? writeEntries(out, row, value) : writeRows(out, row.rows, value);
+const Row* repeatFirstEntry(Output& out, const Row& row, const Value& list) {
+  Value first;
+  if (!Value::Entries(list).next(first)) return nullptr;
+  if (!out.takesEntry()) return &row;
+  const Output::Mark before = out.mark();
+  if (const Row* failed = writeRows(out, row.rows, first)) return failed;
+  const Output::Mark behind = out.mark();
+  for (std::size_t left = list.size() - 1; left != 0; --left) {
+    if (!out.takesEntry()) return &row;
+    if (!out.repeat(before, behind) && writeRows(out, row.rows, first) != nullptr) return &row;
+  }
+  return nullptr;
 }
 
-template <class Value>
+const Row* writeContent(Output& out, const Row& row, const Value& value) {
+  if (row.kind != Kind::List) return writeRows(out, row.rows, value);
+  return row.repeatsFirst ? repeatFirstEntry(out, row, value) : writeEntries(out, row, value);
+}
+
 const Row* writeSection(Output& out, const Row& row, const Value& value) {
   out.enter(row);
   const Row* failed = writeContent(out, row, value);
-  out.leave();
+  out.leave(row);
   return failed;
 }
 
-template <class Value>
 const Row* writeValue(Output& out, const Row& row, const Value& value) {
   switch (row.kind) {
     case Kind::Text:
       addText(out, row, value);
       break;
     case Kind::Integer:
-      addInteger(out, row, value);
+      out.addLeaf(row, qn::text::Decimal(integerOf(value)).view());
       break;
     case Kind::Boolean:
       out.addLeaf(row, value.isBool() && value.asBool() ? "true" : "false");
@@ -187,12 +266,12 @@ const Row* writeFallback(Output& out, const Row& row) {
     return nullptr;
   }
   out.enter(row);
-  const Row* failed = writeRows(out, row.fallbackRows, Json::Value::nullSingleton());
-  out.leave();
+  const Row* failed = writeRows(out, row.fallbackRows, Value());
+  out.leave(row);
   return failed;
 }
 
-template <class Value>
+// `member` is null for an absent one.
 const Row* writeRow(Output& out, const Row& row, const Value* member) {
   if (!row.write.written) return nullptr;
   switch (judge(row, member)) {
@@ -205,48 +284,91 @@ const Row* writeRow(Output& out, const Row& row, const Value* member) {
     case Else::Read:
       break;
   }
-  return writeValue(out, row, member == nullptr ? Value::nullSingleton() : *member);
+  return writeValue(out, row, member == nullptr ? Value() : *member);
 }
 
-template <class Value>
+// The members of an object that its rows name, found in one walk: most objects have their members
+// in the order of the rows. Of two members with one name the last counts.
+class Members {
+ public:
+  Members(Rows rows, const Value& object) : rows_(rows) {
+    Value::Members members(object);
+    std::string_view name;
+    const Row* guess = rows.begin();
+    for (Value value; members.next(name, value);) {
+      const Row* row = find(name, guess, rows.end());
+      if (row == nullptr) row = find(name, rows.begin(), guess);
+      if (row == nullptr) continue;
+      values_[placeOf(*row)] = value;
+      found_ |= std::uint64_t{1} << placeOf(*row);
+      guess = row + 1;
+    }
+  }
+  // Null for an absent one.
+  const Value* at(const Row& row) const {
+    return ((found_ >> placeOf(row)) & 1U) != 0 ? &values_[placeOf(row)] : nullptr;
+  }
+
+ private:
+  static const Row* find(std::string_view name, const Row* from, const Row* to) {
+    for (; from != to; ++from) {
+      if (from->json == name && from->writesMember()) return from;
+    }
+    return nullptr;
+  }
+  std::size_t placeOf(const Row& row) const {
+    return static_cast<std::size_t>(&row - rows_.begin());
+  }
+
+  const Rows rows_;
+  std::uint64_t found_ = 0;
+  std::array<Value, Rows::kMost> values_;
+};
+
 const Row* writeRows(Output& out, Rows rows, const Value& object) {
-  const bool hasMembers = object.isObject();
+  const Members members(rows, object);
   for (const Row& row : rows) {
-    const char* name = row.json.data();
-    const Value* member = hasMembers && row.kind != Kind::Constant
-                              ? object.find(name, name + row.json.size())
-                              : nullptr;
-    if (const Row* failed = writeRow(out, row, member)) return failed;
+    if (const Row* failed = writeRow(out, row, members.at(row))) return failed;
   }
   return nullptr;
 }
 
+const Row* writeMember(Output& out, const Row& row, const Value& object) {
+  const auto member = object.find(row.json);
+  return writeRow(out, row, member ? &*member : nullptr);
+}
+
 }  // namespace
 
-const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Json::Value* member) {
-  Output out(xml);
-  return writeRow(out, row, member);
+const Row* writeMember(std::string& xml, const Row& row, const Value& reply) {
+  TextSink sink(xml);
+  Output out(sink);
+  return writeMember(out, row, reply);
 }
 
-const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Json::Value& object) {
-  Output out(xml);
+const Row* writeRows(std::string& xml, Rows rows, const Value& object) {
+  TextSink sink(xml);
+  Output out(sink);
   return writeRows(out, rows, object);
 }
 
-const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const PlainValue& object) {
-  Output out(xml);
+const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Value& object) {
+  DocumentSink sink(xml);
+  Output out(sink);
   return writeRows(out, rows, object);
 }
 
-const Row* writeDocument(QNBase::CXmlBase& xml, const Row& root, const Json::Value& reply) {
-  xml.CreateDeclaration("1.0", "UTF-8");
-  const Json::Value* member = jsonMember(reply, root.json);
-  const Else verdict = judge(root, member);
-  if (verdict == Else::Fail) return &root;
-  if (verdict == Else::LeaveOut) return nullptr;
-  xml.CreateRoot(root.xml);
-  Output out(xml);
-  return writeContent(out, root, member == nullptr ? Json::Value::nullSingleton() : *member);
+const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Value& member) {
+  DocumentSink sink(xml);
+  Output out(sink);
+  return writeRow(out, row, &member);
+}
+
+const Row* writeDocument(std::string& xml, const Row& root, const Value& reply) {
+  std::string text(kDeclaration);
+  const Row* failed = writeMember(text, root, reply);
+  if (failed == nullptr) xml = std::move(text);
+  return failed;
 }
 
 }  // namespace QNKAVROProtocol::table

@@ -1,10 +1,10 @@
 #include "eventcfg/event_cfg.h"
 
+#include <algorithm>
+#include <array>
+
 #include "devcfg/device_url.h"
-#include "document/json_member.h"
 #include "document/read_xml.h"
-#include "document/write_xml.h"
-#include "protocol/error_code.h"
 #include "protocol/log.h"
 
 namespace QNKAVROProtocol {
@@ -92,6 +92,12 @@ constexpr Row kPortListRows[] = {
 constexpr Row kPortList = section("IOPortList", kPortListRows, write::strict);
 
 constexpr Row kTriggerRows[] = {text("outputState", read::required)};
+constexpr Row kTriggerData = section("IOPortData", kTriggerRows, read::required);
+// What a device takes: the levels that outputs have.
+constexpr std::array<std::string_view, 2> kTriggers = {
+    "{\"IOPortData\":{\"outputState\":\"high\"}}\n",
+    "{\"IOPortData\":{\"outputState\":\"low\"}}\n",
+};
 
 // Clients compare this text, blanks included.
 constexpr std::string_view kSystemCapabilities =
@@ -104,27 +110,19 @@ int passBody(DeviceRequest& out, const ClientRequest& in, std::string_view path)
   return 0;
 }
 
-int writeReply(std::string& body, const Row& root, const DeviceReply& reply) {
-  CXmlBase xml;
-  if (writeDocument(xml, root, reply.document) != nullptr) return BUS_INTERNAL_FAILURE;
-  body = xml.GetChildren();
-  return 0;
-}
-
-bool isOutputState(const Json::Value& value) {
-  const std::string_view state = jsonText(value);
-  return state == "high" || state == "low";
-}
-
-// What is wrong with the body of a trigger; null when nothing is, with its content in `trigger`.
-const char* readTrigger(Json::Value& trigger, std::string_view body) {
-  CXmlBase xml;
-  if (!xml.Parse(body)) return "Parse failed";
-  if (!xml.FindElem("IOPortData") || !xml.IntoElem() ||
-      readRows(trigger, kTriggerRows, xml) != nullptr) {
-    return "xml cannot find outputState";
+// What is wrong with the body of a trigger; null when nothing is, with the device's body in `json`.
+const char* readTrigger(std::string& json, std::string_view body) {
+  switch (readDocument(json, kTriggerData, body)) {
+    case BodyResult::NotXml:
+      return "Parse failed";
+    case BodyResult::OtherRoot:
+    case BodyResult::Refused:
+      return "xml cannot find outputState";
+    case BodyResult::Done:
+      break;
   }
-  return isOutputState(trigger["outputState"]) ? nullptr : "xml outputState is wrong param";
+  return std::ranges::find(kTriggers, json) != kTriggers.end() ? nullptr
+                                                               : "xml outputState is wrong param";
 }
 
 }  // namespace
@@ -144,23 +142,23 @@ int CEventCfg::covertSysemCapUrlandBody(DeviceRequest& out, const ClientRequest&
 }
 
 int CEventCfg::covertIOOutputTriggerUrlandBody(DeviceRequest& out, const ClientRequest& in) {
-  Json::Value trigger;
-  if (const char* fault = readTrigger(trigger, in.body)) {
+  std::string body;
+  if (const char* fault = readTrigger(body, in.body)) {
     QN_LOG(WLOG_ERROR, "%s", fault);
     out.url.clear();
     return BODY_REFUSED;
   }
   out.url = deviceJsonUrl(devicePath(in.url, kTrigger), in.devIndex);
-  out.body = writeJsonUnder("IOPortData", std::move(trigger));
+  out.body = std::move(body);
   return 0;
 }
 
 int CEventCfg::covertSmartCapRspBody(std::string& body, const DeviceReply& reply) {
-  return writeReply(body, kSmartCap, reply);
+  return writeReply(body, kSmartCap, reply.document);
 }
 
 int CEventCfg::covertSystemIORspBody(std::string& body, const DeviceReply& reply) {
-  return writeReply(body, kPortList, reply);
+  return writeReply(body, kPortList, reply.document);
 }
 
 int CEventCfg::covertSystemCapRspBody(std::string& body, const DeviceReply&) {

@@ -1,23 +1,16 @@
 // Any text as an alarm: consumed or refused, and each of the device's two streams gets the same
 // whole part or none.
 #include <charconv>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include "alert/event_pto.h"
-#include "document/json_text.h"
-#include "document/plain_value.h"
+#include "fuzz/require.h"
+#include "json/reader.h"
 #include "tests/unit/fake/fake_platform.h"
 
 using QNKAVROProtocol::CEventPto;
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 int Open(CEventPto& pto) {
   const auto record =
@@ -45,35 +38,29 @@ void CheckPart(const std::string& part) {
   Require(!xml.FindElem("devIndex"));
 }
 
-template <class Value>
-std::string Xml(const Value& alarm) {
+// The two ways to write an alarm agree.
+void CheckDocument(std::string_view text) {
+  const qn::json::Reading alarm(text);
   QNBase::CXmlBase xml;
+  xml.CreateDeclaration("1.0", "UTF-8");
   xml.CreateRoot("EventNotificationAlert");
-  return CEventPto::convertAlarmData(alarm, xml) == 1 ? xml.GetChildren() : std::string();
-}
-
-// An alarm that is read the short way means what the library reads.
-void CheckPlain(std::string_view text) {
-  QNKAVROProtocol::PlainJson reader;
-  const auto* const plain = reader.read(text);
-  if (plain == nullptr) return;
-  Json::Value value;
-  Require(QNKAVROProtocol::parseJson(text, value));
-  Require(Xml(*plain) == Xml(value));
+  std::string document;
+  const bool fits = CEventPto::alarmDocument(document, alarm.root());
+  Require(fits == (CEventPto::convertAlarmData(alarm.root(), xml) == 1));
+  Require(!fits || document == xml.GetChildren());
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  CheckPlain({reinterpret_cast<const char*>(data), size});
+  CheckDocument(TextOf(data, size));
   fake::reset();
   CEventPto pto;
   Require(pto.start() == 0);
   const int first = Open(pto);
   const int second = Open(pto);
   const int length = static_cast<int>(size);
-  const int result =
-      fake::alarmBus().raise(std::string_view(reinterpret_cast<const char*>(data), size));
+  const int result = fake::alarmBus().raise(TextOf(data, size));
   Require(result == length || result == -1);
   fake::runtime().runJobs();
   const auto parts = fake::http().answer(first).parts;

@@ -2,22 +2,16 @@
 // alarm never belongs to another device than the one that sent it.
 #include <json/json.h>
 
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "fuzz/require.h"
 #include "gateway/alarmbus/alarm_text.h"
 #include "gateway/alarmbus/multipart_reader.h"
 
 namespace {
 
 constexpr std::size_t kPartLimit = 4096;
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void CheckIndex(std::string_view body) {
   std::string out;
@@ -47,7 +41,7 @@ std::vector<std::string> Read(std::string_view stream, std::size_t piece) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view stream(reinterpret_cast<const char*>(data), size);
+  const std::string_view stream = TextOf(data, size);
   CheckIndex(stream);
   if (size > kPartLimit) return 0;  // what a limit cuts depends on the pieces
   const auto parts = Read(stream, size);

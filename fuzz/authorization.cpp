@@ -1,22 +1,16 @@
 // Any text: as an Authorization value it never logs in and its parameters lie within it; as a
 // challenge, what is answered can be read again.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "gateway/auth/client_login.h"
 #include "gateway/config/configuration.h"
 #include "gateway/login/login.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 bool Publish() {
   const auto configuration = std::make_shared<qn::Configuration>();
@@ -60,7 +54,7 @@ void AsChallenge(std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool published = Publish();
   Require(published);
-  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const std::string_view text = TextOf(data, size);
   AsCredentials(text);
   AsChallenge(text);
   return 0;

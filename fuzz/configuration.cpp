@@ -1,17 +1,11 @@
 // Any text as a configuration file: it is read or refused with an error that begins with the file's
 // name, and what is read keeps the promises that the gateway builds on.
-#include <cstdint>
-#include <cstdlib>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void CheckPromises(const qn::Configuration& read) {
   for (const qn::UserConfig& user : read.users) {
@@ -31,7 +25,7 @@ void CheckPromises(const qn::Configuration& read) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   qn::setLogLevel("error");
-  const std::string_view content(reinterpret_cast<const char*>(data), size);
+  const std::string_view content = TextOf(data, size);
   try {
     CheckPromises(qn::parseConfiguration(content, "FILE"));
   } catch (const qn::ConfigurationError& error) {

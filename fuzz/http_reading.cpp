@@ -1,12 +1,9 @@
 // The reader of HTTP requests, on bytes in pieces as a connection gets them, and the multipart
 // reader on what it yields. The first byte chooses the size of the pieces.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "gateway/http/multipart.h"
 #include "gateway/http/request_reader.h"
 
@@ -15,15 +12,11 @@ namespace {
 constexpr std::size_t kHeadLimit = 1024;
 constexpr std::size_t kBodyLimit = 4096;
 
-void check(bool holds) {
-  if (!holds) std::abort();
-}
-
 void readMultipart(std::string_view fields, std::string_view body) {
   const std::string contentType(fields.substr(0, fields.find('\r')));
   if (const auto face = qn::readFaceBody(contentType, body)) {
-    check(face->bytes.size() <= body.size());
-    check(face->hasMimeType == !face->mimeType.empty());
+    Require(face->bytes.size() <= body.size());
+    Require(face->hasMimeType == !face->mimeType.empty());
   }
 }
 
@@ -41,23 +34,23 @@ bool readRequest(std::string_view input, std::size_t piece, std::size_t& at) {
   }
   if (result != qn::ReadResult::Complete) return false;
   const qn::RequestHead head = reader.head();
-  check(reader.headLength() <= kHeadLimit && at + reader.headLength() <= input.size());
-  check(head.method == qn::kOtherMethod || !head.target.empty());
-  check(head.fields.empty() || head.fields.ends_with("\r\n"));
+  Require(reader.headLength() <= kHeadLimit && at + reader.headLength() <= input.size());
+  Require(head.method == qn::kOtherMethod || !head.target.empty());
+  Require(head.fields.empty() || head.fields.ends_with("\r\n"));
   const std::string fields(head.fields);
   at += reader.headLength();
   for (;;) {
     std::size_t used = 0;
     const std::string_view bytes = input.substr(at, have);
     result = reader.readBody(bytes, used);
-    check(used <= bytes.size());
+    Require(used <= bytes.size());
     at += used;
     if (result != qn::ReadResult::Partial) break;
     if (at + bytes.size() - used >= input.size()) return false;
     if (used == 0) have += piece;
   }
   if (result != qn::ReadResult::Complete) return false;
-  check(reader.body().size() <= kBodyLimit);
+  Require(reader.body().size() <= kBodyLimit);
   readMultipart(fields.substr(std::min(fields.find(' '), fields.size())), reader.body());
   return true;
 }

@@ -2,12 +2,9 @@
 // gives, through the connection's buffer.
 #include <algorithm>
 #include <boost/beast/http/error.hpp>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "gateway/devicebus/read_buffer.h"
 #include "gateway/devicebus/reply_parser.h"
 
@@ -34,6 +31,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (error && error != boost::beast::http::error::need_more) return 0;
     if (!reply.is_done()) reply.keepBody();
   }
-  if (reply.body().data() == nullptr || reply.body().size() > kBodyLimit) std::abort();
+  Require(reply.body().data() != nullptr && reply.body().size() <= kBodyLimit);
   return 0;
 }

@@ -2,19 +2,13 @@
 // body. What is read are pieces of the body, the description first; and a form that is put around
 // the same bytes gives them back.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "gateway/http/multipart.h"
 #include "platform/base_library.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 void ReadAny(std::string_view contentType, std::string_view body) {
   const auto face = qn::readFaceBody(contentType, body);
@@ -45,7 +39,7 @@ void ReadFramed(std::string_view picture) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  const std::string_view input = TextOf(data, size);
   const std::size_t line = std::min(input.find('\n'), size);
   const std::string_view body = input.substr(std::min(line + 1, size));
   ReadAny(input.substr(0, line), body);

@@ -1,45 +1,31 @@
-// Any reply of a device and any body of a client through the converters: what comes out can be read
-// again. The first byte, a letter, chooses the resource; the rest is the reply or the body.
-#include <cstdint>
-#include <cstdlib>
-#include <string_view>
-
-#include "document/json_text.h"
+// Any reply of a device to any request, answered exactly once with what its Content-Type says, and
+// any body of a client: what comes out can be read again. The first byte, a letter, chooses the
+// resource; the rest is the reply or the body.
+#include "fuzz/require.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "platform/xml_base.h"
+#include "protocol/device_reply.h"
+#include "tests/unit/documents.h"
 #include "tests/unit/fake/fake_platform.h"
 
 namespace {
 
-struct Resource {
-  unsigned int method;
-  const char* url;
-  bool takesBody;  // the input is the client's body, else the device's reply
+// Without a pair: fixed, made of another document, or passed through as they are.
+constexpr const char* kOthers[] = {
+    "/KAVRO/Streaming/channels",
+    "/KAVRO/ContentMgmt/Storage/hdd",
+    "/KAVRO/Image/channels/1/capabilities",
+    "/KAVRO/Streaming/channels/101/capabilities",
+    "/KAVRO/PTZCtrl/channels/1/presets",
+    "/KAVRO/System/capabilities",
+    "/KAVRO/Any/thing",
 };
-constexpr Resource kResources[] = {
-    {0, "/KAVRO/System/deviceInfo", false},
-    {0, "/KAVRO/System/Video/inputs/channels", false},
-    {0, "/KAVRO/Streaming/channels/101", false},
-    {0, "/KAVRO/Streaming/channels", false},
-    {0, "/KAVRO/System/Audio/channels", false},
-    {0, "/KAVRO/PTZCtrl/channels", false},
-    {2, "/KAVRO/ContentMgmt/search", false},
-    {0, "/KAVRO/Smart/capabilities", false},
-    {0, "/KAVRO/System/IO", false},
-    {1, "/KAVRO/Streaming/channels/101", true},
-    {1, "/KAVRO/PTZCtrl/channels/1/continuous", true},
-    {1, "/KAVRO/PTZCtrl/channels/1/presets/1", true},
-    {2, "/KAVRO/ContentMgmt/search", true},
-    {1, "/KAVRO/System/IO/outputs/1/trigger", true},
-};
-constexpr std::string_view kSearch = "<CMSearchDescription/>";
+constexpr std::size_t kReplies = std::size(kGoldenReplies);
+constexpr std::size_t kRequests = std::size(kGoldenRequests);
 
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
-
-int Send(const Resource& resource, std::string_view body) {
-  const auto record = fake::http().open({resource.method, resource.url, std::string(body)});
+int Send(unsigned int method, const char* url, std::string_view body) {
+  const auto record = fake::http().open({method, url, std::string(body)});
   int bodyIsXml = 0;
   int asyncReply = 0;
   std::string answer;
@@ -47,29 +33,43 @@ int Send(const Resource& resource, std::string_view body) {
   return record.exchange->getHttpHandle();
 }
 
-// One whole document; a single channel is cut at 102400 bytes, XML over 1 MiB is refused by the
-// reader, and a resource that the device does not have is answered with the declaration alone.
-void RequireXml(const std::string& text) {
-  constexpr std::size_t kCut = 102400;
-  if (text.size() >= kCut || text == R"(<?xml version="1.0" encoding="UTF-8"?>)") return;
-  Require(QNBase::CXmlBase().Parse(text));
-}
-
-void CheckReply(const Resource& resource, std::string_view reply) {
-  Json::Value json;
-  if (!QNKAVROProtocol::parseJson(reply, json)) return;  // goes to the client as it is
-  const int handle = Send(resource, kSearch);
+fake::Answer AnswerTo(const GoldenPair& resource, std::string_view reply) {
+  const int handle = Send(resource.method, resource.url, bodyFor(resource));
   Require(fake::deviceBus().reply(reply) == 0);
   const fake::Answer answer = fake::http().answer(handle);
-  Require(answer.count == 1);
-  if (answer.headers.at("Content-Type") == "application/xml") RequireXml(answer.body);
+  Require(answer.count == 1 && answer.status >= 200 && answer.status <= 599);
+  return answer;
 }
 
-void CheckBody(const Resource& resource, std::string_view body) {
-  Send(resource, body);
+// XML is one whole document when the reply was JSON; a single channel is cut at 102400 bytes, and a
+// resource that the device does not have is answered with the declaration alone.
+void CheckReply(const GoldenPair& resource, std::string_view reply) {
+  const fake::Answer answer = AnswerTo(resource, reply);
+  Json::Value json;
+  const bool jsonReply = qn::json::parseJson(reply, json);
+  if (answer.headers.at("Content-Type") == "application/json") {
+    Require(qn::json::parseJson(answer.body, json));
+  } else if (jsonReply && answer.body.size() < 102400 &&
+             answer.body != R"(<?xml version="1.0" encoding="UTF-8"?>)") {
+    Require(QNBase::CXmlBase().Parse(answer.body));
+  }
+}
+
+// JSON if and only if a full reader takes it for JSON, and then with the status that it finds.
+void CheckPassedThrough(const GoldenPair& resource, std::string_view reply) {
+  const fake::Answer answer = AnswerTo(resource, reply);
+  Json::Value json;
+  const bool isJson = qn::json::parseJson(reply, json);
+  Require(answer.body == reply);
+  Require((answer.headers.at("Content-Type") == "application/json") == isJson);
+  Require(!isJson || answer.status == QNKAVROProtocol::statusOfJsonReply(json));
+}
+
+void CheckBody(const GoldenPair& resource, std::string_view body) {
+  Send(resource.method, resource.url, body);
   if (fake::deviceBus().seen.empty()) return;  // refused
   Json::Value json;
-  Require(QNKAVROProtocol::parseJson(fake::deviceBus().seen.back().body, json));
+  Require(qn::json::parseJson(fake::deviceBus().seen.back().body, json));
 }
 
 }  // namespace
@@ -77,13 +77,18 @@ void CheckBody(const Resource& resource, std::string_view body) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   fake::reset();
-  const std::string_view text(reinterpret_cast<const char*>(data) + 1, size - 1);
-  const Resource& resource =
-      kResources[static_cast<unsigned char>(data[0] - 'a') % std::size(kResources)];
-  if (resource.takesBody) {
-    CheckBody(resource, text);
+  const std::string_view text = TextOf(data, size).substr(1);
+  const std::size_t chosen =
+      static_cast<unsigned char>(data[0] - 'a') % (kReplies + kRequests + std::size(kOthers));
+  if (chosen < kReplies) {
+    CheckReply(kGoldenReplies[chosen], text);
+  } else if (chosen < kReplies + kRequests) {
+    CheckBody(kGoldenRequests[chosen - kReplies], text);
   } else {
+    const char* url = kOthers[chosen - kReplies - kRequests];
+    const GoldenPair resource{0, url, nullptr, nullptr};
     CheckReply(resource, text);
+    if (chosen + 1 == kReplies + kRequests + std::size(kOthers)) CheckPassedThrough(resource, text);
   }
   return 0;
 }

@@ -1,19 +1,13 @@
 // Any URL against patterns, and a URL written from a pattern: the first must not crash, the second
 // must match it and nothing else.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "platform/rest_protocol.h"
 
 namespace {
 
 class Handler final : public QNBase::CRESTfulProtocol {};
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // The URL's path is `prefix`, digits, `suffix`, as std::string sees it.
 bool MatchesSlowly(std::string path, const std::string& prefix, const std::string& suffix) {

@@ -1,16 +1,10 @@
 // Any text: parsed, walked, and what was parsed is written and parsed again to the same text.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
+#include "fuzz/require.h"
 #include "platform/xml_base.h"
 
 namespace {
-
-void Require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // The same bytes as the text of an element must come out readable.
 void WriteAsText(std::string_view bytes) {
@@ -26,7 +20,7 @@ void WriteAsText(std::string_view bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  const std::string_view bytes = TextOf(data, size);
   WriteAsText(bytes);
 
   QNBase::CXmlBase xml;

@@ -1,7 +1,7 @@
 // The entry functions that the gateway's HTTP service calls.
 #include "alert/event_pto.h"
-#include "devcfg/device_cfg_pto.h"
 #include "include/QNKAVROProtocol.h"
+#include "module/device_cfg_pto.h"
 #include "passthrough/device_kavro_pto.h"
 #include "protocol/error_code.h"
 #include "protocol/protocol_base.h"

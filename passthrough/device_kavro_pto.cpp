@@ -7,7 +7,7 @@
 #include <new>
 #include <string_view>
 
-#include "document/json_text.h"
+#include "json/reader.h"
 #include "platform/base_library.h"
 #include "platform/slow_resources.h"
 #include "platform/zrt.h"
@@ -28,9 +28,8 @@ struct ReplyMeaning {
 };
 
 ReplyMeaning meaningOf(std::string_view reply) {
-  if (const auto status = statusOfPlainJson(reply)) return {*status, false};
-  Json::Value json;
-  if (parseJson(reply, json)) return {statusOfJsonReply(json), false};
+  const qn::json::Reading reading(reply);
+  if (reading.isJson()) return {statusOfJsonReply(reading.root()), false};
   return {statusOfXmlReply(reply), true};
 }
 

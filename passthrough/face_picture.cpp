@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "passthrough/device_kavro_pto.h"
 #include "platform/base_library.h"
 #include "platform/config_mgr.h"
@@ -19,6 +19,13 @@ constexpr const char* kFaceRecordUrl = "/KAVRO/Intelligent/FDLib/FaceDataRecord"
 constexpr const char* kFaceSetUpUrl = "/KAVRO/Intelligent/FDLib/FDSetUp";
 constexpr int kStoreFull = 3610;
 constexpr unsigned int kDone = 1;
+
+using qn::json::parseJson;
+using qn::json::writeJson;
+
+// The operations that the log names.
+constexpr const char* kUrlRequest = "procPssUrlReq";
+constexpr const char* kGenerateUrl = "procGenerateUrl";
 
 constexpr std::array<std::string_view, 3> kPictureTypes = {"image/jpeg", "image/png", "image/bmp"};
 constexpr std::array<const char*, 4> kFlatKeys = {"faceLibType", "FDID", "name", "bornTime"};
@@ -34,7 +41,7 @@ bool isAcceptedPicture(const stHttpRes& request) {
 }
 
 unsigned int badBody(const std::string& body) {
-  QN_LOG(WLOG_ERROR, "param error: %s", body.c_str());
+  QN_LOG_IN(kUrlRequest, WLOG_ERROR, "param error: %s", body.c_str());
   return ERROR_BAD_BODY;
 }
 
@@ -42,16 +49,16 @@ unsigned int badBody(const std::string& body) {
 unsigned int checkUploadPort(const CNetworkCfg& network) {
   _NIC_INFO_V4 address{};
   if (network.getIPv4ByProtocol(address, DEVICE_PROTOCOL_KAVRO) != 0) {
-    QN_LOG(WLOG_ERROR, "Get ip error");
+    QN_LOG_IN(kGenerateUrl, WLOG_ERROR, "Get ip error");
     return ERROR_INTERNAL;
   }
   std::vector<int> pids;
   if (DriverCif_GetProcessPid(pids) != 0) {
-    QN_LOG(WLOG_ERROR, "Get pid error");
+    QN_LOG_IN(kGenerateUrl, WLOG_ERROR, "Get pid error");
     return ERROR_INTERNAL;
   }
   if (CheckPortOccupy(pids, address.address, network.getPssUploadPort(), 1) != 0) {
-    QN_LOG(WLOG_ERROR, "port conflict error");
+    QN_LOG_IN(kGenerateUrl, WLOG_ERROR, "port conflict error");
     return ERROR_UPLOAD_FAILED;
   }
   return kDone;
@@ -147,7 +154,7 @@ unsigned int CDeviceKAVROPto::storePicture(const std::string& picture,
                                            const std::string& clientUrl) {
   const auto network = QN_ConfigMgr_GetNetworkCfg();
   if (!network) {
-    QN_LOG(WLOG_ERROR, "get network config ptr fail");
+    QN_LOG_IN(kGenerateUrl, WLOG_ERROR, "get network config ptr fail");
     return ERROR_INTERNAL;
   }
   const auto error = checkUploadPort(*network);

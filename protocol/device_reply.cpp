@@ -2,13 +2,11 @@
 
 #include <optional>
 
-#include "document/json_member.h"
 #include "platform/base_library.h"
 #include "platform/xml_base.h"
 #include "platform/zrt.h"
 #include "protocol/error_code.h"
 #include "protocol/log.h"
-#include "protocol/plain_json.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -24,9 +22,9 @@ int statusOfCodes(OptionalInt errorCode, OptionalInt statusCode) {
   return status;
 }
 
-OptionalInt integerMember(const Json::Value& reply, const char* name) {
-  const Json::Value* member = jsonMember(reply, name);
-  return member != nullptr && member->isInt() ? OptionalInt(member->asInt()) : std::nullopt;
+OptionalInt integerMember(const qn::json::Value& reply, std::string_view name) {
+  const qn::json::Value member = reply.member(name);
+  return member.isInt() ? OptionalInt(member.asInt()) : std::nullopt;
 }
 
 OptionalInt integerElement(QNBase::CXmlBase& xml, const char* name) {
@@ -38,14 +36,8 @@ constexpr std::size_t kLoggedBytes = 8192;  // a line takes no more
 
 }  // namespace
 
-int statusOfJsonReply(const Json::Value& reply) {
+int statusOfJsonReply(const qn::json::Value& reply) {
   return statusOfCodes(integerMember(reply, "errorCode"), integerMember(reply, "statusCode"));
-}
-
-std::optional<int> statusOfPlainJson(std::string_view reply) {
-  const auto codes = codesOfPlainJson(reply);
-  if (!codes) return std::nullopt;
-  return statusOfCodes(codes->errorCode, codes->statusCode);
 }
 
 int statusOfXmlReply(std::string_view reply) {

@@ -2,21 +2,16 @@
 // the translating pipeline and the pass-through.
 #pragma once
 
-#include <json/json.h>
-
-#include <optional>
 #include <string_view>
 
+#include "json/value.h"
 #include "platform/http_service.h"
 
 namespace QNKAVROProtocol {
 
 // The HTTP status of a reply: "errorCode" decides; "statusCode" counts when there is none or when
 // it stands for success. Members of other kinds than integer count as absent; 200 without any.
-int statusOfJsonReply(const Json::Value& reply);
-// The same for the text of a plain JSON object or array, at a tenth of the cost of a value; nothing
-// for any other text, which may still be JSON.
-std::optional<int> statusOfPlainJson(std::string_view reply);
+int statusOfJsonReply(const qn::json::Value& reply);
 // The same for an XML ResponseStatus, 200 for anything else. Its elements are searched forward, so
 // a "statusCode" before the "errorCode" is not seen.
 int statusOfXmlReply(std::string_view reply);

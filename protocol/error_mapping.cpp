@@ -1,7 +1,7 @@
 // Error codes to status documents, and the buses' small result codes to error codes.
 #include <algorithm>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "platform/base_library.h"
 #include "protocol/error_code.h"
 #include "protocol/log.h"
@@ -93,7 +93,7 @@ int CProtocolBase::getResStatusByErrorNo(unsigned int& httpStatus, unsigned int 
   }
   httpStatus = static_cast<unsigned int>(status);
   if (!isStatusDocument(document)) {
-    QN_LOG(WLOG_ERROR, "[response=%s]json format error.", writeJson(document).c_str());
+    QN_LOG(WLOG_ERROR, "[response=%s]json format error.", qn::json::writeJson(document).c_str());
     return -1;
   }
   addStatusText(xml, {std::to_string(document["statusCode"].asInt()),

@@ -1,6 +1,6 @@
 #include "protocol/status_document.h"
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "platform/base_library.h"
 
 namespace QNKAVROProtocol {
@@ -26,7 +26,7 @@ void addStatusText(QNBase::CXmlBase& xml, const StatusText& status) {
 std::string jsonStatusDocument(unsigned int errorCode, int& httpStatus) {
   Json::Value document;
   getResponseStatusByErrorNo(errorCode, document, httpStatus);
-  return writeJson(document);
+  return qn::json::writeJson(document);
 }
 
 }  // namespace QNKAVROProtocol

@@ -2,8 +2,6 @@
 
 #include "devcfg/device_url.h"
 #include "document/read_xml.h"
-#include "document/write_xml.h"
-#include "protocol/error_code.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -69,26 +67,23 @@ constexpr Row kMoveRows[] = {
     integer("tilt", read::optional).anywhere(),
     integer("zoom", read::optional).anywhere(),
 };
+constexpr Row kMove = section("PTZData", kMoveRows, read::required);
 
 constexpr Row kPresetRows[] = {
     boolean("enabled", read::optional).anywhere().trueUnlessFalse(),
     text("id", read::optional).anywhere().filled(),
     text("presetName", read::optional).anywhere().filled(),
 };
+constexpr Row kPresetData = section("PTZPreset", kPresetRows, read::required);
 
 std::string sameUrl(std::string_view pattern, const ClientRequest& in) {
   return deviceJsonUrl(devicePath(in.url, pattern), in.devIndex);
 }
 
-int readBody(DeviceRequest& out, std::string_view body, const char* root, Rows rows) {
-  CXmlBase xml;
-  Json::Value content(Json::objectValue);
-  if (!enterRoot(xml, body, root) || readRows(content, rows, xml) != nullptr) {
-    out.url.clear();
-    return BODY_REFUSED;
-  }
-  out.body = writeJsonUnder(root, std::move(content));
-  return 0;
+int readBody(DeviceRequest& out, const Row& root, std::string_view body) {
+  if (readDocument(out.body, root, body) == BodyResult::Done) return 0;
+  out.url.clear();
+  return BODY_REFUSED;
 }
 
 }  // namespace
@@ -102,7 +97,7 @@ int CPTZCtrl::covertPTZCtrlUrlandBody(DeviceRequest& out, const ClientRequest& i
 
 int CPTZCtrl::covertPTZContinuousUrlandBody(DeviceRequest& out, const ClientRequest& in) {
   out.url = sameUrl(kContinuous, in);
-  return readBody(out, in.body, "PTZData", kMoveRows);
+  return readBody(out, kMove, in.body);
 }
 
 int CPTZCtrl::covertPTZPresetsGotoUrlandBody(DeviceRequest& out, const ClientRequest& in) {
@@ -112,7 +107,7 @@ int CPTZCtrl::covertPTZPresetsGotoUrlandBody(DeviceRequest& out, const ClientReq
 
 int CPTZCtrl::covertPTZPresetsUrlandBody(DeviceRequest& out, const ClientRequest& in) {
   out.url = sameUrl(kPreset, in);
-  return in.method == HTTP_DELETE ? 0 : readBody(out, in.body, "PTZPreset", kPresetRows);
+  return in.method == HTTP_DELETE ? 0 : readBody(out, kPresetData, in.body);
 }
 
 int CPTZCtrl::covertPTZHomeGotoUrlandBody(DeviceRequest& out, const ClientRequest& in) {
@@ -121,10 +116,7 @@ int CPTZCtrl::covertPTZHomeGotoUrlandBody(DeviceRequest& out, const ClientReques
 }
 
 int CPTZCtrl::covertPTZCtrlRsp(std::string& body, const DeviceReply& reply) {
-  CXmlBase xml;
-  if (writeDocument(xml, kChannelList, reply.document) != nullptr) return BUS_INTERNAL_FAILURE;
-  body = xml.GetChildren();
-  return 0;
+  return writeReply(body, kChannelList, reply.document);
 }
 
 int CPTZCtrl::covertPTZContinuousRsp(std::string& body, const DeviceReply& reply) {

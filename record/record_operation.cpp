@@ -1,12 +1,11 @@
 #include "record/record_operation.h"
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 #include "devcfg/device_url.h"
-#include "document/json_text.h"
 #include "document/read_xml.h"
-#include "document/write_xml.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
 #include "protocol/error_code.h"
@@ -51,6 +50,7 @@ constexpr Row kDescriptionRows[] = {
     integer("searchResultPostion", read::fallback).fallback("0"),
     firstOf("metadataList", kWantedMetadataRows, read::fallback),
 };
+constexpr Row kDescription = section("CMSearchDescription", kDescriptionRows, read::required);
 
 std::string playbackUri(std::string_view deviceUri) {
   std::string uri;
@@ -87,14 +87,15 @@ constexpr Row kResultRows[] = {
 constexpr Row kResult = section("CMSearchResult", kResultRows, write::always);
 
 // In the mode with a port for each device, the device's RTSP port is what it searches by.
-void addSearchKeyword(Json::Value& description, const std::string& devIndex) {
+std::optional<GivenMember> searchKeyword(const std::string& devIndex) {
   const auto kavro = QN_ConfigMgr_GetKAVROCfg();
-  if (kavro == nullptr || kavro->getKAVROMode() != KAVRO_MODE_DEVICE_PORTS) return;
+  if (kavro == nullptr || kavro->getKAVROMode() != KAVRO_MODE_DEVICE_PORTS) return std::nullopt;
   std::vector<CKAVROPort> ports;
   QN_DeviceMgr_GetAllKAVROPort(ports);
   const auto port = std::ranges::find(ports, devIndex, &CKAVROPort::getDeviceIndex);
-  if (port == ports.end()) return;
-  description["searchTypeList"][0]["searchKeyword"] = std::to_string(port->getRtspPort());
+  if (port == ports.end()) return std::nullopt;
+  const std::string number = std::to_string(port->getRtspPort());
+  return GivenMember{"searchTypeList", "[{\"searchKeyword\":\"" + number + "\"}]"};
 }
 
 }  // namespace
@@ -108,20 +109,14 @@ int CRecordOperation::covertSearchUrlandBody(DeviceRequest& out, const ClientReq
 }
 
 std::string CRecordOperation::covertSearchReq(const ClientRequest& in) {
-  CXmlBase xml;
-  if (!xml.Parse(in.body)) return {};
-  if (!xml.FindElem("CMSearchDescription") || !xml.IntoElem()) return writeJson(Json::Value());
-  Json::Value description;
-  if (readRows(description, kDescriptionRows, xml) != nullptr) return {};
-  addSearchKeyword(description, in.devIndex);
-  return writeJsonUnder("CMSearchDescription", std::move(description));
+  const auto keyword = searchKeyword(in.devIndex);
+  std::string json;
+  const auto result = readDocument(json, kDescription, in.body, keyword ? &*keyword : nullptr);
+  return result == BodyResult::OtherRoot ? "null\n" : json;
 }
 
 int CRecordOperation::covertSearchRsp(std::string& body, const DeviceReply& reply) {
-  CXmlBase xml;
-  if (writeDocument(xml, kResult, reply.document) != nullptr) return BUS_INTERNAL_FAILURE;
-  body = xml.GetChildren();
-  return 0;
+  return writeReply(body, kResult, reply.document);
 }
 
 }  // namespace QNKAVROProtocol

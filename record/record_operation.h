@@ -32,7 +32,7 @@ class CRecordOperation final : public RoutedCfg {
   // device's JSON directly. Appends to `items`; `count` becomes the device's number of matches.
   // Returns 1, or 0 with nothing changed for a reply without a number of matches and a list.
   static int getInfoFromSearchRsp(int& count, std::vector<SearchMatchItem>& items,
-                                  const Json::Value& reply);
+                                  const qn::json::Value& reply);
   // True also for equal times, so it is no order for std::sort.
   static bool sortByBegintime(const SearchMatchItem& a, const SearchMatchItem& b);
 };

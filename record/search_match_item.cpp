@@ -3,25 +3,24 @@
 #include <cstring>
 #include <string_view>
 
-#include "document/json_member.h"
 #include "protocol/log.h"
 #include "record/record_operation.h"
 
 namespace QNKAVROProtocol {
 namespace {
 
+using qn::json::Value;
+
 // The member's text, cut to the field; the field keeps its zeros for anything but a text.
 template <std::size_t Size>
-void copyText(char (&field)[Size], const Json::Value& object, std::string_view name) {
-  const Json::Value* member = jsonMember(object, name);
-  if (member == nullptr) return;
-  const std::string_view text = jsonText(*member);
+void copyText(char (&field)[Size], const Value& object, std::string_view name) {
+  const std::string_view text = object.member(name).text();
   std::memcpy(field, text.data(), std::min(text.size(), Size - 1));
 }
 
-void copyDescriptor(SearchMatchItem& item, const Json::Value& match) {
-  const Json::Value* descriptor = jsonMember(match, "mediaSegmentDescriptor");
-  if (descriptor == nullptr) {
+void copyDescriptor(SearchMatchItem& item, const Value& match) {
+  const auto descriptor = match.find("mediaSegmentDescriptor");
+  if (!descriptor) {
     QN_LOG_IN("getInfoFromSearchRsp", WLOG_ERROR, "process json param fail 1.");
     return;
   }
@@ -30,14 +29,13 @@ void copyDescriptor(SearchMatchItem& item, const Json::Value& match) {
   copyText(item.playbackURI, *descriptor, "playbackURI");
 }
 
-SearchMatchItem itemOf(const Json::Value& match) {
+SearchMatchItem itemOf(const Value& match) {
   SearchMatchItem item;
-  const Json::Value* track = jsonMember(match, "trackID");
-  if (track != nullptr && track->isInt()) item.trackID = track->asInt();
-  if (const Json::Value* span = jsonMember(match, "timeSpan")) {
-    copyText(item.startTime, *span, "startTime");
-    copyText(item.endTime, *span, "endTime");
-  }
+  const Value track = match.member("trackID");
+  if (track.isInt()) item.trackID = track.asInt();
+  const Value span = match.member("timeSpan");
+  copyText(item.startTime, span, "startTime");
+  copyText(item.endTime, span, "endTime");
   copyDescriptor(item, match);
   return item;
 }
@@ -45,19 +43,15 @@ SearchMatchItem itemOf(const Json::Value& match) {
 }  // namespace
 
 int CRecordOperation::getInfoFromSearchRsp(int& count, std::vector<SearchMatchItem>& items,
-                                           const Json::Value& reply) {
-  const Json::Value* result = jsonMember(reply, "CMSearchResult");
-  if (result == nullptr) return 0;
-  const Json::Value* matches = jsonMember(*result, "numOfMatches");
-  const Json::Value* entries = jsonMember(*result, "matchList");
-  if (matches == nullptr || !matches->isInt() || entries == nullptr || !entries->isArray()) {
-    return 0;
-  }
-  count = matches->asInt();
-  for (const Json::Value& entry : *entries) {
-    if (const Json::Value* match = jsonMember(entry, "searchMatchItem")) {
-      items.push_back(itemOf(*match));
-    }
+                                           const Value& reply) {
+  const Value result = reply.member("CMSearchResult");
+  const Value matches = result.member("numOfMatches");
+  const Value list = result.member("matchList");
+  if (!matches.isInt() || !list.isArray()) return 0;
+  count = matches.asInt();
+  Value::Entries entries(list);
+  for (Value entry; entries.next(entry);) {
+    if (const auto match = entry.find("searchMatchItem")) items.push_back(itemOf(*match));
   }
   return 1;
 }

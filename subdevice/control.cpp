@@ -10,8 +10,8 @@
 namespace subdevice {
 namespace {
 
-Device* namedDevice(const std::vector<std::unique_ptr<Device>>& devices, Device& own,
-                    const Request& request) {
+SimulatedDevice* namedDevice(const std::vector<std::unique_ptr<SimulatedDevice>>& devices,
+                             SimulatedDevice& own, const Request& request) {
   const std::string_view name = request.parameter("device");
   if (name.empty()) return &own;
   std::size_t number = 0;
@@ -19,7 +19,7 @@ Device* namedDevice(const std::vector<std::unique_ptr<Device>>& devices, Device&
   return number >= 1 && number <= devices.size() ? devices[number - 1].get() : nullptr;
 }
 
-Json::Value state(const Device& device) {
+Json::Value state(const SimulatedDevice& device) {
   Json::Value state;
   state["device"] = device.options.number;
   state["port"] = device.port;
@@ -38,14 +38,14 @@ Json::Value state(const Device& device) {
   return state;
 }
 
-bool changeFault(Device& device, const Json::Value& order) {
+bool changeFault(SimulatedDevice& device, const Json::Value& order) {
   if (!order.isNull()) return device.faults.order(order);
   device.faults.clear();
   return true;
 }
 
 // False when an order made no sense; those before it are done.
-bool change(Device& device, const Json::Value& orders) {
+bool change(SimulatedDevice& device, const Json::Value& orders) {
   if (orders.isMember("fault") && !changeFault(device, orders["fault"])) return false;
   if (orders.isMember("alertStream")) device.alarms.setFraming(orders["alertStream"]);
   if (orders.isMember("alarm") && !device.alarms.order(orders["alarm"])) return false;
@@ -61,9 +61,9 @@ bool change(Device& device, const Json::Value& orders) {
 
 }  // namespace
 
-Reply control(const std::vector<std::unique_ptr<Device>>& devices, Device& own,
+Reply control(const std::vector<std::unique_ptr<SimulatedDevice>>& devices, SimulatedDevice& own,
               const Request& request) {
-  Device* device = namedDevice(devices, own, request);
+  SimulatedDevice* device = namedDevice(devices, own, request);
   if (device == nullptr) return unknownResource();
   if (request.method == "GET") return documentReply(state(*device));
   const Json::Value orders = bodyObject(request);

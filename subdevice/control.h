@@ -17,11 +17,11 @@
 
 namespace subdevice {
 
-struct Device;
+struct SimulatedDevice;
 
 constexpr std::string_view kControlPath = "/control";
 
-Reply control(const std::vector<std::unique_ptr<Device>>& devices, Device& own,
+Reply control(const std::vector<std::unique_ptr<SimulatedDevice>>& devices, SimulatedDevice& own,
               const Request& request);
 
 }  // namespace subdevice

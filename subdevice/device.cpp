@@ -26,7 +26,7 @@ Json::Value RequestLog::document() const {
   return list;
 }
 
-Device::Device(boost::asio::io_context& io, DeviceOptions deviceOptions)
+SimulatedDevice::SimulatedDevice(boost::asio::io_context& io, DeviceOptions deviceOptions)
     : options(std::move(deviceOptions)),
       documents(factoryDocuments(options)),
       streams(factoryStreams(options)),

@@ -50,8 +50,8 @@ class RequestLog {
   std::deque<Entry> entries_;
 };
 
-struct Device {
-  Device(boost::asio::io_context& io, DeviceOptions deviceOptions);
+struct SimulatedDevice {
+  SimulatedDevice(boost::asio::io_context& io, DeviceOptions deviceOptions);
 
   const DeviceOptions options;
   uint16_t port = 0;  // set when it listens

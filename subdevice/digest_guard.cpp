@@ -8,26 +8,18 @@
 #include <array>
 #include <utility>
 
+#include "text/hex.h"
+
 namespace subdevice {
 namespace {
 
 constexpr std::string_view kRealm = "subdevice";
 constexpr std::size_t kNonces = 256;  // a client with more connections than that logs in anew
 
-std::string hex(const unsigned char* bytes, std::size_t count) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  for (std::size_t i = 0; i < count; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  return text;
-}
-
 std::string newNonce() {
   std::array<unsigned char, 16> bytes{};
   RAND_bytes(bytes.data(), static_cast<int>(bytes.size()));
-  return hex(bytes.data(), bytes.size());
+  return qn::text::hexOf(bytes);
 }
 
 // The value of one parameter of a Digest header, without its quotes; empty when absent. None of the
@@ -54,7 +46,7 @@ std::string md5Hex(std::string_view text) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned int size = 0;
   EVP_Digest(text.data(), text.size(), digest.data(), &size, EVP_md5(), nullptr);
-  return hex(digest.data(), size);
+  return qn::text::hexOf({digest.data(), size});
 }
 
 DigestGuard::DigestGuard(std::string username, std::string password)

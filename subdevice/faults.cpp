@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "subdevice/routes.h"
+#include "subdevice/resources.h"
 
 namespace subdevice {
 namespace {
@@ -32,9 +32,9 @@ bool Faults::order(const Json::Value& order) {
   const unsigned status = order.get("httpStatus", 200).asUInt();
   const std::size_t bytes = order.get("bytes", 0).asUInt();
   if (kind == kKinds.end() || delay < 0 || delay > kLongestDelayMs || status < 200 ||
-      status > 599 || bytes > Fault::kLargestBody)
+      status > 599 || bytes > OrderedFault::kLargestBody)
     return false;
-  Fault next{kind->second, std::chrono::milliseconds(delay), {}, bytes};
+  OrderedFault next{kind->second, std::chrono::milliseconds(delay), {}, bytes};
   next.reply.status = status;
   next.reply.contentType = order.get("contentType", "application/json").asString();
   next.reply.body = order.get("body", "").asString();
@@ -46,7 +46,7 @@ bool Faults::order(const Json::Value& order) {
 
 void Faults::clear() { remaining_ = 0; }
 
-Fault Faults::take(const Request& request) {
+OrderedFault Faults::take(const Request& request) {
   if (remaining_ == 0 || !hits(request)) return {};
   if (remaining_ != kForever) --remaining_;
   return fault_;

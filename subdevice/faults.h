@@ -23,7 +23,7 @@ enum class FaultKind {
   Large,    // a body of the given number of bytes
 };
 
-struct Fault {
+struct OrderedFault {
   static constexpr std::size_t kLargestBody = 64 * 1024 * 1024;
 
   FaultKind kind = FaultKind::None;
@@ -42,7 +42,7 @@ class Faults {
   void clear();
 
   // What to do with this request; uses up one of the count.
-  Fault take(const Request& request);
+  OrderedFault take(const Request& request);
 
   uint64_t remaining() const { return remaining_; }
 
@@ -51,7 +51,7 @@ class Faults {
 
   bool hits(const Request& request) const;
 
-  Fault fault_;
+  OrderedFault fault_;
   std::string url_;
   uint64_t remaining_ = 0;
 };

@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "subdevice/listener.h"
+#include "subdevice/server.h"
 
 namespace {
 
-using subdevice::Device;
+using subdevice::DeviceListener;
 using subdevice::DeviceOptions;
-using subdevice::Listener;
+using subdevice::SimulatedDevice;
 
 constexpr int kMostDevices = 2000;
 
@@ -51,17 +51,17 @@ uint16_t portOf(const CommandLine& line, std::size_t index) {
 
 void run(const CommandLine& line) {
   boost::asio::io_context io(1);
-  Listener::Devices devices;
-  std::vector<std::unique_ptr<Listener>> listeners;
+  DeviceListener::Devices devices;
+  std::vector<std::unique_ptr<DeviceListener>> listeners;
   for (int number = 1; number <= line.devices; ++number) {
     const auto index = static_cast<std::size_t>(number - 1);
     DeviceOptions options = line.each;
     options.number = number;
     options.type = line.types[std::min(index, line.types.size() - 1)];
     options.alarmInterval = std::chrono::milliseconds(static_cast<long>(line.alarmSeconds * 1000));
-    devices.push_back(std::make_unique<Device>(io, options));
+    devices.push_back(std::make_unique<SimulatedDevice>(io, options));
     listeners.push_back(
-        std::make_unique<Listener>(io, devices, *devices.back(), portOf(line, index)));
+        std::make_unique<DeviceListener>(io, devices, *devices.back(), portOf(line, index)));
     devices.back()->alarms.start();
     std::printf("device %d http://127.0.0.1:%d\n", number, devices.back()->port);
   }

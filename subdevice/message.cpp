@@ -8,19 +8,19 @@
 namespace subdevice {
 namespace {
 
-struct StatusRow {
+struct StatusText {
   unsigned http;
   const char* text;
 };
 
 // Indexed by Status; there is no status 0.
-constexpr std::array<StatusRow, 7> kStatusRows{{{500, ""},
-                                                {200, "OK"},
-                                                {503, "Device busy"},
-                                                {500, "Device error"},
-                                                {403, "Refused"},
-                                                {400, "Bad format"},
-                                                {400, "Bad content"}}};
+constexpr std::array<StatusText, 7> kStatusTexts{{{500, ""},
+                                                  {200, "OK"},
+                                                  {503, "Device busy"},
+                                                  {500, "Device error"},
+                                                  {403, "Refused"},
+                                                  {400, "Bad format"},
+                                                  {400, "Bad content"}}};
 
 }  // namespace
 
@@ -46,7 +46,7 @@ Reply documentReply(const Json::Value& document) {
 Reply okReply() { return statusReply(Status::Ok, "ok"); }
 
 Reply statusReply(Status status, std::string_view reason) {
-  const auto& row = kStatusRows[static_cast<std::size_t>(status)];
+  const auto& row = kStatusTexts[static_cast<std::size_t>(status)];
   Json::Value document;
   document["statusCode"] = static_cast<int>(status);
   document["statusString"] = row.text;

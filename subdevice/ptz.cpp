@@ -16,7 +16,7 @@ double advanced(double position, double speed, double seconds) {
   return std::clamp(position + speed * seconds, -kEnd, kEnd);
 }
 
-PtzHead* headOf(Call& call) {
+PtzHead* headOf(ResourceCall& call) {
   const auto found = call.device.ptzHeads.find(call.ids[0]);
   return found == call.device.ptzHeads.end() ? nullptr : &found->second;
 }
@@ -108,7 +108,7 @@ void PtzHead::stopAt(const Position& position) {
   moved_ = Clock::now();
 }
 
-Reply listPtzChannels(Call& call) {
+Reply listPtzChannels(ResourceCall& call) {
   Json::Value document;
   Json::Value& list = document["PTZChannelList"] = Json::arrayValue;
   for (const auto& [channel, head] : call.device.ptzHeads)
@@ -116,7 +116,7 @@ Reply listPtzChannels(Call& call) {
   return documentReply(document);
 }
 
-Reply movePtz(Call& call) {
+Reply movePtz(ResourceCall& call) {
   PtzHead* head = headOf(call);
   if (head == nullptr) return unknownResource();
   const Json::Value data = bodyObject(call.request)["PTZData"];
@@ -126,17 +126,17 @@ Reply movePtz(Call& call) {
   return moved ? okReply() : statusReply(Status::BadContent, "tooFast");
 }
 
-Reply getPtzStatus(Call& call) {
+Reply getPtzStatus(ResourceCall& call) {
   PtzHead* head = headOf(call);
   return head == nullptr ? unknownResource() : documentReply(head->statusDocument());
 }
 
-Reply listPresets(Call& call) {
+Reply listPresets(ResourceCall& call) {
   PtzHead* head = headOf(call);
   return head == nullptr ? unknownResource() : documentReply(head->presetsDocument());
 }
 
-Reply setPreset(Call& call) {
+Reply setPreset(ResourceCall& call) {
   PtzHead* head = headOf(call);
   if (head == nullptr) return unknownResource();
   const Json::Value preset = bodyObject(call.request)["PTZPreset"];
@@ -145,17 +145,17 @@ Reply setPreset(Call& call) {
   return kept ? okReply() : statusReply(Status::BadContent, "presetOutOfRange");
 }
 
-Reply deletePreset(Call& call) {
+Reply deletePreset(ResourceCall& call) {
   PtzHead* head = headOf(call);
   return head != nullptr && head->deletePreset(call.ids[1]) ? okReply() : unknownResource();
 }
 
-Reply gotoPreset(Call& call) {
+Reply gotoPreset(ResourceCall& call) {
   PtzHead* head = headOf(call);
   return head != nullptr && head->gotoPreset(call.ids[1]) ? okReply() : unknownResource();
 }
 
-Reply gotoHome(Call& call) {
+Reply gotoHome(ResourceCall& call) {
   PtzHead* head = headOf(call);
   if (head == nullptr) return unknownResource();
   head->home();

@@ -118,7 +118,7 @@ Json::Value RecordingDatabase::find(const Search& search) const {
   return result;
 }
 
-Reply searchRecordings(Call& call) {
+Reply searchRecordings(ResourceCall& call) {
   const Json::Value description = bodyObject(call.request)["CMSearchDescription"];
   if (!description.isObject()) return statusReply(Status::BadFormat, "notASearch");
   const Search search = readSearch(description);

@@ -1,49 +1,64 @@
-// The handlers of the route table, one file for each family of resources.
+// Which handler answers which resource (routes.cpp), and the handlers, one file for each family of
+// resources.
 #pragma once
 
+#include <array>
+#include <string_view>
+
 #include "subdevice/message.h"
-#include "subdevice/routes.h"
 
 namespace subdevice {
+
+struct SimulatedDevice;
+
+constexpr std::string_view kAlertStreamPath = "/KAVRO/Event/notification/alertStream";
+
+// What a handler is given: the numbers stand where the pattern has "%d".
+struct ResourceCall {
+  SimulatedDevice& device;
+  const Request& request;
+  std::array<int, 2> ids{};
+};
+
+// The answer of the device's resources; every exception of a handler becomes a status document.
+Reply answer(SimulatedDevice& device, const Request& request);
 
 // The JSON object of a request body; null when the body is no JSON object.
 Json::Value bodyObject(const Request& request);
 
 // maintenance.cpp
-Reply getDocument(Call& call);
-Reply putDocument(Call& call);
-Reply getStatusXml(Call& call);
-Reply getSnapshot(Call& call);
-Reply acceptAnything(Call& call);
-Reply findAccessEvents(Call& call);
+Reply getDocument(ResourceCall& call);
+Reply putDocument(ResourceCall& call);
+Reply getStatusXml(ResourceCall& call);
+Reply getSnapshot(ResourceCall& call);
+Reply acceptAnything(ResourceCall& call);
+Reply findAccessEvents(ResourceCall& call);
+Reply triggerOutput(ResourceCall& call);
+Reply getOutput(ResourceCall& call);
 
 // streaming.cpp
-Reply listStreams(Call& call);
-Reply getStream(Call& call);
-Reply putStream(Call& call);
-Reply getStreamCapabilities(Call& call);
+Reply listStreams(ResourceCall& call);
+Reply getStream(ResourceCall& call);
+Reply putStream(ResourceCall& call);
+Reply getStreamCapabilities(ResourceCall& call);
 
 // ptz.cpp
-Reply listPtzChannels(Call& call);
-Reply movePtz(Call& call);
-Reply getPtzStatus(Call& call);
-Reply listPresets(Call& call);
-Reply setPreset(Call& call);
-Reply deletePreset(Call& call);
-Reply gotoPreset(Call& call);
-Reply gotoHome(Call& call);
+Reply listPtzChannels(ResourceCall& call);
+Reply movePtz(ResourceCall& call);
+Reply getPtzStatus(ResourceCall& call);
+Reply listPresets(ResourceCall& call);
+Reply setPreset(ResourceCall& call);
+Reply deletePreset(ResourceCall& call);
+Reply gotoPreset(ResourceCall& call);
+Reply gotoHome(ResourceCall& call);
 
 // recordings.cpp
-Reply searchRecordings(Call& call);
-
-// io_ports.cpp
-Reply triggerOutput(Call& call);
-Reply getOutput(Call& call);
+Reply searchRecordings(ResourceCall& call);
 
 // face_library.cpp
-Reply addFace(Call& call);
-Reply setUpFace(Call& call);
-Reply listFaces(Call& call);
-Reply getFacePicture(Call& call);
+Reply addFace(ResourceCall& call);
+Reply setUpFace(ResourceCall& call);
+Reply listFaces(ResourceCall& call);
+Reply getFacePicture(ResourceCall& call);
 
 }  // namespace subdevice

@@ -1,6 +1,4 @@
 // See routes.h.
-#include "subdevice/routes.h"
-
 #include <charconv>
 #include <exception>
 #include <optional>
@@ -11,13 +9,13 @@
 namespace subdevice {
 namespace {
 
-struct Route {
+struct ResourceRoute {
   std::string_view method;
   std::string_view pattern;
-  Reply (*handler)(Call&);
+  Reply (*handler)(ResourceCall&);
 };
 
-constexpr Route kRoutes[] = {
+constexpr ResourceRoute kRoutes[] = {
     {"GET", "/KAVRO/System/deviceInfo", getDocument},
     {"PUT", "/KAVRO/System/deviceInfo", putDocument},
     {"GET", "/KAVRO/System/Video/inputs/channels", getDocument},
@@ -70,7 +68,7 @@ bool fits(std::string_view pattern, std::string_view path, std::array<int, 2>& i
   }
 }
 
-const Route* findRoute(const Request& request, std::array<int, 2>& ids) {
+const ResourceRoute* findRoute(const Request& request, std::array<int, 2>& ids) {
   for (const auto& route : kRoutes)
     if (route.method == request.method && fits(route.pattern, request.path, ids)) return &route;
   return nullptr;
@@ -83,9 +81,9 @@ Json::Value bodyObject(const Request& request) {
   return value && value->isObject() ? *value : Json::Value();
 }
 
-Reply answer(Device& device, const Request& request) {
-  Call call{device, request, {}};
-  const Route* route = findRoute(request, call.ids);
+Reply answer(SimulatedDevice& device, const Request& request) {
+  ResourceCall call{device, request, {}};
+  const ResourceRoute* route = findRoute(request, call.ids);
   if (route == nullptr) return unknownResource();
   try {
     return route->handler(call);

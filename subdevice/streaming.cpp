@@ -32,14 +32,14 @@ void keepNamedTransports(Json::Value& transport) {
 
 }  // namespace
 
-Reply listStreams(Call& call) {
+Reply listStreams(ResourceCall& call) {
   Json::Value document;
   Json::Value& list = document["StreamingChannelList"] = Json::arrayValue;
   for (const auto& [id, stream] : call.device.streams) list.append({})["StreamingChannel"] = stream;
   return documentReply(document);
 }
 
-Reply getStream(Call& call) {
+Reply getStream(ResourceCall& call) {
   const auto found = call.device.streams.find(call.ids[0]);
   if (found == call.device.streams.end()) return unknownResource();
   Json::Value document;
@@ -47,7 +47,7 @@ Reply getStream(Call& call) {
   return documentReply(document);
 }
 
-Reply putStream(Call& call) {
+Reply putStream(ResourceCall& call) {
   const auto found = call.device.streams.find(call.ids[0]);
   if (found == call.device.streams.end()) return unknownResource();
   Json::Value change = bodyObject(call.request)["StreamingChannel"];
@@ -63,7 +63,7 @@ Reply putStream(Call& call) {
   return okReply();
 }
 
-Reply getStreamCapabilities(Call& call) {
+Reply getStreamCapabilities(ResourceCall& call) {
   if (!call.device.streams.contains(call.ids[0])) return unknownResource();
   auto document = parseJson(R"({"StreamingChannel": {"Video": {
     "videoCodecType": {"opt": ["H.264", "H.265"]}, "videoResolutionWidth": {"opt": [1920, 704]},

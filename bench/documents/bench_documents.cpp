@@ -2,38 +2,32 @@
 // reading the JSON and building and writing the XML, or reading the XML and writing the JSON.
 #include <benchmark/benchmark.h>
 
-#include <fstream>
-#include <iterator>
 #include <pugixml.hpp>
 #include <string>
 #include <vector>
 
-#include "bench/module/null_platform.h"
 #include "channel/streaming_channel.h"
-#include "document/json_text.h"
+#include "json/text.h"
 #include "record/record_operation.h"
+#include "tests/unit/documents.h"
+#include "tests/unit/fake/fake_platform.h"
 
 namespace QNKAVROProtocol {
 namespace {
-
-std::string golden(const char* name) {
-  std::ifstream file(std::string(QN_GOLDEN_DIR "/") + name);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // The golden document's first list entry, or the document itself, `count` times in a list.
 std::string repeated(const Json::Value& entry, int count) {
   std::string text;
   for (int i = 0; i < count; ++i) {
     text += i == 0 ? '[' : ',';
-    text += writeJson(entry);
+    text += qn::json::writeJson(entry);
   }
   return text + "]";
 }
 
 Json::Value parsed(const std::string& text) {
   Json::Value value;
-  if (!parseJson(text, value)) std::abort();
+  if (!qn::json::parseJson(text, value)) std::abort();
   return value;
 }
 
@@ -46,7 +40,7 @@ std::string searchReplyJson() {
   Json::Value reply = parsed(golden("search_result.json"));
   Json::Value& matches = reply["CMSearchResult"]["matchList"];
   matches = parsed(repeated(matches[0], 100));
-  return writeJson(reply);
+  return qn::json::writeJson(reply);
 }
 
 // What a tree is built of, so that the bare build looks nothing up.
@@ -101,7 +95,7 @@ void bareReply(benchmark::State& state, const std::string& json, const std::stri
   std::size_t size = 0;
   for (auto _ : state) {
     Json::Value reply;
-    parseJson(json, reply);
+    qn::json::parseJson(json, reply);
     size = buildAndWrite(steps).size();
   }
   count(state, json.size(), size);
@@ -110,7 +104,8 @@ void bareReply(benchmark::State& state, const std::string& json, const std::stri
 std::string translatedList(const std::string& json) {
   Json::Value reply;
   std::string xml;
-  if (!parseJson(json, reply) || getXmlStreamingChannelList(xml, reply) != 0) std::abort();
+  if (!qn::json::parseJson(json, reply) || getXmlStreamingChannelList(xml, reply) != 0)
+    std::abort();
   return xml;
 }
 
@@ -129,10 +124,11 @@ void channelListReplyBare(benchmark::State& state) {
 BENCHMARK(channelListReplyBare);
 
 std::string translatedSearch(const std::string& json) {
-  const QNHttpService::stHttpRes record = null_platform::open("/KAVRO/ContentMgmt/search");
+  const QNHttpService::stHttpRes record =
+      fake::http().open({QNHttpService::HTTP_POST, "/KAVRO/ContentMgmt/search"});
   Json::Value reply;
   std::string xml;
-  if (!parseJson(json, reply)) std::abort();
+  if (!qn::json::parseJson(json, reply)) std::abort();
   CRecordOperation::covertSearchRsp(
       xml, {reply, record.exchange->getUrl(), QNHttpService::HTTP_POST, *record.exchange});
   return xml;
@@ -172,7 +168,7 @@ void channelRequestBare(benchmark::State& state) {
     pugi::xml_document tree;
     benchmark::DoNotOptimize(tree.load_buffer(xml.data(), xml.size()));
     const Json::Value copy = value;
-    json = writeJson(copy);
+    json = qn::json::writeJson(copy);
   }
   count(state, xml.size(), json.size());
 }
@@ -181,4 +177,8 @@ BENCHMARK(channelRequestBare);
 }  // namespace
 }  // namespace QNKAVROProtocol
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  fake::beQuiet();
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}

@@ -3,10 +3,10 @@
 
 #include <string>
 
-#include "bench/module/null_platform.h"
-#include "document/json_text.h"
 #include "include/QNKAVROProtocol.h"
+#include "json/text.h"
 #include "protocol/protocol_base.h"
+#include "tests/unit/fake/fake_platform.h"
 
 namespace {
 
@@ -44,8 +44,29 @@ int process(const QNHttpService::stHttpRes& request, std::string& body) {
   return QN_Protocol_HTTPProcess(bodyIsXml, body, asyncReply, request);
 }
 
+// A request as a browser's, with credentials of the usual length.
+QNHttpService::stHttpRes open(const char* url) {
+  fake::beQuiet();
+  return fake::http().open(
+      {QNHttpService::HTTP_GET,
+       url,
+       "",
+       {{"Host", "gateway:8080"},
+        {"X-Forwarded-For", "192.0.2.7"},
+        {"Authorization",
+         "Digest username=\"admin\", realm=\"KAVRO\", nonce=\"0123456789abcdef0123456789abcdef\", "
+         "uri=\"/KAVRO/System/deviceInfo\", response=\"0123456789abcdef0123456789abcdef\", "
+         "qop=auth, nc=00000001, cnonce=\"0123456789abcdef\""}}});
+}
+
+fake::BusRequest takePending() {
+  fake::BusRequest pending = std::move(fake::deviceBus().pending.at(0));
+  fake::deviceBus().pending.clear();
+  return pending;
+}
+
 void chainMiss(benchmark::State& state) {
-  const auto request = null_platform::open("/nothing/that/any/handler/serves");
+  const auto request = open("/nothing/that/any/handler/serves");
   std::string body;
   for (auto _ : state) {
     process(request, body);
@@ -54,20 +75,20 @@ void chainMiss(benchmark::State& state) {
 }
 
 void deviceInfoRequest(benchmark::State& state) {
-  const auto request = null_platform::open(kDeviceInfoUrl);
+  const auto request = open(kDeviceInfoUrl);
   std::string body;
   for (auto _ : state) {
     process(request, body);
-    delete static_cast<tagDEVCFG_USERDATA*>(null_platform::takePending().userData);
+    delete static_cast<tagDEVCFG_USERDATA*>(takePending().userData);
   }
 }
 
 // From the reply to the answer; the record that the callback frees is made for each.
 void deviceInfoReplyToAnswer(benchmark::State& state) {
-  const auto request = null_platform::open(kDeviceInfoUrl);
+  const auto request = open(kDeviceInfoUrl);
   std::string body;
   process(request, body);
-  const null_platform::Pending pending = null_platform::takePending();
+  const fake::BusRequest pending = takePending();
   const auto* first = static_cast<tagDEVCFG_USERDATA*>(pending.userData);
   std::string reply = deviceInfoReply();
   for (auto _ : state) {
@@ -78,14 +99,15 @@ void deviceInfoReplyToAnswer(benchmark::State& state) {
   }
   delete first;
   state.counters["reply_bytes"] = static_cast<double>(reply.size());
-  state.counters["answer_bytes"] = null_platform::answeredBytes();
+  state.counters["answer_bytes"] =
+      static_cast<double>(fake::http().answer(request.exchange->getHttpHandle()).body.size());
 }
 
 void jsonParsing(benchmark::State& state) {
   const std::string reply = deviceInfoReply();
   for (auto _ : state) {
     Json::Value value;
-    benchmark::DoNotOptimize(QNKAVROProtocol::parseJson(reply, value));
+    benchmark::DoNotOptimize(qn::json::parseJson(reply, value));
   }
 }
 

@@ -32,9 +32,9 @@ bool is(uint8_t kind, char c) { return kClasses[uint8_t(c)] == kind; }
 }  // namespace
 
 AuthReader::Item AuthReader::next() {
-  if (malformed_) return Item::kMalformed;
+  if (malformed_) return Item::Malformed;
   while (!rest_.empty() && (rest_[0] == ',' || is(kBlank, rest_[0]))) rest_.remove_prefix(1);
-  if (rest_.empty()) return Item::kEnd;
+  if (rest_.empty()) return Item::End;
   name_ = takeToken();
   value_ = {};
   if (name_.empty()) return malformed();
@@ -44,16 +44,16 @@ AuthReader::Item AuthReader::next() {
     rest_.remove_prefix(1);
     return readValue();
   }
-  return ended ? Item::kScheme : malformed();
+  return ended ? Item::Scheme : malformed();
 }
 
 AuthReader::Item AuthReader::readValue() {
   skipBlanks();
   if (!rest_.empty() && rest_[0] == '"') return readQuoted();
   value_ = takeToken();
-  if (!value_.empty()) return Item::kParameter;
+  if (!value_.empty()) return Item::Parameter;
   while (!rest_.empty() && rest_[0] == '=') rest_.remove_prefix(1);
-  return Item::kToken68;
+  return Item::Token68;
 }
 
 AuthReader::Item AuthReader::readQuoted() {
@@ -61,7 +61,7 @@ AuthReader::Item AuthReader::readQuoted() {
     if (rest_[i] == '"') {
       value_ = rest_.substr(1, i - 1);
       rest_.remove_prefix(i + 1);
-      return Item::kParameter;
+      return Item::Parameter;
     }
     if (rest_[i] == '\\') ++i;
     if (i < rest_.size() && is(kForbidden, rest_[i])) break;
@@ -71,7 +71,7 @@ AuthReader::Item AuthReader::readQuoted() {
 
 AuthReader::Item AuthReader::malformed() {
   malformed_ = true;
-  return Item::kMalformed;
+  return Item::Malformed;
 }
 
 std::string_view AuthReader::takeToken() {

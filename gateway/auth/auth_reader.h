@@ -11,11 +11,11 @@ namespace qn {
 class AuthReader {
  public:
   enum class Item {
-    kScheme,     // name() is set
-    kParameter,  // name() and value() are set
-    kToken68,    // a scheme's single value, as Basic and Negotiate have it; not kept
-    kEnd,
-    kMalformed,  // nothing that follows can be told apart; every later next() says so too
+    Scheme,     // name() is set
+    Parameter,  // name() and value() are set
+    Token68,    // a scheme's single value, as Basic and Negotiate have it; not kept
+    End,
+    Malformed,  // nothing that follows can be told apart; every later next() says so too
   };
 
   // Does not copy `text`.

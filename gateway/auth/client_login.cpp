@@ -42,8 +42,8 @@ ClientLogin::ClientLogin(std::string username, std::string password)
     : username_(std::move(username)), password_(std::move(password)) {}
 
 int ClientLogin::Challenge::strength() const {
-  if (scheme == Scheme::kBasic) return 1;
-  if (scheme != Scheme::kDigest || !usable || nonce.empty()) return 0;
+  if (scheme == Scheme::Basic) return 1;
+  if (scheme != Scheme::Digest || !usable || nonce.empty()) return 0;
   return algorithm == DigestAlgorithm::MD5 ? 2 : 3;
 }
 
@@ -75,13 +75,13 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
     if (current.strength() > best.strength()) best = std::move(current);
     current = Challenge();
   };
-  for (Item item = reader.next(); item != Item::kEnd && item != Item::kMalformed;
+  for (Item item = reader.next(); item != Item::End && item != Item::Malformed;
        item = reader.next()) {
-    if (item == Item::kParameter) current.take(reader.name(), reader.value());
-    if (item != Item::kScheme) continue;
+    if (item == Item::Parameter) current.take(reader.name(), reader.value());
+    if (item != Item::Scheme) continue;
     settle();
-    if (text::equalNoCase(reader.name(), "Digest")) current.scheme = Scheme::kDigest;
-    if (text::equalNoCase(reader.name(), "Basic")) current.scheme = Scheme::kBasic;
+    if (text::equalNoCase(reader.name(), "Digest")) current.scheme = Scheme::Digest;
+    if (text::equalNoCase(reader.name(), "Basic")) current.scheme = Scheme::Basic;
   }
   settle();
   if (best.strength() == 0) return false;
@@ -93,16 +93,16 @@ void ClientLogin::use(Challenge challenge) {
   challenge_ = std::move(challenge);
   stale_ = challenge_.stale;
   nonceCount_ = 0;
-  if (challenge_.scheme != Scheme::kDigest) return;
+  if (challenge_.scheme != Scheme::Digest) return;
   ha1_ = hexDigest(challenge_.algorithm, {username_, challenge_.realm, password_}).text();
   clientNonce_ = randomHex();
 }
 
 std::string ClientLogin::authorization(std::string_view method, std::string_view target) {
   switch (challenge_.scheme) {
-    case Scheme::kDigest:
+    case Scheme::Digest:
       return digest(method, target);
-    case Scheme::kBasic:
+    case Scheme::Basic:
       return basic();
     default:
       return {};

@@ -30,9 +30,9 @@ class ClientLogin {
   std::string authorization(std::string_view method, std::string_view target);
 
  private:
-  enum class Scheme { kNone, kBasic, kDigest };
+  enum class Scheme { None, Basic, Digest };
   struct Challenge {
-    Scheme scheme = Scheme::kNone;
+    Scheme scheme = Scheme::None;
     DigestAlgorithm algorithm = DigestAlgorithm::MD5;
     bool qopAuth = false;
     bool usable = true;  // nothing in it that is not understood

@@ -44,10 +44,10 @@ bool parseDigestCredentials(std::string_view authorization, DigestCredentials& c
   using Item = AuthReader::Item;
   credentials = {};
   AuthReader reader(authorization);
-  if (reader.next() != Item::kScheme || !text::equalNoCase(reader.name(), "Digest")) return false;
+  if (reader.next() != Item::Scheme || !text::equalNoCase(reader.name(), "Digest")) return false;
   Item item = reader.next();
-  while (item == Item::kParameter && store(reader, credentials)) item = reader.next();
-  return item == Item::kEnd;
+  while (item == Item::Parameter && store(reader, credentials)) item = reader.next();
+  return item == Item::End;
 }
 
 bool digestUriIs(std::string_view authorization, std::string_view target) {

@@ -59,43 +59,43 @@ constexpr StatusRow kRows[] = {
     {qn::kMethodNotImplemented, 501, "Method not implemented", "methodNotImplemented"},
 };
 
-constexpr bool InOrder(const StatusRow& left, const StatusRow& right) {
+constexpr bool inOrder(const StatusRow& left, const StatusRow& right) {
   return left.code < right.code;
 }
-constexpr bool NotInOrder(const StatusRow& left, const StatusRow& right) {
-  return !InOrder(left, right);
+constexpr bool notInOrder(const StatusRow& left, const StatusRow& right) {
+  return !inOrder(left, right);
 }
-static_assert(std::adjacent_find(std::begin(kRows), std::end(kRows), NotInOrder) == std::end(kRows),
+static_assert(std::adjacent_find(std::begin(kRows), std::end(kRows), notInOrder) == std::end(kRows),
               "codes must be sorted and unique");
 
-const StatusRow* RowOf(unsigned int code) {
+const StatusRow* rowOf(unsigned int code) {
   const StatusRow* row =
-      std::lower_bound(std::begin(kRows), std::end(kRows), StatusRow{code, 0, {}, {}}, InOrder);
+      std::lower_bound(std::begin(kRows), std::end(kRows), StatusRow{code, 0, {}, {}}, inOrder);
   return row != std::end(kRows) && row->code == code ? row : nullptr;
 }
 
-constexpr unsigned int ClassOf(unsigned int code) { return code >> 28; }
+constexpr unsigned int classOf(unsigned int code) { return code >> 28; }
 
-int HttpStatusOfClass(unsigned int codeClass) {
+int httpStatusOfClass(unsigned int codeClass) {
   constexpr std::array kStatuses = {200, 200, 503, 500, 403, 400, 400};
   return codeClass < kStatuses.size() ? kStatuses[codeClass] : 500;
 }
 
-Json::Value TextValue(std::string_view text) {
+Json::Value textValue(std::string_view text) {
   return Json::Value(text.data(), text.data() + text.size());
 }
 
 }  // namespace
 
 bool getResponseStatusByErrorNo(unsigned int errorCode, Json::Value& document, int& httpStatus) {
-  const StatusRow* row = RowOf(errorCode);
+  const StatusRow* row = rowOf(errorCode);
   if (row == nullptr) return false;
   // Success is 1 to every client, though its code is of class 0.
-  const unsigned int statusCode = std::max(ClassOf(errorCode), 1u);
+  const unsigned int statusCode = std::max(classOf(errorCode), 1u);
   Json::Value filled(Json::objectValue);
   filled["statusCode"] = static_cast<int>(statusCode);
-  filled["statusString"] = TextValue(row->statusString);
-  filled["subStatusCode"] = TextValue(row->subStatusCode);
+  filled["statusString"] = textValue(row->statusString);
+  filled["subStatusCode"] = textValue(row->subStatusCode);
   filled["errorCode"] = static_cast<int>(errorCode);
   document = std::move(filled);
   httpStatus = row->httpStatus;
@@ -103,6 +103,6 @@ bool getResponseStatusByErrorNo(unsigned int errorCode, Json::Value& document, i
 }
 
 int getHttpStatusCodeByErrorNo(unsigned int errorCode) {
-  const StatusRow* row = RowOf(errorCode);
-  return row != nullptr ? row->httpStatus : HttpStatusOfClass(ClassOf(errorCode));
+  const StatusRow* row = rowOf(errorCode);
+  return row != nullptr ? row->httpStatus : httpStatusOfClass(classOf(errorCode));
 }

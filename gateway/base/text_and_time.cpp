@@ -6,13 +6,13 @@
 
 namespace {
 
-bool IsXssInvalid(char c) {
+bool isXssInvalid(char c) {
   const auto byte = static_cast<unsigned char>(c);
   return byte < 0x20 || byte == 0x7F || c == '<' || c == '>' || c == '"' || c == '\'';
 }
 
 // ISO 8601 local time with its offset from UTC.
-std::string LocalTimeText(std::time_t time) {
+std::string localTimeText(std::time_t time) {
   std::tm local{};
   localtime_r(&time, &local);
   char text[40];
@@ -26,13 +26,13 @@ std::string LocalTimeText(std::time_t time) {
 
 std::string StringEraseXssInvalidChar(const std::string& text) {
   std::string kept(text);
-  std::erase_if(kept, IsXssInvalid);
+  std::erase_if(kept, isXssInvalid);
   return kept;
 }
 
-std::string getISO8601Time() { return LocalTimeText(std::time(nullptr)); }
+std::string getISO8601Time() { return localTimeText(std::time(nullptr)); }
 
 std::string GetCurTime8601(std::string& text, int offsetSeconds) {
-  text = LocalTimeText(std::time(nullptr) + offsetSeconds);
+  text = localTimeText(std::time(nullptr) + offsetSeconds);
   return text;
 }

@@ -12,11 +12,11 @@ namespace {
 
 constexpr std::string_view kPlaceholder = "%d";
 
-std::string_view PathOf(std::string_view url) { return url.substr(0, url.find('?')); }
+std::string_view pathOf(std::string_view url) { return url.substr(0, url.find('?')); }
 
 // Whether a parameter of the query satisfies `test`, which gets "name=value" or a lone name.
 template <typename Test>
-bool AnyParameter(std::string_view url, Test test) {
+bool anyParameter(std::string_view url, Test test) {
   const std::size_t mark = url.find('?');
   if (mark == url.npos) return false;
   std::string_view rest = url.substr(mark + 1);
@@ -28,12 +28,12 @@ bool AnyParameter(std::string_view url, Test test) {
   }
 }
 
-bool HasParameter(std::string_view url, std::string_view parameter) {
-  return AnyParameter(url, [&](std::string_view each) { return each == parameter; });
+bool hasParameter(std::string_view url, std::string_view parameter) {
+  return anyParameter(url, [&](std::string_view each) { return each == parameter; });
 }
 
 // Removes the digits at the start of text; false when they are not a number that %d may stand for.
-bool SkipNumber(std::string_view& text) {
+bool skipNumber(std::string_view& text) {
   constexpr std::size_t kMaxDigits = 10;
   const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
   if (digits == 0 || digits > kMaxDigits) return false;
@@ -48,15 +48,15 @@ bool SkipNumber(std::string_view& text) {
 }  // namespace
 
 bool CRESTfulProtocol::IsJsonURL(const std::string& url) {
-  return HasParameter(url, "format=json");
+  return hasParameter(url, "format=json");
 }
 
 bool CRESTfulProtocol::isLanguageCNURL(const std::string& url) {
-  return HasParameter(url, "language=cn");
+  return hasParameter(url, "language=cn");
 }
 
 bool CRESTfulProtocol::isDeviceURL(const std::string& url) {
-  return AnyParameter(
+  return anyParameter(
       url, [](std::string_view each) { return each.substr(0, each.find('=')) == "devIndex"; });
 }
 
@@ -67,11 +67,11 @@ const char* CRESTfulProtocol::GetMethod(unsigned char method) {
 }
 
 bool CRESTfulProtocol::cmpURL(std::string_view url, std::string_view path) {
-  return PathOf(url) == path;
+  return pathOf(url) == path;
 }
 
 bool CRESTfulProtocol::cmpURLWithInt(std::string_view url, std::string_view pattern, int count) {
-  std::string_view path = PathOf(url);
+  std::string_view path = pathOf(url);
   int placeholders = 0;
   for (;;) {
     const std::size_t next = pattern.find(kPlaceholder);
@@ -80,7 +80,7 @@ bool CRESTfulProtocol::cmpURLWithInt(std::string_view url, std::string_view patt
     path.remove_prefix(literal.size());
     if (next == pattern.npos) return path.empty() && placeholders == count;
     pattern.remove_prefix(next + kPlaceholder.size());
-    if (!SkipNumber(path)) return false;
+    if (!skipNumber(path)) return false;
     ++placeholders;
   }
 }

@@ -32,28 +32,28 @@ constexpr unsigned kWriteOptions =
 
 // The library is not inlined: the loops below ask it for as little as they can.
 
-pugi::xml_node FirstElementFrom(pugi::xml_node node) {
+pugi::xml_node firstElementFrom(pugi::xml_node node) {
   while (node && node.type() != pugi::node_element) node = node.next_sibling();
   return node;
 }
 
 // `node` or its first later sibling that is an element of this name.
-pugi::xml_node FindFrom(pugi::xml_node node, const char* name) {
+pugi::xml_node findFrom(pugi::xml_node node, const char* name) {
   if (std::strcmp(node.name(), name) != 0) node = node.next_sibling(name);
   while (node && node.type() != pugi::node_element) node = node.next_sibling(name);
   return node;
 }
 
-std::string_view WithoutMarkAndBlanks(std::string_view text) {
+std::string_view withoutMarkAndBlanks(std::string_view text) {
   constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   return text.substr(std::min(text.find_first_not_of(kBlanks), text.size()));
 }
 
-bool IsBlank(std::string_view text) { return text.find_first_not_of(kBlanks) == text.npos; }
+bool isBlank(std::string_view text) { return text.find_first_not_of(kBlanks) == text.npos; }
 
 // Whether a child of the document may stand there, before or after the root element.
-bool IsAllowedAtTop(pugi::xml_node node, bool first, bool afterRoot) {
+bool isAllowedAtTop(pugi::xml_node node, bool first, bool afterRoot) {
   switch (node.type()) {
     case pugi::node_element:
     case pugi::node_pi:
@@ -61,7 +61,7 @@ bool IsAllowedAtTop(pugi::xml_node node, bool first, bool afterRoot) {
     case pugi::node_comment:
       return true;
     case pugi::node_pcdata:
-      return IsBlank(node.value());
+      return isBlank(node.value());
     case pugi::node_declaration:
       return first;
     default:
@@ -70,17 +70,17 @@ bool IsAllowedAtTop(pugi::xml_node node, bool first, bool afterRoot) {
 }
 
 // One root element and nothing beside it that a document may not have.
-bool HasSoundTop(const pugi::xml_document& tree) {
+bool hasSoundTop(const pugi::xml_document& tree) {
   bool seenRoot = false;
   for (pugi::xml_node node : tree.children()) {
-    if (!IsAllowedAtTop(node, node == tree.first_child(), seenRoot)) return false;
+    if (!isAllowedAtTop(node, node == tree.first_child(), seenRoot)) return false;
     seenRoot = seenRoot || node.type() == pugi::node_element;
   }
   return seenRoot;
 }
 
 // Checks a value as it stood in the text, and makes it fit for double quotes.
-bool SettleAttribute(pugi::xml_attribute attribute) {
+bool settleAttribute(pugi::xml_attribute attribute) {
   const std::string_view raw = attribute.value();
   if (raw.find('<') != raw.npos) return false;
   if (raw.find_first_of("&\"") == raw.npos) return true;
@@ -90,14 +90,14 @@ bool SettleAttribute(pugi::xml_attribute attribute) {
   return attribute.set_value(escaped.c_str());
 }
 
-bool HasSoundReferences(std::string_view raw) {
+bool hasSoundReferences(std::string_view raw) {
   std::string decoded;
   return raw.find('&') == raw.npos || qn::text::appendDecodedXml(raw, decoded);
 }
 
-bool SettleAttributes(pugi::xml_node node) {
+bool settleAttributes(pugi::xml_node node) {
   for (auto attribute = node.first_attribute(); attribute; attribute = attribute.next_attribute()) {
-    if (!SettleAttribute(attribute)) return false;
+    if (!settleAttribute(attribute)) return false;
   }
   return true;
 }
@@ -108,17 +108,17 @@ class Settler final : public pugi::xml_tree_walker {
   explicit Settler(bool hasReferences) : hasReferences_(hasReferences) {}
 
   bool for_each(pugi::xml_node& node) override {
-    return IsShallow(node) && (!hasReferences_ || HasSoundText(node)) && SettleAttributes(node);
+    return isShallow(node) && (!hasReferences_ || hasSoundText(node)) && settleAttributes(node);
   }
 
  private:
-  bool IsShallow(pugi::xml_node node) const {
+  bool isShallow(pugi::xml_node node) const {
     return depth() < kMaxDepth || node.type() != pugi::node_element;
   }
-  static bool HasSoundText(pugi::xml_node node) {
+  static bool hasSoundText(pugi::xml_node node) {
     const pugi::xml_node_type type = node.type();
     const bool holdsText = type == pugi::node_element || type == pugi::node_pcdata;
-    return !holdsText || HasSoundReferences(node.value());
+    return !holdsText || hasSoundReferences(node.value());
   }
 
   const bool hasReferences_;
@@ -158,23 +158,23 @@ struct CXmlBase::Document {
   pugi::xml_node entered = tree;  // P
   pugi::xml_node selected;        // cur
   pugi::xml_node origin;          // org
-  std::string text;               // reused by Escaped
+  std::string text;               // reused by escaped
 
-  void Enter(pugi::xml_node node) {
+  void enter(pugi::xml_node node) {
     entered = node;
     selected = origin = pugi::xml_node();
   }
-  void Select(pugi::xml_node node) { selected = origin = node; }
+  void select(pugi::xml_node node) { selected = origin = node; }
 
-  bool Load(std::string_view source) {
+  bool load(std::string_view source) {
     Settler settler(source.find('&') != source.npos);
     return source.size() <= kMaxText && source.starts_with('<') && qn::text::isXmlText(source) &&
            tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
-           HasSoundTop(tree) && tree.traverse(settler);
+           hasSoundTop(tree) && tree.traverse(settler);
   }
 
   // The text as it is written, ending in NUL; valid until the next call.
-  const char* Escaped(std::string_view source, qn::text::XmlPlace place) {
+  const char* escaped(std::string_view source, qn::text::XmlPlace place) {
     text.clear();
     qn::text::appendEscapedXml(source, place, text);
     return text.c_str();
@@ -185,35 +185,35 @@ CXmlBase::CXmlBase() : document_(std::make_unique<Document>()) {}
 CXmlBase::~CXmlBase() = default;
 
 bool CXmlBase::Parse(std::string_view text) {
-  const bool sound = document_->Load(WithoutMarkAndBlanks(text));
+  const bool sound = document_->load(withoutMarkAndBlanks(text));
   if (!sound) document_->tree.reset();
-  document_->Enter(document_->tree);
+  document_->enter(document_->tree);
   return sound;
 }
 
 bool CXmlBase::FindElem(const char* name) {
   const pugi::xml_node from =
       document_->origin ? document_->origin : document_->entered.first_child();
-  const pugi::xml_node found = FindFrom(from, name);
-  if (found) document_->Select(found);
+  const pugi::xml_node found = findFrom(from, name);
+  if (found) document_->select(found);
   return !found.empty();
 }
 
 bool CXmlBase::FindElemNoOrder(const char* name) {
-  const pugi::xml_node found = FindFrom(document_->entered.first_child(), name);
+  const pugi::xml_node found = findFrom(document_->entered.first_child(), name);
   if (found) document_->selected = found;
   return !found.empty();
 }
 
 bool CXmlBase::NextSibElem() {
-  const pugi::xml_node next = FirstElementFrom(document_->selected.next_sibling());
-  if (next) document_->Select(next);
+  const pugi::xml_node next = firstElementFrom(document_->selected.next_sibling());
+  if (next) document_->select(next);
   return !next.empty();
 }
 
 bool CXmlBase::IntoElem() {
   if (!document_->selected) return false;
-  document_->Enter(document_->selected);
+  document_->enter(document_->selected);
   return true;
 }
 
@@ -221,7 +221,7 @@ bool CXmlBase::OutOfElem() {
   const pugi::xml_node left = document_->entered;
   if (left == document_->tree) return false;
   document_->entered = left.parent();
-  document_->Select(left);
+  document_->select(left);
   return true;
 }
 
@@ -241,23 +241,23 @@ void CXmlBase::CreateDeclaration(const char* version, const char* encoding) {
   if (tree.first_child().type() == pugi::node_declaration) tree.remove_child(tree.first_child());
   pugi::xml_node declaration = tree.prepend_child(pugi::node_declaration);
   declaration.set_name("xml");
-  declaration.append_attribute("version").set_value(document_->Escaped(version, Attribute));
-  declaration.append_attribute("encoding").set_value(document_->Escaped(encoding, Attribute));
+  declaration.append_attribute("version").set_value(document_->escaped(version, Attribute));
+  declaration.append_attribute("encoding").set_value(document_->escaped(encoding, Attribute));
 }
 
 void CXmlBase::CreateRoot(const char* name) {
   pugi::xml_document& tree = document_->tree;
   while (pugi::xml_node old = tree.document_element()) tree.remove_child(old);
-  document_->Enter(tree.append_child(name));
+  document_->enter(tree.append_child(name));
 }
 
 void CXmlBase::AddNode(const char* name) {
-  document_->Enter(document_->entered.append_child(name));
+  document_->enter(document_->entered.append_child(name));
 }
 
 void CXmlBase::AddNode(const char* name, std::string_view text) {
   AddNode(name);
-  const char* escaped = document_->Escaped(text, Text);
+  const char* escaped = document_->escaped(text, Text);
   if (*escaped != '\0') document_->entered.append_child(pugi::node_pcdata).set_value(escaped);
 }
 
@@ -265,7 +265,7 @@ void CXmlBase::SetAttribute(const char* name, std::string_view value) {
   if (document_->entered == document_->tree) return;
   pugi::xml_attribute attribute = document_->entered.attribute(name);
   if (!attribute) attribute = document_->entered.append_attribute(name);
-  attribute.set_value(document_->Escaped(value, Attribute));
+  attribute.set_value(document_->escaped(value, Attribute));
 }
 
 std::string CXmlBase::GetChildren() const {

@@ -7,19 +7,18 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
-#include <shared_mutex>
 #include <utility>
 
 #include "gateway/config/picture_uploader.h"
 #include "gateway/config/published.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 namespace {
 
 struct Uploader {
-  std::shared_mutex mutex;
-  PictureUploader call;  // guarded by mutex, which is held shared during a call
+  SharedMutex mutex;  // held shared during a call
+  PictureUploader call QN_GUARDED_BY(mutex);
 };
 
 Uploader& uploader() {
@@ -96,8 +95,9 @@ class NetworkCfg final : public CNetworkCfg {
 
   bool uploadFacetoPss(int& errorOut, std::string& urlOut, const std::string& picture,
                        const std::string& clientUrl) const override {
-    const std::shared_lock lock(uploader().mutex);
-    if (uploader().call) return uploader().call(errorOut, urlOut, picture, clientUrl);
+    Uploader& installed = uploader();
+    const SharedLock lock(installed.mutex);
+    if (installed.call) return installed.call(errorOut, urlOut, picture, clientUrl);
     errorOut = 0;
     return false;
   }
@@ -120,8 +120,9 @@ class KavroCfg final : public CKAVROCfg {
 }  // namespace
 
 void setPictureUploader(PictureUploader next) {
-  const std::unique_lock lock(uploader().mutex);
-  uploader().call = std::move(next);
+  Uploader& installed = uploader();
+  const ExclusiveLock lock(installed.mutex);
+  installed.call = std::move(next);
 }
 
 void buildConfigObjects(Published& next) {

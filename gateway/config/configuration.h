@@ -145,6 +145,6 @@ const std::shared_ptr<const Configuration>& configuration();
 // Makes a copy of a configuration the one in force and announces the difference in devices, on the
 // calling thread, to the routines attached with QN_DeviceMgr_NotifyAttach. Called at start and on
 // SIGHUP.
-void publishConfiguration(std::shared_ptr<const Configuration> next);
+void publishConfiguration(const std::shared_ptr<const Configuration>& next);
 
 }  // namespace qn

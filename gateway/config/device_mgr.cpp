@@ -1,10 +1,10 @@
 // platform/device_mgr.h on the published configuration.
 #include "platform/device_mgr.h"
 
-#include <mutex>
 #include <utility>
 
 #include "gateway/config/published.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 namespace {
@@ -22,8 +22,8 @@ class NovDevice final : public CNovDevice {
 class Listeners {
  public:
   void attach(DeviceChangeCallBack routine, const void* user) {
-    const std::lock_guard lock(mutex_);
-    for (Listener& listener : listeners_) {
+    const MutexLock lock(mutex_);
+    for (Attached& listener : listeners_) {
       if (listener.routine != routine) continue;
       listener.user = user;
       return;
@@ -32,25 +32,25 @@ class Listeners {
   }
 
   void detach(DeviceChangeCallBack routine) {
-    const std::lock_guard lock(mutex_);
-    std::erase_if(listeners_, [&](const Listener& l) { return l.routine == routine; });
+    const MutexLock lock(mutex_);
+    std::erase_if(listeners_, [&](const Attached& l) { return l.routine == routine; });
   }
 
   void announce(tagNotifyType type, const DeviceConfig& device) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     std::string index = device.index;
-    for (const Listener& listener : listeners_) {
+    for (const Attached& listener : listeners_) {
       listener.routine(type, index.data(), listener.user);
     }
   }
 
  private:
-  struct Listener {
+  struct Attached {
     DeviceChangeCallBack routine;
     const void* user;
   };
-  std::mutex mutex_;
-  std::vector<Listener> listeners_;  // guarded by mutex_
+  Mutex mutex_;
+  std::vector<Attached> listeners_ QN_GUARDED_BY(mutex_);
 };
 
 Listeners& listeners() {
@@ -82,6 +82,7 @@ void announceDevices(const Configuration& before, const Configuration& after) {
 
 }  // namespace qn
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): declared so for its callers
 std::shared_ptr<const CNovDevice> QN_DeviceMgr_GetDevice(std::string devIndex) {
   const auto& devices = qn::published().devices;
   const auto found = devices.find(devIndex);

@@ -1,8 +1,9 @@
 #include "gateway/config/published.h"
 
 #include <atomic>
-#include <mutex>
 #include <utility>
+
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 namespace {
@@ -16,16 +17,16 @@ PublishedPtr emptyPublished() {
 }
 
 // The generation moves after `inForce` has: a thread that sees the new number finds the new one.
-struct State {
-  std::mutex publishing;  // held for the whole of a publish
-  std::mutex mutex;
-  PublishedPtr inForce = emptyPublished();  // guarded by mutex
+struct Publication {
+  Mutex publishing;  // held for the whole of a publish
+  Mutex mutex;
+  PublishedPtr inForce QN_GUARDED_BY(mutex) = emptyPublished();
   std::atomic<uint64_t> generation{1};
 };
 
 // Never destroyed: threads may still ask while the process ends.
-State& state() {
-  static State* const instance = new State;
+Publication& state() {
+  static auto* const instance = new Publication;
   return *instance;
 }
 
@@ -34,10 +35,10 @@ State& state() {
 const Published& published() {
   thread_local uint64_t generation = 0;
   thread_local PublishedPtr cached;
-  State& shared = state();
+  Publication& shared = state();
   const uint64_t latest = shared.generation.load(std::memory_order_acquire);
   if (generation != latest) {
-    const std::lock_guard lock(shared.mutex);
+    const MutexLock lock(shared.mutex);
     cached = shared.inForce;
     generation = latest;
   }
@@ -46,7 +47,7 @@ const Published& published() {
 
 const std::shared_ptr<const Configuration>& configuration() { return published().configuration; }
 
-void publishConfiguration(std::shared_ptr<const Configuration> next) {
+void publishConfiguration(const std::shared_ptr<const Configuration>& next) {
   const auto owned = std::make_shared<Configuration>(*next);
   owned->buildIndexes();
   const auto fresh = std::make_shared<Published>();
@@ -54,11 +55,11 @@ void publishConfiguration(std::shared_ptr<const Configuration> next) {
   buildConfigObjects(*fresh);
   buildDeviceObjects(*fresh);
 
-  State& shared = state();
-  const std::lock_guard publishing(shared.publishing);
+  Publication& shared = state();
+  const MutexLock publishing(shared.publishing);
   PublishedPtr before = fresh;
   {
-    const std::lock_guard lock(shared.mutex);
+    const MutexLock lock(shared.mutex);
     shared.inForce.swap(before);
   }
   shared.generation.fetch_add(1, std::memory_order_release);

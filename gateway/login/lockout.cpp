@@ -34,7 +34,7 @@ Lockout::Standing Lockout::standingOf(const Count& count, const LockOptions& opt
 
 Lockout::Standing Lockout::fail(std::string_view address, const LockOptions& options, Time now) {
   const std::string key(lockoutAddress(address));
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   clean_ = false;
   auto found = counts_.find(key);
   if (found == counts_.end() && counts_.size() >= kAddresses) makeRoom(now);
@@ -54,7 +54,7 @@ Lockout::Standing Lockout::standing(std::string_view address, const LockOptions&
                                     Time now) {
   if (clean_) return {options.maxAttempts, {}};
   const std::string key(lockoutAddress(address));
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = counts_.find(key);
   if (found != counts_.end()) return standingOf(found->second, options, now);
   return standingOf(sharedUsed_ ? shared(key) : Count(), options, now);
@@ -62,7 +62,7 @@ Lockout::Standing Lockout::standing(std::string_view address, const LockOptions&
 
 void Lockout::forget(std::string_view address, const LockOptions& options, Time now) {
   if (clean_) return;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = counts_.find(std::string(lockoutAddress(address)));
   if (found == counts_.end() || standingOf(found->second, options, now).locked()) return;
   counts_.erase(found);

@@ -6,12 +6,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 #include "gateway/config/configuration.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -50,18 +50,17 @@ class Lockout {
   };
 
   static Standing standingOf(const Count& count, const LockOptions& options, Time now);
-  Count& shared(std::string_view address);
-  void makeRoom(Time now);
+  Count& shared(std::string_view address) QN_REQUIRES(mutex_);
+  void makeRoom(Time now) QN_REQUIRES(mutex_);
 
   std::array<char, 32> key_{};  // constant after construction
   // Nothing is counted: the usual case, told without the lock.
   std::atomic<bool> clean_{true};
-  std::mutex mutex_;
-  // The rest is guarded by mutex_.
-  std::unordered_map<std::string, Count> counts_;
-  std::array<Count, kShared> sharedCounts_{};
-  bool sharedUsed_ = false;
-  Time roomMadeAt_{};
+  Mutex mutex_;
+  std::unordered_map<std::string, Count> counts_ QN_GUARDED_BY(mutex_);
+  std::array<Count, kShared> sharedCounts_ QN_GUARDED_BY(mutex_){};
+  bool sharedUsed_ QN_GUARDED_BY(mutex_) = false;
+  Time roomMadeAt_ QN_GUARDED_BY(mutex_){};
 };
 
 // What is counted as one client: an IPv4 address; of an IPv6 address the network, because a host

@@ -82,45 +82,45 @@ bool Nonces::use(std::string_view nonce, uint32_t count, std::string_view user, 
   }
   Text text{};
   std::copy(nonce.begin(), nonce.end(), text.begin());
-  Shard& shard = shards_[TextHash()(text) % kShards];
-  const std::lock_guard lock(shard.mutex);
-  Generation& home = generation(shard, madeAt);
+  Bucket& bucket = buckets_[NonceHash()(text) % kBuckets];
+  const MutexLock lock(bucket.mutex);
+  Generation& home = generation(bucket, madeAt);
   const auto found = home.entries.find(text);
   if (found != home.entries.end()) return found->second.counts.take(count);
   if (!authentic(nonce)) return false;
 
   const auto userSlot = uint8_t(std::hash<std::string_view>()(user) % inUseBySlot_.size());
-  if (!mayAdd(shard, userSlot)) dropExpired(shard, now);
-  if (!mayAdd(shard, userSlot)) return false;
-  Entry& entry = home.entries[text];
+  if (!mayAdd(bucket, userSlot)) dropExpired(bucket, now);
+  if (!mayAdd(bucket, userSlot)) return false;
+  UsedNonce& entry = home.entries[text];
   entry.userSlot = userSlot;
-  ++shard.size;
+  ++bucket.size;
   ++inUseBySlot_[userSlot];
   return entry.counts.take(count);
 }
 
-bool Nonces::mayAdd(const Shard& shard, uint8_t userSlot) const {
-  return shard.size < kInUse / kShards && inUseBySlot_[userSlot] < kInUseByUser;
+bool Nonces::mayAdd(const Bucket& bucket, uint8_t userSlot) const {
+  return bucket.size < kInUse / kBuckets && inUseBySlot_[userSlot] < kInUseByUser;
 }
 
-Nonces::Generation& Nonces::generation(Shard& shard, uint32_t madeAt) {
+Nonces::Generation& Nonces::generation(Bucket& bucket, uint32_t madeAt) {
   const uint32_t number = madeAt / kGenerationSeconds;
-  Generation& generation = shard.generations[number % kGenerations];
-  if (generation.number != number) clear(shard, generation);
+  Generation& generation = bucket.generations[number % kGenerations];
+  if (generation.number != number) clear(bucket, generation);
   generation.number = number;
   return generation;
 }
 
-void Nonces::clear(Shard& shard, Generation& generation) {
+void Nonces::clear(Bucket& bucket, Generation& generation) {
   for (const auto& [text, entry] : generation.entries) --inUseBySlot_[entry.userSlot];
-  shard.size -= generation.entries.size();
+  bucket.size -= generation.entries.size();
   decltype(generation.entries)().swap(generation.entries);  // gives its buckets back too
 }
 
-void Nonces::dropExpired(Shard& shard, uint32_t now) {
-  for (Generation& generation : shard.generations) {
+void Nonces::dropExpired(Bucket& bucket, uint32_t now) {
+  for (Generation& generation : bucket.generations) {
     const uint32_t lastMade = (generation.number + 1) * kGenerationSeconds - 1;
-    if (lastMade + kLife.count() < now) clear(shard, generation);
+    if (lastMade + kLife.count() < now) clear(bucket, generation);
   }
 }
 

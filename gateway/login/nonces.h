@@ -8,9 +8,10 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string_view>
 #include <unordered_map>
+
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -58,39 +59,39 @@ class Nonces {
  private:
   static constexpr std::size_t kTextMax = 63;
   using Text = std::array<char, kTextMax + 1>;  // padded with NUL
-  struct TextHash {
+  struct NonceHash {
     std::size_t operator()(const Text& text) const {
       return std::hash<std::string_view>()({text.data(), text.size()});
     }
   };
-  struct Entry {
+  struct UsedNonce {
     CountWindow counts;
     uint8_t userSlot = 0;
   };
   // The nonces made within the same kGenerationSeconds; they go together.
   struct Generation {
     uint32_t number = 0;
-    std::unordered_map<Text, Entry, TextHash> entries;
+    std::unordered_map<Text, UsedNonce, NonceHash> entries;
   };
   static constexpr uint32_t kGenerationSeconds = 30;
   static constexpr uint32_t kGenerations = uint32_t(kLife.count()) / kGenerationSeconds + 2;
-  struct Shard {
-    std::mutex mutex;
-    std::array<Generation, kGenerations> generations;  // by number modulo kGenerations
-    std::size_t size = 0;
+  struct Bucket {
+    Mutex mutex;
+    // By number modulo kGenerations.
+    std::array<Generation, kGenerations> generations QN_GUARDED_BY(mutex);
+    std::size_t size QN_GUARDED_BY(mutex) = 0;
   };
-  static constexpr std::size_t kShards = 16;
+  static constexpr std::size_t kBuckets = 16;
 
   bool authentic(std::string_view nonce) const;
-  // The shard's mutex is held in these.
-  Generation& generation(Shard& shard, uint32_t madeAt);
-  void clear(Shard& shard, Generation& generation);
-  void dropExpired(Shard& shard, uint32_t now);
-  bool mayAdd(const Shard& shard, uint8_t userSlot) const;
+  Generation& generation(Bucket& bucket, uint32_t madeAt) QN_REQUIRES(bucket.mutex);
+  void clear(Bucket& bucket, Generation& generation) QN_REQUIRES(bucket.mutex);
+  void dropExpired(Bucket& bucket, uint32_t now) QN_REQUIRES(bucket.mutex);
+  bool mayAdd(const Bucket& bucket, uint8_t userSlot) const QN_REQUIRES(bucket.mutex);
 
   std::array<char, 32> key_{};  // constant after construction
   bool hasKey_ = false;         // constant after construction
-  std::array<Shard, kShards> shards_;
+  std::array<Bucket, kBuckets> buckets_;
   std::array<std::atomic<uint32_t>, 256> inUseBySlot_{};  // by a hash of the user name
 };
 

@@ -56,17 +56,17 @@ void OperationLog::start(const std::filesystem::path& dataDir, std::size_t rows)
   file_ = dataDir / "operation_log.db";
   rows_ = rows;
   batch_.reserve(kBatchLimit);
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   writer_ = std::thread([this] { run(); });
   running_ = true;
 }
 
 void OperationLog::stop() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     running_ = false;
   }
-  wakeUp_.notify_all();
+  wakeUp_.notifyAll();
   if (writer_.joinable()) writer_.join();
 }
 
@@ -76,7 +76,7 @@ bool OperationLog::insert(const tagLogInfo& info) {
                             &record.category, &record.result})
     limit(*text);
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!running_) return false;
     if (queue_.size() >= kQueueLimit) {
       ++lost_;
@@ -84,7 +84,7 @@ bool OperationLog::insert(const tagLogInfo& info) {
     }
     queue_.push_back(std::move(record));
   }
-  wakeUp_.notify_one();
+  wakeUp_.notifyOne();
   return true;
 }
 
@@ -107,8 +107,8 @@ void OperationLog::run() {
 
 // Waits for records; false when the log has stopped and all are written.
 bool OperationLog::nextBatch() {
-  std::unique_lock lock(mutex_);
-  wakeUp_.wait(lock, [this] { return !running_ || !queue_.empty(); });
+  const MutexLock lock(mutex_);
+  while (running_ && queue_.empty()) wakeUp_.wait(mutex_);
   const auto end =
       queue_.begin() + static_cast<std::ptrdiff_t>(std::min(queue_.size(), kBatchLimit));
   batch_.assign(std::make_move_iterator(queue_.begin()), std::make_move_iterator(end));
@@ -142,7 +142,7 @@ void OperationLog::reportFailure(const std::string& reason) {
 }
 
 void OperationLog::reportSuccess() {
-  if (!failure_.empty()) logInfo("operation log: {} is written again", file_.string());
+  if (!failure_.empty()) logError("operation log: {} is written again", file_.string());
   failure_.clear();
   const auto now = std::chrono::steady_clock::now();
   if (now - lossReported_ < kLossReportTime) return;
@@ -153,7 +153,7 @@ void OperationLog::reportSuccess() {
 void OperationLog::reportLost() {
   uint64_t lost = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     lost = std::exchange(lost_, 0);
   }
   if (lost != 0) logError("operation log: {} records lost, not written in time", lost);
@@ -161,8 +161,10 @@ void OperationLog::reportLost() {
 
 // False when the log has stopped.
 bool OperationLog::waitForRetry() {
-  std::unique_lock lock(mutex_);
-  return !wakeUp_.wait_for(lock, retryTime_, [this] { return !running_; });
+  const MutexLock lock(mutex_);
+  const auto end = std::chrono::steady_clock::now() + retryTime_;
+  while (running_ && wakeUp_.waitUntil(mutex_, end)) continue;
+  return running_;
 }
 
 void OperationLog::setAside() {
@@ -179,7 +181,7 @@ void OperationLog::setAside() {
 }
 
 void OperationLog::discardAll() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   lost_ += batch_.size() + queue_.size();
   queue_.clear();
 }

@@ -3,17 +3,16 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "gateway/sync/mutex.h"
 #include "platform/gateway_cfg_bus.h"
 
 namespace qn {
@@ -72,12 +71,11 @@ class OperationLog {
   std::chrono::steady_clock::time_point lossReported_;
   std::string failure_;  // the reason last logged; empty while writing succeeds
 
-  std::mutex mutex_;
-  std::condition_variable wakeUp_;
-  // Guarded by mutex_:
-  std::deque<tagLogInfo> queue_;
-  uint64_t lost_ = 0;  // since the last report
-  bool running_ = false;
+  Mutex mutex_;
+  Condition wakeUp_;
+  std::deque<tagLogInfo> queue_ QN_GUARDED_BY(mutex_);
+  uint64_t lost_ QN_GUARDED_BY(mutex_) = 0;  // since the last report
+  bool running_ QN_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace qn

@@ -58,6 +58,7 @@ PictureStore::PictureStore(fs::path folder, const PictureOptions& options)
 }
 
 void PictureStore::readFolder() {
+  const MutexLock lock(mutex_);
   for (Found& found : pictureFiles(folder_)) {
     bytes_ += found.bytes;
     ++count_;
@@ -67,7 +68,7 @@ void PictureStore::readFolder() {
 }
 
 void PictureStore::setOptions(const PictureOptions& options) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   options_ = options;
 }
 
@@ -80,7 +81,7 @@ void PictureStore::insert(Pictures& one) {
 // Counts a picture that is going to be written, and moves those that must go for it to `dropped`.
 // False when there is no room for it: nothing has changed then.
 bool PictureStore::makeRoom(std::size_t bytes, Pictures& dropped) {
-  const auto fits = [&](std::size_t freedBytes, std::size_t freedCount) {
+  const auto fits = [&](std::size_t freedBytes, std::size_t freedCount) QN_REQUIRES(mutex_) {
     return bytes <= options_.maxBytes && bytes_ - freedBytes <= options_.maxBytes - bytes &&
            count_ - freedCount < options_.maxCount;
   };
@@ -103,7 +104,7 @@ bool PictureStore::makeRoom(std::size_t bytes, Pictures& dropped) {
 PictureStore::Result PictureStore::add(std::string_view picture, std::string& name) {
   Pictures dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!makeRoom(picture.size(), dropped)) return Result::Full;
   }
   for (const Picture& each : dropped) {
@@ -116,14 +117,14 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string& na
     file = fileOf(name);
     writePicture(file, picture);
     Pictures one{{name, picture.size()}};
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     insert(one);
     return Result::Stored;
   } catch (const std::exception& error) {
     logError("a picture of {} bytes cannot be stored: {}", picture.size(), error.what());
     std::error_code ignored;
     fs::remove(file, ignored);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     bytes_ -= picture.size();
     --count_;
     const auto* const system = dynamic_cast<const std::system_error*>(&error);
@@ -133,7 +134,7 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string& na
 
 std::optional<std::string> PictureStore::find(std::string_view name) const {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!byName_.contains(name)) return std::nullopt;
   }
   return readPicture(fileOf(name));

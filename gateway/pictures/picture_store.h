@@ -5,13 +5,13 @@
 #include <cstddef>
 #include <filesystem>
 #include <list>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 #include "gateway/config/configuration.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -42,17 +42,19 @@ class PictureStore {
   using Pictures = std::list<Picture>;  // the oldest first
 
   void readFolder();
-  bool makeRoom(std::size_t bytes, Pictures& dropped);
-  void insert(Pictures& one);
+  bool makeRoom(std::size_t bytes, Pictures& dropped) QN_REQUIRES(mutex_);
+  void insert(Pictures& one) QN_REQUIRES(mutex_);
   std::filesystem::path fileOf(std::string_view name) const;
 
   const std::filesystem::path folder_;
-  mutable std::mutex mutex_;  // guards what follows
-  PictureOptions options_;
-  Pictures pictures_;
-  std::unordered_map<std::string_view, Pictures::iterator> byName_;  // views of the list's names
-  std::size_t bytes_ = 0;  // of all pictures, and of those being written
-  std::size_t count_ = 0;
+  mutable Mutex mutex_;
+  PictureOptions options_ QN_GUARDED_BY(mutex_);
+  Pictures pictures_ QN_GUARDED_BY(mutex_);
+  // Views of the list's names.
+  std::unordered_map<std::string_view, Pictures::iterator> byName_ QN_GUARDED_BY(mutex_);
+  // Of all pictures, and of those being written.
+  std::size_t bytes_ QN_GUARDED_BY(mutex_) = 0;
+  std::size_t count_ QN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace qn

@@ -1,189 +1,112 @@
 // The configuration file, the configuration in force, and what platform/config_mgr.h and
 // platform/device_mgr.h promise about both.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/config/picture_uploader.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
+#include "tests/contract/folder.h"
 
 namespace qn {
 namespace {
 
-class File {
- public:
-  explicit File(const std::string& content)
-      : path_(std::filesystem::temp_directory_path() /
-              ("qn_configuration_" + std::to_string(getpid()) + ".toml")) {
-    std::ofstream(path_, std::ios::binary) << content;
-  }
-  ~File() { std::filesystem::remove(path_); }
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  const std::filesystem::path path_;
-};
-
-Configuration read(const std::string& content) { return readConfiguration(File(content).path()); }
+Configuration read(const std::string& content) {
+  return readConfiguration(Folder().write("test.toml", content));
+}
 
 std::string errorOf(const std::string& content) {
+  const Folder folder;
   try {
-    read(content);
+    readConfiguration(folder.write("test.toml", content));
     return "no error";
   } catch (const ConfigurationError& error) {
     return error.what();
   }
 }
 
-constexpr const char* kWhole = R"([http]
-address = "::"
-port = 8081
-trusted_proxies = ["10.0.0.1", "fe80::1"]
-head_bytes = 2048
-head_seconds = 1
-body_bytes = 4096
-body_seconds = 2
-idle_seconds = 3
-connections = 4
-connections_per_address = 5
-requests = 6
-[network]
-https_enabled = true
-https_port = 8443
-rtsp_port = 8554
-port_mapping = true
-ext_http_port = 1
-ext_https_port = 2
-ext_rtsp_port = 3
-picture_port = 8091
-[kavro]
-mode = 2
-realm = "My Realm"
-algorithm = "SHA-256"
-[lock]
-max_attempts = 7
-lock_seconds = 60
-[storage]
-data_dir = "/tmp/x"
-operation_log_rows = 10
-[pictures]
-max_bytes = 1048576
-max_count = 3
-full = "refuse"
-[bus]
-device_connections = 2
-device_queue = 0
-reply_bytes = 5000
-[log]
-level = "warn"
-[[users]]
-name = "admin"
-password = "12345"
-device = "1"
-[[users]]
-name = "operator"
-ha1 = "ABCDEF00000000000000000000000000000000000000000000000000000000ff"
-device = "gone"
-devices = ["1", "cam-2"]
-[[devices]]
-index = "1"
-url = "http://127.0.0.1:9001/a/b/"
-username = "u"
-password = "p"
-http_port = 9101
-rtsp_port = 9102
-[[devices]]
-index = "cam-2"
-url = "http://[::1]"
-)";
+using std::tuple;
+using std::chrono::seconds;
 
 TEST(ConfigurationFile, EveryKeyReachesItsMember) {
-  const Configuration c = read(kWhole);
-  using std::chrono::seconds;
-  EXPECT_EQ(c.http.address, "::");
-  EXPECT_EQ(c.http.port, 8081);
-  EXPECT_EQ(c.http.trustedProxies, (std::vector<std::string>{"10.0.0.1", "fe80::1"}));
-  EXPECT_EQ(c.http.headBytes, 2048U);
-  EXPECT_EQ(c.http.headTime, seconds(1));
-  EXPECT_EQ(c.http.bodyBytes, 4096U);
-  EXPECT_EQ(c.http.bodyTime, seconds(2));
-  EXPECT_EQ(c.http.idleTime, seconds(3));
-  EXPECT_EQ(c.http.connections, 4U);
-  EXPECT_EQ(c.http.connectionsPerAddress, 5U);
-  EXPECT_EQ(c.http.requests, 6U);
-  EXPECT_TRUE(c.network.httpsEnabled);
-  EXPECT_EQ(c.network.httpsPort, 8443);
-  EXPECT_EQ(c.network.rtspPort, 8554);
-  EXPECT_TRUE(c.network.portMapping);
-  EXPECT_EQ(c.network.extHttpPort, 1);
-  EXPECT_EQ(c.network.extHttpsPort, 2);
-  EXPECT_EQ(c.network.extRtspPort, 3);
-  EXPECT_EQ(c.network.picturePort, 8091);
-  EXPECT_EQ(c.kavro.mode, 2);
-  EXPECT_EQ(c.kavro.realm, "My Realm");
-  EXPECT_EQ(c.kavro.algorithm, DigestAlgorithm::SHA256);
-  EXPECT_EQ(c.lock.maxAttempts, 7);
-  EXPECT_EQ(c.lock.lockTime, seconds(60));
-  EXPECT_EQ(c.storage.dataDir, "/tmp/x");
-  EXPECT_EQ(c.storage.operationLogRows, 10U);
-  EXPECT_EQ(c.pictures.maxBytes, 1048576U);
-  EXPECT_EQ(c.pictures.maxCount, 3U);
-  EXPECT_EQ(c.pictures.full, PictureOptions::WhenFull::Refuse);
-  EXPECT_EQ(c.bus.deviceConnections, 2U);
-  EXPECT_EQ(c.bus.deviceQueue, 0U);
-  EXPECT_EQ(c.bus.replyBytes, 5000U);
+  const Configuration c = readConfiguration(QN_WHOLE_CONFIGURATION);
+  EXPECT_EQ(c.http, (HttpOptions{"::",
+                                 8081,
+                                 {"10.0.0.1", "fe80::1"},
+                                 2048,
+                                 seconds(1),
+                                 4096,
+                                 seconds(2),
+                                 seconds(3),
+                                 4,
+                                 5,
+                                 6}));
+  const NetworkOptions& n = c.network;
+  EXPECT_EQ(tuple(n.httpsEnabled, n.httpsPort, n.rtspPort, n.portMapping),
+            tuple(true, 8443, 8554, true));
+  EXPECT_EQ(tuple(n.extHttpPort, n.extHttpsPort, n.extRtspPort, n.picturePort),
+            tuple(1, 2, 3, 8091));
+  EXPECT_EQ(tuple(c.kavro.mode, c.kavro.realm, c.kavro.algorithm),
+            tuple(2, "My Realm", DigestAlgorithm::SHA256));
+  EXPECT_EQ(tuple(c.lock.maxAttempts, c.lock.lockTime), tuple(7, seconds(60)));
+  EXPECT_EQ(c.storage, (StorageOptions{"/tmp/x", 10}));
+  EXPECT_EQ(tuple(c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full),
+            tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
+  EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
   EXPECT_EQ(c.log.level, "warn");
   ASSERT_EQ(c.users.size(), 2U);
   EXPECT_EQ(c.users[0].ha1,
             hexDigest(DigestAlgorithm::SHA256, {"admin", "My Realm", "12345"}).text());
   EXPECT_EQ(c.users[0].device, "1");
-  EXPECT_EQ(c.users[1].ha1, "abcdef00000000000000000000000000000000000000000000000000000000ff");
+  EXPECT_EQ(c.users[1].ha1, "abcdef" + std::string(56, '0') + "ff");
   EXPECT_EQ(c.users[1].devices, (std::vector<std::string>{"1", "cam-2"}));
   ASSERT_EQ(c.devices.size(), 2U);
-  EXPECT_EQ(c.devices[0].host, "127.0.0.1");
-  EXPECT_EQ(c.devices[0].port, 9001);
-  EXPECT_EQ(c.devices[0].basePath, "/a/b");
-  EXPECT_EQ(c.devices[0].username, "u");
-  EXPECT_EQ(c.devices[0].password, "p");
-  EXPECT_EQ(c.devices[0].httpPort, 9101);
-  EXPECT_EQ(c.devices[0].rtspPort, 9102);
-  EXPECT_EQ(c.devices[1].host, "::1");
-  EXPECT_EQ(c.devices[1].port, 80);
-  EXPECT_EQ(c.devices[1].basePath, "");
+  const DeviceConfig& d = c.devices[0];
+  EXPECT_EQ(tuple(d.index, d.host, d.port, d.basePath), tuple("1", "127.0.0.1", 9001, "/a/b"));
+  EXPECT_EQ(tuple(d.username, d.password, d.httpPort, d.rtspPort), tuple("u", "p", 9101, 9102));
+  EXPECT_EQ(tuple(c.devices[1].host, c.devices[1].port, c.devices[1].basePath),
+            tuple("::1", 80, ""));
   EXPECT_EQ(c.findDeviceByPort(9101), &c.devices[0]);
   EXPECT_EQ(c.findDeviceByPort(0), nullptr);
   EXPECT_EQ(c.findUser("operator"), &c.users[1]);
   EXPECT_EQ(c.findUser("nobody"), nullptr);
 }
 
-TEST(ConfigurationFile, AnEmptyFileGivesTheDefaults) {
-  const Configuration c = read("");
-  EXPECT_EQ(c.http.port, 8080);
-  EXPECT_EQ(c.kavro.realm, "KAVRO");
-  EXPECT_TRUE(c.users.empty());
+// The example that operators start from, as it is and with what is commented out said.
+TEST(ConfigurationFile, TheExampleNamesEveryKeyWithItsDefault) {
+  std::ifstream example(QN_EXAMPLE_CONFIGURATION);
+  std::string said;
+  for (std::string line; std::getline(example, line); said += '\n') {
+    said += std::regex_replace(line, std::regex("^# ([a-z_]+ = .*)$"), "$1");
+  }
+  const Configuration plain = readConfiguration(QN_EXAMPLE_CONFIGURATION);
+  HttpOptions http;
+  http.address = plain.http.address;
+  EXPECT_EQ(plain.http, http);
+  const auto values = [](const Configuration& c) {
+    return tuple(c.storage.dataDir, c.storage.operationLogRows, c.kavro.realm, c.kavro.mode,
+                 c.lock.maxAttempts, c.lock.lockTime, c.network.httpsPort, c.network.rtspPort,
+                 c.network.picturePort, c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full,
+                 c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes, c.log.level);
+  };
+  EXPECT_EQ(read(said).http, http);
+  EXPECT_EQ(values(read(said)), values(Configuration()));
+  EXPECT_TRUE(read("").users.empty());
 }
 
 TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
-  struct Case {
-    std::string content;
-    std::string error;  // after the file's name
-  };
   const std::string device = "[[devices]]\nindex = \"1\"\nurl = \"http://h\"\n";
   const std::string user = "[[users]]\nname = \"a\"\ndevice = \"1\"\npassword = \"p\"\n";
-  const auto url = [](const std::string& text) {
-    return "[[devices]]\nindex = \"1\"\nurl = \"" + text + "\"\n";
-  };
-  const std::string urlError = ":3: devices.url: expected a string: http://";
-  const auto index = [](const std::string& text) { return "[[devices]]\nindex = " + text; };
-  const std::string indexError = ":2: devices.index: expected a string: 1 to 63";
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // the error after the file's name
       {"[http\n", ":1: "},
       {"[http]\nport = 1\nport = 2\n", ":3: "},
       {"\n[htpp]\n", ":2: htpp: unknown section"},
@@ -221,31 +144,25 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {device + "http_port = 8080\n", ":4: devices.http_port: expected a value that is not taken"},
       {device + "password = \"x\"\n", ":1: devices.username: expected a name"},
       {device + "password = \"a\\nb\"\n", ":4: devices.password: expected a string"},
-      {index("\"\""), indexError},
-      {index("\"a b\""), indexError},
-      {index("\"a&b\""), indexError},
-      {index("\"\\u00e9\""), indexError},
-      {index("\"" + std::string(64, 'x') + "\""), indexError},
-      {index("1"), indexError},
-      {url(""), urlError},
-      {url("https://h"), urlError},
-      {url("http://"), urlError},
-      {url("http://:80"), urlError},
-      {url("http://h:"), urlError},
-      {url("http://h:0"), urlError},
-      {url("http://h:65536"), urlError},
-      {url("http://h:80x"), urlError},
-      {url("http://u:p@h"), urlError},
-      {url("http://h/a?b"), urlError},
-      {url("http://h/a b"), urlError},
-      {url("http://::1/"), urlError},
-      {url("http://[::1"), urlError},
-      {url("http://[h]"), urlError},
-      {url("http://[::1]x"), urlError},
   };
-  for (const Case& c : cases) {
-    EXPECT_NE(errorOf(c.content).find(".toml" + c.error), std::string::npos)
-        << c.content << "\n-> " << errorOf(c.content);
+  const auto expectError = [](const std::string& content, const std::string& error) {
+    EXPECT_NE(errorOf(content).find(".toml" + error), std::string::npos)
+        << content << "\n-> " << errorOf(content);
+  };
+  for (const auto& [content, error] : cases) expectError(content, error);
+  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"\\u00e9\"", "1"}) {
+    expectError("[[devices]]\nindex = " + index, ":2: devices.index: expected a string: 1 to 63");
+  }
+  EXPECT_EQ(read("[[devices]]\nindex = \"" + std::string(63, 'x') + "\"\nurl = \"http://h\"")
+                .devices.size(),
+            1u);
+  expectError("[[devices]]\nindex = \"" + std::string(64, 'x') + "\"", ":2: devices.index");
+  for (const char* url :
+       {"", "https://h", "http://", "http://:80", "http://h:", "http://h:0", "http://h:65536",
+        "http://h:80x", "http://u:p@h", "http://h/a?b", "http://h/a b", "http://::1/",
+        "http://[::1", "http://[h]", "http://[::1]x"}) {
+    expectError("[[devices]]\nindex = \"1\"\nurl = \"" + std::string(url) + "\"\n",
+                ":3: devices.url: expected a string: http://");
   }
 }
 
@@ -256,7 +173,7 @@ TEST(ConfigurationFile, ErrorsNeverShowPasswords) {
   EXPECT_EQ(error.find("secret"), error.npos);
 }
 
-TEST(ConfigurationFile, DeepNestingIsAnErrorAndNoCrash) {
+TEST(ConfigurationFile, DeepNestingAndLargeFilesAreErrorsAndNoCrash) {
   EXPECT_THROW(read("x = " + std::string(100000, '[')), ConfigurationError);
   std::string parts = "a";
   for (int i = 0; i < 100000; ++i) parts += ".a";
@@ -270,12 +187,9 @@ TEST(ConfigurationFile, DeepNestingIsAnErrorAndNoCrash) {
   EXPECT_EQ(read("[storage] # a.b.c.d.e.f.g.h.i.j.k\ndata_dir = '/a.b.c.d.e.f.g.h.i.j.k'\n")
                 .storage.dataDir,
             "/a.b.c.d.e.f.g.h.i.j.k");
-}
-
-TEST(ConfigurationFile, MustBeAReadableFileOfBoundedSize) {
-  EXPECT_THROW(readConfiguration("/nonexistent/x.toml"), ConfigurationError);
-  EXPECT_THROW(readConfiguration("/tmp"), ConfigurationError);
-  EXPECT_THROW(readConfiguration("/dev/zero"), ConfigurationError);
+  for (const char* file : {"/nonexistent/x.toml", "/tmp", "/dev/zero"}) {
+    EXPECT_THROW(readConfiguration(file), ConfigurationError) << file;
+  }
   EXPECT_THROW(read("#" + std::string(kConfigurationFileBytes, ' ')), ConfigurationError);
 }
 

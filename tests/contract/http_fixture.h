@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
@@ -25,6 +26,8 @@ using QNHttpService::CHttpExchange;
 using QNHttpService::HTTP_LINK_BROKEN;
 using QNHttpService::stHttpRes;
 using namespace std::chrono_literals;
+
+inline constexpr char kGet[] = "GET /a?b=1 HTTP/1.1\r\nHost: h\r\n\r\n";
 
 struct HttpAnswer {
   int status = 0;    // 0: none came
@@ -146,18 +149,39 @@ class HttpFixture : public testing::Test {
   HttpFixture() {
     options_.port = 0;
     // By default: says what came.
-    script([](int&, std::string& body, int&, const stHttpRes& request) {
-      body = request.exchange->getUrl() + "|" +
+    answering([](const stHttpRes& request) {
+      return request.exchange->getUrl() + "|" +
              (request.body ? std::string(request.body, std::size_t(request.bodyLength)) : "");
-      return 200;
     });
   }
   ~HttpFixture() override { stop(); }
 
   // Before the first client.
   void script(Script script) { currentScript() = std::move(script); }
+  // Every answer is 200 with this text.
+  void answering(std::function<std::string(const stHttpRes&)> text) {
+    script([text](int&, std::string& body, int&, const stHttpRes& request) {
+      body = text(request);
+      return 200;
+    });
+  }
+  // Requests for this path are left to the test, others answered with 200 at once; "": all.
+  void leaving(const std::string& path = {}) {
+    script([this, path](int&, std::string&, int& asyncReply, const stHttpRes& request) {
+      asyncReply = path.empty() || request.exchange->getUrl() == path;
+      if (asyncReply == 1) handle_ = request.exchange->getHttpHandle();
+      return 200;
+    });
+  }
+  int waitForHandle();
+  static int answer(int handle, std::string_view text) {
+    return CHttpExchange(handle).response(text.data(), static_cast<int>(text.size()));
+  }
   HttpService& start() {
     reactors_.start();
+    return listen();
+  }
+  HttpService& listen() {
     service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
     service_->listen();
     return *service_;
@@ -168,6 +192,13 @@ class HttpFixture : public testing::Test {
     reactors_.stop();
   }
   uint16_t port() const { return service_->port(); }
+  HttpAnswer ask(std::string_view request) { return RawClient(port()).ask(request); }
+  // A free one.
+  uint16_t otherPort() {
+    HttpService probe(reactors_, workers_, options_, runScript);
+    probe.listen();
+    return probe.port();
+  }
 
   HttpOptions options_;
   HttpBounds bounds_;
@@ -175,6 +206,7 @@ class HttpFixture : public testing::Test {
   WorkerPool pool_{2, 2};
   HttpWorkers workers_{pool_, pool_};
   std::unique_ptr<HttpService> service_;
+  std::atomic<int> handle_{0};  // of the last request that was left
 };
 
 // Waits for something that another thread does; 10 s at most.
@@ -185,6 +217,12 @@ inline bool eventually(const std::function<bool()>& holds) {
     ::usleep(2000);
   }
   return true;
+}
+
+inline int HttpFixture::waitForHandle() {
+  int handle = 0;
+  EXPECT_TRUE(eventually([&] { return (handle = handle_.exchange(0)) != 0; }));
+  return handle;
 }
 
 }  // namespace qn

@@ -11,29 +11,23 @@
 namespace qn {
 namespace {
 
-constexpr char kGet[] = "GET /a?b=1 HTTP/1.1\r\nHost: h\r\n\r\n";
-
-TEST_F(HttpFixture, AnswersOnOneConnectionAndNamesItself) {
+TEST_F(HttpFixture, AnswersOnOneConnectionAndDoesNotNameItself) {
   start();
   RawClient client(port());
   for (int i = 0; i < 3; ++i) {
     const HttpAnswer answer = client.ask(kGet);
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body, "/a?b=1|");
-    EXPECT_TRUE(answer.has("content-type: application/xml\r\n")) << answer.head;
-    EXPECT_TRUE(answer.has("\ndate: ")) << answer.head;
-    EXPECT_FALSE(answer.has("server:")) << answer.head;
-    EXPECT_FALSE(answer.has("connection:")) << answer.head;
+    EXPECT_TRUE(answer.status == 200 && answer.body == "/a?b=1|");
+    EXPECT_TRUE(answer.has("content-type: application/xml\r\n") && answer.has("\ndate: "));
+    EXPECT_FALSE(answer.has("server:") || answer.has("connection:")) << answer.head;
   }
 }
 
 TEST_F(HttpFixture, RequestsThatAreServed) {
-  struct Case {
+  const struct {
     const char* request;
     const char* body;
     bool keepsConnection;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"\r\n\r\nGET / HTTP/1.1\r\nhOsT: h\r\n\r\n", "/|", true},
       {"GET http://h:80/x/y?z HTTP/1.1\r\nHost: h\r\n\r\n", "/x/y?z|", true},
       {"GET HTTP://h HTTP/1.1\r\nHost: h\r\n\r\n", "/|", true},
@@ -48,7 +42,7 @@ TEST_F(HttpFixture, RequestsThatAreServed) {
        "/p|abcde", true},
   };
   start();
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.request);
     RawClient whole(port());
     const HttpAnswer answer = whole.ask(c.request);
@@ -67,67 +61,62 @@ TEST_F(HttpFixture, RequestsThatAreServed) {
 }
 
 TEST_F(HttpFixture, RequestsThatAreRefused) {
-  struct Case {
+  const std::string get = "GET / HTTP/1.1\r\nHost: h\r\n";
+  const std::string put = "PUT / HTTP/1.1\r\nHost: h\r\n";
+  const std::string chunks = put + "Transfer-Encoding: chunked\r\n\r\n";
+  const std::string length = put + "Content-Length: ";
+  const std::string many(9000, 'x');
+  const struct {
     int status;
-    std::string request;
-  };
-  const std::string host = "Host: h\r\n";
-  const Case cases[] = {
-      {400, "\x16\x03\x01\x02"},
-      {400, "GET / HTTP/1.1\r\n\r\n"},
-      {400, "GET : h\r\n\r\n"},  // the parser would ask for more of the version
-      {400, "GET / HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n"},
-      {400, "GET / HTTP/1.1\nHost: h\n\n"},
-      {400, "GET / HTTP/2.0\r\nHost: h\r\n\r\n"},
-      {400, "GET x HTTP/1.1\r\nHost: h\r\n\r\n"},
-      {400, "GET ftp://h/x HTTP/1.1\r\nHost: h\r\n\r\n"},
-      {400, "GET * HTTP/1.1\r\nHost: h\r\n\r\n"},
-      {400, "GET / HTTP/1.1\r\n" + host + "A: b\r\n c\r\n\r\n"},
-      {400, "GET / HTTP/1.1\r\n" + host + "A:\r\n c\r\n\r\n"},
-      {400, "GET / HTTP/1.1\r\n" + host + "A : b\r\n\r\n"},
-      {400, "GET / HTTP/1.1\r\n" + host + "A: b\rc\r\n\r\n"},
-      {400, "GET / HTTP/1.1\r\n" + host + std::string("A: b\0c\r\n\r\n", 11)},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1\r\nContent-Length: 2\r\n\r\na"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1, 2\r\n\r\na"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Content-Length: +1\r\n\r\na"},
+    std::vector<std::string> requests;
+  } cases[] = {
       {400,
-       "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1\r\nTransfer-Encoding: chunked\r\n\r\n"},
+       {"\x16\x03\x01\x02", "GET\r\n\r\n", "GET /\r\n\r\n",
+        "GET : h\r\n\r\n" /* asks for more of the version */, "GET / HTTP/1.1\r\n\r\n",
+        "GET / HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n", "GET / HTTP/1.1\nHost: h\n\n",
+        "GET / HTTP/2.0\r\nHost: h\r\n\r\n", "GET x HTTP/1.1\r\nHost: h\r\n\r\n",
+        "GET /a b HTTP/1.1\r\nHost: h\r\n\r\n", "GET ftp://h/x HTTP/1.1\r\nHost: h\r\n\r\n",
+        "GET * HTTP/1.1\r\nHost: h\r\n\r\n", "G\x80T / HTTP/1.1\r\nHost: h\r\n\r\n"}},
       {400,
-       "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\nContent-Length: 1\r\n\r\n"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked, gzip\r\n\r\n"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: xchunked\r\n\r\n"},
-      {400, "PUT / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n1\r\nabc\r\n"},
-      {400, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n1;" +
-                std::string(9000, 'x')},
-      {413, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 1001\r\n\r\n"},
-      {413, "PUT / HTTP/1.1\r\n" + host + "Content-Length: 99999999999999999\r\n\r\n"},
-      {413, "PUT / HTTP/1.1\r\n" + host + "Expect: 100-continue\r\nContent-Length: 1001\r\n\r\n"},
-      {413, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n3e9\r\n"},
-      {413, "PUT / HTTP/1.1\r\n" + host + "Transfer-Encoding: chunked\r\n\r\n1\r\na\r\n3e8\r\n"},
-      {431, "GET / HTTP/1.1\r\n" + host + "A: " + std::string(9000, 'x')},
-      {431, "GET / HTTP/1.1\r\n" + host + "A: " + std::string(9000, 'x') + "\r\n\r\n"},
-      {431, "GET /" + std::string(9000, 'x')},
-      {501, "BREW / HTTP/1.1\r\nHost: h\r\n\r\n"},
-      {501, "CONNECT h:1 HTTP/1.1\r\nHost: h\r\n\r\n"},
+       {get + "A: b\r\n c\r\n\r\n", get + "A:\r\n c\r\n\r\n", get + "A : b\r\n\r\n",
+        get + ": b\r\n\r\n", get + "No colon\r\n\r\n", get + "A: b\rc\r\n\r\n",
+        get + std::string("A: b\0c\r\n\r\n", 11)}},
+      {400,
+       {length + "1\r\nContent-Length: 2\r\n\r\na", length + "1, 2\r\n\r\na",
+        length + "+1\r\n\r\na", length + "-1\r\n\r\n", length + "x\r\n\r\n",
+        length + "99999999999999999999999\r\n\r\n",
+        length + "1\r\nTransfer-Encoding: chunked\r\n\r\n",
+        put + "Transfer-Encoding: chunked\r\nContent-Length: 1\r\n\r\n",
+        put + "Transfer-Encoding: chunked, gzip\r\n\r\n",
+        put + "Transfer-Encoding: xchunked\r\n\r\n",
+        "PUT / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"}},
+      {400,
+       {chunks + "xyz\r\n", chunks + "1\r\nabc\r\n", chunks + "fffffffffffffffff\r\n",
+        chunks + "1;" + many}},
+      {413,
+       {length + "1001\r\n\r\n", length + "99999999999999999\r\n\r\n",
+        put + "Expect: 100-continue\r\nContent-Length: 1001\r\n\r\n", chunks + "3e9\r\n",
+        chunks + "1\r\na\r\n3e8\r\n", length + "1000000\r\n\r\n" + std::string(1'000'000, 'x')}},
+      {431, {get + "A: " + many, get + "A: " + many + "\r\n\r\n", "GET /" + many}},
+      {501, {"BREW / HTTP/1.1\r\nHost: h\r\n\r\n", "CONNECT h:1 HTTP/1.1\r\nHost: h\r\n\r\n"}},
   };
   options_.headBytes = 8192;
   options_.bodyBytes = 1000;
   start();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.request.substr(0, 120));
-    RawClient client(port());
-    const HttpAnswer answer = client.ask(c.request);
-    EXPECT_EQ(answer.status, c.status);
-    EXPECT_TRUE(answer.has("connection: close\r\n"));
-    EXPECT_TRUE(answer.has("content-type: application/json\r\n"));
-    EXPECT_NE(answer.body.find("\"statusString\""), std::string::npos) << answer.body;
-    client.endSending();
-    EXPECT_TRUE(client.closedByServer());
+  for (const auto& [status, requests] : cases) {
+    for (const std::string& request : requests) {
+      SCOPED_TRACE(request.substr(0, 120));
+      RawClient client(port());
+      const HttpAnswer answer = client.ask(request);
+      EXPECT_EQ(answer.status, status);
+      EXPECT_TRUE(answer.has("connection: close\r\n"));
+      EXPECT_TRUE(answer.has("content-type: application/json\r\n"));
+      EXPECT_NE(answer.body.find("\"statusString\""), std::string::npos) << answer.body;
+      client.endSending();
+      EXPECT_TRUE(client.closedByServer());
+    }
   }
-  RawClient other(port());
-  EXPECT_EQ(other.ask(kGet).status, 200);
+  EXPECT_EQ(ask(kGet).status, 200);
 }
 
 TEST_F(HttpFixture, LargestHeadAndBodyPass) {
@@ -142,21 +131,9 @@ TEST_F(HttpFixture, LargestHeadAndBodyPass) {
   EXPECT_EQ(client.ask(kGet).status, 200);
 }
 
-TEST_F(HttpFixture, RefusalReachesAClientThatGoesOnSending) {
-  options_.bodyBytes = 1000;
-  start();
-  RawClient client(port());
-  client.send("PUT / HTTP/1.1\r\nHost: h\r\nContent-Length: 1000000\r\n\r\n");
-  client.send(std::string(1'000'000, 'x'));
-  EXPECT_EQ(client.answer().status, 413);
-}
-
+// The time for a head is a total: a byte now and then does not extend it.
 TEST_F(HttpFixture, SlowClientsAreToldAndIdleOnesClosed) {
-  struct Case {
-    const char* start;
-    int status;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, int> cases[] = {
       {"GET / HTTP/1.1\r\nHo", 408},
       {"PUT / HTTP/1.1\r\nHost: h\r\nContent-Length: 5\r\n\r\nab", 408},
       {"", 0},
@@ -164,28 +141,20 @@ TEST_F(HttpFixture, SlowClientsAreToldAndIdleOnesClosed) {
   options_.headTime = options_.bodyTime = options_.idleTime = 1s;
   start();
   std::vector<std::unique_ptr<RawClient>> clients;
-  for (const Case& c : cases) {
+  for (const auto& [begun, status] : cases) {
     clients.push_back(std::make_unique<RawClient>(port()));
-    clients.back()->send(c.start);
+    clients.back()->send(begun);
   }
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    EXPECT_EQ(clients[i]->answer().status, cases[i].status) << cases[i].start;
-    EXPECT_TRUE(clients[i]->closedByServer());
-  }
-}
-
-// The time for a head is a total: a byte now and then does not extend it.
-TEST_F(HttpFixture, DripFedHeadEndsInTime) {
-  options_.headTime = 1s;
-  start();
-  RawClient client(port());
   const auto begin = std::chrono::steady_clock::now();
   std::thread drip([&] {
-    for (int i = 0; i < 30 && client.send("x"); ++i) ::usleep(50'000);
+    for (int i = 0; i < 30 && clients[0]->send("x"); ++i) ::usleep(50'000);
   });
-  EXPECT_EQ(client.answer().status, 408);
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    EXPECT_EQ(clients[i]->answer().status, cases[i].second) << cases[i].first;
+    if (i == 0) drip.join();
+    EXPECT_TRUE(clients[i]->closedByServer());
+  }
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 2500ms);
-  drip.join();
 }
 
 TEST_F(HttpFixture, AsksForTheBodyThatAClientHoldsBack) {
@@ -243,10 +212,9 @@ TEST_F(HttpFixture, PipelinedRequestsAreAnsweredInOrder) {
 // A client that sends and never reads is made to wait: what it can have served is bounded.
 TEST_F(HttpFixture, PipeliningWithoutReadingIsBounded) {
   std::atomic<int> served{0};
-  script([&](int&, std::string& body, int&, const stHttpRes&) {
+  answering([&](const stHttpRes&) {
     ++served;
-    body.assign(100'000, 'x');
-    return 200;
+    return std::string(100'000, 'x');
   });
   start();
   RawClient client(port(), 8192);
@@ -261,24 +229,6 @@ TEST_F(HttpFixture, PipeliningWithoutReadingIsBounded) {
   }));
   EXPECT_LT(served, 200);
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(client.answer().body.size(), 100'000u);
-}
-
-TEST_F(HttpFixture, ClientThatEndedItsSideStillGetsTheAnswer) {
-  std::atomic<int> handle{0};
-  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
-    asyncReply = 1;
-    handle = request.exchange->getHttpHandle();
-    return 200;
-  });
-  start();
-  RawClient client(port());
-  client.send(kGet);
-  ASSERT_TRUE(eventually([&] { return handle != 0; }));
-  client.endSending();
-  ::usleep(20'000);
-  CHttpExchange(handle).response("late", 4);
-  EXPECT_EQ(client.answer().body, "late");
-  EXPECT_TRUE(client.closedByServer());
 }
 
 TEST_F(HttpFixture, ClientThatEndedItsSideGetsEveryAnswerItAskedFor) {
@@ -305,7 +255,7 @@ TEST_F(HttpFixture, ExchangeShowsTheRequestAndRefusesBadHeaders) {
   script([](int&, std::string& body, int&, const stHttpRes& request) {
     CHttpExchange& exchange = *request.exchange;
     body = std::to_string(exchange.getMethod()) + exchange.getHead("x-one") +
-           exchange.getHead("X-None") + exchange.getHead("Authorization");
+           exchange.getHead("X-None") + exchange.getHead("authorization");
     exchange.setHead("X-Good", "old");
     exchange.setHead("x-good", "new");
     exchange.setHead("X-Bad", "a\r\nX-Injected: 1");
@@ -320,86 +270,49 @@ TEST_F(HttpFixture, ExchangeShowsTheRequestAndRefusesBadHeaders) {
       "PATCH /t HTTP/1.1\r\nHost: h\r\nX-One:  v 1\t\r\n"
       "Authorization: Digest username=\"u\", uri=\"/other\"\r\n\r\n");
   EXPECT_EQ(answer.status, 404);
-  EXPECT_EQ(answer.body, "6v 1");
+  EXPECT_EQ(answer.body, "6v 1") << "credentials for another target are dropped";
+  EXPECT_EQ(
+      client.ask("GET /t?x HTTP/1.1\r\nHost: h\r\nAuthorization: Digest uri=\"/t?x\"\r\n\r\n").body,
+      "0Digest uri=\"/t?x\"");
   EXPECT_TRUE(answer.has("x-good: new\r\n")) << answer.head;
   EXPECT_FALSE(answer.has("old") || answer.has("injected") || answer.has("x-bad"));
   EXPECT_TRUE(answer.has("content-length: 4\r\n")) << answer.head;
 }
 
-TEST_F(HttpFixture, CredentialsForThisTargetReachTheModule) {
-  script([](int&, std::string& body, int&, const stHttpRes& request) {
-    body = request.exchange->getHead("authorization");
-    return 200;
-  });
-  start();
-  RawClient client(port());
-  const std::string credentials = "Digest username=\"u\", uri=\"/t?x=1\"";
-  EXPECT_EQ(
-      client.ask("GET /t?x=1 HTTP/1.1\r\nHost: h\r\nAuthorization: " + credentials + "\r\n\r\n")
-          .body,
-      credentials);
-}
-
-TEST_F(HttpFixture, ClientAddressIsThePeerUnlessAProxyIsTrusted) {
-  script([](int&, std::string& body, int&, const stHttpRes& request) {
-    body = request.exchange->getHead("x-forwarded-for");
-    return 200;
-  });
-  const std::string forged = "GET / HTTP/1.1\r\nHost: h\r\nX-Forwarded-For: 9.9.9.9\r\n\r\n";
-  start();
-  EXPECT_EQ(RawClient(port()).ask(forged).body, "127.0.0.1");
-  EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
-  options_.trustedProxies = {"127.0.0.1"};
-  service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
-  service_->listen();
-  EXPECT_EQ(RawClient(port()).ask(forged).body, "9.9.9.9");
-  EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
-}
-
 // Proxies append to what the client wrote, so only the end of the list can be believed.
-TEST_F(HttpFixture, ForwardedListIsReadFromTheEndThatTheProxiesWrote) {
-  script([](int&, std::string& body, int&, const stHttpRes& request) {
-    body = request.exchange->getHead("X-Forwarded-For");
-    return 200;
-  });
-  options_.trustedProxies = {"127.0.0.1", "10.0.0.1"};
-  start();
-  const struct {
-    std::string lines;
-    std::string client;
-  } cases[] = {
-      {"X-Forwarded-For: 6.6.6.6, 9.9.9.9\r\n", "9.9.9.9"},
-      {"X-Forwarded-For: 6.6.6.6\r\nX-Forwarded-For: 9.9.9.9\r\n", "9.9.9.9"},
-      {"X-Forwarded-For: 6.6.6.6, 9.9.9.9, 10.0.0.1\r\n", "9.9.9.9"},
-      {"X-Forwarded-For: 10.0.0.1\r\n", "10.0.0.1"},
-      {"X-Forwarded-For: 9.9.9.9:1234\r\n", "9.9.9.9"},
-      {"X-Forwarded-For: [2001:db8::1]:1234\r\n", "2001:db8::1"},
-      {"X-Forwarded-For: 2001:DB8:0::1\r\n", "2001:db8::1"},
-      {"X-Forwarded-For: ::ffff:9.9.9.9\r\n", "9.9.9.9"},
-      {"X-Forwarded-For: 6.6.6.6, made up\r\n", "127.0.0.1"},
-      {"X-Forwarded-For: made up, 10.0.0.1\r\n", "10.0.0.1"},
-      {"X-Forwarded-For: 9.9.9.9,\r\n", "127.0.0.1"},
-      {"X-Forwarded-For: [\r\n", "127.0.0.1"},
-      {"X-Forwarded-For:\r\n", "127.0.0.1"},
+TEST_F(HttpFixture, ClientAddressIsThePeerUnlessATrustedProxyWroteIt) {
+  answering([](const stHttpRes& request) { return request.exchange->getHead("x-forwarded-for"); });
+  const auto client = [&](const std::string& value) {
+    return ask("GET / HTTP/1.1\r\nHost: h\r\nX-Forwarded-For: " + value + "\r\n\r\n").body;
   };
-  RawClient client(port());
-  for (const auto& each : cases) {
-    EXPECT_EQ(client.ask("GET / HTTP/1.1\r\nHost: h\r\n" + each.lines + "\r\n").body, each.client)
-        << each.lines;
+  start();
+  EXPECT_EQ(client("9.9.9.9"), "127.0.0.1");
+  EXPECT_EQ(ask(kGet).body, "127.0.0.1");
+  options_.trustedProxies = {"127.0.0.1", "10.0.0.1"};
+  listen();
+  EXPECT_EQ(ask(kGet).body, "127.0.0.1");
+  const std::pair<std::string, std::string> cases[] = {
+      {"9.9.9.9", "9.9.9.9"},
+      {"6.6.6.6, 9.9.9.9", "9.9.9.9"},
+      {"6.6.6.6\r\nX-Forwarded-For: 9.9.9.9", "9.9.9.9"},
+      {"6.6.6.6, 9.9.9.9, 10.0.0.1", "9.9.9.9"},
+      {"10.0.0.1", "10.0.0.1"},
+      {"9.9.9.9:1234", "9.9.9.9"},
+      {"[2001:db8::1]:1234", "2001:db8::1"},
+      {"2001:DB8:0::1", "2001:db8::1"},
+      {"::ffff:9.9.9.9", "9.9.9.9"},
+      {"made up, 10.0.0.1", "10.0.0.1"},
+  };
+  for (const auto& [value, address] : cases) EXPECT_EQ(client(value), address) << value;
+  for (const char* value : {"6.6.6.6, made up", "9.9.9.9,", "[", ""}) {
+    EXPECT_EQ(client(value), "127.0.0.1") << value;
   }
-}
-
-TEST_F(HttpFixture, Ipv4ClientOfAnIpv6SocketHasItsIpv4Address) {
-  script([](int&, std::string& body, int&, const stHttpRes& request) {
-    body = request.exchange->getHead("X-Forwarded-For");
-    return 200;
-  });
   const int probe = ::socket(AF_INET6, SOCK_STREAM, 0);
-  if (probe < 0) GTEST_SKIP() << "no IPv6 here";
+  if (probe < 0) return;  // a machine without IPv6
   ::close(probe);
   options_.address = "::";
-  start();
-  EXPECT_EQ(RawClient(port()).ask(kGet).body, "127.0.0.1");
+  listen();
+  EXPECT_EQ(ask(kGet).body, "127.0.0.1") << "an IPv4 client of an IPv6 socket";
 }
 
 TEST_F(HttpFixture, ModuleThatThrowsIsAFailedRequestOnly) {
@@ -432,26 +345,21 @@ TEST_F(HttpFixture, ConnectionsOverTheLimitAreToldToComeBack) {
   third.endSending();
   EXPECT_TRUE(third.closedByServer());
   first.reset();
-  EXPECT_TRUE(eventually([&] { return RawClient(port()).ask(kGet).status == 200; }));
+  EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; }));
 }
 
 TEST_F(HttpFixture, RequestsOverTheLimitAreRefusedAndTheConnectionServesOn) {
-  std::atomic<int> handle{0};
-  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
-    asyncReply = request.exchange->getUrl() == "/wait";
-    if (asyncReply == 1) handle = request.exchange->getHttpHandle();
-    return 200;
-  });
+  leaving("/wait");
   options_.requests = 1;
   start();
   RawClient waiting(port());
   waiting.send("GET /wait HTTP/1.1\r\nHost: h\r\n\r\n");
-  ASSERT_TRUE(eventually([&] { return handle != 0; }));
+  const int handle = waitForHandle();
   RawClient other(port());
   const HttpAnswer refused = other.ask(kGet);
   EXPECT_EQ(refused.status, 503);
   EXPECT_TRUE(refused.has("retry-after: "));
-  CHttpExchange(handle).response("x", 1);
+  answer(handle, "x");
   EXPECT_EQ(waiting.answer().status, 200);
   EXPECT_EQ(other.ask(kGet).status, 200);
 }
@@ -473,10 +381,7 @@ TEST_F(HttpFixture, UnfinishedBodiesOfAllClientsTogetherAreBounded) {
 TEST_F(HttpFixture, AnswersThatClientsDoNotTakeAreBoundedTogether) {
   constexpr std::size_t kLong = 16'000'000;  // more than the kernel takes
   bounds_.answerMemory = kLong;
-  script([](int&, std::string& body, int&, const stHttpRes&) {
-    body.assign(kLong, 'x');
-    return 200;
-  });
+  answering([](const stHttpRes&) { return std::string(kLong, 'x'); });
   start();
   RawClient stalled(port(), 4096);
   stalled.send(kGet);
@@ -486,7 +391,7 @@ TEST_F(HttpFixture, AnswersThatClientsDoNotTakeAreBoundedTogether) {
   EXPECT_TRUE(second.closedByServer());
   EXPECT_LT(second.read(kLong).size(), kLong);
   stalled.reset();
-  EXPECT_TRUE(eventually([&] { return RawClient(port()).ask(kGet).body.size() == kLong; }));
+  EXPECT_TRUE(eventually([&] { return ask(kGet).body.size() == kLong; }));
 }
 
 TEST_F(HttpFixture, BodiesThatWaitForAWorkerCountAsHeld) {
@@ -505,10 +410,10 @@ TEST_F(HttpFixture, BodiesThatWaitForAWorkerCountAsHeld) {
   RawClient waiting(port());
   waiting.send(put);
   ASSERT_TRUE(eventually([&] { return working.load(); }));
-  EXPECT_EQ(RawClient(port()).ask(put).status, 503);
+  EXPECT_EQ(ask(put).status, 503);
   release.set_value();
   EXPECT_EQ(waiting.answer().status, 200);
-  EXPECT_TRUE(eventually([&] { return RawClient(port()).ask(put).status == 200; }));
+  EXPECT_TRUE(eventually([&] { return ask(put).status == 200; }));
 }
 
 TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
@@ -537,17 +442,16 @@ TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
     });
   }
   EXPECT_TRUE(eventually([&] { return blocked == 2 && refused >= kClients - 4; }));
-  EXPECT_EQ(RawClient(port()).ask(kGet).status, 200);
+  EXPECT_EQ(ask(kGet).status, 200);
   lock.unlock();
   for (auto& client : clients) client.join();
   EXPECT_GE(served, 2);
 }
 
 TEST_F(HttpFixture, FaceRequestsArriveAsJsonAndPicture) {
-  script([](int&, std::string& body, int&, const stHttpRes& request) {
-    body = std::to_string(request.hasMimePart) + request.mimeType + "|" +
+  answering([](const stHttpRes& request) {
+    return std::to_string(request.hasMimePart) + request.mimeType + "|" +
            std::string(request.body, std::size_t(request.bodyLength));
-    return 200;
   });
   start();
   const std::string body =
@@ -568,12 +472,7 @@ TEST_F(HttpFixture, FaceRequestsArriveAsJsonAndPicture) {
 
 TEST_F(HttpFixture, DevicePortsComeAndGo) {
   HttpService& service = start();
-  uint16_t extra;
-  {
-    HttpService probe(reactors_, workers_, options_, runScript);
-    probe.listen();
-    extra = probe.port();
-  }
+  const uint16_t extra = otherPort();
   service.setExtraPorts(
       {{extra, Access::Everything}, {port(), Access::Everything}, {0, Access::Everything}});
   EXPECT_EQ(RawClient(extra).ask(kGet).status, 200);
@@ -582,7 +481,7 @@ TEST_F(HttpFixture, DevicePortsComeAndGo) {
   service.setExtraPorts({});
   EXPECT_FALSE(RawClient(extra).connected());
   EXPECT_EQ(staying.ask(kGet).status, 200);
-  EXPECT_EQ(RawClient(port()).ask(kGet).status, 200);
+  EXPECT_EQ(ask(kGet).status, 200);
 }
 
 TEST_F(HttpFixture, ListeningOnATakenPortOrABadAddressSaysWhy) {

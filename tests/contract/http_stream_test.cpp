@@ -37,11 +37,7 @@ class HttpStreamTest : public HttpFixture {
     EXPECT_TRUE(eventually([&] { return handle_ != 0; }));
     return client;
   }
-  static int push(int handle, std::string_view part) {
-    return CHttpExchange(handle).response(part.data(), static_cast<int>(part.size()));
-  }
-
-  std::atomic<int> handle_{0};
+  int push(std::string_view part) const { return answer(handle_, part); }
 };
 
 TEST_F(HttpStreamTest, PartsOfManyThreadsArriveWhole) {
@@ -54,7 +50,7 @@ TEST_F(HttpStreamTest, PartsOfManyThreadsArriveWhole) {
     threads.emplace_back([&, t] {
       const std::string part(100, static_cast<char>('a' + t));
       for (int i = 0; i < kParts; ++i) {
-        while (push(handle_, part + "\n") == 0) std::this_thread::yield();
+        while (push(part + "\n") == 0) std::this_thread::yield();
       }
     });
   }
@@ -74,39 +70,32 @@ TEST_F(HttpStreamTest, StalledClientFillsABoundedQueueAndIsCut) {
   const std::string part(10'000, 'x');
   std::size_t accepted = 0;
   int result;
-  while ((result = push(handle_, part)) > 0) accepted += part.size();
+  while ((result = push(part)) > 0) accepted += part.size();
   EXPECT_EQ(result, 0);
   EXPECT_LT(accepted, 3u * 1024 * 1024);
-  EXPECT_TRUE(eventually([&] { return push(handle_, part) == HTTP_LINK_BROKEN; }));
+  EXPECT_TRUE(eventually([&] { return push(part) == HTTP_LINK_BROKEN; }));
 }
 
-TEST_F(HttpStreamTest, QueueThatEmptiesTakesPartsAgain) {
+TEST_F(HttpStreamTest, QueueThatEmptiesTakesPartsAgainButNoneLargerThanItself) {
   start();
   const auto client = open(4096);
+  EXPECT_EQ(push(std::string(QNHttpService::ExchangeState::kStreamQueue + 1, 'x')), 0);
   const std::string part(10'000, 'x');
   std::size_t accepted = 0;
-  while (push(handle_, part) > 0) accepted += part.size();
+  while (push(part) > 0) accepted += part.size();
   EXPECT_EQ(client->read(accepted).size(), accepted);
-  EXPECT_TRUE(eventually([&] { return push(handle_, "more") == 4; }));
+  EXPECT_TRUE(eventually([&] { return push("more") == 4; }));
   EXPECT_EQ(client->read(4), "more");
-}
-
-TEST_F(HttpStreamTest, PartLargerThanTheQueueIsNeverTaken) {
-  start();
-  const auto client = open();
-  EXPECT_EQ(push(handle_, std::string(QNHttpService::ExchangeState::kStreamQueue + 1, 'x')), 0);
-  EXPECT_EQ(push(handle_, "x"), 1);
-  EXPECT_EQ(client->read(1), "x");
 }
 
 TEST_F(HttpStreamTest, VanishedClientBreaksTheLink) {
   start();
   auto client = open();
   client->send("a client has nothing to say here");
-  EXPECT_EQ(push(handle_, "x"), 1);
+  EXPECT_EQ(push("x"), 1);
   EXPECT_EQ(client->read(1), "x");
   client.reset();
-  EXPECT_TRUE(eventually([&] { return push(handle_, "x") == HTTP_LINK_BROKEN; }));
+  EXPECT_TRUE(eventually([&] { return push("x") == HTTP_LINK_BROKEN; }));
   EXPECT_TRUE(CHttpExchange(handle_).getUrl().empty());
 }
 
@@ -116,7 +105,7 @@ TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
   const auto client = open();
   for (int i = 0; i < 8; ++i) {
     ::usleep(50'000);
-    ASSERT_EQ(push(handle_, "x"), 1) << i;
+    ASSERT_EQ(push("x"), 1) << i;
   }
   const auto before = std::chrono::steady_clock::now();
   EXPECT_TRUE(client->closedByServer());
@@ -124,16 +113,11 @@ TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
 }
 
 TEST_F(HttpStreamTest, OpensFromAnotherThreadAndClosesWithTheService) {
-  script([this](int&, std::string&, int& asyncReply, const stHttpRes& request) {
-    asyncReply = 1;
-    handle_ = request.exchange->getHttpHandle();
-    return 200;
-  });
+  leaving();
   HttpService& service = start();
   RawClient client(port());
   client.send(kOpen);
-  ASSERT_TRUE(eventually([&] { return handle_ != 0; }));
-  CHttpExchange exchange(handle_);
+  CHttpExchange exchange(waitForHandle());
   exchange.setMIME();
   EXPECT_EQ(exchange.response(nullptr, 0), 0);
   EXPECT_EQ(exchange.response("x", 1), 1);

@@ -1,6 +1,8 @@
 // What handlers find out from a request's URL.
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "platform/http_service.h"
 #include "platform/rest_protocol.h"
 
@@ -9,74 +11,54 @@ namespace {
 class Handler final : public QNBase::CRESTfulProtocol {};
 
 TEST(UrlMatching, ExactPath) {
-  struct Case {
-    const char *url, *path;
-    bool matches;
-  };
-  const Case cases[] = {
-      {"/KAVRO/System/IO", "/KAVRO/System/IO", true},
-      {"/KAVRO/System/IO?", "/KAVRO/System/IO", true},
-      {"/KAVRO/System/IO?a=/b?c", "/KAVRO/System/IO", true},
-      {"/KAVRO/System/IO/", "/KAVRO/System/IO", false},
-      {"/KAVRO/System/IO", "/KAVRO/System/IO/", false},
-      {"/kavro/System/IO", "/KAVRO/System/IO", false},
-      {"/KAVRO/System/I%4F", "/KAVRO/System/IO", false},
-      {"/KAVRO/System", "/KAVRO/System/IO", false},
-      {"x/KAVRO/System/IO", "/KAVRO/System/IO", false},
-      {"", "/KAVRO/System/IO", false},
-      {"", "", true},
-      {"?x", "", true},
-  };
-  for (const Case& c : cases) EXPECT_EQ(Handler::cmpURL(c.url, c.path), c.matches) << c.url;
+  const char* const path = "/KAVRO/System/IO";
+  for (const char* url : {"/KAVRO/System/IO", "/KAVRO/System/IO?", "/KAVRO/System/IO?a=/b?c"}) {
+    EXPECT_TRUE(Handler::cmpURL(url, path)) << url;
+  }
+  for (const char* url : {"/KAVRO/System/IO/", "/kavro/System/IO", "/KAVRO/System/I%4F",
+                          "/KAVRO/System", "x/KAVRO/System/IO", ""}) {
+    EXPECT_FALSE(Handler::cmpURL(url, path)) << url;
+  }
+  EXPECT_FALSE(Handler::cmpURL(path, "/KAVRO/System/IO/"));
+  EXPECT_TRUE(Handler::cmpURL("", "") && Handler::cmpURL("?x", ""));
 }
 
 TEST(UrlMatching, PathWithNumbers) {
-  struct Case {
-    const char *url, *pattern;
+  const struct {
+    const char* pattern;
     int count;
-    bool matches;
+    std::vector<const char*> matching, others;
+  } cases[] = {
+      {"/channels/%d",
+       1,
+       {"/channels/1", "/channels/0", "/channels/0000000007", "/channels/2147483647",
+        "/channels/1?x=/y"},
+       {"/channels/2147483648", "/channels/9999999999", "/channels/00000000001", "/channels/?1",
+        "/channels/18446744073709551617", "/channels/", "/channels/-1", "/channels/+1",
+        "/channels/ 1", "/channels/1x", "/channels/0x1", "/channels/1/", "/channels/%d"}},
+      {"/channels/%d/capabilities",
+       1,
+       {"/channels/12/capabilities"},
+       {"/channels/12", "/channels/12/Capabilities", "/channels/12/capabilities/"}},
+      {"/channels/%d/presets/%d/goto",
+       2,
+       {"/channels/1/presets/22/goto"},
+       {"/channels/1/presets//goto", "/channels/1/presets/goto",
+        "/channels/1/presets/2147483648/goto"}},
+      {"/channels/%d/presets/%d/goto", 1, {}, {"/channels/1/presets/22/goto"}},
+      {"/channels/%d", 0, {}, {"/channels/1"}},
+      {"/channels", 0, {"/channels"}, {}},
+      {"/channels", 1, {}, {"/channels"}},
+      {"%d", 1, {"12"}, {""}},
+      {"%d%d", 2, {}, {"12"}},
   };
-  const char* const one = "/channels/%d";
-  const char* const inside = "/channels/%d/capabilities";
-  const char* const two = "/channels/%d/presets/%d/goto";
-  const Case cases[] = {
-      {"/channels/1", one, 1, true},
-      {"/channels/0", one, 1, true},
-      {"/channels/0000000007", one, 1, true},
-      {"/channels/2147483647", one, 1, true},
-      {"/channels/2147483648", one, 1, false},
-      {"/channels/9999999999", one, 1, false},
-      {"/channels/00000000001", one, 1, false},
-      {"/channels/18446744073709551617", one, 1, false},
-      {"/channels/1?x=/y", one, 1, true},
-      {"/channels/?1", one, 1, false},
-      {"/channels/", one, 1, false},
-      {"/channels/-1", one, 1, false},
-      {"/channels/+1", one, 1, false},
-      {"/channels/ 1", one, 1, false},
-      {"/channels/1x", one, 1, false},
-      {"/channels/0x1", one, 1, false},
-      {"/channels/1/", one, 1, false},
-      {"/channels/%d", one, 1, false},
-      {"/channels/12", inside, 1, false},
-      {"/channels/12/capabilities", inside, 1, true},
-      {"/channels/12/Capabilities", inside, 1, false},
-      {"/channels/12/capabilities/", inside, 1, false},
-      {"/channels/1/presets/22/goto", two, 2, true},
-      {"/channels/1/presets//goto", two, 2, false},
-      {"/channels/1/presets/goto", two, 2, false},
-      {"/channels/1/presets/2147483648/goto", two, 2, false},
-      {"/channels/1/presets/22/goto", two, 1, false},
-      {"/channels/1", one, 0, false},
-      {"/channels", "/channels", 0, true},
-      {"/channels", "/channels", 1, false},
-      {"12", "%d", 1, true},
-      {"12", "%d%d", 2, false},
-      {"", "%d", 1, false},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(Handler::cmpURLWithInt(c.url, c.pattern, c.count), c.matches)
-        << c.url << " " << c.pattern << " " << c.count;
+  for (const auto& [pattern, count, matching, others] : cases) {
+    for (const char* url : matching) {
+      EXPECT_TRUE(Handler::cmpURLWithInt(url, pattern, count)) << url << " " << pattern;
+    }
+    for (const char* url : others) {
+      EXPECT_FALSE(Handler::cmpURLWithInt(url, pattern, count)) << url << " " << pattern;
+    }
   }
 }
 
@@ -109,14 +91,10 @@ TEST(UrlMatching, QueryParameters) {
 }
 
 TEST(UrlMatching, MethodNamesFollowTheServicesCodes) {
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_GET), "GET");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_PUT), "PUT");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_POST), "POST");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_DELETE), "DELETE");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_HEAD), "HEAD");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_OPTIONS), "OPTIONS");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_PATCH), "PATCH");
-  EXPECT_STREQ(Handler::GetMethod(QNHttpService::HTTP_PATCH + 1), "");
+  unsigned int method = QNHttpService::HTTP_GET;
+  for (const char* name : {"GET", "PUT", "POST", "DELETE", "HEAD", "OPTIONS", "PATCH", ""}) {
+    EXPECT_STREQ(Handler::GetMethod(method++), name);
+  }
   EXPECT_STREQ(Handler::GetMethod(255), "");
 }
 

@@ -63,112 +63,45 @@ TEST(XmlParse, Accepts) {
 }
 
 TEST(XmlParse, RefusesAndLeavesAnEmptyDocument) {
-  const std::vector<std::string> texts = {
-      "",
-      " \r\n",
-      "\xEF\xBB\xBF",
-      "text",
-      "{\"a\":1}",
-      "<!-- only a comment -->",
-      "<?xml version=\"1.0\"?>",
-      "<",
-      "<r",
-      "<r>",
-      "<r></s>",
-      "<r><s></r></s>",
-      "<r a=1/>",
-      "<r a='<'/>",
-      "<r a='1/>",
-      "<r><![CDATA[x</r>",
-      "<r><!-- x</r>",
-      "x<r/>",
-      " \xEF\xBB\xBF<r/>",
-      "<r/>x",
-      "<r/><s/>",
-      "<r/><?p x?>",
-      "<r/><![CDATA[ ]]>",
-      "<r/><",
-      "</r>",
-      "<r/></r>",
-      "<!DOCTYPE r><r/>",
-      "<!DOCTYPE r [<!ENTITY a \"b\">]><r>&a;</r>",
-      "<r><!DOCTYPE r></r>",
-      "<r/><!DOCTYPE r>",
-      "<r/><?xml version=\"1.0\"?>",
-      "<!-- a --><?xml version=\"1.0\"?><r/>",
-      "<r>a & b</r>",
-      "<r>&nope;</r>",
-      "<r><a/>&nope;</r>",
-      "<r>&#0;</r>",
-      "<r>&#xD800;</r>",
-      "<r>&#x110000;</r>",
-      "<r>&#99999999999999999999;</r>",
-      "<r>&#-1;</r>",
-      "<r>&#;</r>",
-      "<r>&#x;</r>",
-      "<r>&amp</r>",
-      "<r a='&nope;'/>",
-      "<r>\0</r>"s,
-      "<r/>\0"s,
-      "<r>\x01</r>",
-      "<r>\xFF</r>",
-      "<r>\xC0\xAF</r>",
-      "<r>\xED\xA0\x80</r>",
-      "<r>\xEF\xBF\xBF</r>",
-      Nested(257),
-      Nested(100000),
-      std::string(1000000, '<'),
+  const std::vector<std::string> groups[] = {
+      {"", " \r\n", "\xEF\xBB\xBF", "text", "{\"a\":1}", "<!-- only a comment -->",
+       "<?xml version=\"1.0\"?>"},
+      {"<", "<r", "<r>", "<r></s>", "<r><s></r></s>", "<r a=1/>", "<r a='<'/>", "<r a='1/>",
+       "<r><![CDATA[x</r>", "<r><!-- x</r>", "</r>", "<r/></r>"},
+      {"x<r/>", " \xEF\xBB\xBF<r/>", "<r/>x", "<r/><s/>", "<r/><?p x?>", "<r/><![CDATA[ ]]>",
+       "<r/><", "<r/><?xml version=\"1.0\"?>", "<!-- a --><?xml version=\"1.0\"?><r/>"},
+      {"<!DOCTYPE r><r/>", "<!DOCTYPE r [<!ENTITY a \"b\">]><r>&a;</r>", "<r><!DOCTYPE r></r>",
+       "<r/><!DOCTYPE r>"},
+      {"<r>a & b</r>", "<r>&nope;</r>", "<r><a/>&nope;</r>", "<r>&#0;</r>", "<r>&#xD800;</r>",
+       "<r>&#x110000;</r>", "<r>&#99999999999999999999;</r>", "<r>&#-1;</r>", "<r>&#;</r>",
+       "<r>&#x;</r>", "<r>&amp</r>", "<r a='&nope;'/>"},
+      {"<r>\0</r>"s, "<r/>\0"s, "<r>\x01</r>", "<r>\xFF</r>", "<r>\xC0\xAF</r>",
+       "<r>\xED\xA0\x80</r>", "<r>\xEF\xBF\xBF</r>"},
+      {Nested(257), Nested(100000), std::string(1000000, '<')},
   };
-  for (const std::string& text : texts) {
-    CXmlBase xml;
-    ASSERT_TRUE(xml.Parse("<old/>"));
-    EXPECT_FALSE(xml.Parse(text)) << text.substr(0, 80);
-    EXPECT_EQ(xml.GetChildren(), "") << text.substr(0, 80);
-    EXPECT_FALSE(xml.FindElem("old"));
-    EXPECT_FALSE(xml.OutOfElem());
+  for (const auto& texts : groups) {
+    for (const std::string& text : texts) {
+      CXmlBase xml;
+      ASSERT_TRUE(xml.Parse("<old/>") && xml.FindElem("old") && xml.IntoElem());
+      EXPECT_FALSE(xml.Parse(text)) << text.substr(0, 80);
+      EXPECT_EQ(xml.GetChildren(), "") << text.substr(0, 80);
+      EXPECT_FALSE(xml.FindElem("old") || xml.OutOfElem());
+    }
   }
-}
-
-TEST(XmlParse, TakesUpToOneMebibyte) {
-  const std::string ends = "<r></r>";
-  const std::string largest = "<r>" + std::string(1024 * 1024 - ends.size(), 'x') + "</r>";
+  const std::string largest = "<r>" + std::string(1024 * 1024 - 7, 'x') + "</r>";
   EXPECT_TRUE(CXmlBase().Parse(largest));
   EXPECT_FALSE(CXmlBase().Parse(largest + " "));
 }
 
-TEST(XmlParse, ReplacesTheTreeAndThePosition) {
-  CXmlBase xml;
-  ASSERT_TRUE(xml.Parse("<a><b/></a>"));
-  ASSERT_TRUE(xml.FindElem("a"));
-  ASSERT_TRUE(xml.IntoElem());
-  ASSERT_TRUE(xml.Parse("<c/>"));
-  EXPECT_FALSE(xml.OutOfElem());
-  EXPECT_FALSE(xml.IntoElem());
-  EXPECT_FALSE(xml.FindElem("b"));
-  EXPECT_TRUE(xml.FindElem("c"));
-}
-
-TEST(XmlParse, KeepsWhatItDoesNotOwnTheTextOf) {
-  CXmlBase xml;
-  {
-    const std::string text = "<r>kept</r>";
-    ASSERT_TRUE(xml.Parse(text));
-  }
-  ASSERT_TRUE(xml.FindElem("r"));
-  EXPECT_EQ(xml.GetData(), "kept");
-}
-
 TEST_F(XmlInRoot, DataIsDirectTextAndCdataDecodedNotTrimmed) {
-  Load("<r><a> x<b>inner</b>&lt;y<!-- c --><![CDATA[<&amp;> ]]>\r\nz </a><e/><w>  </w></r>");
+  Load(
+      "<r>\n<a> x<b>inner</b>&lt;y<!-- c --><![CDATA[<&amp;> ]]>\r\nz </a><e/><w>  </w>"
+      "<m> <b/> x <b/> </m>\n <c> <!-- c --> </c> <d> <![CDATA[ ]]> </d></r>");
   EXPECT_EQ(xml_.GetData(), "") << "nothing is selected yet";
   EXPECT_EQ(DataOf("a"), " x<y<&amp;> \nz ");
   EXPECT_EQ(DataOf("e"), "");
   EXPECT_EQ(DataOf("w"), "  ");
-}
-
-TEST_F(XmlInRoot, BlanksBetweenTagsAreNoData) {
-  Load("<r>\n <a> <b/> x <b/> </a>\n <c> <!-- c --> </c> <d> <![CDATA[ ]]> </d></r>");
-  EXPECT_EQ(DataOf("a"), " x ");
+  EXPECT_EQ(DataOf("m"), " x ");  // blanks between tags are no data
   EXPECT_EQ(DataOf("c"), "");
   EXPECT_EQ(DataOf("d"), " ");
 }
@@ -244,13 +177,11 @@ TEST(XmlWrite, CompactDocument) {
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Root version=\"2.0\"><id>1</id><list>"
       "<item opt=\"x&quot;&lt;&amp;&#10;\">a&lt;b&gt;&amp;\"c'</item><item/></list><empty/></Root>";
   EXPECT_EQ(xml.GetChildren(), expected);
-}
 
-TEST(XmlWrite, DeclarationAlone) {
-  CXmlBase xml;
-  xml.CreateDeclaration("1.0", "UTF-8");
-  xml.SetAttribute("lost", "the document has no attributes");
-  EXPECT_EQ(xml.GetChildren(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
+  CXmlBase declared;
+  declared.CreateDeclaration("1.0", "UTF-8");
+  declared.SetAttribute("lost", "the document has no attributes");
+  EXPECT_EQ(declared.GetChildren(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>");
 }
 
 TEST(XmlWrite, ParsedDocumentIsWrittenBack) {
@@ -259,20 +190,13 @@ TEST(XmlWrite, ParsedDocumentIsWrittenBack) {
   CXmlBase xml;
   ASSERT_TRUE(xml.Parse(text));
   EXPECT_EQ(xml.GetChildren(), text);
-}
-
-TEST(XmlWrite, ParsedAttributesAreWrittenBetweenDoubleQuotes) {
-  CXmlBase xml;
   ASSERT_TRUE(xml.Parse("<r a='\"&quot;&apos;&#10;>'/>"));
   EXPECT_EQ(xml.GetChildren(), "<r a=\"&quot;&quot;'&#10;&gt;\"/>");
 }
 
 TEST(XmlWrite, TextIsMadeFit) {
-  struct Case {
-    std::string written, read;
-  };
   const std::string mark = "\xEF\xBF\xBD";
-  const std::vector<Case> cases = {
+  const std::pair<std::string, std::string> cases[] = {
       {"plain", "plain"},
       {" blanks \t\n ", " blanks \t\n "},
       {"line\r\nend\r", "line\r\nend\r"},
@@ -291,18 +215,7 @@ TEST(XmlWrite, TextIsMadeFit) {
       {"noncharacter \xEF\xBF\xBF\xEF\xBF\xBE", "noncharacter "},
       {"\0"s, ""},
   };
-  for (const Case& c : cases) EXPECT_EQ(RoundTrip(c.written), c.read) << c.written;
-}
-
-TEST(XmlWrite, EveryPairOfBytesStaysReadable) {
-  for (int first = 0; first < 256; ++first) {
-    for (int second = 0; second < 256; ++second) {
-      const std::string text = {'x', static_cast<char>(first), static_cast<char>(second), 'y'};
-      const std::string read = RoundTrip(text);
-      ASSERT_EQ(read.front(), 'x') << first << " " << second;
-      ASSERT_EQ(read.back(), 'y') << first << " " << second;
-    }
-  }
+  for (const auto& [written, read] : cases) EXPECT_EQ(RoundTrip(written), read) << written;
 }
 
 TEST(XmlWrite, BufferTakesAtMostItsCapacity) {

@@ -106,7 +106,7 @@ TEST_F(Rules, EveryMemberAbsentNullAndOfAnotherKind) {
   for (const DocumentRules& rules : kDocuments) {
     const Json::Value document = parsed(golden(rules.reply));
     const fake::Request request{rules.method, rules.url, "<CMSearchDescription/>"};
-    const std::string whole = answerTo(request, writeJson(document)).value_or("");
+    const std::string whole = answerTo(request, qn::json::writeJson(document)).value_or("");
     const auto required = words(rules.required);
     const auto requiredOnly = words(rules.requiredOnly);
     const auto mayBeNull = words(rules.mayBeNull);

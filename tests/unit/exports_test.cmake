@@ -1,5 +1,5 @@
 # The module's binary surface: exactly its three entry functions are visible, and it asks for nothing
-# but the platform, jsoncpp and the system.
+# but the platform, jsoncpp, simdjson and the system.
 # Variables: MODULE (the library), NM, SANITIZED (a sanitizer's runtime stands in for the C library).
 
 function(symbols_of result)
@@ -24,7 +24,7 @@ endif()
 
 set(allowed
     "@(GLIBC|GLIBCXX|CXXABI|GCC)_"
-    "^(typeinfo for |vtable for )?(Json|QNBase|QNHttpService)::"
+    "^(typeinfo for |vtable for )?(Json|QNBase|QNHttpService|simdjson)::"
     "^(QN_[A-Z]|ZRT_[A-Z]|DriverCif_)[A-Za-z0-9_]+\\("
     "^(wlog_format|CreateNonce|StringEraseXssInvalidChar|CheckPortOccupy|getBinPart)\\("
     "^(getResponseStatusByErrorNo|getHttpStatusCodeByErrorNo)\\("

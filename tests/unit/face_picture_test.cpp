@@ -1,7 +1,7 @@
 // Face-library requests: which need a picture, what becomes of it, and how faults are answered.
 #include <optional>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "passthrough/device_kavro_pto.h"
 #include "platform/base_library.h"
 #include "tests/unit/conversation.h"
@@ -89,11 +89,11 @@ TEST_F(FacePicture, IsStoredAndItsUrlGoesToTheDevice) {
     for (const char* type : {"", "image/jpeg", "image/png", "image/bmp"}) {
       fake::reset();
       Json::Value expected;
-      ASSERT_TRUE(parseJson(forwarded, expected));
+      ASSERT_TRUE(qn::json::parseJson(forwarded, expected));
       const bool marked = *type != '\0';
       expectForwarded(
           {url, json + kPicture, marked ? std::optional<std::string>(type) : std::nullopt},
-          writeJson(expected));
+          qn::json::writeJson(expected));
       EXPECT_EQ(fake::config().uploads, std::vector<std::string>(uploads, kPicture)) << json;
     }
   }
@@ -156,7 +156,7 @@ TEST_F(FacePicture, SecondOfTwoUploadsFails) {
       send({kRecordUrl, R"({"FaceInfo":{"employeeNo":"1"},)" + kFlat + "}" + kPicture});
   EXPECT_EQ(outcome.answer().status, getHttpStatusCodeByErrorNo(0x40001275));
   Json::Value forwarded;
-  ASSERT_TRUE(parseJson(fake::deviceBus().seen.at(0).body, forwarded));
+  ASSERT_TRUE(qn::json::parseJson(fake::deviceBus().seen.at(0).body, forwarded));
   EXPECT_EQ(forwarded["FaceInfo"]["faceURL"].asString(), "http://pictures/1");
   EXPECT_FALSE(forwarded.isMember("faceURL"));
 }

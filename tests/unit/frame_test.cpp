@@ -1,7 +1,7 @@
 // What every claimed request goes through: claim, activation, login, operation log.
 #include <json/json.h>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 #include "protocol/error_code.h"
@@ -35,7 +35,7 @@ TEST_F(Frame, UnclaimedUrlIs404WithTheJsonDocumentAndNoOtherEffect) {
     EXPECT_EQ(outcome.bodyIsXml, 0) << url;
     EXPECT_EQ(outcome.asyncReply, 0) << url;
     Json::Value document;
-    ASSERT_TRUE(parseJson(outcome.body, document)) << outcome.body;
+    ASSERT_TRUE(qn::json::parseJson(outcome.body, document)) << outcome.body;
     EXPECT_EQ(document["statusCode"].asInt(), 4);
     EXPECT_EQ(document["errorCode"].asInt(), 0x40000006);
   }
@@ -145,7 +145,7 @@ TEST_F(Frame, OtherVerdictsAnswerTheirCodeInTheUrlsOwnFormat) {
     EXPECT_EQ(json.status, getHttpStatusCodeByErrorNo(code));
     EXPECT_EQ(json.bodyIsXml, 0);
     Json::Value document;
-    ASSERT_TRUE(parseJson(json.body, document)) << json.body;
+    ASSERT_TRUE(qn::json::parseJson(json.body, document)) << json.body;
     EXPECT_EQ(document["errorCode"].asUInt(), code);
     EXPECT_FALSE(xml.answer().headers.contains("WWW-Authenticate"));
   }

@@ -1,20 +1,13 @@
-// The hand-written documents under golden/ and the way of a document through the module.
+// The way of a document through the module, and documents with a member changed.
 #pragma once
 
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <sstream>
 #include <string>
 
-#include "document/json_text.h"
+#include "json/text.h"
 #include "tests/unit/conversation.h"
-
-inline std::string golden(const std::string& name) {
-  std::ifstream file(std::string(QN_GOLDEN_DIR "/") + name);
-  EXPECT_TRUE(file) << name;
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+#include "tests/unit/documents.h"
 
 // One line: without the line breaks and indentation that make the files readable.
 inline std::string flat(const std::string& text) {
@@ -30,7 +23,7 @@ inline std::string flat(const std::string& text) {
 
 inline Json::Value parsed(std::string_view text) {
   Json::Value value;
-  EXPECT_TRUE(QNKAVROProtocol::parseJson(text, value)) << text;
+  EXPECT_TRUE(qn::json::parseJson(text, value)) << text;
   return value;
 }
 
@@ -49,13 +42,13 @@ inline Json::Value& holderOf(Json::Value& document, const std::string& path, std
 inline std::string without(Json::Value document, const std::string& path) {
   std::string name;
   holderOf(document, path, name).removeMember(name);
-  return QNKAVROProtocol::writeJson(document);
+  return qn::json::writeJson(document);
 }
 
 inline std::string with(Json::Value document, const std::string& path, const Json::Value& value) {
   std::string name;
   holderOf(document, path, name)[name] = value;
-  return QNKAVROProtocol::writeJson(document);
+  return qn::json::writeJson(document);
 }
 
 // What the client gets for a device's reply; nothing when it cannot be translated.

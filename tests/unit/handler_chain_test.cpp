@@ -1,5 +1,5 @@
 // The order and lifetime of the handlers in a chain, and the one instance of a singleton.
-#include "devcfg/handler_chain.h"
+#include "module/handler_chain.h"
 
 #include <gtest/gtest.h>
 

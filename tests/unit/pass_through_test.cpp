@@ -1,5 +1,5 @@
 // What is handed to the device as it came, and what becomes of the device's answer.
-#include "document/json_text.h"
+#include "json/text.h"
 #include "passthrough/device_kavro_pto.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
@@ -101,75 +101,6 @@ TEST_F(PassThrough, RepliesComeBackAsTheyAreWithTheStatusOfTheirCodes) {
     EXPECT_EQ(answer.status, status) << reply;
     EXPECT_EQ(answer.headers.at("Content-Type"), type) << reply;
     EXPECT_EQ(answer.body, reply);
-  }
-}
-
-// Found in the text without a full reader, which must come to the same verdict.
-TEST_F(PassThrough, PlainJsonIsReadAsTheFullReaderReadsIt) {
-  const struct {
-    std::string text;
-    bool plain;
-  } cases[] = {
-      {"{}", true},
-      {"[]", true},
-      {" \r\n\t[ 1 , -2 , 0.50 , true , false , null , \"\" , [ ] , { } ] ", true},
-      {R"({"statusCode":4,"errorCode":1})", true},
-      {R"({"statusCode":4,"statusCode":2})", true},
-      {R"({"statusCode":4,"statusCode":"2"})", true},
-      {R"({"a":{"statusCode":4},"b":[{"errorCode":1073741830}]})", true},
-      {R"({"statusCode":-0004})", true},
-      {R"({"statusCode":2147483648})", true},
-      {R"({"statusCode":-2147483648})", true},
-      {R"({"statusCode":999999999999999999})", true},
-      {R"({"statusCode":4} and more)", true},
-      {R"({"text":"\"\\\/\b\f\n\r\t\u00e4\uABCD","statusCode":4})", true},
-      {"{\"a\":\"\x01\xFF long enough for a whole word \\\" \",\"statusCode\":4}", true},
-      {std::string("{\"a\0\":1,\"statusCode\":4}", 23), true},
-      {std::string(64, '[') + std::string(64, ']'), true},
-      {std::string(65, '[') + std::string(65, ']'), false},
-      {R"({"status\u0043ode":4})", false},
-      {R"({"statusCode":4.0})", false},
-      {R"({"statusCode":4e0})", false},
-      {R"({"a":1e5})", false},
-      {R"({"a":1234567890123456789})", false},
-      {R"({"a":-})", false},
-      {R"({"a":1.})", false},
-      {R"({"a":.5})", false},
-      {R"({"a":+1})", false},
-      {R"({"a":1e999})", false},
-      {R"({"a":"\ud83d\ude00"})", false},
-      {R"({"a":"\ud83d"})", false},
-      {R"({"a":"\x"})", false},
-      {R"({"a":"\u12g4"})", false},
-      {R"({"a":"\u12)", false},
-      {R"({"a":"\)", false},
-      {R"({"a":")", false},
-      {R"({"a":1,})", false},
-      {R"({"":1,})", false},
-      {R"({,})", false},
-      {R"([1,])", false},
-      {R"([1 2])", false},
-      {R"([tru])", false},
-      {R"([truer])", false},
-      {R"([nul)", false},
-      {R"({"a" 1})", false},
-      {R"({a:1})", false},
-      {R"({"a":1]})", false},
-      {R"(/* c */{})", false},
-      {R"({"a":1 /* c */})", false},
-      {R"({"statusCode":4)", false},
-      {std::string("{\0}", 3), false},
-      {"4", false},
-      {"\"text\"", false},
-      {"", false},
-  };
-  for (const auto& [text, plain] : cases) {
-    const auto status = statusOfPlainJson(text);
-    EXPECT_EQ(status.has_value(), plain) << text;
-    Json::Value json;
-    if (!status) continue;
-    ASSERT_TRUE(parseJson(text, json)) << text;
-    EXPECT_EQ(*status, statusOfJsonReply(json)) << text;
   }
 }
 

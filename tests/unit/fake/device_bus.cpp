@@ -56,6 +56,10 @@ int QN_DeviceCfgBus_ProcessAsyn(unsigned char method, std::string jsonUrl,
   const fake::AllocationShelter shelter;
   const fake::BusRequest request{method,    std::move(jsonUrl), jsonBody,
                                  timeoutMs, callback,           userData};
+  if (fake::isQuiet()) {
+    bus.pending.assign(1, request);
+    return DEVCFGBUS_OK;
+  }
   bus.seen.push_back(request);
   if (bus.replyInside) {
     fake::call(request, *bus.replyInside);

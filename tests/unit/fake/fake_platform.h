@@ -27,6 +27,12 @@ namespace fake {
 // bus accepts. Requests that the device bus still holds are answered first, as its stop would.
 void reset();
 
+// From now on the fakes record and copy next to nothing, so that what is measured is the module:
+// no log, no answer headers, of requests to devices only the last, one snapshot of each
+// configuration.
+void beQuiet();
+bool isQuiet();
+
 // --- HTTP service -------------------------------------------------------------------------------
 
 using Headers = std::map<std::string, std::string>;

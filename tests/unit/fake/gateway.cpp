@@ -57,6 +57,8 @@ struct Device final : CNovDevice {
 
 template <typename Snapshot>
 std::shared_ptr<const Snapshot> snapshot() {
+  static const auto only = std::make_shared<const Snapshot>();
+  if (isQuiet()) return only;
   return config().present ? std::make_shared<const Snapshot>() : nullptr;
 }
 
@@ -136,6 +138,10 @@ int QN_GatewayCfgBus_InsertLogInfo(const tagLogInfo& info) {
 int QN_KAVROMgrBus_CheckDigest(tagDIGEST_RESULT& result, const char* method,
                                const tagDIGEST_REQUEST& request, int mode) {
   fake::Login& login = fake::login();
+  if (fake::isQuiet()) {  // the records are kilobytes
+    std::memcpy(result.devIndex, login.result.devIndex, sizeof result.devIndex);
+    return login.verdict;
+  }
   ++login.checks;
   login.method = method;
   login.request = request;

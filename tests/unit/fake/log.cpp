@@ -13,6 +13,7 @@ namespace {
 
 std::mutex mutex;
 std::vector<LogLine> lines;  // guarded by mutex
+bool quiet = false;
 
 }  // namespace
 
@@ -43,6 +44,9 @@ void resetLog() {
   lines.clear();
 }
 
+void beQuiet() { quiet = true; }
+bool isQuiet() { return quiet; }
+
 void reset() {
   resetDeviceBus();
   resetHttp();
@@ -55,6 +59,7 @@ void reset() {
 }  // namespace fake
 
 void wlog_format(int level, const char* /*tag*/, const char* format, ...) {
+  if (fake::isQuiet()) return;
   const fake::AllocationShelter shelter;
   char text[4096];
   va_list arguments;

@@ -1,0 +1,48 @@
+#include "json/text.h"
+
+#include <algorithm>
+
+#include "text/ascii.h"
+
+namespace qn::json {
+namespace {
+
+// By its commas: two values beside each other have one between them.
+bool hasTooManyValues(std::string_view text) {
+  constexpr std::size_t kMost = 1'000'000;
+  return text.size() > kMost && std::ranges::count(text, ',') > std::ptrdiff_t{kMost};
+}
+
+bool needsEscape(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x80 ||
+         c == '"' || c == '\\';
+}
+
+}  // namespace
+
+bool mayBeJson(std::string_view text) {
+  return !text.empty() && !text::trimStart(text).starts_with('<') && !hasTooManyValues(text);
+}
+
+bool parseJson(std::string_view text, Json::Value& value) {
+  if (!mayBeJson(text)) return false;
+  try {
+    // Reused: constructing a reader costs more than reading a short reply.
+    thread_local Json::Reader reader;
+    return reader.parse(text.data(), text.data() + text.size(), value, false);
+  } catch (const Json::Exception&) {  // nested too deeply
+    return false;
+  }
+}
+
+std::string writeJson(const Json::Value& value) { return Json::FastWriter().write(value); }
+
+void appendQuoted(std::string& out, std::string_view text) {
+  if (std::ranges::any_of(text, needsEscape)) {
+    out += Json::valueToQuotedString(std::string(text).c_str());
+  } else {
+    out.append(1, '"').append(text).append(1, '"');
+  }
+}
+
+}  // namespace qn::json

@@ -1,0 +1,25 @@
+// The dispatcher over all translating handlers. Called by the entry for requests; its order also
+// serves the pipeline's callback for replies.
+#pragma once
+
+#include <json/json.h>
+
+#include <string>
+
+#include "platform/http_service.h"
+
+namespace QNKAVROProtocol {
+
+class CDeviceCfgPto {
+ public:
+  // CProtocolBase::proc of the first handler that claims the request; DECLINED when none does.
+  int proc(int& bodyIsXml, std::string& body, int& asyncReply,
+           const QNHttpService::stHttpRes& request);
+
+  // CDevCfgBase::covertRspBody of the first handler that accepts URL and method; DECLINED when
+  // none does.
+  int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url, int method,
+                    const QNHttpService::CHttpExchange& exchange);
+};
+
+}  // namespace QNKAVROProtocol
