@@ -1,6 +1,6 @@
 # What an attacker who finds a fault in a program or library of ours has to deal with, read from the
-# built file. Variables: FILE, READELF, OPTIMISED (the C library's checked functions need that),
-# SANITIZED (has checked functions of its own).
+# built file. Variables: FILE, FUNCTION (one of its symbols), READELF, OBJDUMP, OPTIMISED (the C
+# library's checked functions need that), SANITIZED (has checked functions of its own).
 function(read result)
   execute_process(COMMAND ${READELF} --wide ${ARGN} ${FILE} OUTPUT_VARIABLE text
                   COMMAND_ERROR_IS_FATAL ANY)
@@ -25,7 +25,8 @@ expect("${symbols}" "__stack_chk_fail" "no stack protector")
 if(OPTIMISED AND NOT SANITIZED)
   expect("${symbols}" "__[a-z]+_chk@" "no checked functions of the C library")
 endif()
-read(notes --notes)
 if(header MATCHES "X86-64")
-  expect("${notes}" "IBT, SHSTK" "no control-flow protection")
+  execute_process(COMMAND ${OBJDUMP} --disassemble=${FUNCTION} ${FILE} OUTPUT_VARIABLE code
+                  COMMAND_ERROR_IS_FATAL ANY)
+  expect("${code}" "<${FUNCTION}>:\n[^\n]*endbr64" "no control-flow protection")
 endif()
