@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -71,7 +72,10 @@ void endInTime() {
   }).detach();
 }
 
+constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
+
 void serve(const Arguments& arguments) {
+  umask(kNobodyElse);
   const auto signals = blockSignals();
   raiseDescriptorLimit();
   auto configuration = qn::readConfiguration(arguments.config);
