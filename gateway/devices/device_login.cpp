@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <utility>
@@ -143,7 +144,8 @@ DeviceLogin::DeviceLogin(const DeviceConfig& config, const RefusalTimes& times)
     : enabled_(!config.username.empty()),
       device_(config.index),
       times_(times),
-      login_(config.username, config.password) {}
+      login_(config.username, config.password),
+      pause_(times.first) {}
 
 DeviceLogin::Verdict DeviceLogin::prepare(Ticket& ticket, std::string_view method,
                                           std::string_view target, std::string& authorization) {
@@ -210,13 +212,16 @@ void DeviceLogin::accepted(Ticket& ticket) {
   const MutexLock lock(mutex_);
   ticket.trialOf_ = nullptr;
   state_ = State::Proven;
+  pause_ = times_.first;
 }
 
 void DeviceLogin::refuse(Ticket& ticket) {
   ticket.trialOf_ = nullptr;
   state_ = State::Refused;
-  refusedUntil_ = Clock::now() + times_.pause;
-  logError("device {} refused the credentials it is configured with", device_);
+  refusedUntil_ = Clock::now() + pause_;
+  logError("device {} refused the credentials it is configured with: they rest for {} s", device_,
+           std::chrono::duration_cast<std::chrono::seconds>(pause_).count());
+  pause_ = std::min<Clock::duration>(2 * pause_, times_.longest);
 }
 
 void DeviceLogin::abandon(Ticket& ticket) {

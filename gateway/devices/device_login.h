@@ -62,14 +62,16 @@ class ClientLogin {
   uint32_t nonceCount_ = 0;
 };
 
-// How long refused credentials are not sent again; others only in tests.
+// How long refused credentials are not sent again, twice as long after each refusal up to the
+// longest; others only in tests.
 struct RefusalTimes {
-  std::chrono::milliseconds pause = std::chrono::seconds(60);
+  std::chrono::milliseconds first = std::chrono::minutes(5);
+  std::chrono::milliseconds longest = std::chrono::hours(1);
 };
 
 // One for each device. Any thread. Devices lock an account after a few wrong passwords, so
 // credentials that have not been accepted yet are tried by one request at a time while the others
-// wait, and refused ones are not tried again for a while.
+// wait, and refused ones rest, for everybody.
 class DeviceLogin {
  public:
   using Clock = std::chrono::steady_clock;
@@ -128,6 +130,7 @@ class DeviceLogin {
   State state_ QN_GUARDED_BY(mutex_) = State::Unproven;
   ClientLogin login_ QN_GUARDED_BY(mutex_);
   uint64_t challenge_ QN_GUARDED_BY(mutex_) = 0;  // counts the challenges taken
+  Clock::duration pause_ QN_GUARDED_BY(mutex_);   // after the next refusal
   Clock::time_point refusedUntil_ QN_GUARDED_BY(mutex_);
 };
 

@@ -459,7 +459,7 @@ TEST_F(AlarmBusTest, APartOverTheLimitBreaksTheStreamAndNotTheBus) {
 
 class SilentDeviceTest : public AlarmBusTest {
  protected:
-  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms}, {.pause = 200ms}) {}
+  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms}, {.first = 200ms, .longest = 200ms}) {}
 };
 
 TEST_F(SilentDeviceTest, ASilentStreamIsOpenedAnew) {
