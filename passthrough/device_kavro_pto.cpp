@@ -1,7 +1,6 @@
 // See device_kavro_pto.h. Here: forwarding and the answer.
 #include "passthrough/device_kavro_pto.h"
 
-#include <array>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -10,6 +9,7 @@
 
 #include "json/reader.h"
 #include "platform/base_library.h"
+#include "platform/slow_resources.h"
 #include "platform/zrt.h"
 #include "protocol/device_reply.h"
 #include "protocol/error_code.h"
@@ -20,22 +20,6 @@ namespace {
 
 constexpr int kTimeoutMs = 15000;
 constexpr std::size_t kMaxForwardUrl = 2048;
-constexpr int kAnyMethod = -1;
-
-// Resources that devices answer slowly, and those that carry a face picture's URL along.
-struct SlowResource {
-  const char* url;
-  int method;
-  int timeoutMs;
-  bool carriesFaceUrl;
-};
-
-constexpr std::array<SlowResource, 4> kSlowResources = {{
-    {"/KAVRO/AccessControl/CardInfo/Delete", QNHttpService::HTTP_PUT, 60000, false},
-    {"/KAVRO/AccessControl/AcsEvent", QNHttpService::HTTP_POST, 30000, false},
-    {"/KAVRO/Intelligent/FDLib/FaceDataRecord", kAnyMethod, 30000, true},
-    {"/KAVRO/Intelligent/FDLib/FDSetUp", kAnyMethod, 30000, true},
-}};
 
 // Status and kind of a reply whose text goes out unchanged.
 struct ReplyMeaning {
@@ -104,13 +88,11 @@ int CDeviceKAVROPto::procProtocol(int&, std::string& response, int& answered,
 int CDeviceKAVROPto::createUserData(tagDEVCFG_USERDATA& userData, std::string&, int& timeoutMs,
                                     const CHttpExchange& exchange) {
   for (const auto& resource : kSlowResources) {
-    if (!cmpURL(exchange.getUrl(), resource.url)) continue;
-    if (resource.method != kAnyMethod &&
-        static_cast<unsigned int>(resource.method) != exchange.getMethod()) {
+    if (!cmpURL(exchange.getUrl(), resource.path.data()) || !resource.isFor(exchange.getMethod())) {
       continue;
     }
-    timeoutMs = resource.timeoutMs;
-    if (!resource.carriesFaceUrl) return 1;
+    timeoutMs = static_cast<int>(resource.timeout.count());
+    if (resource.slowPart != SlowPart::TakesPicture) return 1;
     userData.data = new (std::nothrow) char[m_strFaceUrl.size() + 1];
     if (!userData.data) {
       QN_LOG(WLOG_ERROR, "no resouce.");

@@ -49,8 +49,12 @@ MultipartReader::Step MultipartReader::step(std::string_view bytes) {
       return readHeader(bytes);
     case State::BodyOfLength:
       return readBodyOfLength(bytes);
-    case State::BodyToEnd:
-      return readBodyToEnd(bytes);
+    case State::BodyStart:
+      return beginBody(bytes);
+    case State::JsonBody:
+      return readJsonBody(bytes);
+    case State::BodyToBoundary:
+      return readBodyToBoundary(bytes);
   }
   return {Step::Failed};
 }
@@ -79,9 +83,7 @@ MultipartReader::Step MultipartReader::readHeader(std::string_view bytes) {
   }
   const auto line = withoutLineBreak(bytes.substr(0, lineEnd + 1));
   if (line.empty()) {
-    state_ = hasLength_ ? State::BodyOfLength : State::BodyToEnd;
-    scanner_ = {};
-    scanned_ = 0;
+    state_ = hasLength_ ? State::BodyOfLength : State::BodyStart;
   } else if (!takeHeaderLine(line)) {
     return {Step::Failed};
   }
@@ -106,22 +108,36 @@ MultipartReader::Step MultipartReader::readBodyOfLength(std::string_view bytes) 
   return finishBody(bytes.substr(0, length_), length_);
 }
 
-MultipartReader::Step MultipartReader::readBodyToEnd(std::string_view bytes) {
-  const auto first = bytes.find_first_not_of(" \t\r\n");
+// Blanks before a body without a length do not belong to it.
+MultipartReader::Step MultipartReader::beginBody(std::string_view bytes) {
+  const auto first = bytes.find_first_not_of(text::kBlanks);
   if (first == std::string_view::npos) return {Step::NeedMore, bytes.size()};
-  if (bytes[first] == '{') {
-    for (scanned_ = std::max(scanned_, first); scanned_ < bytes.size(); ++scanned_) {
-      if (scanner_.step(bytes[scanned_]) == JsonScanner::Event::RootEnd) {
-        return finishBody(bytes.substr(first, scanned_ + 1 - first), scanned_ + 1);
-      }
-    }
-  } else {
-    const auto at = bytes.find(delimiter_, scanned_);
-    if (at != std::string_view::npos) {
-      return finishBody(withoutLineBreak(bytes.substr(first, at - first)), at);
-    }
-    scanned_ = bytes.size() - std::min(bytes.size(), delimiter_.size() - 1);
+  state_ = bytes[first] == '{' ? State::JsonBody : State::BodyToBoundary;
+  jsonEnd_ = {};
+  scanned_ = 0;
+  return {Step::Advanced, first};
+}
+
+MultipartReader::Step MultipartReader::readJsonBody(std::string_view bytes) {
+  switch (jsonEnd_.feed(bytes.substr(scanned_))) {
+    case JsonEnd::Found::End:
+      bytes = bytes.substr(0, jsonEnd_.size());  // with blanks behind it
+      return finishBody(bytes.substr(0, bytes.rfind('}') + 1), bytes.size());
+    case JsonEnd::Found::NoJson:  // ends like any other text
+      state_ = State::BodyToBoundary;
+      scanned_ = 0;
+      return {Step::Advanced, 0};
+    case JsonEnd::Found::Nothing:
+      break;
   }
+  scanned_ = bytes.size();
+  return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
+}
+
+MultipartReader::Step MultipartReader::readBodyToBoundary(std::string_view bytes) {
+  const auto at = bytes.find(delimiter_, scanned_);
+  if (at != std::string_view::npos) return finishBody(withoutLineBreak(bytes.substr(0, at)), at);
+  scanned_ = bytes.size() - std::min(bytes.size(), delimiter_.size() - 1);
   return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
 }
 

@@ -6,11 +6,11 @@
 
 #include <array>
 #include <boost/beast/http/status.hpp>
-#include <charconv>
 #include <cstdio>
 
 #include "platform/base_library.h"
 #include "platform/error_codes.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
@@ -51,12 +51,6 @@ std::array<OwnDocument, kOwnAnswerCount> makeDocuments() {
   return documents;
 }
 
-void appendNumber(std::string& out, std::size_t number) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, number);
-  out.append(digits, end.ptr);
-}
-
 struct DateLine {
   time_t second = -1;
   char text[48];
@@ -83,7 +77,7 @@ void appendStatusLine(std::string& out, int status) {
     return;
   }
   out += "HTTP/1.1 ";
-  appendNumber(out, static_cast<std::size_t>(status));
+  text::appendDecimal(out, status);
   out += ' ';
   const auto known = boost::beast::http::int_to_status(static_cast<unsigned>(status));
   if (known != boost::beast::http::status::unknown) {
@@ -102,7 +96,7 @@ void appendDate(std::string& out) {
 
 void appendContentLength(std::string& out, std::size_t length) {
   out += "Content-Length: ";
-  appendNumber(out, length);
+  text::appendDecimal(out, length);
   out += "\r\n";
 }
 

@@ -9,6 +9,7 @@
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/http/header_lines.h"
 #include "platform/wlog.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace {
@@ -69,7 +70,7 @@ bool isClean(std::string_view text) {
 // These are the service's to set.
 bool isOwnHeader(std::string_view name) {
   for (std::string_view own : {"Content-Length", "Connection", "Date", "Transfer-Encoding"}) {
-    if (equalNoCase(name, own)) return true;
+    if (text::equalNoCase(name, own)) return true;
   }
   return false;
 }
@@ -107,12 +108,12 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, std::strin
       fields_(head.fields) {}
 
 std::string ExchangeState::header(std::string_view name) const {
-  if (qn::equalNoCase(name, "X-Forwarded-For")) return clientAddress_;
+  if (qn::text::equalNoCase(name, "X-Forwarded-For")) return clientAddress_;
   const std::lock_guard lock(mutex_);
   const std::string_view value = qn::findHeader(fields_, name).value;
   // Credentials made for another target must not open this one.
-  const bool misused =
-      !value.empty() && qn::equalNoCase(name, "Authorization") && !qn::digestUriIs(value, url_);
+  const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
+                       !qn::digestUriIs(value, url_);
   return misused ? std::string() : std::string(value);
 }
 

@@ -4,11 +4,9 @@
 #include <cstddef>
 #include <string_view>
 
-namespace qn {
+#include "text/ascii.h"
 
-bool equalNoCase(std::string_view a, std::string_view b);
-// Without the blanks and tabs around it.
-std::string_view trimBlanks(std::string_view text);
+namespace qn {
 
 // Where a line starts, its end with the CRLF, and its value without blanks around it.
 struct HeaderLine {
@@ -20,6 +18,19 @@ struct HeaderLine {
 };
 
 // The first line of that name at or after `from`, where a line starts.
-HeaderLine findHeader(std::string_view block, std::string_view name, std::size_t from = 0);
+inline HeaderLine findHeader(std::string_view block, std::string_view name, std::size_t from = 0) {
+  for (std::size_t start = from; start < block.size();) {
+    const std::size_t end = block.find('\n', start) + 1;
+    if (end == 0) break;
+    const std::string_view line = block.substr(start, end - start);
+    if (line.size() > name.size() && line[name.size()] == ':' &&
+        text::startsWithNoCase(line, name)) {
+      const std::string_view value = line.substr(name.size() + 1, line.size() - name.size() - 3);
+      return {start, end, text::trim(value)};
+    }
+    start = end;
+  }
+  return {};
+}
 
 }  // namespace qn

@@ -76,8 +76,8 @@ void Listener::admit(std::size_t reactor, TcpStream stream) try {
     if (!core_->refusals.enter(peer)) return;  // too many to be told so: closed
     access = Access::Nothing;
   }
-  auto client =
-      std::make_shared<Connection<TcpStream>>(core_, reactor, std::move(stream), peer, access);
+  auto client = std::make_shared<ClientConnection<TcpStream>>(core_, reactor, std::move(stream),
+                                                              peer, access);
   asio::post(core_->reactors.context(reactor), [client = std::move(client)] { client->start(); });
 } catch (const std::exception& e) {
   wlog_format(WLOG_ERROR, "http", "accepted connection dropped: %s", e.what());

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "gateway/http/connection.h"
+#include "gateway/http/client_connection.h"
 #include "gateway/http/service_core.h"
 
 namespace qn {

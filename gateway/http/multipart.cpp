@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "text/ascii.h"
+
 namespace qn {
 namespace {
 
@@ -15,24 +17,9 @@ struct Part {
   std::string_view bytes;
 };
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; }
-
-bool startsWithNoCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() &&
-         std::equal(prefix.begin(), prefix.end(), text.begin(),
-                    [](char a, char b) { return lower(a) == lower(b); });
-}
-
-std::string_view trim(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t";
-  const std::size_t first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
 // The media type without its parameters.
 std::string_view mediaType(std::string_view contentType) {
-  return trim(contentType.substr(0, contentType.find(';')));
+  return text::trim(contentType.substr(0, contentType.find(';')));
 }
 
 // The next parameter of a content type, with its leading ';'; a ';' inside quotes does not end it.
@@ -44,14 +31,14 @@ std::string_view takeParameter(std::string_view& rest) {
   }
   const std::string_view parameter = rest.substr(1, end - 1);
   rest.remove_prefix(end);
-  return trim(parameter);
+  return text::trim(parameter);
 }
 
 std::string_view boundaryOf(std::string_view contentType) {
   std::string_view rest = contentType.substr(std::min(contentType.find(';'), contentType.size()));
   while (!rest.empty()) {
     const std::string_view parameter = takeParameter(rest);
-    if (!startsWithNoCase(parameter, "boundary=")) continue;
+    if (!text::startsWithNoCase(parameter, "boundary=")) continue;
     std::string_view value = parameter.substr(std::string_view("boundary=").size());
     if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
       value = value.substr(1, value.size() - 2);
@@ -70,8 +57,8 @@ std::optional<Part> readPart(std::string_view text) {
     const std::string_view line = text.substr(0, end);
     text.remove_prefix(end + 2);
     if (line.empty()) break;
-    if (startsWithNoCase(line, "content-type:")) {
-      part.contentType = trim(line.substr(std::string_view("content-type:").size()));
+    if (text::startsWithNoCase(line, "content-type:")) {
+      part.contentType = text::trim(line.substr(std::string_view("content-type:").size()));
     }
   }
   part.bytes = text;
@@ -131,18 +118,18 @@ std::optional<std::vector<Part>> readParts(std::string_view body, std::string_vi
 }
 
 bool saysJson(const Part& part) {
-  return startsWithNoCase(mediaType(part.contentType), "application/json");
+  return text::startsWithNoCase(mediaType(part.contentType), "application/json");
 }
 
 bool mayBeJson(const Part& part) {
   const std::string_view type = mediaType(part.contentType);
-  return type.empty() || startsWithNoCase(type, "text/");
+  return type.empty() || text::startsWithNoCase(type, "text/");
 }
 
 }  // namespace
 
 bool isMultipart(std::string_view contentType) {
-  return startsWithNoCase(trim(contentType), "multipart/");
+  return text::startsWithNoCase(text::trim(contentType), "multipart/");
 }
 
 std::optional<FaceBody> readFaceBody(std::string_view contentType, std::string_view body) {

@@ -1,17 +1,16 @@
 // See request_reader.h.
 #include "gateway/http/request_reader.h"
 
-#include <boost/beast/core/string.hpp>
 #include <boost/beast/http/basic_parser.hpp>
 #include <boost/beast/http/error.hpp>
 #include <cstdint>
 #include <limits>
 
 #include "platform/http_service.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace http = boost::beast::http;
-using boost::beast::iequals;
 using boost::beast::string_view;
 using boost::system::error_code;
 
@@ -42,8 +41,8 @@ int methodCode(http::verb verb) {
 std::string_view originForm(std::string_view target) {
   const std::size_t authority = target.find("://");
   if (authority == std::string_view::npos) return {};
-  const string_view scheme(target.data(), authority);
-  if (!iequals(scheme, "http") && !iequals(scheme, "https")) return {};
+  const std::string_view scheme = target.substr(0, authority);
+  if (!text::equalNoCase(scheme, "http") && !text::equalNoCase(scheme, "https")) return {};
   const std::size_t path = target.find_first_of("/?#", authority + 3);
   if (path == std::string_view::npos) return "/";
   return target[path] == '/' ? target.substr(path) : std::string_view();
@@ -86,9 +85,10 @@ class RequestParser final : public http::basic_parser<true> {
     } else if (field == http::field::host) {
       ++hosts_;
     } else if (field == http::field::transfer_encoding) {
-      if (head_.http10 || !iequals(value, "chunked")) ec = http::error::bad_transfer_encoding;
+      if (head_.http10 || !text::equalNoCase(value, "chunked"))
+        ec = http::error::bad_transfer_encoding;
     } else if (field == http::field::expect) {
-      head_.expectsContinue = !head_.http10 && iequals(value, "100-continue");
+      head_.expectsContinue = !head_.http10 && text::equalNoCase(value, "100-continue");
     }
   }
 

@@ -11,23 +11,14 @@
 
 #include "gateway/http/header_lines.h"
 #include "gateway/http/multipart.h"
+#include "gateway/http/part_pusher.h"
 #include "platform/wlog.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace {
 
 using boost::asio::ip::address;
-
-struct SpecialPath {
-  std::string_view path;
-  bool takesPicture;
-};
-// Resources whose requests may block: they run on workers.
-constexpr SpecialPath kSpecialPaths[] = {
-    {"/KAVRO/System/Audio/channels", false},
-    {"/KAVRO/Intelligent/FDLib/FaceDataRecord", true},
-    {"/KAVRO/Intelligent/FDLib/FDSetUp", true},
-};
 
 constexpr std::size_t kRefusalsAtOnce = 256;
 
@@ -44,12 +35,14 @@ void answering(const ExchangePtr& exchange, Answering answer) {
   exchange->finish(OwnAnswer::InternalError);
 }
 
-const SpecialPath* findSpecialPath(std::string_view url) {
+SlowPart slowPartOf(const ExchangeState& exchange) {
+  const std::string_view url = exchange.url();
   const std::string_view path = url.substr(0, url.find('?'));
-  for (const SpecialPath& special : kSpecialPaths) {
-    if (path == special.path) return &special;
-  }
-  return nullptr;
+  const auto method = static_cast<unsigned int>(exchange.method());
+  const auto found = std::ranges::find_if(kSlowResources, [&](const SlowResource& resource) {
+    return path == resource.path && resource.isFor(method);
+  });
+  return found == std::end(kSlowResources) ? SlowPart::DeviceOnly : found->slowPart;
 }
 
 // The values of all lines of that name, as one list.
@@ -82,7 +75,7 @@ address plainAddress(const address& peer) {
   return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, peer.to_v6());
 }
 
-bool Admission::enter(const address& peer) {
+bool ConnectionCount::enter(const address& peer) {
   const std::lock_guard lock(mutex_);
   if (open_ >= connections_) return false;
   std::size_t& ofAddress = byAddress_[peer];
@@ -95,7 +88,7 @@ bool Admission::enter(const address& peer) {
   return true;
 }
 
-void Admission::leave(const address& peer) {
+void ConnectionCount::leave(const address& peer) {
   const std::lock_guard lock(mutex_);
   const auto found = byAddress_.find(peer);
   if (--found->second == 0) byAddress_.erase(found);
@@ -137,7 +130,7 @@ std::string ServiceCore::clientAddress(address peer, std::string_view fields) co
   while (trusts(peer) && !rest.empty()) {
     const std::size_t comma = rest.rfind(',');
     const std::size_t start = comma == rest.npos ? 0 : comma + 1;
-    const auto next = forwardedAddress(trimBlanks(rest.substr(start)));
+    const auto next = forwardedAddress(text::trim(rest.substr(start)));
     if (!next) break;  // nobody knows who that is: the proxy answers for it
     peer = *next;
     rest = rest.substr(0, start == 0 ? 0 : comma);
@@ -165,15 +158,21 @@ void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job jo
 
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
   if (const OwnResource* resource = findResource(exchange->url())) {
-    queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
+    return queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
       answering(exchange, [&] { resource->serve(*exchange); });
     });
-  } else if (access != Access::Everything) {
+  }
+  if (access != Access::Everything) {
     exchange->finish(OwnAnswer::NotFound);
-  } else if (const SpecialPath* special = findSpecialPath(exchange->url())) {
-    queueWithBody(special->takesPicture ? workers_.files : workers_.devices, exchange, body);
-  } else {
-    process(exchange, body);
+    return;
+  }
+  switch (slowPartOf(*exchange)) {
+    case SlowPart::DeviceOnly:
+      return process(exchange, body);
+    case SlowPart::AsksDeviceFirst:
+      return queueWithBody(workers_.devices, exchange, body);
+    case SlowPart::TakesPicture:
+      return queueWithBody(workers_.files, exchange, body);
   }
 }
 
@@ -197,19 +196,17 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   QNHttpService::stHttpRes request;
   request.exchange = std::make_shared<QNHttpService::CHttpExchange>(exchange);
   std::optional<FaceBody> face;
-  const SpecialPath* special = findSpecialPath(exchange->url());
-  if (special != nullptr && special->takesPicture) {
-    const std::string contentType = exchange->header("Content-Type");
-    if (isMultipart(contentType)) {
-      face = readFaceBody(contentType, body);
-      if (!face) {
-        exchange->finish(OwnAnswer::Malformed);
-        return;
-      }
-      body = face->bytes;
-      request.hasMimePart = face->hasMimeType;
-      request.mimeType = face->mimeType;
+  const bool takesPicture = slowPartOf(*exchange) == SlowPart::TakesPicture;
+  const std::string contentType = takesPicture ? exchange->header("Content-Type") : std::string();
+  if (isMultipart(contentType)) {
+    face = readFaceBody(contentType, body);
+    if (!face) {
+      exchange->finish(OwnAnswer::Malformed);
+      return;
     }
+    body = face->bytes;
+    request.hasMimePart = face->hasMimeType;
+    request.mimeType = face->mimeType;
   }
   if (!body.empty()) {
     request.body = body.data();

@@ -18,11 +18,13 @@
 #include "gateway/config/configuration.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
-#include "gateway/http/stream_sender.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
+#include "platform/slow_resources.h"
 
 namespace qn {
+
+class StreamSender;
 
 // The shape of QN_Protocol_HTTPProcess.
 using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncReply,
@@ -48,7 +50,7 @@ enum class Access { Everything, OwnResources, Nothing };
 
 // Bounds that no operator needs to change; tests shorten them.
 struct HttpBounds {
-  std::chrono::milliseconds answer{70'000};    // the longest bus time-out and 10 s
+  std::chrono::milliseconds answer = kAnswerTimeout;
   std::chrono::milliseconds stalled{60'000};   // a peer that takes nothing of what is written
   std::chrono::milliseconds silent{30'000};    // a stream without a successful write
   std::chrono::milliseconds linger{2'000};     // for the client to read the last answer
@@ -62,9 +64,9 @@ struct HttpBounds {
 boost::asio::ip::address plainAddress(const boost::asio::ip::address& peer);
 
 // Counts connections, in all and for each client address; any thread.
-class Admission {
+class ConnectionCount {
  public:
-  Admission(std::size_t connections, std::size_t perAddress)
+  ConnectionCount(std::size_t connections, std::size_t perAddress)
       : connections_(connections), perAddress_(perAddress) {}
 
   bool enter(const boost::asio::ip::address& address);
@@ -111,8 +113,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   Reactors& reactors;
   const HttpOptions options;
   const HttpBounds bounds;
-  Admission admission;
-  Admission refusals;  // connections over the limit that are being told so
+  ConnectionCount admission;
+  ConnectionCount refusals;  // connections over the limit that are being told so
   MemoryBudget bodies;
   MemoryBudget unsentAnswers;
   std::atomic<bool> stopping{false};

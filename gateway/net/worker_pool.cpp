@@ -1,51 +1,174 @@
 // See worker_pool.h.
 #include "gateway/net/worker_pool.h"
 
-#include <pthread.h>
-
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <exception>
+#include <thread>
 #include <utility>
 
-namespace qn {
+#include "gateway/net/thread.h"
 
-WorkerPool::WorkerPool(std::size_t threads, std::size_t queueLimit) : queueLimit_(queueLimit) {
-  for (std::size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
+namespace qn {
+namespace {
+
+thread_local const WorkerPool* poolOfThisThread = nullptr;
+
+// Milliseconds, so that nothing needs to cut it short.
+void sleep(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
+  lock.unlock();
+  std::this_thread::sleep_for(time);
+  lock.lock();
 }
+
+}  // namespace
+
+WorkerPool::WorkerPool(const WorkerPoolOptions& options)
+    : options_(options), guard_(context_.get_executor()) {}
 
 WorkerPool::~WorkerPool() { stop(); }
 
+bool WorkerPool::runsHere() const { return poolOfThisThread == this; }
+
 bool WorkerPool::post(Job job) {
-  {
-    std::lock_guard lock(mutex_);
-    if (stopping_ || queue_.size() >= queueLimit_) return false;
-    queue_.push_back(std::move(job));
+  const Lock lock(mutex_);
+  if (stopping_ || queue_.size() >= options_.queueLimit) return false;
+  queue_.push_back(std::move(job));
+  const bool called = isPatient() ? callSparingly() : callOneMore();
+  if (called || draining_ > 0 || watched_) return true;
+  queue_.pop_back();
+  return false;
+}
+
+bool WorkerPool::isPatient() const { return options_.patience.count() > 0; }
+
+// A call for each job, and a thread for each call. False when nobody was called.
+bool WorkerPool::callOneMore() try {
+  const bool noneFree = threads_.size() < draining_ + queue_.size();
+  if (noneFree && !startOne() && threads_.empty()) return false;
+  boost::asio::post(context_, [this] { onCall(); });
+  return true;
+} catch (const std::exception&) {
+  return false;  // no memory
+}
+
+// Keeps this true: while jobs wait, a thread is on its way to them, or one works and another, if
+// there may be another, watches that it gets on. False when there is nobody to call.
+bool WorkerPool::callSparingly() try {
+  if (queue_.empty() || coming_) return true;
+  const bool getsOn = draining_ > stuck_ && !stopping_;
+  if (getsOn && watched_) return true;
+  const std::size_t busy = draining_ + (watched_ ? 1 : 0);
+  if (threads_.size() == busy && !startOne()) return false;
+  if (getsOn) {
+    boost::asio::post(context_, [this] { watch(); });
+    watched_ = true;
+  } else {
+    boost::asio::post(context_, [this] { onCall(); });
+    coming_ = true;
   }
-  wakeUp_.notify_one();
+  return true;
+} catch (const std::exception&) {
+  return false;  // no memory
+}
+
+bool WorkerPool::startOne() {
+  if (threads_.size() >= options_.threads || stopping_) return false;
+  threads_.reserve(threads_.size() + 1);
+  pthread_t thread;
+  if (startThread(thread, options_.name, options_.stackBytes, [this] { run(); }) != 0) return false;
+  threads_.push_back(thread);
+  return true;
+}
+
+void WorkerPool::run() {
+  poolOfThisThread = this;
+  do {
+    // With an idle time of 0 run_one_for() would not even look.
+    while (context_.run_one_for(options_.idleTime) > 0 || context_.poll_one() > 0) {
+    }
+  } while (!leave());
+}
+
+void WorkerPool::onCall() {
+  Lock lock(mutex_);
+  coming_ = false;
+  drain(lock);
+}
+
+// Until a job has waited for the whole patience, and then helps, or nothing has happened for as
+// long.
+void WorkerPool::watch() {
+  Lock lock(mutex_);
+  bool late = false;
+  bool quiet = false;
+  while (!late && !quiet && !stopping_) {
+    const auto taken = taken_;
+    const auto queued = taken_ + queue_.size();
+    sleep(lock, options_.patience);
+    late = taken_ < queued;
+    quiet = queue_.empty() && taken_ == taken;
+  }
+  watched_ = false;
+  if (late) stuck_ = draining_;
+  if (late || stopping_) drain(lock);
+}
+
+void WorkerPool::drain(Lock& lock) {
+  ++draining_;
+  do {
+    while (!queue_.empty()) {
+      Job job = std::move(queue_.front());
+      queue_.pop_front();
+      ++taken_;
+      if (isPatient()) callSparingly();
+      lock.unlock();
+      job();
+      job = nullptr;
+      lock.lock();
+      stuck_ = std::min(stuck_, draining_ - 1);
+    }
+  } while (gather(lock));
+  --draining_;
+}
+
+// When jobs follow each other closely, lets some gather without a wake-up for each.
+bool WorkerPool::gather(Lock& lock) {
+  if (!isPatient()) return false;
+  const auto now = Clock::now();
+  const bool close = now - std::exchange(drained_, now) < 2 * kGatherTime;
+  if (!close || coming_ || stopping_) return false;
+  coming_ = true;
+  sleep(lock, kGatherTime);
+  coming_ = false;
+  return !queue_.empty();
+}
+
+// For a thread that has idled. False when it must stay.
+bool WorkerPool::leave() {
+  std::optional<pthread_t> earlier;
+  {
+    const Lock lock(mutex_);
+    if (stopping_) return context_.stopped();
+    if (coming_ || watched_ || !queue_.empty()) return false;
+    std::erase_if(threads_, [](pthread_t t) { return pthread_equal(t, pthread_self()) != 0; });
+    earlier = std::exchange(ended_, pthread_self());
+  }
+  if (earlier) pthread_join(*earlier, nullptr);
   return true;
 }
 
 void WorkerPool::stop() {
   {
-    std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     stopping_ = true;
+    if (isPatient()) callSparingly();  // idle threads help with what is left
+    guard_.reset();
   }
-  wakeUp_.notify_all();
-  for (auto& thread : threads_) thread.join();
+  for (const pthread_t thread : threads_) pthread_join(thread, nullptr);
+  if (ended_) pthread_join(*ended_, nullptr);
   threads_.clear();
-}
-
-void WorkerPool::run() {
-  pthread_setname_np(pthread_self(), "worker");
-  for (;;) {
-    Job job;
-    {
-      std::unique_lock lock(mutex_);
-      wakeUp_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-      if (queue_.empty()) return;
-      job = std::move(queue_.front());
-      queue_.pop_front();
-    }
-    job();
-  }
+  ended_.reset();
 }
 
 }  // namespace qn

@@ -1,41 +1,91 @@
-// The few threads for work that may block or takes long: requests that wait for a device, picture
-// uploads, very long translations. The HTTP service and the device-configuration bus post to it.
+// The one kind of thread pool: threads that come when work waits and end when there is none. Used
+// for requests that wait for a device or the disk, for very long translations, and behind the
+// flexible pools of platform/zrt.h.
 #pragma once
 
-#include <condition_variable>
+#include <pthread.h>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <thread>
+#include <optional>
 #include <vector>
 
 namespace qn {
 
+struct WorkerPoolOptions {
+  std::size_t threads;                                            // at most, at least 1
+  std::size_t queueLimit;                                         // jobs that wait for a thread
+  std::chrono::milliseconds idleTime = std::chrono::seconds(30);  // a thread without work ends
+  // How long a job may wait before a further thread takes it. With 0 there is a thread for each
+  // job; more is for short jobs, for which a wake-up costs more than the work.
+  std::chrono::milliseconds patience{0};
+  std::size_t stackBytes = 0;  // 0: the system's default
+  const char* name = "worker";
+};
+
+// asio::thread_pool starts all its threads at once and keeps them, so the threads are the pool's
+// own and run an io_context, which has them wait and wakes one when there is work.
 class WorkerPool {
  public:
   using Job = std::function<void()>;  // must not throw
 
-  WorkerPool(std::size_t threads, std::size_t queueLimit);
+  WorkerPool(std::size_t threads, std::size_t queueLimit)
+      : WorkerPool(WorkerPoolOptions{threads, queueLimit}) {}
+  explicit WorkerPool(const WorkerPoolOptions& options);
   ~WorkerPool();  // stops
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
-  // Never blocks; false when the queue is full or the pool has stopped (the job is not run).
+  // Never blocks and starts at most one thread. False when the queue is full, the pool has stopped
+  // or there is no thread and none could be started: the job is not run.
   bool post(Job job);
-  // Runs what is queued and ends the threads. Never call it on a worker thread. Harmless when
-  // repeated.
+  // Takes no more jobs, runs what is queued and ends the threads. Never call it on a thread of the
+  // pool; by one thread at a time. Harmless when repeated.
   void stop();
+  // Whether the calling thread is one of this pool's.
+  bool runsHere() const;
 
  private:
-  void run();
+  using Lock = std::unique_lock<std::mutex>;
+  using Clock = std::chrono::steady_clock;
 
-  const std::size_t queueLimit_;
-  std::vector<std::thread> threads_;
+  bool isPatient() const;
+  bool callOneMore();
+  bool callSparingly();
+  bool startOne();
+  void run();
+  void onCall();
+  void watch();
+  void drain(Lock& lock);
+  bool gather(Lock& lock);
+  bool leave();
+
+  // A pool with patience lets jobs that follow each other closely gather for so long.
+  static constexpr std::chrono::milliseconds kGatherTime{1};
+
+  const WorkerPoolOptions options_;
+  boost::asio::io_context context_;
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard_;
+
   std::mutex mutex_;
-  std::condition_variable wakeUp_;
-  std::deque<Job> queue_;  // guarded by mutex_
-  bool stopping_ = false;  // guarded by mutex_
+  // Guarded by mutex_, constant once the pool stops:
+  std::vector<pthread_t> threads_;
+  std::optional<pthread_t> ended_;  // the thread that left last; the next one joins it
+  // Guarded by mutex_:
+  std::deque<Job> queue_;
+  bool coming_ = false;        // a thread was called or lets jobs gather, and will look by itself
+  std::size_t draining_ = 0;   // threads that take jobs
+  std::size_t stuck_ = 0;      // of these, during whose jobs another lost patience
+  uint64_t taken_ = 0;         // jobs
+  Clock::time_point drained_;  // when a thread last found no further job
+  bool watched_ = false;       // a thread watches that the others get on
+  bool stopping_ = false;
 };
 
 }  // namespace qn

@@ -12,8 +12,9 @@
 #include <unordered_map>
 #include <utility>
 
-#include "gateway/runtime/last_error.h"
-#include "gateway/runtime/thread.h"
+#include "gateway/net/thread.h"
+#include "gateway/runtime/operation.h"
+#include "gateway/runtime/routine.h"
 #include "platform/zrt.h"
 
 namespace qn {

@@ -28,6 +28,9 @@ TEST(SetDeviceIndex, WinsOverWhateverTheDeviceSays) {
       R"({"EventNotificationAlert":{"devIndex":"evil"},"EventNotificationAlert":{"b":1}})",
       R"({"EventNotificationAlert":{"a":1}}{"EventNotificationAlert":{"devIndex":"evil"}})",
       "{\"EventNotificationAlert\":{\r\n\t}}\r\n",
+      "{\"EventNotificationAlert\":{\"a\":\"\x01\"}}",
+      R"({"EventNotificationAlert":{/* } */"devIndex":"evil"/* { */}} //)",
+      "{\"EventNotificationAlert\":{// }\n\"devIndex\":\"evil\"}}",
   };
   for (const char* alarm : alarms) {
     std::string out = "what was there before";
@@ -45,10 +48,8 @@ TEST(SetDeviceIndex, WinsOverWhateverTheDeviceSays) {
 }
 
 TEST(SetDeviceIndex, RefusesWhatItCannotReadAsTheModuleWould) {
-  for (const char* alarm :
-       {"", "   ", "7", "[]", R"([{"a":{}}])", "null", "{", R"({"a":{})", R"({"a":"})",
-        R"({"EventNotificationAlert":{/* } */"devIndex":"evil"}})",
-        "{\"EventNotificationAlert\":{// }\n\"devIndex\":\"evil\"}}", "}{", "\xEF\xBB\xBF{}"}) {
+  for (const char* alarm : {"", "   ", "7", "[]", R"([{"a":{}}])", "null", "{", R"({"a":{})",
+                            R"({"a":"})", "}{", "\xEF\xBB\xBF{}"}) {
     std::string out;
     EXPECT_FALSE(setDeviceIndex(alarm, "\"1\"", out)) << alarm;
   }
@@ -116,6 +117,9 @@ TEST(MultipartReader, HoweverTheStreamIsCut) {
        "--b\r\nContent-Type: application/json\r\n\r\n{\"a\":{\"s\":\"}--b\\\"\"}}\r\n--b\r\n\r\n"
        "  {\"b\":[]}",
        {{json, "{\"a\":{\"s\":\"}--b\\\"\"}}"}, {"", "{\"b\":[]}"}}},
+      {"without a length, no JSON after all: to the boundary",
+       "--b\r\n\r\n{\"a\":1 2}\r\n--b\r\n\r\n{a}\r\n--b\r\n",
+       {{"", "{\"a\":1 2}"}, {"", "{a}"}}},
       {"without a length, no object: to the boundary",
        "--b\r\nContent-Type: image/jpeg\r\n\r\n \r\nJ{P\r\n--G\r\n--b\r\nContent-Length: "
        "1\r\n\r\nx",

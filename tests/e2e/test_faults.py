@@ -36,15 +36,12 @@ class DeviceFaults(harness.GatewayTest):
                     self.assert_error(self.client().get(url), 502, "deviceReplyUnusable")
                 self.devices.no_fault()
                 self.assert_serving()
-
-    def test_a_closed_idle_connection_is_nobodys_error(self):
-        """What a device that restarts between two requests looks like."""
-        one = self.client()
-        for _ in range(3):
-            self.assertEqual(one.get(INFO).status, 200)
-            self.devices.order(listening=False)
-            self.devices.order(listening=True)
-        self.assertEqual(one.get(INFO).status, 200)
+        before = self.gateway.descriptors()
+        for kind in ("refuse", "cut", "garbage", "empty") * 15:
+            self.devices.fault(kind=kind)
+            with harness.client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
+                one.get(INFO)
+        harness.wait_until(lambda: self.gateway.descriptors() <= before + 4)
 
     def test_time_outs_of_hanging_devices_hold_nobody_up(self):
         """One wait for all: translated requests end after 10 s, passed-through ones after 15 s."""
@@ -94,27 +91,6 @@ class DeviceFaults(harness.GatewayTest):
         self.assertEqual(self.client().get(INFO).status, 500)
         self.devices.fault(kind="large", bytes=40 * 1024 * 1024)
         self.assert_error(self.client().get(INFO), 502, "deviceReplyUnusable")
-
-    def test_strange_characters_never_spoil_the_document(self):
-        name = 'a<b>&"\x01\x0b\ufffe\u00e9'
-        self.devices.order(deviceInfo={"deviceName": name})
-        self.addCleanup(self.devices.order, deviceInfo={"deviceName": "IPCamera 1"})
-        self.assertEqual(self.client().get(INFO).xml().findtext("deviceName"), 'a<b>&"\u00e9')
-
-    def test_a_failing_device_costs_no_descriptors(self):
-        def rounds(count):
-            for _ in range(count):
-                for kind in ("refuse", "cut", "garbage", "empty"):
-                    self.devices.fault(kind=kind)
-                    with harness.client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
-                        one.get(INFO)
-            self.devices.no_fault()
-
-        rounds(2)
-        before = self.gateway.descriptors()
-        rounds(15)
-        harness.wait_until(lambda: self.gateway.descriptors() <= before + 4, 10,
-                           f"{before} descriptors, as before the faults")
 
 
 class DeviceLogin(harness.GatewayTest):

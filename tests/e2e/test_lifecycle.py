@@ -1,5 +1,6 @@
 """Starting, stopping, reading the configuration again, and the operation log that stays."""
 import contextlib
+import os
 import re
 import signal
 import socket
@@ -30,7 +31,6 @@ class CommandLine(unittest.TestCase):
             result = run(*arguments)
             self.assertEqual(result.returncode == 0, good, arguments)
             self.assertRegex(result.stdout if good else result.stderr, said)
-
 
 
 class Configuration(unittest.TestCase):
@@ -68,6 +68,11 @@ class Configuration(unittest.TestCase):
         self.assertIn(f"{self.gateway.folder / 'data'} cannot be used: another process",
                       result.stderr)
         self.assertEqual(self.status("admin"), 200)
+
+    def test_an_idle_gateway_has_few_threads(self):
+        self.assertEqual(self.status("admin"), 200)
+        threads = os.listdir(f"/proc/{self.gateway.child.pid}/task")
+        self.assertLessEqual(len(threads), 8 + os.cpu_count())
 
     def test_a_bad_file_changes_nothing(self):
         good = self.gateway.config.read_text()

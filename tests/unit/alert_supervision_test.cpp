@@ -101,14 +101,10 @@ TEST_F(Supervision, AFullStreamGetsAHeartBeatEverySecond) {
   fake::http().setFull(stream.handle, false);
   EXPECT_EQ(secondsUntil(stream, 2), 1);
   EXPECT_EQ(inside(parts(stream).back(), "activePostCount"), "5");
-}
-
-TEST_F(Supervision, AHeartBeatFindsTheVanishedClient) {
-  const auto stream = open();
   fake::http().breakLink(stream.handle);
   fake::runtime().advance(6000);
   fake::runtime().runJobs();
-  EXPECT_TRUE(sessions().empty());
+  EXPECT_TRUE(sessions().empty()) << "the heartbeat found that the client is gone";
 }
 
 TEST_F(Supervision, WithoutMemoryOrPoolHeartBeatsAreSkipped) {
@@ -254,9 +250,7 @@ TEST_F(Supervision, StopRunsWhatIsQueuedAndKeepsTheTable) {
   fail(sessions()[0], 204801);
   supervise();
   EXPECT_EQ(busCalls(), (Calls{"DeleteDevice -1 1"})) << "also without a subscription";
-}
 
-TEST_F(Supervision, AFailedUnsubscribeIsLoggedByStop) {
   open();
   fake::alarmBus().unsubscribeResult = -1;
   EXPECT_EQ(pto_.stop(), 0);

@@ -44,10 +44,7 @@ TEST_F(Pipeline, ReplyInsideTheBusCallAnswersOnce) {
 }
 
 TEST_F(Pipeline, RefusalOfTheBusIsTheAnswer) {
-  const struct {
-    int refusal;
-    unsigned int code;
-  } cases[] = {
+  const std::pair<int, unsigned int> cases[] = {
       {DEVCFGBUS_QUEUE_FULL, 0x6000000B}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
   for (const auto& [refusal, code] : cases) {
     fake::deviceBus().refusal = refusal;

@@ -1,5 +1,5 @@
-// See stream_sender.h.
-#include "gateway/http/stream_sender.h"
+// See part_pusher.h. Here: StreamSender.
+#include "gateway/http/part_pusher.h"
 
 #include <boost/asio/post.hpp>
 #include <utility>

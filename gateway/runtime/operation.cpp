@@ -1,5 +1,5 @@
-// See last_error.h.
-#include "gateway/runtime/last_error.h"
+// See operation.h.
+#include "gateway/runtime/operation.h"
 
 #include "platform/zrt.h"
 

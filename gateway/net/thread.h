@@ -1,4 +1,4 @@
-// Threads of the pools and timers: POSIX threads, because std::thread knows no stack size.
+// Starts threads of the pools and timers: POSIX threads, because std::thread knows no stack size.
 #pragma once
 
 #include <pthread.h>
@@ -13,9 +13,5 @@ namespace qn {
 // an errno value. `name` has at most 15 characters.
 int startThread(pthread_t& thread, const char* name, std::size_t stackBytes,
                 std::function<void()> body);
-
-// Calls a routine of the runtime's user. Routines must not throw; one that does is logged, and the
-// process goes on.
-void callRoutine(const char* kind, const std::function<int()>& routine) noexcept;
 
 }  // namespace qn

@@ -1,14 +1,11 @@
 // See thread.h.
-#include "gateway/runtime/thread.h"
+#include "gateway/net/thread.h"
 
 #include <unistd.h>
 
 #include <algorithm>
-#include <exception>
 #include <memory>
 #include <utility>
-
-#include "gateway/log/log.h"
 
 namespace qn {
 namespace {
@@ -54,16 +51,6 @@ int startThread(pthread_t& thread, const char* name, std::size_t stackBytes,
   const int error = pthread_create(&thread, attributes.get(), &run, start.get());
   if (error == 0) start.release();  // the thread's now
   return error;
-}
-
-void callRoutine(const char* kind, const std::function<int()>& routine) noexcept {
-  try {
-    routine();
-  } catch (const std::exception& e) {
-    logError("a {} routine threw: {}", kind, e.what());
-  } catch (...) {
-    logError("a {} routine threw", kind);
-  }
 }
 
 }  // namespace qn

@@ -1,4 +1,4 @@
-// What ZRT_GetLastError reports. Called wherever an operation of platform/zrt.h fails.
+// What the operations of platform/zrt.h have in common: the last error, running out of memory.
 #pragma once
 
 #include <cerrno>

@@ -1,0 +1,195 @@
+// See client_connection.h.
+#include "gateway/http/client_connection.h"
+
+#include <boost/asio/socket_base.hpp>
+#include <string>
+#include <utility>
+
+namespace qn {
+namespace {
+
+constexpr std::size_t kScratchKept = 256 * 1024;
+
+// The message being made on this thread; a connection owns only what could not be sent at once.
+std::string& scratch() {
+  thread_local std::string buffer;
+  if (buffer.capacity() > kScratchKept) std::string().swap(buffer);
+  buffer.clear();
+  return buffer;
+}
+
+}  // namespace
+
+template <class Stream>
+ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, std::size_t reactor,
+                                           Stream stream, const boost::asio::ip::address& peer,
+                                           Access access)
+    : Base(std::move(stream), peer.to_string()),
+      core_(std::move(core)),
+      reactor_(reactor),
+      peer_(peer),
+      access_(access),
+      trusted_(core_->trusts(peer)),
+      requests_(*this, *core_, *this),
+      answers_(*this, *core_, [this] { onSent(); }),
+      parts_(*this, *core_) {}
+
+template <class Stream>
+ClientConnection<Stream>::~ClientConnection() {
+  (access_ == Access::Nothing ? core_->refusals : core_->admission).leave(peer_);
+}
+
+template <class Stream>
+bool ClientConnection<Stream>::onOwnThread() const {
+  return core_->reactors.context(reactor_).get_executor().running_in_this_thread();
+}
+
+template <class Stream>
+std::shared_ptr<ClientConnection<Stream>> ClientConnection<Stream>::self() {
+  return std::static_pointer_cast<ClientConnection>(this->shared_from_this());
+}
+
+template <class Stream>
+void ClientConnection<Stream>::start() {
+  this->run([this] {
+    core_->open[reactor_].insert(this);
+    if (core_->stopping) return close();
+    boost::system::error_code ec;
+    auto& socket = this->stream().lowest_layer();
+    socket.non_blocking(true, ec);
+    if (!ec) socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
+    if (ec) return close();  // the peer has gone already
+    if (access_ == Access::Nothing) return onRefused(OwnAnswer::Overloaded);
+    requests_.resume();
+  });
+}
+
+template <class Stream>
+void ClientConnection<Stream>::close() {
+  this->end();
+}
+
+template <class Stream>
+void ClientConnection<Stream>::onEnd() {
+  endRequest();
+  requests_.end();
+  answers_.end();
+  parts_.end();
+  if (awaited_) std::exchange(awaited_, nullptr)->detach();
+  core_->open[reactor_].erase(this);
+}
+
+template <class Stream>
+void ClientConnection<Stream>::onDeadline() {
+  if (requests_.onDeadline()) return;
+  if (!awaited_) return close();  // idle, or a peer that takes nothing
+  const ExchangePtr late = awaited_;
+  if (late->finish(OwnAnswer::GatewayTimeout)) return;
+  if (std::exchange(late_, true)) return close();
+  this->setDeadline(core_->bounds.stalled);  // another thread's answer is on its way here
+}
+
+template <class Stream>
+ExchangePtr ClientConnection<Stream>::onHead(const RequestHead& head) {
+  return ExchangeState::create(
+      head, trusted_ ? core_->clientAddress(peer_, head.fields) : this->peer(), self());
+}
+
+template <class Stream>
+void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::string_view body) {
+  awaited_ = exchange;
+  late_ = false;
+  counted_ = core_->enterRequest();
+  if (counted_) {
+    this->setDeadline(core_->bounds.answer);
+    core_->handOver(exchange, access_, body);
+  } else {
+    exchange->finish(OwnAnswer::Overloaded);
+  }
+}
+
+template <class Stream>
+void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
+  closeAfter_ = true;
+  answers_.send(ownMessage(answer));
+}
+
+template <class Stream>
+Ending ClientConnection<Stream>::endingOf(const ExchangeState& exchange) const {
+  return exchange.keepAlive() && !core_->stopping ? Ending::KeepAlive : Ending::Close;
+}
+
+template <class Stream>
+void ClientConnection<Stream>::deliver(const ExchangePtr& exchange, std::string_view body) {
+  const Ending ending = endingOf(*exchange);
+  if (onOwnThread()) {
+    std::string& message = scratch();
+    exchange->appendMessage(message, body, ending);
+    writeAnswer(exchange, message, ending);
+    return;
+  }
+  std::string message;
+  exchange->appendMessage(message, body, ending);
+  this->post([this, exchange, ending, message = std::move(message)] {
+    writeAnswer(exchange, message, ending);
+  });
+}
+
+template <class Stream>
+void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::string_view message,
+                                           Ending ending) {
+  if (awaited_ != exchange) return;
+  endRequest();
+  awaited_.reset();
+  closeAfter_ = ending == Ending::Close;
+  answers_.send(message);
+}
+
+template <class Stream>
+void ClientConnection<Stream>::endRequest() {
+  if (std::exchange(counted_, false)) core_->leaveRequest();
+}
+
+template <class Stream>
+void ClientConnection<Stream>::onSent() {
+  if (closeAfter_ || requests_.isExhausted()) return linger();
+  requests_.resume();
+}
+
+template <class Stream>
+void ClientConnection<Stream>::linger() {
+  boost::system::error_code ec;
+  this->stream().lowest_layer().shutdown(boost::asio::socket_base::shutdown_send, ec);
+  if (ec) return close();
+  this->setDeadline(core_->bounds.linger);
+  requests_.discard();
+}
+
+template <class Stream>
+void ClientConnection<Stream>::openStream(const ExchangePtr& exchange) {
+  if (onOwnThread()) return beginStream(exchange);
+  this->post([this, exchange] { beginStream(exchange); });
+}
+
+template <class Stream>
+void ClientConnection<Stream>::beginStream(const ExchangePtr& exchange) {
+  if (awaited_ != exchange) return exchange->detach();
+  endRequest();
+  awaited_.reset();
+  parts_.begin(exchange);
+  requests_.watch();
+}
+
+template <class Stream>
+void ClientConnection<Stream>::wakeStream() {
+  core_->senders[reactor_]->add(self());
+}
+
+template <class Stream>
+void ClientConnection<Stream>::sendParts() {
+  this->run([this] { parts_.push(); });
+}
+
+template class ClientConnection<TcpStream>;
+
+}  // namespace qn

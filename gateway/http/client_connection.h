@@ -1,0 +1,79 @@
+// One client connection: hands the requests that it receives over one at a time and sends their
+// answers, or carries a stream. Made by the listener.
+#pragma once
+
+#include <boost/asio/ip/address.hpp>
+#include <cstddef>
+#include <memory>
+#include <string_view>
+
+#include "gateway/http/answer_sender.h"
+#include "gateway/http/client_stream.h"
+#include "gateway/http/exchange.h"
+#include "gateway/http/part_pusher.h"
+#include "gateway/http/request_receiver.h"
+#include "gateway/http/service_core.h"
+
+namespace qn {
+
+// Answers from other threads are posted to the stream's reactor, where everything else happens. A
+// template over the stream type: TLS is another Stream.
+template <class Stream>
+class ClientConnection final : public ClientStream<Stream>,
+                               public AnswerLink,
+                               public OpenConnection,
+                               private RequestTaker {
+ public:
+  // `peer`, a plain address, was counted in the core's admission (its refusals when it gets
+  // nothing), which the connection leaves when it is destroyed.
+  ClientConnection(std::shared_ptr<ServiceCore> core, std::size_t reactor, Stream stream,
+                   const boost::asio::ip::address& peer, Access access);
+  ~ClientConnection() override;
+
+  // On the reactor.
+  void start();
+  void close() override;
+
+  // AnswerLink; any thread.
+  void deliver(const ExchangePtr& exchange, std::string_view body) override;
+  void openStream(const ExchangePtr& exchange) override;
+  void wakeStream() override;
+  void sendParts() override;
+
+ private:
+  using Base = ClientStream<Stream>;
+
+  bool onOwnThread() const;
+
+  ExchangePtr onHead(const RequestHead& head) override;
+  void onRequest(const ExchangePtr& exchange, std::string_view body) override;
+  void onRefused(OwnAnswer answer) override;
+  void onDeadline() override;
+  void onEnd() override;
+
+  void writeAnswer(const ExchangePtr& exchange, std::string_view message, Ending ending);
+  void onSent();
+  void linger();
+  void beginStream(const ExchangePtr& exchange);
+  void endRequest();
+  Ending endingOf(const ExchangeState& exchange) const;
+  std::shared_ptr<ClientConnection> self();
+
+  const std::shared_ptr<ServiceCore> core_;
+  const std::size_t reactor_;
+  const boost::asio::ip::address peer_;
+  const Access access_;
+  const bool trusted_;
+
+  RequestReceiver<Stream> requests_;
+  AnswerSender<Stream> answers_;
+  PartPusher<Stream> parts_;
+  ExchangePtr awaited_;      // whose answer is not there yet
+  bool counted_ = false;     // among the core's requests in flight
+  bool late_ = false;        // the awaited answer's time is over
+  bool closeAfter_ = false;  // the answer
+};
+
+extern template class ClientConnection<TcpStream>;
+
+}  // namespace qn

@@ -1,0 +1,163 @@
+// What reading requests, answering them and pushing parts share of a client's connection: the
+// stream, one deadline, handlers that keep the connection alive. Base of ClientConnection.
+#pragma once
+
+#include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <chrono>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/wlog.h"
+
+namespace qn {
+
+using TcpStream =
+    boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
+
+// Everything happens on the reactor that the stream belongs to. Stream is what TcpStream is:
+// non-blocking write_some, async_read_some, async_write_some, get_executor, lowest_layer.
+template <class Stream>
+class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using ErrorCode = boost::system::error_code;
+
+  ClientStream(Stream stream, std::string peer)
+      : stream_(std::move(stream)), timer_(stream_.get_executor()), peer_(std::move(peer)) {}
+  virtual ~ClientStream() = default;
+  ClientStream(const ClientStream&) = delete;
+  ClientStream& operator=(const ClientStream&) = delete;
+
+  Stream& stream() { return stream_; }
+  const std::string& peer() const { return peer_; }
+  bool isOpen() const { return open_; }
+
+  // Harmless when repeated.
+  void end() {
+    if (!std::exchange(open_, false)) return;
+    onEnd();
+    timer_.cancel();
+    ErrorCode ignored;
+    stream_.lowest_layer().close(ignored);
+  }
+
+  // No exception leaves a handler; one ends the connection.
+  template <class Function>
+  void run(Function function) {
+    try {
+      function();
+    } catch (const std::exception& e) {
+      wlog_format(WLOG_ERROR, "http", "connection of %s: %s", peer_.c_str(), e.what());
+      end();
+    }
+  }
+  // The handler of an operation: keeps the connection, and is not called once that has ended.
+  template <class Handler>
+  auto guarded(Handler handler) {
+    return
+        [self = this->shared_from_this(), handler = std::move(handler)](auto... results) mutable {
+          if (self->open_) self->run([&] { handler(results...); });
+        };
+  }
+  template <class Function>
+  void post(Function function) {
+    boost::asio::post(stream_.get_executor(), guarded(std::move(function)));
+  }
+
+  // In place of the deadline that was set before.
+  void setDeadline(Clock::duration fromNow) {
+    deadline_ = Clock::now() + fromNow;
+    if (deadline_ < timerExpiry_) armTimer();
+  }
+
+ protected:
+  virtual void onEnd() = 0;
+  virtual void onDeadline() = 0;
+
+ private:
+  using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>,
+                                                  boost::asio::io_context::executor_type>;
+
+  // Armed again only when it expires or must expire earlier: deadlines move with every request.
+  void armTimer() {
+    timerExpiry_ = deadline_;
+    timer_.expires_at(deadline_);
+    timer_.async_wait(guarded([this](const ErrorCode& ec) {
+      if (ec != boost::asio::error::operation_aborted) onTimer();
+    }));
+  }
+  void onTimer() {
+    timerExpiry_ = Clock::time_point::max();
+    if (Clock::now() >= deadline_) onDeadline();
+    if (open_ && timerExpiry_ == Clock::time_point::max()) armTimer();
+  }
+
+  Stream stream_;
+  Timer timer_;
+  const std::string peer_;
+  Clock::time_point deadline_;
+  Clock::time_point timerExpiry_ = Clock::time_point::max();
+  bool open_ = true;
+};
+
+// What a write left over, until the peer has taken it.
+template <class Stream>
+class UnsentBytes {
+ public:
+  // A peer that takes nothing for `stalled` is one whose deadline has come.
+  UnsentBytes(ClientStream<Stream>& client, std::chrono::milliseconds stalled)
+      : client_(client), stalled_(stalled) {}
+
+  bool empty() const { return bytes_.empty(); }
+
+  // Writes what the peer takes at once: the number of bytes, nothing when the connection has ended.
+  std::optional<std::size_t> begin(std::string_view bytes) {
+    typename ClientStream<Stream>::ErrorCode ec;
+    const std::size_t count =
+        client_.stream().write_some(boost::asio::buffer(bytes.data(), bytes.size()), ec);
+    if (!ec) return count;
+    if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) return 0;
+    client_.end();
+    return std::nullopt;
+  }
+  // Writes the bytes from `written` on and then calls onSent(); only when empty().
+  template <class Handler>
+  void finish(std::string bytes, std::size_t written, Handler onSent) {
+    bytes_ = std::move(bytes);
+    written_ = written;
+    writeOn(onSent);
+  }
+
+ private:
+  template <class Handler>
+  void writeOn(Handler onSent) {
+    client_.setDeadline(stalled_);
+    client_.stream().async_write_some(
+        boost::asio::buffer(bytes_.data() + written_, bytes_.size() - written_),
+        client_.guarded([this, onSent](const auto& ec, std::size_t count) {
+          if (ec) return client_.end();
+          written_ += count;
+          if (written_ < bytes_.size()) return writeOn(onSent);
+          std::string().swap(bytes_);
+          onSent();
+        }));
+  }
+
+  ClientStream<Stream>& client_;
+  const std::chrono::milliseconds stalled_;
+  std::string bytes_;
+  std::size_t written_ = 0;
+};
+
+}  // namespace qn
