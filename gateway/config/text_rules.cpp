@@ -73,6 +73,10 @@ bool isDeviceUrl(std::string_view text) {
   return parseDeviceUrl(text, device);
 }
 
+bool isDeviceAuth(std::string_view text) {
+  return text == "digest" || text == "basic" || text == "any";
+}
+
 bool isDeviceUser(std::string_view text) { return isPlain(text, kNameBytes) && hasNone(text, ":"); }
 
 bool isDevicePassword(std::string_view text) { return isPlain(text, kPasswordBytes); }
@@ -122,6 +126,7 @@ const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};
 const TextRule kDevicePasswordRule{isDevicePassword,
                                    "at most 256 bytes without control characters"};
+const TextRule kDeviceAuthRule{isDeviceAuth, "\"digest\", \"basic\" or \"any\""};
 const TextRule kPathRule{isPath, "a path"};
 const TextRule kWhenFullRule{isWhenFull, "\"refuse\" or \"drop_oldest\""};
 

@@ -41,8 +41,8 @@ std::string base64(std::string_view text) {
 
 }  // namespace
 
-ClientLogin::ClientLogin(std::string username, std::string password)
-    : username_(std::move(username)), password_(std::move(password)) {}
+ClientLogin::ClientLogin(std::string username, std::string password, DeviceAuth allowed)
+    : username_(std::move(username)), password_(std::move(password)), allowed_(allowed) {}
 
 int ClientLogin::Challenge::strength() const {
   if (scheme == Scheme::Basic) return 1;
@@ -75,7 +75,9 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
   Challenge best;
   Challenge current;
   const auto settle = [&] {
-    if (current.strength() > best.strength()) best = std::move(current);
+    if (isAllowed(current.scheme) && current.strength() > best.strength()) {
+      best = std::move(current);
+    }
     current = Challenge();
   };
   for (Item item = reader.next(); item != Item::End && item != Item::Malformed;
@@ -92,10 +94,15 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
   return true;
 }
 
+bool ClientLogin::isAllowed(Scheme scheme) const {
+  return scheme == Scheme::Basic ? allowed_ != DeviceAuth::Digest : allowed_ != DeviceAuth::Basic;
+}
+
 void ClientLogin::use(Challenge challenge) {
   challenge_ = std::move(challenge);
   nonceCount_ = 0;
   if (challenge_.scheme != Scheme::Digest) return;
+  allowed_ = DeviceAuth::Digest;  // whoever stands between could ask for the password later
   ha1_ = hexDigest(challenge_.algorithm, {username_, challenge_.realm, password_}).text();
   clientNonce_ = randomHex();
 }
@@ -144,7 +151,7 @@ DeviceLogin::DeviceLogin(const DeviceConfig& config, const RefusalTimes& times)
     : enabled_(!config.username.empty()),
       device_(config.index),
       times_(times),
-      login_(config.username, config.password),
+      login_(config.username, config.password, config.auth),
       pause_(times.first) {}
 
 DeviceLogin::Verdict DeviceLogin::prepare(Ticket& ticket, std::string_view method,
@@ -192,6 +199,9 @@ bool DeviceLogin::refused(Ticket& ticket, std::string_view wwwAuthenticate) {
 
 bool DeviceLogin::retryWithNewChallenge(Ticket& ticket, std::string_view wwwAuthenticate) {
   const bool understood = login_.takeChallenge(wwwAuthenticate);
+  if (!understood && !std::exchange(warned_, true)) {
+    logWarn("device {} asks for a login of another kind than it is configured with", device_);
+  }
   if (understood) ++challenge_;
   const bool stale = understood && login_.stale();
   if (ticket.trialOf_ && !stale) {

@@ -59,6 +59,31 @@ TEST(DeviceLogin, RefusedCredentialsRestTwiceAsLongEachTimeUntilOneIsAccepted) {
   }
 }
 
+TEST(DeviceLogin, ShowsThePasswordOnlyWhereItIsWritten) {
+  const std::string basic = "Basic realm=\"r\"";
+  const std::string both = basic + ", " + kDigestChallenge;
+  const struct {
+    DeviceAuth auth;
+    std::vector<std::string> challenges;  // what the device asks for, one after the other
+    std::string sent;                     // the scheme of the answer to the last one
+  } cases[] = {
+      {DeviceAuth::Digest, {basic}, ""},
+      {DeviceAuth::Digest, {both}, "Digest"},
+      {DeviceAuth::Basic, {kDigestChallenge}, ""},
+      {DeviceAuth::Basic, {both}, "Basic"},
+      {DeviceAuth::Any, {basic}, "Basic"},
+      {DeviceAuth::Any, {both}, "Digest"},
+      {DeviceAuth::Any, {kDigestChallenge, basic}, ""},
+  };
+  for (const auto& [auth, challenges, sent] : cases) {
+    ClientLogin login("user", "secret", auth);
+    bool understood = false;
+    for (const std::string& each : challenges) understood = login.takeChallenge(each);
+    const std::string scheme = understood ? login.authorization("GET", "/") : std::string();
+    EXPECT_EQ(scheme.substr(0, scheme.find(' ')), sent) << challenges.back();
+  }
+}
+
 // Both buses on one device.
 class BothBusesTest : public BusTest {
  protected:
