@@ -64,7 +64,7 @@ bool isPassword(std::string_view text) { return !text.empty() && isPlain(text, k
 bool isHa1(std::string_view text) { return !text.empty() && text::isHex(text); }
 
 bool isDeviceIndex(std::string_view text) {
-  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%?/") &&
+  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%+?/") &&
          std::all_of(text.begin(), text.end(), isVisible);
 }
 
@@ -120,7 +120,7 @@ const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and contr
 const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
 const TextRule kDeviceIndexRule{isDeviceIndex,
-                                "1 to 63 printable ASCII characters without blanks and & # % ? /"};
+                                "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
 const TextRule kDeviceUrlRule{isDeviceUrl, "http://HOST[:PORT][/PATH], an IPv6 HOST in brackets"};
 const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};

@@ -152,7 +152,7 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
         << content << "\n-> " << errorOf(content);
   };
   for (const auto& [content, error] : cases) expectError(content, error);
-  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"\\u00e9\"", "1"}) {
+  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"a+b\"", "\"\\u00e9\"", "1"}) {
     expectError("[[devices]]\nindex = " + index, ":2: devices.index: expected a string: 1 to 63");
   }
   EXPECT_EQ(read("[[devices]]\nindex = \"" + std::string(63, 'x') + "\"\nurl = \"http://h\"")
