@@ -19,7 +19,9 @@ constexpr bool startsWithNoCase(std::string_view text, std::string_view start) {
 }
 
 constexpr bool containsNoCase(std::string_view text, std::string_view part) {
-  return !std::ranges::search(text, part, {}, lower, lower).empty() || part.empty();
+  const auto same = [](char a, char b) { return lower(a) == lower(b); };
+  return part.empty() ||
+         std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
 }
 
 // Blanks inside a header line, and between the tokens of JSON and XML.

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <utility>
@@ -40,8 +41,8 @@ std::string base64(std::string_view text) {
 
 }  // namespace
 
-ClientLogin::ClientLogin(std::string username, std::string password)
-    : username_(std::move(username)), password_(std::move(password)) {}
+ClientLogin::ClientLogin(std::string username, std::string password, DeviceAuth allowed)
+    : username_(std::move(username)), password_(std::move(password)), allowed_(allowed) {}
 
 int ClientLogin::Challenge::strength() const {
   if (scheme == Scheme::Basic) return 1;
@@ -74,7 +75,9 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
   Challenge best;
   Challenge current;
   const auto settle = [&] {
-    if (current.strength() > best.strength()) best = std::move(current);
+    if (isAllowed(current.scheme) && current.strength() > best.strength()) {
+      best = std::move(current);
+    }
     current = Challenge();
   };
   for (Item item = reader.next(); item != Item::End && item != Item::Malformed;
@@ -91,10 +94,15 @@ bool ClientLogin::takeChallenge(std::string_view wwwAuthenticate) {
   return true;
 }
 
+bool ClientLogin::isAllowed(Scheme scheme) const {
+  return scheme == Scheme::Basic ? allowed_ != DeviceAuth::Digest : allowed_ != DeviceAuth::Basic;
+}
+
 void ClientLogin::use(Challenge challenge) {
   challenge_ = std::move(challenge);
   nonceCount_ = 0;
   if (challenge_.scheme != Scheme::Digest) return;
+  allowed_ = DeviceAuth::Digest;  // whoever stands between could ask for the password later
   ha1_ = hexDigest(challenge_.algorithm, {username_, challenge_.realm, password_}).text();
   clientNonce_ = randomHex();
 }
@@ -143,7 +151,8 @@ DeviceLogin::DeviceLogin(const DeviceConfig& config, const RefusalTimes& times)
     : enabled_(!config.username.empty()),
       device_(config.index),
       times_(times),
-      login_(config.username, config.password) {}
+      login_(config.username, config.password, config.auth),
+      pause_(times.first) {}
 
 DeviceLogin::Verdict DeviceLogin::prepare(Ticket& ticket, std::string_view method,
                                           std::string_view target, std::string& authorization) {
@@ -190,6 +199,9 @@ bool DeviceLogin::refused(Ticket& ticket, std::string_view wwwAuthenticate) {
 
 bool DeviceLogin::retryWithNewChallenge(Ticket& ticket, std::string_view wwwAuthenticate) {
   const bool understood = login_.takeChallenge(wwwAuthenticate);
+  if (!understood && !std::exchange(warned_, true)) {
+    logWarn("device {} asks for a login of another kind than it is configured with", device_);
+  }
   if (understood) ++challenge_;
   const bool stale = understood && login_.stale();
   if (ticket.trialOf_ && !stale) {
@@ -210,13 +222,16 @@ void DeviceLogin::accepted(Ticket& ticket) {
   const MutexLock lock(mutex_);
   ticket.trialOf_ = nullptr;
   state_ = State::Proven;
+  pause_ = times_.first;
 }
 
 void DeviceLogin::refuse(Ticket& ticket) {
   ticket.trialOf_ = nullptr;
   state_ = State::Refused;
-  refusedUntil_ = Clock::now() + times_.pause;
-  logError("device {} refused the credentials it is configured with", device_);
+  refusedUntil_ = Clock::now() + pause_;
+  logError("device {} refused the credentials it is configured with: they rest for {} s", device_,
+           std::chrono::duration_cast<std::chrono::seconds>(pause_).count());
+  pause_ = std::min<Clock::duration>(2 * pause_, times_.longest);
 }
 
 void DeviceLogin::abandon(Ticket& ticket) {

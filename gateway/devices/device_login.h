@@ -19,11 +19,12 @@ namespace qn {
 // thread-safe; a copy is a login of its own, so two copies must not answer the same challenge.
 class ClientLogin {
  public:
-  ClientLogin(std::string username, std::string password);
+  ClientLogin(std::string username, std::string password, DeviceAuth allowed = DeviceAuth::Any);
 
   // Takes the WWW-Authenticate value of a 401 (several header lines joined by ", "). The strongest
-  // scheme that is understood is used from now on: Digest with SHA-256, Digest with MD5, Basic.
-  // False when there is none; the former challenge then stays.
+  // scheme that is understood and allowed is used from now on: Digest with SHA-256, Digest with
+  // MD5, Basic, which is not allowed any more after Digest. False when there is none; the former
+  // challenge then stays.
   bool takeChallenge(std::string_view wwwAuthenticate);
 
   // The last challenge said that only the nonce was too old: try again with the same password. A
@@ -52,24 +53,28 @@ class ClientLogin {
   };
 
   std::string digest(std::string_view method, std::string_view target);
+  bool isAllowed(Scheme scheme) const;
   void use(Challenge challenge);
 
   std::string username_;
   std::string password_;
+  DeviceAuth allowed_;
   Challenge challenge_;
   std::string ha1_;  // of the challenge's realm
   std::string clientNonce_;
   uint32_t nonceCount_ = 0;
 };
 
-// How long refused credentials are not sent again; others only in tests.
+// How long refused credentials are not sent again, twice as long after each refusal up to the
+// longest; others only in tests.
 struct RefusalTimes {
-  std::chrono::milliseconds pause = std::chrono::seconds(60);
+  std::chrono::milliseconds first = std::chrono::minutes(5);
+  std::chrono::milliseconds longest = std::chrono::hours(1);
 };
 
 // One for each device. Any thread. Devices lock an account after a few wrong passwords, so
 // credentials that have not been accepted yet are tried by one request at a time while the others
-// wait, and refused ones are not tried again for a while.
+// wait, and refused ones rest, for everybody.
 class DeviceLogin {
  public:
   using Clock = std::chrono::steady_clock;
@@ -128,6 +133,8 @@ class DeviceLogin {
   State state_ QN_GUARDED_BY(mutex_) = State::Unproven;
   ClientLogin login_ QN_GUARDED_BY(mutex_);
   uint64_t challenge_ QN_GUARDED_BY(mutex_) = 0;  // counts the challenges taken
+  bool warned_ QN_GUARDED_BY(mutex_) = false;     // of a kind of login that is not allowed
+  Clock::duration pause_ QN_GUARDED_BY(mutex_);   // after the next refusal
   Clock::time_point refusedUntil_ QN_GUARDED_BY(mutex_);
 };
 

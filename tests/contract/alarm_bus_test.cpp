@@ -373,7 +373,7 @@ TEST_F(AlarmBusTest, ACallbackThatThrowsLosesItsAlarmOnly) {
 
 class SilentDeviceTest : public AlarmBusTest {
  protected:
-  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms}, {.pause = 200ms}) {}
+  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms}, {.first = 200ms, .longest = 200ms}) {}
 };
 
 TEST_F(SilentDeviceTest, ASilentStreamIsOpenedAnew) {

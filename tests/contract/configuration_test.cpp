@@ -71,7 +71,8 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   ASSERT_EQ(c.devices.size(), 2U);
   const DeviceConfig& d = c.devices[0];
   EXPECT_EQ(tuple(d.index, d.host, d.port, d.basePath), tuple("1", "127.0.0.1", 9001, "/a/b"));
-  EXPECT_EQ(tuple(d.username, d.password, d.httpPort, d.rtspPort), tuple("u", "p", 9101, 9102));
+  EXPECT_EQ(tuple(d.username, d.password, d.auth, d.httpPort, d.rtspPort),
+            tuple("u", "p", DeviceAuth::Any, 9101, 9102));
   EXPECT_EQ(tuple(c.devices[1].host, c.devices[1].port, c.devices[1].basePath),
             tuple("::1", 80, ""));
   EXPECT_EQ(c.findDeviceByPort(9101), &c.devices[0]);
@@ -144,13 +145,14 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {device + "http_port = 8080\n", ":4: devices.http_port: expected a value that is not taken"},
       {device + "password = \"x\"\n", ":1: devices.username: expected a name"},
       {device + "password = \"a\\nb\"\n", ":4: devices.password: expected a string"},
+      {device + "auth = \"none\"\n", ":4: devices.auth: expected a string: \"digest\","},
   };
   const auto expectError = [](const std::string& content, const std::string& error) {
     EXPECT_NE(errorOf(content).find(".toml" + error), std::string::npos)
         << content << "\n-> " << errorOf(content);
   };
   for (const auto& [content, error] : cases) expectError(content, error);
-  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"\\u00e9\"", "1"}) {
+  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"a+b\"", "\"\\u00e9\"", "1"}) {
     expectError("[[devices]]\nindex = " + index, ":2: devices.index: expected a string: 1 to 63");
   }
   EXPECT_EQ(read("[[devices]]\nindex = \"" + std::string(63, 'x') + "\"\nurl = \"http://h\"")
