@@ -119,8 +119,8 @@ const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without 
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};
 const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
-const TextRule kDeviceIndexRule{isDeviceIndex,
-                                "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
+const TextRule kDeviceIndexRule{
+    isDeviceIndex, "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
 const TextRule kDeviceUrlRule{isDeviceUrl, "http://HOST[:PORT][/PATH], an IPv6 HOST in brackets"};
 const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};
