@@ -71,17 +71,5 @@ TEST(WorkerPool, RefusesWhatIsBeyondTheQueueAndRunsTheRestAtTheStop) {
   pool.stop();
 }
 
-TEST(WorkerPool, ThreadsWorkAtTheSameTime) {
-  Events entered;
-  WorkerPool pool(3, 3);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_TRUE(pool.post([&] {
-      entered.signal();
-      EXPECT_TRUE(entered.wait(3));
-    }));
-  }
-  pool.stop();
-}
-
 }  // namespace
 }  // namespace qn

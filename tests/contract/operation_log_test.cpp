@@ -58,14 +58,13 @@ class Shell {
     if (sqlite3_prepare_v2(connection_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
       return {};
     while (sqlite3_step(statement) == SQLITE_ROW) {
-      std::string row;
+      std::string& row = rows.emplace_back();
       for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-        if (i != 0) row += '|';
         const void* const bytes = sqlite3_column_blob(statement, i);
-        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
-        if (size != 0) row.append(static_cast<const char*>(bytes), size);
+        if (i != 0) row += '|';
+        row.append(static_cast<const char*>(bytes),
+                   std::size_t(sqlite3_column_bytes(statement, i)));
       }
-      rows.push_back(row);
     }
     sqlite3_finalize(statement);
     return rows;
@@ -77,6 +76,12 @@ class Shell {
  private:
   sqlite3* connection_ = nullptr;
 };
+
+bool comesTrue(const std::function<bool()>& holds) {
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!holds() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  return holds();
+}
 
 long countOf(const std::string& text, const std::string& part) {
   long count = 0;
@@ -135,12 +140,9 @@ TEST_F(OperationLogTest, IsReadableWhileItIsWritten) {
   OperationLog log(1ms);
   log.start(directory_, kManyRows);
   ASSERT_TRUE(log.insert(record("a")));
-  const auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (!fs::exists(file_) && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
+  EXPECT_TRUE(comesTrue([&] { return fs::exists(file_); }));
   Shell shell(file_);
-  while (shell.operations().empty() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
+  EXPECT_TRUE(comesTrue([&] { return !shell.operations().empty(); }));
   EXPECT_EQ(shell.operations(), std::vector<std::string>{"a"});
   shell.query("BEGIN");
   EXPECT_EQ(shell.operations().size(), 1u);  // a reader that stays
@@ -237,12 +239,8 @@ TEST_F(OperationLogTest, AFullDiskIsLoggedAndLosesNothing) {
       const FullDisk disk(100'000);
       log.start(directory_, kManyRows);
       for (const auto& operation : operations) EXPECT_TRUE(log.insert(record(operation)));
-      const auto deadline = std::chrono::steady_clock::now() + 20s;
       struct stat written = {};
-      while (written.st_size == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::yield();
-        fstat(STDERR_FILENO, &written);  // the captured log
-      }
+      comesTrue([&] { return fstat(STDERR_FILENO, &written) == 0 && written.st_size > 0; });
     }
     log.stop();
   });

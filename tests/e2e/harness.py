@@ -137,29 +137,21 @@ class Subdevices(Process):
     def fault(self, number=1, **fault):
         self.order(number, fault=fault)
 
-    def no_fault(self, number=1):
-        self.order(number, fault=None)
+    def no_fault(self):
+        for number in range(1, len(self.urls) + 1):
+            self.order(number, fault=None, alertStream={}, clearLog=True)
 
     def _any_port(self):
         # The last device is never switched off by a test.
         return self.port(len(self.urls))
 
 
-def toml(value):
-    """A TOML value of a Python one; JSON's notation serves for strings, numbers and lists."""
-    return json.dumps(value)
-
-
 def configuration_text(sections, users, devices):
-    lines = []
-    for name, values in sections.items():
-        lines.append(f"[{name}]")
-        lines += [f"{key} = {toml(value)}" for key, value in values.items()]
-    for name, tables in (("users", users), ("devices", devices)):
-        for table in tables:
-            lines.append(f"[[{name}]]")
-            lines += [f"{key} = {toml(value)}" for key, value in table.items()]
-    return "\n".join(lines) + "\n"
+    tables = [(f"[{name}]", values) for name, values in sections.items()]
+    tables += [("[[users]]", table) for table in users] + [("[[devices]]", table) for table in devices]
+    # JSON's notation serves for TOML's strings, numbers and lists.
+    return "".join(head + "\n" + "".join(f"{key} = {json.dumps(value)}\n"
+                                         for key, value in table.items()) for head, table in tables)
 
 
 def user(name, device, **more):
@@ -209,9 +201,6 @@ class Gateway(Process):
         return wait_until(lambda: [line for line in self.lines[before:] if "configuration" in line],
                           what="the reload")
 
-    def database(self):
-        return self.folder / "data" / "operation_log.db"
-
     def stop(self):
         super().stop()
         shutil.rmtree(self.folder, ignore_errors=True)
@@ -241,8 +230,16 @@ class GatewayTest(unittest.TestCase):
         return [user("admin", "1"), user("operator", "2"), user("lost", "9")]
 
     def tearDown(self):
-        for number in (1, 2):
-            self.devices.no_fault(number)
+        self.devices.no_fault()
+
+    def reconfigure(self, devices=None, users=None):
+        """Puts other devices or users in force, for the rest of the test."""
+        def reload(devices, users):
+            self.gateway.write_configuration(devices, users)
+            return self.gateway.reload()
+
+        self.addCleanup(reload, self.device_tables(), self.user_tables())
+        return reload(devices or self.device_tables(), users or self.user_tables())
 
     def client(self, name="admin", password=PASSWORD, **more):
         one = client.Client(self.gateway.port, name, password, **more)
@@ -258,11 +255,6 @@ class GatewayTest(unittest.TestCase):
 
 class StreamTest(GatewayTest):
     """Alert streams of "admin" on device 1 and "operator" on device 2."""
-
-    def tearDown(self):
-        for number in (1, 2):
-            self.devices.order(number, alertStream={})
-        super().tearDown()
 
     def open(self, name="admin"):
         """A stream once there is a place for it, and the device's own stream stands."""

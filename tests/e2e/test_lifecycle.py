@@ -31,15 +31,7 @@ class CommandLine(unittest.TestCase):
             self.assertRegex(result.stdout if good else result.stderr, said)
 
 
-class Configuration(unittest.TestCase):
-    def setUp(self):
-        self.devices = harness.Subdevices(2)
-        self.addCleanup(self.devices.stop)
-        self.tables = [{"index": str(number), "url": self.devices.urls[number - 1]}
-                       for number in (1, 2)]
-        self.gateway = harness.Gateway(self.tables, [harness.user("admin", "1")])
-        self.addCleanup(self.gateway.stop)
-
+class Configuration(harness.GatewayTest):
     def status(self, name):
         with client.Client(self.gateway.port, name, harness.PASSWORD) as one:
             return one.get(INFO).status
@@ -53,18 +45,17 @@ class Configuration(unittest.TestCase):
         self.assertRegex(result.stderr, re.escape(str(broken)) + r":3\b.*prot")
 
     def test_a_second_gateway_takes_neither_port_nor_data_directory(self):
-        port, picture_port = harness.free_ports(2)
         other = self.gateway.folder / "other.toml"
-        other.write_text(self.gateway.config.read_text().replace('/data"', '/elsewhere"'))
-        result = run("--config", other)
-        self.assertNotEqual(result.returncode, 0)
-        self.assertIn(f"port {self.gateway.port}: ", result.stderr)
-        other.write_text(f"[http]\nport = {port}\n[network]\npicture_port = {picture_port}\n"
-                         f'[storage]\ndata_dir = "{self.gateway.folder / "data"}"\n')
-        result = run("--config", other)
-        self.assertNotEqual(result.returncode, 0)
-        self.assertIn(f"{self.gateway.folder / 'data'} cannot be used: another process",
-                      result.stderr)
+        text, data = self.gateway.config.read_text(), str(self.gateway.folder / "data")
+        port, picture_port = harness.free_ports(2)
+        elsewhere = text.replace(str(self.gateway.port), str(port)).replace(
+            str(self.gateway.sections["network"]["picture_port"]), str(picture_port))
+        for changed, reason in ((text.replace(data, data + "2"), f"port {self.gateway.port}: "),
+                                (elsewhere, data + " cannot be used: another process")):
+            other.write_text(changed)
+            result = run("--config", other)
+            self.assertNotEqual(result.returncode, 0)
+            self.assertIn(reason, result.stderr)
         self.assertEqual(self.status("admin"), 200)
 
     def test_nobody_else_reads_the_data(self):
@@ -87,38 +78,35 @@ class Configuration(unittest.TestCase):
 
     def test_a_bad_file_changes_nothing(self):
         good = self.gateway.config.read_text()
+        self.addCleanup(self.gateway.config.write_text, good)
         for text in ("port = ", good + "[surprise]\n", good.replace('"1"', '1')):
             self.gateway.config.write_text(text)
-            lines = self.gateway.reload()
-            self.assertIn(str(self.gateway.config), "\n".join(lines))
+            self.assertIn(str(self.gateway.config), "\n".join(self.gateway.reload()))
             self.assertEqual(self.status("admin"), 200)
 
     def test_users_and_devices_come_and_go_while_requests_run(self):
         self.assertEqual(self.status("guest"), 401)
-        self.devices.fault(1, delayMs=1500, count=1)
-        slow = threading.Thread(target=lambda: results.append(self.status("admin")))
+        self.devices.order(clearLog=True, fault={"delayMs": 1500, "count": 1})
         results = []
+        slow = threading.Thread(target=lambda: results.append(self.status("admin")))
         slow.start()
         harness.wait_until(lambda: self.devices.requests(1))
-        self.gateway.write_configuration(
-            self.tables[1:], [harness.user("admin", "1"), harness.user("guest", "2")])
-        self.gateway.reload()
-        self.assertEqual(self.status("guest"), 200)
-        self.assertEqual(self.status("admin"), 404)
+        self.reconfigure(self.device_tables()[1:],
+                         [harness.user("admin", "1"), harness.user("guest", "2")])
+        self.assertEqual((self.status("guest"), self.status("admin")), (200, 404))
         slow.join(client.ANSWER_TIME)
         self.assertEqual(results, [200], "a request in flight went on")
 
 
-class Activation(unittest.TestCase):
+class Activation(harness.GatewayTest):
+    @classmethod
+    def user_tables(cls):
+        return []
+
     def test_without_a_user_nothing_is_served(self):
-        devices = harness.Subdevices(1)
-        self.addCleanup(devices.stop)
-        gateway = harness.Gateway([{"index": "1", "url": devices.urls[0]}], [])
-        self.addCleanup(gateway.stop)
-        with client.Client(gateway.port) as one:
-            answer = one.get(INFO)
+        answer = self.client().get(INFO)
         self.assertEqual((answer.status, answer.xml().tag), (403, "ResponseStatus"), answer)
-        self.assertIn("not activated", gateway.log())
+        self.assertIn("not activated", self.gateway.log())
 
 
 class StoppingUnderLoad(harness.GatewayTest):
@@ -177,8 +165,11 @@ class StoppingInFlight(harness.GatewayTest):
 class OperationLog(harness.GatewayTest):
     sections = {"storage": {"operation_log_rows": 5}}
 
+    def database(self):
+        return self.gateway.folder / "data" / "operation_log.db"
+
     def rows(self):
-        with contextlib.closing(sqlite3.connect(f"file:{self.gateway.database()}?mode=ro",
+        with contextlib.closing(sqlite3.connect(f"file:{self.database()}?mode=ro",
                                                 uri=True)) as database:
             return database.execute("SELECT user, client_ip, operation, category, result "
                                     "FROM operation_log ORDER BY id").fetchall()
@@ -194,7 +185,7 @@ class OperationLog(harness.GatewayTest):
         expected = [("admin", "127.0.0.1", "PUT /KAVRO/System/time?format=json", "Device", "Fail"),
                     ("admin", "127.0.0.1", "GET /KAVRO/Security/userCheck", "Device", "Fail"),
                     ("admin", "127.0.0.2", ("PUT /KAVRO/" + "x" * 300)[:256], "Device", "Fail")]
-        harness.wait_until(lambda: self.gateway.database().exists() and len(self.rows()) >= 3)
+        harness.wait_until(lambda: self.database().exists() and len(self.rows()) >= 3)
         self.assertEqual(self.rows(), expected)
         for number in range(4):
             one.delete(f"/KAVRO/Number/{number}")

@@ -174,13 +174,11 @@ TEST_F(Frame, ClientAddressIsTheFirstOfXForwardedFor) {
 }
 
 TEST_F(Frame, InitialVectorIsWhatFollowsItsNameUpToTheEnd) {
-  const std::tuple<const char*, int, std::string> cases[] = {
-      {"a=1&security=2", 0, "-"},
-      {"iv=0123456789abcdef0123456789abcdefXYZ", 1, "0123456789abcdef0123456789abcdef"},
-      {"x&iv=short", 1, "short"},
-      {"iv=", 1, ""},
-  };
-  for (const auto& [text, found, vector] : cases) {
+  const std::string iv = "0123456789abcdef0123456789abcdef";
+  for (const auto& [text, found, vector] : {std::tuple("a=1&security=2", 0, std::string("-")),
+                                            {"x&iv=short", 1, "short"},
+                                            {"iv=0123456789abcdef0123456789abcdefXYZ", 1, iv},
+                                            {"iv=", 1, ""}}) {
     char out[33] = "-";
     EXPECT_EQ(CProtocolBase::getEncryptIV(text, out), found) << text;
     EXPECT_EQ(out, vector) << text;

@@ -74,12 +74,10 @@ TEST_F(OddRules, AccessPorts) {
   for (const auto& [mode, mapping, headers, ports] : cases) {
     fake::reset();
     fake::Config& config = fake::config();
-    config.mode = mode;
-    config.portMapping = mapping;
-    config.extHttpPort = 18080;
-    config.extHttpsPort = 10443;
-    config.extRtspPort = 10554;
-    config.httpsEnabled = true;
+    std::tie(config.mode, config.portMapping, config.httpsEnabled) =
+        std::tuple(mode, mapping, true);
+    std::tie(config.extHttpPort, config.extHttpsPort, config.extRtspPort) =
+        std::tuple(18080, 10443, 10554);
     config.ports = {{"8", 9001, 1}, {"1", 9002, 9554}, {"9", 9002, 2}};
     const auto answer = answerTo({0, "/KAVRO/Security/adminAccesses", "", headers}, R"({"any":1})");
     ASSERT_TRUE(answer);
@@ -231,31 +229,31 @@ TEST(PlaybackUri, Rewriting) {
 }
 
 TEST_F(OddRules, SearchMatchItems) {
-  const std::string longTime(200, 't');
-  const Json::Value reply = parsed(
-      R"({"CMSearchResult":{"numOfMatches":9,"matchList":[7,{},{"searchMatchItem":{"trackID":5,
-      "timeSpan":{"startTime":")" +
-      longTime + R"(","endTime":"e"},"mediaSegmentDescriptor":
-      {"contenType":"c","codecType":"d","playbackURI":"p"}}},{"searchMatchItem":7}]}})");
   int count = 0;
   std::vector<SearchMatchItem> items;
-  EXPECT_EQ(CRecordOperation::getInfoFromSearchRsp(count, items, reply), 1);
-  EXPECT_EQ(count, 9);
+  const auto read = [&](const std::string& result) {
+    return CRecordOperation::getInfoFromSearchRsp(count, items,
+                                                  parsed(R"({"CMSearchResult":{)" + result + "}}"));
+  };
+  EXPECT_EQ(read(R"("numOfMatches":9,"matchList":[7,{},{"searchMatchItem":{"trackID":5,"timeSpan":
+      {"startTime":")" +
+                 std::string(200, 't') + R"(","endTime":"e"},"mediaSegmentDescriptor":
+      {"contenType":"c","codecType":"d","playbackURI":"p"}}},{"searchMatchItem":7}])"),
+            1);
   ASSERT_EQ(items.size(), 2u);
-  EXPECT_EQ(items[0].trackID, 5);
-  EXPECT_EQ(items[0].startTime, std::string(128, 't'));
-  EXPECT_STREQ(items[0].endTime, "e");
-  EXPECT_STREQ(items[0].contentType, "c");
-  EXPECT_STREQ(items[0].codecType, "d");
-  EXPECT_STREQ(items[0].playbackURI, "p");
+  const SearchMatchItem& item = items[0];
+  EXPECT_EQ(std::tuple(count, item.trackID), std::tuple(9, 5));
+  EXPECT_EQ(item.startTime, std::string(128, 't'));
+  EXPECT_EQ(std::string(item.endTime) + item.contentType + item.codecType + item.playbackURI,
+            "ecdp");
   EXPECT_STREQ(items[1].startTime, "");
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "process json param fail 1."));
   EXPECT_TRUE(CRecordOperation::sortByBegintime(items[0], items[0]));
   EXPECT_TRUE(CRecordOperation::sortByBegintime(items[1], items[0]));
   EXPECT_FALSE(CRecordOperation::sortByBegintime(items[0], items[1]));
-  for (const char* bad : {"7", "{}", R"({"CMSearchResult":{"numOfMatches":"1","matchList":[]}})",
-                          R"({"CMSearchResult":{"numOfMatches":1,"matchList":{}}})"}) {
-    EXPECT_EQ(CRecordOperation::getInfoFromSearchRsp(count, items, parsed(bad)), 0) << bad;
+  for (const char* bad :
+       {"", R"("numOfMatches":"1","matchList":[])", R"("numOfMatches":1,"matchList":{})"}) {
+    EXPECT_EQ(read(bad), 0) << bad;
   }
   EXPECT_EQ(items.size(), 2u);
 }

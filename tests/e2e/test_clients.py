@@ -1,0 +1,154 @@
+"""Clients: their login and its lock, the device that they mean, and those that send nonsense, too
+much or too slowly."""
+import socket
+import time
+import unittest
+
+import client
+import harness
+
+URL = "/KAVRO/System/deviceInfo"
+HOST = b"Host: 127.0.0.1\r\n"
+GET = b"GET /none HTTP/1.1\r\n"
+POST = b"POST /none HTTP/1.1\r\n" + HOST
+
+
+class Login(harness.GatewayTest):
+    """Every test comes from an address of its own, so that no test's lock is another's."""
+
+    sections = {"http": {"trusted_proxies": ["127.0.0.31"]},
+                "lock": {"max_attempts": 3, "lock_seconds": 3}}
+
+    def status(self, source, password=harness.PASSWORD, forwarded=None, name="admin"):
+        headers = {"X-Forwarded-For": forwarded} if forwarded else {}
+        return self.client(name, password, source=source).get(URL, headers=headers).status
+
+    def test_wrong_passwords_count_down_to_the_lock_and_it_ends(self):
+        for _ in range(4):  # no credentials are no guess
+            answer = client.Client(self.gateway.port, source="127.0.0.11").get(URL)
+            challenge = client.parse_challenge(answer.headers["WWW-Authenticate"])
+            self.assertEqual((answer.status, challenge["realm"], challenge["qop"]),
+                             (401, "KAVRO", "auth"))
+        for lock, retries in (("unlocked", "2"), ("unlocked", "1"), ("locked", "0")):
+            found = self.client(password="no", source="127.0.0.11").get(URL).xml()
+            self.assertEqual((found.findtext("lockStatus"), found.findtext("retryLoginTime")),
+                             (lock, retries))
+        self.assertEqual(found.findtext("unlockTime"), "3")
+        self.assertEqual([self.status("127.0.0.11", name=name) for name in ("admin", "operator")],
+                         [401, 401])
+        self.assertEqual(self.status("127.0.0.11", forwarded="127.0.0.14"), 401, "hidden")
+        self.assertEqual(self.status("127.0.0.14"), 200)
+        harness.wait_until(lambda: self.status("127.0.0.11") == 200, 8, "the end of the lock")
+
+    def test_a_trusted_proxy_names_the_client(self):
+        for _ in range(3):
+            self.status("127.0.0.31", "wrong", "10.0.0.1")
+        self.assertEqual([self.status("127.0.0.31", forwarded=address)
+                          for address in ("10.0.0.1", "10.0.0.2")], [401, 200])
+
+    def test_credentials_open_one_url_once(self):
+        one = self.client(source="127.0.0.21")
+        self.assertEqual(one.get(URL).status, 200)
+        with client.Client(self.gateway.port, source="127.0.0.21") as thief:
+            stolen = {"Authorization": one.authorization("GET", URL)}
+            for method, url, status in (("GET", "/KAVRO/System/time", 401), ("PUT", URL, 401),
+                                        ("GET", URL, 200), ("GET", URL, 401)):
+                self.assertEqual(thief.once(method, url, headers=stolen).status, status, url)
+
+
+class DevicePorts(harness.GatewayTest):
+    sections = {"kavro": {"mode": 2}}
+
+    @classmethod
+    def device_tables(cls):
+        if not hasattr(cls, "ports"):
+            cls.ports = harness.free_ports(2)
+        return [{**table, "http_port": port, "rtsp_port": 10001}
+                for table, port in zip(super().device_tables(), cls.ports)]
+
+    @classmethod
+    def user_tables(cls):
+        return [harness.user("admin", "1", devices=["2"]), harness.user("operator", "2")]
+
+    def ask(self, port, name="admin", url=URL, **more):
+        with client.Client(port, name, harness.PASSWORD) as one:
+            return one.get(url, **more)
+
+    def test_the_port_names_the_device_for_those_who_may_use_it(self):
+        def serial(port, name="admin", **more):
+            return self.ask(port, name, **more).xml().findtext("serialNumber")[-1]
+
+        self.assertEqual([serial(port) for port in self.ports], ["1", "2"])
+        self.assertEqual(serial(self.gateway.port, "operator"), "2")
+        for host in ("127.0.0.1", "127.0.0.1:1", "127.0.0.1:99999999999"):
+            self.assertEqual(serial(self.ports[1], headers={"Host": host}), "1", host)
+        protocols = self.ask(self.ports[1], url="/KAVRO/Security/adminAccesses").xml()
+        self.assertEqual([protocol.findtext("portNo") for protocol in protocols],
+                         [str(self.ports[1]), "10001"])
+        before = self.devices.state(1)["requests"]
+        for url, kind in ((URL, "xml"), ("/KAVRO/System/time?format=json", "json")):
+            answer = self.ask(self.ports[0], "operator", url)
+            self.assertEqual((answer.status, answer.type()), (403, "application/" + kind), answer)
+        self.assertEqual(self.devices.state(1)["requests"], before)
+
+        self.reconfigure(self.device_tables()[:1])
+        with self.assertRaises(OSError):
+            for _ in range(100):
+                socket.create_connection(("127.0.0.1", self.ports[1]), 1).close()
+                time.sleep(0.05)
+        self.assertEqual(serial(self.ports[0]), "1")
+
+
+class BadRequests(harness.GatewayTest):
+    sections = {"http": {"body_bytes": 1024 * 1024, "head_seconds": 2, "body_seconds": 2,
+                         "connections_per_address": 1100}}
+
+    def test_malformed_requests_are_refused_and_the_connection_ends(self):
+        for sent, status in (
+                (b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03" + b"\x00" * 40, 400),  # TLS
+                (GET + b"\r\n", 400),  # no Host
+                (POST + b"Content-Length: 4\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 400),
+                (b"BREW /none HTTP/1.1\r\n" + HOST + b"\r\n", 501),
+                (GET + HOST + b"Endless: " + b"a" * 100000, 431),
+                (POST + b"Transfer-Encoding: chunked\r\n\r\n"
+                 + (b"10000\r\n" + b"x" * 65536 + b"\r\n") * 20 + b"0\r\n\r\n", 413)):
+            received = client.send_raw(self.gateway.port, sent)
+            self.assertIsNotNone(received, "the connection stayed open")
+            self.assertEqual(client.status_of(received), status, received[:200])
+            self.assertEqual(received.count(b"HTTP/1.1 "), 1, received[:400])
+        hidden = b"GET /KAVRO/System/time HTTP/1.1\r\n" + HOST + b"\r\n"
+        received = client.send_raw(self.gateway.port, POST + b"Connection: close\r\nContent-Length: "
+                                   + str(len(hidden)).encode() + b"\r\n\r\n" + hidden)
+        self.assertEqual(received.count(b"HTTP/1.1 "), 1)
+
+    def test_a_thousand_idle_and_two_slow_clients_hold_nobody_up(self):
+        harness.allow_many_descriptors()
+        idle = []
+        self.addCleanup(lambda: [one.close() for one in idle])
+        for _ in range(1000):
+            idle.append(socket.create_connection(("127.0.0.1", self.gateway.port), 10,
+                                                 ("127.0.0.2", 0)))
+        slow = [socket.create_connection(("127.0.0.1", self.gateway.port)) for _ in range(2)]
+        slow[0].sendall(GET)
+        slow[1].sendall(POST + b"Content-Length: 1000\r\n\r\n")
+        began = time.monotonic()
+        while slow and time.monotonic() - began < 8:  # one byte every 100 ms, until they are cut
+            self.assert_serving()
+            for one in list(slow):
+                one.settimeout(0.1)
+                try:
+                    self.assertIn(client.status_of(one.recv(4096)), (408, None))
+                    one.close()
+                    slow.remove(one)
+                except TimeoutError:
+                    one.sendall(b"a")
+        self.assertFalse(slow, "a slow sender went on")
+        before = self.gateway.descriptors()
+        for one in idle:
+            one.close()
+        harness.wait_until(lambda: self.gateway.descriptors() < 100 < before, 10,
+                           "the descriptors of the closed connections")
+
+
+if __name__ == "__main__":
+    unittest.main()
