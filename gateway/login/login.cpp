@@ -86,8 +86,7 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
   const std::string_view address = textOf(request.clientIp);
   DigestCredentials given;
   uint32_t count = 0;
-  if (!parseDigestCredentials(textOf(request.authorization), given) ||
-      !isComplete(given, config.kavro) || !readCount(given.nc, count)) {
+  if (!read(given, count, textOf(request.authorization), config.kavro)) {
     return withoutCredentials(result, config);
   }
   const auto now = clock_();
@@ -108,6 +107,21 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
   if (!device) return DIGEST_NOT_ALLOWED;
   std::snprintf(result.devIndex, sizeof result.devIndex, "%s", device->c_str());
   return DIGEST_OK;
+}
+
+bool Login::recognise(std::string_view method, std::string_view authorization) {
+  const Configuration& config = *configuration();
+  DigestCredentials given;
+  uint32_t count = 0;
+  return read(given, count, authorization.substr(0, DIGEST_AUTHORIZATION_MAX), config.kavro) &&
+         isRight(given, method, findUser(config, given.username), config.kavro.algorithm) &&
+         nonces_.isFresh(given.nonce, count, clock_());
+}
+
+bool Login::read(DigestCredentials& given, uint32_t& count, std::string_view authorization,
+                 const KavroOptions& options) {
+  return parseDigestCredentials(authorization, given) && isComplete(given, options) &&
+         readCount(given.nc, count);
 }
 
 // The caller makes the plain MD5 challenge itself.
@@ -144,6 +158,10 @@ qn::Login& login() {
 }
 
 }  // namespace
+
+bool qn::recogniseLogin(std::string_view method, std::string_view authorization) {
+  return login().recognise(method, authorization);
+}
 
 int QN_KAVROMgrBus_CheckDigest(tagDIGEST_RESULT& result, const char* method,
                                const tagDIGEST_REQUEST& request, int mode) {

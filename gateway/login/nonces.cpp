@@ -73,13 +73,27 @@ bool Nonces::authentic(std::string_view nonce) const {
   return equalInConstantTime({digits.data(), digits.size()}, nonce.substr(hashed.size()));
 }
 
+// One from the future is too old as well: the difference wraps.
+bool Nonces::isYoung(std::string_view nonce, uint32_t& madeAt, uint32_t now) {
+  return nonce.size() <= kTextMax && timeOf(nonce, madeAt) && now - madeAt <= kLife.count();
+}
+
+bool Nonces::isFresh(std::string_view nonce, uint32_t count, Time time) {
+  uint32_t madeAt = 0;
+  if (!isYoung(nonce, madeAt, secondsOf(time))) return false;
+  Text text{};
+  std::copy(nonce.begin(), nonce.end(), text.begin());
+  Bucket& bucket = buckets_[NonceHash()(text) % kBuckets];
+  const MutexLock lock(bucket.mutex);
+  const auto& entries = generation(bucket, madeAt).entries;
+  const auto found = entries.find(text);
+  return found != entries.end() ? found->second.counts.isFree(count) : authentic(nonce);
+}
+
 bool Nonces::use(std::string_view nonce, uint32_t count, std::string_view user, Time time) {
   const uint32_t now = secondsOf(time);
   uint32_t madeAt = 0;
-  // One from the future is too old as well: the difference wraps.
-  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt) || now - madeAt > kLife.count()) {
-    return false;
-  }
+  if (!isYoung(nonce, madeAt, now)) return false;
   Text text{};
   std::copy(nonce.begin(), nonce.end(), text.begin());
   Bucket& bucket = buckets_[NonceHash()(text) % kBuckets];

@@ -23,6 +23,10 @@ class CountWindow {
 
   // False when the count was used before, or is too far behind the highest.
   bool take(uint32_t count);
+  bool isFree(uint32_t count) const {
+    if (count > highest_) return true;
+    return highest_ - count < kCounts && (used_[count % kCounts / 64] & bit(count)) == 0;
+  }
 
  private:
   uint64_t& word(uint32_t count) { return used_[count % kCounts / 64]; }
@@ -55,6 +59,8 @@ class Nonces {
   // when the nonce is not of this process or too old, when the count is not fresh, and when as many
   // nonces as allowed are in use: the client then needs another nonce.
   bool use(std::string_view nonce, uint32_t count, std::string_view user, Time now);
+  // Whether use() finds the count fresh. Stores nothing.
+  bool isFresh(std::string_view nonce, uint32_t count, Time now);
 
  private:
   static constexpr std::size_t kTextMax = 63;
@@ -83,6 +89,7 @@ class Nonces {
   };
   static constexpr std::size_t kBuckets = 16;
 
+  static bool isYoung(std::string_view nonce, uint32_t& madeAt, uint32_t now);
   bool authentic(std::string_view nonce) const;
   Generation& generation(Bucket& bucket, uint32_t madeAt) QN_REQUIRES(bucket.mutex);
   void clear(Bucket& bucket, Generation& generation) QN_REQUIRES(bucket.mutex);

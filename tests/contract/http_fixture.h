@@ -182,7 +182,7 @@ class HttpFixture : public testing::Test {
     return listen();
   }
   HttpService& listen() {
-    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
+    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, entry_, bounds_);
     service_->listen();
     return *service_;
   }
@@ -201,6 +201,7 @@ class HttpFixture : public testing::Test {
   }
 
   HttpOptions options_;
+  ModuleEntry entry_{runScript};
   HttpBounds bounds_;
   Reactors reactors_{2};
   WorkerPool pool_{2, 2};

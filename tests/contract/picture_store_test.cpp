@@ -242,9 +242,11 @@ TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
 
 // ---- in the HTTP service
 
+bool isServed(uint16_t port) { return port == NetworkOptions().picturePort; }
+
 class PictureHttp : public HttpFixture {
  protected:
-  PictureHttp() : pictures_(folder_.pictures(), PictureOptions()) {
+  PictureHttp() : pictures_(folder_.pictures(), PictureOptions(), isServed) {
     publishConfiguration(std::make_shared<const Configuration>());
     script([](int&, std::string& body, int&, const stHttpRes&) {
       body = "the module";
@@ -371,14 +373,20 @@ TEST(PictureUpload, WithoutAStoreFails) {
   EXPECT_EQ(error, 0);
 }
 
-TEST(PictureUpload, FullStoreIs3610) {
+TEST(PictureUpload, FullStoreIs3610AndAPortOfOthersFails) {
   Folder folder;
   publishConfiguration(std::make_shared<const Configuration>());
   const PictureOptions one{.maxBytes = 100, .maxCount = 1, .full = WhenFull::Refuse};
-  const PictureResource pictures(folder.pictures(), one);
+  bool served = false;
+  const PictureResource pictures(folder.pictures(), one,
+                                 [&](uint16_t port) { return isServed(port) && served; });
   const auto network = QN_ConfigMgr_GetNetworkCfg();
-  int error = 0;
+  int error = 7;
   std::string url;
+  EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
+  EXPECT_EQ(error, 0);
+  EXPECT_TRUE(folder.names().empty());
+  served = true;
   EXPECT_TRUE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
   EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
   EXPECT_EQ(error, 3610);

@@ -102,6 +102,12 @@ class DevicePorts(harness.GatewayTest):
     def serial(self, port, name="admin", **more):
         return self.ask(port, name, **more).xml().findtext("serialNumber")[-1]
 
+    def test_an_ipv6_host_means_the_port_that_was_called(self):
+        self.assertEqual([self.serial(port, headers={"Host": f"[::1]:{port}"})
+                          for port in self.ports], ["1", "2"])
+        self.assertEqual(self.serial(self.gateway.port, headers={"Host": f"[::1]:{self.ports[1]}"}),
+                         "1")
+
     def test_the_port_names_the_device(self):
         self.assertEqual([self.serial(port) for port in self.ports], ["1", "2"])
 
