@@ -1,4 +1,3 @@
-// See shard.h.
 #include "gateway/devicebus/shard.h"
 
 #include <algorithm>
@@ -7,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn::devicebus {
 namespace {
@@ -75,7 +74,7 @@ void Shard::acceptPosted(RequestPtr request) noexcept {
   try {
     accept(std::move(request));
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
   }
 }
 
@@ -93,7 +92,7 @@ void Shard::sweep() noexcept {
     followConfiguration();
     sweepLanes();
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
   }
   const auto any = [this](auto property) {
     return std::ranges::any_of(retired_, [&](auto& lane) { return property(*lane); }) ||

@@ -27,15 +27,17 @@ class Login {
   // accept them, unless the address is locked. Counts nothing and uses nothing up.
   bool recognise(std::string_view method, std::string_view authorization);
   // As CreateNonce.
-  int createNonce(char* buffer, int size, int randomBytes) {
-    return nonces_.create(buffer, size, randomBytes, clock_());
-  }
+  int createNonce(char* buffer, int size, int randomBytes);
 
  private:
+  struct Attempt;
+
   DigestResult withoutCredentials(tagDIGEST_RESULT& result, const Configuration& config);
   DigestResult refuse(tagDIGEST_RESULT& result, const Configuration& config,
                       const Lockout::Standing& standing);
-  void challenge(tagDIGEST_RESULT& result, const KavroOptions& options, bool stale);
+  DigestResult admit(tagDIGEST_RESULT& result, const Attempt& attempt, int mode, uint16_t port);
+  void challenge(tagDIGEST_RESULT& result, const Configuration& config, bool stale);
+  std::string authenticationInfo(const Attempt& attempt);
 
   static bool read(DigestCredentials& given, uint32_t& count, std::string_view authorization,
                    const KavroOptions& options);

@@ -44,8 +44,8 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
-      bus_(reactors_, translations_),
-      alarms_(reactors_),
+      bus_(reactors_, translations_, devices_),
+      alarms_(reactors_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
             {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
   try {
@@ -69,13 +69,9 @@ void Gateway::start() {
   alarms_.start();
   reactors_.start();
   module_.init();
-  // Before the main port, which tells that the gateway is ready. Without its picture port it would
-  // hand out dead URLs.
-  const uint16_t picturePort = configuration_->network.picturePort;
-  if (picturePort != configuration_->http.port) {
-    http_.listenOn(picturePort, Access::OwnResources);
-  }
   http_.listen();
+  // A gateway without its picture port would hand out dead URLs.
+  http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   applyExtraPorts();
   logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
           configuration_->http.address, http_.port());

@@ -52,10 +52,7 @@ TEST(StatusTable, UnknownCodeChangesNothing) {
 }
 
 TEST(StatusTable, HttpStatus) {
-  const struct {
-    int status;
-    std::vector<unsigned int> codes;
-  } cases[] = {
+  const std::pair<int, std::vector<unsigned int>> cases[] = {
       {200, {0, 1, 2, 0x10000001}},
       {400, {0x50000001, 0x60000002, 0x50000002, 0x60000001, 0x6000005F, qn::kMalformedRequest}},
       {401, {0x40000003}},

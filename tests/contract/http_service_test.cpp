@@ -66,10 +66,7 @@ TEST_F(HttpFixture, RequestsThatAreRefused) {
   const std::string chunks = put + "Transfer-Encoding: chunked\r\n\r\n";
   const std::string length = put + "Content-Length: ";
   const std::string many(9000, 'x');
-  const struct {
-    int status;
-    std::vector<std::string> requests;
-  } cases[] = {
+  const std::pair<int, std::vector<std::string>> cases[] = {
       {400,
        {"\x16\x03\x01\x02", "GET\r\n\r\n", "GET /\r\n\r\n",
         "GET : h\r\n\r\n" /* asks for more of the version */, "GET / HTTP/1.1\r\n\r\n",
@@ -405,7 +402,7 @@ TEST_F(HttpFixture, BodiesThatWaitForAWorkerCountAsHeld) {
   });
   start();
   const std::string put =
-      "PUT /KAVRO/System/Audio/channels HTTP/1.1\r\nHost: h\r\nContent-Length: 60000\r\n\r\n" +
+      "PUT /KAVRO/Intelligent/FDLib/FDSetUp HTTP/1.1\r\nHost: h\r\nContent-Length: 60000\r\n\r\n" +
       std::string(60'000, 'x');
   RawClient waiting(port());
   waiting.send(put);
@@ -428,7 +425,7 @@ TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
   });
   start();
   const std::string slow =
-      "PUT /KAVRO/System/Audio/channels?x HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc";
+      "PUT /KAVRO/Intelligent/FDLib/FDSetUp?x HTTP/1.1\r\nHost: h\r\nContent-Length: 3\r\n\r\nabc";
   constexpr int kClients = 10;  // two run, two wait, the others are refused
   std::atomic<int> served{0};
   std::atomic<int> refused{0};

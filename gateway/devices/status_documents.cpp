@@ -1,28 +1,23 @@
-// See status_documents.h.
-#include "gateway/devicebus/status_documents.h"
+#include "gateway/devices/status_documents.h"
 
 #include <json/json.h>
 
+#include "gateway/log/log.h"
 #include "platform/base_library.h"
-#include "platform/wlog.h"
 
-namespace qn::devicebus {
+namespace qn {
 namespace {
 
-// The protocol's codes for what a device says in the words of HTTP.
-constexpr unsigned int kNotFound = 0x40000006;
-constexpr unsigned int kNotAllowed = 0x40000009;
-
-constexpr unsigned int kCodes[] = {kDeviceTimeout,       kDeviceUnreachable,    kGatewayStopping,
-                                   kDeviceReplyUnusable, kDeviceLoginRefused,   kMalformedRequest,
-                                   kRequestTooLarge,     kMethodNotImplemented, kNotFound,
-                                   kNotAllowed};
+constexpr unsigned int kCodes[] = {
+    kDeviceTimeout,      kDeviceUnreachable, kGatewayStopping, kDeviceReplyUnusable,
+    kDeviceLoginRefused, kMalformedRequest,  kRequestTooLarge, kMethodNotImplemented,
+    kNotFound,           kNotAllowed,        kSuccess};
 
 std::string documentText(unsigned int code) {
   Json::Value document;
   int httpStatus = 0;
   if (!getResponseStatusByErrorNo(code, document, httpStatus)) {
-    wlog_format(WLOG_ERROR, "QNW", "the status table lacks 0x%08x", code);
+    logError("the status table lacks 0x{:08x}", code);
     document["statusCode"] = static_cast<int>(code >> 28);
     document["errorCode"] = static_cast<Json::Int>(code);
   }
@@ -61,4 +56,4 @@ unsigned int errorOfHttpStatus(int status) {
   }
 }
 
-}  // namespace qn::devicebus
+}  // namespace qn

@@ -1,4 +1,4 @@
-// The bus's own answers: the JSON status documents of what can go wrong with a device, built once.
+// The buses' own answers: the JSON status documents of what can go wrong with a device, built once.
 #pragma once
 
 #include <string>
@@ -7,13 +7,19 @@
 
 #include "platform/error_codes.h"
 
-namespace qn::devicebus {
+namespace qn {
+
+// The protocol's codes beside those of platform/error_codes.h.
+inline constexpr unsigned int kSuccess = 1;
+inline constexpr unsigned int kNotFound = 0x40000006;
+inline constexpr unsigned int kNotAllowed = 0x40000009;
 
 // Constant after construction.
 class StatusDocuments {
  public:
   StatusDocuments();
 
+  // `errorCode`: one of these, or of those that platform/error_codes.h has for devices.
   std::string_view of(unsigned int errorCode) const;
 
  private:
@@ -23,4 +29,4 @@ class StatusDocuments {
 // What a device meant by an HTTP status of 400 or more without a document of its own.
 unsigned int errorOfHttpStatus(int status);
 
-}  // namespace qn::devicebus
+}  // namespace qn
