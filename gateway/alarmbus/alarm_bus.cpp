@@ -17,7 +17,7 @@ std::atomic<AlarmBus*> startedBus{nullptr};
 // The bus's status text; 0 for success, -1 otherwise.
 int answer(std::string& reply, bool success) {
   static const StatusDocuments documents;
-  reply = documents.of(success ? kSuccess : kNotFound);
+  reply = documents.of(success ? ERROR_OK : ERROR_RESOURCE_NOT_FOUND);
   return success ? 0 : -1;
 }
 

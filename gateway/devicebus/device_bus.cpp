@@ -13,18 +13,12 @@
 #include "gateway/devicebus/device_url.h"
 #include "gateway/log/log.h"
 #include "gateway/sync/mutex.h"
+#include "platform/rest_protocol.h"
 
 namespace qn::devicebus {
 namespace {
 
 std::atomic<DeviceBus*> startedBus{nullptr};
-
-// By code. Empty for others.
-std::string_view methodName(unsigned char code) {
-  constexpr std::array<std::string_view, 7> kNames = {"GET",  "PUT",     "POST", "DELETE",
-                                                      "HEAD", "OPTIONS", "PATCH"};
-  return code < kNames.size() ? kNames[code] : std::string_view();
-}
 
 // Where the answer and the thread that waits for it meet; the latter may have gone.
 class Meeting {
@@ -178,7 +172,7 @@ std::shared_ptr<Device> DeviceBus::findDevice(const std::string& url) {
 }
 
 int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
-  const std::string_view method = methodName(call.method);
+  const std::string_view method = QNBase::CRESTfulProtocol::GetMethod(call.method);
   if (method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
   std::shared_ptr<Device> device = findDevice(call.url);
   if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;

@@ -32,7 +32,7 @@ void Lane::pump() {
     BusRequest& first = *queue_.front();
     const auto now = Clock::now();
     if (device_->circuit.blocked(now)) {
-      fail(takeFirst(), kDeviceUnreachable);
+      fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
       continue;
     }
     if (busy_.size() >= limits_.connections) return;
@@ -40,9 +40,9 @@ void Lane::pump() {
     const auto verdict = device_->login.prepare(*first.login, first.method, target, authorization);
     if (verdict == DeviceLogin::Verdict::Wait) return;
     if (verdict == DeviceLogin::Verdict::Refused) {
-      fail(takeFirst(), kDeviceLoginRefused);
+      fail(takeFirst(), ERROR_DEVICE_LOGIN_REFUSED);
     } else if (!device_->circuit.admit(now)) {
-      fail(takeFirst(), kDeviceUnreachable);
+      fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
     } else {
       launch({first.method, target, {}, authorization}, takeFirst());
     }
@@ -92,7 +92,7 @@ void Lane::onReply(DeviceConnection& connection) {
   } else if (!retired_ && device_->login.refused(*request->login, reply.challenge())) {
     queue_.push_front(std::move(request));
   } else {
-    fail(std::move(request), kDeviceLoginRefused);
+    fail(std::move(request), ERROR_DEVICE_LOGIN_REFUSED);
   }
   release(kept);
   pump();
@@ -115,12 +115,12 @@ void Lane::onFault(DeviceConnection& connection, DeviceConnection::Fault fault) 
   if (!request) return;
   if (fault == DeviceConnection::Fault::NotConnected) {
     device_->circuit.failed(Clock::now());
-    fail(std::move(request), kDeviceUnreachable);
+    fail(std::move(request), ERROR_DEVICE_UNREACHABLE);
   } else if (fault == DeviceConnection::Fault::Closed && isToBeSentAgain(*request, connection)) {
     request->needsFreshConnection = true;
     queue_.push_front(std::move(request));
   } else {
-    fail(std::move(request), kDeviceReplyUnusable);
+    fail(std::move(request), ERROR_DEVICE_REPLY_UNUSABLE);
   }
   pump();
 }
@@ -146,14 +146,14 @@ void Lane::sweep(Clock::time_point now) {
 
 void Lane::endOverdue(Clock::time_point now) {
   for (RequestPtr& request : queue_) {
-    if (request->deadline <= now) fail(std::move(request), kDeviceTimeout);
+    if (request->deadline <= now) fail(std::move(request), ERROR_DEVICE_TIMEOUT);
   }
   std::erase(queue_, nullptr);
   const auto endIfOverdue = [&](const std::shared_ptr<DeviceConnection>& connection) {
     if (!connection->request() || connection->request()->deadline > now) return false;
     device_->circuit.failed(now);
     connection->close();
-    fail(connection->takeRequest(), kDeviceTimeout);
+    fail(connection->takeRequest(), ERROR_DEVICE_TIMEOUT);
     return true;
   };
   std::erase_if(busy_, endIfOverdue);

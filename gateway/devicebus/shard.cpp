@@ -63,9 +63,9 @@ void Shard::followConfiguration() {
 }
 
 void Shard::accept(RequestPtr request) {
-  if (stopped_) return answers_.giveError(reactor_, std::move(request), kGatewayStopping);
+  if (stopped_) return answers_.giveError(reactor_, std::move(request), ERROR_GATEWAY_STOPPING);
   Lane* const to = lane(request->device->config.index);
-  if (!to) return answers_.giveError(reactor_, std::move(request), kDeviceUnreachable);
+  if (!to) return answers_.giveError(reactor_, std::move(request), ERROR_DEVICE_UNREACHABLE);
   to->submit(std::move(request));
   if (period_ != kSweepPeriod) watch(kSweepPeriod);
 }
@@ -113,8 +113,8 @@ void Shard::shutDown() {
   stopped_ = true;
   ++timerStarts_;
   timer_.cancel();
-  for (const auto& [index, lane] : lanes_) lane->endAll(kGatewayStopping);
-  for (const auto& lane : retired_) lane->endAll(kGatewayStopping);
+  for (const auto& [index, lane] : lanes_) lane->endAll(ERROR_GATEWAY_STOPPING);
+  for (const auto& lane : retired_) lane->endAll(ERROR_GATEWAY_STOPPING);
   lanes_.clear();
   retired_.clear();
 }

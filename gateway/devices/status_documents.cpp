@@ -8,10 +8,17 @@
 namespace qn {
 namespace {
 
-constexpr unsigned int kCodes[] = {
-    kDeviceTimeout,      kDeviceUnreachable, kGatewayStopping, kDeviceReplyUnusable,
-    kDeviceLoginRefused, kMalformedRequest,  kRequestTooLarge, kMethodNotImplemented,
-    kNotFound,           kNotAllowed,        kSuccess};
+constexpr unsigned int kCodes[] = {ERROR_DEVICE_TIMEOUT,
+                                   ERROR_DEVICE_UNREACHABLE,
+                                   ERROR_GATEWAY_STOPPING,
+                                   ERROR_DEVICE_REPLY_UNUSABLE,
+                                   ERROR_DEVICE_LOGIN_REFUSED,
+                                   ERROR_MALFORMED_REQUEST,
+                                   ERROR_REQUEST_TOO_LARGE,
+                                   ERROR_METHOD_NOT_IMPLEMENTED,
+                                   ERROR_RESOURCE_NOT_FOUND,
+                                   ERROR_DEVICE_NOT_ALLOWED,
+                                   ERROR_OK};
 
 std::string documentText(unsigned int code) {
   Json::Value document;
@@ -36,23 +43,23 @@ unsigned int errorOfHttpStatus(int status) {
   switch (status) {
     case 401:
     case 407:
-      return kDeviceLoginRefused;
+      return ERROR_DEVICE_LOGIN_REFUSED;
     case 403:
-      return kNotAllowed;
+      return ERROR_DEVICE_NOT_ALLOWED;
     case 404:
-      return kNotFound;
+      return ERROR_RESOURCE_NOT_FOUND;
     case 405:
     case 501:
-      return kMethodNotImplemented;
+      return ERROR_METHOD_NOT_IMPLEMENTED;
     case 408:
     case 504:
-      return kDeviceTimeout;
+      return ERROR_DEVICE_TIMEOUT;
     case 413:
-      return kRequestTooLarge;
+      return ERROR_REQUEST_TOO_LARGE;
     case 503:
-      return kDeviceUnreachable;
+      return ERROR_DEVICE_UNREACHABLE;
     default:
-      return status >= 500 ? kDeviceReplyUnusable : kMalformedRequest;
+      return status >= 500 ? ERROR_DEVICE_REPLY_UNUSABLE : ERROR_MALFORMED_REQUEST;
   }
 }
 

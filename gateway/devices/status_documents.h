@@ -9,17 +9,12 @@
 
 namespace qn {
 
-// The protocol's codes beside those of platform/error_codes.h.
-inline constexpr unsigned int kSuccess = 1;
-inline constexpr unsigned int kNotFound = 0x40000006;
-inline constexpr unsigned int kNotAllowed = 0x40000009;
-
 // Constant after construction.
 class StatusDocuments {
  public:
   StatusDocuments();
 
-  // `errorCode`: one of these, or of those that platform/error_codes.h has for devices.
+  // `errorCode`: one of those that devices and buses give.
   std::string_view of(unsigned int errorCode) const;
 
  private:

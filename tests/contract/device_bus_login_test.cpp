@@ -101,7 +101,8 @@ class BusLoginTest : public BusTest {
     for (const auto& sent : sendMany(count, "1")) EXPECT_EQ(sent->text(), "{\"in\":1}");
   }
   static void expectRefused(int count) {
-    for (const auto& sent : sendMany(count, "1")) EXPECT_EQ(sent->error(), kDeviceLoginRefused);
+    for (const auto& sent : sendMany(count, "1"))
+      EXPECT_EQ(sent->error(), ERROR_DEVICE_LOGIN_REFUSED);
   }
 };
 

@@ -116,7 +116,7 @@ TEST_F(BothBusesTest, CredentialsThatOneFoundRefusedTheOtherDoesNotSend) {
       id = subscribe("1");
       ASSERT_TRUE(refused.wait());
     }
-    EXPECT_EQ(send("1")->error(), kDeviceLoginRefused);
+    EXPECT_EQ(send("1")->error(), ERROR_DEVICE_LOGIN_REFUSED);
     if (!feedFirst) id = subscribe("1");
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(sent, 1);
