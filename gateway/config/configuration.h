@@ -19,7 +19,8 @@ namespace qn {
 struct HttpOptions {
   std::string address = "127.0.0.1";
   uint16_t port = 8080;
-  std::vector<std::string> trustedProxies;  // addresses whose X-Forwarded-For is believed
+  std::vector<std::string>
+      trustedProxies;  // addresses and networks; their X-Forwarded-For is believed
   std::size_t headBytes = 16 * 1024;
   std::chrono::seconds headTime{10};  // for the whole head
   std::size_t bodyBytes = 10 * 1024 * 1024;

@@ -23,7 +23,7 @@ constexpr std::size_t kNonceKeyMax = 4096;
 constexpr Key<HttpOptions> kHttpKeys[] = {
     {"address", &HttpOptions::address, {}, &kAddressRule},
     {"port", &HttpOptions::port, kPort},
-    {"trusted_proxies", &HttpOptions::trustedProxies, {}, &kAddressRule},
+    {"trusted_proxies", &HttpOptions::trustedProxies, {}, &kNetworkRule},
     {"head_bytes", &HttpOptions::headBytes, {1024, kMiB}},
     {"head_seconds", &HttpOptions::headTime, kSeconds},
     {"body_bytes", &HttpOptions::bodyBytes, {1024, 1024 * kMiB}},

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "text/hex.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
@@ -39,6 +40,15 @@ bool isAddress(std::string_view text) {
   in_addr address{};
   return hasNone(text, std::string_view("\0", 1)) &&
          (inet_pton(AF_INET, std::string(text).c_str(), &address) == 1 || isIPv6(text));
+}
+
+// An address, or one followed by a slash and the number of its bits that count.
+bool isNetwork(std::string_view text) {
+  const std::size_t slash = text.find('/');
+  if (slash == text.npos) return isAddress(text);
+  const std::string_view address = text.substr(0, slash);
+  const auto bits = text::wholeNumber<unsigned>(text.substr(slash + 1));
+  return isAddress(address) && bits && *bits <= (isIPv6(address) ? 128u : 32u);
 }
 
 bool isLevel(std::string_view text) {
@@ -113,6 +123,7 @@ bool readPort(std::string_view text, uint16_t& port) {
 }  // namespace
 
 const TextRule kAddressRule{isAddress, "an IP address"};
+const TextRule kNetworkRule{isNetwork, "an IP address or a network ADDRESS/BITS"};
 const TextRule kLevelRule{isLevel, "\"debug\", \"info\", \"warn\" or \"error\""};
 const TextRule kAlgorithmRule{isAlgorithm, "\"MD5\" or \"SHA-256\""};
 const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};

@@ -13,6 +13,7 @@ struct TextRule {
 };
 
 extern const TextRule kAddressRule;
+extern const TextRule kNetworkRule;
 extern const TextRule kLevelRule;
 extern const TextRule kAlgorithmRule;
 extern const TextRule kRealmRule;

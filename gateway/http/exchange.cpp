@@ -82,12 +82,10 @@ bool hasNoBody(int status) { return status < 200 || status == 204 || status == 3
 
 namespace QNHttpService {
 
-qn::ExchangePtr ExchangeState::create(const qn::RequestHead& head, const std::string& clientAddress,
-                                      const std::weak_ptr<qn::AnswerLink>& link) {
+qn::ExchangePtr ExchangeState::create(const qn::RequestHead& head, const qn::Origin& origin) {
   auto& registry = qn::ExchangeRegistry::instance();
   for (;;) {
-    auto exchange =
-        std::make_shared<ExchangeState>(registry.nextHandle(), head, clientAddress, link);
+    auto exchange = std::make_shared<ExchangeState>(registry.nextHandle(), head, origin);
     if (registry.add(exchange)) return exchange;
   }
 }
@@ -96,21 +94,22 @@ qn::ExchangePtr ExchangeState::find(int handle) {
   return handle > 0 ? qn::ExchangeRegistry::instance().find(handle) : nullptr;
 }
 
-ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
-                             std::weak_ptr<qn::AnswerLink> link)
+ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin origin)
     : handle_(handle),
       method_(head.method),
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
-      clientAddress_(std::move(clientAddress)),
-      link_(std::move(link)),
+      origin_(std::move(origin)),
       fields_(head.fields) {}
 
 std::string ExchangeState::header(std::string_view name) const {
-  if (qn::text::equalNoCase(name, "X-Forwarded-For")) return clientAddress_;
+  if (qn::text::equalNoCase(name, "X-Forwarded-For")) return origin_.clientAddress;
   const qn::MutexLock lock(mutex_);
   const std::string_view value = qn::findHeader(fields_, name).value;
+  if (value.starts_with('[') && qn::text::equalNoCase(name, "Host")) {
+    return ':' + std::to_string(origin_.port);
+  }
   // Credentials made for another target must not open this one.
   const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
                        !qn::digestUriIs(value, url_);
@@ -157,7 +156,7 @@ int ExchangeState::respond(const void* data, int length) {
   }
   if (stream) return respondOnStream(data, length);
   if (!claim()) return HTTP_LINK_BROKEN;
-  const auto link = link_.lock();
+  const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
   link->deliver(shared_from_this(), {static_cast<const char*>(data), std::size_t(length)});
   qn::ExchangeRegistry::instance().erase(handle_);
@@ -183,7 +182,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
       wakes = !std::exchange(wakePending_, true);
     }
   }
-  const auto link = link_.lock();
+  const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
   if (opens) link->openStream(shared_from_this());
   if (wakes) link->wakeStream();
@@ -198,7 +197,7 @@ bool ExchangeState::finish(int status, const char* contentType, std::string_view
     status_ = status >= 200 && status <= 999 ? status : 500;
     setHeaderLocked("Content-Type", contentType);
   }
-  if (const auto link = link_.lock()) link->deliver(shared_from_this(), body);
+  if (const auto link = origin_.link.lock()) link->deliver(shared_from_this(), body);
   qn::ExchangeRegistry::instance().erase(handle_);
   return true;
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -35,6 +36,13 @@ class AnswerLink {
 
 enum class Ending { KeepAlive, Close };
 
+// Where a request came from.
+struct Origin {
+  std::string clientAddress;
+  uint16_t port;  // of ours
+  std::weak_ptr<AnswerLink> link;
+};
+
 }  // namespace qn
 
 namespace QNHttpService {
@@ -44,20 +52,20 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   static constexpr std::size_t kStreamQueue = 1024 * 1024;
 
   // Registers it under a new handle.
-  static qn::ExchangePtr create(const qn::RequestHead& head, const std::string& clientAddress,
-                                const std::weak_ptr<qn::AnswerLink>& link);
+  static qn::ExchangePtr create(const qn::RequestHead& head, const qn::Origin& origin);
   // Null when the handle is not live.
   static qn::ExchangePtr find(int handle);
 
-  ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
-                std::weak_ptr<qn::AnswerLink> link);
+  ExchangeState(int handle, const qn::RequestHead& head, qn::Origin origin);
 
   // The request; constant.
   int handle() const { return handle_; }
   int method() const { return method_; }
   const std::string& url() const { return url_; }
   bool keepAlive() const { return keepAlive_; }
-  // X-Forwarded-For is the client's address, whatever the client wrote.
+  // X-Forwarded-For is the client's address, whatever the client wrote. A Host that is an IPv6
+  // address, which the module would look for a port inside of, is only the port of ours that the
+  // request came in on.
   std::string header(std::string_view name) const;
 
   // The answer; any thread.
@@ -90,8 +98,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   const bool keepAlive_;
   const bool http10_;
   const std::string url_;
-  const std::string clientAddress_;
-  const std::weak_ptr<qn::AnswerLink> link_;
+  const qn::Origin origin_;
 
   std::atomic<bool> answered_{false};
 

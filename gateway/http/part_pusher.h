@@ -25,7 +25,7 @@ template <class Stream>
 class PartPusher {
  public:
   PartPusher(ClientStream<Stream>& client, ServiceCore& core)
-      : client_(client), bounds_(core.bounds), unsent_(client, bounds_.stalled) {}
+      : client_(client), bounds_(core.bounds), unsent_(client, bounds_) {}
 
   void begin(const ExchangePtr& exchange) {
     exchange_ = exchange;

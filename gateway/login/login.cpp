@@ -137,6 +137,15 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
   return admit(result, attempt, mode, request.port);
 }
 
+bool Login::recognise(std::string_view method, std::string_view authorization) {
+  const std::shared_ptr<const Configuration> held = configuration();
+  Attempt attempt;
+  return attempt.read(authorization.substr(0, DIGEST_AUTHORIZATION_MAX), *held) &&
+         attempt.isRight(method) &&
+         nonces_.isFresh(attempt.given.nonce, attempt.count, attempt.name, held->kavro.nonceKey,
+                         clock_());
+}
+
 DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int mode,
                           uint16_t port) {
   const std::string* const device = deviceFor(*attempt.config, *attempt.user, mode, port);
@@ -207,6 +216,10 @@ qn::Login& login() {
 }
 
 }  // namespace
+
+bool qn::recogniseLogin(std::string_view method, std::string_view authorization) {
+  return login().recognise(method, authorization);
+}
 
 int QN_KAVROMgrBus_CheckDigest(tagDIGEST_RESULT& result, const char* method,
                                const tagDIGEST_REQUEST& request, int mode) {

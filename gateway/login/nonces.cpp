@@ -116,6 +116,19 @@ Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view
   return entry->counts.take(count) ? Use::Fresh : Use::Stale;
 }
 
+bool Nonces::isFresh(std::string_view nonce, uint32_t count, std::string_view user,
+                     std::string_view key, Time time) {
+  uint32_t madeAt = 0;
+  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt) || tickOf(time) - madeAt > kLifeTicks) {
+    return false;
+  }
+  Bucket& bucket = bucketOf(nonce, user);
+  const MutexLock lock(bucket.mutex);
+  const auto found = bucket.byText.find(nonce);
+  if (found != bucket.byText.end()) return found->second->counts.isFree(count);
+  return originOf(nonce, key) == Origin::Own && madeAt > bucket.forgotten;
+}
+
 bool Nonces::shouldRenew(std::string_view nonce, Time now) {
   uint32_t madeAt = 0;
   return timeOf(nonce, madeAt) && tickOf(now) - madeAt >= kRenewalTicks;

@@ -24,6 +24,10 @@ class CountWindow {
 
   // False when the count was used before, or is too far behind the highest.
   bool take(uint32_t count);
+  bool isFree(uint32_t count) const {
+    if (count > highest_) return true;
+    return highest_ - count < kCounts && (used_[count % kCounts / 64] & bit(count)) == 0;
+  }
 
  private:
   uint64_t& word(uint32_t count) { return used_[count % kCounts / 64]; }
@@ -62,6 +66,9 @@ class Nonces {
   // Uses a nonce with this count once. Call it for right credentials only, since it stores.
   Use use(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
           Time now);
+  // Whether use() would find the count fresh. Stores nothing.
+  bool isFresh(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
+               Time now);
   // Of a nonce that could be used.
   static bool shouldRenew(std::string_view nonce, Time now);
 
