@@ -79,6 +79,9 @@ struct BusOptions {
   std::size_t deviceConnections = 16;  // connections, so requests in flight
   std::size_t deviceQueue = 256;       // requests waiting for a connection
   std::size_t replyBytes = 16 * 1024 * 1024;
+  // What requests that are not answered may hold; a single one may hold more.
+  std::size_t deviceBytes = 32 * 1024 * 1024;
+  std::size_t bytes = 256 * 1024 * 1024;  // of all devices
 };
 
 struct LogOptions {

@@ -72,6 +72,8 @@ constexpr Key<BusOptions> kBusKeys[] = {
     {"device_connections", &BusOptions::deviceConnections, {1, 1024}},
     {"device_queue", &BusOptions::deviceQueue, {0, 65536}},
     {"reply_bytes", &BusOptions::replyBytes, {1024, 1024 * kMiB}},
+    {"device_bytes", &BusOptions::deviceBytes, {1024, kMiB* kMiB}},
+    {"bytes", &BusOptions::bytes, {1024, kMiB* kMiB}},
 };
 
 constexpr Key<LogOptions> kLogKeys[] = {

@@ -176,9 +176,9 @@ int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
   if (method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
   std::shared_ptr<Device> device = findDevice(call.url);
   if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
-  const BusOptions& options = configuration()->bus;
   auto request = std::make_unique<BusRequest>();
-  switch (request->place.enter(tally_, device, options.deviceConnections + options.deviceQueue)) {
+  switch (request->place.enter(tally_, device, configuration()->bus,
+                               call.url.size() + call.body.size())) {
     case Place::Refusal::Stopping:
       return DEVCFGBUS_STOPPING;
     case Place::Refusal::Full:

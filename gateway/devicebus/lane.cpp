@@ -35,6 +35,10 @@ void Lane::pump() {
       fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
       continue;
     }
+    if (first.isForgotten()) {
+      fail(takeFirst(), ERROR_DEVICE_TIMEOUT);
+      continue;
+    }
     if (busy_.size() >= limits_.connections) return;
     target.assign(device_->config.basePath).append(first.url);
     const auto verdict = device_->login.prepare(*first.login, first.method, target, authorization);
@@ -146,7 +150,9 @@ void Lane::sweep(Clock::time_point now) {
 
 void Lane::endOverdue(Clock::time_point now) {
   for (RequestPtr& request : queue_) {
-    if (request->deadline <= now) fail(std::move(request), ERROR_DEVICE_TIMEOUT);
+    if (request->deadline <= now || request->isForgotten()) {
+      fail(std::move(request), ERROR_DEVICE_TIMEOUT);
+    }
   }
   std::erase(queue_, nullptr);
   const auto endIfOverdue = [&](const std::shared_ptr<DeviceConnection>& connection) {

@@ -15,16 +15,36 @@ bool Tally::enter() {
 }
 
 Place::~Place() {
-  if (device_) --device_->admitted;
+  if (device_) {
+    --device_->admitted;
+    device_->bytes -= bytes_;
+    tally_->bytes -= bytes_;
+  }
   device_.reset();
   if (tally_) tally_->leave();  // the bus may be gone from here on
 }
 
-Place::Refusal Place::enter(Tally& tally, std::shared_ptr<Device> device, std::size_t limit) {
+Place::Refusal Place::enter(Tally& tally, std::shared_ptr<Device> device, const BusOptions& options,
+                            std::size_t bytes) {
   if (!tally.enter()) return Refusal::Stopping;
   tally_ = &tally;
   device_ = std::move(device);
-  return ++device_->admitted > limit ? Refusal::Full : Refusal::None;
+  bytes_ = bytes;
+  // A request that alone is over a bound is let in when nothing else waits.
+  const auto fits = [bytes](std::atomic<std::size_t>& held, std::size_t bound) {
+    const std::size_t all = held += bytes;
+    return all <= bound || all == bytes;
+  };
+  const bool room = ++device_->admitted <= options.deviceConnections + options.deviceQueue;
+  const bool deviceFits = fits(device_->bytes, options.deviceBytes);
+  const bool allFit = fits(tally.bytes, options.bytes);
+  return room && deviceFits && allFit ? Refusal::None : Refusal::Full;
+}
+
+bool BusRequest::isForgotten() const {
+  if (!asker) return false;
+  const auto somebody = asker->lock();
+  return !somebody || somebody->isGone();
 }
 
 void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {

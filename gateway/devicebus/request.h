@@ -15,6 +15,7 @@
 #include "gateway/devices/device.h"
 #include "gateway/devices/message.h"
 #include "gateway/devices/status_documents.h"
+#include "gateway/net/asker.h"
 #include "gateway/net/worker_pool.h"
 #include "platform/device_cfg_bus.h"
 
@@ -41,12 +42,15 @@ class Tally {
   void close() { closed_ = true; }
   bool empty() const { return count_ == 0; }
 
+  std::atomic<std::size_t> bytes{0};  // that they hold
+
  private:
   std::atomic<std::size_t> count_{0};
   std::atomic<bool> closed_{false};
 };
 
-// A request's place among those of its device and of the bus; given back when destroyed.
+// A request's place among those of its device and of the bus, in number and in bytes; given back
+// when destroyed.
 class Place {
  public:
   enum class Refusal { None, Stopping, Full };
@@ -56,12 +60,14 @@ class Place {
   Place& operator=(const Place&) = delete;
   ~Place();
 
-  // `limit`: requests the device may have. At most one call.
-  Refusal enter(Tally& tally, std::shared_ptr<Device> device, std::size_t limit);
+  // `bytes`: what the request holds until it is answered. At most one call.
+  Refusal enter(Tally& tally, std::shared_ptr<Device> device, const BusOptions& options,
+                std::size_t bytes);
 
  private:
   Tally* tally_ = nullptr;
   std::shared_ptr<Device> device_;
+  std::size_t bytes_ = 0;
 };
 
 struct BusRequest {
@@ -73,8 +79,11 @@ struct BusRequest {
   std::chrono::steady_clock::time_point deadline;
   std::shared_ptr<Device> device;
   std::optional<DeviceLogin::Ticket> login{std::in_place};  // at `device`
+  std::optional<std::weak_ptr<const Asker>> asker = AskerScope::current();
   bool needsFreshConnection = false;  // a reused one broke; not tried again after this
 
+  // Nobody takes the answer any more.
+  bool isForgotten() const;
   // Whether sending it twice does the same as sending it once.
   bool isIdempotent() const { return method != "POST" && method != "PATCH"; }
 };

@@ -70,6 +70,7 @@ struct Device {
   DeviceLogin login;
   Circuit circuit;
   std::atomic<std::size_t> admitted{0};  // requests of the bus, accepted and not yet answered
+  std::atomic<std::size_t> bytes{0};     // that these requests hold
   std::atomic<std::size_t> awaited{0};   // threads that wait for a reply
 };
 

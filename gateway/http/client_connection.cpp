@@ -110,6 +110,11 @@ void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
 }
 
 template <class Stream>
+void ClientConnection<Stream>::onPeerDone() {
+  if (awaited_) awaited_->clientEnded();
+}
+
+template <class Stream>
 Ending ClientConnection<Stream>::endingOf(const ExchangeState& exchange) const {
   return exchange.keepAlive() && !core_->stopping ? Ending::KeepAlive : Ending::Close;
 }

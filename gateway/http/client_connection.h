@@ -49,6 +49,7 @@ class ClientConnection final : public ClientStream<Stream>,
   ExchangePtr onHead(const RequestHead& head) override;
   void onRequest(const ExchangePtr& exchange, std::string_view body) override;
   void onRefused(OwnAnswer answer) override;
+  void onPeerDone() override;
   void onDeadline() override;
   void onEnd() override;
 

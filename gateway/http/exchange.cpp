@@ -256,6 +256,7 @@ void ExchangeState::partsSent() {
 }
 
 void ExchangeState::detach() {
+  clientEnded();
   answered_ = true;
   qn::ExchangeRegistry::instance().erase(handle_);
   std::string parts;

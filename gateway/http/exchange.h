@@ -13,6 +13,7 @@
 
 #include "gateway/http/answer.h"
 #include "gateway/http/request_reader.h"
+#include "gateway/net/asker.h"
 #include "gateway/sync/mutex.h"
 #include "platform/http_service.h"
 
@@ -47,7 +48,7 @@ struct Origin {
 
 namespace QNHttpService {
 
-class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
+class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public qn::Asker {
  public:
   static constexpr std::size_t kStreamQueue = 1024 * 1024;
 
@@ -87,6 +88,9 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   void partsSent();
   // The connection is gone, or answers no more: from now on the link is broken.
   void detach();
+  // The client has ended its side, but may still take the answer.
+  void clientEnded() { clientEnded_ = true; }
+  bool isGone() const override { return clientEnded_; }
 
  private:
   int respondOnStream(const void* data, int length);
@@ -101,6 +105,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   const qn::Origin origin_;
 
   std::atomic<bool> answered_{false};
+  std::atomic<bool> clientEnded_{false};
 
   mutable qn::Mutex mutex_;
   std::string fields_

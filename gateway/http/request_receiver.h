@@ -30,6 +30,8 @@ class RequestTaker {
   virtual void onRequest(const ExchangePtr& exchange, std::string_view body) = 0;
   // Where the next request would start is not known any more: the last thing that is received.
   virtual void onRefused(OwnAnswer answer) = 0;
+  // While a request is held: the client has ended its side, or is gone.
+  virtual void onPeerDone() = 0;
 
  protected:
   ~RequestTaker() = default;
@@ -120,6 +122,7 @@ class RequestReceiver {
     // A client may end its side and still wait for the answer.
     if (ec != boost::asio::error::eof || stage_ != Stage::Held) return client_.end();
     peerDone_ = true;
+    taker_.onPeerDone();
   }
 
   // A loop, so that many requests in one packet do not nest.

@@ -237,6 +237,7 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int bodyIsXml = 1;
   int asyncReply = 0;
   std::string answer;
+  const AskerScope scope(exchange);
   const int status = module_.process(bodyIsXml, answer, asyncReply, request);
   if (asyncReply == 0) {
     exchange->finish(status, bodyIsXml != 0 ? "application/xml" : "application/json", answer);

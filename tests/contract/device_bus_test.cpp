@@ -10,7 +10,9 @@
 
 #include "gateway/devicebus/device_url.h"
 #include "gateway/devices/device.h"
+#include "gateway/net/asker.h"
 #include "tests/contract/bus_fixture.h"
+#include "tests/contract/events.h"
 #include "tests/contract/scripted_device.h"
 
 namespace qn::devicebus::test {
@@ -263,6 +265,74 @@ TEST_F(DeviceBusTest, HangingDeviceDelaysNoOtherAndHoldsABoundedNumber) {
     EXPECT_EQ(sent->error(), ERROR_DEVICE_TIMEOUT);
   }
   EXPECT_EQ(hanging.connections(), 2);
+}
+
+TEST_F(DeviceBusTest, WhatWaitsIsBoundedInBytesForEachDeviceAndInAll) {
+  ScriptedDevice hanging(ScriptedDevice::hanging());
+  configuration_.bus.deviceBytes = 250'000;
+  configuration_.bus.bytes = 450'000;
+  for (const char* index : {"1", "2", "3"}) addDevice(index, hanging.port());
+  const std::string body(100'000, ' ');
+  std::vector<SentPtr> waiting;
+  const auto refusalOf = [&](const char* device, const std::string& what) {
+    waiting.push_back(send(device, kShort, PUT, what));
+    return waiting.back()->refusal();
+  };
+  EXPECT_EQ(refusalOf("1", std::string(1'000'000, ' ')), DEVCFGBUS_OK) << "nothing else waits";
+  waiting.back()->answer();
+  EXPECT_EQ(refusalOf("1", body), DEVCFGBUS_OK);
+  EXPECT_EQ(refusalOf("1", body), DEVCFGBUS_OK);
+  EXPECT_EQ(refusalOf("1", body), DEVCFGBUS_QUEUE_FULL);
+  EXPECT_EQ(refusalOf("1", "{}"), DEVCFGBUS_OK);
+  EXPECT_EQ(refusalOf("2", body), DEVCFGBUS_OK);
+  EXPECT_EQ(refusalOf("2", body), DEVCFGBUS_OK);
+  EXPECT_EQ(refusalOf("3", body), DEVCFGBUS_QUEUE_FULL);
+  for (const auto& sent : waiting) {
+    if (sent->refusal() == DEVCFGBUS_OK) sent->answer();
+  }
+  EXPECT_EQ(refusalOf("3", body), DEVCFGBUS_OK) << "given back";
+  waiting.back()->answer();
+}
+
+struct SomebodyAsking : Asker {
+  bool isGone() const override { return gone; }
+  std::atomic<bool> gone{false};
+};
+
+TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
+  std::atomic<int> bodies{0};
+  Events taken;
+  Events released;
+  ScriptedDevice device([&](Peer& peer) {
+    while (const auto request = peer.read()) {
+      bodies += request->body.empty() ? 0 : 1;
+      taken.signal();
+      released.wait();
+      peer.write(jsonReply("{}"));
+    }
+  });
+  configuration_.bus.deviceConnections = 1;
+  addDevice("1", device.port());
+  const auto inFlight = send("1");
+  ASSERT_TRUE(taken.wait());
+  const auto gone = std::make_shared<SomebodyAsking>();
+  const auto there = std::make_shared<SomebodyAsking>();
+  auto forgotten = std::make_shared<SomebodyAsking>();
+  std::vector<SentPtr> waiting;
+  for (const auto& asker : {gone, forgotten, there}) {
+    const AskerScope scope(asker);
+    waiting.push_back(send("1", seconds(20), PUT, "{}"));
+  }
+  waiting.push_back(send("1", seconds(20), PUT, "{}"));
+  gone->gone = true;
+  forgotten.reset();
+  EXPECT_NE(waiting[0]->error(), 0u) << "answered, for the record's sake, before it was sent";
+  EXPECT_NE(waiting[1]->error(), 0u);
+  EXPECT_EQ(bodies, 0);
+  released.signal();
+  EXPECT_EQ(inFlight->text(), "{}");
+  EXPECT_EQ(waiting[2]->text(), "{}");
+  EXPECT_EQ(waiting[3]->text(), "{}") << "of nobody in particular";
 }
 
 TEST_F(DeviceBusTest, DeadDeviceIsProbedAndComesBack) {

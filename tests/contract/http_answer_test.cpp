@@ -1,9 +1,11 @@
 // Answered exactly once, whoever answers and whenever; stopping.
 #include <atomic>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "gateway/net/asker.h"
 #include "tests/contract/http_fixture.h"
 
 namespace qn {
@@ -54,6 +56,29 @@ TEST_F(HttpAnswerTest, ClientGoneBreaksTheLink) {
   EXPECT_TRUE(eventually([&] { return CHttpExchange(holder.getHttpHandle()).getUrl().empty(); }));
   EXPECT_EQ(holder.response("x", 1), HTTP_LINK_BROKEN);
   EXPECT_EQ(holder.getUrl(), "/a?b=1");
+}
+
+// However the client goes.
+TEST_F(HttpAnswerTest, ClientGoneShowsToThoseWhoWorkForIt) {
+  std::promise<std::weak_ptr<const Asker>> askers[2];
+  script([&, next = 0](int&, std::string&, int& asyncReply, const stHttpRes&) mutable {
+    asyncReply = 1;
+    askers[next++].set_value(AskerScope::current().value());
+    return 200;
+  });
+  start();
+  for (const bool abort : {false, true}) {
+    RawClient client(port());
+    client.send(kGet);
+    const auto asker = askers[abort ? 1 : 0].get_future().get();
+    const auto isGone = [&] {
+      const auto somebody = asker.lock();
+      return !somebody || somebody->isGone();
+    };
+    EXPECT_FALSE(isGone());
+    client.reset(abort);
+    EXPECT_TRUE(eventually(isGone)) << abort;
+  }
 }
 
 // Several threads, the time-out and the client's next request race for every exchange.

@@ -11,7 +11,7 @@ import unittest
 
 import client
 import harness
-from test_pass_through import FACE_RECORD, JPEG, description, multipart
+from test_requests import FACES, JPEG
 
 INFO = "/KAVRO/System/deviceInfo"
 
@@ -38,9 +38,10 @@ class Fixture(unittest.TestCase):
 
     @staticmethod
     def upload(one):
-        body, headers = multipart([description(FaceInfo={"employeeNo": "1"}),
-                                   ("image/jpeg", JPEG)])
-        return one.request("POST", FACE_RECORD, body, headers).status
+        body = (b'--form\r\nContent-Type: application/json\r\n\r\n{"FaceInfo": {"employeeNo": "1"}}'
+                b"\r\n--form\r\nContent-Type: image/jpeg\r\n\r\n" + JPEG + b"\r\n--form--\r\n")
+        return one.request("POST", FACES, body,
+                           {"Content-Type": 'multipart/form-data; boundary="form"'}).status
 
     def strangers(self, count, data=b""):
         """Connections that stay, of addresses of their own."""
