@@ -86,7 +86,7 @@ int CChannelCfg::covertChannelIDCapUrlandBody(DeviceRequest& out, const ClientRe
 }
 
 int CChannelCfg::covertAudioChannelUrlandBody(DeviceRequest& out, const ClientRequest& in) {
-  if (in.method > HTTP_DELETE) return DECLINED;
+  if (in.method > HTTP_DELETE) return kDeclined;
   out.url = deviceJsonUrl(isRecorder(deviceType(in)) ? "/KAVRO/System/Video/inputs/channels"
                                                      : "/KAVRO/System/Audio/channels",
                           in.devIndex);

@@ -43,7 +43,7 @@ void answerExchange(int httpHandle, std::string_view reply) noexcept {
 }  // namespace
 
 int CDevCfgBase::checkUrlAndMethod(const std::string& /*url*/, unsigned int /*method*/) {
-  return DECLINED;
+  return kDeclined;
 }
 
 int CDevCfgBase::createUserData(tagDEVCFG_USERDATA& /*userData*/, std::string& /*jsonBody*/,

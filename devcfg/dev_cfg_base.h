@@ -22,8 +22,8 @@ class CDevCfgBase : public CProtocolBase {
                    const std::string& devIndex) override;
 
   // Turns the device's reply into the client's body, which holds the reply's text at first.
-  // Returns 0, DECLINED when URL or method are not the handler's, or an argument of getPtoErrorCode
-  // with the body unspecified.
+  // Returns 0, kDeclined when URL or method are not the handler's, or an argument of
+  // getPtoErrorCode with the body unspecified.
   virtual int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url,
                             int method, const CHttpExchange& exchange) = 0;
 

@@ -36,7 +36,7 @@ std::optional<Json::Value> redirectPicture(std::string_view text, const Value& r
 void convertBody(DeviceAnswer& answer, const Value& reply, const RepliedRequest& request) {
   int result = translateReply(answer.body, reply, request);
   if (result == 0) return;
-  if (result == DECLINED) result = BUS_INTERNAL_FAILURE;
+  if (result == kDeclined) result = BUS_INTERNAL_FAILURE;
   const unsigned int code = CProtocolBase::getPtoErrorCode(result);
   answer.body = CProtocolBase::getResponseByError(static_cast<int>(code), request.url);
   answer.status = getHttpStatusCodeByErrorNo(code);

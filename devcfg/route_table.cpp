@@ -38,7 +38,7 @@ std::string_view bodyOf(const stHttpRes& request) {
 
 int RoutedCfg::checkUrlAndMethod(const std::string& url, unsigned int method) {
   const Route* route = find(routes_, url);
-  return route != nullptr && route->methods.has(method) ? 0 : DECLINED;
+  return route != nullptr && route->methods.has(method) ? 0 : kDeclined;
 }
 
 int RoutedCfg::covertUrlandBody(std::string& jsonUrl, std::string& jsonBody,
@@ -46,11 +46,11 @@ int RoutedCfg::covertUrlandBody(std::string& jsonUrl, std::string& jsonBody,
   const std::string& url = request.exchange->getUrl();
   const unsigned int method = request.exchange->getMethod();
   const Route* route = find(routes_, url);
-  if (route == nullptr) return DECLINED;
+  if (route == nullptr) return kDeclined;
   DeviceRequest out{jsonUrl, jsonBody};
   const int result = route->request(out, {url, method, bodyOf(request), devIndex});
   // Judged last: one of the converters asks the device before its method is refused.
-  return route->methods.has(method) ? result : DECLINED;
+  return route->methods.has(method) ? result : kDeclined;
 }
 
 int RoutedCfg::covertRspBody(std::string& body, const Json::Value& reply, const std::string& url,
@@ -61,7 +61,7 @@ int RoutedCfg::covertRspBody(std::string& body, const Json::Value& reply, const 
 int RoutedCfg::convertReply(std::string& body, const DeviceReply& reply) const {
   const Route* route = find(routes_, reply.url);
   if (route == nullptr || !route->methods.has(static_cast<unsigned int>(reply.method))) {
-    return DECLINED;
+    return kDeclined;
   }
   return route->reply(body, reply);
 }

@@ -16,7 +16,7 @@
 namespace QNKAVROProtocol {
 
 // What a converter returns for a body that is not what its resource takes.
-inline constexpr int BODY_REFUSED = 1;
+inline constexpr int kBodyRefused = 1;
 
 struct ClientRequest {
   const std::string& url;

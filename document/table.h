@@ -169,12 +169,12 @@ constexpr bool distinct(const Row* rows, std::size_t count) {
   return true;
 }
 
-void two_rows_write_one_element_or_read_one_member();  // not constexpr: a table that calls it fails
+void twoRowsWriteOneElementOrReadOneMember();  // not constexpr: a table that calls it fails
 
 template <std::size_t N>
 consteval Rows::Rows(const Row (&rows)[N]) : first_(rows), count_(N) {
   static_assert(N <= kMost);
-  if (!distinct(rows, N)) two_rows_write_one_element_or_read_one_member();
+  if (!distinct(rows, N)) twoRowsWriteOneElementOrReadOneMember();
 }
 
 constexpr Row row(const char* name, Kind kind, WriteRule write, ReadRule read, Rows rows = {}) {

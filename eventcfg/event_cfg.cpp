@@ -146,7 +146,7 @@ int CEventCfg::covertIOOutputTriggerUrlandBody(DeviceRequest& out, const ClientR
   if (const char* fault = readTrigger(body, in.body)) {
     QN_LOG(WLOG_ERROR, "%s", fault);
     out.url.clear();
-    return BODY_REFUSED;
+    return kBodyRefused;
   }
   out.url = deviceJsonUrl(devicePath(in.url, kTrigger), in.devIndex);
   out.body = std::move(body);

@@ -15,7 +15,7 @@ class CEventCfg final : public RoutedCfg {
   static int covertSmartCapUrlandBody(DeviceRequest& out, const ClientRequest& in);
   static int covertSystemIOUrlandBody(DeviceRequest& out, const ClientRequest& in);
   static int covertSysemCapUrlandBody(DeviceRequest& out, const ClientRequest& in);
-  // BODY_REFUSED, with the URL emptied, for a body without a level that outputs have.
+  // kBodyRefused, with the URL emptied, for a body without a level that outputs have.
   static int covertIOOutputTriggerUrlandBody(DeviceRequest& out, const ClientRequest& in);
 
   static int covertSmartCapRspBody(std::string& body, const DeviceReply& reply);

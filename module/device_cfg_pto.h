@@ -12,11 +12,11 @@ namespace QNKAVROProtocol {
 
 class CDeviceCfgPto {
  public:
-  // CProtocolBase::proc of the first handler that claims the request; DECLINED when none does.
+  // CProtocolBase::proc of the first handler that claims the request; kDeclined when none does.
   int proc(int& bodyIsXml, std::string& body, int& asyncReply,
            const QNHttpService::stHttpRes& request);
 
-  // CDevCfgBase::covertRspBody of the first handler that accepts URL and method; DECLINED when
+  // CDevCfgBase::covertRspBody of the first handler that accepts URL and method; kDeclined when
   // none does.
   int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url, int method,
                     const QNHttpService::CHttpExchange& exchange);

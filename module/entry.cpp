@@ -32,9 +32,9 @@ int QN_Protocol_HTTPProcess(int& bodyIsXml, std::string& body, int& asyncReply,
                             const stHttpRes& request) {
   bodyIsXml = 1;
   int status = CDeviceCfgPto().proc(bodyIsXml, body, asyncReply, request);
-  if (status == DECLINED) {
+  if (status == kDeclined) {
     status = CSingleton<CEventPto>::Instance()->proc(bodyIsXml, body, asyncReply, request);
   }
-  if (status == DECLINED) status = CDeviceKAVROPto().proc(bodyIsXml, body, asyncReply, request);
-  return status == DECLINED ? answerNotFound(bodyIsXml, body) : status;
+  if (status == kDeclined) status = CDeviceKAVROPto().proc(bodyIsXml, body, asyncReply, request);
+  return status == kDeclined ? answerNotFound(bodyIsXml, body) : status;
 }

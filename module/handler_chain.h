@@ -8,12 +8,12 @@ namespace QNKAVROProtocol {
 template <typename... Handlers>
 class HandlerChain {
  public:
-  // The first answer other than DECLINED, else DECLINED. Each handler is made just before it is
+  // The first answer other than kDeclined, else kDeclined. Each handler is made just before it is
   // asked and destroyed before the next one.
   template <typename Question>
   static int ask(Question question) {
-    int answer = DECLINED;
-    static_cast<void>((((answer = askOne<Handlers>(question)) != DECLINED) || ...));
+    int answer = kDeclined;
+    static_cast<void>((((answer = askOne<Handlers>(question)) != kDeclined) || ...));
     return answer;
   }
 

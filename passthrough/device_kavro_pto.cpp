@@ -80,7 +80,7 @@ int CDeviceKAVROPto::procProtocol(int&, std::string& response, int& answered,
       QN_DeviceCfgBus_ProcessAsyn(static_cast<unsigned char>(exchange.getMethod()), target, body,
                                   deviceKAVROCallBack, record.get(), timeoutMs);
   if (result != DEVCFGBUS_OK) return answerError(response, getPtoErrorCode(result), url);
-  record.release();  // the callback's now
+  static_cast<void>(record.release());  // the callback's now
   answered = 1;
   return 200;
 }

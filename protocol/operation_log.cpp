@@ -49,6 +49,7 @@ void CProtocolBase::saveOperationLog(const std::string& user, const std::string&
   insertRecord(std::move(info));
 }
 
+// The slot's signature. NOLINTNEXTLINE(performance-unnecessary-value-param)
 void CProtocolBase::savelockLog(const std::string& user, std::shared_ptr<CHttpExchange> exchange,
                                 int locked, int unlocked) {
   if (locked == 0 && unlocked == 0) return;

@@ -81,10 +81,10 @@ int CProtocolBase::answerError(std::string& body, unsigned int errorCode, const 
 
 int CProtocolBase::proc(int& bodyIsXml, std::string& body, int& asyncReply,
                         const stHttpRes& request) {
-  if (!request.exchange) return DECLINED;
+  if (!request.exchange) return kDeclined;
   CHttpExchange& exchange = *request.exchange;
   const std::string& url = exchange.getUrl();
-  if (checkUrlAndMethod(url, exchange.getMethod()) == DECLINED) return DECLINED;
+  if (checkUrlAndMethod(url, exchange.getMethod()) == kDeclined) return kDeclined;
   if (!isActivated()) return answerError(body, ERROR_NOT_ACTIVATED, url);
 
   const std::string clientIp = getClientIP(request.exchange);

@@ -17,18 +17,18 @@ using QNHttpService::CHttpExchange;
 using QNHttpService::stHttpRes;
 
 // What checkUrlAndMethod, proc and the converters return for "not mine".
-inline constexpr int DECLINED = -1;
+inline constexpr int kDeclined = -1;
 
 // Without state, so every operation may be called on any thread. Handlers are made for one request
 // and never deleted through this base. The order of the virtual operations is part of the
 // interface.
 class CProtocolBase : public QNBase::CRESTfulProtocol {
  public:
-  // Serves a request as QN_Protocol_HTTPProcess describes it; DECLINED, with nothing else done, for
-  // a URL and method that this handler does not serve.
+  // Serves a request as QN_Protocol_HTTPProcess describes it; kDeclined, with nothing else done,
+  // for a URL and method that this handler does not serve.
   virtual int proc(int& bodyIsXml, std::string& body, int& asyncReply, const stHttpRes& request);
 
-  // DECLINED, or 0 to claim the request.
+  // kDeclined, or 0 to claim the request.
   virtual int checkUrlAndMethod(const std::string& url, unsigned int method) = 0;
 
   // Serves an authenticated request; devIndex is the user's sub-device. Returns the HTTP status, -1

@@ -83,7 +83,7 @@ std::string sameUrl(std::string_view pattern, const ClientRequest& in) {
 int readBody(DeviceRequest& out, const Row& root, std::string_view body) {
   if (readDocument(out.body, root, body) == BodyResult::Done) return 0;
   out.url.clear();
-  return BODY_REFUSED;
+  return kBodyRefused;
 }
 
 }  // namespace

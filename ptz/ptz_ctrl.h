@@ -10,7 +10,7 @@ class CPTZCtrl final : public RoutedCfg {
  public:
   CPTZCtrl();
 
-  // The two with a body return BODY_REFUSED for an unusable one, with the URL emptied.
+  // The two with a body return kBodyRefused for an unusable one, with the URL emptied.
   static int covertPTZCtrlUrlandBody(DeviceRequest& out, const ClientRequest& in);
   static int covertPTZContinuousUrlandBody(DeviceRequest& out, const ClientRequest& in);
   static int covertPTZPresetsGotoUrlandBody(DeviceRequest& out, const ClientRequest& in);

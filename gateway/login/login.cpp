@@ -110,6 +110,7 @@ struct Login::Attempt {
 DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
                           const tagDIGEST_REQUEST& request, int mode) {
   clear(result);
+  // Kept while the check lasts. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const std::shared_ptr<const Configuration> held = configuration();
   const Configuration& config = *held;
   Attempt attempt;

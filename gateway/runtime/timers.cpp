@@ -48,7 +48,7 @@ class Timer {
       stopped_ = true;
     }
     wakeUp_.notifyAll();
-    if (timerOfThisThread == this) {
+    if (timerOfThisThread_ == this) {
       pthread_detach(pthread_self());
     } else {
       pthread_join(thread_, nullptr);
@@ -57,7 +57,7 @@ class Timer {
 
  private:
   void run() {
-    timerOfThisThread = this;
+    timerOfThisThread_ = this;
     auto due = Clock::now() + options_.period;
     MutexLock lock(mutex_);
     while (!stopped_) {
@@ -75,7 +75,7 @@ class Timer {
     return due + options_.period * (late / options_.period + 1);
   }
 
-  static thread_local const Timer* timerOfThisThread;
+  static thread_local const Timer* timerOfThisThread_;
 
   const int id_;
   const TimerOptions options_;
@@ -85,7 +85,7 @@ class Timer {
   bool stopped_ QN_GUARDED_BY(mutex_) = false;
 };
 
-thread_local const Timer* Timer::timerOfThisThread = nullptr;
+thread_local const Timer* Timer::timerOfThisThread_ = nullptr;
 
 // The running timers by id. Never destroyed: routines may stop timers while the process ends.
 class Timers {

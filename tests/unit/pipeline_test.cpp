@@ -155,7 +155,7 @@ TEST_F(Pipeline, EveryFailedAllocationLeavesNothingInFlight) {
 
 TEST_F(Pipeline, BaseServesNothing) {
   Probe handler;
-  EXPECT_EQ(handler.checkUrlAndMethod(kUrl, 0), DECLINED);
+  EXPECT_EQ(handler.checkUrlAndMethod(kUrl, 0), kDeclined);
 }
 
 }  // namespace
