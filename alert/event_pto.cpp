@@ -105,7 +105,12 @@ bool CEventPto::subscribeFirst(int& asyncReply, const stHttpRes& request,
 CEventPto::Admission CEventPto::admit(const std::string& devIndex) {
   std::vector<Session> open;
   getSessionByDev(open, devIndex);
-  if (open.size() >= kMaxStreamsPerDevice) return Admission::TooMany;
+  // A client that has gone holds no place, although only the next push to it removes its session.
+  const auto isOpen = [](const Session& session) {
+    return !CHttpExchange(session->getHandle()).getUrl().empty();
+  };
+  const auto streams = static_cast<std::size_t>(std::ranges::count_if(open, isOpen));
+  if (streams >= kMaxStreamsPerDevice) return Admission::TooMany;
   if (!open.empty()) return Admission::Admitted;
   std::string reply;
   if (QN_AlarmBus_AddDevice(reply, subscribeId_, devIndex, getSubscribeDeviceReq(devIndex)) != 0) {

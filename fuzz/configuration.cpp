@@ -9,7 +9,8 @@ namespace {
 
 void CheckPromises(const qn::Configuration& read) {
   for (const qn::UserConfig& user : read.users) {
-    Require(user.ha1.size() == qn::hexLength(read.kavro.algorithm));
+    Require(!user.ha1For(qn::DigestAlgorithm::MD5).empty() ||
+            !user.ha1For(qn::DigestAlgorithm::SHA256).empty());
     Require(read.findUser(user.name) == &user);
   }
   for (const qn::DeviceConfig& device : read.devices) {

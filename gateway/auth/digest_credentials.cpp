@@ -2,6 +2,8 @@
 
 #include "gateway/auth/auth_reader.h"
 #include "text/ascii.h"
+#include "text/hex.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
@@ -12,11 +14,17 @@ struct Parameter {
 };
 
 constexpr Parameter kParameters[] = {
-    {"username", &DigestCredentials::username}, {"realm", &DigestCredentials::realm},
-    {"nonce", &DigestCredentials::nonce},       {"uri", &DigestCredentials::uri},
-    {"response", &DigestCredentials::response}, {"algorithm", &DigestCredentials::algorithm},
-    {"qop", &DigestCredentials::qop},           {"nc", &DigestCredentials::nc},
-    {"cnonce", &DigestCredentials::cnonce},     {"userhash", &DigestCredentials::userhash},
+    {"username", &DigestCredentials::username},
+    {"realm", &DigestCredentials::realm},
+    {"nonce", &DigestCredentials::nonce},
+    {"uri", &DigestCredentials::uri},
+    {"response", &DigestCredentials::response},
+    {"algorithm", &DigestCredentials::algorithm},
+    {"qop", &DigestCredentials::qop},
+    {"nc", &DigestCredentials::nc},
+    {"cnonce", &DigestCredentials::cnonce},
+    {"userhash", &DigestCredentials::userhash},
+    {"username*", &DigestCredentials::usernameExtended},
 };
 
 // False when the parameter was there before.
@@ -38,7 +46,35 @@ std::string_view withoutAuthority(std::string_view uri) {
   return path == uri.npos ? "/" : uri.substr(path);
 }
 
+bool decodePercent(std::string_view text, std::string& decoded) {
+  decoded.clear();
+  while (!text.empty()) {
+    const bool escaped = text[0] == '%';
+    if (escaped && (text.size() < 3 || !text::isHexDigit(text[1]))) return false;
+    const auto byte =
+        escaped ? text::wholeNumber<uint8_t>(text.substr(1, 2), 16) : uint8_t(text[0]);
+    if (!byte) return false;
+    decoded += char(*byte);
+    text.remove_prefix(escaped ? 3 : 1);
+  }
+  return true;
+}
+
 }  // namespace
+
+bool usernameOf(const DigestCredentials& credentials, std::string& name) {
+  const std::string_view extended = credentials.usernameExtended;
+  if (bool(credentials.username.data()) == bool(extended.data())) return false;
+  if (credentials.username.data()) {
+    name = unescapeQuoted(credentials.username);
+    return true;
+  }
+  constexpr std::string_view kCharset = "UTF-8'";
+  const std::size_t language = extended.find('\'', kCharset.size());
+  return text::startsWithNoCase(extended, kCharset) && language != extended.npos &&
+         !text::equalNoCase(credentials.userhash, "true") &&
+         decodePercent(extended.substr(language + 1), name) && !name.empty();
+}
 
 bool parseDigestCredentials(std::string_view authorization, DigestCredentials& credentials) {
   using Item = AuthReader::Item;

@@ -2,6 +2,7 @@
 // login and by the HTTP service.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace qn {
@@ -9,6 +10,7 @@ namespace qn {
 // The parameters as they stand in the value, escapes included; one that is missing has null data.
 struct DigestCredentials {
   std::string_view username;
+  std::string_view usernameExtended;  // "username*"
   std::string_view realm;
   std::string_view nonce;
   std::string_view uri;
@@ -23,6 +25,11 @@ struct DigestCredentials {
 // False for another scheme, a malformed value, and a parameter that appears twice. Parameters of
 // other names are passed over. The views point into `authorization`.
 bool parseDigestCredentials(std::string_view authorization, DigestCredentials& credentials);
+
+// The user name, decoded, from whichever of the two parameters there is; false when there are none
+// or both, or the extended one is not encoded as UTF-8 or is to be a hash. With "userhash" the name
+// is the hash.
+bool usernameOf(const DigestCredentials& credentials, std::string& name);
 
 // Whether these are Digest credentials for this request target (path and query); an absolute
 // digest uri is compared from its path on.

@@ -15,12 +15,24 @@ auto lookUp(const Items& items, const Index& index, const Key& key) -> const
 }  // namespace
 
 bool DeviceConfig::sameServer(const DeviceConfig& other) const {
-  return std::tie(host, port, basePath, username, password) ==
-         std::tie(other.host, other.port, other.basePath, other.username, other.password);
+  return std::tie(host, port, basePath, username, password, auth) ==
+         std::tie(other.host, other.port, other.basePath, other.username, other.password,
+                  other.auth);
+}
+
+std::string_view UserConfig::ha1For(DigestAlgorithm algorithm) const {
+  for (const std::string* each : {&ha1, &strongHa1}) {
+    if (each->size() == hexLength(algorithm)) return *each;
+  }
+  return {};
 }
 
 const UserConfig* Configuration::findUser(std::string_view name) const {
   return lookUp(users, usersByName_, name);
+}
+
+const UserConfig* Configuration::findHashedUser(std::string_view hash) const {
+  return lookUp(users, usersByHash_, hash);
 }
 
 const DeviceConfig* Configuration::findDevice(std::string_view index) const {
@@ -31,11 +43,27 @@ const DeviceConfig* Configuration::findDeviceByPort(uint16_t httpPort) const {
   return lookUp(devices, devicesByPort_, httpPort);
 }
 
+bool Configuration::offers(DigestAlgorithm algorithm) const {
+  return algorithm == kavro.algorithm || offersBoth_;
+}
+
 void Configuration::buildIndexes() {
   usersByName_.clear();
+  usersByHash_.clear();
+  offersBoth_ = false;
   devicesByIndex_.clear();
   devicesByPort_.clear();
-  for (std::size_t i = 0; i < users.size(); ++i) usersByName_.emplace(users[i].name, i);
+  const auto other =
+      kavro.algorithm == DigestAlgorithm::MD5 ? DigestAlgorithm::SHA256 : DigestAlgorithm::MD5;
+  for (std::size_t i = 0; i < users.size(); ++i) {
+    const UserConfig& user = users[i];
+    usersByName_.emplace(user.name, i);
+    // A strong one that only stands beside another is no reason to offer it.
+    offersBoth_ = offersBoth_ || user.ha1.size() == hexLength(other);
+    for (const auto algorithm : {DigestAlgorithm::MD5, DigestAlgorithm::SHA256}) {
+      usersByHash_.emplace(hexDigest(algorithm, {user.name, kavro.realm}).text(), i);
+    }
+  }
   for (std::size_t i = 0; i < devices.size(); ++i) {
     devicesByIndex_.emplace(devices[i].index, i);
     if (devices[i].httpPort != 0) devicesByPort_.emplace(devices[i].httpPort, i);

@@ -19,7 +19,8 @@ namespace qn {
 struct HttpOptions {
   std::string address = "127.0.0.1";
   uint16_t port = 8080;
-  std::vector<std::string> trustedProxies;  // addresses whose X-Forwarded-For is believed
+  std::vector<std::string>
+      trustedProxies;  // addresses and networks; their X-Forwarded-For is believed
   std::size_t headBytes = 16 * 1024;
   std::chrono::seconds headTime{10};  // for the whole head
   std::size_t bodyBytes = 10 * 1024 * 1024;
@@ -46,7 +47,10 @@ struct NetworkOptions {
 struct KavroOptions {
   int mode = 1;  // a KAVROMode
   std::string realm = "KAVRO";
-  DigestAlgorithm algorithm = DigestAlgorithm::MD5;
+  DigestAlgorithm algorithm = DigestAlgorithm::MD5;  // offered first
+  std::string nonceKeyFile;
+  // From that file: of all gateways that know each other's nonces. Empty: the process's own.
+  std::string nonceKey;
 };
 
 struct LockOptions {
@@ -86,10 +90,18 @@ inline constexpr std::string_view kAdministrator = "admin";
 
 struct UserConfig {
   std::string name;
-  std::string ha1;                   // hex digest of name:realm:password
+  std::string ha1;                   // hex digest of name:realm:password, of either algorithm
   std::string device;                // the user's own
   std::vector<std::string> devices;  // others that the user may use through their ports (mode 2)
+  std::string strongHa1 = {};        // SHA-256, where ha1 is MD5 and the password is known
+
+  // Empty when the user may not log in with it.
+  std::string_view ha1For(DigestAlgorithm algorithm) const;
 };
+
+// How the gateway may log in at a device. Basic shows the password to everybody on the way, so it
+// is used only where it is written.
+enum class DeviceAuth { Digest, Basic, Any };
 
 struct DeviceConfig {
   std::string index;
@@ -98,6 +110,7 @@ struct DeviceConfig {
   std::string basePath;  // of the URL, without a trailing slash
   std::string username;
   std::string password;
+  DeviceAuth auth = DeviceAuth::Digest;
   uint16_t httpPort = 0;  // the device's own KAVRO port in mode 2; 0: none
   uint16_t rtspPort = 0;
 
@@ -119,8 +132,13 @@ struct Configuration {
 
   // Null when there is none.
   const UserConfig* findUser(std::string_view name) const;
+  // By the hexadecimal digest of name:realm.
+  const UserConfig* findHashedUser(std::string_view hash) const;
   const DeviceConfig* findDevice(std::string_view index) const;
   const DeviceConfig* findDeviceByPort(uint16_t httpPort) const;  // never for 0
+
+  // Whether any user may log in with it, or it is the gateway's own.
+  bool offers(DigestAlgorithm algorithm) const;
 
   // What the look-ups use; call it after changing users or devices. Of two with one name the first
   // counts.
@@ -133,8 +151,10 @@ struct Configuration {
   using TextIndex = std::unordered_map<std::string, std::size_t, TextHash, std::equal_to<>>;
 
   TextIndex usersByName_;
+  TextIndex usersByHash_;
   TextIndex devicesByIndex_;
   std::unordered_map<uint16_t, std::size_t> devicesByPort_;
+  bool offersBoth_ = false;
 };
 
 // The configuration in force; an empty one before the first publish. Any thread, without a lock

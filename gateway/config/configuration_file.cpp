@@ -17,11 +17,13 @@ constexpr Range kPort{1, 65535};
 constexpr Range kPortOrNone{0, 65535};
 constexpr Range kSeconds{1, 3600};
 constexpr Range kCount{1, 1000000};
+constexpr std::size_t kNonceKeyMin = 32;
+constexpr std::size_t kNonceKeyMax = 4096;
 
 constexpr Key<HttpOptions> kHttpKeys[] = {
     {"address", &HttpOptions::address, {}, &kAddressRule},
     {"port", &HttpOptions::port, kPort},
-    {"trusted_proxies", &HttpOptions::trustedProxies, {}, &kAddressRule},
+    {"trusted_proxies", &HttpOptions::trustedProxies, {}, &kNetworkRule},
     {"head_bytes", &HttpOptions::headBytes, {1024, kMiB}},
     {"head_seconds", &HttpOptions::headTime, kSeconds},
     {"body_bytes", &HttpOptions::bodyBytes, {1024, 1024 * kMiB}},
@@ -47,6 +49,7 @@ constexpr Key<KavroOptions> kKavroKeys[] = {
     {"mode", &KavroOptions::mode, {1, 2}},
     {"realm", &KavroOptions::realm, {}, &kRealmRule},
     {"algorithm", &KavroOptions::algorithm, {}, &kAlgorithmRule},
+    {"nonce_key_file", &KavroOptions::nonceKeyFile, {}, &kPathRule},
 };
 
 constexpr Key<LockOptions> kLockKeys[] = {
@@ -78,12 +81,14 @@ constexpr Key<LogOptions> kLogKeys[] = {
 // With the keys that are not kept as they stand.
 struct UserEntry : UserConfig {
   std::string password;
+  DigestAlgorithm algorithm;  // the weakest that the user may log in with
 };
 
 constexpr Key<UserEntry> kUserKeys[] = {
     {"name", &UserEntry::name, {}, &kUserNameRule, true},
     {"password", &UserEntry::password, {}, &kPasswordRule},
     {"ha1", &UserEntry::ha1, {}, &kHa1Rule},
+    {"algorithm", &UserEntry::algorithm, {}, &kAlgorithmRule},
     {"device", &UserEntry::device, {}, &kDeviceIndexRule, true},
     {"devices", &UserEntry::devices, {}, &kDeviceIndexRule},
 };
@@ -97,6 +102,7 @@ constexpr Key<DeviceEntry> kDeviceKeys[] = {
     {"url", &DeviceEntry::url, {}, &kDeviceUrlRule, true},
     {"username", &DeviceEntry::username, {}, &kDeviceUserRule},
     {"password", &DeviceEntry::password, {}, &kDevicePasswordRule},
+    {"auth", &DeviceEntry::auth, {}, &kDeviceAuthRule},
     {"http_port", &DeviceEntry::httpPort, kPortOrNone},
     {"rtsp_port", &DeviceEntry::rtspPort, kPortOrNone},
 };
@@ -117,12 +123,25 @@ class Distinct {
   std::map<T, std::pair<std::string, toml::source_index>> taken_;
 };
 
+// At most one byte more than a configuration may have.
+std::string contentOf(const std::filesystem::path& file, const Place& place) {
+  const auto reason = [] { return "cannot be read: " + std::generic_category().message(errno); };
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) place.fail(reason());
+  std::string content(kConfigurationFileBytes + 1, '\0');
+  stream.read(content.data(), std::streamsize(content.size()));
+  if (stream.bad()) place.fail(reason());
+  content.resize(std::size_t(stream.gcount()));
+  return content;
+}
+
 class FileReader {
  public:
   FileReader(const std::string& file, const toml::table& root) : file_(file), root_(root) {}
 
   Configuration read() {
     for (const auto& [name, node] : root_) readTopLevel(name, node);
+    readNonceKey();
     // After the sections, because HA1s depend on the realm.
     claimPort("http", "port", result_.http.port);
     claimPort("network", "picture_port", result_.network.picturePort);
@@ -190,6 +209,24 @@ class FileReader {
                            : Place{file_, 0, at.key + '.' + key});
   }
 
+  void readNonceKey() {
+    const std::string& file = result_.kavro.nonceKeyFile;
+    if (file.empty()) return;
+    const Place place =
+        placeOfKey(*root_.get("kavro")->as_table(), {file_, 0, "kavro"}, "nonce_key_file");
+    std::error_code error;
+    const auto facts = std::filesystem::status(file, error);
+    const auto others = std::filesystem::perms::group_all | std::filesystem::perms::others_all;
+    const bool own = !error && is_regular_file(facts) &&
+                     (facts.permissions() & others) == std::filesystem::perms::none;
+    const std::string key = own ? contentOf(file, place) : std::string();
+    if (key.size() < kNonceKeyMin || key.size() > kNonceKeyMax) {
+      place.fail("expected a file of " + std::to_string(kNonceKeyMin) + " to " +
+                 std::to_string(kNonceKeyMax) + " bytes that nobody but its owner may read");
+    }
+    result_.kavro.nonceKey = hexDigest(DigestAlgorithm::SHA256, {key}).text();
+  }
+
   void addDevice(const toml::table& table, const Place& at) {
     DeviceEntry entry;
     readTable(table, kDeviceKeys, at, entry);
@@ -204,14 +241,19 @@ class FileReader {
 
   void addUser(const toml::table& table, const Place& at) {
     UserEntry entry;
+    entry.algorithm = result_.kavro.algorithm;
     readTable(table, kUserKeys, at, entry);
     names_.add(entry.name, placeOfKey(table, at, "name"));
     if (entry.password.empty() == entry.ha1.empty()) {
       placeOfKey(table, at, "password").fail("expected either password or ha1");
     }
-    const DigestAlgorithm algorithm = result_.kavro.algorithm;
+    const DigestAlgorithm algorithm = entry.algorithm;
+    const auto ha1 = [&](DigestAlgorithm each) {
+      return std::string(hexDigest(each, {entry.name, result_.kavro.realm, entry.password}).text());
+    };
     if (entry.ha1.empty()) {
-      entry.ha1 = hexDigest(algorithm, {entry.name, result_.kavro.realm, entry.password}).text();
+      entry.ha1 = ha1(algorithm);
+      if (algorithm == DigestAlgorithm::MD5) entry.strongHa1 = ha1(DigestAlgorithm::SHA256);
     }
     if (entry.ha1.size() != hexLength(algorithm)) {
       placeOfKey(table, at, "ha1")
@@ -279,25 +321,15 @@ void checkLines(std::string_view content, const std::string& file) {
   }
 }
 
-std::string contentOf(const std::filesystem::path& file) {
-  const Place place{file.native(), 0, ""};
-  std::ifstream stream(file, std::ios::binary);
-  const auto reason = [] { return "cannot be read: " + std::generic_category().message(errno); };
-  if (!stream) place.fail(reason());
-  std::string content(kConfigurationFileBytes + 1, '\0');
-  stream.read(content.data(), std::streamsize(content.size()));
-  if (stream.bad()) place.fail(reason());
-  content.resize(std::size_t(stream.gcount()));
-  if (content.size() > kConfigurationFileBytes) {
-    place.fail("expected at most " + std::to_string(kConfigurationFileBytes) + " bytes");
-  }
-  return content;
-}
-
 }  // namespace
 
 Configuration readConfiguration(const std::filesystem::path& file) {
-  return parseConfiguration(contentOf(file), file.string());
+  const Place place{file.native(), 0, ""};
+  const std::string content = contentOf(file, place);
+  if (content.size() > kConfigurationFileBytes) {
+    place.fail("expected at most " + std::to_string(kConfigurationFileBytes) + " bytes");
+  }
+  return parseConfiguration(content, file.string());
 }
 
 Configuration parseConfiguration(std::string_view content, const std::string& name) {

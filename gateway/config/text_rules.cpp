@@ -7,6 +7,7 @@
 #include <string>
 
 #include "text/hex.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
@@ -41,6 +42,15 @@ bool isAddress(std::string_view text) {
          (inet_pton(AF_INET, std::string(text).c_str(), &address) == 1 || isIPv6(text));
 }
 
+// An address, or one followed by a slash and the number of its bits that count.
+bool isNetwork(std::string_view text) {
+  const std::size_t slash = text.find('/');
+  if (slash == text.npos) return isAddress(text);
+  const std::string_view address = text.substr(0, slash);
+  const auto bits = text::wholeNumber<unsigned>(text.substr(slash + 1));
+  return isAddress(address) && bits && *bits <= (isIPv6(address) ? 128u : 32u);
+}
+
 bool isLevel(std::string_view text) {
   return text == "debug" || text == "info" || text == "warn" || text == "error";
 }
@@ -64,13 +74,17 @@ bool isPassword(std::string_view text) { return !text.empty() && isPlain(text, k
 bool isHa1(std::string_view text) { return !text.empty() && text::isHex(text); }
 
 bool isDeviceIndex(std::string_view text) {
-  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%?/") &&
+  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%+?/") &&
          std::all_of(text.begin(), text.end(), isVisible);
 }
 
 bool isDeviceUrl(std::string_view text) {
   DeviceConfig device;
   return parseDeviceUrl(text, device);
+}
+
+bool isDeviceAuth(std::string_view text) {
+  return text == "digest" || text == "basic" || text == "any";
 }
 
 bool isDeviceUser(std::string_view text) { return isPlain(text, kNameBytes) && hasNone(text, ":"); }
@@ -109,19 +123,21 @@ bool readPort(std::string_view text, uint16_t& port) {
 }  // namespace
 
 const TextRule kAddressRule{isAddress, "an IP address"};
+const TextRule kNetworkRule{isNetwork, "an IP address or a network ADDRESS/BITS"};
 const TextRule kLevelRule{isLevel, "\"debug\", \"info\", \"warn\" or \"error\""};
 const TextRule kAlgorithmRule{isAlgorithm, "\"MD5\" or \"SHA-256\""};
 const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};
 const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
-const TextRule kDeviceIndexRule{isDeviceIndex,
-                                "1 to 63 printable ASCII characters without blanks and & # % ? /"};
+const TextRule kDeviceIndexRule{
+    isDeviceIndex, "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
 const TextRule kDeviceUrlRule{isDeviceUrl, "http://HOST[:PORT][/PATH], an IPv6 HOST in brackets"};
 const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};
 const TextRule kDevicePasswordRule{isDevicePassword,
                                    "at most 256 bytes without control characters"};
+const TextRule kDeviceAuthRule{isDeviceAuth, "\"digest\", \"basic\" or \"any\""};
 const TextRule kPathRule{isPath, "a path"};
 const TextRule kWhenFullRule{isWhenFull, "\"refuse\" or \"drop_oldest\""};
 

@@ -13,6 +13,7 @@ struct TextRule {
 };
 
 extern const TextRule kAddressRule;
+extern const TextRule kNetworkRule;
 extern const TextRule kLevelRule;
 extern const TextRule kAlgorithmRule;
 extern const TextRule kRealmRule;
@@ -23,6 +24,7 @@ extern const TextRule kDeviceIndexRule;
 extern const TextRule kDeviceUrlRule;
 extern const TextRule kDeviceUserRule;
 extern const TextRule kDevicePasswordRule;
+extern const TextRule kDeviceAuthRule;
 extern const TextRule kPathRule;
 extern const TextRule kWhenFullRule;
 

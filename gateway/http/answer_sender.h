@@ -8,7 +8,6 @@
 
 #include "gateway/http/client_stream.h"
 #include "gateway/http/memory_budget.h"
-#include "gateway/http/service_core.h"
 
 namespace qn {
 
@@ -16,17 +15,17 @@ template <class Stream>
 class AnswerSender {
  public:
   // `onSent` is called when a message has gone out.
-  AnswerSender(ClientStream<Stream>& client, ServiceCore& core, std::function<void()> onSent)
-      : client_(client),
-        onSent_(std::move(onSent)),
-        unsent_(client, core.bounds.stalled),
-        share_(core.unsentAnswers) {}
+  AnswerSender(ClientStream<Stream>& client, const HttpBounds& bounds, std::function<void()> onSent)
+      : client_(client), onSent_(std::move(onSent)), unsent_(client, bounds) {}
 
   // Mostly all goes out in one write, so the bytes are copied only when they do not.
-  void send(std::string_view message) {
+  // shareOf() tells what the rest is held of.
+  template <class ShareOf>
+  void send(std::string_view message, ShareOf shareOf) {
     const auto count = unsent_.begin(message);
     if (!count) return;
     if (*count == message.size()) return onSent_();
+    share_ = shareOf();
     if (!share_.set(message.size() - *count)) return client_.end();
     unsent_.finish(std::string(message.substr(*count)), 0, [this] {
       share_.set(0);

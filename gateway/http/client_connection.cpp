@@ -22,22 +22,15 @@ std::string& scratch() {
 
 template <class Stream>
 ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, std::size_t reactor,
-                                           Stream stream, const boost::asio::ip::address& peer,
-                                           Access access)
-    : Base(std::move(stream), peer.to_string()),
+                                           Stream stream, Arrival arrival)
+    : Base(std::move(stream), arrival.peer.to_string()),
       core_(std::move(core)),
       reactor_(reactor),
-      peer_(peer),
-      access_(access),
-      trusted_(core_->trusts(peer)),
+      arrival_(std::move(arrival)),
+      trusted_(core_->trusted.contains(arrival_.peer)),
       requests_(*this, *core_, *this),
-      answers_(*this, *core_, [this] { onSent(); }),
+      answers_(*this, core_->bounds, [this] { onSent(); }),
       parts_(*this, *core_) {}
-
-template <class Stream>
-ClientConnection<Stream>::~ClientConnection() {
-  (access_ == Access::Nothing ? core_->refusals : core_->admission).leave(peer_);
-}
 
 template <class Stream>
 bool ClientConnection<Stream>::onOwnThread() const {
@@ -59,7 +52,7 @@ void ClientConnection<Stream>::start() {
     socket.non_blocking(true, ec);
     if (!ec) socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
     if (ec) return close();  // the peer has gone already
-    if (access_ == Access::Nothing) return onRefused(OwnAnswer::Overloaded);
+    if (arrival_.access == Access::Nothing) return onRefused(OwnAnswer::Overloaded);
     requests_.resume();
   });
 }
@@ -77,6 +70,7 @@ void ClientConnection<Stream>::onEnd() {
   parts_.end();
   if (awaited_) std::exchange(awaited_, nullptr)->detach();
   core_->open[reactor_].erase(this);
+  arrival_.place.giveBack();
 }
 
 template <class Stream>
@@ -91,8 +85,9 @@ void ClientConnection<Stream>::onDeadline() {
 
 template <class Stream>
 ExchangePtr ClientConnection<Stream>::onHead(const RequestHead& head) {
-  return ExchangeState::create(
-      head, trusted_ ? core_->clientAddress(peer_, head.fields) : this->peer(), self());
+  const std::string address =
+      trusted_ ? core_->trusted.client(arrival_.peer, head.fields).to_string() : this->peer();
+  return ExchangeState::create(head, {address, arrival_.port, self()});
 }
 
 template <class Stream>
@@ -102,7 +97,7 @@ void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::strin
   counted_ = core_->enterRequest();
   if (counted_) {
     this->setDeadline(core_->bounds.answer);
-    core_->handOver(exchange, access_, body);
+    core_->handOver(exchange, arrival_.access, body);
   } else {
     exchange->finish(OwnAnswer::Overloaded);
   }
@@ -111,7 +106,7 @@ void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::strin
 template <class Stream>
 void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
   closeAfter_ = true;
-  answers_.send(ownMessage(answer));
+  answers_.send(ownMessage(answer), [this] { return core_->answerShare(arrival_.peer); });
 }
 
 template <class Stream>
@@ -142,7 +137,7 @@ void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::str
   endRequest();
   awaited_.reset();
   closeAfter_ = ending == Ending::Close;
-  answers_.send(message);
+  answers_.send(message, [&] { return core_->answerShare(*exchange); });
 }
 
 template <class Stream>

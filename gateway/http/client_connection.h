@@ -2,9 +2,10 @@
 // answers, or carries a stream. Made by the listener.
 #pragma once
 
-#include <boost/asio/ip/address.hpp>
+#include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "gateway/http/answer_sender.h"
@@ -24,15 +25,15 @@ class ClientConnection final : public ClientStream<Stream>,
                                public OpenConnection,
                                private RequestTaker {
  public:
-  // `peer`, a plain address, was counted in the core's admission (its refusals when it gets
-  // nothing), which the connection leaves when it is destroyed.
   ClientConnection(std::shared_ptr<ServiceCore> core, std::size_t reactor, Stream stream,
-                   const boost::asio::ip::address& peer, Access access);
-  ~ClientConnection() override;
+                   Arrival arrival);
 
   // On the reactor.
   void start();
   void close() override;
+  std::optional<std::chrono::steady_clock::time_point> idleSince() const override {
+    return requests_.idleSince();
+  }
 
   // AnswerLink; any thread.
   void deliver(const ExchangePtr& exchange, std::string_view body) override;
@@ -61,8 +62,7 @@ class ClientConnection final : public ClientStream<Stream>,
 
   const std::shared_ptr<ServiceCore> core_;
   const std::size_t reactor_;
-  const boost::asio::ip::address peer_;
-  const Access access_;
+  Arrival arrival_;
   const bool trusted_;
 
   RequestReceiver<Stream> requests_;

@@ -2,6 +2,7 @@
 // stream, one deadline, handlers that keep the connection alive. Base of ClientConnection.
 #pragma once
 
+#include <algorithm>
 #include <boost/asio/basic_stream_socket.hpp>
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
@@ -18,7 +19,8 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/http/bounds.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 
@@ -58,7 +60,7 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
     try {
       function();
     } catch (const std::exception& e) {
-      wlog_format(WLOG_ERROR, "http", "connection of %s: %s", peer_.c_str(), e.what());
+      logError("http: connection of {}: {}", peer_, e.what());
       end();
     }
   }
@@ -75,6 +77,7 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
     boost::asio::post(stream_.get_executor(), guarded(std::move(function)));
   }
 
+  Clock::time_point deadline() const { return deadline_; }
   // In place of the deadline that was set before.
   void setDeadline(Clock::duration fromNow) {
     deadline_ = Clock::now() + fromNow;
@@ -115,9 +118,8 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
 template <class Stream>
 class UnsentBytes {
  public:
-  // A peer that takes nothing for `stalled` is one whose deadline has come.
-  UnsentBytes(ClientStream<Stream>& client, std::chrono::milliseconds stalled)
-      : client_(client), stalled_(stalled) {}
+  UnsentBytes(ClientStream<Stream>& client, const HttpBounds& bounds)
+      : client_(client), bounds_(bounds) {}
 
   bool empty() const { return bytes_.empty(); }
 
@@ -131,18 +133,23 @@ class UnsentBytes {
     client_.end();
     return std::nullopt;
   }
-  // Writes the bytes from `written` on and then calls onSent(); only when empty().
+  // Writes the bytes from `written` on and then calls onSent(); only when empty(). The deadline of
+  // the connection becomes that of a peer that takes nothing, or too little.
   template <class Handler>
   void finish(std::string bytes, std::size_t written, Handler onSent) {
     bytes_ = std::move(bytes);
     written_ = written;
+    const auto slowest = std::chrono::seconds((bytes_.size() - written_) / bounds_.slowestRate);
+    end_ = Clock::now() + bounds_.stalled + slowest;
     writeOn(onSent);
   }
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   template <class Handler>
   void writeOn(Handler onSent) {
-    client_.setDeadline(stalled_);
+    client_.setDeadline(std::min<Clock::duration>(bounds_.stalled, end_ - Clock::now()));
     client_.stream().async_write_some(
         boost::asio::buffer(bytes_.data() + written_, bytes_.size() - written_),
         client_.guarded([this, onSent](const auto& ec, std::size_t count) {
@@ -155,9 +162,10 @@ class UnsentBytes {
   }
 
   ClientStream<Stream>& client_;
-  const std::chrono::milliseconds stalled_;
+  const HttpBounds& bounds_;
   std::string bytes_;
   std::size_t written_ = 0;
+  Clock::time_point end_;  // by then a peer that takes them fast enough has all
 };
 
 }  // namespace qn

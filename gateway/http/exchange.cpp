@@ -8,7 +8,7 @@
 
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/http/header_lines.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 #include "text/ascii.h"
 
 namespace qn {
@@ -31,13 +31,13 @@ class ExchangeRegistry {
   // False when the handle is still live: the counter came round.
   bool add(const ExchangePtr& exchange) {
     Shard& shard = shardOf(exchange->handle());
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     return shard.live.try_emplace(exchange->handle(), exchange).second;
   }
 
   ExchangePtr find(int handle) {
     Shard& shard = shardOf(handle);
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     const auto found = shard.live.find(handle);
     return found == shard.live.end() ? nullptr : found->second;
   }
@@ -45,7 +45,7 @@ class ExchangeRegistry {
   void erase(int handle) {
     ExchangePtr last;  // destroyed outside the lock
     Shard& shard = shardOf(handle);
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     const auto found = shard.live.find(handle);
     if (found == shard.live.end()) return;
     last = std::move(found->second);
@@ -54,8 +54,8 @@ class ExchangeRegistry {
 
  private:
   struct Shard {
-    std::mutex mutex;
-    std::unordered_map<int, ExchangePtr> live;
+    Mutex mutex;
+    std::unordered_map<int, ExchangePtr> live QN_GUARDED_BY(mutex);
   };
   Shard& shardOf(int handle) { return shards_[static_cast<unsigned>(handle) % shards_.size()]; }
 
@@ -82,12 +82,10 @@ bool hasNoBody(int status) { return status < 200 || status == 204 || status == 3
 
 namespace QNHttpService {
 
-qn::ExchangePtr ExchangeState::create(const qn::RequestHead& head, const std::string& clientAddress,
-                                      const std::weak_ptr<qn::AnswerLink>& link) {
+qn::ExchangePtr ExchangeState::create(const qn::RequestHead& head, const qn::Origin& origin) {
   auto& registry = qn::ExchangeRegistry::instance();
   for (;;) {
-    auto exchange =
-        std::make_shared<ExchangeState>(registry.nextHandle(), head, clientAddress, link);
+    auto exchange = std::make_shared<ExchangeState>(registry.nextHandle(), head, origin);
     if (registry.add(exchange)) return exchange;
   }
 }
@@ -96,21 +94,22 @@ qn::ExchangePtr ExchangeState::find(int handle) {
   return handle > 0 ? qn::ExchangeRegistry::instance().find(handle) : nullptr;
 }
 
-ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
-                             std::weak_ptr<qn::AnswerLink> link)
+ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin origin)
     : handle_(handle),
       method_(head.method),
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
-      clientAddress_(std::move(clientAddress)),
-      link_(std::move(link)),
+      origin_(std::move(origin)),
       fields_(head.fields) {}
 
 std::string ExchangeState::header(std::string_view name) const {
-  if (qn::text::equalNoCase(name, "X-Forwarded-For")) return clientAddress_;
-  const std::lock_guard lock(mutex_);
+  if (qn::text::equalNoCase(name, "X-Forwarded-For")) return origin_.clientAddress;
+  const qn::MutexLock lock(mutex_);
   const std::string_view value = qn::findHeader(fields_, name).value;
+  if (value.starts_with('[') && qn::text::equalNoCase(name, "Host")) {
+    return ':' + std::to_string(origin_.port);
+  }
   // Credentials made for another target must not open this one.
   const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
                        !qn::digestUriIs(value, url_);
@@ -120,10 +119,10 @@ std::string ExchangeState::header(std::string_view name) const {
 void ExchangeState::setHeader(std::string_view name, std::string_view value) {
   if (name.empty() || !qn::isClean(name) || !qn::isClean(value) || qn::isOwnHeader(name) ||
       name.find(':') != std::string_view::npos) {
-    wlog_format(WLOG_WARN, "http", "header of an answer refused");
+    qn::logWarn("http: a header of an answer was refused");
     return;
   }
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   setHeaderLocked(name, value);
 }
 
@@ -134,12 +133,12 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
 }
 
 void ExchangeState::setStatus(int status) {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   status_ = status >= 200 && status <= 999 ? status : 500;
 }
 
 void ExchangeState::markStream() {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   if (streamOpen_) return;
   stream_ = true;
   setHeaderLocked("Content-Type", "multipart/mixed; boundary=boundary");
@@ -152,12 +151,12 @@ int ExchangeState::respond(const void* data, int length) {
   if (length < 0 || (data == nullptr && length > 0)) return 0;
   bool stream;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     stream = stream_;
   }
   if (stream) return respondOnStream(data, length);
   if (!claim()) return HTTP_LINK_BROKEN;
-  const auto link = link_.lock();
+  const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
   link->deliver(shared_from_this(), {static_cast<const char*>(data), std::size_t(length)});
   qn::ExchangeRegistry::instance().erase(handle_);
@@ -169,7 +168,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
   bool wakes = false;
   int accepted = length;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     if (gone_) return HTTP_LINK_BROKEN;
     if (!streamOpen_) {
       if (!claim()) return HTTP_LINK_BROKEN;
@@ -183,7 +182,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
       wakes = !std::exchange(wakePending_, true);
     }
   }
-  const auto link = link_.lock();
+  const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
   if (opens) link->openStream(shared_from_this());
   if (wakes) link->wakeStream();
@@ -193,12 +192,12 @@ int ExchangeState::respondOnStream(const void* data, int length) {
 bool ExchangeState::finish(int status, const char* contentType, std::string_view body) {
   if (!claim()) return false;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     stream_ = false;
     status_ = status >= 200 && status <= 999 ? status : 500;
     setHeaderLocked("Content-Type", contentType);
   }
-  if (const auto link = link_.lock()) link->deliver(shared_from_this(), body);
+  if (const auto link = origin_.link.lock()) link->deliver(shared_from_this(), body);
   qn::ExchangeRegistry::instance().erase(handle_);
   return true;
 }
@@ -206,7 +205,7 @@ bool ExchangeState::finish(int status, const char* contentType, std::string_view
 bool ExchangeState::finish(qn::OwnAnswer answer) {
   if (answered_) return false;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     headers_.clear();
     if (answer == qn::OwnAnswer::Overloaded) {
       setHeaderLocked("Retry-After", qn::kRetryAfterSeconds);
@@ -218,7 +217,7 @@ bool ExchangeState::finish(qn::OwnAnswer answer) {
 
 void ExchangeState::appendMessage(std::string& out, std::string_view body,
                                   qn::Ending ending) const {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   out.reserve(out.size() + headers_.size() + body.size() + 192);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
@@ -235,7 +234,7 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
 }
 
 void ExchangeState::appendStreamHead(std::string& out) const {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
@@ -243,7 +242,7 @@ void ExchangeState::appendStreamHead(std::string& out) const {
 }
 
 bool ExchangeState::takeParts(std::string& out) {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   wakePending_ = false;
   if (parts_.empty()) return false;
   out.swap(parts_);
@@ -252,7 +251,7 @@ bool ExchangeState::takeParts(std::string& out) {
 }
 
 void ExchangeState::partsSent() {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   inWriting_ = 0;
 }
 
@@ -260,7 +259,7 @@ void ExchangeState::detach() {
   answered_ = true;
   qn::ExchangeRegistry::instance().erase(handle_);
   std::string parts;
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   gone_ = true;
   parts_.swap(parts);
 }

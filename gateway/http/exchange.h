@@ -6,13 +6,14 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "gateway/http/answer.h"
 #include "gateway/http/request_reader.h"
+#include "gateway/sync/mutex.h"
 #include "platform/http_service.h"
 
 namespace qn {
@@ -35,6 +36,13 @@ class AnswerLink {
 
 enum class Ending { KeepAlive, Close };
 
+// Where a request came from.
+struct Origin {
+  std::string clientAddress;
+  uint16_t port;  // of ours
+  std::weak_ptr<AnswerLink> link;
+};
+
 }  // namespace qn
 
 namespace QNHttpService {
@@ -44,20 +52,20 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   static constexpr std::size_t kStreamQueue = 1024 * 1024;
 
   // Registers it under a new handle.
-  static qn::ExchangePtr create(const qn::RequestHead& head, const std::string& clientAddress,
-                                const std::weak_ptr<qn::AnswerLink>& link);
+  static qn::ExchangePtr create(const qn::RequestHead& head, const qn::Origin& origin);
   // Null when the handle is not live.
   static qn::ExchangePtr find(int handle);
 
-  ExchangeState(int handle, const qn::RequestHead& head, std::string clientAddress,
-                std::weak_ptr<qn::AnswerLink> link);
+  ExchangeState(int handle, const qn::RequestHead& head, qn::Origin origin);
 
   // The request; constant.
   int handle() const { return handle_; }
   int method() const { return method_; }
   const std::string& url() const { return url_; }
   bool keepAlive() const { return keepAlive_; }
-  // X-Forwarded-For is the client's address, whatever the client wrote.
+  // X-Forwarded-For is the client's address, whatever the client wrote. A Host that is an IPv6
+  // address, which the module would look for a port inside of, is only the port of ours that the
+  // request came in on.
   std::string header(std::string_view name) const;
 
   // The answer; any thread.
@@ -83,28 +91,28 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
  private:
   int respondOnStream(const void* data, int length);
   bool claim();
-  void setHeaderLocked(std::string_view name, std::string_view value);
+  void setHeaderLocked(std::string_view name, std::string_view value) QN_REQUIRES(mutex_);
 
   const int handle_;
   const int method_;
   const bool keepAlive_;
   const bool http10_;
   const std::string url_;
-  const std::string clientAddress_;
-  const std::weak_ptr<qn::AnswerLink> link_;
+  const qn::Origin origin_;
 
   std::atomic<bool> answered_{false};
 
-  mutable std::mutex mutex_;  // guards what follows
-  std::string fields_;        // the request's header lines; given back when a stream starts
-  std::string headers_;       // the answer's header lines
-  int status_ = 200;
-  bool stream_ = false;
-  bool streamOpen_ = false;
-  bool gone_ = false;
-  bool wakePending_ = false;
-  std::string parts_;          // queued
-  std::size_t inWriting_ = 0;  // taken and not yet sent
+  mutable qn::Mutex mutex_;
+  std::string fields_
+      QN_GUARDED_BY(mutex_);  // the request's header lines; given back when a stream starts
+  std::string headers_ QN_GUARDED_BY(mutex_);  // the answer's header lines
+  int status_ QN_GUARDED_BY(mutex_) = 200;
+  bool stream_ QN_GUARDED_BY(mutex_) = false;
+  bool streamOpen_ QN_GUARDED_BY(mutex_) = false;
+  bool gone_ QN_GUARDED_BY(mutex_) = false;
+  bool wakePending_ QN_GUARDED_BY(mutex_) = false;
+  std::string parts_ QN_GUARDED_BY(mutex_);          // queued
+  std::size_t inWriting_ QN_GUARDED_BY(mutex_) = 0;  // taken and not yet sent
 };
 
 }  // namespace QNHttpService

@@ -2,29 +2,27 @@
 // the answers. The host makes one on its reactors; everything else is in the files beside it.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "gateway/config/configuration.h"
+#include "gateway/http/listener.h"
 #include "gateway/http/service_core.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
 namespace qn {
 
-class Listener;
-
 // Every operation may be called on any thread but a reactor's. Reactors and pools outlive the
 // service, and the reactors run until it is closed.
 class HttpService {
  public:
   HttpService(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
-              ProcessFunction process, const HttpBounds& bounds = {},
+              ModuleEntry module, const HttpBounds& bounds = {},
               std::vector<OwnResource> resources = {});
   ~HttpService();  // closes
   HttpService(const HttpService&) = delete;
@@ -32,10 +30,14 @@ class HttpService {
 
   // Listens on the configured port (0: a free one). Throws std::system_error with the reason.
   void listen();
-  uint16_t port() const;
-  // The ports beside the main one that should be listened on, and what they give; one that is
-  // taken is logged and tried again with the next call.
-  void setExtraPorts(const std::map<uint16_t, Access>& ports);
+  uint16_t port() const { return mainPort_; }
+  // Listens on a further port, which setExtraPorts() will name, now. Throws as listen() does.
+  void listenOn(uint16_t port, Access access) { ports_->openExtra(port, access); }
+  // The ports beside those that should be listened on, and what they give; one that is taken is
+  // logged and tried again every few seconds.
+  void setExtraPorts(const std::map<uint16_t, Access>& ports) { ports_->setExtra(ports); }
+  // Whether connections to that port come here; after listen().
+  bool serves(uint16_t port) const { return ports_->serves(port); }
 
   // Ends listening for good; what is connected goes on, but no connection outlives its answer.
   void stopAccepting();
@@ -45,14 +47,9 @@ class HttpService {
   void close();
 
  private:
-  void openExtraPort(uint16_t port, Access access);
-  void closeOnReactor(std::vector<std::shared_ptr<Listener>> listeners);
-  void onReactor(std::size_t index, const std::function<void()>& action);
-
   const std::shared_ptr<ServiceCore> core_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<Listener> main_;                            // guarded by mutex_
-  std::map<uint16_t, std::shared_ptr<Listener>> extraPorts_;  // guarded by mutex_
+  const std::shared_ptr<Ports> ports_;
+  std::atomic<uint16_t> mainPort_{0};
 };
 
 }  // namespace qn

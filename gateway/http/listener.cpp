@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 namespace asio = boost::asio;
@@ -56,31 +56,52 @@ void Listener::accept() {
       core_->reactors.context(reactor),
       [self = shared_from_this(), reactor](const error_code& ec, TcpStream stream) {
         if (!self->acceptor_.is_open()) return;
-        if (!ec) {
-          self->admit(reactor, std::move(stream));
-        } else if (ec != asio::error::connection_aborted) {
-          wlog_format(WLOG_ERROR, "http", "accept on port %d: %s", int{self->port_},
-                      ec.message().c_str());
-          return self->pause();
-        }
-        self->accept();
+        if (!ec) return self->welcome(reactor, std::move(stream));
+        if (ec == asio::error::connection_aborted) return self->accept();
+        logError("http: accept on port {}: {}", self->port_, ec.message());
+        self->pause();
       });
 }
 
-void Listener::admit(std::size_t reactor, TcpStream stream) try {
-  error_code ec;
-  const auto peer = plainAddress(stream.remote_endpoint(ec).address());
-  if (ec) return;  // gone already
-  Access access = access_;
-  if (!core_->admission.enter(peer)) {
-    if (!core_->refusals.enter(peer)) return;  // too many to be told so: closed
-    access = Access::Nothing;
-  }
-  auto client = std::make_shared<ClientConnection<TcpStream>>(core_, reactor, std::move(stream),
-                                                              peer, access);
-  asio::post(core_->reactors.context(reactor), [client = std::move(client)] { client->start(); });
+void Listener::welcome(std::size_t reactor, TcpStream stream) try {
+  if (waitForPlace(reactor, stream)) return;
+  serve(reactor, std::move(stream));
+  accept();
 } catch (const std::exception& e) {
-  wlog_format(WLOG_ERROR, "http", "accepted connection dropped: %s", e.what());
+  logError("http: accepted connection dropped: {}", e.what());
+  pause();
+}
+
+// When all places are taken, longest idle connections are closed for the new one, and it is served
+// and others are accepted after that: so one at most waits.
+bool Listener::waitForPlace(std::size_t reactor, TcpStream& stream) {
+  if (core_->places.hasRoom()) return false;
+  const auto waiting = std::make_shared<TcpStream>(std::move(stream));
+  const bool waits = core_->takeBackIdle([self = shared_from_this(), reactor, waiting] {
+    self->serve(reactor, std::move(*waiting));
+    self->accept();
+  });
+  if (!waits) stream = std::move(*waiting);
+  return waits;
+}
+
+void Listener::serve(std::size_t reactor, TcpStream stream) try {
+  error_code ec;
+  Arrival arrival{{}, plainAddress(stream.remote_endpoint(ec).address()), port_, access_};
+  if (ec) return;  // gone already
+  // Who comes through a trusted proxy is many clients.
+  const auto client =
+      core_->trusted.contains(arrival.peer) ? asio::ip::address() : clientNetwork(arrival.peer);
+  if (!core_->places.take(client, arrival.place)) {
+    if (!core_->refusals.take(client, arrival.place)) return;  // too many to be told so: closed
+    arrival.access = Access::Nothing;
+  }
+  auto connection = std::make_shared<ClientConnection<TcpStream>>(core_, reactor, std::move(stream),
+                                                                  std::move(arrival));
+  asio::post(core_->reactors.context(reactor),
+             [connection = std::move(connection)] { connection->start(); });
+} catch (const std::exception& e) {
+  logError("http: accepted connection dropped: {}", e.what());
 }
 
 // Descriptors or memory ran out: trying again at once would only spin.
@@ -88,6 +109,109 @@ void Listener::pause() {
   timer_.expires_after(core_->bounds.acceptPause);
   timer_.async_wait([self = shared_from_this()](const error_code& ec) {
     if (!ec) self->accept();
+  });
+}
+
+Ports::Ports(std::shared_ptr<ServiceCore> core)
+    : core_(std::move(core)), timer_(core_->reactors.context(0)) {}
+
+uint16_t Ports::openMain(uint16_t port) {
+  const MutexLock lock(mutex_);
+  main_ = std::make_shared<Listener>(core_, port, Access::Everything);
+  main_->start();
+  return main_->port();
+}
+
+void Ports::openExtra(uint16_t port, Access access) {
+  const MutexLock lock(mutex_);
+  if (!isOpen(port)) open(port, access);
+}
+
+void Ports::open(uint16_t port, Access access) {
+  auto listener = std::make_shared<Listener>(core_, port, access);
+  listener->start();
+  extra_.emplace(port, std::move(listener));
+}
+
+bool Ports::isOpen(uint16_t port) const {
+  return extra_.contains(port) || (main_ && main_->port() == port);
+}
+
+void Ports::setExtra(const std::map<uint16_t, Access>& wanted) {
+  Listeners unwanted;
+  {
+    const MutexLock lock(mutex_);
+    wanted_ = wanted;
+    std::erase_if(extra_, [&](const auto& entry) {
+      const auto found = wanted.find(entry.first);
+      if (found != wanted.end() && found->second == entry.second->access()) return false;
+      unwanted.push_back(entry.second);
+      return true;
+    });
+    std::erase_if(taken_, [&](uint16_t port) { return !wanted.contains(port); });
+  }
+  closeAll(unwanted);  // first: a port may be wanted again for something else
+  const MutexLock lock(mutex_);
+  openMissing();
+}
+
+void Ports::openMissing() {
+  if (core_->stopping) return;
+  bool missing = false;
+  for (const auto& [port, access] : wanted_) {
+    missing |= !isOpen(port) && !tryToOpen(port, access);
+  }
+  if (missing && !std::exchange(retrying_, true)) {
+    asio::post(timer_.get_executor(), [self = shared_from_this()] { self->retryLater(); });
+  }
+}
+
+bool Ports::tryToOpen(uint16_t port, Access access) try {
+  open(port, access);
+  if (taken_.erase(port) > 0) logWarn("http: listens on port {} now", port);
+  return true;
+} catch (const std::system_error& e) {
+  if (taken_.insert(port).second) {
+    logWarn("http: {}; tried again every {} ms", e.what(), core_->bounds.reopen.count());
+  }
+  return false;
+}
+
+void Ports::retryLater() {
+  if (core_->stopping) return;
+  timer_.expires_after(core_->bounds.reopen);
+  timer_.async_wait([self = shared_from_this()](const error_code& ec) {
+    if (!ec) self->retry();
+  });
+}
+
+void Ports::retry() {
+  const MutexLock lock(mutex_);
+  retrying_ = false;
+  openMissing();
+}
+
+bool Ports::serves(uint16_t port) const {
+  const MutexLock lock(mutex_);
+  return isOpen(port);
+}
+
+void Ports::close() {
+  Listeners listeners;
+  {
+    const MutexLock lock(mutex_);
+    for (const auto& [port, listener] : extra_) listeners.push_back(listener);
+    extra_.clear();
+    if (main_) listeners.push_back(std::exchange(main_, nullptr));
+  }
+  core_->runOn(0, [self = shared_from_this()] { self->timer_.cancel(); });
+  closeAll(listeners);
+}
+
+void Ports::closeAll(const Listeners& listeners) {
+  if (listeners.empty()) return;
+  core_->runOn(0, [listeners] {
+    for (const auto& listener : listeners) listener->close();
   });
 }
 

@@ -1,17 +1,22 @@
-// One listening port of the HTTP service: accepts and deals the connections out to the reactors in
-// turn. Lives on the first reactor.
+// The listening ports of the HTTP service: each accepts connections and deals them out to the
+// reactors in turn. Made by the service.
 #pragma once
 
 #include <boost/asio/basic_socket_acceptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <set>
+#include <vector>
 
 #include "gateway/http/client_connection.h"
 #include "gateway/http/service_core.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
+// One port. Lives on the first reactor.
 class Listener : public std::enable_shared_from_this<Listener> {
  public:
   // Listens at once, accepts after start(). Throws std::system_error.
@@ -24,7 +29,9 @@ class Listener : public std::enable_shared_from_this<Listener> {
 
  private:
   void accept();
-  void admit(std::size_t reactor, TcpStream stream);
+  void welcome(std::size_t reactor, TcpStream stream);
+  bool waitForPlace(std::size_t reactor, TcpStream& stream);
+  void serve(std::size_t reactor, TcpStream stream);
   void pause();
 
   const std::shared_ptr<ServiceCore> core_;
@@ -33,6 +40,44 @@ class Listener : public std::enable_shared_from_this<Listener> {
       acceptor_;
   boost::asio::steady_timer timer_;
   uint16_t port_ = 0;
+};
+
+// All ports. Any thread but a reactor's, except where a timer calls it.
+class Ports : public std::enable_shared_from_this<Ports> {
+ public:
+  explicit Ports(std::shared_ptr<ServiceCore> core);
+
+  // Opens the main port (0: a free one), which it returns, or a further one that setExtra() will
+  // name. Throws std::system_error with the reason.
+  uint16_t openMain(uint16_t port);
+  void openExtra(uint16_t port, Access access);
+  // Besides the main port, these from now on and no others. One that is taken is logged and tried
+  // again every HttpBounds::reopen.
+  void setExtra(const std::map<uint16_t, Access>& wanted);
+  // Whether it is ours.
+  bool serves(uint16_t port) const;
+  // For good. Harmless when repeated.
+  void close();
+
+ private:
+  using Listeners = std::vector<std::shared_ptr<Listener>>;
+
+  void openMissing() QN_REQUIRES(mutex_);
+  void open(uint16_t port, Access access) QN_REQUIRES(mutex_);
+  bool tryToOpen(uint16_t port, Access access) QN_REQUIRES(mutex_);
+  bool isOpen(uint16_t port) const QN_REQUIRES(mutex_);
+  void retryLater();
+  void retry();
+  void closeAll(const Listeners& listeners);
+
+  const std::shared_ptr<ServiceCore> core_;
+  boost::asio::steady_timer timer_;  // the first reactor's
+  mutable Mutex mutex_;
+  std::shared_ptr<Listener> main_ QN_GUARDED_BY(mutex_);
+  std::map<uint16_t, std::shared_ptr<Listener>> extra_ QN_GUARDED_BY(mutex_);
+  std::map<uint16_t, Access> wanted_ QN_GUARDED_BY(mutex_);
+  std::set<uint16_t> taken_ QN_GUARDED_BY(mutex_);  // by others; logged
+  bool retrying_ QN_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace qn

@@ -1,43 +1,78 @@
-// Bounds the memory that all clients together make the service hold. Used by the connections and by
-// the queue of requests that may block.
+// Bounds the memory that clients make the service hold, in all and for each owner. Used by the
+// connections and by the queue of requests that may block.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
+#include <limits>
+#include <string>
+#include <unordered_map>
 #include <utility>
+
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
-// Any thread.
+// Any thread. Outlives its shares.
 class MemoryBudget {
  public:
-  explicit MemoryBudget(std::size_t bytes) : bytes_(bytes) {}
+  static constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
 
-  // What one user holds of it; given back at the end.
+  explicit MemoryBudget(std::size_t bytes, std::size_t bytesOfOwner = kUnbounded)
+      : bytes_(bytes), bytesOfOwner_(bytesOfOwner) {}
+
+  // What is held of it for one purpose; given back at the end.
   class Share {
    public:
-    explicit Share(MemoryBudget& budget) : budget_(budget) {}
+    Share() = default;
+    // With a bound for each owner, `owner` says whose it is.
+    explicit Share(MemoryBudget& budget, std::string owner = {})
+        : budget_(&budget), owner_(std::move(owner)) {}
     ~Share() { set(0); }
-    Share(const Share&) = delete;
-    Share& operator=(const Share&) = delete;
+    Share(Share&& other) noexcept { swap(other); }
+    Share& operator=(Share&& other) noexcept {
+      swap(other);
+      return *this;
+    }
 
-    // Holds that much from now on, in place of what it held. False when all together hold too much:
-    // it counts until it is set again.
+    bool hasBudget() const { return budget_ != nullptr; }
+    // Holds that much from now on, in place of what it held. False when its owner, or all together,
+    // hold too much: it counts until it is set again. A share without a budget holds nothing.
     bool set(std::size_t bytes) {
       if (bytes == held_) return true;
-      // Wraps when it shrinks, and so does the sum.
-      const std::size_t change = bytes - std::exchange(held_, bytes);
-      return budget_.held_.fetch_add(change) + change <= budget_.bytes_;
+      return budget_->change(owner_, std::exchange(held_, bytes), bytes);
     }
 
    private:
-    MemoryBudget& budget_;
+    void swap(Share& other) noexcept {
+      std::swap(budget_, other.budget_);
+      std::swap(owner_, other.owner_);
+      std::swap(held_, other.held_);
+    }
+
+    MemoryBudget* budget_ = nullptr;
+    std::string owner_;
     std::size_t held_ = 0;
   };
 
  private:
+  bool change(const std::string& owner, std::size_t before, std::size_t now) {
+    const std::size_t difference = now - before;  // wraps when it shrinks, and so does the sum
+    const bool room = held_.fetch_add(difference) + difference <= bytes_;
+    if (bytesOfOwner_ == kUnbounded) return room;
+    const MutexLock lock(mutex_);
+    const auto entry = byOwner_.try_emplace(owner, 0).first;
+    entry->second += difference;
+    const bool ownRoom = entry->second <= bytesOfOwner_;
+    if (entry->second == 0) byOwner_.erase(entry);
+    return room && ownRoom;
+  }
+
   const std::size_t bytes_;
+  const std::size_t bytesOfOwner_;
   std::atomic<std::size_t> held_{0};
+  Mutex mutex_;
+  std::unordered_map<std::string, std::size_t> byOwner_ QN_GUARDED_BY(mutex_);
 };
 
 }  // namespace qn

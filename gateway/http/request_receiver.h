@@ -9,6 +9,7 @@
 #include <boost/asio/socket_base.hpp>
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -41,8 +42,7 @@ class RequestReceiver {
       : client_(client),
         core_(core),
         taker_(taker),
-        reader_(core.options.headBytes, core.options.bodyBytes),
-        bodyShare_(core.bodies) {}
+        reader_(core.options.headBytes, core.options.bodyBytes) {}
 
   // Waits for the first request, or for the next one after an answer.
   void resume() {
@@ -55,6 +55,11 @@ class RequestReceiver {
   }
   // No request will come from the client any more.
   bool isExhausted() const { return peerDone_ && received_.empty(); }
+  // Since when nothing of a request is there; nothing otherwise.
+  std::optional<std::chrono::steady_clock::time_point> idleSince() const {
+    if (stage_ != Stage::Head || timed_ || !received_.empty()) return std::nullopt;
+    return client_.deadline() - core_.options.idleTime;
+  }
   // The deadline has come; false when no request is under way.
   bool onDeadline() {
     if (stage_ != Stage::Body && (stage_ != Stage::Head || !timed_)) return false;
@@ -78,7 +83,7 @@ class RequestReceiver {
   // The connection has ended.
   void end() {
     stage_ = Stage::Ended;
-    bodyShare_.set(0);
+    bodyShare_ = {};
     if (exchange_) std::exchange(exchange_, nullptr)->detach();
   }
 
@@ -161,7 +166,7 @@ class RequestReceiver {
     if (result == ReadResult::Partial) return awaitBody(used == 0);
     if (result != ReadResult::Complete) return refuse(result);
     stage_ = Stage::Held;
-    bodyShare_.set(0);  // a body that has to wait is counted there
+    bodyShare_ = {};  // a body that has to wait is counted there
     taker_.onRequest(std::exchange(exchange_, nullptr), reader_.body());
     reader_.reset();  // not earlier: the module may answer and go on with the body
     return true;
@@ -172,6 +177,7 @@ class RequestReceiver {
     if (nothingUsed && received_.unread().size() >= roomForHead()) {
       return refuse(OwnAnswer::Malformed);
     }
+    if (!bodyShare_.hasBudget()) bodyShare_ = core_.bodyShare(*exchange_);
     if (!bodyShare_.set(reader_.body().size())) return refuse(OwnAnswer::Overloaded);
     sendContinue();
     return waitForMore(core_.options.bodyTime);
@@ -200,7 +206,7 @@ class RequestReceiver {
     if (exchange_) std::exchange(exchange_, nullptr)->detach();
     stage_ = Stage::Held;
     reader_.reset();
-    bodyShare_.set(0);
+    bodyShare_ = {};
     taker_.onRefused(answer);
     return false;
   }

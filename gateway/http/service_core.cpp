@@ -2,18 +2,19 @@
 #include "gateway/http/service_core.h"
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <climits>
 #include <exception>
+#include <future>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 
-#include "gateway/http/header_lines.h"
+#include "gateway/auth/digest_credentials.h"
 #include "gateway/http/multipart.h"
 #include "gateway/http/part_pusher.h"
-#include "platform/wlog.h"
-#include "text/ascii.h"
+#include "gateway/log/log.h"
+#include "platform/rest_protocol.h"
 
 namespace qn {
 namespace {
@@ -21,6 +22,16 @@ namespace {
 using boost::asio::ip::address;
 
 constexpr std::size_t kRefusalsAtOnce = 256;
+constexpr std::size_t kRefusedPart = 8;
+// How many idle connections of each reactor are closed at once, as a part of all.
+constexpr std::size_t kTakenBackPart = 128;
+// For an action that only opens or closes sockets; a reactor that takes longer has stopped running.
+constexpr std::chrono::seconds kReactorWait{5};
+
+// A part of the connections, so that their descriptors suffice.
+std::size_t refusalsAtOnce(const HttpOptions& options) {
+  return std::clamp<std::size_t>(options.connections / kRefusedPart, 1, kRefusalsAtOnce);
+}
 
 // Runs what answers an exchange; whatever it throws, there is an answer.
 template <class Answering>
@@ -28,9 +39,9 @@ void answering(const ExchangePtr& exchange, Answering answer) {
   try {
     return answer();
   } catch (const std::exception& e) {
-    wlog_format(WLOG_ERROR, "http", "%s: %s", exchange->url().c_str(), e.what());
+    logError("http: {}: {}", exchange->url(), e.what());
   } catch (...) {
-    wlog_format(WLOG_ERROR, "http", "%s: not a std::exception", exchange->url().c_str());
+    logError("http: {}: not a std::exception", exchange->url());
   }
   exchange->finish(OwnAnswer::InternalError);
 }
@@ -45,97 +56,108 @@ SlowPart slowPartOf(const ExchangeState& exchange) {
   return found == std::end(kSlowResources) ? SlowPart::DeviceOnly : found->slowPart;
 }
 
-// The values of all lines of that name, as one list.
-std::string allValues(std::string_view fields, std::string_view name) {
-  std::string list;
-  for (HeaderLine line = findHeader(fields, name); line.found();
-       line = findHeader(fields, name, line.end)) {
-    if (!list.empty()) list += ',';
-    list += line.value;
-  }
-  return list;
-}
+// Whom unread bytes of a stranger count for.
+std::string networkOf(const address& client) { return clientNetwork(client).to_string(); }
 
-// An address as proxies write it: some put it in brackets, some add the port.
-std::optional<address> forwardedAddress(std::string_view text) {
-  if (text.starts_with('[')) {
-    text = text.substr(1, text.find(']') - 1);
-  } else if (const std::size_t colon = text.find(':'); text.rfind(':') == colon) {
-    text = text.substr(0, colon);
-  }
+std::string networkOf(const ExchangeState& exchange) {
   boost::system::error_code ec;
-  const address parsed = boost::asio::ip::make_address(std::string(text), ec);
-  return ec ? std::nullopt : std::optional(plainAddress(parsed));
+  const std::string text = exchange.header("X-Forwarded-For");
+  const address client = boost::asio::ip::make_address(text, ec);
+  return ec ? text : networkOf(client);
 }
 
 }  // namespace
 
-address plainAddress(const address& peer) {
-  if (!peer.is_v6() || !peer.to_v6().is_v4_mapped()) return peer;
-  return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, peer.to_v6());
-}
-
-bool ConnectionCount::enter(const address& peer) {
-  const std::lock_guard lock(mutex_);
-  if (open_ >= connections_) return false;
-  std::size_t& ofAddress = byAddress_[peer];
-  if (ofAddress >= perAddress_) {
-    if (ofAddress == 0) byAddress_.erase(peer);
-    return false;
-  }
-  ++ofAddress;
-  ++open_;
-  return true;
-}
-
-void ConnectionCount::leave(const address& peer) {
-  const std::lock_guard lock(mutex_);
-  const auto found = byAddress_.find(peer);
-  if (--found->second == 0) byAddress_.erase(found);
-  --open_;
-}
-
 ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOptions& optionsIn,
-                         const HttpBounds& boundsIn, ProcessFunction processIn,
+                         const HttpBounds& boundsIn, ModuleEntry module,
                          std::vector<OwnResource> resources)
     : reactors(reactorsIn),
       options(optionsIn),
       bounds(boundsIn),
-      admission(optionsIn.connections, optionsIn.connectionsPerAddress),
-      refusals(kRefusalsAtOnce, kRefusalsAtOnce / 4),
-      bodies(boundsIn.bodyMemory),
-      unsentAnswers(boundsIn.answerMemory),
+      trusted(optionsIn.trustedProxies),
+      places(optionsIn.connections, optionsIn.connectionsPerAddress),
+      refusals(refusalsAtOnce(options), (refusalsAtOnce(options) + 3) / 4),
       open(reactorsIn.size()),
       workers_(workers),
-      process_(processIn),
-      resources_(std::move(resources)) {
+      module_(module),
+      resources_(std::move(resources)),
+      bodies_(boundsIn.bodyMemory),
+      strangersBodies_(boundsIn.strangersBodies * optionsIn.bodyBytes, optionsIn.bodyBytes),
+      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
   }
-  for (const std::string& proxy : options.trustedProxies) {
-    boost::system::error_code ec;
-    const address parsed = boost::asio::ip::make_address(proxy, ec);
-    if (ec) throw std::system_error(ec, "trusted proxy \"" + proxy + "\"");
-    trusted_.push_back(plainAddress(parsed));
+}
+
+void ServiceCore::runOn(std::size_t reactor, const std::function<void()>& action) {
+  if (!reactors.isRunning()) return;  // their handlers go with them
+  auto done = std::make_shared<std::promise<void>>();
+  boost::asio::post(reactors.context(reactor), [action, done] {
+    action();
+    done->set_value();
+  });
+  if (done->get_future().wait_for(kReactorWait) != std::future_status::ready) {
+    logError("http: a reactor does not answer");
   }
 }
 
-bool ServiceCore::trusts(const address& peer) const {
-  return std::find(trusted_.begin(), trusted_.end(), peer) != trusted_.end();
+bool ServiceCore::takeBackIdle(const std::function<void()>& done) {
+  if (std::chrono::steady_clock::now() < noneIdleUntil_) return false;
+  struct Count {
+    std::atomic<std::size_t> reactors;
+    std::atomic<std::size_t> closed{0};
+  };
+  const auto count = std::make_shared<Count>(reactors.size());
+  for (std::size_t i = 0; i < reactors.size(); ++i) {
+    boost::asio::post(reactors.context(i), [core = shared_from_this(), count, done, i] {
+      count->closed += core->closeLongestIdle(i);
+      if (--count->reactors > 0) return;
+      boost::asio::post(core->reactors.context(0), [core, count, done] {
+        if (count->closed == 0) {
+          core->noneIdleUntil_ = std::chrono::steady_clock::now() + core->bounds.acceptPause;
+        }
+        done();
+      });
+    });
+  }
+  return true;
 }
 
-std::string ServiceCore::clientAddress(address peer, std::string_view fields) const {
-  const std::string forwarded = allValues(fields, "X-Forwarded-For");
-  std::string_view rest = forwarded;
-  while (trusts(peer) && !rest.empty()) {
-    const std::size_t comma = rest.rfind(',');
-    const std::size_t start = comma == rest.npos ? 0 : comma + 1;
-    const auto next = forwardedAddress(text::trim(rest.substr(start)));
-    if (!next) break;  // nobody knows who that is: the proxy answers for it
-    peer = *next;
-    rest = rest.substr(0, start == 0 ? 0 : comma);
+std::size_t ServiceCore::closeLongestIdle(std::size_t reactor) {
+  const auto latest = std::chrono::steady_clock::now() - bounds.takenBack;
+  std::vector<std::pair<std::chrono::steady_clock::time_point, OpenConnection*>> idle;
+  for (OpenConnection* connection : open[reactor]) {
+    const auto since = connection->idleSince();
+    if (since && *since <= latest) idle.emplace_back(*since, connection);
   }
-  return peer.to_string();
+  const std::size_t most = std::max<std::size_t>(options.connections / kTakenBackPart, 1);
+  const std::size_t count = std::min(idle.size(), most);
+  std::ranges::nth_element(idle, idle.begin() + static_cast<std::ptrdiff_t>(count));
+  for (std::size_t i = 0; i < count; ++i) idle[i].second->close();
+  return count;
+}
+
+MemoryBudget::Share ServiceCore::bodyShare(const ExchangeState& exchange) {
+  const char* const method =
+      QNBase::CRESTfulProtocol::GetMethod(static_cast<unsigned char>(exchange.method()));
+  const bool known =
+      module_.recognise == nullptr || module_.recognise(method, exchange.header("Authorization"));
+  return known ? MemoryBudget::Share(bodies_)
+               : MemoryBudget::Share(strangersBodies_, networkOf(exchange));
+}
+
+// Long answers go to those who have logged in; nobody needs to for what the service itself serves.
+MemoryBudget::Share ServiceCore::answerShare(const ExchangeState& exchange) {
+  DigestCredentials given;
+  const std::string authorization = exchange.header("Authorization");
+  const bool isUser = findResource(exchange.url()) == nullptr &&
+                      parseDigestCredentials(authorization, given) && !given.username.empty();
+  return MemoryBudget::Share(unsentAnswers_,
+                             isUser ? "user " + std::string(given.username) : networkOf(exchange));
+}
+
+MemoryBudget::Share ServiceCore::answerShare(const address& peer) {
+  return MemoryBudget::Share(unsentAnswers_, networkOf(peer));
 }
 
 bool ServiceCore::enterRequest() {
@@ -178,7 +200,7 @@ void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::stri
 
 void ServiceCore::queueWithBody(WorkerPool& workers, const ExchangePtr& exchange,
                                 std::string_view body) {
-  const auto share = std::make_shared<MemoryBudget::Share>(bodies);
+  const auto share = std::make_shared<MemoryBudget::Share>(bodyShare(*exchange));
   if (!share->set(body.size())) {
     exchange->finish(OwnAnswer::Overloaded);
     return;
@@ -215,7 +237,7 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int bodyIsXml = 1;
   int asyncReply = 0;
   std::string answer;
-  const int status = process_(bodyIsXml, answer, asyncReply, request);
+  const int status = module_.process(bodyIsXml, answer, asyncReply, request);
   if (asyncReply == 0) {
     exchange->finish(status, bodyIsXml != 0 ? "application/xml" : "application/json", answer);
   }

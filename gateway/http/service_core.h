@@ -6,21 +6,23 @@
 #include <boost/asio/ip/address.hpp>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
 
 #include "gateway/config/configuration.h"
+#include "gateway/http/bounds.h"
+#include "gateway/http/client_address.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
+#include "gateway/http/places.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
-#include "platform/slow_resources.h"
 
 namespace qn {
 
@@ -29,6 +31,19 @@ class StreamSender;
 // The shape of QN_Protocol_HTTPProcess.
 using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncReply,
                                 const QNHttpService::stHttpRes& request);
+
+// Whether an Authorization value would log in for a request with this method name, without counting
+// it as an attempt or as a use of its nonce.
+using RecogniseFunction = bool (*)(std::string_view method, std::string_view authorization);
+
+// How the service reaches the module and its login. Without `recognise` nobody is a stranger.
+struct ModuleEntry {
+  ModuleEntry(ProcessFunction processIn, RecogniseFunction recogniseIn = nullptr)
+      : process(processIn), recognise(recogniseIn) {}
+
+  ProcessFunction process;
+  RecogniseFunction recognise;
+};
 
 // A part of the URL space that the service serves itself: the module is not asked, so there is no
 // login unless `serve` sees to it.
@@ -48,36 +63,12 @@ struct HttpWorkers {
 // What a listening port gives to those who connect to it; Nothing: they are told to come later.
 enum class Access { Everything, OwnResources, Nothing };
 
-// Bounds that no operator needs to change; tests shorten them.
-struct HttpBounds {
-  std::chrono::milliseconds answer = kAnswerTimeout;
-  std::chrono::milliseconds stalled{60'000};   // a peer that takes nothing of what is written
-  std::chrono::milliseconds silent{30'000};    // a stream without a successful write
-  std::chrono::milliseconds linger{2'000};     // for the client to read the last answer
-  std::chrono::milliseconds acceptPause{100};  // after accept failed for want of resources
-  // Of all connections together. Apart from each other, because anybody can send bodies.
-  std::size_t bodyMemory = 256 * 1024 * 1024;    // bodies not complete or waiting for a worker
-  std::size_t answerMemory = 256 * 1024 * 1024;  // what clients have not taken of their answers
-};
-
-// An IPv4 client of an IPv6 socket has its IPv4 address. Everything below takes plain addresses.
-boost::asio::ip::address plainAddress(const boost::asio::ip::address& peer);
-
-// Counts connections, in all and for each client address; any thread.
-class ConnectionCount {
- public:
-  ConnectionCount(std::size_t connections, std::size_t perAddress)
-      : connections_(connections), perAddress_(perAddress) {}
-
-  bool enter(const boost::asio::ip::address& address);
-  void leave(const boost::asio::ip::address& address);
-
- private:
-  const std::size_t connections_;
-  const std::size_t perAddress_;
-  std::mutex mutex_;
-  std::size_t open_ = 0;                                       // guarded by mutex_
-  std::map<boost::asio::ip::address, std::size_t> byAddress_;  // guarded by mutex_
+// How a connection came.
+struct Arrival {
+  Places::Place place;
+  boost::asio::ip::address peer;  // plain
+  uint16_t port;                  // of ours
+  Access access;
 };
 
 // A connection as the service sees it, on the connection's own reactor only.
@@ -85,24 +76,20 @@ class OpenConnection {
  public:
   virtual ~OpenConnection() = default;
   virtual void close() = 0;
+  // Nothing while a request, or a piece of one, is there.
+  virtual std::optional<std::chrono::steady_clock::time_point> idleSince() const = 0;
 };
 
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
  public:
   ServiceCore(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
-              const HttpBounds& bounds, ProcessFunction process,
-              std::vector<OwnResource> resources);
+              const HttpBounds& bounds, ModuleEntry module, std::vector<OwnResource> resources);
 
   // Hands a complete request over and sends its answer, unless that is left to the module; what
   // may block is queued for the worker pool. On the reactor of the exchange's connection, whose
   // access it is. `body` is used before the call returns.
   void handOver(const ExchangePtr& exchange, Access access, std::string_view body);
 
-  bool trusts(const boost::asio::ip::address& peer) const;
-  // The client behind a peer that is trusted. Proxies append the address they see to
-  // X-Forwarded-For, so what stands before the first that no trusted proxy wrote is the client's
-  // own invention.
-  std::string clientAddress(boost::asio::ip::address peer, std::string_view fields) const;
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
 
   // A request in flight; false when there are too many.
@@ -110,13 +97,27 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void leaveRequest() { requests_.fetch_sub(1); }
   std::size_t requestsInFlight() const { return requests_.load(); }
 
+  // When all places are taken: closes the longest idle connections, a few of each reactor, and then
+  // calls `done`. False, without a call, when there was none a moment ago. On the first reactor,
+  // where `done` is called too.
+  bool takeBackIdle(const std::function<void()>& done);
+
+  // What the body of this request is to be held of: the clients' budget when its credentials are
+  // right, a small one otherwise.
+  MemoryBudget::Share bodyShare(const ExchangeState& exchange);
+  // What is left to write of an answer; of a refusal without an exchange by its peer.
+  MemoryBudget::Share answerShare(const ExchangeState& exchange);
+  MemoryBudget::Share answerShare(const boost::asio::ip::address& peer);
+
+  // Runs it on that reactor and waits for its end; not on a reactor.
+  void runOn(std::size_t reactor, const std::function<void()>& action);
+
   Reactors& reactors;
   const HttpOptions options;
   const HttpBounds bounds;
-  ConnectionCount admission;
-  ConnectionCount refusals;  // connections over the limit that are being told so
-  MemoryBudget bodies;
-  MemoryBudget unsentAnswers;
+  const TrustedProxies trusted;
+  Places places;
+  Places refusals;  // connections over the limit that are being told so
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
@@ -131,10 +132,15 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void process(const ExchangePtr& exchange, std::string_view body) const;
   void processOrThrow(const ExchangePtr& exchange, std::string_view body) const;
 
+  std::size_t closeLongestIdle(std::size_t reactor);
+
   const HttpWorkers workers_;
-  const ProcessFunction process_;
+  const ModuleEntry module_;
   const std::vector<OwnResource> resources_;
-  std::vector<boost::asio::ip::address> trusted_;
+  MemoryBudget bodies_;
+  MemoryBudget strangersBodies_;
+  MemoryBudget unsentAnswers_;
+  std::chrono::steady_clock::time_point noneIdleUntil_;  // the first reactor's
   std::atomic<std::size_t> next_{0};
   std::atomic<std::size_t> requests_{0};
 };

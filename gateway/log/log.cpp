@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "gateway/log/line.h"
+#include "gateway/log/secrets.h"
 #include "platform/wlog.h"
 
 namespace qn {
@@ -41,7 +42,9 @@ spdlog::level::level_enum spdlogLevel(LogLevel level) {
 }
 
 void writeLine(LogLevel level, std::string_view tag, std::string_view text) {
-  const std::string line = logLine(text);
+  std::string safe = withoutSecrets(text);
+  if (level > LogLevel::Debug) safe = withShortDocument(std::move(safe));
+  const std::string line = logLine(safe);
   standardError().log({tag, spdlogLevel(level), line});
 }
 

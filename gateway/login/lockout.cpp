@@ -1,85 +1,133 @@
 #include "gateway/login/lockout.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <cstring>
+#include <string>
+#include <tuple>
 
 #include "gateway/auth/digest.h"
 
 namespace qn {
 namespace {
 
-constexpr std::chrono::seconds kRoomInterval{1};  // between two searches of the whole table
+uint64_t numberOf(const uint8_t* bytes, int count) {
+  uint64_t number = 0;
+  for (int i = 0; i < count; ++i) number = number << 8 | bytes[i];
+  return number;
+}
 
 }  // namespace
 
-std::string_view lockoutAddress(std::string_view clientAddress) {
-  constexpr int kNetworkGroups = 4;
-  if (clientAddress.starts_with("::")) return clientAddress;  // loopback, IPv4 in IPv6
-  std::size_t end = 0;
-  for (int group = 0; group < kNetworkGroups; ++group) {
-    end = clientAddress.find(':', end);
-    if (end == clientAddress.npos) return clientAddress;
-    ++end;
-    if (clientAddress.substr(end).starts_with(':')) break;  // the rest of the network is zeros
+ClientNetwork::ClientNetwork(std::string_view address) {
+  constexpr std::size_t kMapped = 12;  // bytes before an IPv4 address in an IPv6 one
+  const std::string text(address);
+  std::array<uint8_t, 16> bytes{};
+  in6_addr six{};
+  if (inet_pton(AF_INET, text.c_str(), bytes.data()) == 1) {
+    bits_ = kIPv4 << 32 | numberOf(bytes.data(), 4);
+  } else if (inet_pton(AF_INET6, text.c_str(), &six) == 1) {
+    std::memcpy(bytes.data(), &six, bytes.size());
+    bits_ = IN6_IS_ADDR_V4MAPPED(&six) ? kIPv4 << 32 | numberOf(bytes.data() + kMapped, 4)
+                                       : numberOf(bytes.data(), 8);
+  } else {
+    bits_ = std::hash<std::string_view>()(address);
   }
-  return clientAddress.substr(0, end);
 }
 
 Lockout::Lockout() { fillRandom(reinterpret_cast<uint8_t*>(key_.data()), key_.size()); }
 
-Lockout::Standing Lockout::standingOf(const Count& count, const LockOptions& options, Time now) {
-  if (count.failures == 0 || now >= count.forgottenAt) return {options.maxAttempts, {}};
-  if (count.failures < options.maxAttempts) return {options.maxAttempts - count.failures, {}};
-  return {0, std::chrono::ceil<std::chrono::seconds>(count.forgottenAt - now)};
+Lockout::Standing Lockout::Count::standing(const LockOptions& options, Time now) const {
+  if (failures == 0 || now >= forgottenAt) return {options.maxAttempts, {}};
+  if (failures < options.maxAttempts) return {options.maxAttempts - failures, {}};
+  return {0, std::chrono::ceil<std::chrono::seconds>(forgottenAt - now)};
 }
 
-Lockout::Standing Lockout::fail(std::string_view address, const LockOptions& options, Time now) {
-  const std::string key(lockoutAddress(address));
-  const MutexLock lock(mutex_);
-  clean_ = false;
-  auto found = counts_.find(key);
-  if (found == counts_.end() && counts_.size() >= kAddresses) makeRoom(now);
-  if (found == counts_.end() && counts_.size() < kAddresses) {
-    found = counts_.try_emplace(key).first;
+void Lockout::Count::add(uint32_t name) {
+  ++failures;
+  const auto slot = std::ranges::find_if(
+      names, [name](const Name& each) { return each.failures == 0 || each.hash == name; });
+  if (slot == names.end()) return;
+  slot->hash = name;
+  ++slot->failures;
+}
+
+void Lockout::Count::remove(uint32_t name) {
+  for (Name& each : names) {
+    if (each.hash != name) continue;
+    failures -= each.failures;
+    each.failures = 0;
   }
-  sharedUsed_ |= found == counts_.end();
-  Count& count = found == counts_.end() ? shared(key) : found->second;
-  if (standingOf(count, options, now).locked()) return standingOf(count, options, now);
-  if (now >= count.forgottenAt) count.failures = 0;
-  ++count.failures;
-  count.forgottenAt = now + options.lockTime;
-  return standingOf(count, options, now);
 }
 
-Lockout::Standing Lockout::standing(std::string_view address, const LockOptions& options,
-                                    Time now) {
+Lockout::Count* Lockout::Set::find(ClientNetwork network) {
+  const auto found = std::ranges::find(counts, network, &Count::network);
+  return found == counts.end() ? nullptr : &*found;
+}
+
+// A new count, or that of another in its place; null when there is no room.
+Lockout::Count* Lockout::Set::place(ClientNetwork network, const LockOptions& options, Time now) {
+  enum Claim { Expired, Free, OfNeighbour, OfStranger };  // to its place, the weakest first
+  const auto claimOf = [&](const Count& count) {
+    if (now >= count.forgottenAt) return Expired;
+    if (!count.standing(options, now).locked()) return Free;
+    return count.network.neighbours() == network.neighbours() ? OfNeighbour : OfStranger;
+  };
+  if (counts.size() < kSetSize) return &counts.emplace_back(Count{network});
+  const auto weakest = std::ranges::min_element(counts, {}, [&](const Count& count) {
+    return std::make_tuple(claimOf(count), count.forgottenAt);
+  });
+  if (claimOf(*weakest) == OfStranger) return nullptr;
+  *weakest = Count{network};
+  return &*weakest;
+}
+
+Lockout::Standing Lockout::fail(ClientNetwork network, std::string_view user,
+                                const LockOptions& options, Time now) {
+  clean_ = false;
+  Set& set = setOf(network);
+  const MutexLock lock(set.mutex);
+  Count* count = set.find(network);
+  if (!count) count = set.place(network, options, now);
+  if (!count) return {std::max(options.maxAttempts - 1, 1), {}};
+  if (count->standing(options, now).locked()) return count->standing(options, now);
+  if (now >= count->forgottenAt) *count = Count{network};
+  count->add(hash(user));
+  count->forgottenAt = now + options.lockTime;
+  return count->standing(options, now);
+}
+
+Lockout::Standing Lockout::standing(ClientNetwork network, const LockOptions& options, Time now) {
   if (clean_) return {options.maxAttempts, {}};
-  const std::string key(lockoutAddress(address));
-  const MutexLock lock(mutex_);
-  const auto found = counts_.find(key);
-  if (found != counts_.end()) return standingOf(found->second, options, now);
-  return standingOf(sharedUsed_ ? shared(key) : Count(), options, now);
+  Set& set = setOf(network);
+  const MutexLock lock(set.mutex);
+  const Count* const count = set.find(network);
+  return count ? count->standing(options, now) : Standing{options.maxAttempts, {}};
 }
 
-void Lockout::forget(std::string_view address, const LockOptions& options, Time now) {
+void Lockout::forget(ClientNetwork network, std::string_view user, const LockOptions& options,
+                     Time now) {
   if (clean_) return;
-  const MutexLock lock(mutex_);
-  const auto found = counts_.find(std::string(lockoutAddress(address)));
-  if (found == counts_.end() || standingOf(found->second, options, now).locked()) return;
-  counts_.erase(found);
-  clean_ = counts_.empty() && !sharedUsed_;
+  Set& set = setOf(network);
+  const MutexLock lock(set.mutex);
+  Count* const count = set.find(network);
+  if (count && !count->standing(options, now).locked()) count->remove(hash(user));
 }
 
-Lockout::Count& Lockout::shared(std::string_view address) {
-  uint8_t slot = 0;
-  keyedHash({key_.data(), key_.size()}, address, &slot, 1);
-  static_assert(kShared == 256, "one byte chooses");
-  return sharedCounts_[slot];
+uint32_t Lockout::hash(std::string_view bytes) const {
+  uint32_t number = 0;
+  keyedHash({key_.data(), key_.size()}, bytes, reinterpret_cast<uint8_t*>(&number), sizeof number);
+  return number;
 }
 
-void Lockout::makeRoom(Time now) {
-  if (now - roomMadeAt_ < kRoomInterval) return;
-  roomMadeAt_ = now;
-  std::erase_if(counts_, [&](const auto& entry) { return now >= entry.second.forgottenAt; });
+uint32_t Lockout::hash(uint64_t number) const {
+  return hash(std::string_view(reinterpret_cast<const char*>(&number), sizeof number));
+}
+
+Lockout::Set& Lockout::setOf(ClientNetwork network) {
+  const uint32_t first = hash(network.region());
+  return sets_[(first + hash(network.neighbours()) % kSetsOfRegion) % kSets];
 }
 
 }  // namespace qn

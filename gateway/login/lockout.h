@@ -1,4 +1,4 @@
-// Counts failed logins for each client address and locks an address that has too many. Called by
+// Counts failed logins for each client network and locks a network that has too many. Called by
 // login.
 #pragma once
 
@@ -6,25 +6,48 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <string>
+#include <cstdint>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 #include "gateway/config/configuration.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
 
+// What is counted as one client: an IPv4 address; of an IPv6 address the /64, because a host has as
+// many addresses in it as it likes. A text that is neither counts as it stands.
+class ClientNetwork {
+ public:
+  explicit ClientNetwork(std::string_view address);
+
+  bool operator==(const ClientNetwork&) const = default;
+  // The /24 or /48, and the /16 or /32, of whoever owns more than one.
+  uint64_t neighbours() const { return isIPv4() ? bits_ >> 8 : bits_ >> 16; }
+  uint64_t region() const { return isIPv4() ? bits_ >> 16 : bits_ >> 32; }
+
+ private:
+  bool isIPv4() const { return bits_ >> 32 == kIPv4; }
+
+  static constexpr uint64_t kIPv4 = 0xffff;  // ::/8 is reserved, so no IPv6 network begins so
+  uint64_t bits_;
+};
+
 // Thread-safe. Time is the caller's monotonic clock. Failures are forgotten LockOptions::lockTime
-// after the last one.
+// after the last one, and those of one user name when it logs in.
+//
+// The counts stand in sets. Which one is a network's follows from a keyed hash of what it belongs
+// to: a /48 (IPv4: /24) has one set, a /32 (/16) a quarter of them, so nobody takes the room of all
+// others. A full set gives up the oldest count that locks nobody, then the oldest lock of the same
+// /48; a lock of others stays. What finds no room is not counted, and locks nobody.
 class Lockout {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  // Addresses with failures of their own count. Beyond them, others share kShared counts, chosen by
-  // a keyed hash: a flood of addresses pushes nobody out and buys a bounded number of guesses.
-  static constexpr std::size_t kAddresses = 16 * 1024;
-  static constexpr std::size_t kShared = 256;
+  static constexpr std::size_t kSets = 64;
+  static constexpr std::size_t kSetsOfRegion = kSets / 4;
+  static constexpr std::size_t kSetSize = 256;
+  static constexpr std::size_t kNames = 8;  // of one network; failures of further ones stay
 
   struct Standing {
     int attemptsLeft = 0;              // 0: locked
@@ -36,35 +59,43 @@ class Lockout {
   Lockout(const Lockout&) = delete;
   Lockout& operator=(const Lockout&) = delete;
 
-  // Counts a failure; a locked address stays locked no longer for it.
-  Standing fail(std::string_view address, const LockOptions& options, Time now);
-  Standing standing(std::string_view address, const LockOptions& options, Time now);
-  // After a login, unless the address is locked. A shared count stays: one who can log in must not
-  // buy guesses for others.
-  void forget(std::string_view address, const LockOptions& options, Time now);
+  // Counts a failure; a locked network stays locked no longer for it.
+  Standing fail(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);
+  Standing standing(ClientNetwork network, const LockOptions& options, Time now);
+  // After a login, unless the network is locked: forgets what was counted against this user name.
+  // One who can log in must not buy guesses at others.
+  void forget(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);
 
  private:
+  struct Name {
+    uint32_t hash = 0;
+    uint16_t failures = 0;
+  };
   struct Count {
+    ClientNetwork network;
     int failures = 0;
     Time forgottenAt{};
+    std::array<Name, kNames> names{};
+
+    Standing standing(const LockOptions& options, Time now) const;
+    void add(uint32_t name);
+    void remove(uint32_t name);
+  };
+  struct Set {
+    Mutex mutex;
+    std::vector<Count> counts QN_GUARDED_BY(mutex);
+
+    Count* find(ClientNetwork network) QN_REQUIRES(mutex);
+    Count* place(ClientNetwork network, const LockOptions& options, Time now) QN_REQUIRES(mutex);
   };
 
-  static Standing standingOf(const Count& count, const LockOptions& options, Time now);
-  Count& shared(std::string_view address) QN_REQUIRES(mutex_);
-  void makeRoom(Time now) QN_REQUIRES(mutex_);
+  uint32_t hash(std::string_view bytes) const;
+  uint32_t hash(uint64_t number) const;
+  Set& setOf(ClientNetwork network);
 
-  std::array<char, 32> key_{};  // constant after construction
-  // Nothing is counted: the usual case, told without the lock.
-  std::atomic<bool> clean_{true};
-  Mutex mutex_;
-  std::unordered_map<std::string, Count> counts_ QN_GUARDED_BY(mutex_);
-  std::array<Count, kShared> sharedCounts_ QN_GUARDED_BY(mutex_){};
-  bool sharedUsed_ QN_GUARDED_BY(mutex_) = false;
-  Time roomMadeAt_ QN_GUARDED_BY(mutex_){};
+  std::array<char, 32> key_{};     // constant after construction
+  std::atomic<bool> clean_{true};  // nothing has been counted yet: told without a lock
+  std::array<Set, kSets> sets_;
 };
-
-// What is counted as one client: an IPv4 address; of an IPv6 address the network, because a host
-// has as many addresses in it as it likes. The text may have been cut at its end.
-std::string_view lockoutAddress(std::string_view clientAddress);
 
 }  // namespace qn

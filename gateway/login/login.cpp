@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "gateway/auth/auth_reader.h"
+#include "gateway/auth/login_request.h"
 #include "platform/config_mgr.h"
 #include "text/ascii.h"
 #include "text/hex.h"
@@ -28,33 +28,27 @@ bool readCount(std::string_view digits, uint32_t& count) {
   return digits.size() == 8 && std::from_chars(digits.data(), end, count, 16).ptr == end;
 }
 
-bool isForAlgorithm(const DigestCredentials& given, DigestAlgorithm algorithm) {
-  return given.algorithm.data() ? text::equalNoCase(given.algorithm, algorithmName(algorithm))
-                                : algorithm == DigestAlgorithm::MD5;
+// False for an algorithm that the configuration does not offer.
+bool readAlgorithm(const DigestCredentials& given, const Configuration& config,
+                   DigestAlgorithm& algorithm) {
+  using enum DigestAlgorithm;
+  const bool sha256 = text::equalNoCase(given.algorithm, algorithmName(SHA256));
+  algorithm = sha256 ? SHA256 : MD5;
+  const bool known =
+      !given.algorithm.data() || sha256 || text::equalNoCase(given.algorithm, algorithmName(MD5));
+  return known && config.offers(algorithm);
 }
 
 // Whether these could be right at all. Others are no guess, so they are not counted.
-bool isComplete(const DigestCredentials& given, const KavroOptions& options) {
-  return given.username.data() && given.realm == options.realm && !given.nonce.empty() &&
-         !given.uri.empty() && given.qop == "auth" && !given.cnonce.empty() &&
-         given.response.size() == hexLength(options.algorithm) && text::isHex(given.response) &&
-         isForAlgorithm(given, options.algorithm) && !text::equalNoCase(given.userhash, "true");
+bool isComplete(const DigestCredentials& given, std::string_view realm, DigestAlgorithm algorithm) {
+  return given.realm == realm && !given.nonce.empty() && !given.uri.empty() &&
+         given.qop == "auth" && !given.cnonce.empty() &&
+         given.response.size() == hexLength(algorithm) && text::isHex(given.response);
 }
 
-const UserConfig* findUser(const Configuration& config, std::string_view username) {
-  if (username.find('\\') == username.npos) return config.findUser(username);
-  return config.findUser(unescapeQuoted(username));
-}
-
-bool isRight(const DigestCredentials& given, std::string_view method, const UserConfig* user,
-             DigestAlgorithm algorithm) {
-  const std::size_t length = hexLength(algorithm);
-  const bool known = user && user->ha1.size() == length;
-  const HexDigest expected =
-      digestResponse(algorithm, known ? std::string_view(user->ha1) : kNoHa1.substr(0, length),
-                     {method, given.uri, given.nonce, given.nc, given.cnonce});
-  const bool same = equalInConstantTime(expected.text(), given.response);
-  return known && same;
+std::string lower(std::string text) {
+  std::ranges::transform(text, text.begin(), text::lower);
+  return text;
 }
 
 // The device that a request is for; null when the user may not use the one that its port names.
@@ -78,41 +72,111 @@ void clear(tagDIGEST_RESULT& result) {
 
 }  // namespace
 
+// Credentials that could be right, and what they are judged by.
+struct Login::Attempt {
+  // False for what is no guess.
+  bool read(std::string_view authorization, const Configuration& inForce) {
+    if (!parseDigestCredentials(authorization, given) || !usernameOf(given, name) ||
+        !readAlgorithm(given, inForce, algorithm) ||
+        !isComplete(given, inForce.kavro.realm, algorithm) || !readCount(given.nc, count)) {
+      return false;
+    }
+    const bool hashed = text::equalNoCase(given.userhash, "true");
+    user = hashed ? inForce.findHashedUser(lower(name)) : inForce.findUser(name);
+    if (user) name = user->name;
+    config = &inForce;
+    return true;
+  }
+
+  HexDigest digest(std::string_view method) const {
+    const std::string_view known = user ? user->ha1For(algorithm) : std::string_view();
+    return digestResponse(algorithm, known.empty() ? kNoHa1.substr(0, hexLength(algorithm)) : known,
+                          {method, given.uri, given.nonce, given.nc, given.cnonce});
+  }
+  bool isRight(std::string_view method) const {
+    const bool same = equalInConstantTime(digest(method).text(), given.response);
+    return same && user && !user->ha1For(algorithm).empty();
+  }
+
+  DigestCredentials given;
+  uint32_t count = 0;
+  DigestAlgorithm algorithm = DigestAlgorithm::MD5;
+  const Configuration* config = nullptr;
+  const UserConfig* user = nullptr;  // null: unknown
+  std::string name;
+  Lockout::Time now;
+};
+
 DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
                           const tagDIGEST_REQUEST& request, int mode) {
   clear(result);
-  const Configuration& config = *configuration();
-  const DigestAlgorithm algorithm = config.kavro.algorithm;
-  const std::string_view address = textOf(request.clientIp);
-  DigestCredentials given;
-  uint32_t count = 0;
-  if (!parseDigestCredentials(textOf(request.authorization), given) ||
-      !isComplete(given, config.kavro) || !readCount(given.nc, count)) {
+  const std::shared_ptr<const Configuration> held = configuration();
+  const Configuration& config = *held;
+  Attempt attempt;
+  if (!attempt.read(textOf(request.authorization), config)) {
     return withoutCredentials(result, config);
   }
-  const auto now = clock_();
-  const UserConfig* const user = findUser(config, given.username);
-  if (!isRight(given, method, user, algorithm)) {
-    return refuse(result, config, lockout_.fail(address, config.lock, now));
+  const LoginRequest* const service = LoginRequest::current();
+  const ClientNetwork client(service ? service->clientAddress() : textOf(request.clientIp));
+  attempt.now = clock_();
+  if (!attempt.isRight(method)) {
+    return refuse(result, config, lockout_.fail(client, attempt.name, config.lock, attempt.now));
   }
   // The lock is looked at only now, so that a guess made while another one locked the address is
   // refused too.
-  const Lockout::Standing standing = lockout_.standing(address, config.lock, now);
+  const Lockout::Standing standing = lockout_.standing(client, config.lock, attempt.now);
   if (standing.locked()) return refuse(result, config, standing);
-  if (!nonces_.use(given.nonce, count, user->name, now)) {
-    challenge(result, config.kavro, true);
+  const Nonces::Use use = nonces_.use(attempt.given.nonce, attempt.count, attempt.name,
+                                      config.kavro.nonceKey, attempt.now);
+  if (use != Nonces::Use::Fresh) {
+    // Without a key of its own nobody can tell a nonce from before the start from an invented one.
+    challenge(result, config, use == Nonces::Use::Stale || config.kavro.nonceKey.empty());
     return DIGEST_NO_CREDENTIALS;
   }
-  lockout_.forget(address, config.lock, now);
-  const std::string* const device = deviceFor(config, *user, mode, request.port);
+  lockout_.forget(client, attempt.name, config.lock, attempt.now);
+  return admit(result, attempt, mode, request.port);
+}
+
+bool Login::recognise(std::string_view method, std::string_view authorization) {
+  const std::shared_ptr<const Configuration> held = configuration();
+  Attempt attempt;
+  return attempt.read(authorization.substr(0, DIGEST_AUTHORIZATION_MAX), *held) &&
+         attempt.isRight(method) &&
+         nonces_.isFresh(attempt.given.nonce, attempt.count, attempt.name, held->kavro.nonceKey,
+                         clock_());
+}
+
+DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int mode,
+                          uint16_t port) {
+  const std::string* const device = deviceFor(*attempt.config, *attempt.user, mode, port);
   if (!device) return DIGEST_NOT_ALLOWED;
   std::snprintf(result.devIndex, sizeof result.devIndex, "%s", device->c_str());
+  LoginRequest* const service = LoginRequest::current();
+  if (service) service->loggedIn(attempt.name, *device, authenticationInfo(attempt));
   return DIGEST_OK;
+}
+
+// Proves to the client that the gateway knows the password, and hands out the next nonce in time.
+std::string Login::authenticationInfo(const Attempt& attempt) {
+  const DigestCredentials& given = attempt.given;
+  std::string info = "rspauth=\"";
+  info.append(attempt.digest("").text()).append("\", cnonce=\"").append(given.cnonce);
+  info.append("\", qop=auth, nc=").append(given.nc);
+  char nonce[64];
+  if (Nonces::shouldRenew(given.nonce, attempt.now) &&
+      createNonce(nonce, sizeof nonce, Nonces::kRandomMin) > 0) {
+    info.append(", nextnonce=\"").append(nonce) += '"';
+  }
+  return info;
+}
+
+int Login::createNonce(char* buffer, int size, int randomBytes) {
+  return nonces_.create(buffer, size, randomBytes, configuration()->kavro.nonceKey, clock_());
 }
 
 // The caller makes the plain MD5 challenge itself.
 DigestResult Login::withoutCredentials(tagDIGEST_RESULT& result, const Configuration& config) {
-  if (config.kavro.algorithm != DigestAlgorithm::MD5) challenge(result, config.kavro, false);
+  if (config.offers(DigestAlgorithm::SHA256)) challenge(result, config, false);
   return DIGEST_NO_CREDENTIALS;
 }
 
@@ -120,17 +184,25 @@ DigestResult Login::refuse(tagDIGEST_RESULT& result, const Configuration& config
                            const Lockout::Standing& standing) {
   result.retryLoginTime = standing.attemptsLeft;
   result.unlockTime = int32_t(standing.unlockIn.count());
-  challenge(result, config.kavro, false);
+  challenge(result, config, false);
   return DIGEST_REFUSED;
 }
 
-void Login::challenge(tagDIGEST_RESULT& result, const KavroOptions& options, bool stale) {
+// One for each algorithm that is offered, the gateway's own first.
+void Login::challenge(tagDIGEST_RESULT& result, const Configuration& config, bool stale) {
+  using enum DigestAlgorithm;
   char nonce[64];
   createNonce(nonce, sizeof nonce, Nonces::kRandomMin);
-  std::snprintf(result.wwwAuthenticate, sizeof result.wwwAuthenticate,
-                "Digest qop=\"auth\", realm=\"%s\", nonce=\"%s\", stale=\"%s\"%s",
-                options.realm.c_str(), nonce, stale ? "TRUE" : "FALSE",
-                options.algorithm == DigestAlgorithm::MD5 ? "" : ", algorithm=SHA-256");
+  const DigestAlgorithm own = config.kavro.algorithm;
+  std::string text;
+  for (const DigestAlgorithm algorithm : {own, own == MD5 ? SHA256 : MD5}) {
+    if (!config.offers(algorithm)) continue;
+    if (!text.empty()) text += ", ";
+    text.append("Digest qop=\"auth\", realm=\"").append(config.kavro.realm);
+    text.append("\", nonce=\"").append(nonce).append("\", stale=\"");
+    text.append(stale ? "TRUE\"" : "FALSE\"").append(algorithm == MD5 ? "" : ", algorithm=SHA-256");
+  }
+  std::snprintf(result.wwwAuthenticate, sizeof result.wwwAuthenticate, "%s", text.c_str());
 }
 
 }  // namespace qn
@@ -144,6 +216,10 @@ qn::Login& login() {
 }
 
 }  // namespace
+
+bool qn::recogniseLogin(std::string_view method, std::string_view authorization) {
+  return login().recognise(method, authorization);
+}
 
 int QN_KAVROMgrBus_CheckDigest(tagDIGEST_RESULT& result, const char* method,
                                const tagDIGEST_REQUEST& request, int mode) {

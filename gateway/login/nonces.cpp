@@ -5,26 +5,33 @@
 #include <cstdio>
 #include <functional>
 
-#include "gateway/auth/digest.h"
 #include "text/hex.h"
 
 namespace qn {
 namespace {
 
-// A nonce is, in hexadecimal: the second it was made (4 bytes), random bytes, the keyed hash.
+// A nonce is, in hexadecimal: when it was made (4 bytes), random bytes, and two marks: one
+// under the key, which tells who may have made it, one under the process's own. Far fewer bytes
+// than the hashes have, so that nobody can compute on from them.
 constexpr std::size_t kTimeDigits = 8;
-// Far fewer bytes than the hash has, so that nobody can compute on from them.
-constexpr std::size_t kHashBytes = 11;
-constexpr std::size_t kHashDigits = 2 * kHashBytes;
+constexpr std::size_t kKeyMark = 8;
+constexpr std::size_t kOwnMark = 3;
+constexpr std::size_t kMarkDigits = 2 * (kKeyMark + kOwnMark);
 
-uint32_t secondsOf(Nonces::Time now) {
-  return uint32_t(std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count());
+// Short, so that few nonces are of one age. The number wraps after eight years.
+using Tick = std::chrono::duration<int64_t, std::ratio<1, 16>>;
+
+uint32_t tickOf(Nonces::Time now) {
+  return uint32_t(std::chrono::duration_cast<Tick>(now.time_since_epoch()).count());
 }
 
-bool timeOf(std::string_view nonce, uint32_t& seconds) {
+constexpr uint32_t kLifeTicks = uint32_t(Tick(Nonces::kLife).count());
+constexpr uint32_t kRenewalTicks = uint32_t(Tick(Nonces::kRenewal).count());
+
+bool timeOf(std::string_view nonce, uint32_t& tick) {
   const char* const end = nonce.data() + kTimeDigits;
-  return nonce.size() > kTimeDigits + kHashDigits &&
-         std::from_chars(nonce.data(), end, seconds, 16).ptr == end;
+  return nonce.size() > kTimeDigits + kMarkDigits &&
+         std::from_chars(nonce.data(), end, tick, 16).ptr == end;
 }
 
 }  // namespace
@@ -41,87 +48,117 @@ bool CountWindow::take(uint32_t count) {
   return true;
 }
 
-Nonces::Nonces() : hasKey_(fillRandom(reinterpret_cast<uint8_t*>(key_.data()), key_.size())) {}
+Nonces::Nonces() : hasOwn_(fillRandom(reinterpret_cast<uint8_t*>(own_.data()), own_.size())) {}
 
-int Nonces::create(char* buffer, int size, int randomBytes, Time now) const {
+bool Nonces::markOf(std::string_view text, std::string_view key, Marks& marks) const {
+  static_assert(kKeyMark + kOwnMark == std::tuple_size_v<Marks>);
+  const std::string_view own(own_.data(), own_.size());
+  return hasOwn_ && keyedHash(own, text, marks.data() + kKeyMark, kOwnMark) &&
+         keyedHash(key.empty() ? own : key, text, marks.data(), kKeyMark);
+}
+
+int Nonces::create(char* buffer, int size, int randomBytes, std::string_view key, Time now) const {
   if (!buffer || size <= 0) return 0;
   buffer[0] = '\0';
   const std::size_t randomCount = std::size_t(std::clamp(randomBytes, kRandomMin, kRandomMax));
-  const std::size_t length = kTimeDigits + 2 * randomCount + kHashDigits;
+  const std::size_t length = kTimeDigits + 2 * randomCount + kMarkDigits;
   std::array<uint8_t, kRandomMax> random;
-  std::array<uint8_t, kHashBytes> hash;
-  if (!hasKey_ || std::size_t(size) <= length || !fillRandom(random.data(), randomCount)) return 0;
+  Marks marks;
+  if (std::size_t(size) <= length || !fillRandom(random.data(), randomCount)) return 0;
 
-  Text text{};
-  std::snprintf(text.data(), text.size(), "%08x", unsigned(secondsOf(now)));
+  std::array<char, kTextMax + 1> text{};
+  std::snprintf(text.data(), text.size(), "%08x", unsigned(tickOf(now)));
   text::writeHex({random.data(), randomCount}, text.data() + kTimeDigits);
-  const std::string_view hashed(text.data(), length - kHashDigits);
-  if (!keyedHash({key_.data(), key_.size()}, hashed, hash.data(), hash.size())) return 0;
-  text::writeHex(hash, text.data() + hashed.size());
+  const std::string_view marked(text.data(), length - kMarkDigits);
+  if (!markOf(marked, key, marks)) return 0;
+  text::writeHex(marks, text.data() + marked.size());
   std::copy_n(text.data(), length + 1, buffer);
   return int(length);
 }
 
-bool Nonces::authentic(std::string_view nonce) const {
-  const std::string_view hashed = nonce.substr(0, nonce.size() - kHashDigits);
-  std::array<uint8_t, kHashBytes> hash;
-  std::array<char, kHashDigits> digits;
-  if (!hasKey_ || !keyedHash({key_.data(), key_.size()}, hashed, hash.data(), hash.size())) {
-    return false;
+Nonces::Origin Nonces::originOf(std::string_view nonce, std::string_view key) const {
+  const std::string_view marked = nonce.substr(0, nonce.size() - kMarkDigits);
+  Marks marks;
+  if (!markOf(marked, key, marks)) return Origin::Foreign;
+  const std::string digits = text::hexOf(marks);
+  const std::string_view expected(digits);
+  const std::string_view given = nonce.substr(marked.size());
+  if (!equalInConstantTime(expected.substr(0, 2 * kKeyMark), given.substr(0, 2 * kKeyMark))) {
+    return Origin::Foreign;
   }
-  text::writeHex(hash, digits.data());
-  return equalInConstantTime({digits.data(), digits.size()}, nonce.substr(hashed.size()));
+  return equalInConstantTime(expected.substr(2 * kKeyMark), given.substr(2 * kKeyMark))
+             ? Origin::Own
+             : Origin::Sibling;
 }
 
-bool Nonces::use(std::string_view nonce, uint32_t count, std::string_view user, Time time) {
-  const uint32_t now = secondsOf(time);
+Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view user,
+                        std::string_view key, Time time) {
+  const uint32_t now = tickOf(time);
   uint32_t madeAt = 0;
-  // One from the future is too old as well: the difference wraps.
-  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt) || now - madeAt > kLife.count()) {
+  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return Use::Foreign;
+  Bucket& bucket = bucketOf(nonce, user);
+  const MutexLock lock(bucket.mutex);
+  const auto found = bucket.byText.find(nonce);
+  UsedNonce* entry = found == bucket.byText.end() ? nullptr : &*found->second;
+  if (!entry) {
+    const Origin origin = originOf(nonce, key);
+    if (origin == Origin::Foreign) return Use::Foreign;
+    if (origin == Origin::Sibling || madeAt <= bucket.forgotten) return Use::Stale;
+  }
+  if (now - madeAt > kLifeTicks) return Use::Stale;
+  if (!entry) {
+    bucket.makeRoom(now);
+    entry = &bucket.add(nonce, madeAt);
+  } else {
+    bucket.used.splice(bucket.used.end(), bucket.used, found->second);
+  }
+  entry->usedAt = now;
+  return entry->counts.take(count) ? Use::Fresh : Use::Stale;
+}
+
+bool Nonces::isFresh(std::string_view nonce, uint32_t count, std::string_view user,
+                     std::string_view key, Time time) {
+  uint32_t madeAt = 0;
+  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt) || tickOf(time) - madeAt > kLifeTicks) {
     return false;
   }
-  Text text{};
-  std::copy(nonce.begin(), nonce.end(), text.begin());
-  Bucket& bucket = buckets_[NonceHash()(text) % kBuckets];
+  Bucket& bucket = bucketOf(nonce, user);
   const MutexLock lock(bucket.mutex);
-  Generation& home = generation(bucket, madeAt);
-  const auto found = home.entries.find(text);
-  if (found != home.entries.end()) return found->second.counts.take(count);
-  if (!authentic(nonce)) return false;
-
-  const auto userSlot = uint8_t(std::hash<std::string_view>()(user) % inUseBySlot_.size());
-  if (!mayAdd(bucket, userSlot)) dropExpired(bucket, now);
-  if (!mayAdd(bucket, userSlot)) return false;
-  UsedNonce& entry = home.entries[text];
-  entry.userSlot = userSlot;
-  ++bucket.size;
-  ++inUseBySlot_[userSlot];
-  return entry.counts.take(count);
+  const auto found = bucket.byText.find(nonce);
+  if (found != bucket.byText.end()) return found->second->counts.isFree(count);
+  return originOf(nonce, key) == Origin::Own && madeAt > bucket.forgotten;
 }
 
-bool Nonces::mayAdd(const Bucket& bucket, uint8_t userSlot) const {
-  return bucket.size < kInUse / kBuckets && inUseBySlot_[userSlot] < kInUseByUser;
+bool Nonces::shouldRenew(std::string_view nonce, Time now) {
+  uint32_t madeAt = 0;
+  return timeOf(nonce, madeAt) && tickOf(now) - madeAt >= kRenewalTicks;
 }
 
-Nonces::Generation& Nonces::generation(Bucket& bucket, uint32_t madeAt) {
-  const uint32_t number = madeAt / kGenerationSeconds;
-  Generation& generation = bucket.generations[number % kGenerations];
-  if (generation.number != number) clear(bucket, generation);
-  generation.number = number;
-  return generation;
+Nonces::UsedNonce& Nonces::Bucket::add(std::string_view nonce, uint32_t madeAt) {
+  Used one(1);
+  UsedNonce& entry = one.front();
+  std::ranges::copy(nonce, entry.text.begin());
+  entry.length = uint8_t(nonce.size());
+  entry.madeAt = madeAt;
+  byText.emplace(entry.view(), one.begin());
+  used.splice(used.end(), one);
+  return entry;
 }
 
-void Nonces::clear(Bucket& bucket, Generation& generation) {
-  for (const auto& [text, entry] : generation.entries) --inUseBySlot_[entry.userSlot];
-  bucket.size -= generation.entries.size();
-  decltype(generation.entries)().swap(generation.entries);  // gives its buckets back too
+void Nonces::Bucket::makeRoom(uint32_t now) {
+  const auto dropFirst = [this]() QN_REQUIRES(mutex) {
+    byText.erase(used.front().view());
+    used.pop_front();
+  };
+  while (!used.empty() && now - used.front().usedAt > kLifeTicks) dropFirst();
+  if (used.size() < kBucketEntries) return;
+  forgotten = std::max(forgotten, used.front().madeAt);
+  dropFirst();
 }
 
-void Nonces::dropExpired(Bucket& bucket, uint32_t now) {
-  for (Generation& generation : bucket.generations) {
-    const uint32_t lastMade = (generation.number + 1) * kGenerationSeconds - 1;
-    if (lastMade + kLife.count() < now) clear(bucket, generation);
-  }
+Nonces::Bucket& Nonces::bucketOf(std::string_view nonce, std::string_view user) {
+  const std::hash<std::string_view> hash;
+  return buckets_[(hash(user) + hash(nonce) % kBucketsOfUser) % kBuckets];
 }
 
 }  // namespace qn

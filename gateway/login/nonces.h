@@ -1,16 +1,17 @@
-// The nonces of Digest login. A nonce carries its time and a keyed hash, so that making one stores
+// The nonces of Digest login. A nonce carries its time and keyed hashes, so that making one stores
 // nothing; what is stored, after a login with right credentials, is which of its counts were used.
 // Called by login.
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <string_view>
 #include <unordered_map>
 
+#include "gateway/auth/digest.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
@@ -23,6 +24,10 @@ class CountWindow {
 
   // False when the count was used before, or is too far behind the highest.
   bool take(uint32_t count);
+  bool isFree(uint32_t count) const {
+    if (count > highest_) return true;
+    return highest_ - count < kCounts && (used_[count % kCounts / 64] & bit(count)) == 0;
+  }
 
  private:
   uint64_t& word(uint32_t count) { return used_[count % kCounts / 64]; }
@@ -38,61 +43,72 @@ class Nonces {
   using Time = std::chrono::steady_clock::time_point;
 
   static constexpr std::chrono::seconds kLife{300};
-  // Nonces in use; one user name has a quarter at most, so that no user can keep others out.
-  static constexpr std::size_t kInUse = 128 * 1024;
-  static constexpr std::size_t kInUseByUser = kInUse / 4;
+  static constexpr std::chrono::seconds kRenewal{240};  // from this age on there should be a next
+  // Of the nonces in use. One user reaches a quarter of it. When that is full, the nonce that was
+  // unused for longest goes, and with it all of its age that have not been used yet, because nobody
+  // remembers any more which of those were.
+  static constexpr std::size_t kBytes = 32 * 1024 * 1024;
   static constexpr int kRandomMin = 8;
   static constexpr int kRandomMax = 16;
+
+  // Fresh: for the first time, with this count. Stale: too old, of another process with the same
+  // key, its count used, or forgotten. Foreign: nobody with the key made it.
+  enum class Use { Fresh, Stale, Foreign };
 
   Nonces();
   Nonces(const Nonces&) = delete;
   Nonces& operator=(const Nonces&) = delete;
 
-  // As CreateNonce of platform/kavro_mgr_bus.h.
-  int create(char* buffer, int size, int randomBytes, Time now) const;
+  // As CreateNonce of platform/kavro_mgr_bus.h. `key`: of all gateways that know each other's
+  // nonces; the process's own when it is empty.
+  int create(char* buffer, int size, int randomBytes, std::string_view key, Time now) const;
 
-  // Uses a nonce with this count once. Call it for right credentials only, since it stores. False
-  // when the nonce is not of this process or too old, when the count is not fresh, and when as many
-  // nonces as allowed are in use: the client then needs another nonce.
-  bool use(std::string_view nonce, uint32_t count, std::string_view user, Time now);
+  // Uses a nonce with this count once. Call it for right credentials only, since it stores.
+  Use use(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
+          Time now);
+  // Whether use() would find the count fresh. Stores nothing.
+  bool isFresh(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
+               Time now);
+  // Of a nonce that could be used.
+  static bool shouldRenew(std::string_view nonce, Time now);
 
  private:
   static constexpr std::size_t kTextMax = 63;
-  using Text = std::array<char, kTextMax + 1>;  // padded with NUL
-  struct NonceHash {
-    std::size_t operator()(const Text& text) const {
-      return std::hash<std::string_view>()({text.data(), text.size()});
-    }
-  };
   struct UsedNonce {
+    std::array<char, kTextMax> text{};
+    uint8_t length = 0;
+    uint32_t madeAt = 0;  // as in the nonce
+    uint32_t usedAt = 0;
     CountWindow counts;
-    uint8_t userSlot = 0;
+
+    std::string_view view() const { return {text.data(), length}; }
   };
-  // The nonces made within the same kGenerationSeconds; they go together.
-  struct Generation {
-    uint32_t number = 0;
-    std::unordered_map<Text, UsedNonce, NonceHash> entries;
-  };
-  static constexpr uint32_t kGenerationSeconds = 30;
-  static constexpr uint32_t kGenerations = uint32_t(kLife.count()) / kGenerationSeconds + 2;
+  using Used = std::list<UsedNonce>;  // the one unused for longest first
   struct Bucket {
     Mutex mutex;
-    // By number modulo kGenerations.
-    std::array<Generation, kGenerations> generations QN_GUARDED_BY(mutex);
-    std::size_t size QN_GUARDED_BY(mutex) = 0;
+    Used used QN_GUARDED_BY(mutex);
+    std::unordered_map<std::string_view, Used::iterator> byText QN_GUARDED_BY(mutex);
+    // No nonce that was made then or before is taken in any more.
+    uint32_t forgotten QN_GUARDED_BY(mutex) = 0;
+
+    UsedNonce& add(std::string_view nonce, uint32_t madeAt) QN_REQUIRES(mutex);
+    void makeRoom(uint32_t now) QN_REQUIRES(mutex);
   };
   static constexpr std::size_t kBuckets = 16;
+  static constexpr std::size_t kBucketsOfUser = kBuckets / 4;
+  // With what the list, the map and the allocator take for it.
+  static constexpr std::size_t kEntryBytes = sizeof(UsedNonce) + 112;
+  static constexpr std::size_t kBucketEntries = kBytes / kBuckets / kEntryBytes;
 
-  bool authentic(std::string_view nonce) const;
-  Generation& generation(Bucket& bucket, uint32_t madeAt) QN_REQUIRES(bucket.mutex);
-  void clear(Bucket& bucket, Generation& generation) QN_REQUIRES(bucket.mutex);
-  void dropExpired(Bucket& bucket, uint32_t now) QN_REQUIRES(bucket.mutex);
-  bool mayAdd(const Bucket& bucket, uint8_t userSlot) const QN_REQUIRES(bucket.mutex);
+  enum class Origin { Own, Sibling, Foreign };
+  using Marks = std::array<uint8_t, 11>;
+  bool markOf(std::string_view text, std::string_view key, Marks& marks) const;
+  Origin originOf(std::string_view nonce, std::string_view key) const;
+  Bucket& bucketOf(std::string_view nonce, std::string_view user);
 
-  std::array<char, 32> key_{};  // constant after construction
-  bool hasKey_ = false;         // constant after construction
+  std::array<char, 32> own_{};  // constant after construction
+  bool hasOwn_ = false;         // constant after construction
   std::array<Bucket, kBuckets> buckets_;
-  std::array<std::atomic<uint32_t>, 256> inUseBySlot_{};  // by a hash of the user name
 };
 
 }  // namespace qn

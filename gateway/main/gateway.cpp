@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "gateway/log/log.h"
+#include "gateway/login/login.h"
+#include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
 #include "platform/config_mgr.h"
 
@@ -38,14 +40,14 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       module_(module),
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
-                configuration_->pictures),
+                configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
-      bus_(reactors_, translations_),
-      alarms_(reactors_),
-      http_(reactors_, {files_, waiting_}, configuration_->http, module_.process(), HttpBounds{},
-            {pictures_.resource()}) {
+      bus_(reactors_, translations_, devices_),
+      alarms_(reactors_, devices_),
+      http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
+            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
   try {
     start();
   } catch (...) {
@@ -68,6 +70,8 @@ void Gateway::start() {
   reactors_.start();
   module_.init();
   http_.listen();
+  // A gateway without its picture port would hand out dead URLs.
+  http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   applyExtraPorts();
   logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
           configuration_->http.address, http_.port());

@@ -2,19 +2,19 @@
 // SIGTERM or SIGINT. SIGHUP reads the configuration again.
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
-#include <thread>
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
+#include "gateway/main/descriptors.h"
 #include "gateway/main/gateway.h"
 
 namespace {
@@ -29,14 +29,6 @@ struct Arguments {
 std::filesystem::path moduleBesideProgram() {
   const auto program = std::filesystem::read_symlink("/proc/self/exe");
   return program.parent_path().parent_path() / "lib" / "libQNKAVROProtocol.so";
-}
-
-// One connection is one descriptor, so as many as the system allows.
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // Blocked in every thread and taken one by one by serve(); a write to a closed socket is no signal.
@@ -61,19 +53,26 @@ void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
 
 // Operators are promised 10 s. All else has its own bound, but not the system's resolver: asked for
 // a device's name while the name servers are silent, it holds up the end of its thread.
-constexpr std::chrono::milliseconds kStopTime{9500};
+constexpr itimerval kStopTime{{}, {9, 500'000}};
 
-void endInTime() {
-  std::thread([] {
-    std::this_thread::sleep_for(kStopTime);
-    qn::logWarn("ended without waiting for what is still under way");
-    _exit(0);
-  }).detach();
+void endNow(int) {
+  static constexpr char kText[] = "qn-gateway: ended without waiting for what is still under way\n";
+  [[maybe_unused]] const auto written = write(STDERR_FILENO, kText, sizeof kText - 1);
+  _exit(0);
 }
 
+// By a signal, because it must come where there is no memory left for a thread.
+void endInTime() {
+  signal(SIGALRM, endNow);
+  setitimer(ITIMER_REAL, &kStopTime, nullptr);
+}
+
+constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
+
 void serve(const Arguments& arguments) {
+  umask(kNobodyElse);
   const auto signals = blockSignals();
-  raiseDescriptorLimit();
+  qn::raiseDescriptorLimit();
   auto configuration = qn::readConfiguration(arguments.config);
   qn::setLogLevel(configuration.log.level);
   qn::Gateway gateway(std::move(configuration), arguments.module);

@@ -28,6 +28,7 @@ class Reactors {
   // thread. Harmless when repeated.
   void stop();
 
+  bool isRunning() const { return !threads_.empty(); }  // by the thread that starts and stops
   std::size_t size() const { return contexts_.size(); }
   boost::asio::io_context& context(std::size_t index) { return *contexts_[index]; }
 

@@ -2,6 +2,7 @@
 #include "gateway/pictures/picture_resource.h"
 
 #include <optional>
+#include <utility>
 
 #include "gateway/config/picture_uploader.h"
 #include "gateway/pictures/picture_file.h"
@@ -11,19 +12,19 @@
 namespace qn {
 namespace {
 
-// As devices reach it. Throws nothing but std::bad_alloc; empty without an address.
-std::string urlOf(const std::string& name) {
-  const auto network = QN_ConfigMgr_GetNetworkCfg();
+// Where devices look for it. Throws nothing but std::bad_alloc; empty without an address.
+std::string urlOf(const CNetworkCfg& network, const std::string& name) {
   _NIC_INFO_V4 address{};
-  if (!network || network->getIPv4ByProtocol(address, DEVICE_PROTOCOL_KAVRO) != 0) return {};
+  if (network.getIPv4ByProtocol(address, DEVICE_PROTOCOL_KAVRO) != 0) return {};
   return std::string("http://") + address.address + ':' +
-         std::to_string(network->getPssUploadPort()) + std::string(PictureResource::kPrefix) + name;
+         std::to_string(network.getPssUploadPort()) + std::string(PictureResource::kPrefix) + name;
 }
 
 }  // namespace
 
-PictureResource::PictureResource(const std::filesystem::path& folder, const PictureOptions& options)
-    : store_(folder, options) {
+PictureResource::PictureResource(const std::filesystem::path& folder, const PictureOptions& options,
+                                 PortCheck isServed)
+    : isServed_(std::move(isServed)), store_(folder, options) {
   setPictureUploader(
       [this](int& errorOut, std::string& urlOut, const std::string& picture,
              const std::string& /*clientUrl*/) { return upload(errorOut, urlOut, picture); });
@@ -37,11 +38,14 @@ OwnResource PictureResource::resource() {
 }
 
 bool PictureResource::upload(int& errorOut, std::string& urlOut, std::string_view picture) {
+  errorOut = 0;
+  const auto network = QN_ConfigMgr_GetNetworkCfg();
+  if (!network || !isServed_(static_cast<uint16_t>(network->getPssUploadPort()))) return false;
   std::string name;
   const PictureStore::Result result = store_.add(picture, name);
   errorOut = result == PictureStore::Result::Full ? kFull : 0;
   if (result != PictureStore::Result::Stored) return false;
-  urlOut = urlOf(name);
+  urlOut = urlOf(*network, name);
   return !urlOut.empty();
 }
 

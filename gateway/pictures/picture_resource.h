@@ -6,7 +6,9 @@
 // A name of 128 random bits is what gives access, and only who uploaded and the device learn it.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -20,8 +22,13 @@ class PictureResource {
   static constexpr std::string_view kPrefix = "/NovGatewayStorage/";
   static constexpr int kFull = 3610;  // the storage error of uploads that find no room
 
+  // Whether the gateway itself answers on a port: pictures are taken only while it does so on the
+  // one in their URLs.
+  using PortCheck = std::function<bool(uint16_t port)>;
+
   // Installs itself. `folder` and exceptions as for PictureStore.
-  PictureResource(const std::filesystem::path& folder, const PictureOptions& options);
+  PictureResource(const std::filesystem::path& folder, const PictureOptions& options,
+                  PortCheck isServed);
   ~PictureResource();  // waits for running uploads
   PictureResource(const PictureResource&) = delete;
   PictureResource& operator=(const PictureResource&) = delete;
@@ -34,6 +41,7 @@ class PictureResource {
   bool upload(int& errorOut, std::string& urlOut, std::string_view picture);
   void serve(QNHttpService::ExchangeState& exchange) const;
 
+  const PortCheck isServed_;
   PictureStore store_;
 };
 

@@ -120,8 +120,10 @@ class ReactorsHeld {
 
 class AlarmBusTest : public ::testing::Test {
  protected:
-  explicit AlarmBusTest(std::size_t reactors = 2, FeedTimes times = {})
-      : reactors_(reactors), bus_(std::make_unique<AlarmBus>(reactors_, times)) {
+  explicit AlarmBusTest(std::size_t reactors = 2, FeedTimes times = {}, RefusalTimes refusals = {})
+      : reactors_(reactors),
+        directory_(refusals),
+        bus_(std::make_unique<AlarmBus>(reactors_, directory_, times)) {
     reactors_.start();
     bus_->start();
   }
@@ -170,6 +172,7 @@ class AlarmBusTest : public ::testing::Test {
   std::list<Listener> listeners_;  // outlive the subscriptions
   Configuration configuration_;    // publish() puts it in force
   Reactors reactors_;
+  DeviceDirectory directory_;
   std::unique_ptr<AlarmBus> bus_;
 };
 
@@ -370,7 +373,7 @@ TEST_F(AlarmBusTest, ACallbackThatThrowsLosesItsAlarmOnly) {
 
 class SilentDeviceTest : public AlarmBusTest {
  protected:
-  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms, .refused = 200ms}) {}
+  SilentDeviceTest() : AlarmBusTest(2, {.silence = 300ms}, {.first = 200ms, .longest = 200ms}) {}
 };
 
 TEST_F(SilentDeviceTest, ASilentStreamIsOpenedAnew) {

@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "gateway/auth/auth_reader.h"
-#include "gateway/auth/client_login.h"
 #include "gateway/auth/digest.h"
 #include "gateway/auth/digest_credentials.h"
+#include "gateway/devices/device_login.h"
 
 namespace qn {
 namespace {

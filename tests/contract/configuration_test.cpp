@@ -70,7 +70,8 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   ASSERT_EQ(c.devices.size(), 2U);
   const DeviceConfig& d = c.devices[0];
   EXPECT_EQ(tuple(d.index, d.host, d.port, d.basePath), tuple("1", "127.0.0.1", 9001, "/a/b"));
-  EXPECT_EQ(tuple(d.username, d.password, d.httpPort, d.rtspPort), tuple("u", "p", 9101, 9102));
+  EXPECT_EQ(tuple(d.username, d.password, d.auth, d.httpPort, d.rtspPort),
+            tuple("u", "p", DeviceAuth::Any, 9101, 9102));
   EXPECT_EQ(tuple(c.devices[1].host, c.devices[1].port, c.devices[1].basePath),
             tuple("::1", 80, ""));
   EXPECT_EQ(c.findDeviceByPort(9101), &c.devices[0]);
@@ -143,13 +144,14 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {device + "http_port = 8080\n", ":4: devices.http_port: expected a value that is not taken"},
       {device + "password = \"x\"\n", ":1: devices.username: expected a name"},
       {device + "password = \"a\\nb\"\n", ":4: devices.password: expected a string"},
+      {device + "auth = \"none\"\n", ":4: devices.auth: expected a string: \"digest\","},
   };
   const auto expectError = [](const std::string& content, const std::string& error) {
     EXPECT_NE(errorOf(content).find(".toml" + error), std::string::npos)
         << content << "\n-> " << errorOf(content);
   };
   for (const auto& [content, error] : cases) expectError(content, error);
-  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"\\u00e9\"", "1"}) {
+  for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"a+b\"", "\"\\u00e9\"", "1"}) {
     expectError("[[devices]]\nindex = " + index, ":2: devices.index: expected a string: 1 to 63");
   }
   EXPECT_EQ(read("[[devices]]\nindex = \"" + std::string(63, 'x') + "\"\nurl = \"http://h\"")
@@ -163,6 +165,58 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
     expectError("[[devices]]\nindex = \"1\"\nurl = \"" + std::string(url) + "\"\n",
                 ":3: devices.url: expected a string: http://");
   }
+}
+
+TEST(ConfigurationFile, AUserMayHaveAnAlgorithmOfTheOwn) {
+  const std::string start = "[[users]]\nname = \"a\"\ndevice = \"1\"\n";
+  const std::string ha1 = "ha1 = \"" + std::string(32, '0') + "\"\n";
+  const std::string strong = "algorithm = \"SHA-256\"\n";
+  struct Case {
+    std::string content;
+    bool md5, sha256;  // the user may log in with
+    bool offersMd5, offersSha256;
+  };
+  const Case cases[] = {
+      {start + "password = \"p\"\n", true, true, true, false},
+      {start + ha1, true, false, true, false},
+      {start + "password = \"p\"\n" + strong, false, true, true, true},
+      {"[kavro]\n" + strong + start + "password = \"p\"\n", false, true, false, true},
+      {"[kavro]\n" + strong + start + ha1 + "algorithm = \"MD5\"\n", true, false, true, true},
+  };
+  using enum DigestAlgorithm;
+  for (const Case& c : cases) {
+    const Configuration made = read(c.content);
+    const UserConfig& user = made.users.at(0);
+    EXPECT_EQ(tuple(!user.ha1For(MD5).empty(), !user.ha1For(SHA256).empty()),
+              tuple(c.md5, c.sha256))
+        << c.content;
+    EXPECT_EQ(tuple(made.offers(MD5), made.offers(SHA256)), tuple(c.offersMd5, c.offersSha256))
+        << c.content;
+  }
+  EXPECT_NE(errorOf(start + ha1 + strong).find(":4: users.ha1: expected 64 hex"),
+            std::string::npos);
+}
+
+TEST(ConfigurationFile, TheNonceKeyComesFromAFileThatIsTheOwnersAlone) {
+  const Folder folder;
+  const auto keyOf = [&](std::size_t bytes, unsigned mode) {
+    const auto file = folder.write("key", std::string(bytes, 'k'));
+    std::filesystem::permissions(file, std::filesystem::perms(mode));
+    const auto content = "[kavro]\n\nnonce_key_file = \"" + file.string() + "\"\n";
+    try {
+      return read(content).kavro.nonceKey;
+    } catch (const ConfigurationError& error) {
+      EXPECT_NE(std::string(error.what()).find(":3: kavro.nonce_key_file: "), std::string::npos);
+      return std::string();
+    }
+  };
+  EXPECT_NE(keyOf(32, 0600), "");
+  EXPECT_EQ(keyOf(32, 0600), keyOf(32, 0400));
+  EXPECT_NE(keyOf(32, 0600), keyOf(33, 0600));
+  for (const unsigned mode : {0640, 0604, 0620}) EXPECT_EQ(keyOf(32, mode), "") << mode;
+  EXPECT_EQ(keyOf(31, 0600) + keyOf(5000, 0600), "");
+  EXPECT_NE(errorOf("[kavro]\nnonce_key_file = \"/dev/zero\"").find("kavro.nonce_key_file"),
+            std::string::npos);
 }
 
 TEST(ConfigurationFile, ErrorsNeverShowPasswords) {

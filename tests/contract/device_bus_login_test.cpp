@@ -101,7 +101,8 @@ class BusLoginTest : public BusTest {
     for (const auto& sent : sendMany(count, "1")) EXPECT_EQ(sent->text(), "{\"in\":1}");
   }
   static void expectRefused(int count) {
-    for (const auto& sent : sendMany(count, "1")) EXPECT_EQ(sent->error(), kDeviceLoginRefused);
+    for (const auto& sent : sendMany(count, "1"))
+      EXPECT_EQ(sent->error(), ERROR_DEVICE_LOGIN_REFUSED);
   }
 };
 
@@ -179,12 +180,15 @@ TEST_F(BusLoginTest, TrialThatGetsNoAnswerLetsAnotherTry) {
   EXPECT_GE(in, 9);
 }
 
-TEST_F(BusLoginTest, BasicIsSentAsAskedAndWhatIsNotUnderstoodIsARefusal) {
+TEST_F(BusLoginTest, BasicIsSentWhereItIsWrittenAndWhatIsNotUnderstoodIsARefusal) {
   ScriptedDevice device(ScriptedDevice::answering([](const DeviceRequest& request) {
     const bool right = request.field("Authorization") == "Basic dXNlcjpzZWNyZXQ=";
     return right ? jsonReply("{\"in\":1}") : unauthorized("Basic realm=\"device\"");
   }));
   addDevice("1", device.port(), "user");
+  expectRefused(10);
+  configuration_.devices[0].auth = DeviceAuth::Basic;
+  publish();
   expectIn(10);
   ScriptedDevice odd(ScriptedDevice::answering(
       [](const DeviceRequest&) { return unauthorized("Negotiate abc"); }));

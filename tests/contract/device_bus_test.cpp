@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "gateway/devicebus/circuit.h"
 #include "gateway/devicebus/device_url.h"
+#include "gateway/devices/device.h"
 #include "tests/contract/bus_fixture.h"
 #include "tests/contract/scripted_device.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr unsigned int kNotFound = 0x40000006;
+constexpr unsigned int ERROR_RESOURCE_NOT_FOUND = 0x40000006;
 constexpr milliseconds kShort{300};
 
 TEST(DeviceUrl, TheLastDevIndexNamesTheDevice) {
@@ -107,15 +107,16 @@ TEST_F(DeviceBusTest, RepliesAreHandedOverOrReplaced) {
       {"HTTP/1.1 500 X\r\nContent-Type: text/xml\r\nContent-Length: 4\r\n\r\n<a/>", "<a/>"},
   };
   const std::pair<unsigned int, std::vector<std::string>> replaced[] = {
-      {kNotFound, {"HTTP/1.1 404 X\r\nContent-Type: text/html\r\nContent-Length: 4\r\n\r\n<p/>"}},
-      {kDeviceLoginRefused, {jsonReply("{}", "401 Unauthorized")}},
-      {kDeviceReplyUnusable,
+      {ERROR_RESOURCE_NOT_FOUND,
+       {"HTTP/1.1 404 X\r\nContent-Type: text/html\r\nContent-Length: 4\r\n\r\n<p/>"}},
+      {ERROR_DEVICE_LOGIN_REFUSED, {jsonReply("{}", "401 Unauthorized")}},
+      {ERROR_DEVICE_REPLY_UNUSABLE,
        {"", "\x01\x02garbage\r\n\r\n", "HTTP/1.1 200 OK\r\nConte", "HTTP/1.1 101 X\r\n\r\n",
         "HTTP/1.1 500 X\r\nContent-Length: 0\r\n\r\n"}},
-      {kDeviceReplyUnusable,  // cut or contradictory
+      {ERROR_DEVICE_REPLY_UNUSABLE,  // cut or contradictory
        {kHead + "Content-Length: 10\r\n\r\n{\"a\"", kChunked + "a\r\n{\"a\"", kChunked + "zz\r\n",
         kHead + "Content-Length: 1\r\nContent-Length: 2\r\n\r\n{}"}},
-      {kDeviceReplyUnusable,  // too large or too many
+      {ERROR_DEVICE_REPLY_UNUSABLE,  // too large or too many
        {kHead + "Content-Length: 99999999999\r\n\r\n", kHead + "\r\n" + std::string(2000, ' '),
         kChunked + repeated("10\r\n0123456789abcdef\r\n", 100),
         kHead + "X: " + std::string(100000, 'x') + "\r\n\r\n",
@@ -219,10 +220,10 @@ TEST_F(DeviceBusTest, RefusedConnectionIsUnreachable) {
     port = gone.port();
   }
   addDevice("1", port);
-  EXPECT_EQ(send("1")->error(), kDeviceUnreachable);
+  EXPECT_EQ(send("1")->error(), ERROR_DEVICE_UNREACHABLE);
   configuration_.devices[0].host = "name.invalid";
   publish();
-  EXPECT_EQ(send("1")->error(), kDeviceUnreachable);
+  EXPECT_EQ(send("1")->error(), ERROR_DEVICE_UNREACHABLE);
   configuration_.devices[0].host = "localhost";
   ScriptedDevice device(ScriptedDevice::answering([](const auto&) { return jsonReply("{}"); }));
   configuration_.devices[0].port = device.port();
@@ -241,7 +242,7 @@ TEST_F(DeviceBusTest, TimeOutCountsFromTheCallAndEndsSlowReplies) {
   publish();
   const auto start = std::chrono::steady_clock::now();
   for (const auto& sent : sendMany(3, "1", kShort)) {
-    EXPECT_EQ(sent->error(), kDeviceTimeout);
+    EXPECT_EQ(sent->error(), ERROR_DEVICE_TIMEOUT);
   }
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2 * kShort + seconds(2));
   EXPECT_EQ(trickling.connections(), 1) << "the others ended in the queue";
@@ -259,7 +260,7 @@ TEST_F(DeviceBusTest, HangingDeviceDelaysNoOtherAndHoldsABoundedNumber) {
   EXPECT_EQ(send("2")->text(), "{}");
   for (const auto& sent : waiting) {
     EXPECT_EQ(sent->refusal(), DEVCFGBUS_OK);
-    EXPECT_EQ(sent->error(), kDeviceTimeout);
+    EXPECT_EQ(sent->error(), ERROR_DEVICE_TIMEOUT);
   }
   EXPECT_EQ(hanging.connections(), 2);
 }
@@ -272,14 +273,14 @@ TEST_F(DeviceBusTest, DeadDeviceIsProbedAndComesBack) {
     }
   });
   addDevice("1", device.port());
-  for (const auto& sent : sendMany(3, "1", kShort)) EXPECT_EQ(sent->error(), kDeviceTimeout);
+  for (const auto& sent : sendMany(3, "1", kShort)) EXPECT_EQ(sent->error(), ERROR_DEVICE_TIMEOUT);
   const int asked = device.connections();
-  EXPECT_EQ(send("1")->error(), kDeviceUnreachable);
+  EXPECT_EQ(send("1")->error(), ERROR_DEVICE_UNREACHABLE);
   EXPECT_EQ(device.connections(), asked) << "failed without being sent";
   alive = true;
-  unsigned int error = kDeviceUnreachable;
+  unsigned int error = ERROR_DEVICE_UNREACHABLE;
   const auto deadline = std::chrono::steady_clock::now() + seconds(20);
-  while (error == kDeviceUnreachable && std::chrono::steady_clock::now() < deadline) {
+  while (error == ERROR_DEVICE_UNREACHABLE && std::chrono::steady_clock::now() < deadline) {
     error = send("1")->error();
   }
   EXPECT_EQ(error, 0u);
@@ -296,7 +297,7 @@ TEST_F(DeviceBusTest, BrokenReusedConnectionIsTriedAgainOnceUnlessItMayDoHarm) {
   addDevice("1", device.port());
   EXPECT_EQ(send("1")->text(), "1");
   EXPECT_EQ(send("1", seconds(20), DELETE)->text(), "3");
-  EXPECT_EQ(send("1", seconds(20), POST, "{}")->error(), kDeviceReplyUnusable);
+  EXPECT_EQ(send("1", seconds(20), POST, "{}")->error(), ERROR_DEVICE_REPLY_UNUSABLE);
   EXPECT_EQ(requests, 4) << "a POST is sent once";
 }
 
@@ -453,7 +454,7 @@ TEST_F(ConcurrentBusTest, StopAnswersEverythingOnceAndRefusesTheRest) {
     for (const auto& one : own) {
       const bool accepted = one->refusal() == DEVCFGBUS_OK;
       EXPECT_EQ(one->calls(), accepted ? 1 : 0);
-      EXPECT_EQ(accepted ? one->error() : kGatewayStopping, kGatewayStopping);
+      EXPECT_EQ(accepted ? one->error() : ERROR_GATEWAY_STOPPING, ERROR_GATEWAY_STOPPING);
     }
   }
 }

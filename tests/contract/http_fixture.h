@@ -157,8 +157,7 @@ class HttpFixture : public testing::Test {
     return listen();
   }
   HttpService& listen() {
-    service_ =
-        std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_, own_);
+    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, entry_, bounds_, own_);
     service_->listen();
     return *service_;
   }
@@ -177,6 +176,7 @@ class HttpFixture : public testing::Test {
   }
 
   HttpOptions options_;
+  ModuleEntry entry_{runScript};
   HttpBounds bounds_;
   std::vector<OwnResource> own_;
   Reactors reactors_{2};

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "gateway/log/line.h"
+#include "gateway/log/secrets.h"
 #include "platform/wlog.h"
 
 namespace qn {
@@ -71,6 +72,98 @@ TEST_F(Log, OneCallIsOneLineWhateverTheText) {
       [] { wlog_format(WLOG_ERROR, "QNW", "%s", std::string(1'000'000, 'x').c_str()); });
   EXPECT_LT(cut.size(), kLogLineBytes + 100);
   EXPECT_TRUE(cut.ends_with("xxx...[cut]\n"));
+}
+
+TEST(LogSecrets, NamesThatHideAValue) {
+  for (const char* name :
+       {"password",     "loginPassword", "PASSWORD", "userPasswd",      "pin",           "PIN",
+        "devicePIN",    "PINCode",       "pin_code", "apiKey",          "API-Key",       "keys",
+        "clientSecret", "access_token",  "wifiPwd",  "userCredentials", "Authorization", "faceURL",
+        "pass",         "passphraseHint"}) {
+    EXPECT_TRUE(isSecretName(name)) << name;
+  }
+  for (const char* name :
+       {"keyFrameInterval", "keyBoardControlSpeed", "searchKeyword", "mapping", "spinning",
+        "skipping", "tokenizer", "passing", "", "monkey", "statusCode"}) {
+    EXPECT_FALSE(isSecretName(name)) << name;
+  }
+}
+
+TEST(LogSecrets, OnlyTheValueGoes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"password": "a\"b", "id": 1})", R"({"password": "***", "id": 1})"},
+      {R"({"pin":1234,"keyFrameInterval":50})", R"({"pin":***,"keyFrameInterval":50})"},
+      {R"({"keys":[{"a":"}]"},2],"b":3})", R"({"keys":***,"b":3})"},
+      {R"({"x":"{\"password\":\"s\",\"y\":1}"})", R"({"x":"{\"password\":\"***\",\"y\":1}"})"},
+      {"<password>s</password><a>1</a>", "<password>***</password><a>1</a>"},
+      {"<ns:pin x='1'><b>s</b></ns:pin><a/>", "<ns:pin***>***</ns:pin><a/>"},
+      {"<token/><a>1</a>", "<token/><a>1</a>"},
+      {"<u password=\"s\" id=\"1\"/>", "<u password=\"***\" id=\"1\"/>"},
+      {"<u password='s t' id='1'/>", "<u password='***' id='1'/>"},
+      {"[url=/a?password=s&id=1]", "[url=/a?password=***&id=1]"},
+      {"Authorization: Digest username=\"a\", response=\"b\"", "Authorization: ***"},
+      {"x.toml:4: users.password: expected either", "x.toml:4: users.password: expected either"},
+      {R"({"password":"cut of)", R"({"password":"***)"},
+      {"<secret>cut of", "<secret>***"},
+  };
+  for (const auto& [text, line] : cases) EXPECT_EQ(withoutSecrets(text), line);
+}
+
+TEST_F(Log, NoPlantedSecretReachesALine) {
+  setLogLevel("debug");
+  uint32_t state = 1;
+  const auto random = [&](std::size_t bound) {
+    state = state * 1664525U + 1013904223U;
+    return (state >> 8) % bound;
+  };
+  const std::string names[] = {"password", "devicePIN", "access_token", "apiKey", "credentials"};
+  const std::string planted = "Pl4nted";
+  const std::function<std::string(int)> value = [&](int depth) -> std::string {
+    const std::string kinds[] = {'"' + planted + "\\\"x\"", "[\"" + planted + "\", 1]",
+                                 "{\"a\":\"" + planted + "}\"}", '"' + planted + '"'};
+    return depth > 0 && random(3) == 0 ? "{\"b\":" + value(depth - 1) + '}' : kinds[random(4)];
+  };
+  for (int i = 0; i < 3000; ++i) {
+    std::string noise;
+    for (std::size_t n = random(40); n > 0; --n) noise += "{}[]<>\"\\,:=& aZ\n"[random(17)];
+    const std::string& name = names[random(5)];
+    std::string document;
+    switch (random(4)) {
+      case 0:
+        document = "{\"a\":[{\"" + name + "\" : " + value(3) + "}]}";
+        break;
+      case 1:
+        document =
+            "<a><" + name + " n=\"1\">\n" + planted + "<b>" + planted + "</b></" + name + "></a>";
+        break;
+      case 2:
+        document = "/a?b=c&" + name + "=" + planted + "&d";
+        break;
+      default:
+        document = "{\"a\":\"{\\\"" + name + "\\\":\\\"" + planted + "\\\"}\"}";
+    }
+    document.resize(document.size() - random(4));
+    const std::string line = standardErrorOf([&] {
+      wlog_format(i % 2 == 0 ? WLOG_DUMP : WLOG_ERROR, "QNW", "%s [x=%s] end", noise.c_str(),
+                  document.c_str());
+      logError("{}", document);
+    });
+    EXPECT_EQ(line.find(planted), std::string::npos) << noise << document << '\n' << line;
+  }
+}
+
+TEST_F(Log, DocumentsAreShortAboveDebug) {
+  setLogLevel("debug");
+  const std::string document = "{\"a\":\"" + std::string(600, 'x') + "\"}";
+  const auto lineOf = [&](int level) {
+    return standardErrorOf([&] { wlog_format(level, "QNW", "[r=%s]end", document.c_str()); });
+  };
+  EXPECT_NE(lineOf(WLOG_INFO).find(document), std::string::npos);
+  for (const int level : {WLOG_WARN, WLOG_ERROR}) {
+    const std::string line = lineOf(level);
+    EXPECT_EQ(std::count(line.begin(), line.end(), 'x'), 256 - 6) << line;
+    EXPECT_TRUE(line.ends_with("...[cut]]end\n")) << line;
+  }
 }
 
 TEST_F(Log, ErrnoSurvivesALine) {

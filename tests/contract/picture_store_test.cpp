@@ -197,9 +197,11 @@ TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
 
 // ---- in the HTTP service
 
+bool isServed(uint16_t port) { return port == NetworkOptions().picturePort; }
+
 class PictureHttp : public HttpFixture {
  protected:
-  PictureHttp() : pictures_(folder_.path() / "pictures", PictureOptions()) {
+  PictureHttp() : pictures_(folder_.path() / "pictures", PictureOptions(), isServed) {
     publishConfiguration(std::make_shared<const Configuration>());
     answering([](const stHttpRes&) { return "the module"; });
     own_ = {pictures_.resource()};
@@ -267,7 +269,12 @@ TEST(PictureUpload, NoStoreIsAFailureAndAFullOneIs3610) {
   EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x")) << "there is no store";
   EXPECT_EQ(error, 0);
   const PictureOptions one{.maxBytes = 100, .maxCount = 1, .full = WhenFull::Refuse};
-  const PictureResource pictures(folder.path() / "pictures", one);
+  bool served = false;
+  const PictureResource pictures(folder.path() / "pictures", one,
+                                 [&](uint16_t port) { return isServed(port) && served; });
+  EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x")) << "the port is another's";
+  EXPECT_EQ(error, 0);
+  served = true;
   EXPECT_TRUE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
   EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
   EXPECT_EQ(error, 3610);

@@ -102,8 +102,9 @@ class Platform : public HttpFixture {
   std::atomic<bool> ended_{false};
   std::map<std::string, std::pair<std::string, Events>> alarmsOf_;
   std::list<devicebus::test::ScriptedDevice> devices_;
-  devicebus::DeviceBus bus_{reactors_, pool_};
-  AlarmBus alarms_{reactors_, {}};
+  DeviceDirectory directory_;
+  devicebus::DeviceBus bus_{reactors_, pool_, directory_};
+  AlarmBus alarms_{reactors_, directory_, {}};
   std::unique_ptr<RawClient> client_;
 };
 

@@ -161,6 +161,8 @@ def user(name, device, **more):
 class Gateway(Process):
     """One qn-gateway process with a configuration file of its own."""
 
+    command = (BIN / "qn-gateway",)
+
     def __init__(self, devices, users, sections=None):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="qn-e2e-"))
         self.config = self.folder / "gateway.toml"
@@ -174,7 +176,7 @@ class Gateway(Process):
 
     def start(self):
         """Returns when its port is open; also starts it again, on its files, when it has ended."""
-        super().__init__(BIN / "qn-gateway", "--config", self.config)
+        super().__init__(*self.command, "--config", self.config)
         try:
             wait_until(self._ready, START_TIME, "the gateway's port")
         except AssertionError:

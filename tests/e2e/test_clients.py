@@ -82,6 +82,10 @@ class DevicePorts(harness.GatewayTest):
         self.assertEqual(serial(self.gateway.port, "operator"), "2")
         for host in ("127.0.0.1", "127.0.0.1:1", "127.0.0.1:99999999999"):
             self.assertEqual(serial(self.ports[1], headers={"Host": host}), "1", host)
+        for port, device in zip([self.gateway.port, *self.ports], ["1", "1", "2"]):
+            self.assertEqual(serial(port, headers={"Host": f"[::1]:{port}"}), device)
+        own = {"Host": f"[::1]:{self.ports[1]}"}
+        self.assertEqual(serial(self.gateway.port, headers=own), "1", "the port that was called")
         protocols = self.ask(self.ports[1], url="/KAVRO/Security/adminAccesses").xml()
         self.assertEqual([protocol.findtext("portNo") for protocol in protocols],
                          [str(self.ports[1]), "10001"])

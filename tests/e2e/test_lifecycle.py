@@ -58,6 +58,19 @@ class Configuration(harness.GatewayTest):
             self.assertIn(reason, result.stderr)
         self.assertEqual(self.status("admin"), 200)
 
+    def test_nobody_else_reads_the_data(self):
+        data = self.gateway.folder / "data"
+        harness.Process.stop(self.gateway)
+        data.chmod(0o755)
+        (data / "operation_log.db").chmod(0o644)
+        self.gateway.start()
+        self.assertEqual(self.status("admin"), 200)
+        modes = {path.name: path.stat().st_mode & 0o777 for path in (data, *data.iterdir())}
+        self.assertIn("operation_log.db-wal", modes)
+        self.assertEqual({name: oct(mode) for name, mode in modes.items()},
+                         {name: "0o700" if name in ("data", "pictures") else "0o600"
+                          for name in modes})
+
     def test_an_idle_gateway_has_few_threads(self):
         self.assertEqual(self.status("admin"), 200)
         threads = os.listdir(f"/proc/{self.gateway.child.pid}/task")

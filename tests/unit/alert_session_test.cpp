@@ -80,6 +80,22 @@ TEST_F(AlertSession, AThirdStreamOfADeviceIsRefusedAndTheOthersStay) {
   expectStream(open());
 }
 
+TEST_F(AlertSession, AStreamThatIsClosedGivesItsPlaceAtOnce) {
+  const auto first = open();
+  const auto second = open();
+  fake::http().forget(first.handle);
+  const auto third = open();
+  expectStream(third);
+  const auto code = CProtocolBase::getPtoErrorCode(BUS_TOO_MANY_STREAMS);
+  expectRefused(open(), code, documentOf(code));
+  busCalls();
+  fake::alarmBus().raise(alarmOf("1"));
+  EXPECT_EQ(parts(second).size(), 1u);
+  EXPECT_EQ(parts(third).size(), 1u);
+  EXPECT_EQ(sessions().size(), 2u);
+  EXPECT_EQ(busCalls(), Calls{}) << "the device stays on the bus";
+}
+
 TEST_F(AlertSession, IdsGrowForRefusedRequestsToo) {
   open();
   open();

@@ -1,0 +1,39 @@
+// What the login sees of the request for which it is asked, beyond the record of
+// platform/kavro_mgr_bus.h, and what it tells the HTTP service back. The service sets the current
+// one on the thread that hands a request to the module; the module asks the login on the same
+// thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace qn {
+
+class LoginRequest {
+ public:
+  // Null where no service has set one.
+  static LoginRequest* current() { return current_; }
+
+  // While it lives, `request` is the thread's current one.
+  class Scope {
+   public:
+    explicit Scope(LoginRequest& request) { current_ = &request; }
+    ~Scope() { current_ = nullptr; }
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
+  };
+
+  // The record has room for 17 bytes of it.
+  virtual std::string_view clientAddress() const = 0;
+  // The login has succeeded. `info` is the Authentication-Info of the answer.
+  virtual void loggedIn(std::string_view user, std::string_view device,
+                        const std::string& info) = 0;
+
+ protected:
+  ~LoginRequest() = default;
+
+ private:
+  inline static thread_local LoginRequest* current_ = nullptr;
+};
+
+}  // namespace qn

@@ -1,0 +1,213 @@
+// Who may take what: places, bodies and answers of strangers, users and proxies; and the ports.
+#include <memory>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "gateway/http/client_address.h"
+#include "tests/contract/http_fixture.h"
+
+namespace qn {
+namespace {
+
+boost::asio::ip::address address(const char* text) { return boost::asio::ip::make_address(text); }
+
+TEST(ClientNetwork, IsTheAddressOrTheFirst64Bits) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"192.0.2.7", "192.0.2.7"},
+      {"::ffff:192.0.2.7", "192.0.2.7"},
+      {"2001:db8:1:2:3:4:5:6", "2001:db8:1:2::"},
+      {"2001:db8:1:2::", "2001:db8:1:2::"},
+      {"::1", "::"},
+  };
+  for (const auto& [text, network] : cases) {
+    EXPECT_EQ(clientNetwork(plainAddress(address(text))), address(network)) << text;
+  }
+}
+
+TEST(TrustedProxies, MayBeNetworks) {
+  const TrustedProxies trusted(
+      {"10.1.2.3/8", "192.0.2.7", "2001:db8::/33", "::ffff:172.16.0.0/108", "::1"});
+  for (const char* text : {"10.255.0.1", "192.0.2.7", "2001:db8:7fff::1", "172.16.9.9", "::1"}) {
+    EXPECT_TRUE(trusted.contains(address(text))) << text;
+  }
+  for (const char* text : {"11.0.0.1", "192.0.2.6", "2001:db8:8000::1", "172.32.0.1", "::2"}) {
+    EXPECT_FALSE(trusted.contains(address(text))) << text;
+  }
+  EXPECT_TRUE(TrustedProxies({"0.0.0.0/0"}).contains(address("8.8.8.8")));
+  EXPECT_FALSE(TrustedProxies({"0.0.0.0/0"}).contains(address("::1")));
+  for (const char* text : {"10.0.0.0/33", "10.0.0.0/", "10.0.0.0/-1", "::/129", "x", ""}) {
+    EXPECT_THROW(TrustedProxies({text}), std::system_error) << text;
+  }
+}
+
+TEST_F(HttpFixture, AnIPv6HostIsThePortOfOurs) {
+  answering([](const stHttpRes& request) { return request.exchange->getHead("hOST"); });
+  start();
+  const std::string ours = ":" + std::to_string(port());
+  const std::pair<std::string, std::string> cases[] = {
+      {"[::1]:30345", ours},       {"[::1]", ours},
+      {"[1:30345::2]:8080", ours}, {"h:30345", "h:30345"},
+      {"127.0.0.1", "127.0.0.1"},
+  };
+  for (const auto& [host, seen] : cases) {
+    EXPECT_EQ(ask("GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n").body, seen) << host;
+  }
+}
+
+// A client that has asked and idles since.
+std::unique_ptr<RawClient> idleClient(uint16_t port) {
+  auto client = std::make_unique<RawClient>(port);
+  EXPECT_EQ(client->ask(kGet).status, 200);
+  return client;
+}
+
+TEST_F(HttpFixture, TheLongestIdleMakeRoomWhenAllPlacesAreTaken) {
+  leaving("/wait");
+  options_.connections = 4;
+  bounds_.takenBack = 0ms;
+  start();
+  RawClient busy(port());
+  busy.send("GET /wait HTTP/1.1\r\nHost: h\r\n\r\n");
+  const int handle = waitForHandle();
+  RawClient half(port());
+  half.send("GET / HTTP/1.1\r\nHo");
+  const auto first = idleClient(port());
+  const auto second = idleClient(port());
+  const auto third = idleClient(port());  // takes the place of the first, or of both
+  EXPECT_TRUE(first->closedByServer());
+  EXPECT_EQ(third->ask(kGet).status, 200);
+  answer(handle, "x");
+  EXPECT_EQ(busy.answer().status, 200);
+  half.send("st: h\r\n\r\n");
+  EXPECT_EQ(half.answer().status, 200);
+}
+
+TEST_F(HttpFixture, WithoutIdleOnesNewConnectionsAreToldToComeBack) {
+  leaving("/wait");
+  options_.connections = 1;
+  bounds_.takenBack = 0ms;
+  start();
+  RawClient busy(port());
+  busy.send("GET /wait HTTP/1.1\r\nHost: h\r\n\r\n");
+  const int handle = waitForHandle();
+  EXPECT_EQ(ask(kGet).status, 503);
+  answer(handle, "x");
+  EXPECT_EQ(busy.answer().status, 200);
+  EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; })) << "busy is idle now";
+}
+
+TEST_F(HttpFixture, TrustedProxiesMayHaveManyConnections) {
+  options_.connectionsPerAddress = 1;
+  options_.trustedProxies = {"127.0.0.0/8"};
+  start();
+  const auto first = idleClient(port());
+  const auto second = idleClient(port());
+  EXPECT_EQ(first->ask(kGet).status, 200);
+}
+
+constexpr char kRight[] = "Authorization: Digest uri=\"/b\", username=\"right\"\r\n";
+
+bool recogniseRight(std::string_view method, std::string_view authorization) {
+  return method == "PUT" && authorization.find("right") != authorization.npos;
+}
+
+class StrangersTest : public HttpFixture {
+ protected:
+  StrangersTest() { entry_ = {runScript, recogniseRight}; }
+
+  static std::string put(std::size_t length, const std::string& lines = {}) {
+    return "PUT /b HTTP/1.1\r\nHost: h\r\n" + lines + "Content-Length: " + std::to_string(length) +
+           "\r\n\r\n";
+  }
+  // A body of which one byte is missing.
+  std::unique_ptr<RawClient> unfinished(const std::string& lines = {}) {
+    auto client = std::make_unique<RawClient>(port());
+    client->send(put(kBody, lines) + std::string(kBody - 1, 'x'));
+    ::usleep(50'000);
+    return client;
+  }
+
+  static constexpr std::size_t kBody = 200'000;
+};
+
+TEST_F(StrangersTest, UnfinishedBodiesTakeNothingFromUsers) {
+  options_.bodyBytes = kBody;
+  options_.trustedProxies = {"127.0.0.1"};
+  bounds_.bodyMemory = 2 * kBody;
+  bounds_.strangersBodies = 2;
+  start();
+  const auto from = [](const char* client) {
+    return std::string("X-Forwarded-For: ") + client + "\r\n";
+  };
+  const auto first = unfinished(from("2001:db8::1"));
+  EXPECT_EQ(unfinished(from("2001:db8::2"))->answer().status, 503) << "one for each network";
+  const auto second = unfinished(from("192.0.2.1"));
+  EXPECT_EQ(unfinished(from("192.0.2.2"))->answer().status, 503) << "and so many in all";
+  const auto user = unfinished(kRight);
+  const auto other = unfinished(from("2001:db8::1") + kRight);
+  for (const auto* client : {&user, &other, &first, &second}) {
+    EXPECT_EQ((*client)->ask("x").status, 200);
+  }
+  EXPECT_EQ(unfinished(from("192.0.2.2"))->ask("x").status, 200) << "given back";
+}
+
+TEST_F(HttpFixture, UnreadAnswersOfOneCutNobodyElses) {
+  constexpr std::size_t kLong = 16'000'000;  // more than the kernel takes
+  bounds_.answerMemory = 3 * kLong;
+  bounds_.answerMemoryOfOne = kLong;
+  answering([](const stHttpRes&) { return std::string(kLong, 'x'); });
+  start();
+  const auto asking = [&](const char* user) {
+    auto client = std::make_unique<RawClient>(port(), 4096);
+    client->send(std::string("GET / HTTP/1.1\r\nHost: h\r\nAuthorization: Digest uri=\"/\", ") +
+                 "username=\"" + user + "\"\r\n\r\n");
+    return client;
+  };
+  const auto stalled = asking("one");
+  ASSERT_FALSE(stalled->read(1).empty());
+  const auto cut = asking("one");
+  EXPECT_TRUE(cut->closedByServer());
+  EXPECT_EQ(asking("other")->answer().body.size(), kLong);
+}
+
+TEST_F(HttpFixture, AnswersAreTakenAtALeastRate) {
+  bounds_.stalled = 500ms;
+  bounds_.slowestRate = 16'000'000;
+  options_.connectionsPerAddress = 1;
+  answering([](const stHttpRes& request) {
+    return std::string(request.exchange->getUrl() == "/long" ? 32'000'000 : 1, 'x');
+  });
+  start();
+  RawClient slow(port(), 4096);
+  slow.send("GET /long HTTP/1.1\r\nHost: h\r\n\r\n");
+  const std::jthread taking([&](const std::stop_token& stop) {
+    while (!stop.stop_requested() && !slow.read(1).empty()) ::usleep(20'000);  // never stalled
+  });
+  EXPECT_EQ(ask(kGet).status, 503);
+  EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; })) << "the slow one was cut";
+}
+
+TEST_F(HttpFixture, APortThatWasTakenIsOpenedWhenItIsFree) {
+  bounds_.reopen = 50ms;
+  HttpService& service = start();
+  auto other = std::make_unique<HttpService>(reactors_, workers_, options_, runScript);
+  other->listen();
+  const uint16_t wanted = other->port(), dropped = otherPort();
+  EXPECT_THROW(service.listenOn(wanted, Access::Everything), std::system_error);
+  service.setExtraPorts({{wanted, Access::Everything}, {dropped, Access::Everything}});
+  EXPECT_FALSE(service.serves(wanted));
+  EXPECT_TRUE(service.serves(port()) && service.serves(dropped));
+  ::usleep(200'000);
+  EXPECT_FALSE(service.serves(wanted));
+  other.reset();
+  EXPECT_TRUE(eventually([&] { return service.serves(wanted); }));
+  EXPECT_EQ(RawClient(wanted).ask(kGet).status, 200);
+  service.setExtraPorts({{wanted, Access::Everything}});
+  EXPECT_FALSE(service.serves(dropped));
+  EXPECT_EQ(RawClient(wanted).ask(kGet).status, 200);
+}
+
+}  // namespace
+}  // namespace qn

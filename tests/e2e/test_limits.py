@@ -1,0 +1,130 @@
+"""Nobody can take what others need: descriptors, memory for bodies, ports."""
+import contextlib
+import pathlib
+import re
+import resource
+import signal
+import socket
+import subprocess
+import time
+import unittest
+
+import client
+import harness
+from test_pass_through import FACE_RECORD, JPEG, description, multipart
+
+INFO = "/KAVRO/System/deviceInfo"
+
+
+class Fixture(unittest.TestCase):
+    Gateway = harness.Gateway
+    sections = {}
+
+    def setUp(self):
+        self.devices = harness.Subdevices(1)
+        self.addCleanup(self.devices.stop)
+        self.gateway = self.started()
+
+    def started(self, **more):
+        gateway = self.Gateway([{"index": "1", "url": self.devices.urls[0]}],
+                               [harness.user("admin", "1")], {**self.sections, **more})
+        self.addCleanup(gateway.stop)
+        return gateway
+
+    def client(self, **more):
+        one = client.Client(self.gateway.port, "admin", harness.PASSWORD, **more)
+        self.addCleanup(one.close)
+        return one
+
+    @staticmethod
+    def upload(one):
+        body, headers = multipart([description(FaceInfo={"employeeNo": "1"}),
+                                   ("image/jpeg", JPEG)])
+        return one.request("POST", FACE_RECORD, body, headers).status
+
+    def strangers(self, count, data=b""):
+        """Connections that stay, of addresses of their own."""
+        connections = []
+        for number in range(count):
+            one = socket.socket()
+            self.addCleanup(one.close)
+            one.bind((f"127.0.1.{number + 1}", 0))
+            one.settimeout(10)
+            one.connect(("127.0.0.1", self.gateway.port))
+            with contextlib.suppress(OSError):  # refused
+                one.sendall(data)
+            connections.append(one)
+        return connections
+
+
+class FewDescriptors(harness.Gateway):
+    command = ("sh", "-c", 'ulimit -n 64 && exec "$0" "$@"', harness.BIN / "qn-gateway")
+
+
+class Descriptors(Fixture):
+    Gateway = FewDescriptors
+
+    def test_strangers_leave_enough_for_devices_files_and_users(self):
+        one = self.client()
+        self.assertEqual(one.get(INFO).status, 200)
+        self.assertIn("connections instead of 8192: of 64 descriptors", self.gateway.log())
+        self.strangers(100, b"GET / HTTP/1.1\r\nHo")
+        self.assertEqual(one.get(INFO).status, 200)
+        self.assertEqual(self.upload(one), 200)
+        self.assertIn("read again", "\n".join(self.gateway.reload()))
+        self.assertNotIn("Too many open files", self.gateway.log())
+
+
+class Ports(Fixture):
+    def test_a_taken_picture_port_ends_the_start(self):
+        with socket.create_server(("127.0.0.1", 0)) as other:
+            port = other.getsockname()[1]
+            text = self.gateway.config.read_text()
+            for key, value in (("port", harness.free_ports(1)[0]), ("picture_port", port)):
+                text = re.sub(rf"\b{key} = \d+", f"{key} = {value}", text)
+            config = self.gateway.folder / "other.toml"
+            config.write_text(text.replace('/data"', '/elsewhere"'))
+            ended = subprocess.run([str(harness.BIN / "qn-gateway"), "--config", str(config)],
+                                   capture_output=True, text=True, timeout=60)
+        self.assertEqual(ended.returncode, 1, ended.stderr)
+        self.assertIn(f"port {port}: Address already in use", ended.stderr)
+
+    def test_no_picture_is_taken_while_its_port_is_not_ours(self):
+        self.assertEqual(self.upload(self.client()), 200)
+        with socket.create_server(("0.0.0.0", 0)) as other:
+            self.gateway.sections["network"]["picture_port"] = other.getsockname()[1]
+            self.gateway.write_configuration([{"index": "1", "url": self.devices.urls[0]}],
+                                             [harness.user("admin", "1")])
+            self.gateway.reload()
+            self.assertEqual(self.upload(self.client()), 503)
+        self.assertEqual(self.upload(self.client()), 503, "nobody listens there yet")
+        harness.wait_until(lambda: self.upload(self.client()) == 200, 10, "the opened port")
+
+
+class Bodies(Fixture):
+    def test_unfinished_ones_of_strangers_stop_no_upload(self):
+        head = ("PUT /KAVRO/System/time?format=json HTTP/1.1\r\nHost: h\r\n"
+                "Content-Length: 9000000\r\n\r\n")
+        self.strangers(32, head.encode() + b"x" * 8_900_000)
+        time.sleep(0.5)
+        one = self.client()
+        self.assertEqual(one.get(INFO).status, 200)  # now it knows a nonce
+        body = '{"Time": {"timeMode": "NTP"}}' + " " * 9_000_000
+        self.assertEqual(one.put("/KAVRO/System/time?format=json", body).status, 200)
+
+
+class Memory(Fixture):
+    def test_sigterm_without_memory_for_a_thread_ends_well(self):
+        self.assertEqual(self.client().get(INFO).status, 200)
+        pid = self.gateway.child.pid
+        pages = int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[0])
+        limit = pages * resource.getpagesize() + (4 << 20)  # a thread's stack is larger
+        if limit > 1 << 40:
+            self.skipTest("the sanitizer needs address space")
+        resource.prlimit(pid, resource.RLIMIT_AS, (limit, limit))
+        self.gateway.signal(signal.SIGTERM)
+        self.assertEqual(self.gateway.wait(), 0, self.gateway.log())
+
+
+if __name__ == "__main__":
+    unittest.main()
