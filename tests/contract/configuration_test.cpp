@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "gateway/config/configuration_file.h"
-#include "gateway/config/picture_uploader.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
 #include "tests/contract/folder.h"
@@ -294,26 +293,6 @@ TEST(ConfigurationInForce, DevicesAreToldAnAddressThatTheyCanUse) {
   EXPECT_EQ(addressFor("127.0.0.1"), "127.0.0.1");
   EXPECT_NE(addressFor("0.0.0.0"), "0.0.0.0");
   EXPECT_FALSE(addressFor("::").empty());
-}
-
-TEST(ConfigurationInForce, PicturesGoToTheInstalledUploader) {
-  publish({});
-  const auto network = QN_ConfigMgr_GetNetworkCfg();
-  int error = 7;
-  std::string url;
-  EXPECT_FALSE(network->uploadFacetoPss(error, url, "picture", "/u"));
-  EXPECT_EQ(error, 0);
-  setPictureUploader([](int& errorOut, std::string& urlOut, const std::string& picture,
-                        const std::string& clientUrl) {
-    errorOut = 3610;
-    urlOut = picture + clientUrl;
-    return true;
-  });
-  EXPECT_TRUE(network->uploadFacetoPss(error, url, "picture", "/u"));
-  EXPECT_EQ(error, 3610);
-  EXPECT_EQ(url, "picture/u");
-  setPictureUploader({});
-  EXPECT_FALSE(network->uploadFacetoPss(error, url, "picture", "/u"));
 }
 
 TEST(DeviceChanges, AreAnnouncedOnce) {

@@ -155,9 +155,8 @@ TEST_F(OperationLogTest, MakesTheDirectoryOrSaysWhyNot) {
   OperationLog log;
   EXPECT_NO_THROW(log.start(directory_ / "a" / "b", kManyRows));
   log.stop();
-  std::ofstream(directory_ / "file") << "text";
-  for (const fs::path& unusable :
-       {directory_ / "file", directory_ / "file" / "below", fs::path("/proc/none")}) {
+  const fs::path file = folder_.write("file", "text");
+  for (const fs::path& unusable : {file, file / "below", fs::path("/proc/none")}) {
     try {
       log.start(unusable, kManyRows);
       ADD_FAILURE() << unusable << " was accepted";

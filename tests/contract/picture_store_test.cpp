@@ -167,17 +167,6 @@ TEST_F(PictureStoreTest, FailuresLeaveNothingAndTakeNoRoom) {
   EXPECT_EQ(store.find(stored), std::nullopt);
 }
 
-TEST_F(PictureStoreTest, FolderThatCannotBeUsedSaysWhy) {
-  fs::create_directories(folder().parent_path());
-  std::ofstream(folder()) << "a file";
-  try {
-    PictureStore store(folder(), options_);
-    FAIL() << "made";
-  } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find(folder().string()), std::string::npos);
-  }
-}
-
 TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
   options_ = {.maxBytes = 1000, .maxCount = 7, .full = WhenFull::DropOldest};
   PictureStore store(folder(), options_);
@@ -269,33 +258,6 @@ TEST_F(PictureHttp, ServesPicturesAndNothingElseOnItsPort) {
     EXPECT_EQ(other.body == "the module", each != extra);
     EXPECT_EQ(client.ask(request("GET", path.substr(0, 18))).status, each == extra ? 404 : 200);
   }
-}
-
-// Two workers and a queue of two: what is too much is refused, and others do not wait.
-TEST_F(HttpFixture, BlockingResourcesHoldUpNobodyElse) {
-  std::atomic<bool> go{false};
-  std::atomic<int> inside{0};
-  own_ = {{"/slow", [&](QNHttpService::ExchangeState& exchange) {
-             ++inside;
-             while (!go) std::this_thread::sleep_for(1ms);
-             if (exchange.url() == "/slow/throws") throw std::runtime_error("x");
-             exchange.finish(200, "text/plain", "late");
-           }}};
-  start();
-  std::vector<std::unique_ptr<RawClient>> clients;
-  for (const char* path : {"/slow", "/slow/throws", "/slow", "/slow", "/slow"}) {
-    clients.push_back(std::make_unique<RawClient>(port()));
-    clients.back()->send(std::string("GET ") + path + " HTTP/1.1\r\nHost: h\r\n\r\n");
-    if (clients.size() == 2) {
-      ASSERT_TRUE(eventually([&] { return inside == 2; }));
-    }
-  }
-  EXPECT_EQ(ask(kGet).body, "/a?b=1|");
-  go = true;
-  std::multiset<int> statuses;
-  for (const auto& client : clients) statuses.insert(client->answer().status);
-  EXPECT_EQ(statuses, (std::multiset<int>{200, 200, 200, 500, 503}));
-  stop();
 }
 
 TEST(PictureUpload, NoStoreIsAFailureAndAFullOneIs3610) {

@@ -1,6 +1,6 @@
 // The gateway's libraries under a test's control, behind the same platform/*.h headers: nothing
-// happens by itself, time moves when told. Every test begins with reset(). XML documents, URLs,
-// the status table, text helpers and UUIDs are the real ones.
+// happens by itself, time moves when told, on one thread. Every test begins with reset(). XML
+// documents, URLs, the status table, text helpers and UUIDs are the real ones.
 #pragma once
 
 #include <cstdint>
@@ -159,7 +159,7 @@ struct LogLine {
   std::string text;
 };
 // Lines since reset().
-std::vector<LogLine> logLines();
+const std::vector<LogLine>& logLines();
 // True when a line of this level has the text in it.
 bool logged(int level, std::string_view text);
 // True when the function has written a line of this level with the text as its message.

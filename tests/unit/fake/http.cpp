@@ -1,10 +1,6 @@
 // platform/http_service.h.
 #include <strings.h>
 
-#include <algorithm>
-#include <atomic>
-#include <mutex>
-
 #include "tests/unit/fake/fake_platform.h"
 
 namespace QNHttpService {
@@ -14,7 +10,6 @@ class ExchangeState {
   int handle = -1;
   fake::Request request;
 
-  std::mutex mutex;
   fake::Answer answer;
   bool broken = false;
   bool full = false;
@@ -27,12 +22,10 @@ namespace {
 
 using QNHttpService::ExchangeState;
 
-std::mutex tableMutex;
-std::map<int, std::shared_ptr<ExchangeState>> exchanges;  // guarded by tableMutex
-std::atomic<int> lastHandle = 0;                          // handles are never reused
+std::map<int, std::shared_ptr<ExchangeState>> exchanges;
+int lastHandle = 0;  // handles are never reused
 
 std::shared_ptr<ExchangeState> find(int handle) {
-  const std::lock_guard lock(tableMutex);
   const auto found = exchanges.find(handle);
   return found == exchanges.end() ? nullptr : found->second;
 }
@@ -58,39 +51,19 @@ QNHttpService::stHttpRes Http::open(Request request) {
     record.body = state->request.body.data();
     record.bodyLength = static_cast<int>(state->request.body.size());
   }
-  const std::lock_guard lock(tableMutex);
   exchanges[state->handle] = std::move(state);
   return record;
 }
 
 Answer Http::answer(int handle) const {
   const auto state = find(handle);
-  if (!state) return {};
-  const std::lock_guard lock(state->mutex);
-  return state->answer;
+  return state ? state->answer : Answer();
 }
 
-void Http::breakLink(int handle) {
-  const auto state = find(handle);
-  const std::lock_guard lock(state->mutex);
-  state->broken = true;
-}
-
-void Http::forget(int handle) {
-  const std::lock_guard lock(tableMutex);
-  exchanges.erase(handle);
-}
-
-void Http::setFull(int handle, bool full) {
-  const auto state = find(handle);
-  const std::lock_guard lock(state->mutex);
-  state->full = full;
-}
-
-void resetHttp() {
-  const std::lock_guard lock(tableMutex);
-  exchanges.clear();
-}
+void Http::breakLink(int handle) { find(handle)->broken = true; }
+void Http::forget(int handle) { exchanges.erase(handle); }
+void Http::setFull(int handle, bool full) { find(handle)->full = full; }
+void resetHttp() { exchanges.clear(); }
 
 }  // namespace fake
 
@@ -118,25 +91,19 @@ std::string CHttpExchange::getHead(const char* name) const {
 
 void CHttpExchange::setHead(const char* name, const char* value) {
   if (fake::isQuiet() || !state_ || fake::isUnsafe(name) || fake::isUnsafe(value)) return;
-  const std::lock_guard lock(state_->mutex);
   state_->answer.headers[name] = value;
 }
 
 void CHttpExchange::setMIME() {
-  if (!state_) return;
-  const std::lock_guard lock(state_->mutex);
-  state_->answer.stream = true;
+  if (state_) state_->answer.stream = true;
 }
 
 void CHttpExchange::setStatus(int status) {
-  if (!state_) return;
-  const std::lock_guard lock(state_->mutex);
-  if (state_->answer.count == 0) state_->answer.status = status;
+  if (state_ && state_->answer.count == 0) state_->answer.status = status;
 }
 
 int CHttpExchange::response(const void* data, int length) {
   if (!state_) return HTTP_LINK_BROKEN;
-  const std::lock_guard lock(state_->mutex);
   fake::Answer& answer = state_->answer;
   if (fake::isQuiet()) answer.count = 0;  // one exchange is answered over and over
   if (state_->broken || (answer.count > 0 && !answer.stream)) return HTTP_LINK_BROKEN;

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
-#include <mutex>
 #include <new>
 
 #include "platform/wlog.h"
@@ -50,8 +49,7 @@ std::map<int, Timer>::iterator nextDue(uint64_t tickMs) {
   return first != timerTable.end() && first->second.dueMs <= tickMs ? first : timerTable.end();
 }
 
-std::mutex mutex;
-std::vector<LogLine> lines;  // guarded by mutex
+std::vector<LogLine> lines;
 bool quiet = false;
 
 constexpr int kNever = -1;
@@ -109,26 +107,20 @@ void resetRuntime() {
   runtime() = {};
   timerTable.clear();
   poolTable.clear();
-  const std::lock_guard lock(mutex);
   lines.clear();
 }
 
-std::vector<LogLine> logLines() {
-  const std::lock_guard lock(mutex);
-  return lines;
-}
+const std::vector<LogLine>& logLines() { return lines; }
 
 bool logged(int level, std::string_view text) {
-  const auto all = logLines();
-  return std::ranges::any_of(all, [&](const LogLine& line) {
+  return std::ranges::any_of(lines, [&](const LogLine& line) {
     return line.level == level && line.text.find(text) != std::string::npos;
   });
 }
 
 bool loggedIn(std::string_view function, int level, std::string_view text) {
   const std::string head = "[" + std::string(function) + "(";
-  const auto all = logLines();
-  return std::ranges::any_of(all, [&](const LogLine& line) {
+  return std::ranges::any_of(lines, [&](const LogLine& line) {
     const std::size_t message = line.text.find(")] ");
     return line.level == level && line.text.starts_with(head) && message != std::string::npos &&
            std::string_view(line.text).substr(message + 3) == text;
@@ -204,7 +196,6 @@ void wlog_format(int level, const char* /*tag*/, const char* format, ...) {
   va_start(arguments, format);
   std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
-  const std::lock_guard lock(fake::mutex);
   fake::lines.push_back({level, text});
 }
 
