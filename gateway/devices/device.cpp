@@ -26,7 +26,7 @@ Circuit::Clock::rep probeAfter(Circuit::Clock::time_point now) {
 
 }  // namespace
 
-DeviceAddress::DeviceAddress(const DeviceConfig& config) {
+DeviceAddress::DeviceAddress(const DeviceConfig& config) : port_(config.port) {
   boost::system::error_code error;
   const auto address = boost::asio::ip::make_address(config.host, error);
   literal_ = !error;
@@ -38,9 +38,10 @@ DeviceAddress::Endpoints DeviceAddress::endpoints() const {
   return endpoints_;
 }
 
-void DeviceAddress::resolved(Endpoints endpoints) {
+void DeviceAddress::resolved(const NameResolver::Addresses& addresses) {
   const MutexLock lock(mutex_);
-  endpoints_ = std::move(endpoints);
+  endpoints_.clear();
+  for (const auto& address : addresses) endpoints_.emplace_back(address, port_);
 }
 
 void DeviceAddress::unreachable() {
@@ -72,9 +73,10 @@ void Circuit::failed(Clock::time_point now) {
   }
 }
 
-Device::Device(const DeviceConfig& deviceConfig, const RefusalTimes& times)
+Device::Device(const DeviceConfig& deviceConfig, const RefusalTimes& times, NameResolver& resolver)
     : config(deviceConfig),
       requestLineEnd(" HTTP/1.1\r\nHost: " + hostField(deviceConfig) + "\r\n"),
+      names(resolver),
       address(deviceConfig),
       login(deviceConfig, times),
       circuit(deviceConfig.index) {}
@@ -83,7 +85,7 @@ std::shared_ptr<Device> DeviceDirectory::find(const DeviceConfig& config) {
   const MutexLock lock(mutex_);
   std::shared_ptr<Device>& device = devices_[config.index];
   if (!device || !device->config.sameServer(config)) {
-    device = std::make_shared<Device>(config, times_);
+    device = std::make_shared<Device>(config, times_, names_);
   }
   return device;
 }
@@ -92,6 +94,9 @@ void DeviceDirectory::prune(const Configuration& configuration) {
   const MutexLock lock(mutex_);
   std::erase_if(devices_,
                 [&](const auto& entry) { return !configuration.findDevice(entry.first); });
+  std::unordered_set<std::string> hosts;
+  for (const DeviceConfig& device : configuration.devices) hosts.insert(device.host);
+  names_.keep(hosts);
 }
 
 }  // namespace qn

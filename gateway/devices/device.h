@@ -12,6 +12,7 @@
 
 #include "gateway/config/configuration.h"
 #include "gateway/devices/device_login.h"
+#include "gateway/devices/name_resolver.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
@@ -25,12 +26,13 @@ class DeviceAddress {
 
   // Empty while the name has to be resolved.
   Endpoints endpoints() const;
-  void resolved(Endpoints endpoints);
+  void resolved(const NameResolver::Addresses& addresses);
   // Nobody answers there: the name may stand for another place by now.
   void unreachable();
 
  private:
-  bool literal_ = false;  // the host is no name
+  const uint16_t port_;
+  bool literal_ = false;  // the host is no name; constant after construction
   mutable Mutex mutex_;
   Endpoints endpoints_ QN_GUARDED_BY(mutex_);
 };
@@ -62,10 +64,11 @@ class Circuit {
 
 // A changed configuration makes a new one: requests in flight keep the old.
 struct Device {
-  Device(const DeviceConfig& deviceConfig, const RefusalTimes& times);
+  Device(const DeviceConfig& deviceConfig, const RefusalTimes& times, NameResolver& resolver);
 
   const DeviceConfig config;
   const std::string requestLineEnd;  // version, line end and Host line of every request
+  NameResolver& names;
   DeviceAddress address;
   DeviceLogin login;
   Circuit circuit;
@@ -74,10 +77,13 @@ struct Device {
   std::atomic<std::size_t> awaited{0};   // threads that wait for a reply
 };
 
-// Any thread. One for both buses, so that what one learns of a device the other knows.
+// Any thread. One for both buses, so that what one learns of a device the other knows. Outlives all
+// use of its devices, and goes before the reactors.
 class DeviceDirectory {
  public:
-  explicit DeviceDirectory(RefusalTimes times = {}) : times_(times) {}
+  explicit DeviceDirectory(RefusalTimes times = {},
+                           NameResolver::Lookup lookup = NameResolver::systemLookup)
+      : times_(times), names_(std::move(lookup)) {}
 
   // The device of this configuration; made on first use and whenever the configuration differs.
   std::shared_ptr<Device> find(const DeviceConfig& config);
@@ -86,6 +92,7 @@ class DeviceDirectory {
 
  private:
   const RefusalTimes times_;
+  NameResolver names_;
   Mutex mutex_;
   std::unordered_map<std::string, std::shared_ptr<Device>> devices_ QN_GUARDED_BY(mutex_);
 };

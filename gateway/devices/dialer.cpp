@@ -3,8 +3,6 @@
 #include <boost/asio/connect.hpp>
 #include <utility>
 
-#include "text/number.h"
-
 namespace qn {
 
 void Dialer::start(Done done) {
@@ -14,33 +12,46 @@ void Dialer::start(Done done) {
   connect(known, std::move(done));
 }
 
+// Ends with whatever comes first: the name is found, patience ends, or the attempt is cancelled.
 void Dialer::resolve(Done done) {
-  resolver_.async_resolve(
-      device_.config.host, text::Decimal(device_.config.port).view(),
-      boost::asio::ip::tcp::resolver::numeric_service,
-      [this, done = std::move(done)](const auto& error, const auto& found) mutable {
-        if (error || cancelled_) return done(boost::asio::error::operation_aborted);
-        const DeviceAddress::Endpoints endpoints(found.begin(), found.end());
-        device_.address.resolved(endpoints);
-        connect(endpoints, std::move(done));
-      });
+  const std::string& name = device_.config.host;
+  const bool foundBefore = !device_.names.lastGood(name).empty();
+  const uint64_t lookup = ++lookups_;
+  timer_.expires_after(foundBefore ? kPatienceWithOldAddress : kPatience);
+  timer_.async_wait([this, lookup, done](const auto&) {
+    if (lookup == lookups_) found(device_.names.lastGood(device_.config.host), done);
+  });
+  device_.names.find(name, socket_.get_executor(), [this, lookup, done](const auto& addresses) {
+    if (lookup == lookups_) found(addresses, done);
+  });
+}
+
+void Dialer::found(const NameResolver::Addresses& addresses, Done done) {
+  ++lookups_;
+  timer_.cancel();
+  if (cancelled_) return done(boost::asio::error::operation_aborted);
+  if (addresses.empty()) return done(boost::asio::error::host_not_found);
+  device_.address.resolved(addresses);
+  connect(device_.address.endpoints(), std::move(done));
 }
 
 void Dialer::connect(const DeviceAddress::Endpoints& endpoints, Done done) {
   boost::asio::async_connect(socket_, endpoints,
                              [this, done = std::move(done)](const auto& error, const auto&) {
-                               if (error) device_.address.unreachable();
-                               boost::system::error_code ignored;
-                               if (!error)
+                               if (error) {
+                                 device_.address.unreachable();
+                               } else {
+                                 boost::system::error_code ignored;
                                  socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
-                               if (!error) socket_.non_blocking(true, ignored);
+                                 socket_.non_blocking(true, ignored);
+                               }
                                done(error);
                              });
 }
 
 void Dialer::cancel() {
   cancelled_ = true;
-  resolver_.cancel();
+  timer_.cancel();
   boost::system::error_code ignored;
   socket_.close(ignored);
 }

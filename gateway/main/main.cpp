@@ -51,8 +51,7 @@ void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
   }
 }
 
-// Operators are promised 10 s. All else has its own bound, but not the system's resolver: asked for
-// a device's name while the name servers are silent, it holds up the end of its thread.
+// Operators are promised 10 s. Everything has a bound of its own; this is for what should not be.
 constexpr itimerval kStopTime{{}, {9, 500'000}};
 
 void endNow(int) {

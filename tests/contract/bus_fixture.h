@@ -91,8 +91,11 @@ using SentPtr = std::unique_ptr<Sent>;
 
 class BusTest : public ::testing::Test {
  protected:
-  explicit BusTest(std::size_t reactors = 1)
-      : reactors_(reactors), bus_(reactors_, workers_, directory_) {
+  explicit BusTest(std::size_t reactors = 1,
+                   NameResolver::Lookup lookup = NameResolver::systemLookup)
+      : reactors_(reactors),
+        directory_({}, std::move(lookup)),
+        bus_(reactors_, workers_, directory_) {
     reactors_.start();
     bus_.start();
   }

@@ -84,6 +84,98 @@ TEST(DeviceLogin, ShowsThePasswordOnlyWhereItIsWritten) {
   }
 }
 
+// Names that the test answers for: "silent..." when it ends, others with loopback while they are
+// known.
+class Names {
+ public:
+  NameResolver::Addresses lookUp(const std::string& name) {
+    ++asked_;
+    if (name.starts_with("silent")) ended_.wait();
+    if (name.starts_with("silent") || !known) return {};
+    return {boost::asio::ip::make_address("127.0.0.1")};
+  }
+  int asked() const { return asked_; }
+  void end() { ended_.signal(); }
+
+  std::atomic<bool> known{true};
+
+ private:
+  std::atomic<int> asked_{0};
+  Events ended_;
+};
+
+class NamesTest : public BusTest {
+ protected:
+  NamesTest() : NamesTest(std::make_shared<Names>()) {}
+  ~NamesTest() override { names_->end(); }
+
+  void addNamed(const std::string& index, const std::string& name, uint16_t port) {
+    addDevice(index, port);
+    configuration_.devices.back().host = name;
+    publish();
+  }
+
+  const std::shared_ptr<Names> names_;  // the resolver's threads may outlive the test
+
+ private:
+  explicit NamesTest(std::shared_ptr<Names> names)
+      : BusTest(1, [names](const std::string& name) { return names->lookUp(name); }),
+        names_(std::move(names)) {}
+};
+
+std::string hello(const DeviceRequest&) { return jsonReply("{}"); }
+
+TEST_F(NamesTest, NameServersThatAreSilentDelayNoOtherDeviceAndNoStop) {
+  ScriptedDevice device(ScriptedDevice::answering(hello));
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<SentPtr> lost;
+  for (int i = 0; i < 8; ++i) {
+    const std::string index = "silent" + std::to_string(i);
+    addNamed(index, index, device.port());
+    lost.push_back(send(index, 200ms));
+  }
+  addNamed("1", "camera", device.port());
+  EXPECT_EQ(send("1")->text(), "{}");
+  for (const auto& sent : lost) EXPECT_EQ(sent->error(), ERROR_DEVICE_TIMEOUT);
+  bus_.stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+}
+
+TEST_F(NamesTest, LastGoodAddressServesWhileTheNameCannotBeFound) {
+  auto device = std::make_unique<ScriptedDevice>(ScriptedDevice::answering(hello));
+  const uint16_t port = device->port();
+  addNamed("1", "camera", port);
+  EXPECT_EQ(send("1")->text(), "{}");
+  names_->known = false;
+  device.reset();
+  EXPECT_EQ(send("1")->error(), ERROR_DEVICE_UNREACHABLE);
+  device = std::make_unique<ScriptedDevice>(ScriptedDevice::answering(hello), port);
+  EXPECT_EQ(send("1")->text(), "{}");
+}
+
+TEST(NameResolver, AsksOnceHoweverManyWantToKnowAndBacksOff) {
+  const auto names = std::make_shared<Names>();
+  names->known = false;
+  NameResolver resolver([names](const std::string& name) { return names->lookUp(name); });
+  boost::asio::io_context context;
+  int told = 0;
+  int asking = 0;
+  const auto end = std::chrono::steady_clock::now() + 1500ms;
+  while (std::chrono::steady_clock::now() < end || told < asking) {
+    if (std::chrono::steady_clock::now() < end) {
+      ++asking;
+      resolver.find("gone", context.get_executor(), [&](const auto& addresses) {
+        ++told;
+        EXPECT_TRUE(addresses.empty());
+      });
+    }
+    context.restart();
+    context.run_for(5ms);
+  }
+  EXPECT_GT(told, 10);
+  EXPECT_EQ(names->asked(), 2) << "at once, and a second later";
+}
+
 // Both buses on one device.
 class BothBusesTest : public BusTest {
  protected:
