@@ -104,6 +104,7 @@ void ServiceCore::runOn(std::size_t reactor, const std::function<void()>& action
 bool ServiceCore::takeBackIdle(const std::function<void()>& done) {
   if (std::chrono::steady_clock::now() < noneIdleUntil_) return false;
   struct Count {
+    explicit Count(std::size_t all) : reactors(all) {}
     std::atomic<std::size_t> reactors;
     std::atomic<std::size_t> closed{0};
   };

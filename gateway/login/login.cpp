@@ -139,6 +139,7 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
 }
 
 bool Login::recognise(std::string_view method, std::string_view authorization) {
+  // Kept while the check lasts. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const std::shared_ptr<const Configuration> held = configuration();
   Attempt attempt;
   return attempt.read(authorization.substr(0, DIGEST_AUTHORIZATION_MAX), *held) &&
