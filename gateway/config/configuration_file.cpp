@@ -331,6 +331,15 @@ Configuration readConfiguration(const std::filesystem::path& file) {
   return parseConfiguration(content, file.string());
 }
 
+Configuration readConfiguration(const std::filesystem::path& file, const Configuration& inForce) {
+  Configuration next = readConfiguration(file);
+  if (inForce.findUser(kAdministrator) && !next.findUser(kAdministrator)) {
+    Place{file.native(), 0, ""}.fail("expected the user \"" + std::string(kAdministrator) +
+                                     "\", without whom a running gateway would serve nobody");
+  }
+  return next;
+}
+
 Configuration parseConfiguration(std::string_view content, const std::string& name) {
   checkLines(content, name);
   try {

@@ -33,6 +33,7 @@ class ClientConnection final : public ClientStream<Stream>,
   // On the reactor.
   void start();
   void close() override;
+  void closeUnlessAllowed() override;
 
   // AnswerLink; any thread.
   void deliver(const ExchangePtr& exchange, std::string_view body) override;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "gateway/auth/digest_credentials.h"
+#include "gateway/config/configuration.h"
 #include "gateway/http/header_lines.h"
 #include "platform/wlog.h"
 #include "text/ascii.h"
@@ -115,6 +116,17 @@ std::string ExchangeState::header(std::string_view name) const {
   const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
                        !qn::digestUriIs(value, url_);
   return misused ? std::string() : std::string(value);
+}
+
+void ExchangeState::setLogin(qn::LoggedIn who) {
+  const std::lock_guard lock(mutex_);
+  login_ = std::move(who);
+}
+
+bool ExchangeState::isStillAllowed() const {
+  const std::lock_guard lock(mutex_);
+  return login_.user.empty() ||
+         qn::configuration()->stillAllows(login_.user, login_.ha1, login_.device);
 }
 
 void ExchangeState::setHeader(std::string_view name, std::string_view value) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "gateway/auth/login_request.h"
 #include "gateway/http/answer.h"
 #include "gateway/http/request_reader.h"
 #include "platform/http_service.h"
@@ -59,6 +60,12 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   bool keepAlive() const { return keepAlive_; }
   // X-Forwarded-For is the client's address, whatever the client wrote.
   std::string header(std::string_view name) const;
+  const std::string& clientAddress() const { return clientAddress_; }
+
+  // Who has logged in; set by the login, before the answer.
+  void setLogin(qn::LoggedIn who);
+  // Whether the configuration in force still allows what the login did; true without one.
+  bool isStillAllowed() const;
 
   // The answer; any thread.
   void setHeader(std::string_view name, std::string_view value);
@@ -98,6 +105,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
   mutable std::mutex mutex_;  // guards what follows
   std::string fields_;        // the request's header lines; given back when a stream starts
   std::string headers_;       // the answer's header lines
+  qn::LoggedIn login_;
   int status_ = 200;
   bool stream_ = false;
   bool streamOpen_ = false;

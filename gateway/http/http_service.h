@@ -37,6 +37,9 @@ class HttpService {
   // taken is logged and tried again with the next call.
   void setExtraPorts(const std::map<uint16_t, Access>& ports);
 
+  // Closes the streams of those whom the configuration in force does not allow them any more.
+  void closeForbiddenStreams();
+
   // Ends listening for good; what is connected goes on, but no connection outlives its answer.
   void stopAccepting();
   // Waits until no request is in flight (streams do not count); false when the time is over.
@@ -47,6 +50,7 @@ class HttpService {
  private:
   void openExtraPort(uint16_t port, Access access);
   void closeOnReactor(std::vector<std::shared_ptr<Listener>> listeners);
+  void onEachConnection(void (OpenConnection::*action)());
   void onReactor(std::size_t index, const std::function<void()>& action);
 
   const std::shared_ptr<ServiceCore> core_;

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "gateway/log/client_log.h"
 #include "platform/wlog.h"
 
 namespace qn {
@@ -73,6 +74,7 @@ void Listener::admit(std::size_t reactor, TcpStream stream) try {
   if (ec) return;  // gone already
   Access access = access_;
   if (!core_->admission.enter(peer)) {
+    logClient(peer.to_string(), "connection from {} refused: too many are open", peer.to_string());
     if (!core_->refusals.enter(peer)) return;  // too many to be told so: closed
     access = Access::Nothing;
   }

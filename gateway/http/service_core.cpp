@@ -45,6 +45,20 @@ SlowPart slowPartOf(const ExchangeState& exchange) {
   return found == std::end(kSlowResources) ? SlowPart::DeviceOnly : found->slowPart;
 }
 
+// The login's view of an exchange.
+class ExchangeLogin final : public LoginRequest {
+ public:
+  explicit ExchangeLogin(ExchangeState& exchange) : exchange_(exchange) {}
+  std::string_view clientAddress() const override { return exchange_.clientAddress(); }
+  void loggedIn(const LoggedIn& who, const std::string& info) override {
+    exchange_.setLogin(who);
+    exchange_.setHeader("Authentication-Info", info);
+  }
+
+ private:
+  ExchangeState& exchange_;
+};
+
 // The values of all lines of that name, as one list.
 std::string allValues(std::string_view fields, std::string_view name) {
   std::string list;
@@ -215,6 +229,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int bodyIsXml = 1;
   int asyncReply = 0;
   std::string answer;
+  ExchangeLogin login(*exchange);
+  const LoginRequest::Scope scope(login);
   const int status = process_(bodyIsXml, answer, asyncReply, request);
   if (asyncReply == 0) {
     exchange->finish(status, bodyIsXml != 0 ? "application/xml" : "application/json", answer);

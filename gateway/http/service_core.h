@@ -85,6 +85,8 @@ class OpenConnection {
  public:
   virtual ~OpenConnection() = default;
   virtual void close() = 0;
+  // Closes a stream of somebody whom the configuration in force does not allow it any more.
+  virtual void closeUnlessAllowed() = 0;
 };
 
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {

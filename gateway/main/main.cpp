@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
-#include "gateway/log/log.h"
+#include "gateway/log/client_log.h"
 #include "gateway/main/gateway.h"
 
 namespace {
@@ -52,7 +52,7 @@ sigset_t blockSignals() {
 // An invalid file changes nothing.
 void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
   try {
-    gateway.reload(qn::readConfiguration(file));
+    gateway.reload(qn::readConfiguration(file, gateway.inForce()));
     qn::logInfo("configuration read again from {}", file.string());
   } catch (const std::exception& error) {
     qn::logError("configuration not changed: {}", error.what());
@@ -71,6 +71,9 @@ void endInTime() {
   }).detach();
 }
 
+// How often the log is told that a second is over.
+constexpr timespec kTick{1, 0};
+
 void serve(const Arguments& arguments) {
   const auto signals = blockSignals();
   raiseDescriptorLimit();
@@ -78,8 +81,9 @@ void serve(const Arguments& arguments) {
   qn::setLogLevel(configuration.log.level);
   qn::Gateway gateway(std::move(configuration), arguments.module);
   for (;;) {
-    int number = 0;
-    if (sigwait(&signals, &number) != 0) continue;
+    const int number = sigtimedwait(&signals, nullptr, &kTick);
+    qn::ClientLog::instance().writeHeldBack(std::chrono::steady_clock::now());
+    if (number < 0) continue;
     if (number != SIGHUP) {
       qn::logInfo("stopping on signal {}", number);
       endInTime();

@@ -234,8 +234,8 @@ TEST_F(LoginTest, NamesMayBeEncodedOrHashed) {
 struct SeenByService final : LoginRequest {
   explicit SeenByService(std::string clientAddress) : address(std::move(clientAddress)) {}
   std::string_view clientAddress() const override { return address; }
-  void loggedIn(std::string_view userName, std::string_view, const std::string& text) override {
-    user = userName;
+  void loggedIn(const LoggedIn& who, const std::string& text) override {
+    user = who.user;
     info = text;
   }
   std::string valueOf(const std::string& name) const {

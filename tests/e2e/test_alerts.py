@@ -129,6 +129,25 @@ class Devices(harness.StreamTest):
         self.named(stream, "back")
         self.assertLess(time.monotonic() - began, 2)
 
+    def test_a_removed_or_rebound_user_loses_the_stream_and_no_others(self):
+        self.addCleanup(self.gateway.reload)
+        self.addCleanup(self.gateway.write_configuration, self.device_tables(), self.user_tables())
+        for change in ([], [harness.user("operator", "1")],
+                       [harness.user("operator", "2", password="another")]):
+            self.gateway.write_configuration(self.device_tables(), self.user_tables())
+            self.gateway.reload()
+            kept, lost = self.open("admin"), self.open("operator")
+            self.gateway.write_configuration(self.device_tables(),
+                                             [harness.user("admin", "1"), *change])
+            self.gateway.reload()
+            began = time.monotonic()
+            while lost.part() and time.monotonic() - began < 3:
+                pass
+            self.assertLess(time.monotonic() - began, 1, change)
+            self.push(channelName="kept")
+            self.named(kept, "kept")
+            kept.close()
+
     def test_a_removed_device_loses_its_streams_and_no_others(self):
         kept, lost = self.open("admin"), self.open("operator")
         self.gateway.write_configuration(self.device_tables()[:1], self.user_tables())

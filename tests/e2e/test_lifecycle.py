@@ -77,10 +77,11 @@ class Configuration(unittest.TestCase):
 
     def test_a_bad_file_changes_nothing(self):
         good = self.gateway.config.read_text()
-        for text in ("port = ", good + "[surprise]\n", good.replace('"1"', '1')):
+        for text in ("port = ", good + "[surprise]\n", good.replace('"1"', '1'), "",
+                     good.replace('"admin"', '"nimda"')):
             self.gateway.config.write_text(text)
             lines = self.gateway.reload()
-            self.assertIn(str(self.gateway.config), "\n".join(lines))
+            self.assertIn(f"not changed: {self.gateway.config}", "\n".join(lines))
             self.assertEqual(self.status("admin"), 200)
 
     def test_users_and_devices_come_and_go_while_requests_run(self):
