@@ -32,6 +32,8 @@ class LoginRequest {
 
   // The record has room for 17 bytes of it.
   virtual std::string_view clientAddress() const = 0;
+  // Who has logged in; empty before that.
+  virtual std::string user() const = 0;
   // The login has succeeded. `info` is the Authentication-Info of the answer.
   virtual void loggedIn(const LoggedIn& who, const std::string& info) = 0;
 

@@ -123,6 +123,11 @@ void ExchangeState::setLogin(qn::LoggedIn who) {
   login_ = std::move(who);
 }
 
+std::string ExchangeState::user() const {
+  const std::lock_guard lock(mutex_);
+  return login_.user;
+}
+
 bool ExchangeState::isStillAllowed() const {
   const std::lock_guard lock(mutex_);
   return login_.user.empty() ||

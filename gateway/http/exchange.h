@@ -64,6 +64,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
 
   // Who has logged in; set by the login, before the answer.
   void setLogin(qn::LoggedIn who);
+  std::string user() const;
   // Whether the configuration in force still allows what the login did; true without one.
   bool isStillAllowed() const;
 

@@ -50,6 +50,7 @@ class ExchangeLogin final : public LoginRequest {
  public:
   explicit ExchangeLogin(ExchangeState& exchange) : exchange_(exchange) {}
   std::string_view clientAddress() const override { return exchange_.clientAddress(); }
+  std::string user() const override { return exchange_.user(); }
   void loggedIn(const LoggedIn& who, const std::string& info) override {
     exchange_.setLogin(who);
     exchange_.setHeader("Authentication-Info", info);

@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "gateway/auth/login_request.h"
 #include "gateway/config/picture_uploader.h"
 #include "gateway/pictures/picture_file.h"
 #include "platform/config_mgr.h"
@@ -38,7 +39,9 @@ OwnResource PictureResource::resource() {
 
 bool PictureResource::upload(int& errorOut, std::string& urlOut, std::string_view picture) {
   std::string name;
-  const PictureStore::Result result = store_.add(picture, name);
+  const LoginRequest* const request = LoginRequest::current();
+  const PictureStore::Result result =
+      store_.add(picture, request ? request->user() : std::string(), name);
   errorOut = result == PictureStore::Result::Full ? kFull : 0;
   if (result != PictureStore::Result::Stored) return false;
   urlOut = urlOf(name);
