@@ -331,15 +331,6 @@ Configuration readConfiguration(const std::filesystem::path& file) {
   return parseConfiguration(content, file.string());
 }
 
-Configuration readConfiguration(const std::filesystem::path& file, const Configuration& inForce) {
-  Configuration next = readConfiguration(file);
-  if (inForce.findUser(kAdministrator) && !next.findUser(kAdministrator)) {
-    Place{file.native(), 0, ""}.fail("expected the user \"" + std::string(kAdministrator) +
-                                     "\", without whom a running gateway would serve nobody");
-  }
-  return next;
-}
-
 Configuration parseConfiguration(std::string_view content, const std::string& name) {
   checkLines(content, name);
   try {
@@ -348,6 +339,12 @@ Configuration parseConfiguration(std::string_view content, const std::string& na
   } catch (const toml::parse_error& error) {
     Place{name, error.source().begin.line, ""}.fail(std::string(error.description()));
   }
+}
+
+void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {
+  if (!inForce.findUser(kAdministrator) || next.findUser(kAdministrator)) return;
+  Place{file, 0, ""}.fail("expected the user \"" + std::string(kAdministrator) +
+                          "\", without whom a running gateway would serve nobody");
 }
 
 }  // namespace qn

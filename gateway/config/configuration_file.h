@@ -21,12 +21,12 @@ inline constexpr std::size_t kConfigurationFileBytes = 4 * 1024 * 1024;
 // logged as a warning: a user whose device is not configured.
 Configuration readConfiguration(const std::filesystem::path& file);
 
-// As readConfiguration, for a gateway that runs. A file that would take the administrator away, as
-// an empty one does, is refused too: whoever is writing it has not finished, and nobody could log
-// in.
-Configuration readConfiguration(const std::filesystem::path& file, const Configuration& inForce);
-
 // The same for a file's content; `name` stands for the file in errors.
 Configuration parseConfiguration(std::string_view content, const std::string& name);
+
+// Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
+// it would take the administrator away, as an empty file does. Whoever is writing it has not
+// finished, and nobody could log in.
+void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file);
 
 }  // namespace qn

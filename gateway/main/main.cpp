@@ -52,7 +52,9 @@ sigset_t blockSignals() {
 // An invalid file changes nothing.
 void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
   try {
-    gateway.reload(qn::readConfiguration(file, gateway.inForce()));
+    auto next = qn::readConfiguration(file);
+    qn::checkReload(gateway.inForce(), next, file.string());
+    gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
   } catch (const std::exception& error) {
     qn::logError("configuration not changed: {}", error.what());
