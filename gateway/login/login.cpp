@@ -122,8 +122,7 @@ struct Login::Attempt {
 DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
                           const tagDIGEST_REQUEST& request, int mode) {
   clear(result);
-  const std::shared_ptr<const Configuration> held = configuration();
-  const Configuration& config = *held;
+  const Configuration& config = *configuration();
   Attempt attempt;
   if (!attempt.read(textOf(request.authorization), config)) {
     return withoutCredentials(result, config);
@@ -175,7 +174,8 @@ std::string Login::authenticationInfo(const Attempt& attempt) {
   info.append("\", qop=auth, nc=").append(given.nc);
   char nonce[64];
   if (Nonces::shouldRenew(given.nonce, attempt.now) &&
-      createNonce(nonce, sizeof nonce, Nonces::kRandomMin) > 0) {
+      nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin, attempt.config->kavro.nonceKey,
+                     attempt.now) > 0) {
     info.append(", nextnonce=\"").append(nonce) += '"';
   }
   return info;
@@ -203,7 +203,7 @@ DigestResult Login::refuse(tagDIGEST_RESULT& result, const Configuration& config
 void Login::challenge(tagDIGEST_RESULT& result, const Configuration& config, bool stale) {
   using enum DigestAlgorithm;
   char nonce[64];
-  createNonce(nonce, sizeof nonce, Nonces::kRandomMin);
+  nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin, config.kavro.nonceKey, clock_());
   const DigestAlgorithm own = config.kavro.algorithm;
   std::string text;
   for (const DigestAlgorithm algorithm : {own, own == MD5 ? SHA256 : MD5}) {
