@@ -20,6 +20,21 @@ endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
                     -Wformat=2 -Werror)
+
+# What makes a fault hard to use for whoever finds one: tests/hardening_test.cmake reads it from the
+# built files.
+include(CheckPIESupported)
+check_pie_supported()
+add_compile_options(-fstack-protector-strong -fstack-clash-protection)
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  add_compile_options(-fcf-protection=full)
+endif()
+add_link_options(LINKER:-z,relro,-z,now,-z,noexecstack)
+if(NOT QN_SANITIZE AND NOT QN_FUZZ)
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE> # needs optimisation
+                      $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+
 if(QN_SANITIZE)
   add_compile_options(-fsanitize=${QN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${QN_SANITIZE})

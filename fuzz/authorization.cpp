@@ -6,8 +6,8 @@
 #include <string>
 
 #include "fuzz/require.h"
-#include "gateway/auth/client_login.h"
 #include "gateway/config/configuration.h"
+#include "gateway/devices/device_login.h"
 #include "gateway/login/login.h"
 
 namespace {

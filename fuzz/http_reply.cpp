@@ -5,8 +5,7 @@
 #include <cstring>
 
 #include "fuzz/require.h"
-#include "gateway/devicebus/read_buffer.h"
-#include "gateway/devicebus/reply_parser.h"
+#include "gateway/devices/message.h"
 
 namespace {
 constexpr std::size_t kBodyLimit = 4096;
@@ -16,10 +15,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   const std::size_t piece = std::size_t{data[0]} + 1;
   std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
-  qn::devicebus::ReadBuffer buffer;
-  qn::devicebus::ReplyParser reply(kBodyLimit, false);
+  qn::ReadBuffer buffer;
+  qn::ReplyParser reply(kBodyLimit);
   while (!rest.empty() && !reply.is_done()) {
-    const auto space = buffer.space(reply.hasLongBody());
+    const auto space = buffer.space();
     if (space.size() == 0) return 0;
     const std::size_t count = std::min({piece, space.size(), rest.size()});
     std::memcpy(space.data(), rest.data(), count);

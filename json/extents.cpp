@@ -49,17 +49,6 @@ class ExtentReader {
   simdjson::ondemand::parser walk_;
 };
 
-// As parseJson(), but without comments: in one, another reader may see braces.
-bool parseWithoutComments(std::string_view text, Json::Value& root) {
-  Json::Features features = Json::Features::all();
-  features.allowComments_ = false;
-  try {
-    return Json::Reader(features).parse(text.data(), text.data() + text.size(), root, false);
-  } catch (const Json::Exception&) {  // nested too deeply
-    return false;
-  }
-}
-
 std::size_t place(std::ptrdiff_t offset) { return static_cast<std::size_t>(offset); }
 
 bool readFast(std::string_view text, RootExtent& extent) {
@@ -77,7 +66,7 @@ std::optional<RootExtent> objectExtent(std::string_view text) {
   if (!mayBeJson(text)) return std::nullopt;
   if (readFast(text, extent)) return extent;
   Json::Value root;
-  if (!parseWithoutComments(text, root) || !root.isObject()) return std::nullopt;
+  if (!parseJson(text, root) || !root.isObject()) return std::nullopt;
   extent = {place(root.getOffsetStart()), place(root.getOffsetLimit()), {}};
   for (const Json::Value& member : root) {
     if (!member.isObject()) continue;

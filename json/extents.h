@@ -20,8 +20,8 @@ struct RootExtent {
   std::vector<ObjectExtent> members;  // those members of the root that are objects, in their order
 };
 
-// Of a text whose root is an object, with what may follow it; nothing for any other text and for
-// one with comments. The nesting is the one that jsoncpp sees.
+// Of a text whose root is an object, with what may follow it; nothing for any other text. The
+// nesting is the one that jsoncpp sees, which skips comments.
 std::optional<RootExtent> objectExtent(std::string_view text);
 
 // The end of the object or array that a text begins with, whatever follows it; nothing for any

@@ -36,7 +36,7 @@ inline constexpr SlowResource kSlowResources[] = {
      SlowPart::TakesPicture},
     {"/KAVRO/Intelligent/FDLib/FDSetUp", SlowResource::kAnyMethod, std::chrono::seconds(30),
      SlowPart::TakesPicture},
-    {"/KAVRO/System/Audio/channels", QNHttpService::HTTP_GET, std::chrono::seconds(10),
+    {"/KAVRO/System/Audio/channels", SlowResource::kAnyMethod, std::chrono::seconds(15),
      SlowPart::AsksDeviceFirst},
 };
 

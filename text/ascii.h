@@ -18,6 +18,12 @@ constexpr bool startsWithNoCase(std::string_view text, std::string_view start) {
   return text.size() >= start.size() && equalNoCase(text.substr(0, start.size()), start);
 }
 
+constexpr bool containsNoCase(std::string_view text, std::string_view part) {
+  const auto same = [](char a, char b) { return lower(a) == lower(b); };
+  return part.empty() ||
+         std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end();
+}
+
 // Blanks inside a header line, and between the tokens of JSON and XML.
 inline constexpr std::string_view kLineBlanks = " \t";
 inline constexpr std::string_view kBlanks = " \t\r\n";

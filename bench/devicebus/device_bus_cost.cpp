@@ -126,7 +126,8 @@ int main(int argc, char** argv) {
   qn::Reactors reactors;
   qn::WorkerPool workers(1, 1);
   publishDevice(port, static_cast<std::size_t>(inFlight), reactors.size());
-  qn::DeviceBus bus(reactors, workers);
+  qn::DeviceDirectory devices;
+  qn::DeviceBus bus(reactors, workers, devices);
   reactors.start();
   bus.start();
 

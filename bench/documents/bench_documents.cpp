@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "channel/streaming_channel.h"
+#include "json/reader.h"
 #include "json/text.h"
 #include "record/record_operation.h"
 #include "tests/unit/documents.h"
@@ -102,10 +103,9 @@ void bareReply(benchmark::State& state, const std::string& json, const std::stri
 }
 
 std::string translatedList(const std::string& json) {
-  Json::Value reply;
+  const qn::json::Reading reply(json);
   std::string xml;
-  if (!qn::json::parseJson(json, reply) || getXmlStreamingChannelList(xml, reply) != 0)
-    std::abort();
+  if (getXmlStreamingChannelList(xml, reply.root()) != 0) std::abort();
   return xml;
 }
 
@@ -126,11 +126,10 @@ BENCHMARK(channelListReplyBare);
 std::string translatedSearch(const std::string& json) {
   const QNHttpService::stHttpRes record =
       fake::http().open({QNHttpService::HTTP_POST, "/KAVRO/ContentMgmt/search"});
-  Json::Value reply;
+  const qn::json::Reading reply(json);
   std::string xml;
-  if (!qn::json::parseJson(json, reply)) std::abort();
   CRecordOperation::covertSearchRsp(
-      xml, {reply, record.exchange->getUrl(), QNHttpService::HTTP_POST, *record.exchange});
+      xml, {reply.root(), record.exchange->getUrl(), QNHttpService::HTTP_POST, *record.exchange});
   return xml;
 }
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "gateway/auth/client_login.h"
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/config/configuration.h"
+#include "gateway/devices/device_login.h"
 #include "platform/kavro_mgr_bus.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "gateway/auth/client_login.h"
+#include "gateway/devices/device_login.h"
 #include "gateway/config/configuration.h"
 #include "gateway/log/log.h"
 #include "gateway/login/login.h"

@@ -6,23 +6,18 @@
 #include <exception>
 #include <utility>
 
+#include "gateway/devices/status_documents.h"
 #include "gateway/log/log.h"
-#include "platform/base_library.h"
 
 namespace qn {
 namespace {
-
-constexpr unsigned int kSuccess = 1;
-constexpr unsigned int kNotFound = 0x40000006;
 
 std::atomic<AlarmBus*> startedBus{nullptr};
 
 // The bus's status text; 0 for success, -1 otherwise.
 int answer(std::string& reply, bool success) {
-  Json::Value document;
-  int httpStatus = 200;
-  getResponseStatusByErrorNo(success ? kSuccess : kNotFound, document, httpStatus);
-  reply = Json::FastWriter().write(document);
+  static const StatusDocuments documents;
+  reply = documents.of(success ? ERROR_OK : ERROR_RESOURCE_NOT_FOUND);
   return success ? 0 : -1;
 }
 
@@ -51,7 +46,8 @@ std::vector<std::string> requestedDevices(const std::string& request) {
 
 }  // namespace
 
-AlarmBus::AlarmBus(Reactors& reactors, FeedTimes times) : reactors_(reactors), times_(times) {}
+AlarmBus::AlarmBus(Reactors& reactors, DeviceDirectory& directory, FeedTimes times)
+    : reactors_(reactors), directory_(directory), times_(times) {}
 
 AlarmBus::~AlarmBus() { stop(); }
 
@@ -67,7 +63,7 @@ void AlarmBus::stop() {
   QN_DeviceMgr_NotifyDetach(deviceChanged);
   std::vector<int> ids;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(subscriptions_->mutex);
     for (const auto& [id, subscription] : subscriptions_->byId) ids.push_back(id);
   }
   for (const int id : ids) unsubscribe(id);
@@ -76,7 +72,7 @@ void AlarmBus::stop() {
 bool AlarmBus::subscribe(const std::vector<std::string>& devices, AlarmDataCallBack callback,
                          void* user, int& subscribeId) {
   if (devices.empty() || !callback) return false;
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(subscriptions_->mutex);
   if (subscriptions_->byId.size() >= kMaxSubscriptions) return false;
   auto subscription = std::make_shared<Subscription>(callback, user);
   for (const auto& device : devices) {
@@ -94,27 +90,27 @@ bool AlarmBus::subscribe(const std::vector<std::string>& devices, AlarmDataCallB
 bool AlarmBus::unsubscribe(int subscribeId) {
   SharedSubscription subscription;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(subscriptions_->mutex);
     const auto found = subscriptions_->byId.find(subscribeId);
     if (found == subscriptions_->byId.end()) return false;
     subscription = std::move(found->second);
     subscriptions_->byId.erase(found);
     for (const auto& device : subscription->devices) closeUnusedFeed(device);
   }
-  std::unique_lock wait(subscription->running);
+  const ExclusiveLock wait(subscription->running);
   subscription->ended = true;
   return true;
 }
 
 bool AlarmBus::startUpload(int subscribeId) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(subscriptions_->mutex);
   const auto subscription = find(subscribeId);
   if (subscription) subscription->started = true;
   return subscription != nullptr;
 }
 
 bool AlarmBus::addDevice(int subscribeId, const std::string& devIndex) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(subscriptions_->mutex);
   const auto subscription = find(subscribeId);
   if (!subscription || !openFeed(devIndex)) return false;
   subscription->devices.insert(devIndex);
@@ -122,7 +118,7 @@ bool AlarmBus::addDevice(int subscribeId, const std::string& devIndex) {
 }
 
 bool AlarmBus::deleteDevice(int subscribeId, const std::string& devIndex) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(subscriptions_->mutex);
   const auto subscription = find(subscribeId);
   if (!subscription) return false;
   if (subscription->devices.erase(devIndex) != 0) closeUnusedFeed(devIndex);
@@ -130,7 +126,7 @@ bool AlarmBus::deleteDevice(int subscribeId, const std::string& devIndex) {
 }
 
 bool AlarmBus::isValid(int subscribeId) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(subscriptions_->mutex);
   return find(subscribeId) != nullptr;
 }
 
@@ -147,7 +143,7 @@ bool AlarmBus::openFeed(const std::string& devIndex) {
   if (!device) return false;
   auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
   auto feed = std::make_shared<DeviceFeed>(
-      reactor, *device, times_,
+      reactor, directory_.find(*device), times_,
       [subscriptions = subscriptions_, devIndex](const std::string& alarm) {
         subscriptions->deliver(devIndex, alarm);
       });
@@ -171,7 +167,7 @@ bool AlarmBus::Subscriptions::want(const std::string& devIndex) const {
 
 std::vector<AlarmBus::SharedSubscription> AlarmBus::Subscriptions::of(const std::string& devIndex) {
   std::vector<SharedSubscription> subscribers;
-  std::lock_guard lock(mutex);
+  const MutexLock lock(mutex);
   for (const auto& [id, subscription] : byId) {
     if (subscription->started && subscription->devices.contains(devIndex)) {
       subscribers.push_back(subscription);
@@ -182,7 +178,7 @@ std::vector<AlarmBus::SharedSubscription> AlarmBus::Subscriptions::of(const std:
 
 void AlarmBus::Subscriptions::deliver(const std::string& devIndex, const std::string& alarm) {
   for (const auto& subscription : of(devIndex)) {
-    std::shared_lock running(subscription->running);
+    const SharedLock running(subscription->running);
     if (subscription->ended) continue;
     try {
       subscription->callback(const_cast<char*>(alarm.data()), static_cast<int>(alarm.size()),
@@ -202,7 +198,7 @@ void AlarmBus::deviceChanged(tagNotifyType type, void* devIndex, const void* use
 
 // A subscription keeps a removed device, so that its alarms flow again when it is configured again.
 void AlarmBus::deviceChanged(tagNotifyType type, const std::string& devIndex) {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(subscriptions_->mutex);
   const auto feed = feeds_.find(devIndex);
   if (feed != feeds_.end()) {
     feed->second->stop();

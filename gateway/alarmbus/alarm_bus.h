@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
 #include "gateway/alarmbus/device_feed.h"
+#include "gateway/devices/device.h"
 #include "gateway/net/reactors.h"
+#include "gateway/sync/mutex.h"
 #include "platform/alarm_bus.h"
 #include "platform/device_mgr.h"
 
@@ -21,7 +21,8 @@ namespace qn {
 
 class AlarmBus {
  public:
-  explicit AlarmBus(Reactors& reactors, FeedTimes times = {});
+  // Both outlive the bus.
+  AlarmBus(Reactors& reactors, DeviceDirectory& directory, FeedTimes times = {});
   ~AlarmBus();  // stops
   AlarmBus(const AlarmBus&) = delete;
   AlarmBus& operator=(const AlarmBus&) = delete;
@@ -48,37 +49,37 @@ class AlarmBus {
     const AlarmDataCallBack callback;
     void* const user;
     std::atomic<bool> started{false};
-    std::shared_mutex running;      // shared by running callbacks, exclusive to end them
-    bool ended = false;             // guarded by running
-    std::set<std::string> devices;  // guarded by the bus's mutex_
+    SharedMutex running;  // shared by running callbacks, exclusive to end them
+    bool ended QN_GUARDED_BY(running) = false;
+    std::set<std::string> devices;  // guarded by the mutex of Subscriptions
   };
   using SharedSubscription = std::shared_ptr<Subscription>;
 
   // Shared with the feeds, whose last alarm may come when the bus is gone.
   struct Subscriptions {
-    std::mutex mutex;
-    std::map<int, SharedSubscription> byId;  // guarded by mutex
+    Mutex mutex;
+    std::map<int, SharedSubscription> byId QN_GUARDED_BY(mutex);
 
     void deliver(const std::string& devIndex, const std::string& alarm);
     std::vector<SharedSubscription> of(const std::string& devIndex);
-    bool want(const std::string& devIndex) const;  // REQUIRES: mutex held
+    bool want(const std::string& devIndex) const QN_REQUIRES(mutex);
   };
 
   static void deviceChanged(tagNotifyType type, void* devIndex, const void* user);
   void deviceChanged(tagNotifyType type, const std::string& devIndex);
 
-  bool openFeed(const std::string& devIndex);
-  void closeUnusedFeed(const std::string& devIndex);
-  SharedSubscription find(int subscribeId);
+  bool openFeed(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
+  void closeUnusedFeed(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
+  SharedSubscription find(int subscribeId) QN_REQUIRES(subscriptions_->mutex);
 
   Reactors& reactors_;
+  DeviceDirectory& directory_;
   const FeedTimes times_;
   const std::shared_ptr<Subscriptions> subscriptions_ = std::make_shared<Subscriptions>();
-  std::mutex& mutex_ = subscriptions_->mutex;
-  std::map<std::string, std::shared_ptr<DeviceFeed>> feeds_;  // guarded by mutex_
-  int lastId_ = -1;                                           // guarded by mutex_
-  std::size_t nextReactor_ = 0;                               // guarded by mutex_
-  bool started_ = false;                                      // host's thread only
+  std::map<std::string, std::shared_ptr<DeviceFeed>> feeds_ QN_GUARDED_BY(subscriptions_->mutex);
+  int lastId_ QN_GUARDED_BY(subscriptions_->mutex) = -1;
+  std::size_t nextReactor_ QN_GUARDED_BY(subscriptions_->mutex) = 0;
+  bool started_ = false;  // host's thread only
 };
 
 }  // namespace qn

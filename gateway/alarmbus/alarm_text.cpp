@@ -1,96 +1,83 @@
 #include "gateway/alarmbus/alarm_text.h"
 
-#include <array>
+#include <boost/json/basic_parser_impl.hpp>
+#include <boost/json/src.hpp>  // compiled here and nowhere else
+
+#include "json/extents.h"
 
 namespace qn {
 namespace {
 
-using Marks = std::array<bool, 256>;
+// Takes every value and keeps none.
+struct Ignored {
+  using Text = boost::json::string_view;
+  using Error = boost::json::error_code;
+  static constexpr std::size_t max_array_size = std::size_t(-1);
+  static constexpr std::size_t max_object_size = std::size_t(-1);
+  static constexpr std::size_t max_string_size = std::size_t(-1);
+  static constexpr std::size_t max_key_size = std::size_t(-1);
 
-constexpr Marks marks(std::string_view characters) {
-  Marks marks{};
-  for (const char c : characters) marks[static_cast<unsigned char>(c)] = true;
-  return marks;
+  bool on_document_begin(Error&) { return true; }
+  bool on_document_end(Error&) { return true; }
+  bool on_object_begin(Error&) { return true; }
+  bool on_object_end(std::size_t, Error&) { return true; }
+  bool on_array_begin(Error&) { return true; }
+  bool on_array_end(std::size_t, Error&) { return true; }
+  bool on_key_part(Text, std::size_t, Error&) { return true; }
+  bool on_key(Text, std::size_t, Error&) { return true; }
+  bool on_string_part(Text, std::size_t, Error&) { return true; }
+  bool on_string(Text, std::size_t, Error&) { return true; }
+  bool on_number_part(Text, Error&) { return true; }
+  bool on_int64(std::int64_t, Text, Error&) { return true; }
+  bool on_uint64(std::uint64_t, Text, Error&) { return true; }
+  bool on_double(double, Text, Error&) { return true; }
+  bool on_bool(bool, Error&) { return true; }
+  bool on_null(Error&) { return true; }
+  bool on_comment_part(Text, Error&) { return true; }
+  bool on_comment(Text, Error&) { return true; }
+};
+
+boost::json::parse_options options() {
+  boost::json::parse_options options;
+  options.max_depth = 1000;  // what jsoncpp takes
+  options.allow_invalid_utf8 = true;
+  return options;
 }
-
-constexpr Marks kInString = marks("\"\\");
-constexpr Marks kOutside = marks("\"{}[]/");
 
 }  // namespace
 
-std::size_t JsonScanner::skip(std::string_view text, std::size_t from) const {
-  if (escaped_) return from;
-  const Marks& stops = inString_ ? kInString : kOutside;
-  while (from < text.size() && !stops[static_cast<unsigned char>(text[from])]) ++from;
-  return from;
-}
+class JsonEnd::Parser : public boost::json::basic_parser<Ignored> {
+ public:
+  Parser() : basic_parser(options()) {}
+};
 
-JsonScanner::Event JsonScanner::step(char c) {
-  if (inString_) {
-    if (escaped_) {
-      escaped_ = false;
-    } else if (c == '\\') {
-      escaped_ = true;
-    } else if (c == '"') {
-      inString_ = false;
-    }
-    return Event::Inside;
-  }
-  switch (c) {
-    case '"':
-      inString_ = true;
-      return Event::Inside;
-    case '{':
-    case '[':
-      ++depth_;
-      return Event::Inside;
-    case '}':
-    case ']':
-      return close();
-    case '/':  // readers that accept comments would see another nesting than this one
-      return Event::NotJson;
-    default:
-      return Event::Inside;
-  }
-}
+JsonEnd::JsonEnd() = default;
+JsonEnd::~JsonEnd() = default;
+JsonEnd::JsonEnd(JsonEnd&&) noexcept = default;
+JsonEnd& JsonEnd::operator=(JsonEnd&&) noexcept = default;
 
-JsonScanner::Event JsonScanner::close() {
-  switch (--depth_) {
-    case 0:
-      return Event::RootEnd;
-    case 1:
-      return Event::MemberObjectEnd;
-    default:
-      return depth_ < 0 ? Event::NotJson : Event::Inside;
-  }
+JsonEnd::Found JsonEnd::feed(std::string_view piece) {
+  if (!parser_) parser_ = std::make_unique<Parser>();
+  boost::json::error_code error;
+  size_ += parser_->write_some(true, piece.data(), piece.size(), error);
+  if (error) return Found::NoJson;
+  return parser_->done() ? Found::End : Found::Nothing;
 }
 
 bool setDeviceIndex(std::string_view alarm, std::string_view quotedIndex, std::string& out) {
-  const auto begin = alarm.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos || alarm[begin] != '{') return false;
+  const auto extent = json::objectExtent(alarm);
+  if (!extent) return false;
   out.clear();
-  out.reserve(alarm.size() + quotedIndex.size() + 16);
-  JsonScanner scanner;
-  std::size_t copied = begin;
-  for (auto i = begin; (i = scanner.skip(alarm, i)) < alarm.size(); ++i) {
-    switch (scanner.step(alarm[i])) {
-      case JsonScanner::Event::Inside:
-        break;
-      case JsonScanner::Event::MemberObjectEnd:
-        if (alarm[i] != '}') break;  // an array
-        out.append(alarm, copied, i - copied);
-        copied = i;
-        if (out[out.find_last_not_of(" \t\r\n")] != '{') out += ',';
-        out.append("\"devIndex\":").append(quotedIndex);
-        break;
-      case JsonScanner::Event::RootEnd:
-        out.append(alarm, copied, i + 1 - copied);
-        return true;
-      case JsonScanner::Event::NotJson:
-        return false;
-    }
+  out.reserve(extent->end - extent->begin + extent->members.size() * (quotedIndex.size() + 12));
+  std::size_t copied = extent->begin;
+  for (const json::ObjectExtent& member : extent->members) {
+    const std::size_t brace = member.end - 1;
+    out.append(alarm, copied, brace - copied);
+    out.append(member.isEmpty ? "\"devIndex\":" : ",\"devIndex\":").append(quotedIndex);
+    copied = brace;
   }
-  return false;
+  out.append(alarm, copied, extent->end - copied);
+  return true;
 }
 
 }  // namespace qn

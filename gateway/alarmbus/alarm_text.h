@@ -1,33 +1,34 @@
-// Alarm documents as text: where one ends, and whose it is. Works on the bytes, because building a
-// tree for each alarm would cost more than everything else the bus does with it.
+// Alarm documents as text: where one ends in a stream, and whose it is.
 #pragma once
 
 #include <cstddef>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace qn {
 
-// Walks a JSON text byte by byte; only strings and nesting matter to it. It may be fed in pieces.
-class JsonScanner {
+// Finds the end of a JSON object whose text comes in pieces, whatever stands behind it.
+class JsonEnd {
  public:
-  enum class Event {
-    Inside,
-    MemberObjectEnd,  // this byte ends an object that is a member of the root
-    RootEnd,          // this byte ends the root
-    NotJson           // a comment, or more ends than beginnings
-  };
+  JsonEnd();
+  ~JsonEnd();
+  JsonEnd(JsonEnd&&) noexcept;
+  JsonEnd& operator=(JsonEnd&&) noexcept;
 
-  Event step(char c);
-  // The next byte at or after `from` that step() must see; all before it are Inside.
-  std::size_t skip(std::string_view text, std::size_t from) const;
+  enum class Found { Nothing, End, NoJson };
+
+  // Takes the next piece. End: behind `size()` bytes of all pieces. Nothing is to be fed after
+  // another result than Nothing.
+  Found feed(std::string_view piece);
+  std::size_t size() const { return size_; }
 
  private:
-  Event close();
+  class Parser;
 
-  int depth_ = 0;
-  bool inString_ = false;
-  bool escaped_ = false;
+  std::unique_ptr<Parser> parser_;  // made with the first piece
+  std::size_t size_ = 0;
 };
 
 // Gives every object that is a member of the root the member "devIndex" with this value (JSON text,

@@ -14,17 +14,15 @@
 #include <string_view>
 
 #include "gateway/alarmbus/multipart_reader.h"
-#include "gateway/alarmbus/stream_response.h"
-#include "gateway/auth/client_login.h"
-#include "gateway/config/configuration.h"
+#include "gateway/devices/device.h"
+#include "gateway/devices/dialer.h"
+#include "gateway/devices/message.h"
 
 namespace qn {
 
 // When a feed gives up waiting; others only in tests.
 struct FeedTimes {
   std::chrono::milliseconds silence = std::chrono::seconds(60);  // devices send heartbeats
-  // After wrong credentials: repeated tries would lock the account.
-  std::chrono::milliseconds refused = std::chrono::seconds(60);
 };
 
 // Everything runs on the reactor that the feed was given; only start and stop come from others.
@@ -33,7 +31,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   // The alarm's text, with "devIndex" set; valid during the call.
   using AlarmSink = std::function<void(const std::string& alarm)>;
 
-  DeviceFeed(boost::asio::io_context& reactor, DeviceConfig device, FeedTimes times,
+  DeviceFeed(boost::asio::io_context& reactor, std::shared_ptr<Device> device, FeedTimes times,
              AlarmSink sink);
 
   void start();
@@ -46,44 +44,42 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   using Tcp = boost::asio::ip::tcp;
 
   void connect();
-  void connectTo(const Tcp::resolver::results_type& addresses);
-  void connected(Error error);
-  std::string request();
-  void sendRequest();
+  void connected();
   void waitForBytes();
   void readBytes();
   void gather();
-  bool parse(std::string_view bytes);
+  bool parse();
   bool beginStream();
-  bool takeRefusal();
+  void takeLoginRefusal();
   void takePart(std::string_view contentType, std::string_view body);
 
   void watch(std::chrono::milliseconds limit);
   void armWatch(std::chrono::milliseconds limit);
   void retry();
-  std::chrono::milliseconds nextDelay();
+  void connectAfter(Clock::duration delay);
+  Clock::duration nextDelay();
 
   // Constant after construction.
   boost::asio::io_context& reactor_;
-  const DeviceConfig device_;
+  const std::shared_ptr<Device> device_;
+  const std::string target_;
   const FeedTimes times_;
   const std::string quotedIndex_;
   const AlarmSink sink_;
 
   Tcp::socket socket_;
-  Tcp::resolver resolver_;
+  Dialer dialer_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer pause_;
-  ClientLogin login_;
-  bool credentialsSent_ = false;
-  std::optional<StreamResponse> response_;
+  std::optional<DeviceLogin::Ticket> login_;  // of the attempts until a stream opens
+  std::string authorization_;
+  std::string head_;  // while it is sent
+  ReadBuffer buffer_;
+  std::optional<ReplyParser> reply_;
   std::optional<MultipartReader> parts_;
-  std::string rest_;  // bytes of the answer that the parser could not use yet
-  std::string request_;
   Clock::time_point lastBytes_;
-  unsigned failures_ = 0;                                  // since the last part
-  unsigned challenges_ = 0;                                // since the last stream
-  std::optional<std::chrono::milliseconds> refusedDelay_;  // what a refusal asks for
+  unsigned failures_ = 0;                        // since the last part
+  std::optional<Clock::duration> refusedDelay_;  // what a refusal asks for
   bool stopped_ = false;
   std::minstd_rand random_;
 };

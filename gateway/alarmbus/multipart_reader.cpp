@@ -1,25 +1,15 @@
 #include "gateway/alarmbus/multipart_reader.h"
 
 #include <algorithm>
-#include <charconv>
 #include <utility>
+
+#include "text/ascii.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
 
 constexpr std::size_t kHeaderLimit = 8 * 1024;
-
-bool sameName(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [&](char x, char y) { return lower(x) == lower(y); });
-}
-
-std::string_view trimmed(std::string_view text) {
-  const auto begin = text.find_first_not_of(" \t");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
-}
 
 // Without the line break that belongs to the boundary after it.
 std::string_view withoutLineBreak(std::string_view body) {
@@ -59,8 +49,12 @@ MultipartReader::Step MultipartReader::step(std::string_view bytes) {
       return readHeader(bytes);
     case State::BodyOfLength:
       return readBodyOfLength(bytes);
-    case State::BodyToEnd:
-      return readBodyToEnd(bytes);
+    case State::BodyStart:
+      return beginBody(bytes);
+    case State::JsonBody:
+      return readJsonBody(bytes);
+    case State::BodyToBoundary:
+      return readBodyToBoundary(bytes);
   }
   return {Step::Failed};
 }
@@ -89,9 +83,7 @@ MultipartReader::Step MultipartReader::readHeader(std::string_view bytes) {
   }
   const auto line = withoutLineBreak(bytes.substr(0, lineEnd + 1));
   if (line.empty()) {
-    state_ = hasLength_ ? State::BodyOfLength : State::BodyToEnd;
-    scanner_ = {};
-    scanned_ = 0;
+    state_ = hasLength_ ? State::BodyOfLength : State::BodyStart;
   } else if (!takeHeaderLine(line)) {
     return {Step::Failed};
   }
@@ -101,13 +93,14 @@ MultipartReader::Step MultipartReader::readHeader(std::string_view bytes) {
 bool MultipartReader::takeHeaderLine(std::string_view line) {
   const auto colon = line.find(':');
   if (colon == std::string_view::npos) return false;
-  const auto name = trimmed(line.substr(0, colon));
-  const auto value = trimmed(line.substr(colon + 1));
-  if (sameName(name, "Content-Type")) contentType_ = value;
-  if (!sameName(name, "Content-Length")) return true;
-  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length_);
+  const auto name = text::trim(line.substr(0, colon));
+  const auto value = text::trim(line.substr(colon + 1));
+  if (text::equalNoCase(name, "Content-Type")) contentType_ = value;
+  if (!text::equalNoCase(name, "Content-Length")) return true;
+  const auto length = text::wholeNumber<std::size_t>(value);
   hasLength_ = true;
-  return error == std::errc() && end == value.data() + value.size() && length_ <= partLimit_;
+  length_ = length.value_or(0);
+  return length && length_ <= partLimit_;
 }
 
 MultipartReader::Step MultipartReader::readBodyOfLength(std::string_view bytes) {
@@ -115,22 +108,36 @@ MultipartReader::Step MultipartReader::readBodyOfLength(std::string_view bytes) 
   return finishBody(bytes.substr(0, length_), length_);
 }
 
-MultipartReader::Step MultipartReader::readBodyToEnd(std::string_view bytes) {
-  const auto first = bytes.find_first_not_of(" \t\r\n");
+// Blanks before a body without a length do not belong to it.
+MultipartReader::Step MultipartReader::beginBody(std::string_view bytes) {
+  const auto first = bytes.find_first_not_of(text::kBlanks);
   if (first == std::string_view::npos) return {Step::NeedMore, bytes.size()};
-  if (bytes[first] == '{') {
-    for (scanned_ = std::max(scanned_, first); scanned_ < bytes.size(); ++scanned_) {
-      if (scanner_.step(bytes[scanned_]) == JsonScanner::Event::RootEnd) {
-        return finishBody(bytes.substr(first, scanned_ + 1 - first), scanned_ + 1);
-      }
-    }
-  } else {
-    const auto at = bytes.find(delimiter_, scanned_);
-    if (at != std::string_view::npos) {
-      return finishBody(withoutLineBreak(bytes.substr(first, at - first)), at);
-    }
-    scanned_ = bytes.size() - std::min(bytes.size(), delimiter_.size() - 1);
+  state_ = bytes[first] == '{' ? State::JsonBody : State::BodyToBoundary;
+  jsonEnd_ = {};
+  scanned_ = 0;
+  return {Step::Advanced, first};
+}
+
+MultipartReader::Step MultipartReader::readJsonBody(std::string_view bytes) {
+  switch (jsonEnd_.feed(bytes.substr(scanned_))) {
+    case JsonEnd::Found::End:
+      bytes = bytes.substr(0, jsonEnd_.size());  // with blanks behind it
+      return finishBody(bytes.substr(0, bytes.rfind('}') + 1), bytes.size());
+    case JsonEnd::Found::NoJson:  // ends like any other text
+      state_ = State::BodyToBoundary;
+      scanned_ = 0;
+      return {Step::Advanced, 0};
+    case JsonEnd::Found::Nothing:
+      break;
   }
+  scanned_ = bytes.size();
+  return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
+}
+
+MultipartReader::Step MultipartReader::readBodyToBoundary(std::string_view bytes) {
+  const auto at = bytes.find(delimiter_, scanned_);
+  if (at != std::string_view::npos) return finishBody(withoutLineBreak(bytes.substr(0, at)), at);
+  scanned_ = bytes.size() - std::min(bytes.size(), delimiter_.size() - 1);
   return {bytes.size() > partLimit_ ? Step::Failed : Step::NeedMore};
 }
 

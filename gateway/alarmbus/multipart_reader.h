@@ -24,7 +24,7 @@ class MultipartReader {
   bool feed(std::string_view bytes);
 
  private:
-  enum class State { Boundary, Header, BodyOfLength, BodyToEnd };
+  enum class State { Boundary, Header, BodyOfLength, BodyStart, JsonBody, BodyToBoundary };
   // What one step made of the bytes at hand.
   struct Step {
     enum { Advanced, NeedMore, Failed } result;
@@ -36,7 +36,9 @@ class MultipartReader {
   Step readHeader(std::string_view bytes);
   bool takeHeaderLine(std::string_view line);
   Step readBodyOfLength(std::string_view bytes);
-  Step readBodyToEnd(std::string_view bytes);
+  Step beginBody(std::string_view bytes);
+  Step readJsonBody(std::string_view bytes);
+  Step readBodyToBoundary(std::string_view bytes);
   Step finishBody(std::string_view body, std::size_t consumed);
 
   const std::string delimiter_;
@@ -47,7 +49,7 @@ class MultipartReader {
   std::string contentType_;
   std::size_t length_ = 0;
   bool hasLength_ = false;
-  JsonScanner scanner_;      // of a body without a length
+  JsonEnd jsonEnd_;          // of a body without a length
   std::size_t scanned_ = 0;  // how far in rest_
 };
 

@@ -1,6 +1,6 @@
 // Reads the values of Authorization and WWW-Authenticate, item by item and without allocation:
 // scheme names, parameters, and what some schemes have instead of parameters. Used by
-// digest_credentials and client_login.
+// digest_credentials and devices/device_login.
 #pragma once
 
 #include <string>

@@ -1,5 +1,6 @@
 // The computations of HTTP Digest authentication, and the comparison that goes with them. Used by
-// the login, the configuration (HA1 of plain passwords) and the client side in client_login.
+// the login, the configuration (HA1 of plain passwords) and the client side in
+// devices/device_login.
 #pragma once
 
 #include <array>

@@ -18,8 +18,9 @@ auto lookUp(const Items& items, const Index& index, const Key& key) -> const
 }  // namespace
 
 bool DeviceConfig::sameServer(const DeviceConfig& other) const {
-  return std::tie(host, port, basePath, username, password) ==
-         std::tie(other.host, other.port, other.basePath, other.username, other.password);
+  return std::tie(host, port, basePath, username, password, auth) ==
+         std::tie(other.host, other.port, other.basePath, other.username, other.password,
+                  other.auth);
 }
 
 std::string_view UserConfig::ha1For(DigestAlgorithm algorithm) const {

@@ -98,6 +98,10 @@ struct UserConfig {
   std::string_view ha1For(DigestAlgorithm algorithm) const;
 };
 
+// How the gateway may log in at a device. Basic shows the password to everybody on the way, so it
+// is used only where it is written.
+enum class DeviceAuth { Digest, Basic, Any };
+
 struct DeviceConfig {
   std::string index;
   std::string host;      // of the URL; an IPv6 address without its brackets
@@ -105,6 +109,7 @@ struct DeviceConfig {
   std::string basePath;  // of the URL, without a trailing slash
   std::string username;
   std::string password;
+  DeviceAuth auth = DeviceAuth::Digest;
   uint16_t httpPort = 0;  // the device's own KAVRO port in mode 2; 0: none
   uint16_t rtspPort = 0;
 

@@ -102,6 +102,7 @@ constexpr Key<DeviceEntry> kDeviceKeys[] = {
     {"url", &DeviceEntry::url, {}, &kDeviceUrlRule, true},
     {"username", &DeviceEntry::username, {}, &kDeviceUserRule},
     {"password", &DeviceEntry::password, {}, &kDevicePasswordRule},
+    {"auth", &DeviceEntry::auth, {}, &kDeviceAuthRule},
     {"http_port", &DeviceEntry::httpPort, kPortOrNone},
     {"rtsp_port", &DeviceEntry::rtspPort, kPortOrNone},
 };

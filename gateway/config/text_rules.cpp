@@ -64,13 +64,17 @@ bool isPassword(std::string_view text) { return !text.empty() && isPlain(text, k
 bool isHa1(std::string_view text) { return !text.empty() && text::isHex(text); }
 
 bool isDeviceIndex(std::string_view text) {
-  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%?/") &&
+  return !text.empty() && text.size() <= kIndexBytes && hasNone(text, "&#%+?/") &&
          std::all_of(text.begin(), text.end(), isVisible);
 }
 
 bool isDeviceUrl(std::string_view text) {
   DeviceConfig device;
   return parseDeviceUrl(text, device);
+}
+
+bool isDeviceAuth(std::string_view text) {
+  return text == "digest" || text == "basic" || text == "any";
 }
 
 bool isDeviceUser(std::string_view text) { return isPlain(text, kNameBytes) && hasNone(text, ":"); }
@@ -115,13 +119,14 @@ const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without 
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};
 const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
-const TextRule kDeviceIndexRule{isDeviceIndex,
-                                "1 to 63 printable ASCII characters without blanks and & # % ? /"};
+const TextRule kDeviceIndexRule{
+    isDeviceIndex, "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
 const TextRule kDeviceUrlRule{isDeviceUrl, "http://HOST[:PORT][/PATH], an IPv6 HOST in brackets"};
 const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};
 const TextRule kDevicePasswordRule{isDevicePassword,
                                    "at most 256 bytes without control characters"};
+const TextRule kDeviceAuthRule{isDeviceAuth, "\"digest\", \"basic\" or \"any\""};
 const TextRule kPathRule{isPath, "a path"};
 const TextRule kWhenFullRule{isWhenFull, "\"refuse\" or \"drop_oldest\""};
 

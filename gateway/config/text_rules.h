@@ -23,6 +23,7 @@ extern const TextRule kDeviceIndexRule;
 extern const TextRule kDeviceUrlRule;
 extern const TextRule kDeviceUserRule;
 extern const TextRule kDevicePasswordRule;
+extern const TextRule kDeviceAuthRule;
 extern const TextRule kPathRule;
 extern const TextRule kWhenFullRule;
 

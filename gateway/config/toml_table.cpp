@@ -51,4 +51,11 @@ void ValueReader::into(PictureOptions::WhenFull& target) const {
   target = text(node) == "refuse" ? WhenFull::Refuse : WhenFull::DropOldest;
 }
 
+void ValueReader::into(DeviceAuth& target) const {
+  const std::string value = text(node);
+  target = value == "digest"  ? DeviceAuth::Digest
+           : value == "basic" ? DeviceAuth::Basic
+                              : DeviceAuth::Any;
+}
+
 }  // namespace qn

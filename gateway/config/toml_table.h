@@ -38,7 +38,7 @@ struct Key {
   using Member =
       std::variant<bool S::*, int S::*, uint16_t S::*, std::size_t S::*, std::chrono::seconds S::*,
                    std::string S::*, std::vector<std::string> S::*, DigestAlgorithm S::*,
-                   PictureOptions::WhenFull S::*>;
+                   PictureOptions::WhenFull S::*, DeviceAuth S::*>;
 
   std::string_view name;
   Member member;
@@ -62,6 +62,7 @@ struct ValueReader {
   void into(std::vector<std::string>& target) const;
   void into(DigestAlgorithm& target) const;
   void into(PictureOptions::WhenFull& target) const;
+  void into(DeviceAuth& target) const;
   void into(std::chrono::seconds& target) const { target = std::chrono::seconds(integer()); }
   void into(int& target) const { target = int(integer()); }
   void into(uint16_t& target) const { target = uint16_t(integer()); }

@@ -1,11 +1,9 @@
-// See device_bus.h.
 #include "gateway/devicebus/device_bus.h"
 
 #include <algorithm>
 #include <array>
 #include <boost/asio/post.hpp>
-#include <condition_variable>
-#include <mutex>
+#include <exception>
 #include <optional>
 #include <string_view>
 #include <thread>
@@ -13,45 +11,39 @@
 
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_url.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
+#include "gateway/sync/mutex.h"
+#include "platform/rest_protocol.h"
 
 namespace qn::devicebus {
 namespace {
 
 std::atomic<DeviceBus*> startedBus{nullptr};
 
-// By code. Empty for others.
-std::string_view methodName(unsigned char code) {
-  constexpr std::array<std::string_view, 7> kNames = {"GET",  "PUT",     "POST", "DELETE",
-                                                      "HEAD", "OPTIONS", "PATCH"};
-  return code < kNames.size() ? kNames[code] : std::string_view();
-}
-
 // Where the answer and the thread that waits for it meet; the latter may have gone.
 class Meeting {
  public:
   void bring(std::string_view answer, Origin origin) {
-    {
-      std::lock_guard lock(mutex_);
-      origin_ = origin;
-      answer_ = answer;
-    }
-    brought_.notify_one();
+    const MutexLock lock(mutex_);
+    origin_ = origin;
+    answer_ = answer;
+    brought_.notifyOne();
   }
 
   bool waitForReply(std::chrono::steady_clock::time_point deadline, std::string& reply) {
-    std::unique_lock lock(mutex_);
-    brought_.wait_until(lock, deadline, [this] { return origin_.has_value(); });
-    if (origin_ != Origin::kDevice) return false;
+    const MutexLock lock(mutex_);
+    while (!origin_ && brought_.waitUntil(mutex_, deadline)) {
+    }
+    if (origin_ != Origin::Device) return false;
     reply = std::move(answer_);
     return true;
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable brought_;
-  std::optional<Origin> origin_;  // guarded by mutex_
-  std::string answer_;            // guarded by mutex_
+  Mutex mutex_;
+  Condition brought_;
+  std::optional<Origin> origin_ QN_GUARDED_BY(mutex_);
+  std::string answer_ QN_GUARDED_BY(mutex_);
 };
 
 // Keeps off the worker pool: the thread that waits may be a worker.
@@ -83,6 +75,40 @@ class Awaiting {
   const bool allowed_;
 };
 
+class CallbackRecipient final : public Recipient {
+ public:
+  CallbackRecipient(DeviceCfgCallBack callback, void* userData)
+      : callback_(callback), userData_(userData) {}
+
+  void take(std::string_view answer, Origin) noexcept override {
+    try {
+      callback_(const_cast<char*>(answer.data()), static_cast<int>(answer.size()), userData_);
+    } catch (const std::exception& exception) {
+      logError("device bus: a callback has thrown: {}", exception.what());
+    } catch (...) {
+      logError("device bus: a callback has thrown");
+    }
+  }
+  bool isTranslator() const override { return true; }
+
+ private:
+  const DeviceCfgCallBack callback_;
+  void* const userData_;
+};
+
+// Runs a call on the started bus; what it throws is a want of resources.
+template <typename Action>
+int onStartedBus(Action action) noexcept {
+  DeviceBus* const bus = startedBus;
+  if (!bus) return DEVCFGBUS_STOPPING;
+  try {
+    return action(*bus);
+  } catch (const std::exception& exception) {
+    logError("device bus: {}", exception.what());
+    return DEVCFGBUS_QUEUE_FULL;
+  }
+}
+
 std::chrono::milliseconds bounded(std::chrono::milliseconds timeout) {
   return std::clamp(timeout, std::chrono::milliseconds(0), DeviceBus::kLongestTimeout);
 }
@@ -99,7 +125,8 @@ bool holdsBefore(std::chrono::steady_clock::time_point deadline, Condition condi
 
 }  // namespace
 
-DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers) : answers_(workers) {
+DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory)
+    : answers_(workers), directory_(directory) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     shards_.push_back(
         std::make_unique<Shard>(reactors.context(i), answers_, directory_, reactors.size()));
@@ -113,8 +140,6 @@ DeviceBus::~DeviceBus() {
 }
 
 void DeviceBus::start() { startedBus = this; }
-
-DeviceBus* DeviceBus::started() { return startedBus; }
 
 void DeviceBus::stop() {
   if (std::exchange(stopped_, true)) return;
@@ -130,7 +155,7 @@ void DeviceBus::stop() {
     boost::asio::post(shard->reactor(), [handlersLeft] { --*handlersLeft; });
   }
   if (!ended || !holdsBefore(deadline, [&] { return *handlersLeft == 0; })) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: some requests have not ended");
+    logError("device bus: some requests have not ended");
   }
 }
 
@@ -147,19 +172,18 @@ std::shared_ptr<Device> DeviceBus::findDevice(const std::string& url) {
 }
 
 int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
-  const std::string_view method = methodName(call.method);
+  const std::string_view method = QNBase::CRESTfulProtocol::GetMethod(call.method);
   if (method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
   std::shared_ptr<Device> device = findDevice(call.url);
   if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
   const BusOptions& options = configuration()->bus;
   auto request = std::make_unique<BusRequest>();
-  switch (
-      request->admission.enter(tally_, device, options.deviceConnections + options.deviceQueue)) {
-    case Admission::Refusal::kStopping:
+  switch (request->place.enter(tally_, device, options.deviceConnections + options.deviceQueue)) {
+    case Place::Refusal::Stopping:
       return DEVCFGBUS_STOPPING;
-    case Admission::Refusal::kFull:
+    case Place::Refusal::Full:
       return DEVCFGBUS_QUEUE_FULL;
-    case Admission::Refusal::kNone:
+    case Place::Refusal::None:
       break;
   }
   request->method = method;
@@ -182,7 +206,7 @@ void DeviceBus::dispatch(RequestPtr request) {
 
 int DeviceBus::ask(Call call, std::string& reply) {
   if (Reactors::current() != Reactors::kNone) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: a reactor may not wait for a device");
+    logError("device bus: a reactor may not wait for a device");
     return -1;
   }
   const std::shared_ptr<Device> device = findDevice(call.url);
@@ -197,3 +221,20 @@ int DeviceBus::ask(Call call, std::string& reply) {
 }
 
 }  // namespace qn::devicebus
+
+int QN_DeviceCfgBus_ProcessAsyn(unsigned char method, std::string jsonUrl,
+                                const std::string& jsonBody, DeviceCfgCallBack callback,
+                                void* userData, int timeoutMs) {
+  return qn::devicebus::onStartedBus([&](qn::DeviceBus& bus) {
+    return bus.send({method, std::move(jsonUrl), jsonBody, std::chrono::milliseconds(timeoutMs)},
+                    std::make_unique<qn::devicebus::CallbackRecipient>(callback, userData));
+  });
+}
+
+int QN_DeviceCfgBus_ProcessSyn(unsigned char method, std::string jsonUrl,
+                               const std::string& jsonBody, std::string& reply, int timeoutMs) {
+  return qn::devicebus::onStartedBus([&](qn::DeviceBus& bus) {
+    return bus.ask({method, std::move(jsonUrl), jsonBody, std::chrono::milliseconds(timeoutMs)},
+                   reply);
+  });
+}

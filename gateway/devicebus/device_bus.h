@@ -1,5 +1,5 @@
 // The device-configuration bus: HTTP/1.1 to the sub-devices over pooled keep-alive connections, on
-// the reactors. The functions of platform/device_cfg_bus.h stand on the started one.
+// the reactors. The functions of platform/device_cfg_bus.h act on the started one.
 #pragma once
 
 #include <atomic>
@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "gateway/devicebus/answers.h"
-#include "gateway/devicebus/device.h"
 #include "gateway/devicebus/shard.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
@@ -31,8 +29,8 @@ class DeviceBus {
   static constexpr std::chrono::milliseconds kLongestTimeout{60000};
   static constexpr std::size_t kAwaited = 8;
 
-  // Both outlive the bus and run until it has stopped.
-  DeviceBus(Reactors& reactors, WorkerPool& workers);
+  // All outlive the bus; reactors and workers run until it has stopped.
+  DeviceBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory);
   ~DeviceBus();  // stops; no call may be under way
   DeviceBus(const DeviceBus&) = delete;
   DeviceBus& operator=(const DeviceBus&) = delete;
@@ -51,9 +49,6 @@ class DeviceBus {
   // must not keep every worker.
   int ask(Call call, std::string& reply);
 
-  // The started one; null when there is none.
-  static DeviceBus* started();
-
  private:
   static constexpr std::chrono::seconds kStopTime{10};
 
@@ -62,7 +57,7 @@ class DeviceBus {
   void dispatch(RequestPtr request);
 
   Answers answers_;
-  DeviceDirectory directory_;
+  DeviceDirectory& directory_;
   Tally tally_;
   std::vector<std::unique_ptr<Shard>> shards_;  // one for each reactor
   std::atomic<std::size_t> nextShard_{0};

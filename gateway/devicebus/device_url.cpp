@@ -1,32 +1,23 @@
-// See device_url.h.
 #include "gateway/devicebus/device_url.h"
 
 #include <algorithm>
+#include <cstdint>
+
+#include "text/number.h"
 
 namespace qn::devicebus {
 namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
 
 // A "%" that no two hexadecimal digits follow stands for itself.
 std::string decoded(std::string_view text) {
   std::string result;
   result.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool escape = text[i] == '%' && i + 2 < text.size();
-    const int high = escape ? hexValue(text[i + 1]) : -1;
-    const int low = escape ? hexValue(text[i + 2]) : -1;
-    if (high >= 0 && low >= 0) {
-      result += static_cast<char>(high * 16 + low);
-      i += 2;
-    } else {
-      result += text[i] == '+' ? ' ' : text[i];
-    }
+    const auto byte = text[i] == '%' && i + 2 < text.size()
+                          ? text::wholeNumber<uint8_t>(text.substr(i + 1, 2), 16)
+                          : std::nullopt;
+    if (byte) i += 2;
+    result += byte ? static_cast<char>(*byte) : text[i] == '+' ? ' ' : text[i];
   }
   return result;
 }

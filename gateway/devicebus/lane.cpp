@@ -1,36 +1,15 @@
-// See lane.h.
 #include "gateway/devicebus/lane.h"
 
 #include <algorithm>
-#include <boost/asio/ip/address.hpp>
 #include <utility>
 
-#include "gateway/devicebus/request_head.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn::devicebus {
-namespace {
-
-// The endpoint when the host is an address.
-std::vector<Connection::Endpoint> literalEndpoint(const DeviceConfig& config) {
-  std::string_view host = config.host;
-  if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
-  boost::system::error_code error;
-  const auto address = boost::asio::ip::make_address(std::string(host), error);
-  if (error) return {};
-  return {{address, config.port}};
-}
-
-}  // namespace
 
 Lane::Lane(boost::asio::io_context& reactor, const Answers& answers, std::shared_ptr<Device> device,
            Limits limits)
-    : reactor_(reactor),
-      answers_(answers),
-      device_(std::move(device)),
-      limits_(limits),
-      literalAddress_(!literalEndpoint(device_->config).empty()),
-      endpoints_(literalEndpoint(device_->config)) {}
+    : reactor_(reactor), answers_(answers), device_(std::move(device)), limits_(limits) {}
 
 Lane::~Lane() {
   for (const auto& connection : resting_) connection->close();
@@ -53,20 +32,19 @@ void Lane::pump() {
     BusRequest& first = *queue_.front();
     const auto now = Clock::now();
     if (device_->circuit.blocked(now)) {
-      fail(takeFirst(), kDeviceUnreachable);
+      fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
       continue;
     }
     if (busy_.size() >= limits_.connections) return;
-    target.clear();
-    appendTarget(target, *device_, first);
+    target.assign(device_->config.basePath).append(first.url);
     const auto verdict = device_->login.prepare(*first.login, first.method, target, authorization);
-    if (verdict == DeviceLogin::Verdict::kWait) return;
-    if (verdict == DeviceLogin::Verdict::kRefused) {
-      fail(takeFirst(), kDeviceLoginRefused);
+    if (verdict == DeviceLogin::Verdict::Wait) return;
+    if (verdict == DeviceLogin::Verdict::Refused) {
+      fail(takeFirst(), ERROR_DEVICE_LOGIN_REFUSED);
     } else if (!device_->circuit.admit(now)) {
-      fail(takeFirst(), kDeviceUnreachable);
+      fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
     } else {
-      launch(takeFirst(), authorization);
+      launch({first.method, target, {}, authorization}, takeFirst());
     }
   }
 }
@@ -77,18 +55,13 @@ RequestPtr Lane::takeFirst() {
   return request;
 }
 
-void Lane::launch(RequestPtr request, const std::string& authorization) {
-  const std::shared_ptr<Connection> connection = takeConnection(*request);
+void Lane::launch(const DeviceRequestHead& head, RequestPtr request) {
+  const auto connection = takeConnection(*request);
   busy_.push_back(connection);
-  writeRequestHead(connection->head(), *device_, *request, authorization);
-  if (endpoints_.empty()) {
-    connection->startUnresolved(std::move(request));
-  } else {
-    connection->start(std::move(request), endpoints_);
-  }
+  connection->start(head, std::move(request));
 }
 
-std::shared_ptr<Connection> Lane::takeConnection(const BusRequest& request) {
+std::shared_ptr<DeviceConnection> Lane::takeConnection(const BusRequest& request) {
   if (!resting_.empty() && !request.needsFreshConnection) {
     auto connection = std::move(resting_.back());
     resting_.pop_back();
@@ -98,16 +71,15 @@ std::shared_ptr<Connection> Lane::takeConnection(const BusRequest& request) {
     resting_.front()->close();
     resting_.erase(resting_.begin());
   }
-  return std::make_shared<Connection>(*this, reactor_);
+  return std::make_shared<DeviceConnection>(*this, reactor_);
 }
 
 void Lane::fail(RequestPtr request, unsigned int code) {
-  wlog_format(WLOG_INFO, "QNW", "device %s: a request ends with 0x%08x",
-              device_->config.index.c_str(), code);
+  logDebug("device {}: a request ends with 0x{:08x}", device_->config.index, code);
   answers_.giveError(reactor_, std::move(request), code);
 }
 
-void Lane::onReply(Connection& connection) {
+void Lane::onReply(DeviceConnection& connection) {
   const auto kept = connection.shared_from_this();
   ReplyParser& reply = connection.reply();
   RequestPtr request = connection.takeRequest();
@@ -120,13 +92,13 @@ void Lane::onReply(Connection& connection) {
   } else if (!retired_ && device_->login.refused(*request->login, reply.challenge())) {
     queue_.push_front(std::move(request));
   } else {
-    fail(std::move(request), kDeviceLoginRefused);
+    fail(std::move(request), ERROR_DEVICE_LOGIN_REFUSED);
   }
   release(kept);
   pump();
 }
 
-void Lane::release(const std::shared_ptr<Connection>& connection) {
+void Lane::release(const std::shared_ptr<DeviceConnection>& connection) {
   std::erase(busy_, connection);
   if (retired_ || !connection->canBeReused()) {
     connection->close();
@@ -136,31 +108,30 @@ void Lane::release(const std::shared_ptr<Connection>& connection) {
   connection->rest();
 }
 
-void Lane::onFault(Connection& connection, Connection::Fault fault) {
+void Lane::onFault(DeviceConnection& connection, DeviceConnection::Fault fault) {
   const auto kept = connection.shared_from_this();
   drop(connection);
   RequestPtr request = connection.takeRequest();
   if (!request) return;
-  if (fault == Connection::Fault::kNotConnected) {
-    if (!literalAddress_) endpoints_.clear();
+  if (fault == DeviceConnection::Fault::NotConnected) {
     device_->circuit.failed(Clock::now());
-    fail(std::move(request), kDeviceUnreachable);
-  } else if (fault == Connection::Fault::kClosed && isToBeSentAgain(*request, connection)) {
+    fail(std::move(request), ERROR_DEVICE_UNREACHABLE);
+  } else if (fault == DeviceConnection::Fault::Closed && isToBeSentAgain(*request, connection)) {
     request->needsFreshConnection = true;
     queue_.push_front(std::move(request));
   } else {
-    fail(std::move(request), kDeviceReplyUnusable);
+    fail(std::move(request), ERROR_DEVICE_REPLY_UNUSABLE);
   }
   pump();
 }
 
 // The device may have closed a connection in the moment in which it was used again.
-bool Lane::isToBeSentAgain(BusRequest& request, Connection& connection) {
+bool Lane::isToBeSentAgain(BusRequest& request, DeviceConnection& connection) {
   return !retired_ && connection.isReused() && !connection.gotReplyBytes() &&
-         !request.needsFreshConnection && isIdempotent(request.method);
+         !request.needsFreshConnection && request.isIdempotent();
 }
 
-void Lane::drop(Connection& connection) {
+void Lane::drop(DeviceConnection& connection) {
   const auto isIt = [&](const auto& other) { return other.get() == &connection; };
   std::erase_if(busy_, isIt);
   std::erase_if(resting_, isIt);
@@ -175,21 +146,21 @@ void Lane::sweep(Clock::time_point now) {
 
 void Lane::endOverdue(Clock::time_point now) {
   for (RequestPtr& request : queue_) {
-    if (request->deadline <= now) fail(std::move(request), kDeviceTimeout);
+    if (request->deadline <= now) fail(std::move(request), ERROR_DEVICE_TIMEOUT);
   }
   std::erase(queue_, nullptr);
-  const auto endIfOverdue = [&](const std::shared_ptr<Connection>& connection) {
+  const auto endIfOverdue = [&](const std::shared_ptr<DeviceConnection>& connection) {
     if (!connection->request() || connection->request()->deadline > now) return false;
     device_->circuit.failed(now);
     connection->close();
-    fail(connection->takeRequest(), kDeviceTimeout);
+    fail(connection->takeRequest(), ERROR_DEVICE_TIMEOUT);
     return true;
   };
   std::erase_if(busy_, endIfOverdue);
 }
 
 void Lane::closeRested(Clock::time_point now) {
-  std::erase_if(resting_, [&](const std::shared_ptr<Connection>& connection) {
+  std::erase_if(resting_, [&](const std::shared_ptr<DeviceConnection>& connection) {
     if (connection->restingSince() + kRestTime > now) return false;
     connection->close();
     return true;

@@ -10,9 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "gateway/devicebus/answers.h"
-#include "gateway/devicebus/connection.h"
-#include "gateway/devicebus/device.h"
+#include "gateway/devicebus/device_connection.h"
+#include "gateway/devicebus/request.h"
 
 namespace qn::devicebus {
 
@@ -53,21 +52,20 @@ class Lane {
   void endAll(unsigned int code);
 
   // From the connections:
-  void onReply(Connection& connection);
-  void onFault(Connection& connection, Connection::Fault fault);
-  void resolved(const std::vector<Connection::Endpoint>& endpoints) { endpoints_ = endpoints; }
+  void onReply(DeviceConnection& connection);
+  void onFault(DeviceConnection& connection, DeviceConnection::Fault fault);
 
  private:
-  using Connections = std::vector<std::shared_ptr<Connection>>;
+  using Connections = std::vector<std::shared_ptr<DeviceConnection>>;
 
   void pump();
-  void launch(RequestPtr request, const std::string& authorization);
-  std::shared_ptr<Connection> takeConnection(const BusRequest& request);
+  void launch(const DeviceRequestHead& head, RequestPtr request);
+  std::shared_ptr<DeviceConnection> takeConnection(const BusRequest& request);
   RequestPtr takeFirst();
   void fail(RequestPtr request, unsigned int code);
-  bool isToBeSentAgain(BusRequest& request, Connection& connection);
-  void release(const std::shared_ptr<Connection>& connection);
-  void drop(Connection& connection);
+  bool isToBeSentAgain(BusRequest& request, DeviceConnection& connection);
+  void release(const std::shared_ptr<DeviceConnection>& connection);
+  void drop(DeviceConnection& connection);
   void endOverdue(Clock::time_point now);
   void closeRested(Clock::time_point now);
 
@@ -75,8 +73,6 @@ class Lane {
   const Answers& answers_;
   const std::shared_ptr<Device> device_;
   const Limits limits_;
-  const bool literalAddress_;
-  std::vector<Connection::Endpoint> endpoints_;  // empty until the host name is resolved
   bool retired_ = false;
   std::deque<RequestPtr> queue_;
   Connections busy_;

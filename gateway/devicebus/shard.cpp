@@ -1,4 +1,3 @@
-// See shard.h.
 #include "gateway/devicebus/shard.h"
 
 #include <algorithm>
@@ -7,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn::devicebus {
 namespace {
@@ -64,9 +63,9 @@ void Shard::followConfiguration() {
 }
 
 void Shard::accept(RequestPtr request) {
-  if (stopped_) return answers_.giveError(reactor_, std::move(request), kGatewayStopping);
+  if (stopped_) return answers_.giveError(reactor_, std::move(request), ERROR_GATEWAY_STOPPING);
   Lane* const to = lane(request->device->config.index);
-  if (!to) return answers_.giveError(reactor_, std::move(request), kDeviceUnreachable);
+  if (!to) return answers_.giveError(reactor_, std::move(request), ERROR_DEVICE_UNREACHABLE);
   to->submit(std::move(request));
   if (period_ != kSweepPeriod) watch(kSweepPeriod);
 }
@@ -75,7 +74,7 @@ void Shard::acceptPosted(RequestPtr request) noexcept {
   try {
     accept(std::move(request));
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
   }
 }
 
@@ -93,7 +92,7 @@ void Shard::sweep() noexcept {
     followConfiguration();
     sweepLanes();
   } catch (const std::exception& exception) {
-    wlog_format(WLOG_ERROR, "QNW", "device bus: %s", exception.what());
+    logError("device bus: {}", exception.what());
   }
   const auto any = [this](auto property) {
     return std::ranges::any_of(retired_, [&](auto& lane) { return property(*lane); }) ||
@@ -114,8 +113,8 @@ void Shard::shutDown() {
   stopped_ = true;
   ++timerStarts_;
   timer_.cancel();
-  for (const auto& [index, lane] : lanes_) lane->endAll(kGatewayStopping);
-  for (const auto& lane : retired_) lane->endAll(kGatewayStopping);
+  for (const auto& [index, lane] : lanes_) lane->endAll(ERROR_GATEWAY_STOPPING);
+  for (const auto& lane : retired_) lane->endAll(ERROR_GATEWAY_STOPPING);
   lanes_.clear();
   retired_.clear();
 }

@@ -12,8 +12,6 @@
 #include <vector>
 
 #include "gateway/config/configuration.h"
-#include "gateway/devicebus/answers.h"
-#include "gateway/devicebus/device.h"
 #include "gateway/devicebus/lane.h"
 
 namespace qn::devicebus {

@@ -15,24 +15,21 @@
 namespace qn {
 namespace {
 
-constexpr unsigned int kInternalFault = 0x30000014;
-constexpr unsigned int kResourceNotFound = 0x40000006;
-
 struct OwnAnswerRow {
   OwnAnswer answer;
   int status;
   unsigned int errorCode;
 };
 constexpr OwnAnswerRow kOwnAnswers[] = {
-    {OwnAnswer::Malformed, 400, kMalformedRequest},
-    {OwnAnswer::NotFound, 404, kResourceNotFound},
-    {OwnAnswer::RequestTimeout, 408, kRequestTimeout},
-    {OwnAnswer::BodyTooLarge, 413, kRequestTooLarge},
-    {OwnAnswer::HeadTooLarge, 431, kHeadTooLarge},
-    {OwnAnswer::InternalError, 500, kInternalFault},
-    {OwnAnswer::NotImplemented, 501, kMethodNotImplemented},
-    {OwnAnswer::Overloaded, 503, kTooManyRequests},
-    {OwnAnswer::GatewayTimeout, 504, kDeviceTimeout},
+    {OwnAnswer::Malformed, 400, ERROR_MALFORMED_REQUEST},
+    {OwnAnswer::NotFound, 404, ERROR_RESOURCE_NOT_FOUND},
+    {OwnAnswer::RequestTimeout, 408, ERROR_REQUEST_TIMEOUT},
+    {OwnAnswer::BodyTooLarge, 413, ERROR_REQUEST_TOO_LARGE},
+    {OwnAnswer::HeadTooLarge, 431, ERROR_HEAD_TOO_LARGE},
+    {OwnAnswer::InternalError, 500, ERROR_INTERNAL},
+    {OwnAnswer::NotImplemented, 501, ERROR_METHOD_NOT_IMPLEMENTED},
+    {OwnAnswer::Overloaded, 503, ERROR_TOO_MANY_REQUESTS},
+    {OwnAnswer::GatewayTimeout, 504, ERROR_DEVICE_TIMEOUT},
 };
 constexpr std::size_t kOwnAnswerCount = std::size(kOwnAnswers);
 

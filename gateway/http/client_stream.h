@@ -18,7 +18,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 
@@ -58,7 +58,7 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
     try {
       function();
     } catch (const std::exception& e) {
-      wlog_format(WLOG_ERROR, "http", "connection of %s: %s", peer_.c_str(), e.what());
+      logError("http: connection of {}: {}", peer_, e.what());
       end();
     }
   }

@@ -9,7 +9,7 @@
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/config/configuration.h"
 #include "gateway/http/header_lines.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 #include "text/ascii.h"
 
 namespace qn {
@@ -32,13 +32,13 @@ class ExchangeRegistry {
   // False when the handle is still live: the counter came round.
   bool add(const ExchangePtr& exchange) {
     Shard& shard = shardOf(exchange->handle());
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     return shard.live.try_emplace(exchange->handle(), exchange).second;
   }
 
   ExchangePtr find(int handle) {
     Shard& shard = shardOf(handle);
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     const auto found = shard.live.find(handle);
     return found == shard.live.end() ? nullptr : found->second;
   }
@@ -46,7 +46,7 @@ class ExchangeRegistry {
   void erase(int handle) {
     ExchangePtr last;  // destroyed outside the lock
     Shard& shard = shardOf(handle);
-    const std::lock_guard lock(shard.mutex);
+    const MutexLock lock(shard.mutex);
     const auto found = shard.live.find(handle);
     if (found == shard.live.end()) return;
     last = std::move(found->second);
@@ -55,8 +55,8 @@ class ExchangeRegistry {
 
  private:
   struct Shard {
-    std::mutex mutex;
-    std::unordered_map<int, ExchangePtr> live;
+    Mutex mutex;
+    std::unordered_map<int, ExchangePtr> live QN_GUARDED_BY(mutex);
   };
   Shard& shardOf(int handle) { return shards_[static_cast<unsigned>(handle) % shards_.size()]; }
 
@@ -110,7 +110,7 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, std::strin
 
 std::string ExchangeState::header(std::string_view name) const {
   if (qn::text::equalNoCase(name, "X-Forwarded-For")) return clientAddress_;
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   const std::string_view value = qn::findHeader(fields_, name).value;
   // Credentials made for another target must not open this one.
   const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
@@ -119,17 +119,17 @@ std::string ExchangeState::header(std::string_view name) const {
 }
 
 void ExchangeState::setLogin(qn::LoggedIn who) {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   login_ = std::move(who);
 }
 
 std::string ExchangeState::user() const {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   return login_.user;
 }
 
 bool ExchangeState::isStillAllowed() const {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   return login_.user.empty() ||
          qn::configuration()->stillAllows(login_.user, login_.ha1, login_.device);
 }
@@ -137,10 +137,10 @@ bool ExchangeState::isStillAllowed() const {
 void ExchangeState::setHeader(std::string_view name, std::string_view value) {
   if (name.empty() || !qn::isClean(name) || !qn::isClean(value) || qn::isOwnHeader(name) ||
       name.find(':') != std::string_view::npos) {
-    wlog_format(WLOG_WARN, "http", "header of an answer refused");
+    qn::logWarn("http: a header of an answer was refused");
     return;
   }
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   setHeaderLocked(name, value);
 }
 
@@ -151,12 +151,12 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
 }
 
 void ExchangeState::setStatus(int status) {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   status_ = status >= 200 && status <= 999 ? status : 500;
 }
 
 void ExchangeState::markStream() {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   if (streamOpen_) return;
   stream_ = true;
   setHeaderLocked("Content-Type", "multipart/mixed; boundary=boundary");
@@ -169,7 +169,7 @@ int ExchangeState::respond(const void* data, int length) {
   if (length < 0 || (data == nullptr && length > 0)) return 0;
   bool stream;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     stream = stream_;
   }
   if (stream) return respondOnStream(data, length);
@@ -186,7 +186,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
   bool wakes = false;
   int accepted = length;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     if (gone_) return HTTP_LINK_BROKEN;
     if (!streamOpen_) {
       if (!claim()) return HTTP_LINK_BROKEN;
@@ -210,7 +210,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
 bool ExchangeState::finish(int status, const char* contentType, std::string_view body) {
   if (!claim()) return false;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     stream_ = false;
     status_ = status >= 200 && status <= 999 ? status : 500;
     setHeaderLocked("Content-Type", contentType);
@@ -223,7 +223,7 @@ bool ExchangeState::finish(int status, const char* contentType, std::string_view
 bool ExchangeState::finish(qn::OwnAnswer answer) {
   if (answered_) return false;
   {
-    const std::lock_guard lock(mutex_);
+    const qn::MutexLock lock(mutex_);
     headers_.clear();
     if (answer == qn::OwnAnswer::Overloaded) {
       setHeaderLocked("Retry-After", qn::kRetryAfterSeconds);
@@ -235,7 +235,7 @@ bool ExchangeState::finish(qn::OwnAnswer answer) {
 
 void ExchangeState::appendMessage(std::string& out, std::string_view body,
                                   qn::Ending ending) const {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   out.reserve(out.size() + headers_.size() + body.size() + 192);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
@@ -252,7 +252,7 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
 }
 
 void ExchangeState::appendStreamHead(std::string& out) const {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
@@ -260,7 +260,7 @@ void ExchangeState::appendStreamHead(std::string& out) const {
 }
 
 bool ExchangeState::takeParts(std::string& out) {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   wakePending_ = false;
   if (parts_.empty()) return false;
   out.swap(parts_);
@@ -269,7 +269,7 @@ bool ExchangeState::takeParts(std::string& out) {
 }
 
 void ExchangeState::partsSent() {
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   inWriting_ = 0;
 }
 
@@ -277,7 +277,7 @@ void ExchangeState::detach() {
   answered_ = true;
   qn::ExchangeRegistry::instance().erase(handle_);
   std::string parts;
-  const std::lock_guard lock(mutex_);
+  const qn::MutexLock lock(mutex_);
   gone_ = true;
   parts_.swap(parts);
 }

@@ -7,13 +7,13 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "gateway/auth/login_request.h"
 #include "gateway/http/answer.h"
 #include "gateway/http/request_reader.h"
+#include "gateway/sync/mutex.h"
 #include "platform/http_service.h"
 
 namespace qn {
@@ -91,7 +91,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
  private:
   int respondOnStream(const void* data, int length);
   bool claim();
-  void setHeaderLocked(std::string_view name, std::string_view value);
+  void setHeaderLocked(std::string_view name, std::string_view value) QN_REQUIRES(mutex_);
 
   const int handle_;
   const int method_;
@@ -103,17 +103,18 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState> {
 
   std::atomic<bool> answered_{false};
 
-  mutable std::mutex mutex_;  // guards what follows
-  std::string fields_;        // the request's header lines; given back when a stream starts
-  std::string headers_;       // the answer's header lines
-  qn::LoggedIn login_;
-  int status_ = 200;
-  bool stream_ = false;
-  bool streamOpen_ = false;
-  bool gone_ = false;
-  bool wakePending_ = false;
-  std::string parts_;          // queued
-  std::size_t inWriting_ = 0;  // taken and not yet sent
+  mutable qn::Mutex mutex_;
+  std::string fields_
+      QN_GUARDED_BY(mutex_);  // the request's header lines; given back when a stream starts
+  std::string headers_ QN_GUARDED_BY(mutex_);  // the answer's header lines
+  qn::LoggedIn login_ QN_GUARDED_BY(mutex_);
+  int status_ QN_GUARDED_BY(mutex_) = 200;
+  bool stream_ QN_GUARDED_BY(mutex_) = false;
+  bool streamOpen_ QN_GUARDED_BY(mutex_) = false;
+  bool gone_ QN_GUARDED_BY(mutex_) = false;
+  bool wakePending_ QN_GUARDED_BY(mutex_) = false;
+  std::string parts_ QN_GUARDED_BY(mutex_);          // queued
+  std::size_t inWriting_ QN_GUARDED_BY(mutex_) = 0;  // taken and not yet sent
 };
 
 }  // namespace QNHttpService

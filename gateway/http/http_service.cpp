@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "gateway/http/listener.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 namespace {
@@ -27,20 +27,20 @@ HttpService::HttpService(Reactors& reactors, HttpWorkers workers, const HttpOpti
 HttpService::~HttpService() { close(); }
 
 void HttpService::listen() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   main_ = std::make_shared<Listener>(core_, core_->options.port, Access::Everything);
   main_->start();
 }
 
 uint16_t HttpService::port() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return main_ ? main_->port() : 0;
 }
 
 void HttpService::setExtraPorts(const std::map<uint16_t, Access>& ports) {
   std::vector<std::shared_ptr<Listener>> unwanted;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     std::erase_if(extraPorts_, [&](const auto& entry) {
       const auto wanted = ports.find(entry.first);
       if (wanted != ports.end() && wanted->second == entry.second->access()) return false;
@@ -49,7 +49,7 @@ void HttpService::setExtraPorts(const std::map<uint16_t, Access>& ports) {
     });
   }
   closeOnReactor(std::move(unwanted));  // first: a port may be wanted again for something else
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const auto& [port, access] : ports) openExtraPort(port, access);
 }
 
@@ -60,13 +60,13 @@ void HttpService::openExtraPort(uint16_t port, Access access) try {
   listener->start();
   extraPorts_.emplace(port, std::move(listener));
 } catch (const std::system_error& e) {
-  wlog_format(WLOG_ERROR, "http", "%s; tried again when the configuration is read again", e.what());
+  logError("http: {}; tried again when the configuration is read again", e.what());
 }
 
 void HttpService::stopAccepting() {
   std::vector<std::shared_ptr<Listener>> listeners;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     core_->stopping = true;
     if (main_) listeners.push_back(main_);
     for (const auto& [port, listener] : extraPorts_) listeners.push_back(listener);
@@ -114,7 +114,7 @@ void HttpService::onReactor(std::size_t index, const std::function<void()>& acti
     done->set_value();
   });
   if (done->get_future().wait_for(kReactorWait) != std::future_status::ready) {
-    wlog_format(WLOG_ERROR, "http", "a reactor does not answer");
+    logError("http: a reactor does not answer");
   }
 }
 

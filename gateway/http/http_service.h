@@ -7,13 +7,13 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "gateway/config/configuration.h"
 #include "gateway/http/service_core.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -48,15 +48,15 @@ class HttpService {
   void close();
 
  private:
-  void openExtraPort(uint16_t port, Access access);
+  void openExtraPort(uint16_t port, Access access) QN_REQUIRES(mutex_);
   void closeOnReactor(std::vector<std::shared_ptr<Listener>> listeners);
   void onEachConnection(void (OpenConnection::*action)());
   void onReactor(std::size_t index, const std::function<void()>& action);
 
   const std::shared_ptr<ServiceCore> core_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<Listener> main_;                            // guarded by mutex_
-  std::map<uint16_t, std::shared_ptr<Listener>> extraPorts_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::shared_ptr<Listener> main_ QN_GUARDED_BY(mutex_);
+  std::map<uint16_t, std::shared_ptr<Listener>> extraPorts_ QN_GUARDED_BY(mutex_);
 };
 
 }  // namespace qn

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "gateway/log/client_log.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 namespace asio = boost::asio;
@@ -60,8 +60,7 @@ void Listener::accept() {
         if (!ec) {
           self->admit(reactor, std::move(stream));
         } else if (ec != asio::error::connection_aborted) {
-          wlog_format(WLOG_ERROR, "http", "accept on port %d: %s", int{self->port_},
-                      ec.message().c_str());
+          logError("http: accept on port {}: {}", self->port_, ec.message());
           return self->pause();
         }
         self->accept();
@@ -82,7 +81,7 @@ void Listener::admit(std::size_t reactor, TcpStream stream) try {
                                                               peer, access);
   asio::post(core_->reactors.context(reactor), [client = std::move(client)] { client->start(); });
 } catch (const std::exception& e) {
-  wlog_format(WLOG_ERROR, "http", "accepted connection dropped: %s", e.what());
+  logError("http: accepted connection dropped: {}", e.what());
 }
 
 // Descriptors or memory ran out: trying again at once would only spin.

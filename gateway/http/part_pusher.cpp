@@ -8,7 +8,7 @@ namespace qn {
 
 void StreamSender::add(std::weak_ptr<AnswerLink> stream) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     waiting_.push_back(std::move(stream));
     if (std::exchange(coming_, true)) return;
   }
@@ -32,7 +32,7 @@ void StreamSender::send() {
 bool StreamSender::takeWaiting() {
   const auto now = Clock::now();
   const bool close = now - std::exchange(lastSent_, now) < 2 * kGatherTime;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   sending_.swap(waiting_);
   coming_ = close && !sending_.empty();
   return coming_;

@@ -10,7 +10,6 @@
 #include <boost/asio/socket_base.hpp>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +17,7 @@
 #include "gateway/http/client_stream.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/service_core.h"
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -103,9 +103,9 @@ class StreamSender : public std::enable_shared_from_this<StreamSender> {
   Clock::time_point lastSent_;
   std::vector<std::weak_ptr<AnswerLink>> sending_;
 
-  std::mutex mutex_;  // guards what follows
-  std::vector<std::weak_ptr<AnswerLink>> waiting_;
-  bool coming_ = false;  // send() will run
+  Mutex mutex_;
+  std::vector<std::weak_ptr<AnswerLink>> waiting_ QN_GUARDED_BY(mutex_);
+  bool coming_ QN_GUARDED_BY(mutex_) = false;  // send() will run
 };
 
 }  // namespace qn

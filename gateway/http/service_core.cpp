@@ -12,7 +12,7 @@
 #include "gateway/http/header_lines.h"
 #include "gateway/http/multipart.h"
 #include "gateway/http/part_pusher.h"
-#include "platform/wlog.h"
+#include "gateway/log/log.h"
 #include "text/ascii.h"
 
 namespace qn {
@@ -28,9 +28,9 @@ void answering(const ExchangePtr& exchange, Answering answer) {
   try {
     return answer();
   } catch (const std::exception& e) {
-    wlog_format(WLOG_ERROR, "http", "%s: %s", exchange->url().c_str(), e.what());
+    logError("http: {}: {}", exchange->url(), e.what());
   } catch (...) {
-    wlog_format(WLOG_ERROR, "http", "%s: not a std::exception", exchange->url().c_str());
+    logError("http: {}: not a std::exception", exchange->url());
   }
   exchange->finish(OwnAnswer::InternalError);
 }
@@ -91,7 +91,7 @@ address plainAddress(const address& peer) {
 }
 
 bool ConnectionCount::enter(const address& peer) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (open_ >= connections_) return false;
   std::size_t& ofAddress = byAddress_[peer];
   if (ofAddress >= perAddress_) {
@@ -104,7 +104,7 @@ bool ConnectionCount::enter(const address& peer) {
 }
 
 void ConnectionCount::leave(const address& peer) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = byAddress_.find(peer);
   if (--found->second == 0) byAddress_.erase(found);
   --open_;

@@ -9,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -20,6 +19,7 @@
 #include "gateway/http/memory_budget.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
+#include "gateway/sync/mutex.h"
 #include "platform/slow_resources.h"
 
 namespace qn {
@@ -75,9 +75,9 @@ class ConnectionCount {
  private:
   const std::size_t connections_;
   const std::size_t perAddress_;
-  std::mutex mutex_;
-  std::size_t open_ = 0;                                       // guarded by mutex_
-  std::map<boost::asio::ip::address, std::size_t> byAddress_;  // guarded by mutex_
+  Mutex mutex_;
+  std::size_t open_ QN_GUARDED_BY(mutex_) = 0;
+  std::map<boost::asio::ip::address, std::size_t> byAddress_ QN_GUARDED_BY(mutex_);
 };
 
 // A connection as the service sees it, on the connection's own reactor only.

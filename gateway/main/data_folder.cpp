@@ -11,11 +11,29 @@
 #include <string>
 #include <system_error>
 
+#include "gateway/log/log.h"
+
 namespace qn {
 namespace {
 
 [[noreturn]] void fail(const std::filesystem::path& folder, const std::string& reason) {
   throw std::runtime_error("the data directory " + folder.string() + " cannot be used: " + reason);
+}
+
+// For nobody but us, also what an older gateway or an operator's copy left there. What belongs to
+// somebody else keeps its mode: the folder above it decides.
+void shutOthersOut(const std::filesystem::path& folder) {
+  using std::filesystem::perms;
+  std::error_code error;
+  std::filesystem::permissions(folder, perms::owner_all, error);
+  if (error) {
+    logWarn("{} may be read by others: {}", folder.string(), error.message());
+    return;
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    if (!entry.is_regular_file(error) || entry.is_symlink(error)) continue;
+    std::filesystem::permissions(entry.path(), perms::owner_read | perms::owner_write, error);
+  }
 }
 
 std::string lastError() { return std::generic_category().message(errno); }
@@ -26,6 +44,7 @@ DataFolder::DataFolder(const std::filesystem::path& folder) {
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   if (error) fail(folder, error.message());
+  shutOthersOut(folder);
   const auto file = folder / "lock";
   lock_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
   if (lock_ < 0) fail(folder, lastError());

@@ -11,8 +11,9 @@ namespace qn {
 // process, however that ends; its file stays.
 class DataFolder {
  public:
-  // Makes the directory when it is missing. Throws std::runtime_error, naming it and the reason,
-  // when it cannot be made or written to or another process uses it.
+  // Makes the directory when it is missing and shuts everybody else out of it. Throws
+  // std::runtime_error, naming it and the reason, when it cannot be made or written to or another
+  // process uses it.
   explicit DataFolder(const std::filesystem::path& folder);
   ~DataFolder();
   DataFolder(const DataFolder&) = delete;

@@ -42,8 +42,8 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
-      bus_(reactors_, translations_),
-      alarms_(reactors_),
+      bus_(reactors_, translations_, devices_),
+      alarms_(reactors_, devices_),
       http_(reactors_, {files_, waiting_}, configuration_->http, module_.process(), HttpBounds{},
             {pictures_.resource()}) {
   try {

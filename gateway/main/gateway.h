@@ -8,6 +8,7 @@
 #include "gateway/alarmbus/alarm_bus.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
+#include "gateway/devices/device.h"
 #include "gateway/http/http_service.h"
 #include "gateway/main/data_folder.h"
 #include "gateway/main/protocol_module.h"
@@ -46,6 +47,7 @@ class Gateway {
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
   Reactors reactors_;
+  DeviceDirectory devices_;
   DeviceBus bus_;
   AlarmBus alarms_;
   HttpService http_;

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -76,7 +77,10 @@ void endInTime() {
 // How often the log is told that a second is over.
 constexpr timespec kTick{1, 0};
 
+constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
+
 void serve(const Arguments& arguments) {
+  umask(kNobodyElse);
   const auto signals = blockSignals();
   raiseDescriptorLimit();
   auto configuration = qn::readConfiguration(arguments.config);

@@ -49,7 +49,7 @@ int startThread(pthread_t& thread, const char* name, std::size_t stackBytes,
     if (const int error = attributes.setStack(stackBytes)) return error;
   }
   const int error = pthread_create(&thread, attributes.get(), &run, start.get());
-  if (error == 0) start.release();  // the thread's now
+  if (error == 0) static_cast<void>(start.release());  // the thread's now
   return error;
 }
 

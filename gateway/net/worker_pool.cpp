@@ -11,17 +11,8 @@
 
 namespace qn {
 namespace {
-
 thread_local const WorkerPool* poolOfThisThread = nullptr;
-
-// Milliseconds, so that nothing needs to cut it short.
-void sleep(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
-  lock.unlock();
-  std::this_thread::sleep_for(time);
-  lock.lock();
 }
-
-}  // namespace
 
 WorkerPool::WorkerPool(const WorkerPoolOptions& options)
     : options_(options), guard_(context_.get_executor()) {}
@@ -31,7 +22,7 @@ WorkerPool::~WorkerPool() { stop(); }
 bool WorkerPool::runsHere() const { return poolOfThisThread == this; }
 
 bool WorkerPool::post(Job job) {
-  const Lock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (stopping_ || queue_.size() >= options_.queueLimit) return false;
   queue_.push_back(std::move(job));
   const bool called = isPatient() ? callSparingly() : callOneMore();
@@ -91,30 +82,30 @@ void WorkerPool::run() {
 }
 
 void WorkerPool::onCall() {
-  Lock lock(mutex_);
+  const MutexLock lock(mutex_);
   coming_ = false;
-  drain(lock);
+  drain();
 }
 
 // Until a job has waited for the whole patience, and then helps, or nothing has happened for as
 // long.
 void WorkerPool::watch() {
-  Lock lock(mutex_);
+  const MutexLock lock(mutex_);
   bool late = false;
   bool quiet = false;
   while (!late && !quiet && !stopping_) {
     const auto taken = taken_;
     const auto queued = taken_ + queue_.size();
-    sleep(lock, options_.patience);
+    sleepFor(options_.patience);
     late = taken_ < queued;
     quiet = queue_.empty() && taken_ == taken;
   }
   watched_ = false;
   if (late) stuck_ = draining_;
-  if (late || stopping_) drain(lock);
+  if (late || stopping_) drain();
 }
 
-void WorkerPool::drain(Lock& lock) {
+void WorkerPool::drain() {
   ++draining_;
   do {
     while (!queue_.empty()) {
@@ -122,33 +113,40 @@ void WorkerPool::drain(Lock& lock) {
       queue_.pop_front();
       ++taken_;
       if (isPatient()) callSparingly();
-      lock.unlock();
+      mutex_.unlock();
       job();
       job = nullptr;
-      lock.lock();
+      mutex_.lock();
       stuck_ = std::min(stuck_, draining_ - 1);
     }
-  } while (gather(lock));
+  } while (gather());
   --draining_;
 }
 
 // When jobs follow each other closely, lets some gather without a wake-up for each.
-bool WorkerPool::gather(Lock& lock) {
+bool WorkerPool::gather() {
   if (!isPatient()) return false;
   const auto now = Clock::now();
   const bool close = now - std::exchange(drained_, now) < 2 * kGatherTime;
   if (!close || coming_ || stopping_) return false;
   coming_ = true;
-  sleep(lock, kGatherTime);
+  sleepFor(kGatherTime);
   coming_ = false;
   return !queue_.empty();
+}
+
+// Milliseconds, so that nothing needs to cut it short.
+void WorkerPool::sleepFor(std::chrono::milliseconds time) {
+  mutex_.unlock();
+  std::this_thread::sleep_for(time);
+  mutex_.lock();
 }
 
 // For a thread that has idled. False when it must stay.
 bool WorkerPool::leave() {
   std::optional<pthread_t> earlier;
   {
-    const Lock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (stopping_) return context_.stopped();
     if (coming_ || watched_ || !queue_.empty()) return false;
     std::erase_if(threads_, [](pthread_t t) { return pthread_equal(t, pthread_self()) != 0; });
@@ -159,14 +157,17 @@ bool WorkerPool::leave() {
 }
 
 void WorkerPool::stop() {
+  std::vector<pthread_t> threads;
   {
-    const Lock lock(mutex_);
+    const MutexLock lock(mutex_);
     stopping_ = true;
     if (isPatient()) callSparingly();  // idle threads help with what is left
     guard_.reset();
+    threads = threads_;
+    if (ended_) threads.push_back(*ended_);
   }
-  for (const pthread_t thread : threads_) pthread_join(thread, nullptr);
-  if (ended_) pthread_join(*ended_, nullptr);
+  for (const pthread_t thread : threads) pthread_join(thread, nullptr);
+  const MutexLock lock(mutex_);
   threads_.clear();
   ended_.reset();
 }

@@ -12,9 +12,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <vector>
+
+#include "gateway/sync/mutex.h"
 
 namespace qn {
 
@@ -52,18 +53,18 @@ class WorkerPool {
   bool runsHere() const;
 
  private:
-  using Lock = std::unique_lock<std::mutex>;
   using Clock = std::chrono::steady_clock;
 
   bool isPatient() const;
-  bool callOneMore();
-  bool callSparingly();
-  bool startOne();
+  bool callOneMore() QN_REQUIRES(mutex_);
+  bool callSparingly() QN_REQUIRES(mutex_);
+  bool startOne() QN_REQUIRES(mutex_);
   void run();
   void onCall();
   void watch();
-  void drain(Lock& lock);
-  bool gather(Lock& lock);
+  void drain() QN_REQUIRES(mutex_);
+  bool gather() QN_REQUIRES(mutex_);
+  void sleepFor(std::chrono::milliseconds time) QN_REQUIRES(mutex_);
   bool leave();
 
   // A pool with patience lets jobs that follow each other closely gather for so long.
@@ -73,19 +74,20 @@ class WorkerPool {
   boost::asio::io_context context_;
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard_;
 
-  std::mutex mutex_;
-  // Guarded by mutex_, constant once the pool stops:
-  std::vector<pthread_t> threads_;
-  std::optional<pthread_t> ended_;  // the thread that left last; the next one joins it
-  // Guarded by mutex_:
-  std::deque<Job> queue_;
-  bool coming_ = false;        // a thread was called or lets jobs gather, and will look by itself
-  std::size_t draining_ = 0;   // threads that take jobs
-  std::size_t stuck_ = 0;      // of these, during whose jobs another lost patience
-  uint64_t taken_ = 0;         // jobs
-  Clock::time_point drained_;  // when a thread last found no further job
-  bool watched_ = false;       // a thread watches that the others get on
-  bool stopping_ = false;
+  Mutex mutex_;
+  std::vector<pthread_t> threads_ QN_GUARDED_BY(mutex_);
+  std::optional<pthread_t> ended_ QN_GUARDED_BY(mutex_);  // left last; the next one joins it
+  std::deque<Job> queue_ QN_GUARDED_BY(mutex_);
+  // A thread was called or lets jobs gather, and will look by itself.
+  bool coming_ QN_GUARDED_BY(mutex_) = false;
+  std::size_t draining_ QN_GUARDED_BY(mutex_) = 0;  // threads that take jobs
+  // Of these, during whose jobs another lost patience.
+  std::size_t stuck_ QN_GUARDED_BY(mutex_) = 0;
+  uint64_t taken_ QN_GUARDED_BY(mutex_) = 0;  // jobs
+  // When a thread last found no further job.
+  Clock::time_point drained_ QN_GUARDED_BY(mutex_);
+  bool watched_ QN_GUARDED_BY(mutex_) = false;  // a thread watches that the others get on
+  bool stopping_ QN_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace qn

@@ -2,13 +2,13 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 
 #include "gateway/net/worker_pool.h"
 #include "gateway/runtime/operation.h"
 #include "gateway/runtime/routine.h"
+#include "gateway/sync/mutex.h"
 #include "platform/zrt.h"
 
 namespace qn {
@@ -39,27 +39,27 @@ class Pools {
   }
 
   int64_t add(std::shared_ptr<FlexPool> pool) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     pools_.emplace(++lastHandle_, std::move(pool));
     return lastHandle_;
   }
 
   std::shared_ptr<FlexPool> find(int64_t handle) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = pools_.find(handle);
     return found == pools_.end() ? nullptr : found->second;
   }
 
   // Of several callers one gets the pool.
   bool remove(int64_t handle) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return pools_.erase(handle) == 1;
   }
 
  private:
-  std::mutex mutex_;
-  std::unordered_map<int64_t, std::shared_ptr<FlexPool>> pools_;  // guarded by mutex_
-  int64_t lastHandle_ = 0;                                        // guarded by mutex_
+  Mutex mutex_;
+  std::unordered_map<int64_t, std::shared_ptr<FlexPool>> pools_ QN_GUARDED_BY(mutex_);
+  int64_t lastHandle_ QN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace

@@ -4,10 +4,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <unordered_map>
 #include <utility>
@@ -15,6 +13,7 @@
 #include "gateway/net/thread.h"
 #include "gateway/runtime/operation.h"
 #include "gateway/runtime/routine.h"
+#include "gateway/sync/mutex.h"
 #include "platform/zrt.h"
 
 namespace qn {
@@ -45,10 +44,10 @@ class Timer {
   // No run starts after it; waits for one that is going on, unless called from it. Once.
   void stop() {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       stopped_ = true;
     }
-    wakeUp_.notify_all();
+    wakeUp_.notifyAll();
     if (timerOfThisThread == this) {
       pthread_detach(pthread_self());
     } else {
@@ -59,9 +58,10 @@ class Timer {
  private:
   void run() {
     timerOfThisThread = this;
-    std::unique_lock lock(mutex_);
     auto due = Clock::now() + options_.period;
-    while (!wakeUp_.wait_until(lock, due, [this] { return stopped_; })) {
+    MutexLock lock(mutex_);
+    while (!stopped_) {
+      if (wakeUp_.waitUntil(mutex_, due)) continue;
       lock.unlock();
       callRoutine("timer", [this] { return options_.routine(id_, options_.user); });
       lock.lock();
@@ -80,9 +80,9 @@ class Timer {
   const int id_;
   const TimerOptions options_;
   pthread_t thread_{};  // guarded by the timers' table
-  std::mutex mutex_;
-  std::condition_variable wakeUp_;
-  bool stopped_ = false;  // guarded by mutex_
+  Mutex mutex_;
+  Condition wakeUp_;
+  bool stopped_ QN_GUARDED_BY(mutex_) = false;
 };
 
 thread_local const Timer* Timer::timerOfThisThread = nullptr;
@@ -99,7 +99,7 @@ class Timers {
 
   // 0 or an errno value; timerId is set before the first run.
   int add(const TimerOptions& options, int& timerId) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (timers_.size() >= kLimit) return EAGAIN;
     const int id = unusedId();
     const auto entry = timers_.emplace(id, std::make_shared<Timer>(id, options)).first;
@@ -113,23 +113,23 @@ class Timers {
 
   // Null for an unknown id; of several callers one gets the timer.
   std::shared_ptr<Timer> take(int id) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto node = timers_.extract(id);
     return node ? node.mapped() : nullptr;
   }
 
  private:
   // From a counter, so that the id of a stopped timer does not come back soon.
-  int unusedId() {
+  int unusedId() QN_REQUIRES(mutex_) {
     do {
       lastId_ = lastId_ == std::numeric_limits<int>::max() ? 1 : lastId_ + 1;
     } while (timers_.contains(lastId_));
     return lastId_;
   }
 
-  std::mutex mutex_;
-  std::unordered_map<int, std::shared_ptr<Timer>> timers_;  // guarded by mutex_
-  int lastId_ = 0;                                          // guarded by mutex_
+  Mutex mutex_;
+  std::unordered_map<int, std::shared_ptr<Timer>> timers_ QN_GUARDED_BY(mutex_);
+  int lastId_ QN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace

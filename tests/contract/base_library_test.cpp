@@ -52,26 +52,23 @@ TEST(StatusTable, UnknownCodeChangesNothing) {
 }
 
 TEST(StatusTable, HttpStatus) {
-  const struct {
-    int status;
-    std::vector<unsigned int> codes;
-  } cases[] = {
+  const std::pair<int, std::vector<unsigned int>> cases[] = {
       {200, {0, 1, 2, 0x10000001}},
-      {400, {0x50000001, 0x60000002, 0x50000002, 0x60000001, 0x6000005F, qn::kMalformedRequest}},
+      {400, {0x50000001, 0x60000002, 0x50000002, 0x60000001, 0x6000005F, ERROR_MALFORMED_REQUEST}},
       {401, {0x40000003}},
       {403, {0x40000001, 0x40000007, 0x40001014}},
       {404, {0x40000006, 0x40002064}},
-      {408, {qn::kRequestTimeout}},
-      {413, {qn::kRequestTooLarge}},
+      {408, {ERROR_REQUEST_TIMEOUT}},
+      {413, {ERROR_REQUEST_TOO_LARGE}},
       {415, {0x30002028}},
-      {431, {qn::kHeadTooLarge}},
+      {431, {ERROR_HEAD_TOO_LARGE}},
       {500, {0x30000001, 0x30000014, 0x70000001, 0xF0000001}},
-      {501, {qn::kMethodNotImplemented}},
-      {502, {qn::kDeviceReplyUnusable, qn::kDeviceLoginRefused}},
+      {501, {ERROR_METHOD_NOT_IMPLEMENTED}},
+      {502, {ERROR_DEVICE_REPLY_UNUSABLE, ERROR_DEVICE_LOGIN_REFUSED}},
       {503,
-       {0x20000001, 0x400011E9, 0x40001275, qn::kDeviceUnreachable, qn::kGatewayStopping,
-        qn::kTooManyRequests}},
-      {504, {qn::kDeviceTimeout}},
+       {0x20000001, 0x400011E9, 0x40001275, ERROR_DEVICE_UNREACHABLE, ERROR_GATEWAY_STOPPING,
+        ERROR_TOO_MANY_REQUESTS}},
+      {504, {ERROR_DEVICE_TIMEOUT}},
   };
   for (const auto& [status, codes] : cases) {
     for (const unsigned int code : codes) {

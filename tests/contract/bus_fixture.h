@@ -91,7 +91,8 @@ using SentPtr = std::unique_ptr<Sent>;
 
 class BusTest : public ::testing::Test {
  protected:
-  explicit BusTest(std::size_t reactors = 1) : reactors_(reactors), bus_(reactors_, workers_) {
+  explicit BusTest(std::size_t reactors = 1)
+      : reactors_(reactors), bus_(reactors_, workers_, directory_) {
     reactors_.start();
     bus_.start();
   }
@@ -126,6 +127,7 @@ class BusTest : public ::testing::Test {
   Configuration configuration_;  // publish() puts it in force
   Reactors reactors_;
   WorkerPool workers_{2, 64};
+  DeviceDirectory directory_;
   DeviceBus bus_;
 };
 

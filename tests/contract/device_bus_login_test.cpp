@@ -101,7 +101,8 @@ class BusLoginTest : public BusTest {
     for (const auto& sent : sendMany(count, "1")) EXPECT_EQ(sent->text(), "{\"in\":1}");
   }
   static void expectRefused(int count) {
-    for (const auto& sent : sendMany(count, "1")) EXPECT_EQ(sent->error(), kDeviceLoginRefused);
+    for (const auto& sent : sendMany(count, "1"))
+      EXPECT_EQ(sent->error(), ERROR_DEVICE_LOGIN_REFUSED);
   }
 };
 
@@ -120,32 +121,19 @@ TEST_F(BusLoginTest, AnswersEveryKindOfDigest) {
   }
 }
 
-TEST_F(BusLoginTest, ManyRequestsLogInTogetherEachWithItsNonceCount) {
+TEST_F(BusLoginTest, ManyRequestsLogInTogetherEachWithItsNonceCountAndANewNonce) {
   Login login;
   ScriptedDevice device(asking(login));
   addDevice("1", device.port(), "user");
   expectIn(100);
   EXPECT_EQ(login.tried(), 100) << "a repeated nonce count would have been challenged";
-  EXPECT_EQ(login.wrong(), 0);
-}
-
-TEST_F(BusLoginTest, OldNonceIsReplaced) {
-  Login login;
-  ScriptedDevice device(asking(login));
-  addDevice("1", device.port(), "user");
-  expectIn(1);
   login.renewNonce();
   expectIn(20);
   EXPECT_EQ(login.wrong(), 0);
-}
-
-TEST_F(BusLoginTest, DeviceThatFindsEveryNonceTooOldEndsInARefusal) {
-  Login login;
+  const int tried = login.tried();
   login.alwaysStale();
-  ScriptedDevice device(asking(login));
-  addDevice("1", device.port(), "user");
   expectRefused(1);
-  EXPECT_EQ(login.tried(), 2);
+  EXPECT_LE(login.tried(), tried + 3) << "every nonce is too old";
 }
 
 TEST_F(BusLoginTest, WrongPasswordIsTriedOnceHoweverManyAsk) {
@@ -192,19 +180,20 @@ TEST_F(BusLoginTest, TrialThatGetsNoAnswerLetsAnotherTry) {
   EXPECT_GE(in, 9);
 }
 
-TEST_F(BusLoginTest, BasicIsSentAsAsked) {
+TEST_F(BusLoginTest, BasicIsSentWhereItIsWrittenAndWhatIsNotUnderstoodIsARefusal) {
   ScriptedDevice device(ScriptedDevice::answering([](const DeviceRequest& request) {
     const bool right = request.field("Authorization") == "Basic dXNlcjpzZWNyZXQ=";
     return right ? jsonReply("{\"in\":1}") : unauthorized("Basic realm=\"device\"");
   }));
   addDevice("1", device.port(), "user");
+  expectRefused(10);
+  configuration_.devices[0].auth = DeviceAuth::Basic;
+  publish();
   expectIn(10);
-}
-
-TEST_F(BusLoginTest, ChallengeThatIsNotUnderstoodIsARefusal) {
-  ScriptedDevice device(ScriptedDevice::answering(
+  ScriptedDevice odd(ScriptedDevice::answering(
       [](const DeviceRequest&) { return unauthorized("Negotiate abc"); }));
-  addDevice("1", device.port(), "user");
+  configuration_.devices[0].port = odd.port();
+  publish();
   expectRefused(10);
 }
 

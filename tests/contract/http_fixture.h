@@ -2,11 +2,7 @@
 // sends raw bytes, for the tests of the HTTP service.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cctype>
@@ -19,6 +15,7 @@
 
 #include "gateway/http/http_service.h"
 #include "platform/http_service.h"
+#include "tests/contract/socket.h"
 
 namespace qn {
 
@@ -41,39 +38,24 @@ struct HttpAnswer {
 class RawClient {
  public:
   explicit RawClient(uint16_t port, int receiveBuffer = 0) {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (receiveBuffer > 0) {
-      ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
-    const timeval limit{10, 0};
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) == 0;
+    const auto set = [this](int option, const auto& value) {
+      ::setsockopt(socket_.descriptor(), SOL_SOCKET, option, &value, sizeof value);
+    };
+    if (receiveBuffer > 0) set(SO_RCVBUF, receiveBuffer);
+    set(SO_RCVTIMEO, timeval{10, 0});
+    set(SO_SNDTIMEO, timeval{10, 0});
+    connected_ = socket_.connect(port);
   }
-  ~RawClient() { reset(); }
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
 
-  int descriptor() const { return fd_; }
   bool connected() const { return connected_; }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
+  // The client is gone, without a word when `abort`.
+  void reset(bool abort = false) {
+    const linger now{abort, 0};
+    ::setsockopt(socket_.descriptor(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    socket_.close();
   }
-  void endSending() { ::shutdown(fd_, SHUT_WR); }
-
-  bool send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (count <= 0) return false;
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-  }
+  void endSending() { socket_.shutDown(SHUT_WR); }
+  bool send(std::string_view bytes) { return socket_.send(bytes); }
 
   // The next answer, with the body its Content-Length announces (none after HEAD).
   HttpAnswer answer(bool headOnly = false) {
@@ -113,21 +95,14 @@ class RawClient {
   bool closedByServer() {
     while (receive()) {
     }
-    return ended_;
+    return socket_.ended();
   }
 
  private:
-  bool receive() {
-    char bytes[65536];
-    const ssize_t count = ::recv(fd_, bytes, sizeof bytes, 0);
-    if (count > 0) input_.append(bytes, static_cast<std::size_t>(count));
-    if (count == 0 || (count < 0 && errno == ECONNRESET)) ended_ = true;
-    return count > 0;
-  }
+  bool receive() { return socket_.receive(input_); }
 
-  int fd_ = -1;
+  Socket socket_;
   bool connected_ = false;
-  bool ended_ = false;
   std::string input_;
 };
 
@@ -182,7 +157,8 @@ class HttpFixture : public testing::Test {
     return listen();
   }
   HttpService& listen() {
-    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_);
+    service_ =
+        std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_, own_);
     service_->listen();
     return *service_;
   }
@@ -202,6 +178,7 @@ class HttpFixture : public testing::Test {
 
   HttpOptions options_;
   HttpBounds bounds_;
+  std::vector<OwnResource> own_;
   Reactors reactors_{2};
   WorkerPool pool_{2, 2};
   HttpWorkers workers_{pool_, pool_};

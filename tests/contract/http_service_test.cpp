@@ -66,10 +66,7 @@ TEST_F(HttpFixture, RequestsThatAreRefused) {
   const std::string chunks = put + "Transfer-Encoding: chunked\r\n\r\n";
   const std::string length = put + "Content-Length: ";
   const std::string many(9000, 'x');
-  const struct {
-    int status;
-    std::vector<std::string> requests;
-  } cases[] = {
+  const std::pair<int, std::vector<std::string>> cases[] = {
       {400,
        {"\x16\x03\x01\x02", "GET\r\n\r\n", "GET /\r\n\r\n",
         "GET : h\r\n\r\n" /* asks for more of the version */, "GET / HTTP/1.1\r\n\r\n",

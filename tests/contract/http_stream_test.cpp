@@ -88,17 +88,6 @@ TEST_F(HttpStreamTest, QueueThatEmptiesTakesPartsAgainButNoneLargerThanItself) {
   EXPECT_EQ(client->read(4), "more");
 }
 
-TEST_F(HttpStreamTest, VanishedClientBreaksTheLink) {
-  start();
-  auto client = open();
-  client->send("a client has nothing to say here");
-  EXPECT_EQ(push("x"), 1);
-  EXPECT_EQ(client->read(1), "x");
-  client.reset();
-  EXPECT_TRUE(eventually([&] { return push("x") == HTTP_LINK_BROKEN; }));
-  EXPECT_TRUE(CHttpExchange(handle_).getUrl().empty());
-}
-
 TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
   bounds_.silent = 200ms;
   start();

@@ -41,14 +41,13 @@ TEST_F(Log, ALineHasTimeLevelTagAndText) {
 }
 
 TEST_F(Log, ThresholdAndLevelsOfBothSides) {
-  struct Case {
-    const char* threshold;
-    const char* module;  // which of the levels 2 to 5 are written
-    const char* gateway;
-  };
-  for (const Case& c : {Case{"debug", "2345", "diwe"}, Case{"info", "45", "iwe"},
-                        Case{"warn", "45", "we"}, Case{"error", "5", "e"}}) {
-    setLogLevel(c.threshold);
+  const std::pair<const char*, const char*> cases[] = {// what is written: the module's, our own
+                                                       {"debug", "2345diwe"},
+                                                       {"info", "45iwe"},
+                                                       {"warn", "45we"},
+                                                       {"error", "5e"}};
+  for (const auto& [threshold, expected] : cases) {
+    setLogLevel(threshold);
     std::string written = standardErrorOf([] {
       for (int level = 2; level <= 5; ++level) wlog_format(level, "QNW", "=%d", level);
       logDebug("={}", "d");
@@ -56,16 +55,11 @@ TEST_F(Log, ThresholdAndLevelsOfBothSides) {
       logWarn("={}", "w");
       logError("={}", "e");
     });
-    written = std::regex_replace(written, std::regex("[^=]*=(.)\n"), "$1");
-    EXPECT_EQ(written, std::string(c.module) + c.gateway) << c.threshold;
+    EXPECT_EQ(std::regex_replace(written, std::regex("[^=]*=(.)\n"), "$1"), expected);
   }
-}
-
-TEST_F(Log, AnUnknownLevelIsRefusedAndChangesNothing) {
-  setLogLevel("error");
   for (const char* name : {"", "Info", "infos", "3"})
     EXPECT_THROW(setLogLevel(name), std::invalid_argument) << name;
-  EXPECT_FALSE(isLogged(LogLevel::Warn));
+  EXPECT_FALSE(isLogged(LogLevel::Warn)) << "a refused level changes nothing";
 }
 
 TEST_F(Log, OneCallIsOneLineWhateverTheText) {
@@ -75,13 +69,10 @@ TEST_F(Log, OneCallIsOneLineWhateverTheText) {
   });
   EXPECT_NE(line.find("a\\nb\\r\\n\\x00c\n"), std::string::npos) << line;
   EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 2) << line;
-}
-
-TEST_F(Log, ALongLineIsCutWithAMark) {
-  const std::string line = standardErrorOf(
+  const std::string cut = standardErrorOf(
       [] { wlog_format(WLOG_ERROR, "QNW", "%s", std::string(1'000'000, 'x').c_str()); });
-  EXPECT_LT(line.size(), kLogLineBytes + 100);
-  EXPECT_TRUE(line.ends_with("xxx...[cut]\n"));
+  EXPECT_LT(cut.size(), kLogLineBytes + 100);
+  EXPECT_TRUE(cut.ends_with("xxx...[cut]\n"));
 }
 
 TEST(LogSecrets, NamesThatHideAValue) {
@@ -216,25 +207,19 @@ TEST_F(Log, ErrnoSurvivesALine) {
 }
 
 TEST(LogLine, Escapes) {
-  struct Case {
-    std::string text;
-    std::string line;
-  };
-  const Case cases[] = {
-      {"", ""},
-      {"plain \"text\" 100%", "plain \"text\" 100%"},
-      {"tab\t esc\x1b[0m del\x7f", "tab\\t esc\\x1b[0m del\\x7f"},
-      {"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"},
-      {"\xc2\x9b", "\\xc2\\x9b"},                    // control sequence introducer, U+009B
-      {"\xe2\x80\xa8", "\\xe2\\x80\\xa8"},           // line separator
-      {"\xc0\xaf", "\\xc0\\xaf"},                    // overlong
-      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // surrogate
-      {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // beyond U+10FFFF
-      {"\xff\x80", "\\xff\\x80"},
-      {"a\xe2\x82", "a\\xe2\\x82"},  // ends inside a character
-      {"\xe2z\xac", "\\xe2z\\xac"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(logLine(c.text), c.line);
+  const std::string kept = "plain \"text\" 100% \xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80";
+  EXPECT_EQ(logLine(kept), kept);
+  EXPECT_EQ(logLine("tab\t esc\x1b[0m del\x7f"), "tab\\t esc\\x1b[0m del\\x7f");
+  EXPECT_EQ(logLine("a\xe2\x82"), "a\\xe2\\x82") << "ends inside a character";
+  EXPECT_EQ(logLine("\xe2z\xac"), "\\xe2z\\xac");
+  // A control character, a line separator, overlong, surrogate, beyond U+10FFFF, no UTF-8 at all.
+  for (const char* bytes :
+       {"\xc2\x9b", "\xe2\x80\xa8", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xff\x80"}) {
+    std::string escaped;
+    for (const char* byte = bytes; *byte != 0; ++byte)
+      escaped += fmt::format("\\x{:02x}", uint8_t(*byte));
+    EXPECT_EQ(logLine(bytes), escaped);
+  }
 }
 
 TEST(LogLine, CutsBetweenCharactersAndOnlyWhatIsTooLong) {

@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "gateway/auth/client_login.h"
 #include "gateway/auth/login_request.h"
 #include "gateway/config/configuration.h"
+#include "gateway/devices/device_login.h"
 #include "platform/config_mgr.h"
 
 namespace qn {

@@ -2,11 +2,7 @@
 // its resource in the HTTP service.
 #include "gateway/pictures/picture_store.h"
 
-#include <stdlib.h>
-
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -15,6 +11,7 @@
 #include "gateway/config/picture_uploader.h"
 #include "gateway/pictures/picture_resource.h"
 #include "platform/config_mgr.h"
+#include "tests/contract/folder.h"
 #include "tests/contract/http_fixture.h"
 
 namespace qn {
@@ -26,26 +23,6 @@ using WhenFull = PictureOptions::WhenFull;
 
 const std::string kJpeg = "\xFF\xD8\xFF\xE0 a picture";
 
-class Folder {
- public:
-  Folder() {
-    std::string name = (fs::temp_directory_path() / "qn-pictures-XXXXXX").string();
-    path_ = ::mkdtemp(name.data());
-  }
-  ~Folder() { fs::remove_all(path_); }
-  fs::path pictures() const { return path_ / "data" / "pictures"; }
-  std::set<std::string> names() const {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(pictures())) {
-      names.insert(entry.path().filename().string());
-    }
-    return names;
-  }
-
- private:
-  fs::path path_;
-};
-
 class PictureStoreTest : public testing::Test {
  protected:
   std::string add(PictureStore& store, std::string_view picture, std::string_view owner = "") {
@@ -55,7 +32,17 @@ class PictureStoreTest : public testing::Test {
   }
   // The times of files decide about age after a restart.
   void setAge(const std::string& name, std::chrono::seconds age) {
-    fs::last_write_time(folder_.pictures() / name, fs::file_time_type::clock::now() - age);
+    fs::last_write_time(folder() / name, fs::file_time_type::clock::now() - age);
+  }
+
+  // The store makes it.
+  fs::path folder() const { return folder_.path() / "data" / "pictures"; }
+  std::set<std::string> names() const {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder())) {
+      names.insert(entry.path().filename().string());
+    }
+    return names;
   }
 
   Folder folder_;
@@ -63,7 +50,7 @@ class PictureStoreTest : public testing::Test {
 };
 
 TEST_F(PictureStoreTest, KeepsPicturesUnderNamesThatSayTheirKind) {
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   const std::pair<std::string, const char*> cases[] = {
       {kJpeg, ".jpg"},
       {"\x89PNG\r\n\x1A\n" + std::string(3, '\0'), ".png"},
@@ -73,69 +60,60 @@ TEST_F(PictureStoreTest, KeepsPicturesUnderNamesThatSayTheirKind) {
       {"", ".bin"},
       {std::string(3'000'000, 'B'), ".bin"},
   };
-  std::set<std::string> names;
+  std::set<std::string> kept;
   for (const auto& [picture, extension] : cases) {
     const std::string name = add(store, picture);
     EXPECT_EQ(name.size(), 36u);
     EXPECT_TRUE(name.ends_with(extension)) << name;
     EXPECT_EQ(store.find(name), picture);
-    names.insert(name);
+    kept.insert(name);
   }
-  EXPECT_EQ(names.size(), std::size(cases));
-  EXPECT_EQ(folder_.names(), names);
+  EXPECT_EQ(kept.size(), std::size(cases));
+  EXPECT_EQ(names(), kept);
   add(store, kJpeg);
-  EXPECT_EQ(folder_.names().size(), names.size() + 1);  // the same picture again is another one
-  EXPECT_EQ(fs::status(folder_.pictures()).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(names().size(), kept.size() + 1);  // the same picture again is another one
+  EXPECT_EQ(fs::status(folder()).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(PictureStoreTest, SurvivesARestartAndRemovesWhatACrashLeft) {
   std::string name;
   {
-    PictureStore store(folder_.pictures(), options_);
+    PictureStore store(folder(), options_);
     name = add(store, kJpeg);
   }
   const std::string stem(32, 'a');
-  const auto write = [&](const std::string& file) {
-    std::ofstream(folder_.pictures() / file) << "half";
-  };
+  const auto write = [&](const std::string& file) { std::ofstream(folder() / file) << "half"; };
   write(stem + ".jpg.part");
   write("notes.txt");
   write("x.part");
-  fs::create_directory(folder_.pictures() / (stem + ".png"));
-  fs::create_symlink("/etc/passwd", folder_.pictures() / (stem + ".bmp"));
+  fs::create_directory(folder() / (stem + ".png"));
+  fs::create_symlink("/etc/passwd", folder() / (stem + ".bmp"));
 
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   EXPECT_EQ(store.find(name), kJpeg);
   EXPECT_EQ(store.find(stem + ".png"), std::nullopt);
   EXPECT_EQ(store.find(stem + ".bmp"), std::nullopt);
-  EXPECT_EQ(folder_.names(),
+  EXPECT_EQ(names(),
             (std::set<std::string>{name, "notes.txt", "x.part", stem + ".png", stem + ".bmp"}));
 }
 
 TEST_F(PictureStoreTest, NamesFromOutsideLeadNowhere) {
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   const std::string name = add(store, kJpeg);
-  std::ofstream(folder_.pictures() / "notes.txt") << "secret";
-  const std::string cases[] = {"",
-                               ".",
-                               "..",
-                               "notes.txt",
-                               "../pictures/" + name,
-                               "./" + name,
-                               "/" + name,
-                               name + "/",
-                               name + std::string(1, '\0'),
-                               name.substr(0, 32),
-                               name.substr(0, 32) + ".png",
-                               "%2e%2e/" + name,
-                               "/etc/passwd",
-                               std::string(100'000, '/')};
-  for (const std::string& each : cases) EXPECT_EQ(store.find(each), std::nullopt) << each;
+  std::ofstream(folder() / "notes.txt") << "secret";
+  const std::string stem = name.substr(0, 32);
+  const std::vector<std::string> groups[] = {
+      {"", ".", "..", "notes.txt", "/etc/passwd", std::string(100'000, '/')},
+      {"../pictures/" + name, "./" + name, "/" + name, "%2e%2e/" + name},
+      {name + "/", name + std::string(1, '\0'), stem, stem + ".png"}};
+  for (const auto& group : groups) {
+    for (const std::string& each : group) EXPECT_EQ(store.find(each), std::nullopt) << each;
+  }
 }
 
 TEST_F(PictureStoreTest, RefusesWhenFull) {
   options_ = {.maxBytes = 100, .maxCount = 3, .full = WhenFull::Refuse};
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   std::string name;
   EXPECT_EQ(store.add(std::string(101, 'x'), "", name), Result::Full);
   const std::string first = add(store, std::string(90, 'x'));
@@ -143,31 +121,35 @@ TEST_F(PictureStoreTest, RefusesWhenFull) {
   add(store, std::string(10, 'x'));
   add(store, "");
   EXPECT_EQ(store.add("", "", name), Result::Full);
-  EXPECT_EQ(folder_.names().size(), 3u);
+  EXPECT_EQ(names().size(), 3u);
   EXPECT_TRUE(store.find(first));
+  store.setOptions({.maxBytes = 1000, .maxCount = 2, .full = WhenFull::DropOldest});
+  EXPECT_EQ(names().size(), 3u) << "new bounds count from the next picture on";
+  add(store, kJpeg);
+  EXPECT_EQ(names().size(), 2u);
 }
 
 TEST_F(PictureStoreTest, DropsTheOldestWhenFull) {
   options_ = {.maxBytes = 100, .maxCount = 3, .full = WhenFull::DropOldest};
   std::string first, second;
   {
-    PictureStore store(folder_.pictures(), options_);
+    PictureStore store(folder(), options_);
     second = add(store, std::string(40, 'x'));
     first = add(store, std::string(40, 'x'));
   }
   setAge(first, 20s);
   setAge(second, 10s);
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   std::string name;
   EXPECT_EQ(store.add(std::string(101, 'x'), "", name), Result::Full);
   const std::string third = add(store, std::string(60, 'x'));  // the first one's room
-  EXPECT_EQ(folder_.names(), (std::set<std::string>{second, third}));
+  EXPECT_EQ(names(), (std::set<std::string>{second, third}));
   EXPECT_EQ(store.find(first), std::nullopt);
   const std::string fourth = add(store, "");
   const std::string fifth = add(store, "");  // a fourth picture would be one too many
-  EXPECT_EQ(folder_.names(), (std::set<std::string>{third, fourth, fifth}));
+  EXPECT_EQ(names(), (std::set<std::string>{third, fourth, fifth}));
   const std::string large = add(store, std::string(100, 'x'));
-  EXPECT_EQ(folder_.names(), (std::set<std::string>{fourth, fifth, large}));
+  EXPECT_EQ(names(), (std::set<std::string>{fourth, fifth, large}));
 }
 
 // Also after a restart, which must know whose pictures they are.
@@ -176,11 +158,11 @@ TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesBeyondAnEqualPart) {
   std::vector<std::string> modest;
   std::string first;
   {
-    PictureStore store(folder_.pictures(), options_);
+    PictureStore store(folder(), options_);
     for (int i = 0; i < 5; ++i) modest.push_back(add(store, "1234567890", "modest"));
     first = add(store, "1234567890", "greedy");
   }
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   for (int i = 0; i < 50; ++i) add(store, "1234567890", "greedy");
   for (int i = 0; i < 50; ++i) add(store, "", "greedy");
   for (const std::string& name : modest) EXPECT_TRUE(store.find(name)) << "pushed out";
@@ -190,54 +172,38 @@ TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesBeyondAnEqualPart) {
 
   const std::string third = add(store, std::string(20, 'x'), "third");
   EXPECT_TRUE(store.find(third)) << "who comes late gets a part";
-  EXPECT_LE(folder_.names().size(), 20u);
-}
-
-TEST_F(PictureStoreTest, NewBoundsCountFromTheNextPictureOn) {
-  PictureStore store(folder_.pictures(), options_);
-  for (int i = 0; i < 5; ++i) add(store, kJpeg);
-  store.setOptions({.maxBytes = 1000, .maxCount = 2, .full = WhenFull::Refuse});
-  std::string name;
-  EXPECT_EQ(store.add(kJpeg, "", name), Result::Full);
-  EXPECT_EQ(folder_.names().size(), 5u);
-  store.setOptions({.maxBytes = 1000, .maxCount = 2, .full = WhenFull::DropOldest});
-  add(store, kJpeg);
-  EXPECT_EQ(folder_.names().size(), 2u);
+  EXPECT_LE(names().size(), 20u);
 }
 
 TEST_F(PictureStoreTest, FailuresLeaveNothingAndTakeNoRoom) {
   options_.maxCount = 1;
-  PictureStore store(folder_.pictures(), options_);
-  const fs::path aside = folder_.pictures().string() + "-aside";
-  fs::rename(folder_.pictures(), aside);
+  PictureStore store(folder(), options_);
+  const fs::path aside = folder().string() + "-aside";
+  fs::rename(folder(), aside);
   std::string name;
   for (int i = 0; i < 3; ++i) EXPECT_EQ(store.add(kJpeg, "", name), Result::Failed);
-  fs::rename(aside, folder_.pictures());
-  EXPECT_TRUE(folder_.names().empty());
-  EXPECT_EQ(store.find(add(store, kJpeg)), kJpeg);
-}
-
-TEST_F(PictureStoreTest, PictureRemovedByHandIsNotFound) {
-  PictureStore store(folder_.pictures(), options_);
-  const std::string name = add(store, kJpeg);
-  fs::remove(folder_.pictures() / name);
-  EXPECT_EQ(store.find(name), std::nullopt);
+  fs::rename(aside, folder());
+  EXPECT_TRUE(names().empty());
+  const std::string stored = add(store, kJpeg);
+  EXPECT_EQ(store.find(stored), kJpeg);
+  fs::remove(folder() / stored);
+  EXPECT_EQ(store.find(stored), std::nullopt);
 }
 
 TEST_F(PictureStoreTest, FolderThatCannotBeUsedSaysWhy) {
-  fs::create_directories(folder_.pictures().parent_path());
-  std::ofstream(folder_.pictures()) << "a file";
+  fs::create_directories(folder().parent_path());
+  std::ofstream(folder()) << "a file";
   try {
-    PictureStore store(folder_.pictures(), options_);
+    PictureStore store(folder(), options_);
     FAIL() << "made";
   } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find(folder_.pictures().string()), std::string::npos);
+    EXPECT_NE(std::string(error.what()).find(folder().string()), std::string::npos);
   }
 }
 
 TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
   options_ = {.maxBytes = 1000, .maxCount = 7, .full = WhenFull::DropOldest};
-  PictureStore store(folder_.pictures(), options_);
+  PictureStore store(folder(), options_);
   std::atomic<int> stored{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -255,28 +221,23 @@ TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(stored, 100);
   std::size_t bytes = 0;
-  for (const std::string& name : folder_.names()) {
+  for (const std::string& name : names()) {
     EXPECT_TRUE(store.find(name)) << name;
-    bytes += fs::file_size(folder_.pictures() / name);
+    bytes += fs::file_size(folder() / name);
   }
   EXPECT_LE(bytes, 1000u);
-  EXPECT_LE(folder_.names().size(), 7u);
+  EXPECT_LE(names().size(), 7u);
 }
 
 // ---- in the HTTP service
 
 class PictureHttp : public HttpFixture {
  protected:
-  PictureHttp() : pictures_(folder_.pictures(), PictureOptions()) {
+  PictureHttp() : pictures_(folder_.path() / "pictures", PictureOptions()) {
     publishConfiguration(std::make_shared<const Configuration>());
-    script([](int&, std::string& body, int&, const stHttpRes&) {
-      body = "the module";
-      return 200;
-    });
-    reactors_.start();
-    service_ = std::make_unique<HttpService>(reactors_, workers_, options_, runScript, bounds_,
-                                             std::vector{pictures_.resource()});
-    service_->listen();
+    answering([](const stHttpRes&) { return "the module"; });
+    own_ = {pictures_.resource()};
+    start();
   }
   ~PictureHttp() override { stop(); }
 
@@ -293,19 +254,15 @@ class PictureHttp : public HttpFixture {
   static std::string request(const std::string& method, const std::string& target) {
     return method + " " + target + " HTTP/1.1\r\nHost: h\r\n\r\n";
   }
-  uint16_t freePort() {
-    HttpService probe(reactors_, workers_, options_, runScript);
-    probe.listen();
-    return probe.port();
-  }
-
   Folder folder_;
   PictureResource pictures_;
 };
 
 TEST_F(PictureHttp, ServesPicturesAndNothingElseOnItsPort) {
   const std::string path = upload(kJpeg);
-  const uint16_t extra = freePort();
+  const uint16_t extra = otherPort();
+  service_->setExtraPorts({{extra, Access::Everything}});
+  EXPECT_EQ(RawClient(extra).ask(request("GET", "/KAVRO/x")).body, "the module");
   service_->setExtraPorts({{extra, Access::OwnResources}});
   for (const uint16_t each : {port(), extra}) {
     RawClient client(each);
@@ -335,73 +292,43 @@ TEST_F(PictureHttp, ServesPicturesAndNothingElseOnItsPort) {
   }
 }
 
-TEST_F(PictureHttp, PortChangesItsMeaning) {
-  const uint16_t extra = freePort();
-  service_->setExtraPorts({{extra, Access::OwnResources}});
-  EXPECT_EQ(RawClient(extra).ask(request("GET", "/KAVRO/x")).status, 404);
-  service_->setExtraPorts({{extra, Access::Everything}});
-  EXPECT_EQ(RawClient(extra).ask(request("GET", "/KAVRO/x")).body, "the module");
-}
-
 // Two workers and a queue of two: what is too much is refused, and others do not wait.
-TEST(OwnResources, BlockingOnesHoldUpNobodyElse) {
-  Reactors reactors(1);
-  WorkerPool pool(2, 2);
+TEST_F(HttpFixture, BlockingResourcesHoldUpNobodyElse) {
   std::atomic<bool> go{false};
   std::atomic<int> inside{0};
-  const OwnResource slow{"/slow", [&](QNHttpService::ExchangeState& exchange) {
-                           ++inside;
-                           while (!go) std::this_thread::sleep_for(1ms);
-                           if (exchange.url() == "/slow/throws") throw std::runtime_error("x");
-                           exchange.finish(200, "text/plain", "late");
-                         }};
-  currentScript() = [](int&, std::string& body, int&, const stHttpRes&) {
-    body = "quick";
-    return 200;
-  };
-  HttpOptions options;
-  options.port = 0;
-  reactors.start();
-  HttpService service(reactors, {pool, pool}, options, runScript, {}, {slow});
-  service.listen();
-  const auto ask = [&](const char* path) {
-    auto client = std::make_unique<RawClient>(service.port());
-    client->send(std::string("GET ") + path + " HTTP/1.1\r\nHost: h\r\n\r\n");
-    return client;
-  };
-  const auto late = ask("/slow");
-  const auto throwing = ask("/slow/throws");
-  ASSERT_TRUE(eventually([&] { return inside == 2; }));
-  std::vector<std::unique_ptr<RawClient>> more;
-  for (int i = 0; i < 3; ++i) more.push_back(ask("/slow"));
-  EXPECT_EQ(ask("/")->answer().body, "quick");
+  own_ = {{"/slow", [&](QNHttpService::ExchangeState& exchange) {
+             ++inside;
+             while (!go) std::this_thread::sleep_for(1ms);
+             if (exchange.url() == "/slow/throws") throw std::runtime_error("x");
+             exchange.finish(200, "text/plain", "late");
+           }}};
+  start();
+  std::vector<std::unique_ptr<RawClient>> clients;
+  for (const char* path : {"/slow", "/slow/throws", "/slow", "/slow", "/slow"}) {
+    clients.push_back(std::make_unique<RawClient>(port()));
+    clients.back()->send(std::string("GET ") + path + " HTTP/1.1\r\nHost: h\r\n\r\n");
+    if (clients.size() == 2) {
+      ASSERT_TRUE(eventually([&] { return inside == 2; }));
+    }
+  }
+  EXPECT_EQ(ask(kGet).body, "/a?b=1|");
   go = true;
-  EXPECT_EQ(late->answer().body, "late");
-  EXPECT_EQ(throwing->answer().status, 500);
   std::multiset<int> statuses;
-  for (const auto& client : more) statuses.insert(client->answer().status);
-  EXPECT_EQ(statuses, (std::multiset<int>{200, 200, 503}));
-  service.close();
-  pool.stop();
-  reactors.stop();
+  for (const auto& client : clients) statuses.insert(client->answer().status);
+  EXPECT_EQ(statuses, (std::multiset<int>{200, 200, 200, 500, 503}));
+  stop();
 }
 
-TEST(PictureUpload, WithoutAStoreFails) {
-  publishConfiguration(std::make_shared<const Configuration>());
-  int error = 7;
-  std::string url;
-  EXPECT_FALSE(QN_ConfigMgr_GetNetworkCfg()->uploadFacetoPss(error, url, kJpeg, "/x"));
-  EXPECT_EQ(error, 0);
-}
-
-TEST(PictureUpload, FullStoreIs3610) {
+TEST(PictureUpload, NoStoreIsAFailureAndAFullOneIs3610) {
   Folder folder;
   publishConfiguration(std::make_shared<const Configuration>());
-  const PictureOptions one{.maxBytes = 100, .maxCount = 1, .full = WhenFull::Refuse};
-  const PictureResource pictures(folder.pictures(), one);
   const auto network = QN_ConfigMgr_GetNetworkCfg();
-  int error = 0;
+  int error = 7;
   std::string url;
+  EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x")) << "there is no store";
+  EXPECT_EQ(error, 0);
+  const PictureOptions one{.maxBytes = 100, .maxCount = 1, .full = WhenFull::Refuse};
+  const PictureResource pictures(folder.path() / "pictures", one);
   EXPECT_TRUE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
   EXPECT_FALSE(network->uploadFacetoPss(error, url, kJpeg, "/x"));
   EXPECT_EQ(error, 3610);

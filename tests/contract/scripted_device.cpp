@@ -1,13 +1,6 @@
 #include "tests/contract/scripted_device.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <array>
 #include <cstdlib>
-#include <stdexcept>
 
 namespace qn::devicebus::test {
 
@@ -18,20 +11,10 @@ std::string DeviceRequest::field(const std::string& name) const {
   return head.substr(value, head.find("\r\n", value) - value);
 }
 
-Peer::~Peer() { ::close(socket_); }
-
-bool Peer::readMore() {
-  std::array<char, 65536> bytes;
-  const ssize_t count = ::recv(socket_, bytes.data(), bytes.size(), 0);
-  if (count <= 0) return false;
-  unread_.append(bytes.data(), static_cast<std::size_t>(count));
-  return true;
-}
-
 std::optional<DeviceRequest> Peer::read() {
   std::size_t end;
   while ((end = unread_.find("\r\n\r\n")) == unread_.npos) {
-    if (!readMore()) return {};
+    if (!socket_.receive(unread_)) return {};
   }
   DeviceRequest request;
   request.head = unread_.substr(0, end + 4);
@@ -42,57 +25,31 @@ std::optional<DeviceRequest> Peer::read() {
       request.head.substr(methodEnd + 1, request.head.find(' ', methodEnd + 1) - methodEnd - 1);
   const std::size_t length = std::strtoul(request.field("Content-Length").c_str(), nullptr, 10);
   while (unread_.size() < length) {
-    if (!readMore()) return {};
+    if (!socket_.receive(unread_)) return {};
   }
   request.body = unread_.substr(0, length);
   unread_.erase(0, length);
   return request;
 }
 
-bool Peer::write(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (count <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
-}
-
 void Peer::waitForClose() {
-  while (readMore()) unread_.clear();
+  while (socket_.receive(unread_)) unread_.clear();
 }
 
-void Peer::shutDown() { ::shutdown(socket_, SHUT_RDWR); }
-
-ScriptedDevice::ScriptedDevice(Script script, uint16_t port) : script_(std::move(script)) {
-  listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  const int yes = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  socklen_t length = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (::bind(listener_, generic, length) != 0 || ::listen(listener_, 512) != 0 ||
-      ::getsockname(listener_, generic, &length) != 0) {
-    throw std::runtime_error("no loopback port");
-  }
-  port_ = ntohs(address.sin_port);
-  accepting_ = std::thread([this] { listen(); });
-}
+ScriptedDevice::ScriptedDevice(Script script, uint16_t port)
+    : script_(std::move(script)), port_(listener_.listen(port)), accepting_([this] { accept(); }) {}
 
 ScriptedDevice::~ScriptedDevice() {
-  ::shutdown(listener_, SHUT_RDWR);
+  listener_.shutDown();
   accepting_.join();
-  ::close(listener_);
+  listener_.close();
   for (Peer& peer : peers_) peer.shutDown();
   for (std::thread& script : scripts_) script.join();
 }
 
-void ScriptedDevice::listen() {
+void ScriptedDevice::accept() {
   for (;;) {
-    const int socket = ::accept(listener_, nullptr, nullptr);
+    const int socket = ::accept(listener_.descriptor(), nullptr, nullptr);
     if (socket < 0) return;
     std::lock_guard lock(mutex_);
     Peer& peer = peers_.emplace_back(socket, connections_++);

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <thread>
 
+#include "tests/contract/socket.h"
+
 namespace qn::devicebus::test {
 
 struct DeviceRequest {
@@ -27,21 +29,17 @@ struct DeviceRequest {
 class Peer {
  public:
   Peer(int socket, int number) : socket_(socket), number_(number) {}
-  ~Peer();
-
   // 0 for the first connection.
   int number() const { return number_; }
   // None when the bus has closed.
   std::optional<DeviceRequest> read();
-  bool write(std::string_view bytes);
+  bool write(std::string_view bytes) { return socket_.send(bytes); }
   // Reads and forgets until the bus closes.
   void waitForClose();
-  void shutDown();
+  void shutDown() { socket_.shutDown(); }
 
  private:
-  bool readMore();
-
-  const int socket_;
+  Socket socket_;
   const int number_;
   std::string unread_;
 };
@@ -65,11 +63,11 @@ class ScriptedDevice {
   int connections() const { return connections_; }
 
  private:
-  void listen();
+  void accept();
 
   const Script script_;
-  int listener_ = -1;
-  uint16_t port_ = 0;
+  Socket listener_;
+  const uint16_t port_;
   std::atomic<int> connections_{0};
   std::mutex mutex_;
   std::list<Peer> peers_;           // guarded by mutex_

@@ -34,23 +34,6 @@ struct Timer {
   int id = -1;
 };
 
-TEST(Timer, RunsEveryPeriodWithItsIdSetBeforehand) {
-  Events ran;
-  std::vector<Clock::time_point> runs;
-  int id = -1;
-  Routine routine = [&](int timerId) {
-    EXPECT_EQ(timerId, id);
-    if (runs.size() < 3) runs.push_back(Clock::now());
-    ran.signal();
-  };
-  const auto start = Clock::now();
-  ASSERT_EQ(ZRT_SetTimer(runRoutine, &routine, 10, id, 0), 0);
-  EXPECT_GE(id, 0);
-  EXPECT_TRUE(ran.wait(3));
-  EXPECT_EQ(ZRT_KillTimer(id), 0);
-  for (int i = 0; i < 3; ++i) EXPECT_GE(runs.at(i) - start, 10ms * (i + 1)) << i;
-}
-
 TEST(Timer, SkipsTheRunsMissedByASlowOne) {
   constexpr auto kPeriod = 20ms;
   Events never, ran;

@@ -1,6 +1,5 @@
 """Devices that are gone, hang, lie or answer nonsense: every client is answered, others unharmed."""
 import json
-import threading
 import time
 import unittest
 
@@ -36,41 +35,12 @@ class DeviceFaults(harness.GatewayTest):
                     self.assert_error(self.client().get(url), 502, "deviceReplyUnusable")
                 self.devices.no_fault()
                 self.assert_serving()
-
-    def test_a_closed_idle_connection_is_nobodys_error(self):
-        """What a device that restarts between two requests looks like."""
-        one = self.client()
-        for _ in range(3):
-            self.assertEqual(one.get(INFO).status, 200)
-            self.devices.order(listening=False)
-            self.devices.order(listening=True)
-        self.assertEqual(one.get(INFO).status, 200)
-
-    def test_time_outs_of_hanging_devices_hold_nobody_up(self):
-        """One wait for all: translated requests end after 10 s, passed-through ones after 15 s."""
-        self.devices.fault(kind="hang")
-        ended = {}
-
-        def ask(url):
-            began = time.monotonic()
-            answer = self.client(timeout=40).get(url)
-            ended[url] = (answer, time.monotonic() - began)
-
-        waiting = [threading.Thread(target=ask, args=(url,)) for url in (INFO, TIME)]
-        for thread in waiting:
-            thread.start()
-        harness.wait_until(lambda: len(self.devices.requests()) >= 2)
-        slowest = 0
-        while any(thread.is_alive() for thread in waiting):
-            began = time.monotonic()
-            self.assert_serving("operator")
-            slowest = max(slowest, time.monotonic() - began)
-            time.sleep(0.2)
-        self.assertLess(slowest, 3, "requests to the other device waited")
-        for url, limit in ((INFO, 10), (TIME, 15)):
-            answer, seconds = ended[url]
-            self.assert_error(answer, 504, "deviceTimeout")
-            self.assertTrue(limit - 0.5 < seconds < limit + 4, f"{url}: {seconds:.1f} s")
+        before = self.gateway.descriptors()
+        for kind in ("refuse", "cut", "garbage", "empty") * 15:
+            self.devices.fault(kind=kind)
+            with harness.client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
+                one.get(INFO)
+        harness.wait_until(lambda: self.gateway.descriptors() <= before + 4)
 
     def test_hostile_documents(self):
         deep = '{"DeviceInfo":' + "[" * 100000
@@ -94,27 +64,6 @@ class DeviceFaults(harness.GatewayTest):
         self.assertEqual(self.client().get(INFO).status, 500)
         self.devices.fault(kind="large", bytes=40 * 1024 * 1024)
         self.assert_error(self.client().get(INFO), 502, "deviceReplyUnusable")
-
-    def test_strange_characters_never_spoil_the_document(self):
-        name = 'a<b>&"\x01\x0b\ufffe\u00e9'
-        self.devices.order(deviceInfo={"deviceName": name})
-        self.addCleanup(self.devices.order, deviceInfo={"deviceName": "IPCamera 1"})
-        self.assertEqual(self.client().get(INFO).xml().findtext("deviceName"), 'a<b>&"\u00e9')
-
-    def test_a_failing_device_costs_no_descriptors(self):
-        def rounds(count):
-            for _ in range(count):
-                for kind in ("refuse", "cut", "garbage", "empty"):
-                    self.devices.fault(kind=kind)
-                    with harness.client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
-                        one.get(INFO)
-            self.devices.no_fault()
-
-        rounds(2)
-        before = self.gateway.descriptors()
-        rounds(15)
-        harness.wait_until(lambda: self.gateway.descriptors() <= before + 4, 10,
-                           f"{before} descriptors, as before the faults")
 
 
 class DeviceLogin(harness.GatewayTest):

@@ -3,11 +3,9 @@ import contextlib
 import os
 import re
 import signal
-import socket
 import sqlite3
 import subprocess
 import threading
-import time
 import unittest
 
 import client
@@ -31,7 +29,6 @@ class CommandLine(unittest.TestCase):
             result = run(*arguments)
             self.assertEqual(result.returncode == 0, good, arguments)
             self.assertRegex(result.stdout if good else result.stderr, said)
-
 
 
 class Configuration(unittest.TestCase):
@@ -69,6 +66,19 @@ class Configuration(unittest.TestCase):
         self.assertIn(f"{self.gateway.folder / 'data'} cannot be used: another process",
                       result.stderr)
         self.assertEqual(self.status("admin"), 200)
+
+    def test_nobody_else_reads_the_data(self):
+        data = self.gateway.folder / "data"
+        harness.Process.stop(self.gateway)
+        data.chmod(0o755)
+        (data / "operation_log.db").chmod(0o644)
+        self.gateway.start()
+        self.assertEqual(self.status("admin"), 200)
+        modes = {path.name: path.stat().st_mode & 0o777 for path in (data, *data.iterdir())}
+        self.assertIn("operation_log.db-wal", modes)
+        self.assertEqual({name: oct(mode) for name, mode in modes.items()},
+                         {name: "0o700" if name in ("data", "pictures") else "0o600"
+                          for name in modes})
 
     def test_an_idle_gateway_has_few_threads(self):
         self.assertEqual(self.status("admin"), 200)
@@ -112,27 +122,8 @@ class Activation(unittest.TestCase):
         self.assertIn("not activated", gateway.log())
 
 
-class Stopping(harness.GatewayTest):
-    """SIGTERM while requests are under way; each test has processes of its own."""
-
-    @classmethod
-    def setUpClass(cls):
-        pass
-
-    def setUp(self):
-        harness.GatewayTest.setUpClass.__func__(type(self))
-        self.addCleanup(type(self).doClassCleanups)
-
-    def tearDown(self):
-        pass
-
-    def stop(self):
-        self.gateway.signal(signal.SIGTERM)
-        began = time.monotonic()
-        self.assertEqual(self.gateway.wait(harness.STOP_TIME), 0)
-        return time.monotonic() - began
-
-    def test_under_load_every_request_is_answered_or_refused(self):
+class StoppingUnderLoad(harness.GatewayTest):
+    def test_every_request_is_answered_or_refused(self):
         outcomes, stopping = [], threading.Event()
 
         def load():
@@ -143,12 +134,8 @@ class Stopping(harness.GatewayTest):
                             outcomes.append(one.get(INFO).status)
                 except TimeoutError:
                     outcomes.append("no answer")
-                except OSError:  # refused, or closed between two requests
-                    if stopping.is_set():
-                        return
-                    raise
-                except client.http.client.HTTPException:
-                    if stopping.is_set():
+                except (OSError, client.http.client.HTTPException):
+                    if stopping.is_set():  # refused, or closed between two requests
                         return
                     raise
 
@@ -157,44 +144,35 @@ class Stopping(harness.GatewayTest):
             one.start()
         harness.wait_until(lambda: len(outcomes) >= 100, 30, "a hundred requests")
         stopping.set()
-        self.stop()
+        self.gateway.signal(signal.SIGTERM)
+        self.assertEqual(self.gateway.wait(), 0)
         for one in clients:
             one.join(client.ANSWER_TIME + 5)
             self.assertFalse(one.is_alive())
         self.assertLessEqual(set(outcomes), {200, 503})
 
-    def test_what_is_in_flight_is_finished(self):
-        self.devices.fault(delayMs=1500)
-        statuses = []
 
-        def slow():
-            with client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
-                statuses.append(one.get(INFO).status)
+class StoppingInFlight(harness.GatewayTest):
+    def test_slow_devices_are_waited_for_and_hanging_ones_are_not(self):
+        self.devices.fault(1, kind="hang")
+        self.devices.fault(2, delayMs=1500)
+        answers = {}
 
-        waiting = [threading.Thread(target=slow) for _ in range(5)]
+        def ask(name):
+            with client.Client(self.gateway.port, name, harness.PASSWORD) as one:
+                answers[name] = one.get("/KAVRO/System/time")
+
+        waiting = [threading.Thread(target=ask, args=(name,)) for name in ("admin", "operator")]
         for one in waiting:
             one.start()
-        harness.wait_until(lambda: len(self.devices.requests()) >= 5)
-        self.stop()
+        harness.wait_until(lambda: self.devices.requests(1) and self.devices.requests(2))
+        self.gateway.signal(signal.SIGTERM)
+        self.assertEqual(self.gateway.wait(), 0)
         for one in waiting:
             one.join(5)
-        self.assertEqual(statuses, [200] * 5)
-
-    def test_a_hanging_device_does_not_delay_the_end(self):
-        self.devices.fault(kind="hang")
-        answers = []
-
-        def ask():
-            with client.Client(self.gateway.port, "admin", harness.PASSWORD) as one:
-                answers.append(one.get("/KAVRO/System/time"))
-
-        waiting = threading.Thread(target=ask)
-        waiting.start()
-        harness.wait_until(lambda: self.devices.requests())
-        self.stop()
-        waiting.join(5)
-        self.assertEqual([(answer.status, answer.json()["subStatusCode"]) for answer in answers],
-                         [(503, "gatewayStopping")])
+        self.assertEqual((answers["admin"].status, answers["admin"].json()["subStatusCode"]),
+                         (503, "gatewayStopping"))
+        self.assertEqual(answers["operator"].status, 200)
 
 
 class OperationLog(harness.GatewayTest):

@@ -75,13 +75,6 @@ class Login(harness.GatewayTest):
         self.assertEqual(self.client(source="127.0.0.18").get(URL).status, 200,
                          "a client locked out another one")
 
-    def test_strange_credentials_are_answered(self):
-        values = ("", "Digest ,,,=", "Basic YWRtaW46eA==", 'Digest username="' + "a" * 6000 + '"')
-        with client.Client(self.gateway.port, source="127.0.0.23") as one:
-            for value in values:
-                answer = one.once("GET", URL, headers={"Authorization": value})
-                self.assertEqual((answer.status, answer.xml().tag), (401, "ResponseStatus"), value)
-
 
 class Secrets(harness.GatewayTest):
     sections = {"log": {"level": "debug"}}

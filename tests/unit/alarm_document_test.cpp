@@ -55,10 +55,8 @@ TEST(AlarmDocument, EveryMemberOfAnotherKindDropsTheAlarm) {
 
 TEST(AlarmDocument, OddRules) {
   const std::string root = std::string(kDeclaration) + "<EventNotificationAlert>";
-  const struct {
-    const char* alert;
-    std::string children;  // kFails: dropped
-  } cases[] = {
+  // kFails: the alarm is dropped.
+  const std::pair<const char*, std::string> cases[] = {
       {R"({"eventType":"a","devIndex":"1"})", "<eventType>a</eventType>"},
       {R"({"eventType":"a","deviceID":7})", kFails},
       {R"({"eventType":"a","activePostCount":"1"})", kFails},

@@ -29,6 +29,11 @@ class AlertTest : public PlatformTest {
         pto_.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, devIndex);
     return outcome;
   }
+  // One alarm of device "1" through the pool.
+  static void alarm() {
+    fake::alarmBus().raise(alarmOf("1"));
+    fake::runtime().runJobs();
+  }
   // What the stream has got so far, after all queued jobs.
   static std::vector<std::string> parts(const Outcome& stream) {
     fake::runtime().runJobs();

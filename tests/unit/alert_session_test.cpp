@@ -38,23 +38,14 @@ std::string documentOf(unsigned int code, const char* url = kStreamUrl) {
 }
 
 TEST_F(AlertSession, OnlyTheExactUrlByGetIsClaimed) {
-  const struct {
-    const char* url;
-    unsigned int method;
-    int claimed;
-  } cases[] = {
-      {kStreamUrl, 0, 0},
-      {kStreamUrl, 1, -1},
-      {kStreamUrl, 2, -1},
-      {kStreamUrl, 3, -1},
-      {"/KAVRO/Event/notification/alertStream/", 0, -1},
-      {"/KAVRO/Event/notification/alertstream", 0, -1},
-      {"/KAVRO/Event/notification/alertStream?format=json", 0, -1},
-      {"/KAVRO/Event/notification", 0, -1},
-      {"", 0, -1},
-  };
-  for (const auto& [url, method, claimed] : cases) {
-    EXPECT_EQ(pto_.checkUrlAndMethod(url, method), claimed) << method << " " << url;
+  EXPECT_EQ(pto_.checkUrlAndMethod(kStreamUrl, 0), 0);
+  for (const unsigned int method : {1, 2, 3}) {
+    EXPECT_EQ(pto_.checkUrlAndMethod(kStreamUrl, method), -1);
+  }
+  for (const char* url : {"/KAVRO/Event/notification/alertStream/", "/KAVRO/Event/notification",
+                          "/KAVRO/Event/notification/alertstream", "",
+                          "/KAVRO/Event/notification/alertStream?format=json"}) {
+    EXPECT_EQ(pto_.checkUrlAndMethod(url, 0), -1) << url;
   }
   expectRefused(open("1", "/else"), ERROR_INTERNAL, documentOf(ERROR_INTERNAL, "/else"));
   EXPECT_TRUE(busCalls().empty());
@@ -111,12 +102,8 @@ TEST_F(AlertSession, ARefusedSubscriptionStoresNothing) {
   busCalls();
   expectStream(open());
   EXPECT_EQ(busCalls(), (Calls{kSubscribeOne, "StartUploadData 0"}));
-}
-
-TEST_F(AlertSession, ARefusedDeviceHasAnEmptyBody) {
-  open("1");
   fake::alarmBus().refusal = 5;
-  expectRefused(open("2"), ERROR_RESOURCE_NOT_FOUND, "");
+  expectRefused(open("2"), ERROR_RESOURCE_NOT_FOUND, "");  // for a further device: without a body
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "QN_AlarmBus_AddDevice failed."));
   EXPECT_TRUE(sessions("2").empty());
 }
@@ -143,41 +130,28 @@ TEST_F(AlertSession, NoMemoryForTheSession) {
 // nothing that keeps the next from being opened.
 TEST_F(AlertSession, EveryFailedAllocationLeavesAWholeStreamOrNone) {
   for (const bool subscribed : {false, true}) {
-    bool failed = true;
-    for (int n = 0; failed; ++n) {
-      ASSERT_LT(n, 200);
+    forEachFailedAllocation([&](int n, const Failing& failing) {
+      pto_.stop();
       fake::reset();
-      CEventPto pto;
-      pto.start();
-      const auto call = [&pto](const stHttpRes& record, const std::string& device) {
-        int bodyIsXml = 1;
-        int asyncReply = 0;
-        std::string body;
-        return pto.procProtocol(bodyIsXml, body, asyncReply, record, device);
-      };
-      if (subscribed) call(fake::http().open({QNHttpService::HTTP_GET, kStreamUrl}), "2");
+      for (const auto& session : sessions()) pto_.deleSessionByID(session->getSessionID());
+      pto_.start();
+      if (subscribed) open("2");
       const auto record = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
       const std::string device = "1";
-      int status = 0;
-      try {
-        const fake::FailAllocation failure(n);
-        status = call(record, device);
-        failed = failure.happened();
-      } catch (const std::bad_alloc&) {
-        status = 0;  // the entry's to answer
-      }
-      const auto retry = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
-      EXPECT_EQ(call(retry, device), 200) << n;
-      fake::alarmBus().raise(alarmOf(device));
-      fake::runtime().runJobs();
-      const auto sent = [](const stHttpRes& stream) {
-        return fake::http().answer(stream.exchange->getHttpHandle()).parts.size();
-      };
-      EXPECT_EQ(sent(retry), 1u) << n;
-      EXPECT_EQ(sent(record), status == 200 ? 1u : 0u) << n;
-      pto.stop();
+      Outcome first;
+      first.handle = record.exchange->getHttpHandle();
+      failing([&] {
+        first.status =
+            pto_.procProtocol(first.bodyIsXml, first.body, first.asyncReply, record, device);
+      });
+      const Outcome retry = open();
+      EXPECT_EQ(retry.status, 200) << n;
+      fake::alarmBus().raise(alarmOf("1"));
+      EXPECT_EQ(parts(retry).size(), 1u) << n;
+      EXPECT_EQ(parts(first).size(), first.status == 200 ? 1u : 0u) << n;
+      pto_.stop();
       EXPECT_TRUE(fake::alarmBus().subscriptions.empty()) << n;
-    }
+    });
   }
 }
 

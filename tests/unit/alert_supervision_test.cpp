@@ -77,8 +77,7 @@ TEST_F(Supervision, AlarmsPutHeartBeatsOffAndStreamsCountOnTheirOwn) {
   secondsUntil(busy, 1);
   for (int i = 0; i < 5; ++i) {
     fake::runtime().advance(4000);
-    fake::alarmBus().raise(alarmOf("1"));
-    fake::runtime().runJobs();
+    alarm();
   }
   EXPECT_EQ(parts(busy).size(), 6u);
   EXPECT_EQ(inside(parts(idle).back(), "activePostCount"), std::to_string(parts(idle).size()));
@@ -101,14 +100,10 @@ TEST_F(Supervision, AFullStreamGetsAHeartBeatEverySecond) {
   fake::http().setFull(stream.handle, false);
   EXPECT_EQ(secondsUntil(stream, 2), 1);
   EXPECT_EQ(inside(parts(stream).back(), "activePostCount"), "5");
-}
-
-TEST_F(Supervision, AHeartBeatFindsTheVanishedClient) {
-  const auto stream = open();
   fake::http().breakLink(stream.handle);
   fake::runtime().advance(6000);
   fake::runtime().runJobs();
-  EXPECT_TRUE(sessions().empty());
+  EXPECT_TRUE(sessions().empty()) << "the heartbeat found that the client is gone";
 }
 
 TEST_F(Supervision, WithoutMemoryOrPoolHeartBeatsAreSkipped) {
@@ -140,65 +135,46 @@ TEST_F(Supervision, RunsOfOtherTimersAreIgnored) {
   EXPECT_EQ(sessions().size(), 1u);
 }
 
-TEST_F(Supervision, AStreamIsGivenUpAfterMoreThan204800FailedPushes) {
+TEST_F(Supervision, AStreamIsGivenUpAfterMoreThan204800FailedPushesAndADeviceWithItsLast) {
+  open("1");
   open("1");
   open("2");
-  fail(sessions()[0], 204800);
+  fail(sessions()[1], 204800);
   busCalls();
   supervise();
-  EXPECT_EQ(sessions().size(), 1u);
+  EXPECT_EQ(sessions().size(), 2u);
+  fail(sessions()[1], 1);
+  supervise();
+  EXPECT_EQ(sessions("1").size(), 1u);
   EXPECT_EQ(busCalls(), Calls{});
-  fail(sessions()[0], 1);
+  open("1");
+  for (const auto& session : sessions()) fail(session, 204801);
   supervise();
   EXPECT_TRUE(sessions("1").empty());
   EXPECT_EQ(sessions("2").size(), 1u);
-  EXPECT_EQ(busCalls(), (Calls{"DeleteDevice 0 1"}));
-}
-
-TEST_F(Supervision, ADeviceIsTakenAwayOnlyWithItsLastStream) {
-  open();
-  open();
-  open("2");
-  fail(sessions()[1], 204801);
-  busCalls();
-  supervise();
-  EXPECT_EQ(sessions().size(), 1u);
-  EXPECT_EQ(busCalls(), Calls{});
-  open();
-  for (const auto& session : sessions()) fail(session, 204801);
-  supervise();
   EXPECT_EQ(busCalls(), (Calls{"DeleteDevice 0 1", "DeleteDevice 0 1"})) << "once for each stream";
 }
 
 TEST_F(Supervision, ALostSubscriptionDropsAllStreams) {
   for (const int result : {0, -1}) {
-    fake::reset();
-    CEventPto pto;
-    pto.start();
-    int bodyIsXml = 1;
-    int asyncReply = 0;
-    std::string body;
-    const auto stream = [&](const char* device) {
-      return pto.procProtocol(bodyIsXml, body, asyncReply,
-                              fake::http().open({QNHttpService::HTTP_GET, kStreamUrl}), device);
-    };
-    EXPECT_EQ(stream("1"), 200);
-    EXPECT_EQ(stream("2"), 200);
+    open("1");
+    open("2");
     busCalls();
     fake::alarmBus().valid = false;
     fake::alarmBus().unsubscribeResult = result;
     supervise();
-    EXPECT_EQ(busCalls(), (Calls{"UnSubscribe 0"}));
-    EXPECT_EQ(fake::logged(WLOG_ERROR, kUnsubscribeLine), result == 0) << "logged on success only";
+    EXPECT_EQ(busCalls(), (Calls{"UnSubscribe " + std::to_string(fake::alarmBus().lastId)}));
+    EXPECT_EQ(fake::logged(WLOG_ERROR, "QN_AlarmBus_UnSubscribe failed."), result == 0)
+        << "logged on success only";
     EXPECT_EQ(fake::logged(WLOG_ERROR, "[checkAbnormalOnTimer("), result == 0);
-    std::vector<CEventPto::Session> left;
-    pto.getSessionByDev(left, "1");
-    pto.getSessionByDev(left, "2");
-    EXPECT_TRUE(left.empty());
+    EXPECT_TRUE(sessions("1").empty() && sessions("2").empty());
     fake::alarmBus().valid = true;
-    EXPECT_EQ(stream("2"), 200);
+    EXPECT_EQ(open("2").status, 200);
     EXPECT_TRUE(busCalls().at(0).starts_with("Subscribe 1 "));
-    pto.stop();
+    fake::resetRuntime();  // the log with it
+    fake::alarmBus().unsubscribeResult = 0;
+    pto_.stop();
+    pto_.start();
   }
 }
 
@@ -254,9 +230,7 @@ TEST_F(Supervision, StopRunsWhatIsQueuedAndKeepsTheTable) {
   fail(sessions()[0], 204801);
   supervise();
   EXPECT_EQ(busCalls(), (Calls{"DeleteDevice -1 1"})) << "also without a subscription";
-}
 
-TEST_F(Supervision, AFailedUnsubscribeIsLoggedByStop) {
   open();
   fake::alarmBus().unsubscribeResult = -1;
   EXPECT_EQ(pto_.stop(), 0);
@@ -264,21 +238,12 @@ TEST_F(Supervision, AFailedUnsubscribeIsLoggedByStop) {
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "QN_AlarmBus_UnSubscribe failed"));
 }
 
-TEST_F(Supervision, StartAndStopInAnyOrder) {
+TEST_F(Supervision, StartAndStopInAnyOrderAndWithoutResources) {
   EXPECT_EQ(pto_.start(), 0) << "twice";
   EXPECT_EQ(fake::runtime().timers(), 2);
   EXPECT_EQ(pto_.stop(), 0);
   EXPECT_EQ(pto_.stop(), 0);
   EXPECT_EQ(fake::runtime().timers(), 0);
-  EXPECT_EQ(pto_.start(), 0);
-  EXPECT_EQ(fake::attachedRoutines(), 1);
-  const auto stream = open();
-  fake::alarmBus().raise(alarmOf("1"));
-  EXPECT_EQ(parts(stream).size(), 1u);
-}
-
-TEST_F(Supervision, StartWithoutResources) {
-  pto_.stop();
   fake::runtime().refusePools = true;
   EXPECT_EQ(pto_.start(), 9);
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "fAlarmProcessThread create threadPoolFlex failed."));

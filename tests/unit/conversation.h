@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <new>
 #include <string>
 
 #include "include/QNKAVROProtocol.h"
@@ -33,6 +35,29 @@ inline Outcome process(fake::Request request) {
   outcome.status =
       QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
   return outcome;
+}
+
+// Runs an action with one of its allocations failing; false when std::bad_alloc came out of it.
+using Failing = std::function<bool(const std::function<void()>& action)>;
+
+// Calls step(n, failing) for n = 0, 1, ..., where the n-th allocation fails, until none is left to
+// fail; returns how often.
+inline int forEachFailedAllocation(const std::function<void(int n, const Failing& failing)>& step) {
+  int n = 0;
+  for (bool failed = true; failed; ++n) {
+    step(n, [&](const std::function<void()>& action) {
+      const fake::FailAllocation failure(n);
+      bool returned = true;
+      try {
+        action();
+      } catch (const std::bad_alloc&) {
+        returned = false;
+      }
+      failed = failure.happened();
+      return returned;
+    });
+  }
+  return n;
 }
 
 inline Outcome get(std::string url) { return process({QNHttpService::HTTP_GET, std::move(url)}); }

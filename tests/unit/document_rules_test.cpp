@@ -3,6 +3,7 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -199,11 +200,7 @@ TEST_F(Rules, EveryElementOfARequestAbsent) {
 
 // A body that a PUT or POST cannot be made of.
 TEST_F(Rules, UnusableBodies) {
-  const struct {
-    unsigned int method;
-    const char* url;
-    std::vector<const char*> bodies;
-  } cases[] = {
+  const std::tuple<unsigned int, const char*, std::vector<const char*>> cases[] = {
       {1, "/KAVRO/Streaming/channels/1", {"", "{}", "<StreamingChannel>", "<Other/>"}},
       {1, "/KAVRO/PTZCtrl/channels/1/continuous", {"", "<PTZData>", "<Other/>"}},
       {1,

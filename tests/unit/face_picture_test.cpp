@@ -149,23 +149,18 @@ TEST_F(FacePicture, FaultIsAnsweredOnceAndTheRequestForwardedAllTheSame) {
   }
 }
 
-// The device gets what had been done by then.
-TEST_F(FacePicture, SecondOfTwoUploadsFails) {
+// Of two uploads one fails: the device gets what had been done by then.
+TEST_F(FacePicture, OneOfTwoUploadsFails) {
+  const std::string both = R"({"FaceInfo":{"employeeNo":"1"},)" + kFlat + "}" + kPicture;
   fake::config().uploadFaults = {std::nullopt, 3610};
-  const Outcome outcome =
-      send({kRecordUrl, R"({"FaceInfo":{"employeeNo":"1"},)" + kFlat + "}" + kPicture});
-  EXPECT_EQ(outcome.answer().status, getHttpStatusCodeByErrorNo(0x40001275));
+  EXPECT_EQ(send({kRecordUrl, both}).answer().status, getHttpStatusCodeByErrorNo(0x40001275));
   Json::Value forwarded;
   ASSERT_TRUE(qn::json::parseJson(fake::deviceBus().seen.at(0).body, forwarded));
   EXPECT_EQ(forwarded["FaceInfo"]["faceURL"].asString(), "http://pictures/1");
   EXPECT_FALSE(forwarded.isMember("faceURL"));
-}
-
-TEST_F(FacePicture, FirstOfTwoUploadsFails) {
+  fake::reset();
   fake::config().uploadFaults = {0};
-  const Outcome outcome =
-      send({kRecordUrl, R"({"FaceInfo":{"employeeNo":"1"},)" + kFlat + "}" + kPicture});
-  EXPECT_EQ(outcome.answer().status, getHttpStatusCodeByErrorNo(0x400011E9));
+  EXPECT_EQ(send({kRecordUrl, both}).answer().status, getHttpStatusCodeByErrorNo(0x400011E9));
   EXPECT_EQ(fake::config().uploads.size(), 1u);
 }
 
@@ -198,32 +193,26 @@ TEST_F(FacePicture, UrlIsTheRecordsExtraData) {
 
 // Whichever allocation fails, nobody is answered twice and nothing is lost or left over.
 TEST_F(FacePicture, EveryFailedAllocation) {
-  int allocation = 0;
-  for (bool failed = true; failed; ++allocation) {
+  bool clean = false;
+  const int count = forEachFailedAllocation([&](int n, const Failing& failing) {
     fake::reset();
     auto record = fake::http().open(
         {QNHttpService::HTTP_POST, kRecordUrl, R"({"FaceInfo":{"employeeNo":"1"}})" + kPicture});
     Outcome outcome;
     outcome.handle = record.exchange->getHttpHandle();
-    bool threw = false;
-    {
-      const fake::FailAllocation failure(allocation);
-      try {
-        outcome.status =
-            QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
-      } catch (const std::bad_alloc&) {
-        threw = true;
-      }
-      failed = failure.happened();
-    }
+    const bool returned = failing([&] {
+      outcome.status =
+          QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+    });
     const bool queued = !fake::deviceBus().pending.empty();
-    EXPECT_TRUE(!threw || !queued) << allocation;
-    EXPECT_TRUE(failed || (queued && outcome.answer().count == 0)) << allocation;
-    EXPECT_TRUE(!queued || outcome.asyncReply == 1) << allocation;
+    EXPECT_TRUE(returned || !queued) << n;
+    EXPECT_TRUE(!queued || outcome.asyncReply == 1) << n;
+    clean = queued && outcome.answer().count == 0;
     if (queued) fake::deviceBus().reply("{}");
-    EXPECT_LE(outcome.answer().count, 1) << allocation;
-  }
-  EXPECT_GT(allocation, 20);
+    EXPECT_LE(outcome.answer().count, 1) << n;
+  });
+  EXPECT_TRUE(clean);
+  EXPECT_GT(count, 20);
 }
 
 }  // namespace

@@ -89,3 +89,14 @@ inline std::string inside(const char* element, const std::optional<std::string>&
   if (begin == std::string::npos || end == std::string::npos) return kNone;
   return answer->substr(begin + open.size(), end - begin - open.size());
 }
+
+// The texts of all its `element`s, each followed by a blank.
+inline std::string allInside(const std::string& element, const std::string& answer) {
+  const std::string open = "<" + element + ">";
+  std::string found;
+  for (auto at = answer.find(open); at != answer.npos; at = answer.find(open, at + 1)) {
+    const std::size_t begin = at + open.size();
+    found += answer.substr(begin, answer.find('<', begin) - begin) + " ";
+  }
+  return found;
+}

@@ -49,8 +49,7 @@ inline bool agreesOnExtents(std::string_view text) {
   Json::Value root;
   const auto extent = qn::json::objectExtent(text);
   if (!qn::json::parseJson(text, root) || !root.isObject()) return !extent;
-  if (!extent) return text.find('/') != text.npos;  // a comment
-  if (static_cast<std::size_t>(root.getOffsetStart()) != extent->begin ||
+  if (!extent || static_cast<std::size_t>(root.getOffsetStart()) != extent->begin ||
       static_cast<std::size_t>(root.getOffsetLimit()) != extent->end) {
     return false;
   }

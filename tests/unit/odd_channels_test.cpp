@@ -1,4 +1,6 @@
 // What the channel documents do that their tables do not say at a glance: defaults, ranges, orders.
+#include <tuple>
+
 #include "channel/channel_cfg.h"
 #include "channel/streaming_channel.h"
 #include "platform/wlog.h"
@@ -70,10 +72,8 @@ TEST_F(OddChannels, StreamingChannelIsCut) {
 
 // Which of the listed ids the client sees.
 TEST_F(OddChannels, StreamingChannelList) {
-  const struct {
-    std::vector<const char*> ids;  // null: an entry that cannot be converted
-    const char* seen;
-  } cases[] = {
+  // Null is an entry that cannot be converted.
+  const std::pair<std::vector<const char*>, const char*> cases[] = {
       {{}, ""},
       {{"101", "102", "103", "201", "299"}, "101 102 201 "},
       {{"100", "1", "2", "3", "-103", "abc"}, "100 1 2 -103 abc "},
@@ -90,12 +90,7 @@ TEST_F(OddChannels, StreamingChannelList) {
     const auto answer =
         answerTo({0, "/KAVRO/Streaming/channels"}, R"({"StreamingChannelList":[)" + entries + "]}");
     ASSERT_TRUE(answer);
-    std::string found;
-    for (auto at = answer->find("<id>"); at != std::string::npos;
-         at = answer->find("<id>", at + 1)) {
-      found += answer->substr(at + 4, answer->find('<', at + 1) - at - 4) + " ";
-    }
-    EXPECT_EQ(found, seen);
+    EXPECT_EQ(allInside("id", *answer), seen);
     EXPECT_TRUE(answer->ends_with("</StreamingChannelList>"));
   }
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "get xml streamingchannel[1] fail"));
@@ -112,10 +107,8 @@ TEST_F(OddChannels, ChannelRequest) {
       "<Video><enabled>1</enabled><videoInputChannelID>1</videoInputChannelID>"
       "<videoCodecType>H</videoCodecType><videoResolutionWidth>x</videoResolutionWidth>"
       "<videoResolutionHeight>-1y</videoResolutionHeight><maxFrameRate>25</maxFrameRate></Video>";
-  const struct {
-    std::string content;
-    const char* expected;  // null: refused
-  } cases[] = {
+  // Null is a refusal.
+  const std::pair<std::string, const char*> cases[] = {
       {channel + transport,
        R"({"id":"1","channelName":"c","enabled":true,"Transport":{"ControlProtocolList":[null]}})"},
       {channel +
@@ -147,10 +140,7 @@ TEST_F(OddChannels, ChannelRequest) {
 }
 
 TEST_F(OddChannels, AudioChannels) {
-  const struct {
-    const char* reply;
-    const char* expected;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"null", "<AudioChannelList/>"},
       {"{}", nullptr},
       {"7", nullptr},
@@ -197,40 +187,27 @@ constexpr const char* kAudio = "/KAVRO/System/Audio/channels";
 
 // Recorders are asked for their video inputs; what cannot be found out is no recorder.
 TEST_F(OddChannels, AudioChannelsDependOnTheDevice) {
-  const struct {
-    const char* info;  // null: no answer
-    bool recorder;
-  } cases[] = {
-      {R"({"DeviceInfo":{"deviceType":"DVR"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"HybirdNVR"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"NVR"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"DVS"}})", true},
-      {R"({"DeviceInfo":{"deviceType":"HybridNVR"}})", false},
-      {R"({"DeviceInfo":{"deviceType":"nvr"}})", false},
-      {R"({"DeviceInfo":{"deviceType":""}})", false},
-      {R"({"DeviceInfo":{"deviceType":7}})", false},
-      {R"({"DeviceInfo":"NVR"})", false},
-      {"7", false},
-      {"NVR", false},
-      {nullptr, false},
-  };
-  for (const auto& [info, recorder] : cases) {
+  const auto expectAsked = [](const std::optional<std::string>& info, const char* url) {
     fake::reset();
-    if (info != nullptr) fake::deviceBus().syncReplies[kDeviceInfo] = info;
+    if (info) fake::deviceBus().syncReplies[kDeviceInfo] = *info;
     EXPECT_EQ(get(kAudio).asyncReply, 1);
-    EXPECT_EQ(fake::deviceBus().seen.back().url,
-              std::string(recorder ? "/KAVRO/System/Video/inputs/channels" : kAudio) +
-                  "?format=json&devIndex=1")
-        << (info == nullptr ? "no answer" : info);
+    EXPECT_EQ(fake::deviceBus().seen.back().url, std::string(url) + "?format=json&devIndex=1")
+        << info.value_or("no answer");
+  };
+  for (const std::string type : {"DVR", "HybirdNVR", "NVR", "DVS"}) {
+    expectAsked(R"({"DeviceInfo":{"deviceType":")" + type + R"("}})",
+                "/KAVRO/System/Video/inputs/channels");
   }
+  for (const std::string type : {"\"HybridNVR\"", "\"nvr\"", "\"\"", "7"}) {
+    expectAsked(R"({"DeviceInfo":{"deviceType":)" + type + "}}", kAudio);
+  }
+  for (const char* info : {R"({"DeviceInfo":"NVR"})", "7", "NVR"}) expectAsked(info, kAudio);
+  expectAsked(std::nullopt, kAudio);
 }
 
 TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {
-  const struct {
-    unsigned int method;
-    int result;
-    bool asks;
-  } cases[] = {{0, 0, true}, {1, -1, true}, {3, -1, true}, {4, -1, false}};
+  const std::tuple<unsigned int, int, bool> cases[] = {
+      {0, 0, true}, {1, -1, true}, {3, -1, true}, {4, -1, false}};
   for (const auto& [method, result, asks] : cases) {
     fake::reset();
     fake::deviceBus().syncReplies[kDeviceInfo] = "{}";
@@ -246,10 +223,7 @@ TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {
 }
 
 TEST_F(OddChannels, DeviceUrls) {
-  const struct {
-    const char* url;
-    const char* device;
-  } cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"/KAVRO/Streaming/channels/0", "/KAVRO/Streaming/channels/1?format=json&devIndex=1"},
       {"/KAVRO/Streaming/channels/100", "/KAVRO/Streaming/channels/10001?format=json&devIndex=1"},
       {"/KAVRO/Streaming/channels/007", "/KAVRO/Streaming/channels/701?format=json&devIndex=1"},

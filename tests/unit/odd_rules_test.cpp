@@ -1,6 +1,6 @@
 // What the documents of maintenance, PTZ and recording do that their tables do not say at a glance.
 #include <cctype>
-#include <cstring>
+#include <tuple>
 
 #include "platform/wlog.h"
 #include "record/record_operation.h"
@@ -28,43 +28,34 @@ TEST_F(OddRules, DeviceInfoDefaults) {
 }
 
 TEST_F(OddRules, FailuresAreLoggedByNumber) {
-  const std::string info = golden("device_info.json");
-  const struct {
-    const char* url;
-    std::string reply;
-    const char* line;
-    int level = WLOG_ERROR;
-  } cases[] = {
-      {"/KAVRO/System/deviceInfo", "{}", "covertDevinfoRsp fail 1."},
-      {"/KAVRO/System/deviceInfo", R"({"DeviceInfo":[]})", "covertDevinfoRsp fail 2."},
-      {"/KAVRO/System/deviceInfo", without(parsed(info), "DeviceInfo.deviceName"),
-       "covertDevinfoRsp fail 2."},
-      {"/KAVRO/System/deviceInfo", without(parsed(info), "DeviceInfo.deviceID"),
-       "covertDevinfoRsp fail 3."},
-      {"/KAVRO/System/deviceInfo", without(parsed(info), "DeviceInfo.serialNumber"),
-       "covertDevinfoRsp fail 5."},
-      {"/KAVRO/System/deviceInfo", without(parsed(info), "DeviceInfo.macAddress"),
-       "covertDevinfoRsp fail 6."},
-      {"/KAVRO/System/deviceInfo", without(parsed(info), "DeviceInfo.firmwareVersion"),
-       "covertDevinfoRsp fail 7."},
-      {"/KAVRO/System/deviceInfo", without(parsed(info), "DeviceInfo.deviceType"),
-       "covertDevinfoRsp fail 9."},
-      {"/KAVRO/System/Video/inputs/channels", "{}", "covertVideoChannelRsp fail 1."},
-      {"/KAVRO/System/Video/inputs/channels", R"({"VideoInputChannelList":{}})",
-       "covertVideoChannelRsp fail 2 and return null list.", WLOG_WARN},
-      {"/KAVRO/System/Video/inputs/channels", R"({"VideoInputChannelList":[7]})",
-       "covertVideoChannelRsp fail 3."},
-      {"/KAVRO/System/Video/inputs/channels",
-       R"({"VideoInputChannelList":[{"VideoInputChannel":{}}]})", "covertVideoChannelRsp fail 4."},
-      {"/KAVRO/System/Video/inputs/channels",
-       R"({"VideoInputChannelList":[{"VideoInputChannel":{"id":"1"}}]})",
-       "covertVideoChannelRsp fail 5."},
-  };
-  for (const auto& [url, reply, line, level] : cases) {
+  constexpr const char* kInfo = "/KAVRO/System/deviceInfo";
+  constexpr const char* kInputs = "/KAVRO/System/Video/inputs/channels";
+  const auto expectLine = [](const char* url, const std::string& reply, const std::string& line,
+                             int level = WLOG_ERROR) {
     fake::reset();
     EXPECT_EQ(answerTo({0, url}, reply).has_value(), level == WLOG_WARN) << reply;
-    const std::string_view function(line, std::strchr(line, ' '));
-    EXPECT_TRUE(fake::loggedIn(function, level, line)) << line;
+    EXPECT_TRUE(fake::loggedIn(line.substr(0, line.find(' ')), level, line)) << line;
+  };
+  expectLine(kInfo, "{}", "covertDevinfoRsp fail 1.");
+  expectLine(kInfo, R"({"DeviceInfo":[]})", "covertDevinfoRsp fail 2.");
+  const Json::Value info = parsed(golden("device_info.json"));
+  for (const auto& [number, member] : {std::pair{2, "deviceName"},
+                                       {3, "deviceID"},
+                                       {5, "serialNumber"},
+                                       {6, "macAddress"},
+                                       {7, "firmwareVersion"},
+                                       {9, "deviceType"}}) {
+    expectLine(kInfo, without(info, std::string("DeviceInfo.") + member),
+               "covertDevinfoRsp fail " + std::to_string(number) + ".");
+  }
+  expectLine(kInputs, "{}", "covertVideoChannelRsp fail 1.");
+  expectLine(kInputs, R"({"VideoInputChannelList":{}})",
+             "covertVideoChannelRsp fail 2 and return null list.", WLOG_WARN);
+  for (const auto& [number, entry] : {std::pair{3, "7"},
+                                      {4, R"({"VideoInputChannel":{}})"},
+                                      {5, R"({"VideoInputChannel":{"id":"1"}})"}}) {
+    expectLine(kInputs, R"({"VideoInputChannelList":[)" + std::string(entry) + "]}",
+               "covertVideoChannelRsp fail " + std::to_string(number) + ".");
   }
 }
 
@@ -92,12 +83,7 @@ TEST_F(OddRules, AccessPorts) {
     config.ports = {{"8", 9001, 1}, {"1", 9002, 9554}, {"9", 9002, 2}};
     const auto answer = answerTo({0, "/KAVRO/Security/adminAccesses", "", headers}, R"({"any":1})");
     ASSERT_TRUE(answer);
-    std::string found;
-    for (auto at = answer->find("<portNo>"); at != std::string::npos;
-         at = answer->find("<portNo>", at + 1)) {
-      found += answer->substr(at + 8, answer->find('<', at + 1) - at - 8) + " ";
-    }
-    EXPECT_EQ(found, ports);
+    EXPECT_EQ(allInside("portNo", *answer), ports);
     EXPECT_EQ(answer->find("<enabled>false"), std::string::npos);
   }
   const Outcome outcome = get("/KAVRO/Security/adminAccesses");
@@ -108,11 +94,7 @@ TEST_F(OddRules, AccessPorts) {
 }
 
 TEST_F(OddRules, PtzRequests) {
-  const struct {
-    const char* resource;
-    const char* body;
-    const char* expected;
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
       {"continuous", "<PTZData/>", R"({"PTZData":{}})"},
       {"continuous", "<PTZData><zoom> -3 </zoom><pan>fast</pan></PTZData>",
        R"({"PTZData":{"pan":0,"zoom":-3}})"},
@@ -138,10 +120,7 @@ TEST_F(OddRules, SearchRequest) {
   const std::string defaults = R"("trackIDList":[{"trackID":101}],"searchResultPostion":0,)"
                                R"("metadataList":)" +
                                std::string(kTiming);
-  const struct {
-    const char* content;
-    std::string expected;
-  } cases[] = {
+  const std::pair<const char*, std::string> cases[] = {
       {"", defaults},
       {"<trackIDList/><timeSpanList/><contentTypeList/><metadataList/>", defaults},
       {"<timeSpanList><timeSpan/></timeSpanList>", defaults},
@@ -165,11 +144,7 @@ TEST_F(OddRules, SearchRequest) {
 }
 
 TEST_F(OddRules, SearchKeywordIsTheDevicesRtspPort) {
-  const struct {
-    int mode;
-    std::vector<CKAVROPort> ports;
-    const char* keyword;
-  } cases[] = {
+  const std::tuple<int, std::vector<CKAVROPort>, const char*> cases[] = {
       {1, {{"1", 9001, 9554}}, nullptr},
       {2, {}, nullptr},
       {2, {{"11", 9001, 1}, {"1", 9002, 9554}, {"1", 9003, 2}}, "9554"},
@@ -196,10 +171,8 @@ TEST_F(OddRules, SearchResultReadsWhateverItGets) {
       "<metadataMatches><metadataDescriptor>"
       "urn:kavro:metadata:recordType/Manual"
       "</metadataDescriptor></metadataMatches>";
-  const struct {
-    const char* result;  // the value of "CMSearchResult"; null: absent
-    std::string expected;
-  } cases[] = {
+  // The value of "CMSearchResult", null for none.
+  const std::pair<const char*, std::string> cases[] = {
       {nullptr, empty + "<matchList/>"},
       {"7", empty + "<matchList/>"},
       {R"({"matchList":{},"searchID":7,"responseStatus":"true","numOfMatches":"3"})",
@@ -230,11 +203,7 @@ TEST_F(OddRules, SearchResultReadsWhateverItGets) {
 
 TEST(PlaybackUri, Rewriting) {
   const std::string id(36, 'i');
-  const struct {
-    std::string uri;
-    int result;
-    std::string out;
-  } cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"rtsp://h/x/dac/y/camera/" + id + "12/SUB/z?starttime=A&endtime=B", 1,
        "rtsp://h/x/KAVRO/Streaming/tracks/1202?starttime=A&endtime=B"},
       {"rtsp://h/dac/camera/" + id + "3/MAIN/?", 1, "rtsp://h/KAVRO/Streaming/tracks/301?"},

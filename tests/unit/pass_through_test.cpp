@@ -62,48 +62,6 @@ TEST_F(PassThrough, UrlIsForwardedUpToItsLimit) {
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "param error"));
 }
 
-// Class 4 is a status of 403, 2 of 503; 0x40000006 is 404.
-TEST_F(PassThrough, RepliesComeBackAsTheyAreWithTheStatusOfTheirCodes) {
-  const std::string json = "application/json";
-  const std::string xml = "application/xml";
-  const struct {
-    std::string reply;
-    int status;
-    std::string type;
-  } cases[] = {
-      {"{}", 200, json},
-      {" { \"a\" : 1.50 }\n", 200, json},
-      {"[{\"statusCode\":4}]", 200, json},
-      {"3", 200, json},
-      {R"({"statusCode":4})", 403, json},
-      {R"({"statusCode":2,"errorCode":1})", 503, json},
-      {R"({"statusCode":1,"errorCode":1073741830})", 404, json},
-      {R"({"statusCode":4,"errorCode":"1073741830"})", 403, json},
-      {R"({"statusCode":"4"})", 200, json},
-      {R"({"data":{"statusCode":4}})", 200, json},
-      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403, xml},
-      {"<ResponseStatus><errorCode>1073741830</errorCode><statusCode>1</statusCode>"
-       "</ResponseStatus>",
-       404, xml},
-      {"<ResponseStatus><errorCode>1</errorCode><statusCode>2</statusCode></ResponseStatus>", 503,
-       xml},
-      {"<ResponseStatus><statusCode>2</statusCode><errorCode>1</errorCode></ResponseStatus>", 200,
-       xml},
-      {"<Other><statusCode>4</statusCode></Other>", 200, xml},
-      {"<ResponseStatus><statusCode>4", 200, xml},
-      {"no document", 200, xml},
-      {std::string("\xFF\xD8\xFF\0{\"statusCode\":4}", 20), 200, xml},
-      {"", 200, xml},
-  };
-  for (const auto& [reply, status, type] : cases) {
-    const fake::Answer answer = converse(kUrl, reply);
-    EXPECT_EQ(answer.count, 1) << reply;
-    EXPECT_EQ(answer.status, status) << reply;
-    EXPECT_EQ(answer.headers.at("Content-Type"), type) << reply;
-    EXPECT_EQ(answer.body, reply);
-  }
-}
-
 TEST_F(PassThrough, TextRepliesAreLoggedAndPicturesAreNot) {
   converse(kUrl, "{\"a\":1}");
   EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = {\"a\":1}]"));
@@ -119,12 +77,23 @@ TEST_F(PassThrough, RefusalOfTheBusIsTheAnswer) {
   EXPECT_EQ(outcome.asyncReply, 0);
 }
 
-TEST_F(PassThrough, NoExchangeIsNoResources) {
-  Outcome outcome;
+TEST_F(PassThrough, NoExchangeAndNoMemoryAreNoResources) {
   CDeviceKAVROPto handler;
-  EXPECT_EQ(handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, {}, "1"),
-            getHttpStatusCodeByErrorNo(0x60000001));
-  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, ""));
+  const auto refuse = [&](const stHttpRes& request, const char* url) {
+    Outcome outcome;
+    outcome.status =
+        handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, request, "1");
+    EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(0x60000001));
+    EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, url));
+  };
+  refuse({}, "");
+  const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
+  {
+    const fake::FailNothrowAllocations noMemory;
+    refuse(record, kUrl);
+  }
+  EXPECT_TRUE(fake::deviceBus().seen.empty());
+  EXPECT_TRUE(fake::logged(WLOG_ERROR, "No resouce."));
 }
 
 // The callback with records that procProtocol would not make.
@@ -155,27 +124,6 @@ TEST_F(PassThrough, CallbackAnswersWhomItCan) {
   EXPECT_EQ(CDeviceKAVROPto::deviceKAVROCallBack(reply, -1, &kept), -1);
   EXPECT_EQ(CDeviceKAVROPto::deviceKAVROCallBack(reply, length, nullptr), -1);
   EXPECT_TRUE(fake::logged(WLOG_ERROR, "callback data error 1"));
-}
-
-TEST_F(PassThrough, ClientThatIsGoneIsNobodysProblem) {
-  const Outcome outcome = get(kUrl);
-  fake::http().forget(outcome.handle);
-  EXPECT_EQ(fake::deviceBus().reply("{}"), 0);
-}
-
-TEST_F(PassThrough, NoMemoryForTheRecordIsNoResources) {
-  const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
-  Outcome outcome;
-  CDeviceKAVROPto handler;
-  {
-    const fake::FailNothrowAllocations noMemory;
-    outcome.status =
-        handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, "1");
-  }
-  EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(0x60000001));
-  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, kUrl));
-  EXPECT_TRUE(fake::deviceBus().seen.empty());
-  EXPECT_TRUE(fake::logged(WLOG_ERROR, "No resouce."));
 }
 
 }  // namespace

@@ -44,10 +44,7 @@ TEST_F(Pipeline, ReplyInsideTheBusCallAnswersOnce) {
 }
 
 TEST_F(Pipeline, RefusalOfTheBusIsTheAnswer) {
-  const struct {
-    int refusal;
-    unsigned int code;
-  } cases[] = {
+  const std::pair<int, unsigned int> cases[] = {
       {DEVCFGBUS_QUEUE_FULL, 0x6000000B}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
   for (const auto& [refusal, code] : cases) {
     fake::deviceBus().refusal = refusal;
@@ -138,28 +135,22 @@ TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
 
 // Whichever allocation fails, the request is either with the bus or the caller knows.
 TEST_F(Pipeline, EveryFailedAllocationLeavesNothingInFlight) {
-  int allocation = 0;
-  for (bool failed = true; failed; ++allocation) {
+  bool sent = false;
+  const int count = forEachFailedAllocation([&](int n, const Failing& failing) {
     fake::reset();
     const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
     Outcome outcome;
-    bool threw = false;
-    {
-      const fake::FailAllocation failure(allocation);
-      try {
-        outcome.status =
-            QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
-      } catch (const std::bad_alloc&) {
-        threw = true;
-      }
-      failed = failure.happened();
-    }
-    EXPECT_EQ(fake::deviceBus().pending.size(), outcome.asyncReply == 1 ? 1u : 0u) << allocation;
-    EXPECT_TRUE(failed || outcome.asyncReply == 1);
-    EXPECT_TRUE(!threw || outcome.asyncReply == 0);
-    if (!threw && outcome.asyncReply == 0) expectError(outcome, 0x60000001);
-  }
-  EXPECT_GT(allocation, 5);
+    const bool returned = failing([&] {
+      outcome.status =
+          QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+    });
+    sent = outcome.asyncReply == 1;
+    EXPECT_EQ(fake::deviceBus().pending.size(), sent ? 1u : 0u) << n;
+    EXPECT_TRUE(returned || !sent);
+    if (returned && !sent) expectError(outcome, 0x60000001);
+  });
+  EXPECT_TRUE(sent);
+  EXPECT_GT(count, 5);
 }
 
 TEST_F(Pipeline, BaseServesNothing) {

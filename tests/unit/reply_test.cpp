@@ -1,11 +1,12 @@
 // A sub-device's reply to the client's answer.
 #include <memory>
+#include <tuple>
 
 #include "devcfg/dev_cfg_base.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 #include "protocol/error_code.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -18,68 +19,67 @@ const std::string kConverted = R"(<?xml version="1.0" encoding="UTF-8"?><ImageCh
 
 class Reply : public PlatformTest {};
 
+// What is translated is so only for good JSON; everything else, and all that is passed through,
+// goes to the client as it is, with the status of its codes.
 TEST_F(Reply, StatusContentTypeAndBody) {
-  const std::string asItIs = "(as it is)";
-  const struct {
-    std::string reply;
-    int status;
-    const char* type;
-    std::string body;
-  } cases[] = {
-      // Good JSON is converted.
-      {"{}", 200, kXml, kConverted},
-      {" \n [1] trailing", 200, kXml, kConverted},
-      {"7", 200, kXml, kConverted},
-      {R"({"errorCode":1,"statusCode":1})", 200, kXml, kConverted},
-      {R"({"statusCode":1})", 200, kXml, kConverted},
-      {R"({"errorCode":"4","statusCode":"4"})", 200, kXml, kConverted},  // no integers
-      {R"({"errorCode":4294967296})", 200, kXml, kConverted},            // more than 32 bits
-      // JSON with another status goes through.
-      {R"({"errorCode":1,"statusCode":2})", 503, kJson, asItIs},
-      {R"({"errorCode":0,"statusCode":3})", 500, kJson, asItIs},
-      {R"({"errorCode":1073741830,"statusCode":1})", 404, kJson, asItIs},
-      {R"({"statusCode":4,"errorCode":1073741827})", 401, kJson, asItIs},
-      {R"({"statusCode":4})", 403, kJson, asItIs},
-      {R"({"statusCode":20})", 403, kJson, asItIs},  // the low four bits count
-      {R"({"statusCode":-1})", 500, kJson, asItIs},
-      {R"({"errorCode":-1})", 500, kJson, asItIs},
-      // XML is never converted.
-      {"<DeviceInfo/>", 200, kXml, asItIs},
-      {"<ResponseStatus/>", 200, kXml, asItIs},
-      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403, kXml, asItIs},
-      {"<ResponseStatus><errorCode>1073741830</errorCode></ResponseStatus>", 404, kXml, asItIs},
-      {"<ResponseStatus><errorCode>1</errorCode><statusCode>2</statusCode></ResponseStatus>", 503,
-       kXml, asItIs},
-      {"<ResponseStatus><errorCode>1073741830</errorCode><statusCode>2</statusCode>"
-       "</ResponseStatus>",
-       404, kXml, asItIs},
-      // The search runs forward: this statusCode stands before the errorCode.
-      {"<ResponseStatus><statusCode>2</statusCode><errorCode>1</errorCode></ResponseStatus>", 200,
-       kXml, asItIs},
-      {"<ResponseStatus><statusCode>what</statusCode></ResponseStatus>", 200, kXml, asItIs},
-      {"<Other><statusCode>4</statusCode></Other>", 200, kXml, asItIs},
-      // Neither.
-      {"", 200, kXml, asItIs},
-      {"not found", 200, kXml, asItIs},
-      {R"({"errorCode":1073741830)", 200, kXml, asItIs},
-      {"<ResponseStatus><statusCode>4</statusCode>", 200, kXml, asItIs},
-      {std::string(5000, '['), 200, kXml, asItIs},  // deeper than the reader goes
-      {std::string("\0\xff\xfe", 3), 200, kXml, asItIs},
+  const std::string open = "<ResponseStatus>", close = "</ResponseStatus>";
+  const std::tuple<int, bool, std::vector<std::string>> cases[] = {
+      {200, true, {"{}", " \n [1] trailing", "7", " { \"a\" : 1.50 }\n", "[{\"statusCode\":4}]"}},
+      {200,
+       true,
+       {R"({"errorCode":1,"statusCode":1})", R"({"statusCode":1})", R"({"data":{"statusCode":4}})",
+        R"({"errorCode":"4","statusCode":"4"})" /* no integers */,
+        R"({"errorCode":4294967296})" /* more than 32 bits */}},
+      {503, true, {R"({"errorCode":1,"statusCode":2})"}},
+      {500,
+       true,
+       {R"({"errorCode":0,"statusCode":3})", R"({"statusCode":-1})", R"({"errorCode":-1})"}},
+      {404, true, {R"({"errorCode":1073741830,"statusCode":1})"}},
+      {401, true, {R"({"statusCode":4,"errorCode":1073741827})"}},
+      {403,
+       true,
+       {R"({"statusCode":4})", R"({"statusCode":20})" /* the low four bits count */,
+        R"({"statusCode":4,"errorCode":"1073741830"})"}},
+      {200,
+       false,
+       {"<DeviceInfo/>", "<ResponseStatus/>", open + "<statusCode>what</statusCode>" + close,
+        "<Other><statusCode>4</statusCode></Other>", open + "<statusCode>4</statusCode>",
+        // The search runs forward: this statusCode stands before the errorCode.
+        open + "<statusCode>2</statusCode><errorCode>1</errorCode>" + close}},
+      {403, false, {open + "<statusCode>4</statusCode>" + close}},
+      {404,
+       false,
+       {open + "<errorCode>1073741830</errorCode>" + close,
+        open + "<errorCode>1073741830</errorCode><statusCode>2</statusCode>" + close}},
+      {503, false, {open + "<errorCode>1</errorCode><statusCode>2</statusCode>" + close}},
+      {200,
+       false,
+       {"", "not found", R"({"errorCode":1073741830)", std::string("\0\xff\xfe", 3),
+        std::string(5000, '[') /* deeper than the reader goes */,
+        std::string("\xFF\xD8\xFF\0{\"statusCode\":4}", 20)}},
   };
-  for (const auto& [reply, status, type, body] : cases) {
-    const fake::Answer answer = converse(kUrl, reply);
+  const auto expect = [](const char* url, const std::string& reply, int status, const char* type,
+                         const std::string& body) {
+    const fake::Answer answer = converse(url, reply);
     EXPECT_EQ(answer.count, 1) << reply;
-    EXPECT_EQ(answer.status, status) << reply;
-    EXPECT_EQ(answer.headers.at("Content-Type"), type) << reply;
-    EXPECT_EQ(answer.body, body == asItIs ? reply : body) << reply;
+    EXPECT_EQ(answer.status, status) << url << reply;
+    EXPECT_EQ(answer.headers.at("Content-Type"), type) << url << reply;
+    EXPECT_EQ(answer.body, body) << url;
+  };
+  for (const auto& [status, isJson, replies] : cases) {
+    for (const std::string& reply : replies) {
+      const bool translated = isJson && status == 200;
+      expect(kUrl, reply, status, isJson && !translated ? kJson : kXml,
+             translated ? kConverted : reply);
+      expect("/KAVRO/System/time", reply, status, isJson ? kJson : kXml, reply);
+    }
   }
 }
 
 TEST_F(Reply, PictureUrlPointsToTheGatewayAtAnyStatus) {
-  const struct {
-    std::string url;
-    std::string rewritten;  // empty: unchanged
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
+      // rewritten: empty: unchanged
+
       {"scheme://10.0.0.2:80/pic/a.jpg", "/NovGatewayStorage/pic/a.jpg"},
       {"http://host/", "/NovGatewayStorage/"},
       {"x/y://h//p?q=://r/s", "/NovGatewayStorage//p?q=://r/s"},
@@ -164,29 +164,21 @@ TEST_F(ReplyRecord, OwnerIsNotTouched) {
 // Whichever allocation fails, the client gets one answer, the right one or a 500, and nothing
 // leaks.
 TEST_F(Reply, EveryFailedAllocationStillAnswersOnce) {
-  const struct {
-    const char* reply;
-    int status;
-  } cases[] = {
-      {R"({"DeviceInfo":{"deviceName":"n","deviceID":"i","serialNumber":"s","macAddress":"m",
-           "firmwareVersion":"f","deviceType":"t"},"PictureData":{"url":"http://h/p"}})",
+  const std::pair<std::string, int> cases[] = {
+      {with(parsed(golden("device_info.json")), "PictureData", parsed(R"({"url":"http://h/p"})")),
        200},
-      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403},
-  };
+      {"<ResponseStatus><statusCode>4</statusCode></ResponseStatus>", 403}};
   for (const auto& [reply, status] : cases) {
-    int allocation = 0;
-    for (bool failed = true; failed; ++allocation) {
+    fake::Answer answer;
+    const int count = forEachFailedAllocation([&](int n, const Failing& failing) {
       const Outcome outcome = get("/KAVRO/System/deviceInfo");
-      {
-        const fake::FailAllocation failure(allocation);
-        EXPECT_EQ(fake::deviceBus().reply(reply), 0);
-        failed = failure.happened();
-      }
-      const fake::Answer answer = outcome.answer();
-      ASSERT_EQ(answer.count, 1) << allocation;
-      EXPECT_TRUE(answer.status == status || (failed && answer.status == 500)) << answer.status;
-    }
-    EXPECT_GT(allocation, 5);
+      failing([&] { EXPECT_EQ(fake::deviceBus().reply(reply), 0); });
+      answer = outcome.answer();
+      ASSERT_EQ(answer.count, 1) << n;
+      EXPECT_TRUE(answer.status == status || answer.status == 500) << answer.status;
+    });
+    EXPECT_EQ(answer.status, status) << "when no allocation fails";
+    EXPECT_GT(count, 5);
   }
 }
 

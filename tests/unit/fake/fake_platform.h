@@ -26,6 +26,11 @@ namespace fake {
 // Everything to its state at program start: device "1" exists, every login succeeds for it, every
 // bus accepts. Requests that the device bus still holds are answered first, as its stop would.
 void reset();
+// Its parts.
+void resetHttp();
+void resetBuses();
+void resetGateway();
+void resetRuntime();
 
 // From now on the fakes record and copy next to nothing, so that what is measured is the module:
 // no log, no answer headers, of requests to devices only the last, one snapshot of each
@@ -209,9 +214,6 @@ class FailAllocation {
  public:
   explicit FailAllocation(int n);
   ~FailAllocation();
-  FailAllocation(const FailAllocation&) = delete;
-  FailAllocation& operator=(const FailAllocation&) = delete;
-
   bool happened() const;
 };
 // While it lives, allocations with std::nothrow give null.
@@ -219,16 +221,12 @@ class FailNothrowAllocations {
  public:
   FailNothrowAllocations();
   ~FailNothrowAllocations();
-  FailNothrowAllocations(const FailNothrowAllocations&) = delete;
-  FailNothrowAllocations& operator=(const FailNothrowAllocations&) = delete;
 };
 // While it lives, allocations on this thread succeed: for what a test's own bookkeeping needs.
 class AllocationShelter {
  public:
   AllocationShelter();
   ~AllocationShelter();
-  AllocationShelter(const AllocationShelter&) = delete;
-  AllocationShelter& operator=(const AllocationShelter&) = delete;
 
  private:
   int saved_;

@@ -3,7 +3,6 @@
 #include <cstring>
 
 #include "tests/unit/fake/fake_platform.h"
-#include "tests/unit/fake/resettable.h"
 
 namespace fake {
 namespace {

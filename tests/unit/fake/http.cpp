@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "tests/unit/fake/fake_platform.h"
-#include "tests/unit/fake/resettable.h"
 
 namespace QNHttpService {
 
@@ -110,7 +109,7 @@ const std::string& CHttpExchange::getUrl() const {
 }
 
 std::string CHttpExchange::getHead(const char* name) const {
-  if (!state_) return {};
+  if (!state_ || (state_->answer.stream && state_->answer.count > 0)) return {};
   for (const auto& [key, value] : state_->request.headers) {
     if (strcasecmp(key.c_str(), name) == 0) return value;
   }

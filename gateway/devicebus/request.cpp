@@ -1,5 +1,4 @@
-// See answers.h.
-#include "gateway/devicebus/answers.h"
+#include "gateway/devicebus/request.h"
 
 #include <boost/asio/post.hpp>
 #include <memory>
@@ -8,17 +7,37 @@
 
 namespace qn::devicebus {
 
+bool Tally::enter() {
+  ++count_;
+  if (!closed_) return true;
+  --count_;
+  return false;
+}
+
+Place::~Place() {
+  if (device_) --device_->admitted;
+  device_.reset();
+  if (tally_) tally_->leave();  // the bus may be gone from here on
+}
+
+Place::Refusal Place::enter(Tally& tally, std::shared_ptr<Device> device, std::size_t limit) {
+  if (!tally.enter()) return Refusal::Stopping;
+  tally_ = &tally;
+  device_ = std::move(device);
+  return ++device_->admitted > limit ? Refusal::Full : Refusal::None;
+}
+
 void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
-  if (reply.status() >= 400 && reply.media() == MediaKind::kOther) {
+  if (reply.status() >= 400 && !reply.isDocument()) {
     const std::string_view document = documents_.of(errorOfHttpStatus(reply.status()));
-    request->recipient->take(document, Origin::kGateway);
+    request->recipient->take(document, Origin::Gateway);
     return;
   }
   if (reply.body().size() >= kLongReply && request->recipient->isTranslator()) {
     giveOnWorker(std::move(request), reply.takeBody());
     return;
   }
-  request->recipient->take(reply.body(), Origin::kDevice);
+  request->recipient->take(reply.body(), Origin::Device);
 }
 
 void Answers::giveOnWorker(RequestPtr request, std::string body) const {
@@ -29,7 +48,7 @@ void Answers::giveOnWorker(RequestPtr request, std::string body) const {
   };
   auto answer = std::make_shared<Answer>(Answer{std::move(request), std::move(body)});
   const auto give = [answer] {
-    answer->request->recipient->take(answer->body, Origin::kDevice);
+    answer->request->recipient->take(answer->body, Origin::Device);
     answer->request.reset();
   };
   if (!workers_.post(give)) give();
@@ -38,7 +57,7 @@ void Answers::giveOnWorker(RequestPtr request, std::string body) const {
 void Answers::giveError(boost::asio::io_context& reactor, RequestPtr request,
                         unsigned int code) const {
   boost::asio::post(reactor, [this, request = std::move(request), code] {
-    request->recipient->take(documents_.of(code), Origin::kGateway);
+    request->recipient->take(documents_.of(code), Origin::Gateway);
   });
 }
 

@@ -1,4 +1,4 @@
-// The bus's own answers: the JSON status documents of what can go wrong with a device, built once.
+// The buses' own answers: the JSON status documents of what can go wrong with a device, built once.
 #pragma once
 
 #include <string>
@@ -7,13 +7,14 @@
 
 #include "platform/error_codes.h"
 
-namespace qn::devicebus {
+namespace qn {
 
 // Constant after construction.
 class StatusDocuments {
  public:
   StatusDocuments();
 
+  // `errorCode`: one of those that devices and buses give.
   std::string_view of(unsigned int errorCode) const;
 
  private:
@@ -23,4 +24,4 @@ class StatusDocuments {
 // What a device meant by an HTTP status of 400 or more without a document of its own.
 unsigned int errorOfHttpStatus(int status);
 
-}  // namespace qn::devicebus
+}  // namespace qn

@@ -10,11 +10,10 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
-#include "gateway/devicebus/bus_request.h"
-#include "gateway/devicebus/read_buffer.h"
-#include "gateway/devicebus/reply_parser.h"
+#include "gateway/devicebus/request.h"
+#include "gateway/devices/dialer.h"
+#include "gateway/devices/message.h"
 
 namespace qn::devicebus {
 
@@ -23,25 +22,20 @@ class Lane;
 // A read is outstanding whenever it is connected, so a device that closes it is noticed while it
 // rests. Every handler keeps it alive and does nothing once the lane has closed it. Times are
 // bounded by the lane: it closes the connection at the request's deadline.
-class Connection : public std::enable_shared_from_this<Connection> {
+class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
  public:
   using Clock = std::chrono::steady_clock;
-  using Endpoint = boost::asio::ip::tcp::endpoint;
 
   enum class Fault {
-    kNotConnected,
-    kClosed,   // by the device, before the reply was whole
-    kUnusable  // the reply cannot be understood
+    NotConnected,
+    Closed,   // by the device, before the reply was whole
+    Unusable  // the reply cannot be understood
   };
 
-  Connection(Lane& lane, boost::asio::io_context& reactor);
+  DeviceConnection(Lane& lane, boost::asio::io_context& reactor);
 
-  // For the lane to write the head of the next request into before start().
-  std::string& head() { return head_; }
-  // Sends the request, on a new connection after connecting to the first endpoint that accepts.
-  void start(RequestPtr request, const std::vector<Endpoint>& endpoints);
-  // The same when the endpoints have to be found first: connect() follows.
-  void startUnresolved(RequestPtr request);
+  // Sends the request, after connecting when it is a new one.
+  void start(const DeviceRequestHead& head, RequestPtr request);
 
   const BusRequest* request() const { return request_.get(); }
   RequestPtr takeRequest() { return std::move(request_); }
@@ -61,10 +55,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   template <typename Step>
   void guarded(Step step) noexcept;  // runs it unless closed; what it throws is a fault
-  void prepareFor(RequestPtr request);
-  void resolve();
-  void connect(std::size_t endpoint);
-  void onConnected(const ErrorCode& error, std::size_t endpoint);
+  void onConnected(const ErrorCode& error);
   void send();
   void sendRest(std::size_t sent);
   std::array<boost::asio::const_buffer, 2> unsent(std::size_t sent) const;
@@ -78,10 +69,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   Lane* lane_;  // null once closed
   boost::asio::ip::tcp::socket socket_;
-  std::optional<boost::asio::ip::tcp::resolver> resolver_;
-  std::vector<Endpoint> endpoints_;  // while connecting
-  RequestPtr request_;               // null while resting
-  std::string head_;                 // and the body, when it is short
+  const std::shared_ptr<Device> device_;
+  Dialer dialer_;
+  RequestPtr request_;  // null while resting
+  std::string head_;    // and the body, when it is short
   ReadBuffer buffer_;
   std::optional<ReplyParser> reply_;
   int interimReplies_ = 0;

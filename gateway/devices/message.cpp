@@ -1,0 +1,140 @@
+#include "gateway/devices/message.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "text/ascii.h"
+#include "text/number.h"
+
+namespace qn {
+namespace {
+
+// Memory for a body is taken ahead up to this; a device that only announces more gets no more.
+constexpr std::uint64_t kReserve = 1024 * 1024;
+
+std::string_view contentType(std::string_view body) {
+  const std::string_view start = text::trimStart(body).substr(0, 1);
+  if (start == "{" || start == "[") return "application/json";
+  if (start == "<") return "application/xml";
+  return "application/octet-stream";
+}
+
+bool announcesEmptyBody(std::string_view method) {
+  return method == "PUT" || method == "POST" || method == "PATCH";
+}
+
+void addField(std::string& out, std::string_view name, std::string_view value) {
+  out += name;
+  out += ": ";
+  out += value;
+  out += "\r\n";
+}
+
+std::string_view boundaryOf(std::string_view contentType) {
+  constexpr std::string_view kName = "boundary=";
+  const std::size_t name = contentType.find(kName);
+  if (!text::startsWithNoCase(contentType, "multipart/") || name == contentType.npos) return {};
+  const std::string_view value = contentType.substr(name + kName.size());
+  if (value.starts_with('"')) return value.substr(1, value.find('"', 1) - 1);
+  return value.substr(0, value.find_first_of("; \t"));
+}
+
+}  // namespace
+
+void writeRequestHead(std::string& out, const Device& device, const DeviceRequestHead& head,
+                      std::string_view body) {
+  out.assign(head.method);
+  out += ' ';
+  out += head.target;
+  out += device.requestLineEnd;
+  out += head.fields;
+  if (!head.authorization.empty()) addField(out, "Authorization", head.authorization);
+  if (!body.empty()) addField(out, "Content-Type", contentType(body));
+  if (!body.empty() || announcesEmptyBody(head.method)) {
+    addField(out, "Content-Length", text::Decimal(body.size()).view());
+  }
+  out += "\r\n";
+}
+
+boost::asio::mutable_buffer ReadBuffer::space(std::size_t capacity) {
+  moveUnreadTo(data_.get());
+  growTo(end_ == capacity_ ? std::max(capacity, 2 * capacity_) : capacity);
+  return {data_.get() + end_, capacity_ - end_};
+}
+
+void ReadBuffer::clear(std::size_t kept) {
+  begin_ = end_ = 0;
+  if (capacity_ <= kept) return;
+  data_.reset();
+  capacity_ = 0;
+}
+
+void ReadBuffer::moveUnreadTo(char* target) {
+  const std::string_view rest = unread();
+  if (!rest.empty()) std::memmove(target, rest.data(), rest.size());
+  begin_ = 0;
+  end_ = rest.size();
+}
+
+void ReadBuffer::growTo(std::size_t capacity) {
+  capacity = std::min(capacity, kLargest);
+  if (capacity <= capacity_) return;
+  auto larger = std::make_unique_for_overwrite<char[]>(capacity);
+  moveUnreadTo(larger.get());
+  data_ = std::move(larger);
+  capacity_ = capacity;
+}
+
+ReplyParser::ReplyParser(std::optional<std::size_t> bodyLimit, bool headRequest) {
+  header_limit(kHeadBytes);
+  body_limit(bodyLimit ? boost::optional<std::uint64_t>(*bodyLimit) : boost::none);
+  eager(true);
+  skip(headRequest);
+}
+
+void ReplyParser::on_field_impl(boost::beast::http::field name, Text, Text value, Error&) {
+  using boost::beast::http::field;
+  if (headRead_) return;
+  if (name == field::content_type) {
+    document_ = text::containsNoCase(value, "json") || text::containsNoCase(value, "xml");
+    boundary_ = boundaryOf(value);
+  }
+  if (name == field::www_authenticate && status_ == 401) {
+    if (!challenge_.empty()) challenge_ += ", ";
+    challenge_ += value;
+  }
+}
+
+void ReplyParser::on_body_init_impl(const boost::optional<std::uint64_t>& length, Error&) {
+  expected_ = std::min(length.value_or(0), kReserve);
+}
+
+std::size_t ReplyParser::addBody(std::string_view bytes) {
+  if (view_.empty() && copy_.empty()) {
+    view_ = bytes;
+  } else {
+    keepBody();
+    copy_ += bytes;
+  }
+  return bytes.size();
+}
+
+void ReplyParser::keepBody() {
+  if (view_.empty()) return;
+  copy_.reserve(std::max<std::size_t>(expected_, view_.size()));
+  copy_.assign(view_);
+  view_ = {};
+}
+
+std::string ReplyParser::takeBody() {
+  keepBody();
+  return std::move(copy_);
+}
+
+void ReplyParser::dropBody() {
+  view_ = {};
+  copy_ = {};
+}
+
+}  // namespace qn
