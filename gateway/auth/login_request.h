@@ -9,6 +9,13 @@
 
 namespace qn {
 
+// Who a request comes from, as the configuration knew them when they logged in.
+struct LoggedIn {
+  std::string user;
+  std::string ha1;  // changes with the password
+  std::string device;
+};
+
 class LoginRequest {
  public:
   // Null where no service has set one.
@@ -25,9 +32,10 @@ class LoginRequest {
 
   // The record has room for 17 bytes of it.
   virtual std::string_view clientAddress() const = 0;
+  // Who has logged in; empty before that.
+  virtual std::string user() const = 0;
   // The login has succeeded. `info` is the Authentication-Info of the answer.
-  virtual void loggedIn(std::string_view user, std::string_view device,
-                        const std::string& info) = 0;
+  virtual void loggedIn(const LoggedIn& who, const std::string& info) = 0;
 
  protected:
   ~LoginRequest() = default;

@@ -1,6 +1,9 @@
 #include "gateway/config/configuration.h"
 
+#include <algorithm>
 #include <tuple>
+
+#include "platform/config_mgr.h"
 
 namespace qn {
 namespace {
@@ -41,6 +44,17 @@ const DeviceConfig* Configuration::findDevice(std::string_view index) const {
 
 const DeviceConfig* Configuration::findDeviceByPort(uint16_t httpPort) const {
   return lookUp(devices, devicesByPort_, httpPort);
+}
+
+bool Configuration::mayUse(const UserConfig& user, std::string_view device) const {
+  return user.device == device || (kavro.mode == KAVRO_MODE_DEVICE_PORTS &&
+                                   std::ranges::find(user.devices, device) != user.devices.end());
+}
+
+bool Configuration::stillAllows(std::string_view name, std::string_view ha1,
+                                std::string_view device) const {
+  const UserConfig* const user = findUser(name);
+  return user && user->ha1 == ha1 && mayUse(*user, device);
 }
 
 bool Configuration::offers(DigestAlgorithm algorithm) const {

@@ -140,6 +140,11 @@ struct Configuration {
   const DeviceConfig* findDevice(std::string_view index) const;
   const DeviceConfig* findDeviceByPort(uint16_t httpPort) const;  // never for 0
 
+  bool mayUse(const UserConfig& user, std::string_view device) const;
+  // Whether what somebody was allowed who logged in before still is: the user is there, with the
+  // same password, and may use the device.
+  bool stillAllows(std::string_view user, std::string_view ha1, std::string_view device) const;
+
   // Whether any user may log in with it, or it is the gateway's own.
   bool offers(DigestAlgorithm algorithm) const;
 

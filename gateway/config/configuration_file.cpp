@@ -344,4 +344,10 @@ Configuration parseConfiguration(std::string_view content, const std::string& na
   }
 }
 
+void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {
+  if (!inForce.findUser(kAdministrator) || next.findUser(kAdministrator)) return;
+  Place{file, 0, ""}.fail("expected the user \"" + std::string(kAdministrator) +
+                          "\", without whom a running gateway would serve nobody");
+}
+
 }  // namespace qn

@@ -24,4 +24,9 @@ Configuration readConfiguration(const std::filesystem::path& file);
 // The same for a file's content; `name` stands for the file in errors.
 Configuration parseConfiguration(std::string_view content, const std::string& name);
 
+// Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
+// it would take the administrator away, as an empty file does. Whoever is writing it has not
+// finished, and nobody could log in.
+void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file);
+
 }  // namespace qn

@@ -63,6 +63,11 @@ void ClientConnection<Stream>::close() {
 }
 
 template <class Stream>
+void ClientConnection<Stream>::closeUnlessAllowed() {
+  if (!parts_.isAllowed()) close();
+}
+
+template <class Stream>
 void ClientConnection<Stream>::onEnd() {
   endRequest();
   requests_.end();
@@ -178,6 +183,7 @@ void ClientConnection<Stream>::beginStream(const ExchangePtr& exchange) {
   awaited_.reset();
   parts_.begin(exchange);
   requests_.watch();
+  closeUnlessAllowed();  // the configuration may have changed since the login
 }
 
 template <class Stream>

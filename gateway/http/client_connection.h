@@ -34,6 +34,7 @@ class ClientConnection final : public ClientStream<Stream>,
   std::optional<std::chrono::steady_clock::time_point> idleSince() const override {
     return requests_.idleSince();
   }
+  void closeUnlessAllowed() override;
 
   // AnswerLink; any thread.
   void deliver(const ExchangePtr& exchange, std::string_view body) override;

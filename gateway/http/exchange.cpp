@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "gateway/auth/digest_credentials.h"
+#include "gateway/config/configuration.h"
 #include "gateway/http/header_lines.h"
 #include "gateway/log/log.h"
 #include "text/ascii.h"
@@ -114,6 +115,22 @@ std::string ExchangeState::header(std::string_view name) const {
   const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
                        !qn::digestUriIs(value, url_);
   return misused ? std::string() : std::string(value);
+}
+
+void ExchangeState::setLogin(qn::LoggedIn who) {
+  const qn::MutexLock lock(mutex_);
+  login_ = std::move(who);
+}
+
+std::string ExchangeState::user() const {
+  const qn::MutexLock lock(mutex_);
+  return login_.user;
+}
+
+bool ExchangeState::isStillAllowed() const {
+  const qn::MutexLock lock(mutex_);
+  return login_.user.empty() ||
+         qn::configuration()->stillAllows(login_.user, login_.ha1, login_.device);
 }
 
 void ExchangeState::setHeader(std::string_view name, std::string_view value) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "gateway/auth/login_request.h"
 #include "gateway/http/answer.h"
 #include "gateway/http/request_reader.h"
 #include "gateway/net/asker.h"
@@ -68,6 +69,13 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   // address, which the module would look for a port inside of, is only the port of ours that the
   // request came in on.
   std::string header(std::string_view name) const;
+  const std::string& clientAddress() const { return origin_.clientAddress; }
+
+  // Who has logged in; set by the login, before the answer.
+  void setLogin(qn::LoggedIn who);
+  std::string user() const;
+  // Whether the configuration in force still allows what the login did; true without one.
+  bool isStillAllowed() const;
 
   // The answer; any thread.
   void setHeader(std::string_view name, std::string_view value);
@@ -111,6 +119,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   std::string fields_
       QN_GUARDED_BY(mutex_);  // the request's header lines; given back when a stream starts
   std::string headers_ QN_GUARDED_BY(mutex_);  // the answer's header lines
+  qn::LoggedIn login_ QN_GUARDED_BY(mutex_);
   int status_ QN_GUARDED_BY(mutex_) = 200;
   bool stream_ QN_GUARDED_BY(mutex_) = false;
   bool streamOpen_ QN_GUARDED_BY(mutex_) = false;

@@ -35,10 +35,16 @@ bool HttpService::drain(std::chrono::steady_clock::time_point deadline) {
 
 void HttpService::close() {
   stopAccepting();
+  onEachConnection(&OpenConnection::close);
+}
+
+void HttpService::closeForbiddenStreams() { onEachConnection(&OpenConnection::closeUnlessAllowed); }
+
+void HttpService::onEachConnection(void (OpenConnection::*action)()) {
   for (std::size_t i = 0; i < core_->open.size(); ++i) {
-    core_->runOn(i, [core = core_, i] {
+    core_->runOn(i, [core = core_, i, action] {
       const auto connections = core->open[i];  // a closing connection leaves the set
-      for (OpenConnection* connection : connections) connection->close();
+      for (OpenConnection* connection : connections) (connection->*action)();
     });
   }
 }

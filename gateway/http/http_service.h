@@ -39,6 +39,9 @@ class HttpService {
   // Whether connections to that port come here; after listen().
   bool serves(uint16_t port) const { return ports_->serves(port); }
 
+  // Closes the streams of those whom the configuration in force does not allow them any more.
+  void closeForbiddenStreams();
+
   // Ends listening for good; what is connected goes on, but no connection outlives its answer.
   void stopAccepting();
   // Waits until no request is in flight (streams do not count); false when the time is over.
@@ -47,6 +50,8 @@ class HttpService {
   void close();
 
  private:
+  void onEachConnection(void (OpenConnection::*action)());
+
   const std::shared_ptr<ServiceCore> core_;
   const std::shared_ptr<Ports> ports_;
   std::atomic<uint16_t> mainPort_{0};

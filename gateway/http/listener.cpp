@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 
 namespace qn {
@@ -93,6 +94,8 @@ void Listener::serve(std::size_t reactor, TcpStream stream) try {
   const auto client =
       core_->trusted.contains(arrival.peer) ? asio::ip::address() : clientNetwork(arrival.peer);
   if (!core_->places.take(client, arrival.place)) {
+    const std::string peer = arrival.peer.to_string();
+    logClient(peer, "connection from {} refused: too many are open", peer);
     if (!core_->refusals.take(client, arrival.place)) return;  // too many to be told so: closed
     arrival.access = Access::Nothing;
   }

@@ -43,6 +43,7 @@ class PartPusher {
     if (*count == parts.size()) return onPartsSent();
     finish(std::move(parts), *count);
   }
+  bool isAllowed() const { return !exchange_ || exchange_->isStillAllowed(); }
   // The connection has ended.
   void end() {
     if (exchange_) std::exchange(exchange_, nullptr)->detach();

@@ -56,6 +56,21 @@ SlowPart slowPartOf(const ExchangeState& exchange) {
   return found == std::end(kSlowResources) ? SlowPart::DeviceOnly : found->slowPart;
 }
 
+// The login's view of an exchange.
+class ExchangeLogin final : public LoginRequest {
+ public:
+  explicit ExchangeLogin(ExchangeState& exchange) : exchange_(exchange) {}
+  std::string_view clientAddress() const override { return exchange_.clientAddress(); }
+  std::string user() const override { return exchange_.user(); }
+  void loggedIn(const LoggedIn& who, const std::string& info) override {
+    exchange_.setLogin(who);
+    exchange_.setHeader("Authentication-Info", info);
+  }
+
+ private:
+  ExchangeState& exchange_;
+};
+
 // Whom unread bytes of a stranger count for.
 std::string networkOf(const address& client) { return clientNetwork(client).to_string(); }
 
@@ -239,6 +254,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int asyncReply = 0;
   std::string answer;
   const AskerScope scope(exchange);
+  ExchangeLogin login(*exchange);
+  const LoginRequest::Scope loginScope(login);
   const int status = module_.process(bodyIsXml, answer, asyncReply, request);
   if (asyncReply == 0) {
     exchange->finish(status, bodyIsXml != 0 ? "application/xml" : "application/json", answer);

@@ -78,6 +78,8 @@ class OpenConnection {
   virtual void close() = 0;
   // Nothing while a request, or a piece of one, is there.
   virtual std::optional<std::chrono::steady_clock::time_point> idleSince() const = 0;
+  // Closes a stream of somebody whom the configuration in force does not allow it any more.
+  virtual void closeUnlessAllowed() = 0;
 };
 
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {

@@ -52,7 +52,7 @@ bool isOneOf(std::string_view word, const std::array<std::string_view, N>& words
 }
 
 bool containsNoCase(std::string_view name, std::string_view part) {
-  const auto same = [](char a, char b) { return text::lower(a) == text::lower(b); };
+  const auto same = [](char a, char b) { return text::lower(a) == b; };
   return std::search(name.begin(), name.end(), part.begin(), part.end(), same) != name.end();
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "gateway/auth/login_request.h"
+#include "gateway/log/client_log.h"
 #include "platform/config_mgr.h"
 #include "text/ascii.h"
 #include "text/hex.h"
@@ -54,13 +55,24 @@ std::string lower(std::string text) {
 // The device that a request is for; null when the user may not use the one that its port names.
 const std::string* deviceFor(const Configuration& config, const UserConfig& user, int mode,
                              uint16_t port) {
-  if (config.kavro.mode != KAVRO_MODE_DEVICE_PORTS || mode != DIGEST_MODE_BY_PORT) {
-    return &user.device;
+  const bool byPort = config.kavro.mode == KAVRO_MODE_DEVICE_PORTS && mode == DIGEST_MODE_BY_PORT;
+  const DeviceConfig* const named = byPort ? config.findDeviceByPort(port) : nullptr;
+  if (!named) return &user.device;
+  return config.mayUse(user, named->index) ? &named->index : nullptr;
+}
+
+// Somebody may type a password into the name's place by mistake, so not too much of it.
+void reportRefusal(std::string_view name, std::string_view address,
+                   const Lockout::Standing& standing) {
+  constexpr std::size_t kLoggedName = 32;
+  name = name.substr(0, kLoggedName);
+  if (standing.locked()) {
+    logClient(address, "login of \"{}\" from {} refused: locked for {} s", name, address,
+              standing.unlockIn.count());
+  } else {
+    logClient(address, "login of \"{}\" from {} failed: {} attempts left", name, address,
+              standing.attemptsLeft);
   }
-  const DeviceConfig* const named = config.findDeviceByPort(port);
-  if (!named || named->index == user.device) return &user.device;
-  const auto allowed = std::find(user.devices.begin(), user.devices.end(), named->index);
-  return allowed == user.devices.end() ? nullptr : &*allowed;
 }
 
 void clear(tagDIGEST_RESULT& result) {
@@ -118,15 +130,21 @@ DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
     return withoutCredentials(result, config);
   }
   const LoginRequest* const service = LoginRequest::current();
-  const ClientNetwork client(service ? service->clientAddress() : textOf(request.clientIp));
+  const std::string_view address = service ? service->clientAddress() : textOf(request.clientIp);
+  const ClientNetwork client(address);
   attempt.now = clock_();
   if (!attempt.isRight(method)) {
-    return refuse(result, config, lockout_.fail(client, attempt.name, config.lock, attempt.now));
+    const auto failed = lockout_.fail(client, attempt.name, config.lock, attempt.now);
+    reportRefusal(attempt.name, address, failed);
+    return refuse(result, config, failed);
   }
   // The lock is looked at only now, so that a guess made while another one locked the address is
   // refused too.
   const Lockout::Standing standing = lockout_.standing(client, config.lock, attempt.now);
-  if (standing.locked()) return refuse(result, config, standing);
+  if (standing.locked()) {
+    reportRefusal(attempt.name, address, standing);
+    return refuse(result, config, standing);
+  }
   const Nonces::Use use = nonces_.use(attempt.given.nonce, attempt.count, attempt.name,
                                       config.kavro.nonceKey, attempt.now);
   if (use != Nonces::Use::Fresh) {
@@ -154,7 +172,9 @@ DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int 
   if (!device) return DIGEST_NOT_ALLOWED;
   std::snprintf(result.devIndex, sizeof result.devIndex, "%s", device->c_str());
   LoginRequest* const service = LoginRequest::current();
-  if (service) service->loggedIn(attempt.name, *device, authenticationInfo(attempt));
+  if (service) {
+    service->loggedIn({attempt.name, attempt.user->ha1, *device}, authenticationInfo(attempt));
+  }
   return DIGEST_OK;
 }
 
@@ -166,7 +186,8 @@ std::string Login::authenticationInfo(const Attempt& attempt) {
   info.append("\", qop=auth, nc=").append(given.nc);
   char nonce[64];
   if (Nonces::shouldRenew(given.nonce, attempt.now) &&
-      createNonce(nonce, sizeof nonce, Nonces::kRandomMin) > 0) {
+      nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin, attempt.config->kavro.nonceKey,
+                     attempt.now) > 0) {
     info.append(", nextnonce=\"").append(nonce) += '"';
   }
   return info;
@@ -194,7 +215,7 @@ DigestResult Login::refuse(tagDIGEST_RESULT& result, const Configuration& config
 void Login::challenge(tagDIGEST_RESULT& result, const Configuration& config, bool stale) {
   using enum DigestAlgorithm;
   char nonce[64];
-  createNonce(nonce, sizeof nonce, Nonces::kRandomMin);
+  nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin, config.kavro.nonceKey, clock_());
   const DigestAlgorithm own = config.kavro.algorithm;
   std::string text;
   for (const DigestAlgorithm algorithm : {own, own == MD5 ? SHA256 : MD5}) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 
 #include "text/hex.h"
@@ -96,10 +97,12 @@ Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view
   const uint32_t now = tickOf(time);
   uint32_t madeAt = 0;
   if (nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return Use::Foreign;
-  Bucket& bucket = bucketOf(nonce, user);
+  const std::size_t userHash = std::hash<std::string_view>()(user);
+  const Key counted(nonce, userHash);
+  Bucket& bucket = bucketOf(nonce, userHash);
   const MutexLock lock(bucket.mutex);
-  const auto found = bucket.byText.find(nonce);
-  UsedNonce* entry = found == bucket.byText.end() ? nullptr : &*found->second;
+  const auto found = bucket.byKey.find(counted.view());
+  UsedNonce* entry = found == bucket.byKey.end() ? nullptr : &*found->second;
   if (!entry) {
     const Origin origin = originOf(nonce, key);
     if (origin == Origin::Foreign) return Use::Foreign;
@@ -108,7 +111,7 @@ Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view
   if (now - madeAt > kLifeTicks) return Use::Stale;
   if (!entry) {
     bucket.makeRoom(now);
-    entry = &bucket.add(nonce, madeAt);
+    entry = &bucket.add(counted, madeAt);
   } else {
     bucket.used.splice(bucket.used.end(), bucket.used, found->second);
   }
@@ -122,10 +125,11 @@ bool Nonces::isFresh(std::string_view nonce, uint32_t count, std::string_view us
   if (nonce.size() > kTextMax || !timeOf(nonce, madeAt) || tickOf(time) - madeAt > kLifeTicks) {
     return false;
   }
-  Bucket& bucket = bucketOf(nonce, user);
+  const std::size_t userHash = std::hash<std::string_view>()(user);
+  Bucket& bucket = bucketOf(nonce, userHash);
   const MutexLock lock(bucket.mutex);
-  const auto found = bucket.byText.find(nonce);
-  if (found != bucket.byText.end()) return found->second->counts.isFree(count);
+  const auto found = bucket.byKey.find(Key(nonce, userHash).view());
+  if (found != bucket.byKey.end()) return found->second->counts.isFree(count);
   return originOf(nonce, key) == Origin::Own && madeAt > bucket.forgotten;
 }
 
@@ -134,20 +138,20 @@ bool Nonces::shouldRenew(std::string_view nonce, Time now) {
   return timeOf(nonce, madeAt) && tickOf(now) - madeAt >= kRenewalTicks;
 }
 
-Nonces::UsedNonce& Nonces::Bucket::add(std::string_view nonce, uint32_t madeAt) {
-  Used one(1);
-  UsedNonce& entry = one.front();
-  std::ranges::copy(nonce, entry.text.begin());
-  entry.length = uint8_t(nonce.size());
-  entry.madeAt = madeAt;
-  byText.emplace(entry.view(), one.begin());
+Nonces::Key::Key(std::string_view nonce, std::size_t user) : length(nonce.size() + sizeof user) {
+  std::memcpy(std::ranges::copy(nonce, text.begin()).out, &user, sizeof user);
+}
+
+Nonces::UsedNonce& Nonces::Bucket::add(const Key& key, uint32_t madeAt) {
+  Used one{{key, madeAt}};
+  byKey.emplace(one.front().key.view(), one.begin());
   used.splice(used.end(), one);
-  return entry;
+  return used.back();
 }
 
 void Nonces::Bucket::makeRoom(uint32_t now) {
   const auto dropFirst = [this]() QN_REQUIRES(mutex) {
-    byText.erase(used.front().view());
+    byKey.erase(used.front().key.view());
     used.pop_front();
   };
   while (!used.empty() && now - used.front().usedAt > kLifeTicks) dropFirst();
@@ -156,9 +160,9 @@ void Nonces::Bucket::makeRoom(uint32_t now) {
   dropFirst();
 }
 
-Nonces::Bucket& Nonces::bucketOf(std::string_view nonce, std::string_view user) {
-  const std::hash<std::string_view> hash;
-  return buckets_[(hash(user) + hash(nonce) % kBucketsOfUser) % kBuckets];
+Nonces::Bucket& Nonces::bucketOf(std::string_view nonce, std::size_t user) {
+  const std::size_t place = std::hash<std::string_view>()(nonce) % kBucketsOfUser;
+  return buckets_[(user + place) % kBuckets];
 }
 
 }  // namespace qn

@@ -74,24 +74,29 @@ class Nonces {
 
  private:
   static constexpr std::size_t kTextMax = 63;
+  // A nonce and a hash of the user: two users of one client may share a nonce, not its counts.
+  struct Key {
+    Key(std::string_view nonce, std::size_t user);
+    std::string_view view() const { return {text.data(), length}; }
+
+    std::array<char, kTextMax + sizeof(std::size_t)> text;
+    std::size_t length;
+  };
   struct UsedNonce {
-    std::array<char, kTextMax> text{};
-    uint8_t length = 0;
+    Key key;
     uint32_t madeAt = 0;  // as in the nonce
     uint32_t usedAt = 0;
-    CountWindow counts;
-
-    std::string_view view() const { return {text.data(), length}; }
+    CountWindow counts{};
   };
   using Used = std::list<UsedNonce>;  // the one unused for longest first
   struct Bucket {
     Mutex mutex;
     Used used QN_GUARDED_BY(mutex);
-    std::unordered_map<std::string_view, Used::iterator> byText QN_GUARDED_BY(mutex);
+    std::unordered_map<std::string_view, Used::iterator> byKey QN_GUARDED_BY(mutex);
     // No nonce that was made then or before is taken in any more.
     uint32_t forgotten QN_GUARDED_BY(mutex) = 0;
 
-    UsedNonce& add(std::string_view nonce, uint32_t madeAt) QN_REQUIRES(mutex);
+    UsedNonce& add(const Key& key, uint32_t madeAt) QN_REQUIRES(mutex);
     void makeRoom(uint32_t now) QN_REQUIRES(mutex);
   };
   static constexpr std::size_t kBuckets = 16;
@@ -104,7 +109,7 @@ class Nonces {
   using Marks = std::array<uint8_t, 11>;
   bool markOf(std::string_view text, std::string_view key, Marks& marks) const;
   Origin originOf(std::string_view nonce, std::string_view key) const;
-  Bucket& bucketOf(std::string_view nonce, std::string_view user);
+  Bucket& bucketOf(std::string_view nonce, std::size_t user);
 
   std::array<char, 32> own_{};  // constant after construction
   bool hasOwn_ = false;         // constant after construction

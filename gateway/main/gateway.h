@@ -32,6 +32,7 @@ class Gateway {
   // Takes over what can change while running; sections that cannot keep their values, which is
   // logged.
   void reload(Configuration next);
+  const Configuration& inForce() const { return *configuration_; }
 
  private:
   void start();

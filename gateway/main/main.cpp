@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/main/gateway.h"
@@ -44,7 +45,9 @@ sigset_t blockSignals() {
 // An invalid file changes nothing.
 void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
   try {
-    gateway.reload(qn::readConfiguration(file));
+    auto next = qn::readConfiguration(file);
+    qn::checkReload(gateway.inForce(), next, file.string());
+    gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
   } catch (const std::exception& error) {
     qn::logError("configuration not changed: {}", error.what());
@@ -66,6 +69,9 @@ void endInTime() {
   setitimer(ITIMER_REAL, &kStopTime, nullptr);
 }
 
+// How often the log is told that a second is over.
+constexpr timespec kTick{1, 0};
+
 constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
 
 void serve(const Arguments& arguments) {
@@ -76,8 +82,9 @@ void serve(const Arguments& arguments) {
   qn::setLogLevel(configuration.log.level);
   qn::Gateway gateway(std::move(configuration), arguments.module);
   for (;;) {
-    int number = 0;
-    if (sigwait(&signals, &number) != 0) continue;
+    const int number = sigtimedwait(&signals, nullptr, &kTick);
+    qn::ClientLog::instance().writeHeldBack(std::chrono::steady_clock::now());
+    if (number < 0) continue;
     if (number != SIGHUP) {
       qn::logInfo("stopping on signal {}", number);
       endInTime();

@@ -1,11 +1,13 @@
 // See database.h.
 #include "gateway/oplog/database.h"
 
+#include <pthread.h>
 #include <sqlite3.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <system_error>
 
 namespace qn {
 namespace {
@@ -22,6 +24,23 @@ constexpr char kInsert[] =
 constexpr char kTrim[] =
     "DELETE FROM operation_log WHERE id <= (SELECT max(id) FROM operation_log) - ?1";
 
+constexpr std::size_t kPageBytes = 4096;
+constexpr int kMovedPages = 1000;  // so much is worth a move
+constexpr int kMostPages = int(OperationDatabase::kJournalLimit / kPageBytes);
+
+int keepPages(void* pages, sqlite3*, const char*, int count) {
+  *static_cast<int*>(pages) = count;
+  return SQLITE_OK;
+}
+
+sqlite3* opened(const std::filesystem::path& file, int& result) {
+  sqlite3* connection = nullptr;
+  result =
+      sqlite3_open_v2(file.c_str(), &connection,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  return connection;  // a failed opening leaves one as well, for its message
+}
+
 }  // namespace
 
 void OperationDatabase::Close::operator()(sqlite3* connection) const {
@@ -32,22 +51,56 @@ void OperationDatabase::Finalize::operator()(sqlite3_stmt* statement) const {
   sqlite3_finalize(statement);
 }
 
-OperationDatabase::OperationDatabase(const std::filesystem::path& file) {
-  sqlite3* opened = nullptr;
-  const int result =
-      sqlite3_open_v2(file.c_str(), &opened,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-  connection_.reset(opened);  // a failed opening leaves one as well, for its message
+OperationDatabase::OperationDatabase(const std::filesystem::path& file) : file_(file) {
+  int result = SQLITE_OK;
+  connection_.reset(opened(file, result));
   check(result);
-  check(sqlite3_busy_timeout(opened, kBusyTimeMs));
+  check(sqlite3_busy_timeout(connection_.get(), kBusyTimeMs));
   execute("PRAGMA journal_mode = WAL");
+  execute("PRAGMA journal_size_limit = 4194304");  // what stays of the file when it begins anew
   execute("PRAGMA synchronous = NORMAL");  // a power cut may cost the last rows, never the file
   execute(kTable);
   insert_ = prepare(kInsert);
   trim_ = prepare(kTrim);
+  sqlite3_wal_hook(connection_.get(), keepPages, &journalPages_);  // instead of moving by itself
+  int moved = 0;
+  check(sqlite3_wal_checkpoint_v2(connection_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE,
+                                  &journalPages_, &moved));
+}
+
+OperationDatabase::~OperationDatabase() {
+  if (mover_.joinable()) mover_.join();
+}
+
+void OperationDatabase::boundJournal() {
+  if (journalPages_ > kMovedPages && !moving_) moveJournal();
+  if (journalPages_ < kMostPages) return;
+  const int result = sqlite3_wal_checkpoint_v2(connection_.get(), nullptr,
+                                               SQLITE_CHECKPOINT_TRUNCATE, &journalPages_, nullptr);
+  if (result == SQLITE_BUSY) {
+    throw DatabaseError("a reader has held up its write-ahead file for too long", false);
+  }
+  check(result);
+}
+
+void OperationDatabase::moveJournal() {
+  if (mover_.joinable()) mover_.join();
+  moving_ = true;
+  try {
+    mover_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "oplog-move");
+      int result = SQLITE_OK;
+      const std::unique_ptr<sqlite3, Close> own(opened(file_, result));
+      sqlite3_wal_checkpoint_v2(own.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+      moving_ = false;
+    });
+  } catch (const std::system_error&) {  // no thread: tried again with the next records
+    moving_ = false;
+  }
 }
 
 void OperationDatabase::append(std::span<const tagLogInfo> records, std::size_t rows) {
+  boundJournal();
   execute("BEGIN IMMEDIATE");
   for (const tagLogInfo& record : records) insert(record);
   constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<int64_t>::max());

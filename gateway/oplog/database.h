@@ -1,12 +1,14 @@
 // The table of the operation log on SQLite. Used by the writer thread of operation_log.cpp only.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <memory>
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "platform/gateway_cfg_bus.h"
 
@@ -27,17 +29,24 @@ class DatabaseError : public std::runtime_error {
   bool unreadable_;
 };
 
-// A connection for one thread. Every operation waits at most kBusyTime for other processes' locks.
-// After a DatabaseError only destroy it; that takes back what was not committed.
+// A connection for one thread. What it has written is moved from the write-ahead file into the
+// database by a thread that lives as long as that takes: it waits for the disk, and rows that wait
+// for it would be lost with the process. Every operation waits at most kBusyTime for other
+// processes' locks. After a DatabaseError only destroy it; that takes back what was not committed.
 class OperationDatabase {
  public:
   static constexpr int kBusyTimeMs = 500;
+  // Of the write-ahead file, give or take one append. Only a reader that stays for long makes it so
+  // large, because what it reads cannot be moved into the database.
+  static constexpr std::size_t kJournalLimit = 32 * 1024 * 1024;
 
   // Opens the file, making it and the table when they are missing. Readers of the file are never in
   // the way: the journal is a write-ahead log.
   explicit OperationDatabase(const std::filesystem::path& file);
+  ~OperationDatabase();
 
-  // Adds the records in order, then drops the oldest beyond `rows`; all of it or nothing.
+  // Throws while the write-ahead file is full. Adds the records in order, then drops the oldest
+  // beyond `rows`; all of it or nothing.
   void append(std::span<const tagLogInfo> records, std::size_t rows);
 
  private:
@@ -49,15 +58,21 @@ class OperationDatabase {
   };
   using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
 
+  void boundJournal();
+  void moveJournal();
   void execute(const char* sql);
   Statement prepare(const char* sql);
   void insert(const tagLogInfo& record);
   void run(const Statement& statement);
   void check(int result);
 
+  const std::filesystem::path file_;
   std::unique_ptr<sqlite3, Close> connection_;
   Statement insert_;
   Statement trim_;
+  int journalPages_ = 0;  // since it was last begun anew
+  std::thread mover_;
+  std::atomic<bool> moving_{false};
 };
 
 }  // namespace qn

@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "gateway/auth/login_request.h"
 #include "gateway/config/picture_uploader.h"
 #include "gateway/pictures/picture_file.h"
 #include "platform/config_mgr.h"
@@ -42,7 +43,9 @@ bool PictureResource::upload(int& errorOut, std::string& urlOut, std::string_vie
   const auto network = QN_ConfigMgr_GetNetworkCfg();
   if (!network || !isServed_(static_cast<uint16_t>(network->getPssUploadPort()))) return false;
   std::string name;
-  const PictureStore::Result result = store_.add(picture, name);
+  const LoginRequest* const request = LoginRequest::current();
+  const PictureStore::Result result =
+      store_.add(picture, request ? request->user() : std::string(), name);
   errorOut = result == PictureStore::Result::Full ? kFull : 0;
   if (result != PictureStore::Result::Stored) return false;
   urlOut = urlOf(*network, name);

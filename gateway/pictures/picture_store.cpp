@@ -8,17 +8,35 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/auth/digest.h"
 #include "gateway/log/log.h"
 #include "gateway/pictures/picture_file.h"
+#include "text/hex.h"
 
 namespace qn {
 namespace {
 
 namespace fs = std::filesystem;
 
+// A picture's file is called "OWNER-NAME", or as the picture where nobody owns it.
+constexpr std::size_t kOwnerDigits = 16;
+
+std::string ownerTag(std::string_view owner) {
+  if (owner.empty()) return {};
+  const HexDigest digest = hexDigest(DigestAlgorithm::SHA256, {owner});
+  return std::string(digest.text().substr(0, kOwnerDigits));
+}
+
+std::string ownerOfFile(std::string_view file) {
+  const bool owned = file.size() > kOwnerDigits && file[kOwnerDigits] == '-' &&
+                     text::isHex(file.substr(0, kOwnerDigits));
+  return std::string(owned ? file.substr(0, kOwnerDigits) : "");
+}
+
 struct Found {
   fs::file_time_type time;
   std::string name;
+  std::string owner;
   std::size_t bytes;
 
   auto operator<=>(const Found&) const = default;
@@ -28,12 +46,14 @@ struct Found {
 std::vector<Found> pictureFiles(const fs::path& folder) {
   std::vector<Found> found;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-    const std::string name = entry.path().filename().string();
+    std::string name = entry.path().filename().string();
     if (!entry.is_regular_file() || entry.is_symlink()) continue;
+    const std::string owner = ownerOfFile(name);
+    if (!owner.empty()) name.erase(0, kOwnerDigits + 1);
     if (isPartName(name)) {
       fs::remove(entry.path());
     } else if (isPictureName(name)) {
-      found.push_back({entry.last_write_time(), name, entry.file_size()});
+      found.push_back({entry.last_write_time(), name, owner, entry.file_size()});
     }
   }
   std::sort(found.begin(), found.end());
@@ -60,9 +80,9 @@ PictureStore::PictureStore(fs::path folder, const PictureOptions& options)
 void PictureStore::readFolder() {
   const MutexLock lock(mutex_);
   for (Found& found : pictureFiles(folder_)) {
-    bytes_ += found.bytes;
-    ++count_;
-    Pictures one{{std::move(found.name), found.bytes}};
+    Share& share = shareOf(found.owner);
+    take(share, found.bytes);
+    Pictures one{{std::move(found.name), found.bytes, &share}};
     insert(one);
   }
 }
@@ -72,51 +92,105 @@ void PictureStore::setOptions(const PictureOptions& options) {
   options_ = options;
 }
 
+PictureStore::Share& PictureStore::shareOf(const std::string& owner) {
+  Share& share = shares_[owner];
+  share.owner = owner;
+  return share;
+}
+
+void PictureStore::take(Share& share, std::size_t bytes) {
+  share.bytes += bytes;
+  ++share.count;
+  bytes_ += bytes;
+  ++count_;
+}
+
+void PictureStore::release(Share& share, std::size_t bytes, std::size_t count) {
+  share.bytes -= bytes;
+  share.count -= count;
+  bytes_ -= bytes;
+  count_ -= count;
+  if (share.count == 0) shares_.erase(shares_.find(share.owner));
+}
+
 // Takes the one picture out of the list. When it throws, nothing has changed.
 void PictureStore::insert(Pictures& one) {
   byName_.emplace(one.front().name, one.begin());
-  pictures_.splice(pictures_.end(), one);
+  Pictures& pictures = one.front().share->pictures;
+  pictures.splice(pictures.end(), one);
 }
 
-// Counts a picture that is going to be written, and moves those that must go for it to `dropped`.
-// False when there is no room for it: nothing has changed then.
-bool PictureStore::makeRoom(std::size_t bytes, Pictures& dropped) {
-  const auto fits = [&](std::size_t freedBytes, std::size_t freedCount) QN_REQUIRES(mutex_) {
-    return bytes <= options_.maxBytes && bytes_ - freedBytes <= options_.maxBytes - bytes &&
-           count_ - freedCount < options_.maxCount;
+// Whose oldest picture goes next; null: nobody's. Everybody's equal part is for the own pictures.
+PictureStore::Share* PictureStore::nextToGive(Share& own, std::size_t bytes) {
+  const std::size_t fairBytes = options_.maxBytes / shares_.size();
+  const std::size_t fairCount = std::max(options_.maxCount / shares_.size(), std::size_t{1});
+  const auto canGive = [](const Share& share) { return share.kept != share.pictures.end(); };
+  const auto isBeyond = [&](const Share& share) {
+    const std::size_t coming = &share == &own ? bytes : 0;
+    return share.bytes - share.freedBytes + coming > fairBytes ||
+           share.count - share.freedCount + (&share == &own ? 1 : 0) > fairCount;
   };
-  std::size_t freedBytes = 0;
-  std::size_t freedCount = 0;
-  auto kept = pictures_.begin();
-  if (options_.full == PictureOptions::WhenFull::DropOldest) {
-    for (; kept != pictures_.end() && !fits(freedBytes, freedCount); ++kept, ++freedCount) {
-      freedBytes += kept->bytes;
-    }
+  if (isBeyond(own)) return canGive(own) ? &own : nullptr;
+  Share* most = nullptr;
+  for (auto& [owner, share] : shares_) {
+    if (!canGive(share) || !isBeyond(share)) continue;
+    if (!most || share.bytes - share.freedBytes > most->bytes - most->freedBytes) most = &share;
   }
-  if (!fits(freedBytes, freedCount)) return false;
-  for (auto each = pictures_.begin(); each != kept; ++each) byName_.erase(each->name);
-  dropped.splice(dropped.begin(), pictures_, pictures_.begin(), kept);
-  bytes_ += bytes - freedBytes;
-  count_ += 1 - freedCount;
+  return most;
+}
+
+// Counts a picture that is going to be written, and takes those that must go for it out of the
+// index: their files are `dropped`. False when there is no room for it: nothing has changed then.
+bool PictureStore::makeRoom(Share& own, std::size_t bytes, std::vector<fs::path>& dropped) {
+  for (auto& [owner, share] : shares_) {
+    share.kept = share.pictures.begin();
+    share.freedBytes = share.freedCount = 0;
+  }
+  const bool mayDrop = options_.full == PictureOptions::WhenFull::DropOldest;
+  std::size_t freed = 0;
+  while (bytes > options_.maxBytes || bytes_ - freed > options_.maxBytes - bytes ||
+         count_ - dropped.size() >= options_.maxCount) {
+    Share* const giver = mayDrop && bytes <= options_.maxBytes ? nextToGive(own, bytes) : nullptr;
+    if (!giver) return false;
+    dropped.push_back(fileOf(*giver->kept));
+    freed += giver->kept->bytes;
+    giver->freedBytes += giver->kept->bytes;
+    ++giver->freedCount;
+    ++giver->kept;
+  }
+  take(own, bytes);
+  for (auto next = shares_.begin(); next != shares_.end();) {
+    Share& share = (next++)->second;
+    for (auto each = share.pictures.begin(); each != share.kept; ++each) byName_.erase(each->name);
+    share.pictures.erase(share.pictures.begin(), share.kept);
+    release(share, share.freedBytes, share.freedCount);
+  }
   return true;
 }
 
-PictureStore::Result PictureStore::add(std::string_view picture, std::string& name) {
-  Pictures dropped;
+PictureStore::Result PictureStore::add(std::string_view picture, std::string_view owner,
+                                       std::string& name) {
+  const std::string tag = ownerTag(owner);
+  std::vector<fs::path> dropped;
+  Share* share = nullptr;
   {
     const MutexLock lock(mutex_);
-    if (!makeRoom(picture.size(), dropped)) return Result::Full;
+    share = &shareOf(tag);
+    if (!makeRoom(*share, picture.size(), dropped)) {
+      release(*share, 0, 0);
+      return Result::Full;
+    }
   }
-  for (const Picture& each : dropped) {
+  for (const fs::path& each : dropped) {
     std::error_code ignored;  // a file that stays is taken in again at the next start
-    fs::remove(fileOf(each.name), ignored);
+    fs::remove(each, ignored);
   }
   fs::path file;
   try {
     name = newPictureName(picture);
-    file = fileOf(name);
+    Pictures one{{name, picture.size(), share}};
+    file = fileOf(one.front());
     writePicture(file, picture);
-    Pictures one{{name, picture.size()}};
     const MutexLock lock(mutex_);
     insert(one);
     return Result::Stored;
@@ -125,21 +199,26 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string& na
     std::error_code ignored;
     fs::remove(file, ignored);
     const MutexLock lock(mutex_);
-    bytes_ -= picture.size();
-    --count_;
+    release(*share, picture.size(), 1);
     const auto* const system = dynamic_cast<const std::system_error*>(&error);
     return system && isOutOfSpace(system->code()) ? Result::Full : Result::Failed;
   }
 }
 
 std::optional<std::string> PictureStore::find(std::string_view name) const {
+  fs::path file;
   {
     const MutexLock lock(mutex_);
-    if (!byName_.contains(name)) return std::nullopt;
+    const auto found = byName_.find(name);
+    if (found == byName_.end()) return std::nullopt;
+    file = fileOf(*found->second);
   }
-  return readPicture(fileOf(name));
+  return readPicture(file);
 }
 
-fs::path PictureStore::fileOf(std::string_view name) const { return folder_ / name; }
+fs::path PictureStore::fileOf(const Picture& picture) const {
+  const std::string& owner = picture.share->owner;
+  return folder_ / (owner.empty() ? picture.name : owner + '-' + picture.name);
+}
 
 }  // namespace qn

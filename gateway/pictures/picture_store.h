@@ -5,10 +5,12 @@
 #include <cstddef>
 #include <filesystem>
 #include <list>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "gateway/config/configuration.h"
 #include "gateway/sync/mutex.h"
@@ -26,8 +28,10 @@ class PictureStore {
 
   enum class Result { Stored, Full, Failed };
   // Full: the options leave no room, or the disk has none. Stored: for good, under `name`, which is
-  // unspecified otherwise.
-  Result add(std::string_view picture, std::string& name);
+  // unspecified otherwise. `owner`: the user, or nobody. In a full store the pictures of each user
+  // are safe from the others up to an equal part for all who have some; a user beyond that pushes
+  // out only the own ones.
+  Result add(std::string_view picture, std::string_view owner, std::string& name);
   // Nothing for a name that is not in the index.
   std::optional<std::string> find(std::string_view name) const;
 
@@ -35,24 +39,42 @@ class PictureStore {
   void setOptions(const PictureOptions& options);
 
  private:
+  struct Share;
   struct Picture {
     std::string name;
     std::size_t bytes;
+    Share* share;
   };
   using Pictures = std::list<Picture>;  // the oldest first
+  // Of one owner, those being written included.
+  struct Share {
+    std::string owner;  // as its files' names say it
+    Pictures pictures;
+    std::size_t bytes = 0;
+    std::size_t count = 0;
+    // While room is being made: the first that stays, and what is freed before it.
+    Pictures::iterator kept{};
+    std::size_t freedBytes = 0;
+    std::size_t freedCount = 0;
+  };
 
   void readFolder();
-  bool makeRoom(std::size_t bytes, Pictures& dropped) QN_REQUIRES(mutex_);
+  Share& shareOf(const std::string& owner) QN_REQUIRES(mutex_);
+  void take(Share& share, std::size_t bytes) QN_REQUIRES(mutex_);
+  void release(Share& share, std::size_t bytes, std::size_t count) QN_REQUIRES(mutex_);
+  bool makeRoom(Share& own, std::size_t bytes, std::vector<std::filesystem::path>& dropped)
+      QN_REQUIRES(mutex_);
+  Share* nextToGive(Share& own, std::size_t bytes) QN_REQUIRES(mutex_);
   void insert(Pictures& one) QN_REQUIRES(mutex_);
-  std::filesystem::path fileOf(std::string_view name) const;
+  std::filesystem::path fileOf(const Picture& picture) const;
 
   const std::filesystem::path folder_;
   mutable Mutex mutex_;
   PictureOptions options_ QN_GUARDED_BY(mutex_);
-  Pictures pictures_ QN_GUARDED_BY(mutex_);
-  // Views of the list's names.
+  std::map<std::string, Share> shares_ QN_GUARDED_BY(mutex_);  // of those who have pictures
+  // Views of the lists' names.
   std::unordered_map<std::string_view, Pictures::iterator> byName_ QN_GUARDED_BY(mutex_);
-  // Of all pictures, and of those being written.
+  // Of all shares.
   std::size_t bytes_ QN_GUARDED_BY(mutex_) = 0;
   std::size_t count_ QN_GUARDED_BY(mutex_) = 0;
 };

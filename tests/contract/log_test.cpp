@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "gateway/log/client_log.h"
 #include "gateway/log/line.h"
 #include "gateway/log/secrets.h"
 #include "platform/wlog.h"
@@ -164,6 +165,36 @@ TEST_F(Log, DocumentsAreShortAboveDebug) {
     EXPECT_EQ(std::count(line.begin(), line.end(), 'x'), 256 - 6) << line;
     EXPECT_TRUE(line.ends_with("...[cut]]end\n")) << line;
   }
+}
+
+TEST_F(Log, AnAttackLeavesFewLinesAndItsEnd) {
+  ClientLog log;
+  ClientLog::Time now{std::chrono::seconds(5)};
+  const auto linesOf = [&](const std::function<void()>& action) {
+    const std::string lines = standardErrorOf(action);
+    return std::pair(std::count(lines.begin(), lines.end(), '\n'), lines);
+  };
+  const auto [first, firstLines] = linesOf([&] {
+    for (int i = 0; i < 1000; ++i) {
+      for (int address = 0; address < 100; ++address) {
+        log.write(std::to_string(address), "line " + std::to_string(i) + '.', now);
+      }
+    }
+    log.writeHeldBack(now + std::chrono::milliseconds(999));
+  });
+  EXPECT_EQ(first, long{ClientLog::kAddresses});
+  now += std::chrono::seconds(1);
+  const auto [second, lines] = linesOf([&] {
+    log.writeHeldBack(now);
+    log.write("0", "held back", now);
+  });
+  EXPECT_EQ(second, long{ClientLog::kAddresses} + 1);
+  EXPECT_NE(lines.find("line 999. (999 lines like this in the last second)"), lines.npos);
+  EXPECT_NE(lines.find("36000 lines about other clients held back"), lines.npos);
+  now += std::chrono::seconds(1);
+  EXPECT_EQ(linesOf([&] { log.writeHeldBack(now); }).first, 1);
+  now += std::chrono::seconds(1);
+  EXPECT_EQ(linesOf([&] { log.writeHeldBack(now); }).first, 0) << "silence is silent";
 }
 
 TEST_F(Log, ErrnoSurvivesALine) {

@@ -234,19 +234,20 @@ TEST_F(LoginTest, NamesMayBeEncodedOrHashed) {
 struct SeenByService final : LoginRequest {
   explicit SeenByService(std::string clientAddress) : address(std::move(clientAddress)) {}
   std::string_view clientAddress() const override { return address; }
-  void loggedIn(std::string_view userName, std::string_view, const std::string& text) override {
-    user = userName;
+  std::string user() const override { return name; }
+  void loggedIn(const LoggedIn& who, const std::string& text) override {
+    name = who.user;
     info = text;
   }
-  std::string valueOf(const std::string& name) const {
-    const std::size_t begin = info.find(name + "=\"");
+  std::string valueOf(const std::string& parameter) const {
+    const std::size_t begin = info.find(parameter + "=\"");
     if (begin == info.npos) return {};
-    const std::size_t value = begin + name.size() + 2;
+    const std::size_t value = begin + parameter.size() + 2;
     return info.substr(value, info.find('"', value) - value);
   }
 
   const std::string address;
-  std::string user;
+  std::string name;
   std::string info;
 };
 
@@ -264,7 +265,7 @@ TEST_F(LoginTest, ASuccessProvesThePasswordAndRenewsTheNonceInTime) {
     ASSERT_TRUE(parseDigestCredentials(sent, given));
     const HexDigest proof = digestResponse(DigestAlgorithm::MD5, ha1.text(),
                                            {"", kUri, given.nonce, given.nc, given.cnonce});
-    EXPECT_EQ(service.user, "admin");
+    EXPECT_EQ(service.name, "admin");
     EXPECT_EQ(service.valueOf("rspauth"), proof.text());
     EXPECT_EQ(service.valueOf("cnonce"), given.cnonce);
     EXPECT_NE(service.info.find("qop=auth, nc=" + std::string(given.nc)), std::string::npos);
@@ -278,7 +279,7 @@ TEST_F(LoginTest, ASuccessProvesThePasswordAndRenewsTheNonceInTime) {
   const LoginRequest::Scope scope(service);
   for (const std::string& refused : {std::string(), wrong(), old.authorization("GET", kUri)}) {
     EXPECT_NE(codeOf(refused), DIGEST_OK);
-    EXPECT_EQ(service.info + service.user, "");
+    EXPECT_EQ(service.info + service.name, "");
   }
 }
 

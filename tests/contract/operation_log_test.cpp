@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "gateway/oplog/database.h"
 #include "tests/contract/folder.h"
 
 namespace qn {
@@ -246,6 +249,86 @@ TEST_F(OperationLogTest, AFullDiskIsLoggedAndLosesNothing) {
   EXPECT_EQ(Shell(file_).operations(), operations);
   EXPECT_GE(countOf(lines, "cannot be written"), 1) << lines;
   EXPECT_EQ(countOf(lines, "is written again"), 1) << lines;
+}
+
+TEST_F(OperationLogTest, AReaderThatNeverEndsHoldsABoundedFileAndNothingIsLostAfterIt) {
+  constexpr int kRecords = 12'000;
+  const auto reader = std::make_unique<Shell>(file_);
+  std::uintmax_t largest = 0;
+  int unchanged = 0;
+  const std::string lines = standardErrorOf([&] {
+    OperationLog log(20ms);
+    log.start(directory_, kManyRows);
+    EXPECT_TRUE(log.insert(record("first")));
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (reader->operations().empty()) ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+    reader->query("BEGIN");
+    reader->operations();
+    tagLogInfo large = record(std::string(OperationLog::kTextLimit, 'x'));
+    large.user = large.clientIp = large.isoTime = large.category = large.operation;
+    for (int i = 0; i < kRecords && std::chrono::steady_clock::now() < deadline;) {
+      if (log.insert(large)) {
+        ++i;
+        continue;
+      }
+      std::this_thread::sleep_for(1ms);
+      std::error_code none;
+      const std::uintmax_t size = fs::file_size(file_.string() + "-wal", none);
+      if (size > 2 * OperationDatabase::kJournalLimit) break;
+      unchanged = size == largest ? unchanged + 1 : 0;
+      largest = std::max(largest, size);
+      if (unchanged == 1000) reader->query("COMMIT");  // it has stopped growing
+    }
+    log.stop();
+  });
+  EXPECT_GE(largest, OperationDatabase::kJournalLimit);
+  EXPECT_LE(largest, OperationDatabase::kJournalLimit * 5 / 4);
+  EXPECT_EQ(reader->query("SELECT count(*) FROM operation_log").at(0),
+            std::to_string(kRecords + 1));
+  EXPECT_EQ(countOf(lines, "cannot be written: a reader"), 1u) << lines;
+  EXPECT_EQ(countOf(lines, "is written again"), 1u) << lines;
+}
+
+// Rows that a killed process had accepted up to 50 ms before are in the file.
+TEST_F(OperationLogTest, AKilledProcessLosesOnlyTheLastMilliseconds) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::size_t kRecords = 100'000;
+  struct Shared {
+    std::atomic<std::size_t> accepted;
+    std::array<Clock::time_point, kRecords> at;
+  };
+  auto lost = Clock::duration::max();
+  for (int attempt = 0; attempt < 3 && lost > 50ms; ++attempt) {  // a busy machine may hold it up
+    void* const memory =
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    auto* const shared = new (memory) Shared;
+    const fs::path folder = directory_ / std::to_string(attempt);
+    const pid_t child = fork();
+    if (child == 0) {
+      OperationLog log;
+      log.start(folder, kManyRows);
+      for (std::size_t i = 0; i < kRecords; ++i) {
+        while (!log.insert(record("x"))) std::this_thread::sleep_for(1ms);
+        shared->at[i] = Clock::now();
+        ++shared->accepted;
+        if (i % 10 == 0) std::this_thread::sleep_for(1ms);
+      }
+      _exit(0);
+    }
+    std::this_thread::sleep_for(700ms);
+    const auto killed = Clock::now();
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    const std::size_t accepted = shared->accepted;
+    const std::string counted =
+        Shell(folder / "operation_log.db").query("SELECT count(*) FROM operation_log").at(0);
+    const std::size_t written = std::stoul(counted);
+    EXPECT_GT(written, 100u);
+    lost = written >= accepted ? Clock::duration(0) : killed - shared->at[written];
+    munmap(memory, sizeof(Shared));
+  }
+  EXPECT_LE(lost, 50ms);
 }
 
 TEST_F(OperationLogTest, ADamagedFileIsSetAside) {

@@ -25,9 +25,9 @@ const std::string kJpeg = "\xFF\xD8\xFF\xE0 a picture";
 
 class PictureStoreTest : public testing::Test {
  protected:
-  std::string add(PictureStore& store, std::string_view picture) {
+  std::string add(PictureStore& store, std::string_view picture, std::string_view owner = "") {
     std::string name;
-    EXPECT_EQ(store.add(picture, name), Result::Stored);
+    EXPECT_EQ(store.add(picture, owner, name), Result::Stored);
     return name;
   }
   // The times of files decide about age after a restart.
@@ -115,12 +115,12 @@ TEST_F(PictureStoreTest, RefusesWhenFull) {
   options_ = {.maxBytes = 100, .maxCount = 3, .full = WhenFull::Refuse};
   PictureStore store(folder(), options_);
   std::string name;
-  EXPECT_EQ(store.add(std::string(101, 'x'), name), Result::Full);
+  EXPECT_EQ(store.add(std::string(101, 'x'), "", name), Result::Full);
   const std::string first = add(store, std::string(90, 'x'));
-  EXPECT_EQ(store.add(std::string(11, 'x'), name), Result::Full);
+  EXPECT_EQ(store.add(std::string(11, 'x'), "", name), Result::Full);
   add(store, std::string(10, 'x'));
   add(store, "");
-  EXPECT_EQ(store.add("", name), Result::Full);
+  EXPECT_EQ(store.add("", "", name), Result::Full);
   EXPECT_EQ(names().size(), 3u);
   EXPECT_TRUE(store.find(first));
   store.setOptions({.maxBytes = 1000, .maxCount = 2, .full = WhenFull::DropOldest});
@@ -141,7 +141,7 @@ TEST_F(PictureStoreTest, DropsTheOldestWhenFull) {
   setAge(second, 10s);
   PictureStore store(folder(), options_);
   std::string name;
-  EXPECT_EQ(store.add(std::string(101, 'x'), name), Result::Full);
+  EXPECT_EQ(store.add(std::string(101, 'x'), "", name), Result::Full);
   const std::string third = add(store, std::string(60, 'x'));  // the first one's room
   EXPECT_EQ(names(), (std::set<std::string>{second, third}));
   EXPECT_EQ(store.find(first), std::nullopt);
@@ -152,13 +152,36 @@ TEST_F(PictureStoreTest, DropsTheOldestWhenFull) {
   EXPECT_EQ(names(), (std::set<std::string>{fourth, fifth, large}));
 }
 
+// Also after a restart, which must know whose pictures they are.
+TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesBeyondAnEqualPart) {
+  options_ = {.maxBytes = 100, .maxCount = 20, .full = WhenFull::DropOldest};
+  std::vector<std::string> modest;
+  std::string first;
+  {
+    PictureStore store(folder(), options_);
+    for (int i = 0; i < 5; ++i) modest.push_back(add(store, "1234567890", "modest"));
+    first = add(store, "1234567890", "greedy");
+  }
+  PictureStore store(folder(), options_);
+  for (int i = 0; i < 50; ++i) add(store, "1234567890", "greedy");
+  for (int i = 0; i < 50; ++i) add(store, "", "greedy");
+  for (const std::string& name : modest) EXPECT_TRUE(store.find(name)) << "pushed out";
+  EXPECT_EQ(store.find(first), std::nullopt);
+  std::string name;
+  EXPECT_EQ(store.add(std::string(51, 'x'), "greedy", name), Result::Full) << "beyond the part";
+
+  const std::string third = add(store, std::string(20, 'x'), "third");
+  EXPECT_TRUE(store.find(third)) << "who comes late gets a part";
+  EXPECT_LE(names().size(), 20u);
+}
+
 TEST_F(PictureStoreTest, FailuresLeaveNothingAndTakeNoRoom) {
   options_.maxCount = 1;
   PictureStore store(folder(), options_);
   const fs::path aside = folder().string() + "-aside";
   fs::rename(folder(), aside);
   std::string name;
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(store.add(kJpeg, name), Result::Failed);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(store.add(kJpeg, "", name), Result::Failed);
   fs::rename(aside, folder());
   EXPECT_TRUE(names().empty());
   const std::string stored = add(store, kJpeg);
@@ -177,7 +200,7 @@ TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
       for (int i = 0; i < 25; ++i) {
         const std::string picture(std::size_t(50 + 40 * t), char('a' + t));
         std::string name;
-        if (store.add(picture, name) != Result::Stored) continue;
+        if (store.add(picture, "", name) != Result::Stored) continue;
         ++stored;
         const auto found = store.find(name);  // unless it has been dropped by now
         EXPECT_TRUE(!found || *found == picture);

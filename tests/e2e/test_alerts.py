@@ -84,6 +84,19 @@ class Life(harness.StreamTest):
         harness.wait_until(lambda: self.devices.state(2)["alertStreams"] == 0, 25,
                            "the end of the device's stream")
 
+    def test_a_removed_or_rebound_user_loses_the_stream_and_no_others(self):
+        for change in ([], [harness.user("operator", "1")],
+                       [harness.user("operator", "2", password="another")]):
+            self.reconfigure(self.device_tables(), self.user_tables())
+            kept, lost = self.open("admin"), self.open("operator")
+            self.reconfigure(self.device_tables(), [harness.user("admin", "1"), *change])
+            began = time.monotonic()
+            while lost.part():
+                pass
+            self.assertLess(time.monotonic() - began, 1, change)
+            self.named(self.pushed(kept, "kept"), "kept")
+            kept.close()
+
     def test_a_device_goes_and_comes_back_and_another_is_removed(self):
         kept, lost = self.open("admin"), self.open("operator")
         self.devices.order(listening=False)

@@ -1,5 +1,6 @@
 """Clients: their login and its lock, the device that they mean, and those that send nonsense, too
 much or too slowly."""
+import json
 import socket
 import time
 import unittest
@@ -46,6 +47,28 @@ class Login(harness.GatewayTest):
         self.assertEqual([self.status("127.0.0.31", forwarded=address)
                           for address in ("10.0.0.1", "10.0.0.2")], [401, 200])
 
+    def test_an_answer_proves_that_the_gateway_knows_the_password(self):
+        one = self.client(source="127.0.0.25")
+        answer = one.get(URL)
+        info = client.parse_challenge("Digest " + answer.headers["Authentication-Info"])
+        ha1 = client.md5(f"admin:KAVRO:{harness.PASSWORD}")
+        uri = client.md5(f":{URL}")
+        self.assertEqual(info["rspauth"], client.md5(
+            f"{ha1}:{one.challenge['nonce']}:{info['nc']}:{info['cnonce']}:auth:{uri}"))
+        self.assertNotIn("Authentication-Info", self.client(password="no", source="127.0.0.26").get(URL).headers)
+
+    def test_guesses_leave_few_lines(self):
+        for _ in range(10):
+            self.status("127.0.0.41", "no")
+
+        def lines():
+            return [line for line in self.gateway.lines if "127.0.0.41" in line]
+        harness.wait_until(lambda: len(lines()) > 1, 5, "the summary")
+        self.assertIn('login of "admin" from 127.0.0.41 failed: 2 attempts left', lines()[0])
+        self.assertIn("locked", lines()[-1])
+        self.assertIn("lines like this", lines()[-1])
+        self.assertLess(len(lines()), 8)
+
     def test_credentials_open_one_url_once(self):
         one = self.client(source="127.0.0.21")
         self.assertEqual(one.get(URL).status, 200)
@@ -54,6 +77,34 @@ class Login(harness.GatewayTest):
             for method, url, status in (("GET", "/KAVRO/System/time", 401), ("PUT", URL, 401),
                                         ("GET", URL, 200), ("GET", URL, 401)):
                 self.assertEqual(thief.once(method, url, headers=stolen).status, status, url)
+
+
+class Secrets(harness.GatewayTest):
+    sections = {"log": {"level": "debug"}}
+
+    def test_none_reaches_the_log(self):
+        planted = "Pl4nted"
+        url = "/KAVRO/Security/userCheck?format=json"
+        bodies = (f'{{"User": {{"userName": "x", "password": "{planted}"}}}}',
+                  f"<User><loginPassword>{planted}</loginPassword></User>", f'{{"pin": "{planted}')
+        with self.client() as one:
+            for body in bodies:
+                for method, where in (("GET", url), ("PUT", "/KAVRO/System/deviceInfo"),
+                                      ("POST", "/KAVRO/Intelligent/FDLib/FaceDataRecord?format=json"),
+                                      ("PUT", "/KAVRO/System/time?format=json")):
+                    one.request(method, where, body)
+            one.get(f"{url}&password={planted}&x=1")
+            for path, member in (("/KAVRO/System/deviceInfo", "DeviceInfo"),
+                                 ("/KAVRO/System/status", "x")):
+                self.devices.fault(1, kind="reply", count=1,
+                                   body=json.dumps({member: {"password": planted}}))
+                one.get(path)
+            used = one.authorization("GET", URL)
+            one.once("GET", URL, headers={"Authorization": used})
+        log = self.gateway.log()
+        self.assertIn("password", log, "nothing was logged")
+        for secret in (planted, harness.PASSWORD, used.rsplit('"', 2)[1]):
+            self.assertNotIn(secret, log)
 
 
 class DevicePorts(harness.GatewayTest):

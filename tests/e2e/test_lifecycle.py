@@ -79,7 +79,8 @@ class Configuration(harness.GatewayTest):
     def test_a_bad_file_changes_nothing(self):
         good = self.gateway.config.read_text()
         self.addCleanup(self.gateway.config.write_text, good)
-        for text in ("port = ", good + "[surprise]\n", good.replace('"1"', '1')):
+        for text in ("port = ", good + "[surprise]\n", good.replace('"1"', '1'), "",
+                     good.replace('"admin"', '"nimda"')):
             self.gateway.config.write_text(text)
             self.assertIn(str(self.gateway.config), "\n".join(self.gateway.reload()))
             self.assertEqual(self.status("admin"), 200)

@@ -1,0 +1,44 @@
+// See client_log.h.
+#include "gateway/log/client_log.h"
+
+namespace qn {
+
+// Never destroyed: threads may log while the process ends.
+ClientLog& ClientLog::instance() {
+  static auto* const log = new ClientLog;
+  return *log;
+}
+
+void ClientLog::write(std::string_view address, std::string line, Time now) {
+  const MutexLock lock(mutex_);
+  endSecond(now);
+  const auto known = addresses_.find(std::string(address));
+  if (known != addresses_.end()) {
+    ++known->second.lines;
+    known->second.last = std::move(line);
+  } else if (addresses_.size() < kAddresses) {
+    addresses_.emplace(address, Held());
+    logWarn("{}", line);
+  } else {
+    ++others_;
+  }
+}
+
+void ClientLog::writeHeldBack(Time now) {
+  const MutexLock lock(mutex_);
+  endSecond(now);
+}
+
+// A line for what was held back counts as the one of the second that begins.
+void ClientLog::endSecond(Time now) {
+  if (now < secondEnds_) return;
+  secondEnds_ = now + std::chrono::seconds(1);
+  std::erase_if(addresses_, [](const auto& entry) { return entry.second.lines == 0; });
+  for (auto& [address, held] : addresses_) {
+    logWarn("{} ({} lines like this in the last second)", held.last, held.lines);
+    held = Held();
+  }
+  if (others_ != 0) logWarn("{} lines about other clients held back", std::exchange(others_, 0));
+}
+
+}  // namespace qn
