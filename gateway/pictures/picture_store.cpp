@@ -93,9 +93,9 @@ void PictureStore::setOptions(const PictureOptions& options) {
 }
 
 PictureStore::Share& PictureStore::shareOf(const std::string& owner) {
-  Share& share = shares_[owner];
-  share.owner = owner;
-  return share;
+  const auto [found, isNew] = shares_.try_emplace(owner);
+  if (isNew) found->second.owner = owner;  // constant from then on: writers read it without a lock
+  return found->second;
 }
 
 void PictureStore::take(Share& share, std::size_t bytes) {
