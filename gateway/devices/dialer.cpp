@@ -8,12 +8,12 @@ namespace qn {
 void Dialer::start(Done done) {
   cancelled_ = false;
   const auto known = device_.address.endpoints();
-  if (known.empty()) return resolve(std::move(done));
+  if (known.empty()) return resolve(done);
   connect(known, std::move(done));
 }
 
 // Ends with whatever comes first: the name is found, patience ends, or the attempt is cancelled.
-void Dialer::resolve(Done done) {
+void Dialer::resolve(const Done& done) {
   const std::string& name = device_.config.host;
   const bool foundBefore = !device_.names.lastGood(name).empty();
   const uint64_t lookup = ++lookups_;

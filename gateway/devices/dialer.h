@@ -32,7 +32,7 @@ class Dialer {
   void cancel();
 
  private:
-  void resolve(Done done);
+  void resolve(const Done& done);
   void found(const NameResolver::Addresses& addresses, Done done);
   void connect(const DeviceAddress::Endpoints& endpoints, Done done);
 
