@@ -1,5 +1,4 @@
 // CRecordOperation: matches as records.
-#include <algorithm>
 #include <cstring>
 #include <string_view>
 
@@ -14,8 +13,7 @@ using qn::json::Value;
 // The member's text, cut to the field; the field keeps its zeros for anything but a text.
 template <std::size_t Size>
 void copyText(char (&field)[Size], const Value& object, std::string_view name) {
-  const std::string_view text = object.member(name).text();
-  std::memcpy(field, text.data(), std::min(text.size(), Size - 1));
+  object.member(name).text().copy(field, Size - 1);
 }
 
 void copyDescriptor(SearchMatchItem& item, const Value& match) {

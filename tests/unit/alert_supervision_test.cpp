@@ -171,7 +171,8 @@ TEST_F(Supervision, ALostSubscriptionDropsAllStreams) {
     fake::alarmBus().valid = true;
     EXPECT_EQ(open("2").status, 200);
     EXPECT_TRUE(busCalls().at(0).starts_with("Subscribe 1 "));
-    fake::resetRuntime();  // the log with it
+    fake::runtime().runJobs();  // nobody else frees them
+    fake::resetRuntime();       // the log with it
     fake::alarmBus().unsubscribeResult = 0;
     pto_.stop();
     pto_.start();
