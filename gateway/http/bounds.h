@@ -20,6 +20,7 @@ struct HttpBounds {
   std::chrono::milliseconds takenBack{1'000};
   // Of all connections together. Apart from each other, because anybody can send bodies.
   std::size_t bodyMemory = 256 * 1024 * 1024;        // bodies not complete or waiting for a worker
+  std::size_t bodyMemoryOfOne = bodyMemory / 4;      // of one user
   std::size_t answerMemory = 256 * 1024 * 1024;      // what clients have not taken of their answers
   std::size_t answerMemoryOfOne = answerMemory / 8;  // of one user, or of one network of strangers
   // Bodies of strangers: so many of the largest size in all, and one for each network.

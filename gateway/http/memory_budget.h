@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cstddef>
-#include <limits>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -16,17 +15,15 @@ namespace qn {
 // Any thread. Outlives its shares.
 class MemoryBudget {
  public:
-  static constexpr std::size_t kUnbounded = std::numeric_limits<std::size_t>::max();
-
-  explicit MemoryBudget(std::size_t bytes, std::size_t bytesOfOwner = kUnbounded)
+  MemoryBudget(std::size_t bytes, std::size_t bytesOfOwner)
       : bytes_(bytes), bytesOfOwner_(bytesOfOwner) {}
 
   // What is held of it for one purpose; given back at the end.
   class Share {
    public:
     Share() = default;
-    // With a bound for each owner, `owner` says whose it is.
-    explicit Share(MemoryBudget& budget, std::string owner = {})
+    // What has no owner counts for all together only.
+    explicit Share(MemoryBudget& budget, std::string owner)
         : budget_(&budget), owner_(std::move(owner)) {}
     ~Share() { set(0); }
     Share(Share&& other) noexcept { swap(other); }
@@ -59,7 +56,7 @@ class MemoryBudget {
   bool change(const std::string& owner, std::size_t before, std::size_t now) {
     const std::size_t difference = now - before;  // wraps when it shrinks, and so does the sum
     const bool room = held_.fetch_add(difference) + difference <= bytes_;
-    if (bytesOfOwner_ == kUnbounded) return room;
+    if (owner.empty()) return room;
     const MutexLock lock(mutex_);
     const auto entry = byOwner_.try_emplace(owner, 0).first;
     entry->second += difference;

@@ -81,6 +81,15 @@ std::string networkOf(const ExchangeState& exchange) {
   return ec ? text : networkOf(client);
 }
 
+// Whose the credentials are, right or not; empty without any.
+std::string userOf(const ExchangeState& exchange) {
+  DigestCredentials given;
+  std::string name;
+  const std::string authorization = exchange.header("Authorization");
+  const bool named = parseDigestCredentials(authorization, given) && usernameOf(given, name);
+  return named ? "user " + name : std::string();
+}
+
 }  // namespace
 
 ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOptions& optionsIn,
@@ -96,7 +105,7 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
       workers_(workers),
       module_(module),
       resources_(std::move(resources)),
-      bodies_(boundsIn.bodyMemory),
+      bodies_(boundsIn.bodyMemory, boundsIn.bodyMemoryOfOne),
       strangersBodies_(boundsIn.strangersBodies * optionsIn.bodyBytes, optionsIn.bodyBytes),
       unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
@@ -154,22 +163,18 @@ std::size_t ServiceCore::closeLongestIdle(std::size_t reactor) {
 }
 
 MemoryBudget::Share ServiceCore::bodyShare(const ExchangeState& exchange) {
+  if (module_.recognise == nullptr) return MemoryBudget::Share(bodies_, {});
   const char* const method =
       QNBase::CRESTfulProtocol::GetMethod(static_cast<unsigned char>(exchange.method()));
-  const bool known =
-      module_.recognise == nullptr || module_.recognise(method, exchange.header("Authorization"));
-  return known ? MemoryBudget::Share(bodies_)
-               : MemoryBudget::Share(strangersBodies_, networkOf(exchange));
+  return module_.recognise(method, exchange.header("Authorization"))
+             ? MemoryBudget::Share(bodies_, userOf(exchange))
+             : MemoryBudget::Share(strangersBodies_, networkOf(exchange));
 }
 
 // Long answers go to those who have logged in; nobody needs to for what the service itself serves.
 MemoryBudget::Share ServiceCore::answerShare(const ExchangeState& exchange) {
-  DigestCredentials given;
-  const std::string authorization = exchange.header("Authorization");
-  const bool isUser = findResource(exchange.url()) == nullptr &&
-                      parseDigestCredentials(authorization, given) && !given.username.empty();
-  return MemoryBudget::Share(unsentAnswers_,
-                             isUser ? "user " + std::string(given.username) : networkOf(exchange));
+  const std::string user = findResource(exchange.url()) ? std::string() : userOf(exchange);
+  return MemoryBudget::Share(unsentAnswers_, user.empty() ? networkOf(exchange) : user);
 }
 
 MemoryBudget::Share ServiceCore::answerShare(const address& peer) {
