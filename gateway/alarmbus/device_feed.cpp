@@ -18,15 +18,14 @@ namespace {
 using namespace std::chrono_literals;
 namespace asio = boost::asio;
 
-// Quickly after the first break, then slower; with the connect limit below, a device that answers
-// again is heard within two seconds.
-constexpr auto kFirstDelay = 100ms;
-constexpr auto kLongestDelay = 800ms;
+// Quickly after the first break, then slower, and never so slowly that a device that answers again
+// is not heard within two seconds.
+constexpr auto kFirstDelay = 250ms;
+constexpr auto kLongestDelay = 2000ms;
 constexpr auto kConnectLimit = 1000ms;
-constexpr auto kHeadLimit = 5s;          // from the request to the answer's head
-constexpr auto kUnsupportedDelay = 30s;  // the device answered, but with no stream
-constexpr auto kLoginDelay = 60s;        // it asks for a login that the gateway does not have
-constexpr auto kTrialDelay = 100ms;      // a request of the bus is trying the credentials
+constexpr auto kHeadLimit = 5s;      // from the request to the answer's head
+constexpr auto kLoginDelay = 60s;    // it asks for a login that the gateway does not have
+constexpr auto kTrialDelay = 100ms;  // a request of the bus is trying the credentials
 constexpr auto kStormGap = 1ms;
 constexpr std::size_t kPartLimit = 1024 * 1024;
 constexpr std::size_t kKeptAlarm = 64 * 1024;  // memory for an alarm that a reactor keeps
@@ -78,7 +77,7 @@ void DeviceFeed::connect() {
   }
   watch(kConnectLimit);
   dialer_.start([self = shared_from_this()](const Error& error) {
-    if (error || self->stopped_) return self->retry();
+    if (error || self->stopped_) return self->retry(error.message());
     self->connected();
   });
 }
@@ -93,7 +92,7 @@ void DeviceFeed::connected() {
                    {"GET", target_, "Accept: multipart/mixed\r\n", authorization_});
   asio::async_write(socket_, asio::buffer(head_),
                     [self = shared_from_this()](Error error, std::size_t) {
-                      if (error) return self->retry();
+                      if (error) return self->retry(error.message());
                       self->head_ = {};
                       self->waitForBytes();
                     });
@@ -101,7 +100,7 @@ void DeviceFeed::connected() {
 
 void DeviceFeed::waitForBytes() {
   socket_.async_wait(Tcp::socket::wait_read, [self = shared_from_this()](Error error) {
-    if (error) return self->retry();
+    if (error) return self->retry(error.message());
     self->readBytes();
   });
 }
@@ -114,7 +113,8 @@ void DeviceFeed::readBytes() {
   const auto size = socket_.read_some(space, error);
   buffer_.commit(size);
   const bool stormOver = error == asio::error::would_block;
-  if (!stormOver && (error || !parse())) return retry();
+  if (!stormOver && error) return retry(error.message());
+  if (!stormOver && !parse()) return retry("what came cannot be read");
   if (buffer_.empty()) buffer_.clear(0);  // an idle feed needs no memory
   if (stormOver) return waitForBytes();
   const auto sinceLast = Clock::now() - std::exchange(lastBytes_, Clock::now());
@@ -155,26 +155,28 @@ bool DeviceFeed::beginStream() {
   }
   device_->login.accepted(*login_);
   login_.emplace();
-  const bool isStream = status == 200 && !reply_->boundary().empty();
-  if (!isStream) {
-    logWarn("alert stream of device {} refused with status {}", device_->config.index, status);
-    if (status < 500) refusedDelay_ = kUnsupportedDelay;  // else a device that is starting, say
+  if (status != 200 || reply_->boundary().empty()) {
+    fault_ = "status " + std::to_string(status) + ", and no stream";
     return false;
   }
   parts_.emplace(
       reply_->boundary(), kPartLimit,
       [this](std::string_view contentType, std::string_view body) { takePart(contentType, body); });
   watch(times_.silence);
-  logInfo("alert stream of device {} open", device_->config.index);
+  if (std::exchange(broken_, false)) {
+    logWarn("alert stream of device {} open again", device_->config.index);
+  } else {
+    logInfo("alert stream of device {} open", device_->config.index);
+  }
   return true;
 }
 
 void DeviceFeed::takeLoginRefusal() {
-  refusedDelay_ = 0ms;
+  loginDelay_ = 0ms;
   if (device_->login.refused(*login_, reply_->challenge())) return;
   login_.emplace();
-  logWarn("alert stream of device {} refused with status 401", device_->config.index);
-  refusedDelay_ = device_->login.refusedFor().value_or(kLoginDelay);
+  fault_ = "the device refuses the login";
+  loginDelay_ = device_->login.refusedFor().value_or(kLoginDelay);
 }
 
 void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
@@ -197,14 +199,20 @@ void DeviceFeed::armWatch(std::chrono::milliseconds limit) {
     if (error || self->stopped_) return;
     if (self->timer_.expiry() > Clock::now()) return;  // set anew while this run was on its way
     if (Clock::now() - self->lastBytes_ < limit) return self->armWatch(limit);
+    self->fault_ = "nothing came in time";
     self->dialer_.cancel();  // what is under way ends with an error and retries
   });
 }
 
-void DeviceFeed::retry() {
+void DeviceFeed::retry(std::string_view error) {
   if (stopped_) return;
   dialer_.cancel();
   buffer_.clear(0);
+  const std::string fault = std::exchange(fault_, {});
+  if (loginDelay_ != 0ms && !std::exchange(broken_, true)) {
+    logWarn("alert stream of device {} broken: {}", device_->config.index,
+            fault.empty() ? error : fault);
+  }
   connectAfter(nextDelay());
 }
 
@@ -217,7 +225,7 @@ void DeviceFeed::connectAfter(Clock::duration delay) {
 
 // Jittered, so that devices behind one broken link do not all come back at once.
 DeviceFeed::Clock::duration DeviceFeed::nextDelay() {
-  if (refusedDelay_) return *std::exchange(refusedDelay_, std::nullopt);
+  if (loginDelay_) return *std::exchange(loginDelay_, std::nullopt);
   const auto delay = std::min(kLongestDelay, kFirstDelay * (1 << std::min(failures_++, 3U)));
   const auto jitter = static_cast<int>(delay.count() / 4);
   return delay - std::chrono::milliseconds(std::uniform_int_distribution(0, jitter)(random_));

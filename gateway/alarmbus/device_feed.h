@@ -55,7 +55,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
 
   void watch(std::chrono::milliseconds limit);
   void armWatch(std::chrono::milliseconds limit);
-  void retry();
+  void retry(std::string_view error);
   void connectAfter(Clock::duration delay);
   Clock::duration nextDelay();
 
@@ -78,8 +78,10 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   std::optional<ReplyParser> reply_;
   std::optional<MultipartReader> parts_;
   Clock::time_point lastBytes_;
-  unsigned failures_ = 0;                        // since the last part
-  std::optional<Clock::duration> refusedDelay_;  // what a refusal asks for
+  unsigned failures_ = 0;  // since the last part
+  bool broken_ = false;    // and operators have been told
+  std::string fault_;      // what broke it, when that is not the error that ends the attempt
+  std::optional<Clock::duration> loginDelay_;  // before the next attempt, as the login asks for
   bool stopped_ = false;
   std::minstd_rand random_;
 };
