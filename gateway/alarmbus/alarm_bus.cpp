@@ -46,8 +46,9 @@ std::vector<std::string> requestedDevices(const std::string& request) {
 
 }  // namespace
 
-AlarmBus::AlarmBus(Reactors& reactors, DeviceDirectory& directory, FeedTimes times)
-    : reactors_(reactors), directory_(directory), times_(times) {}
+AlarmBus::AlarmBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory,
+                   FeedTimes times)
+    : reactors_(reactors), workers_(workers), directory_(directory), times_(times) {}
 
 AlarmBus::~AlarmBus() { stop(); }
 
@@ -143,7 +144,7 @@ bool AlarmBus::openFeed(const std::string& devIndex) {
   if (!device) return false;
   auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
   auto feed = std::make_shared<DeviceFeed>(
-      reactor, directory_.find(*device), times_,
+      reactor, workers_, directory_.find(*device), times_,
       [subscriptions = subscriptions_, devIndex](const std::string& alarm) {
         subscriptions->deliver(devIndex, alarm);
       });

@@ -21,8 +21,10 @@ namespace qn {
 
 class AlarmBus {
  public:
-  // Both outlive the bus.
-  AlarmBus(Reactors& reactors, DeviceDirectory& directory, FeedTimes times = {});
+  // All outlive the bus; reactors and workers also what is left of its feeds, so the workers are
+  // stopped before the reactors.
+  AlarmBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory,
+           FeedTimes times = {});
   ~AlarmBus();  // stops
   AlarmBus(const AlarmBus&) = delete;
   AlarmBus& operator=(const AlarmBus&) = delete;
@@ -73,6 +75,7 @@ class AlarmBus {
   SharedSubscription find(int subscribeId) QN_REQUIRES(subscriptions_->mutex);
 
   Reactors& reactors_;
+  WorkerPool& workers_;
   DeviceDirectory& directory_;
   const FeedTimes times_;
   const std::shared_ptr<Subscriptions> subscriptions_ = std::make_shared<Subscriptions>();

@@ -27,16 +27,25 @@ constexpr auto kHeadLimit = 5s;      // from the request to the answer's head
 constexpr auto kLoginDelay = 60s;    // it asks for a login that the gateway does not have
 constexpr auto kTrialDelay = 100ms;  // a request of the bus is trying the credentials
 constexpr auto kStormGap = 1ms;
-constexpr std::size_t kPartLimit = 1024 * 1024;
+constexpr std::size_t kPartLimit = 256 * 1024;
+constexpr std::size_t kLargeAlarm = 16 * 1024;  // from here on reading it takes long
+constexpr std::size_t kAlarmValues = 64 * 1024;
 constexpr std::size_t kKeptAlarm = 64 * 1024;  // memory for an alarm that a reactor keeps
 // What one device may use of a reactor before the others have their turn: some 50 alarms.
 constexpr std::size_t kReadSize = 16 * 1024;
 
+// Each value but the first of a list or an object stands behind a comma.
+std::size_t valuesAtMost(std::string_view json) {
+  const auto begins = [](char c) { return c == ',' || c == '{' || c == '['; };
+  return static_cast<std::size_t>(std::count_if(json.begin(), json.end(), begins));
+}
+
 }  // namespace
 
-DeviceFeed::DeviceFeed(asio::io_context& reactor, std::shared_ptr<Device> device, FeedTimes times,
-                       AlarmSink sink)
+DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
+                       std::shared_ptr<Device> device, FeedTimes times, AlarmSink sink)
     : reactor_(reactor),
+      workers_(workers),
       device_(std::move(device)),
       target_(
           device_->config.basePath +
@@ -113,8 +122,14 @@ void DeviceFeed::readBytes() {
   const auto size = socket_.read_some(space, error);
   buffer_.commit(size);
   const bool stormOver = error == asio::error::would_block;
-  if (!stormOver && error) return retry(error.message());
-  if (!stormOver && !parse()) return retry("what came cannot be read");
+  std::string fault;
+  if (!stormOver && error) {
+    fault = error.message();
+  } else if (!stormOver && !parse()) {
+    fault = "what came cannot be read";
+  }
+  if (!forWorker_.empty()) return deliverOnWorker(fault);
+  if (!fault.empty()) return retry(fault);
   if (buffer_.empty()) buffer_.clear(0);  // an idle feed needs no memory
   if (stormOver) return waitForBytes();
   const auto sinceLast = Clock::now() - std::exchange(lastBytes_, Clock::now());
@@ -137,7 +152,7 @@ bool DeviceFeed::parse() {
     Error error;
     buffer_.consume(reply_->put(asio::buffer(buffer_.unread()), error));
     if (reply_->is_header_done() && !parts_ && !beginStream()) return false;
-    if (parts_ && !parts_->feed(reply_->body())) return false;
+    if (parts_ && (!parts_->feed(reply_->body()) || !fault_.empty())) return false;
     reply_->dropBody();
     if (error == boost::beast::http::error::need_more) return true;
     if (error) return false;
@@ -181,10 +196,34 @@ void DeviceFeed::takeLoginRefusal() {
 
 void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
   failures_ = 0;
-  if (contentType.starts_with("image/") || body.empty()) return;
-  thread_local std::string alarm;  // reused by all feeds of the reactor
+  if (contentType.starts_with("image/") || body.empty() || !fault_.empty()) return;
+  if (valuesAtMost(body) > kAlarmValues) {
+    fault_ = "an alarm of too many values";
+  } else if (body.size() >= kLargeAlarm || !forWorker_.empty()) {
+    forWorker_.emplace_back(body);
+  } else {
+    deliver(body);
+  }
+}
+
+void DeviceFeed::deliver(std::string_view body) const {
+  thread_local std::string alarm;  // reused by all feeds of the thread
   if (setDeviceIndex(body, quotedIndex_, alarm)) sink_(alarm);
   if (alarm.capacity() > kKeptAlarm) alarm = {};
+}
+
+// Nothing is read meanwhile, so that alarms keep their order and do not pile up.
+void DeviceFeed::deliverOnWorker(const std::string& fault) {
+  auto alarms = std::make_shared<std::vector<std::string>>(std::exchange(forWorker_, {}));
+  const auto job = [self = shared_from_this(), alarms, fault] {
+    for (const std::string& alarm : *alarms) self->deliver(alarm);
+    asio::post(self->reactor_, [self, fault] {
+      if (!fault.empty()) return self->retry(fault);
+      self->lastBytes_ = Clock::now();
+      self->waitForBytes();
+    });
+  };
+  if (!workers_.post(job)) job();
 }
 
 // Breaks the connection when the step under way takes longer, or the stream is silent as long.

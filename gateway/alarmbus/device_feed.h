@@ -12,11 +12,13 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "gateway/alarmbus/multipart_reader.h"
 #include "gateway/devices/device.h"
 #include "gateway/devices/dialer.h"
 #include "gateway/devices/message.h"
+#include "gateway/net/worker_pool.h"
 
 namespace qn {
 
@@ -25,14 +27,16 @@ struct FeedTimes {
   std::chrono::milliseconds silence = std::chrono::seconds(60);  // devices send heartbeats
 };
 
-// Everything runs on the reactor that the feed was given; only start and stop come from others.
+// Everything but the sink runs on the reactor that the feed was given; only start and stop come
+// from others.
 class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
  public:
-  // The alarm's text, with "devIndex" set; valid during the call.
+  // The alarm's text, with "devIndex" set; valid during the call. On the reactor or, from a large
+  // alarm on until all that came with it is delivered, on a worker.
   using AlarmSink = std::function<void(const std::string& alarm)>;
 
-  DeviceFeed(boost::asio::io_context& reactor, std::shared_ptr<Device> device, FeedTimes times,
-             AlarmSink sink);
+  DeviceFeed(boost::asio::io_context& reactor, WorkerPool& workers, std::shared_ptr<Device> device,
+             FeedTimes times, AlarmSink sink);
 
   void start();
   // An alarm that is being delivered may still arrive after it returned.
@@ -52,6 +56,8 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   bool beginStream();
   void takeLoginRefusal();
   void takePart(std::string_view contentType, std::string_view body);
+  void deliver(std::string_view body) const;
+  void deliverOnWorker(const std::string& fault);
 
   void watch(std::chrono::milliseconds limit);
   void armWatch(std::chrono::milliseconds limit);
@@ -61,6 +67,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
 
   // Constant after construction.
   boost::asio::io_context& reactor_;
+  WorkerPool& workers_;
   const std::shared_ptr<Device> device_;
   const std::string target_;
   const FeedTimes times_;
@@ -77,6 +84,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   ReadBuffer buffer_;
   std::optional<ReplyParser> reply_;
   std::optional<MultipartReader> parts_;
+  std::vector<std::string> forWorker_;  // alarms, the first of them large
   Clock::time_point lastBytes_;
   unsigned failures_ = 0;  // since the last part
   bool broken_ = false;    // and operators have been told

@@ -45,8 +45,9 @@ MultipartReader::Step MultipartReader::step(std::string_view bytes) {
   switch (state_) {
     case State::Boundary:
       return findBoundary(bytes);
+    case State::BoundaryLine:
     case State::Header:
-      return readHeader(bytes);
+      return readLine(bytes);
     case State::BodyOfLength:
       return readBodyOfLength(bytes);
     case State::BodyStart:
@@ -59,35 +60,37 @@ MultipartReader::Step MultipartReader::step(std::string_view bytes) {
   return {Step::Failed};
 }
 
+// Behind the line that the bytes begin with; 0 when its end has not come. Looks at each byte once.
+std::size_t MultipartReader::lineEnd(std::string_view bytes) {
+  const auto end = bytes.find('\n', scanned_);
+  scanned_ = end == std::string_view::npos ? bytes.size() : 0;
+  return end + 1;
+}
+
 MultipartReader::Step MultipartReader::findBoundary(std::string_view bytes) {
   const auto at = bytes.find(delimiter_);
   if (at == std::string_view::npos) {
     const auto keep = std::min(bytes.size(), delimiter_.size() - 1);
     return {Step::NeedMore, bytes.size() - keep};
   }
-  const auto lineEnd = bytes.find('\n', at);
-  if (lineEnd == std::string_view::npos) {
-    if (bytes.size() - at > kHeaderLimit) return {Step::Failed};
-    return {Step::NeedMore, at};
-  }
-  state_ = State::Header;
+  state_ = State::BoundaryLine;
   contentType_.clear();
   hasLength_ = false;
-  return {Step::Advanced, lineEnd + 1};
+  scanned_ = 0;
+  return {Step::Advanced, at + delimiter_.size()};
 }
 
-MultipartReader::Step MultipartReader::readHeader(std::string_view bytes) {
-  const auto lineEnd = bytes.find('\n');
-  if (lineEnd == std::string_view::npos) {
-    return {bytes.size() > kHeaderLimit ? Step::Failed : Step::NeedMore};
-  }
-  const auto line = withoutLineBreak(bytes.substr(0, lineEnd + 1));
+MultipartReader::Step MultipartReader::readLine(std::string_view bytes) {
+  const auto end = lineEnd(bytes);
+  if (end == 0) return {bytes.size() > kHeaderLimit ? Step::Failed : Step::NeedMore};
+  const auto line = withoutLineBreak(bytes.substr(0, end));
+  if (std::exchange(state_, State::Header) == State::BoundaryLine) return {Step::Advanced, end};
   if (line.empty()) {
     state_ = hasLength_ ? State::BodyOfLength : State::BodyStart;
   } else if (!takeHeaderLine(line)) {
     return {Step::Failed};
   }
-  return {Step::Advanced, lineEnd + 1};
+  return {Step::Advanced, end};
 }
 
 bool MultipartReader::takeHeaderLine(std::string_view line) {

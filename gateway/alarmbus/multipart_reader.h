@@ -24,7 +24,15 @@ class MultipartReader {
   bool feed(std::string_view bytes);
 
  private:
-  enum class State { Boundary, Header, BodyOfLength, BodyStart, JsonBody, BodyToBoundary };
+  enum class State {
+    Boundary,
+    BoundaryLine,
+    Header,
+    BodyOfLength,
+    BodyStart,
+    JsonBody,
+    BodyToBoundary
+  };
   // What one step made of the bytes at hand.
   struct Step {
     enum { Advanced, NeedMore, Failed } result;
@@ -33,7 +41,8 @@ class MultipartReader {
 
   Step step(std::string_view bytes);
   Step findBoundary(std::string_view bytes);
-  Step readHeader(std::string_view bytes);
+  std::size_t lineEnd(std::string_view bytes);
+  Step readLine(std::string_view bytes);
   bool takeHeaderLine(std::string_view line);
   Step readBodyOfLength(std::string_view bytes);
   Step beginBody(std::string_view bytes);

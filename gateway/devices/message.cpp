@@ -13,6 +13,8 @@ namespace {
 // Memory for a body is taken ahead up to this; a device that only announces more gets no more.
 constexpr std::uint64_t kReserve = 1024 * 1024;
 
+constexpr std::size_t kLongestBoundary = 70;  // that the multipart format allows
+
 std::string_view contentType(std::string_view body) {
   const std::string_view start = text::trimStart(body).substr(0, 1);
   if (start == "{" || start == "[") return "application/json";
@@ -36,8 +38,10 @@ std::string_view boundaryOf(std::string_view contentType) {
   const std::size_t name = contentType.find(kName);
   if (!text::startsWithNoCase(contentType, "multipart/") || name == contentType.npos) return {};
   const std::string_view value = contentType.substr(name + kName.size());
-  if (value.starts_with('"')) return value.substr(1, value.find('"', 1) - 1);
-  return value.substr(0, value.find_first_of("; \t"));
+  const std::string_view boundary = value.starts_with('"')
+                                        ? value.substr(1, value.find('"', 1) - 1)
+                                        : value.substr(0, value.find_first_of("; \t"));
+  return boundary.size() <= kLongestBoundary ? boundary : std::string_view();
 }
 
 }  // namespace

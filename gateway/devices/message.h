@@ -67,7 +67,7 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
 
   int status() const { return status_; }
   bool isDocument() const { return document_; }  // JSON or XML, says its Content-Type
-  // Of a multipart Content-Type; empty for any other.
+  // Of a multipart Content-Type; empty for any other, and when it is longer than the format allows.
   const std::string& boundary() const { return boundary_; }
   // The WWW-Authenticate lines of a 401, joined by ", ".
   const std::string& challenge() const { return challenge_; }

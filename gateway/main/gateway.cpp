@@ -45,7 +45,7 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
       bus_(reactors_, translations_, devices_),
-      alarms_(reactors_, devices_),
+      alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
             {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
   try {

@@ -123,12 +123,13 @@ class AlarmBusTest : public ::testing::Test {
   explicit AlarmBusTest(std::size_t reactors = 2, FeedTimes times = {}, RefusalTimes refusals = {})
       : reactors_(reactors),
         directory_(refusals),
-        bus_(std::make_unique<AlarmBus>(reactors_, directory_, times)) {
+        bus_(std::make_unique<AlarmBus>(reactors_, workers_, directory_, times)) {
     reactors_.start();
     bus_->start();
   }
   ~AlarmBusTest() override {
     if (bus_) bus_->stop();
+    workers_.stop();
     reactors_.stop();
     publishConfiguration(std::make_shared<const Configuration>());
   }
@@ -172,6 +173,7 @@ class AlarmBusTest : public ::testing::Test {
   std::list<Listener> listeners_;  // outlive the subscriptions
   Configuration configuration_;    // publish() puts it in force
   Reactors reactors_;
+  WorkerPool workers_{2, 64};
   DeviceDirectory directory_;
   std::unique_ptr<AlarmBus> bus_;
 };
@@ -331,6 +333,59 @@ TEST_F(AlarmBusTest, ADeviceThatStartsOrSendsTooMuchIsAskedAgainSoon) {
   };
   EXPECT_EQ(count("warning [gateway] alert stream of device 1 broken: "), 2) << log;
   EXPECT_EQ(count("warning [gateway] alert stream of device 1 open again"), 2) << log;
+}
+
+// In the order of the device's alarms, however long the one before takes.
+TEST_F(AlarmBusTest, LargeAlarmsAreTakenOffTheReactorInTheirOrder) {
+  struct Taken {
+    static int take(void* data, int length, void* user) {
+      auto& self = *static_cast<Taken*>(user);
+      if (length > 10000) std::this_thread::sleep_for(50ms);
+      const std::lock_guard lock(self.mutex);
+      const std::string_view text(static_cast<char*>(data), static_cast<std::size_t>(length));
+      self.order += text[text.find("eventType") + 12];
+      self.onReactor += Reactors::current() == Reactors::kNone ? 'n' : 'y';
+      self.came.signal();
+      return length;
+    }
+    std::mutex mutex;
+    std::string order;      // guarded by mutex
+    std::string onReactor;  // guarded by mutex
+    Events came;
+  } taken;
+  const std::string large =
+      R"({"EventNotificationAlert":{"eventType":"b","x":")" + std::string(100000, 'x') + R"("}})";
+  ScriptedDevice device(
+      keeping(part(alarm("a")) + part(large) + part(alarm("c")) + part(large) + part(alarm("d"))));
+  configure("1", device.port());
+  int id = -1;
+  std::string reply;
+  {
+    const ReactorsHeld held(reactors_);
+    ASSERT_EQ(QN_AlarmBus_Subscribe(reply, requestFor(entry("1")), Taken::take, &taken, 1, id), 0);
+    QN_AlarmBus_StartUploadData(id);
+  }
+  EXPECT_TRUE(taken.came.wait(5));
+  unsubscribe(id);
+  EXPECT_EQ(taken.order, "abcbd");
+  EXPECT_EQ(taken.onReactor.substr(0, 2), "yn");
+}
+
+TEST_F(AlarmBusTest, AnAlarmOfTooManyValuesOrBytesBreaksTheStream) {
+  const auto alarmOf = [](std::size_t bytes, const std::string& filling) {
+    std::string list;
+    while (list.size() < bytes) list += filling + ",";
+    return R"({"EventNotificationAlert":{"eventType":"x","list":[)" + list + "1]}}";
+  };
+  ScriptedDevice device(saying([&](int connection) -> std::string {
+    const std::string bodies[] = {alarmOf(220'000, "{}"), alarmOf(300'000, "12345678"),
+                                  alarmOf(250'000, "12345678")};
+    return kHead + part(bodies[std::min(connection, 2)]);
+  }));
+  configure("1", device.port());
+  Listener& listener = hear();
+  ASSERT_TRUE(listener.came.wait());
+  EXPECT_EQ(device.connections(), 3);
 }
 
 TEST_F(AlarmBusTest, ARemovedDeviceIsLeftAndHeardAgainWhenItComesBack) {

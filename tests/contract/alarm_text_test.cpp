@@ -168,14 +168,16 @@ TEST(MultipartReader, EndlessNoiseIsPassedOver) {
 
 TEST(ReplyParser, Boundary) {
   const struct {
-    const char* type;
-    const char* boundary;
+    std::string type;
+    std::string boundary;
   } cases[] = {
       {"multipart/mixed; boundary=b", "b"},
       {"Multipart/Mixed;boundary=\"a b;c\"", "a b;c"},
       {"multipart/x-mixed-replace; charset=x; boundary=b; q=1", "b"},
       {"multipart/mixed; boundary=\"open", "open"},
       {"multipart/mixed", ""},
+      {"multipart/mixed; boundary=" + std::string(70, 'b'), std::string(70, 'b')},
+      {"multipart/mixed; boundary=" + std::string(71, 'b'), ""},
       {"multipart/mixed; boundary=", ""},
       {"multipart/mixed; boundary=\"\"", ""},
       {"application/json; boundary=b", ""},
