@@ -1,9 +1,11 @@
-// What tests of several threads wait on, instead of sleeping.
+// What tests of several threads wait on.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <thread>
 
 namespace qn {
 
@@ -32,5 +34,15 @@ class Events {
   std::condition_variable changed_;
   int count_ = 0;  // guarded by mutex_
 };
+
+// Waits for something that another thread does; 20 s at most.
+inline bool eventually(const std::function<bool()>& holds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
 
 }  // namespace qn

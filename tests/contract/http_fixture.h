@@ -15,6 +15,7 @@
 
 #include "gateway/http/http_service.h"
 #include "platform/http_service.h"
+#include "tests/contract/events.h"
 #include "tests/contract/socket.h"
 
 namespace qn {
@@ -185,16 +186,6 @@ class HttpFixture : public testing::Test {
   std::unique_ptr<HttpService> service_;
   std::atomic<int> handle_{0};  // of the last request that was left
 };
-
-// Waits for something that another thread does; 10 s at most.
-inline bool eventually(const std::function<bool()>& holds) {
-  const auto end = std::chrono::steady_clock::now() + 10s;
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    ::usleep(2000);
-  }
-  return true;
-}
 
 inline int HttpFixture::waitForHandle() {
   int handle = 0;

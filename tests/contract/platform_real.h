@@ -104,7 +104,7 @@ class Platform : public HttpFixture {
   std::list<devicebus::test::ScriptedDevice> devices_;
   DeviceDirectory directory_;
   devicebus::DeviceBus bus_{reactors_, pool_, directory_};
-  AlarmBus alarms_{reactors_, directory_, {}};
+  AlarmBus alarms_{reactors_, pool_, directory_, {}};
   std::unique_ptr<RawClient> client_;
 };
 
