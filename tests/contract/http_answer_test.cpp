@@ -49,8 +49,7 @@ TEST_F(HttpAnswerTest, AnswersItselfWhenNobodyDoes) {
 
 TEST_F(HttpAnswerTest, ClientGoneBreaksTheLink) {
   start();
-  RawClient client(port());
-  client.send(kGet);
+  RawClient client(port(), kGet);
   CHttpExchange holder(waitForHandle());
   client.reset(true);
   EXPECT_TRUE(eventually([&] { return CHttpExchange(holder.getHttpHandle()).getUrl().empty(); }));
@@ -68,8 +67,7 @@ TEST_F(HttpAnswerTest, ClientGoneShowsToThoseWhoWorkForIt) {
   });
   start();
   for (const bool abort : {false, true}) {
-    RawClient client(port());
-    client.send(kGet);
+    RawClient client(port(), kGet);
     const auto asker = askers[abort ? 1 : 0].get_future().get();
     const auto isGone = [&] {
       const auto somebody = asker.lock();
@@ -112,8 +110,7 @@ TEST_F(HttpAnswerTest, ManyAnswerersAndTheTimeoutGiveOneAnswer) {
 
 TEST_F(HttpAnswerTest, StoppingLetsRequestsFinishAndRefusesNewClients) {
   HttpService& service = start();
-  RawClient client(port());
-  client.send(kGet);
+  RawClient client(port(), kGet);
   const int handle = waitForHandle();
   const uint16_t closedPort = port();
   service.stopAccepting();
@@ -134,9 +131,7 @@ TEST_F(HttpAnswerTest, CloseUnderLoadBreaksEveryLinkAndReturns) {
   for (int i = 0; i < 4; ++i) {
     clients.emplace_back([&, target = port()] {
       while (!done) {
-        RawClient client(target);
-        client.send(kGet);
-        client.read(1);
+        RawClient(target, kGet).read(1);
       }
     });
   }
