@@ -304,18 +304,18 @@ TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
   const auto there = std::make_shared<SomebodyAsking>();
   auto forgotten = std::make_shared<SomebodyAsking>();
   std::vector<SentPtr> waiting;
-  for (const auto& asker : {gone, forgotten, there}) {
+  for (const auto& asker : {there, gone, forgotten}) {
     const AskerScope scope(asker);
     waiting.push_back(send("1", seconds(20), PUT, "{}"));
   }
   waiting.push_back(send("1", seconds(20), PUT, "{}"));
   gone->gone = true;
   forgotten.reset();
-  EXPECT_NE(waiting[0]->error(), 0u) << "answered, for the record's sake, before it was sent";
-  EXPECT_NE(waiting[1]->error(), 0u);
+  EXPECT_NE(waiting[1]->error(), 0u) << "answered, for the record's sake, before it was sent";
+  EXPECT_NE(waiting[2]->error(), 0u);
   closed.opened.count_down();
   EXPECT_EQ(inFlight->text(), "{}");
-  EXPECT_EQ(waiting[2]->text(), "{}");
+  EXPECT_EQ(waiting[0]->text(), "{}");
   EXPECT_EQ(waiting[3]->text(), "{}") << "of nobody in particular";
   EXPECT_EQ(closed.asked, 3);
 }
