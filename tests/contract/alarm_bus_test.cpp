@@ -1,22 +1,11 @@
 // What platform/alarm_bus.h promises, against scripted devices on loopback.
 #include "gateway/alarmbus/alarm_bus.h"
 
-#include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <atomic>
 #include <boost/asio/post.hpp>
-#include <chrono>
-#include <functional>
-#include <list>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
-#include "tests/contract/events.h"
-#include "tests/contract/scripted_device.h"
+#include "tests/contract/devices_fixture.h"
 
 namespace qn {
 namespace {
@@ -122,34 +111,16 @@ class ReactorsHeld {
   const std::shared_ptr<Events> released_ = std::make_shared<Events>();
 };
 
-class AlarmBusTest : public ::testing::Test {
+class AlarmBusTest : public devicebus::test::DevicesTest {
  protected:
   explicit AlarmBusTest(std::size_t reactors = 2, FeedTimes times = {}, RefusalTimes refusals = {})
-      : reactors_(reactors),
-        directory_(refusals),
+      : DevicesTest(reactors, refusals),
         bus_(std::make_unique<AlarmBus>(reactors_, workers_, directory_, times)) {
-    reactors_.start();
     bus_->start();
   }
   ~AlarmBusTest() override {
     if (bus_) bus_->stop();
-    workers_.stop();
-    reactors_.stop();
-    publishConfiguration(std::make_shared<const Configuration>());
   }
-
-  void configure(const std::string& index, uint16_t port, const std::string& username = {}) {
-    DeviceConfig device;
-    device.index = index;
-    device.host = "127.0.0.1";
-    device.port = port;
-    device.basePath = "/base";
-    device.username = username;
-    device.password = "secret";
-    configuration_.devices.push_back(device);
-    publish();
-  }
-  void publish() { publishConfiguration(std::make_shared<const Configuration>(configuration_)); }
 
   // An alarm that comes before the start would rightly be lost, and devices here send some once.
   int subscribe(Listener& listener, const std::string& device) {
@@ -175,10 +146,6 @@ class AlarmBusTest : public ::testing::Test {
   }
 
   std::list<Listener> listeners_;  // outlive the subscriptions
-  Configuration configuration_;    // publish() puts it in force
-  Reactors reactors_;
-  WorkerPool workers_{2, 64};
-  DeviceDirectory directory_;
   std::unique_ptr<AlarmBus> bus_;
 };
 
@@ -188,16 +155,19 @@ TEST_F(AlarmBusTest, EachDeviceHasItsOwnStreamAndName) {
     const auto request = peer.read();
     if (!request) return;
     const std::string target = request->target;
-    const std::string wanted = "/base/KAVRO/Event/notification/alertStream?format=json&devIndex=";
-    if (request->method != "GET" || !target.starts_with(wanted)) ++wrong;
-    peer.write(kHead + part(alarm("of-" + target.substr(wanted.size()))) +
+    const std::string wanted = "/KAVRO/Event/notification/alertStream?format=json&devIndex=";
+    if (request->method != "GET" || (target != "/base" + wanted + "1" && target != wanted + "2")) {
+      ++wrong;
+    }
+    peer.write(kHead + part(alarm("of-" + target.substr(target.size() - 1))) +
                part("JPEG", "image/jpeg") + part("") + part("no alarm") + part(alarm("last")));
     peer.waitForClose();
   };
   ScriptedDevice first(script);
   ScriptedDevice second(script);
-  configure("1", first.port());
-  configure("2", second.port());
+  addDevice("1", first.port());
+  configuration_.devices[0].basePath = "/base";
+  addDevice("2", second.port());
   Listener& listener = listeners_.emplace_back();
   const int id = subscribe(listener, "1");
   ASSERT_TRUE(listener.came.wait(2));
@@ -213,7 +183,7 @@ TEST_F(AlarmBusTest, EachDeviceHasItsOwnStreamAndName) {
 
 TEST_F(AlarmBusTest, UnusableCallsAreRefusedAndHarmless) {
   ScriptedDevice device(keeping(""));
-  configure("1", device.port());
+  addDevice("1", device.port());
   Listener& listener = listeners_.emplace_back();
   std::string reply;
   const auto expectRefused = [&](const std::string& request) {
@@ -252,7 +222,7 @@ TEST_F(AlarmBusTest, LogsInWithDigest) {
     peer.write(login.empty() ? refusing() : kHead + part(alarm("in")));
     if (!login.empty()) peer.waitForClose();
   });
-  configure("1", device.port(), "u");
+  addDevice("1", device.port(), "u");
   ASSERT_TRUE(hear().came.wait());
   EXPECT_TRUE(right);
   EXPECT_EQ(device.connections(), 2);
@@ -267,7 +237,7 @@ TEST_F(AlarmBusTest, RefusedCredentialsAreNotHammered) {
       return refusing(more);
     }));
     configuration_.devices.clear();
-    configure("1", device.port(), "u");
+    addDevice("1", device.port(), "u");
     const int id = subscribe(listeners_.emplace_back(), "1");
     ASSERT_TRUE(refused.wait(2));
     EXPECT_FALSE(refused.wait(4, 1200ms)) << more;
@@ -289,7 +259,7 @@ TEST_F(AlarmBusTest, ADeviceThatStartsOrSendsTooMuchIsAskedAgainSoon) {
     if (connection == 4) return std::string(kHead) + "--b\r\nContent-Length: 99999999\r\n\r\n";
     return kHead + part(alarm("up"));
   }));
-  configure("1", device.port());
+  addDevice("1", device.port());
   testing::internal::CaptureStderr();
   EXPECT_TRUE(hear().came.wait(1, 20s));
   const std::string log = testing::internal::GetCapturedStderr();
@@ -319,7 +289,7 @@ TEST_F(AlarmBusTest, LargeAlarmsAreTakenOffTheReactorInTheirOrder) {
     peer.write(part(large) + part(alarm("c")) + part(large) + part(alarm("d")));
     peer.waitForClose();
   });
-  configure("1", device.port());
+  addDevice("1", device.port());
   Listener& listener = hear();
   ASSERT_TRUE(listener.came.wait());
   EXPECT_EQ(listener.onWorkers, 0);
@@ -340,7 +310,7 @@ TEST_F(AlarmBusTest, AnAlarmOfTooManyValuesOrBytesBreaksTheStream) {
                                   alarmOf(250'000, "12345678")};
     return kHead + part(bodies[std::min(connection, 2)]);
   }));
-  configure("1", device.port());
+  addDevice("1", device.port());
   Listener& listener = hear();
   ASSERT_TRUE(listener.came.wait());
   EXPECT_EQ(device.connections(), 3);
@@ -354,8 +324,8 @@ TEST_F(AlarmBusTest, ARemovedDeviceIsLeftAndHeardAgainWhenItComesBack) {
     closed.signal();
   });
   ScriptedDevice other(keeping(part(alarm("other"))));
-  configure("1", device.port());
-  configure("2", other.port());
+  addDevice("1", device.port());
+  addDevice("2", other.port());
   Listener& listener = listeners_.emplace_back();
   const int id = subscribe(listener, "1");
   std::string reply;
@@ -374,7 +344,7 @@ TEST_F(AlarmBusTest, ARemovedDeviceIsLeftAndHeardAgainWhenItComesBack) {
 
 TEST_F(AlarmBusTest, NoCallbackAfterUnSubscribe) {
   ScriptedDevice device(storming());
-  configure("1", device.port());
+  addDevice("1", device.port());
   Listener& witness = hear();
   for (int round = 0; round < 5; ++round) {
     auto listener = std::make_unique<Listener>();
@@ -391,7 +361,7 @@ TEST_F(AlarmBusTest, ACallbackThatThrowsLosesItsAlarmOnly) {
     if (!peer.read() || !peer.write(kHead)) return;
     while (peer.write(part(alarm("again")))) std::this_thread::sleep_for(1ms);
   });
-  configure("1", device.port());
+  addDevice("1", device.port());
   static std::atomic<int> calls;
   calls = 0;
   const auto throwing = [](void*, int, void*) -> int {
@@ -416,7 +386,7 @@ class SilentDeviceTest : public AlarmBusTest {
 TEST_F(SilentDeviceTest, ASilentStreamIsOpenedAnew) {
   ScriptedDevice device(
       saying([](int connection) { return kHead + part(alarm(std::to_string(connection))); }));
-  configure("1", device.port());
+  addDevice("1", device.port());
   Listener& listener = hear();
   EXPECT_TRUE(listener.came.wait(3));
 }
@@ -425,7 +395,7 @@ TEST_F(SilentDeviceTest, RefusedCredentialsAreTriedAgainAfterAWhile) {
   ScriptedDevice device(saying([](int connection) {
     return connection < 4 ? refusing() : kHead + part(alarm("unlocked"));
   }));
-  configure("1", device.port(), "u");
+  addDevice("1", device.port(), "u");
   EXPECT_TRUE(hear().came.wait());
 }
 
@@ -447,8 +417,8 @@ TEST_F(OneReactorTest, AStormDelaysNoOtherDevice) {
     }
     peer.waitForClose();
   });
-  configure("1", storm.port());
-  configure("2", quiet.port());
+  addDevice("1", storm.port());
+  addDevice("2", quiet.port());
   Listener& stormy = hear("1");
   Listener& calm = hear("2");
   ASSERT_TRUE(stormy.came.wait(100));

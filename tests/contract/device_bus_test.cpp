@@ -1,19 +1,11 @@
 // What platform/device_cfg_bus.h promises, against scripted devices on loopback.
-#include <gtest/gtest.h>
 
-#include <atomic>
 #include <future>
-#include <latch>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "gateway/devicebus/device_url.h"
 #include "gateway/devices/device.h"
 #include "gateway/net/asker.h"
 #include "tests/contract/bus_fixture.h"
-#include "tests/contract/events.h"
-#include "tests/contract/scripted_device.h"
 
 namespace qn::devicebus::test {
 namespace {
@@ -438,19 +430,6 @@ TEST_F(DeviceBusTest, CallbackMaySendTheNextRequest) {
 class ConcurrentBusTest : public BusTest {
  protected:
   ConcurrentBusTest() : BusTest(2) {}
-
-  // Calls `work` on so many threads at once.
-  template <typename Work>
-  static void onThreads(int count, Work work) {
-    std::latch start(count);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < count; ++i) {
-      threads.emplace_back([&, i] {
-        start.arrive_and_wait();
-        work(i);
-      });
-    }
-  }
 };
 
 TEST_F(ConcurrentBusTest, EveryRequestOfManyThreadsIsAnsweredOnce) {

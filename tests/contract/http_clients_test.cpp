@@ -1,8 +1,5 @@
 // Who may take what: places, bodies and answers of strangers, users and proxies; and the ports.
-#include <memory>
-#include <string>
 #include <system_error>
-#include <vector>
 
 #include "gateway/http/client_address.h"
 #include "tests/contract/http_fixture.h"

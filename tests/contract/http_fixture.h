@@ -2,18 +2,8 @@
 // sends raw bytes, for the tests of the HTTP service.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cctype>
-#include <chrono>
 #include <cstdlib>
-#include <functional>
-#include <memory>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
 #include "gateway/http/http_service.h"
 #include "platform/http_service.h"
@@ -27,8 +17,8 @@ using QNHttpService::HTTP_LINK_BROKEN;
 using QNHttpService::stHttpRes;
 using namespace std::chrono_literals;
 
-inline std::string get(const std::string& url) {
-  return "GET " + url + " HTTP/1.1\r\nHost: h\r\n\r\n";
+inline std::string get(const std::string& url, const std::string& method = "GET") {
+  return method + " " + url + " HTTP/1.1\r\nHost: h\r\n\r\n";
 }
 inline const std::string kGet = get("/a?b=1");
 

@@ -1,11 +1,6 @@
 // The HTTP service: what a client sends and what it gets, on real connections.
-#include <atomic>
 #include <future>
-#include <mutex>
 #include <set>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "tests/contract/http_fixture.h"
 

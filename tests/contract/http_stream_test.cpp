@@ -1,8 +1,4 @@
 // Streams: fast, stalled, silent and vanished clients.
-#include <atomic>
-#include <memory>
-#include <thread>
-#include <vector>
 
 #include "gateway/http/exchange.h"
 #include "tests/contract/http_fixture.h"

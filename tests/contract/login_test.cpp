@@ -1,24 +1,20 @@
 // What platform/kavro_mgr_bus.h promises, under a clock that the test moves.
 #include "gateway/login/login.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cstring>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "gateway/auth/login_request.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devices/device_login.h"
 #include "platform/config_mgr.h"
+#include "tests/contract/events.h"
 
 namespace qn {
 namespace {
 
 using std::chrono::seconds;
+using namespace std::string_literals;
 
 constexpr const char* kAddress = "192.0.2.1";
 constexpr const char* kUri = "/KAVRO/System/deviceInfo";
@@ -56,6 +52,14 @@ class LoginTest : public testing::Test {
       next->devices.push_back(device);
     }
     publishConfiguration(next);
+  }
+
+  // One option, the others with their defaults.
+  template <class Value>
+  void publish(Value KavroOptions::*option, const std::type_identity_t<Value>& value) {
+    KavroOptions kavro;
+    kavro.*option = value;
+    publish(kavro);
   }
 
   Answer send(const std::string& authorization, const std::string& address = kAddress,
@@ -110,9 +114,7 @@ TEST_F(LoginTest, TheChallengeOfARefusalLogsIn) {
 
 TEST_F(LoginTest, Sha256IsAskedForAndRequired) {
   const std::string md5 = right();
-  KavroOptions kavro;
-  kavro.algorithm = DigestAlgorithm::SHA256;
-  publish(kavro);
+  publish(&KavroOptions::algorithm, DigestAlgorithm::SHA256);
   for (const std::string& authorization : {std::string(), md5}) {
     const Answer answer = send(authorization);
     EXPECT_EQ(answer.code, DIGEST_NO_CREDENTIALS);
@@ -148,15 +150,12 @@ std::string changed(std::string authorization, const std::string& name, const st
 
 TEST_F(LoginTest, WhatIsNoGuessIsNeverCounted) {
   const std::string huge(DIGEST_AUTHORIZATION_MAX, 'x');
-  std::vector<std::string> values = {"",
-                                     "Digest",
-                                     "Basic YWRtaW46cGFzcw==",
-                                     "Digest " + huge,
-                                     huge,
-                                     right() + ", uri=\"/\"",
-                                     right() + ", Basic x",
-                                     right() + ", opaque=\"" + huge + "\"",
-                                     right() + ", username*=UTF-8''admin"};
+  std::vector<std::string> values = {"", "Digest", "Basic YWRtaW46cGFzcw==", "Digest " + huge,
+                                     huge};
+  for (const std::string& more :
+       {", uri=\"/\""s, ", Basic x"s, ", opaque=\"" + huge + "\"", ", username*=UTF-8''admin"s}) {
+    values.push_back(right() + more);
+  }
   for (const std::string name :
        {"username", "realm", "nonce", "uri", "response", "qop", "nc", "cnonce"}) {
     values.push_back(changed(right(), name, ""));
@@ -186,9 +185,7 @@ TEST_F(LoginTest, NamesMayBeEncodedOrHashed) {
     return "username=\"" + std::string(hash.text()) + "\", userhash=true";
   };
   for (const DigestAlgorithm algorithm : {DigestAlgorithm::MD5, DigestAlgorithm::SHA256}) {
-    KavroOptions kavro;
-    kavro.algorithm = algorithm;
-    publish(kavro);
+    publish(&KavroOptions::algorithm, algorithm);
     const std::string umlaut = "J\xC3\xA4son";
     const std::pair<std::string, std::string> right[] = {
         {"admin", "username*=UTF-8''admin"},
@@ -317,9 +314,7 @@ TEST_F(LoginTest, NoncesOfOthersAreStale) {
 // After a restart, or at another gateway with the key: a new nonce, but no prompt for the password.
 TEST_F(LoginTest, WithAKeyOnlyNoncesMadeWithItAreStale) {
   const std::string invented = freshNonce();
-  KavroOptions kavro;
-  kavro.nonceKey = "a key";
-  publish(kavro);
+  publish(&KavroOptions::nonceKey, "a key");
   Login other([this] { return now_; });
   char sibling[64];
   ASSERT_GT(other.createNonce(sibling, sizeof sibling, 8), 0);
@@ -458,9 +453,7 @@ TEST_F(LoginTest, ThePortChoosesTheDeviceInModeTwo) {
       {2, 2, "operator", 9001, "1"}, {2, 2, "operator", 9002, "2"}, {2, 2, "operator", 9003, ""},
       {2, 2, "admin", 9002, ""},     {1, 2, "operator", 9003, "1"}, {1, 1, "a \"b\"\\", 0, "1"}};
   for (const auto& [configured, mode, user, port, device] : cases) {
-    KavroOptions kavro;
-    kavro.mode = configured;
-    publish(kavro);
+    publish(&KavroOptions::mode, configured);
     const Answer answer = send(client(user).authorization("GET", kUri), kAddress, port, mode);
     EXPECT_EQ(answer.code, *device ? DIGEST_OK : DIGEST_NOT_ALLOWED) << user << port;
     EXPECT_STREQ(answer.result.devIndex, device) << user << port;
@@ -558,7 +551,6 @@ TEST_F(LoginTest, NobodyIsRefusedForWantOfRoomAndNoReplayPasses) {
 }
 
 TEST_F(LoginTest, ConcurrentLoginsUseEveryCountOnce) {
-  constexpr int kThreads = 4;
   constexpr int kRequests = 200;
   ClientLogin sharing = client();
   std::vector<std::string> sent;
@@ -566,18 +558,13 @@ TEST_F(LoginTest, ConcurrentLoginsUseEveryCountOnce) {
   const std::string guess = wrong();
   std::atomic<int> accepted{0};
   std::atomic<int> guesses{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&] {
-      for (const std::string& authorization : sent) {
-        accepted += codeOf(authorization) == DIGEST_OK;
-        const Answer answer = send(guess, "198.51.100.1");
-        guesses += answer.result.retryLoginTime > 0;
-      }
-    });
-  }
-  for (int n = 0; n < 20; ++n) publish({});
-  for (std::thread& thread : threads) thread.join();
+  onThreads(5, [&](int thread) {
+    for (int n = 0; thread == 0 && n < 20; ++n) publish({});
+    for (const std::string& authorization : sent) {
+      accepted += codeOf(authorization) == DIGEST_OK;
+      guesses += send(guess, "198.51.100.1").result.retryLoginTime > 0;
+    }
+  });
   EXPECT_EQ(accepted, kRequests);
   EXPECT_EQ(guesses, 2);
 }
