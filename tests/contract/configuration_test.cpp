@@ -35,17 +35,9 @@ using std::chrono::seconds;
 
 TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   const Configuration c = readConfiguration(QN_WHOLE_CONFIGURATION);
-  EXPECT_EQ(c.http, (HttpOptions{"::",
-                                 8081,
-                                 {"10.0.0.1", "fe80::1"},
-                                 2048,
-                                 seconds(1),
-                                 4096,
-                                 seconds(2),
-                                 seconds(3),
-                                 4,
-                                 5,
-                                 6}));
+  const std::vector<std::string> proxies = {"10.0.0.1", "fe80::1"};
+  EXPECT_EQ(c.http, (HttpOptions{"::", 8081, proxies, 2048, seconds(1), 4096, seconds(2),
+                                 seconds(3), 4, 5, 6}));
   const NetworkOptions& n = c.network;
   EXPECT_EQ(tuple(n.httpsEnabled, n.httpsPort, n.rtspPort, n.portMapping),
             tuple(true, 8443, 8554, true));

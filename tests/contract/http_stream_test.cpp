@@ -56,42 +56,45 @@ TEST_F(HttpStreamTest, PartsOfManyThreadsArriveWhole) {
   }
 }
 
-TEST_F(HttpStreamTest, StalledClientFillsABoundedQueueAndIsCut) {
+TEST_F(HttpStreamTest, StalledClientIsCut) {
   bounds_.stalled = 500ms;
   start();
   const auto client = open(4096);
+  const std::string part(10'000, 'x');
+  EXPECT_TRUE(eventually([&] {
+    int result;
+    while ((result = push(part)) > 0) {
+    }
+    return result == HTTP_LINK_BROKEN;
+  }));
+}
+
+TEST_F(HttpStreamTest, QueueIsBoundedAndTakesPartsAgainWhenItEmptiesButNoneLargerThanItself) {
+  start();
+  const auto client = open(4096);
+  EXPECT_EQ(push(std::string(QNHttpService::ExchangeState::kStreamQueue + 1, 'x')), 0);
   const std::string part(10'000, 'x');
   std::size_t accepted = 0;
   int result;
   while ((result = push(part)) > 0) accepted += part.size();
   EXPECT_EQ(result, 0);
   EXPECT_LT(accepted, 3u * 1024 * 1024);
-  EXPECT_TRUE(eventually([&] { return push(part) == HTTP_LINK_BROKEN; }));
-}
-
-TEST_F(HttpStreamTest, QueueThatEmptiesTakesPartsAgainButNoneLargerThanItself) {
-  start();
-  const auto client = open(4096);
-  EXPECT_EQ(push(std::string(QNHttpService::ExchangeState::kStreamQueue + 1, 'x')), 0);
-  const std::string part(10'000, 'x');
-  std::size_t accepted = 0;
-  while (push(part) > 0) accepted += part.size();
   EXPECT_EQ(client->read(accepted).size(), accepted);
   EXPECT_TRUE(eventually([&] { return push("more") == 4; }));
   EXPECT_EQ(client->read(4), "more");
 }
 
 TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
-  bounds_.silent = 200ms;
+  bounds_.silent = 1s;
   start();
   const auto client = open();
-  for (int i = 0; i < 8; ++i) {
-    ::usleep(50'000);
+  for (int i = 0; i < 15; ++i) {
+    ::usleep(100'000);
     ASSERT_EQ(push("x"), 1) << i;
   }
   const auto before = std::chrono::steady_clock::now();
   EXPECT_TRUE(client->closedByServer());
-  EXPECT_GE(std::chrono::steady_clock::now() - before, 100ms);
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 500ms);
 }
 
 TEST_F(HttpStreamTest, OpensFromAnotherThreadAndClosesWithTheService) {
