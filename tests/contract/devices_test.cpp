@@ -34,10 +34,9 @@ TEST(DeviceLogin, RefusedCredentialsRestTwiceAsLongEachTimeUntilOneIsAccepted) {
     EXPECT_TRUE(authorization.starts_with("Digest "));
     right ? login.accepted(ticket) : static_cast<void>(login.refused(ticket, kDigestChallenge));
   };
-  const struct {
-    std::chrono::milliseconds pause;
-    bool accepted;  // once more before the refusal
-  } steps[] = {{200ms, false}, {400ms, false}, {500ms, false}, {500ms, false}, {200ms, true}};
+  // The pause, and whether the device accepts once more before.
+  const std::pair<std::chrono::milliseconds, bool> steps[] = {
+      {200ms, false}, {400ms, false}, {500ms, false}, {500ms, false}, {200ms, true}};
   for (const auto& [pause, accepted] : steps) {
     while (login.refusedFor()) std::this_thread::sleep_for(10ms);
     if (accepted) logIn(true);
@@ -57,11 +56,8 @@ TEST(DeviceLogin, RefusedCredentialsRestTwiceAsLongEachTimeUntilOneIsAccepted) {
 TEST(DeviceLogin, ShowsThePasswordOnlyWhereItIsWritten) {
   const std::string basic = "Basic realm=\"r\"";
   const std::string both = basic + ", " + kDigestChallenge;
-  const struct {
-    DeviceAuth auth;
-    std::vector<std::string> challenges;  // what the device asks for, one after the other
-    std::string sent;                     // the scheme of the answer to the last one
-  } cases[] = {
+  // What the device asks for, one after the other, and the scheme of the answer to the last one.
+  const std::tuple<DeviceAuth, std::vector<std::string>, std::string> cases[] = {
       {DeviceAuth::Digest, {basic}, ""},
       {DeviceAuth::Digest, {both}, "Digest"},
       {DeviceAuth::Basic, {kDigestChallenge}, ""},
