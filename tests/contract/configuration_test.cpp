@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <regex>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
