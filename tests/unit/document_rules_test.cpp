@@ -198,29 +198,5 @@ TEST_F(Rules, EveryElementOfARequestAbsent) {
   }
 }
 
-// A body that a PUT or POST cannot be made of.
-TEST_F(Rules, UnusableBodies) {
-  const auto expectRefused = [](unsigned int method, const std::string& url,
-                                std::initializer_list<const char*> bodies) {
-    for (const char* body : bodies) {
-      EXPECT_FALSE(requestFor({method, url, body})) << url << " " << body;
-    }
-  };
-  expectRefused(1, "/KAVRO/Streaming/channels/1", {"", "{}", "<StreamingChannel>", "<Other/>"});
-  expectRefused(1, "/KAVRO/PTZCtrl/channels/1/continuous", {"", "<PTZData>", "<Other/>"});
-  expectRefused(1, "/KAVRO/PTZCtrl/channels/1/presets/5",
-                {"", "<Other/>", "<PTZPreset><id/></PTZPreset>",
-                 "<PTZPreset><presetName></presetName></PTZPreset>"});
-  expectRefused(2, "/KAVRO/ContentMgmt/search", {"", "text", "<CMSearchDescription>"});
-  expectRefused(
-      1, "/KAVRO/System/IO/outputs/1/trigger",
-      {"", "<Other/>", "<IOPortData/>", "<IOPortData><outputState>High</outputState></IOPortData>",
-       "<IOPortData><outputState> high</outputState></IOPortData>"});
-  for (const char* line :
-       {"Parse failed", "xml cannot find outputState", "xml outputState is wrong param"}) {
-    EXPECT_TRUE(fake::logged(WLOG_ERROR, line)) << line;
-  }
-}
-
 }  // namespace
 }  // namespace QNKAVROProtocol

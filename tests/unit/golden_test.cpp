@@ -1,6 +1,9 @@
 // Each document in each direction against a pair written by hand.
 #include "tests/unit/golden.h"
 
+#include "platform/wlog.h"
+#include "tests/unit/cases.h"
+
 namespace QNKAVROProtocol {
 namespace {
 
@@ -20,6 +23,48 @@ TEST_F(Golden, Requests) {
     ASSERT_TRUE(request) << pair.xml;
     EXPECT_EQ(parsed(*request), parsed(golden(pair.json))) << *request;
     EXPECT_TRUE(request->ends_with("}\n")) << *request;
+  }
+}
+
+// "file - path" and "file path = value" are the file with a member changed.
+std::string replyOf(const std::string& given) {
+  std::string file, path, mark, value;
+  std::istringstream words(given);
+  words >> file >> path >> mark >> value;
+  if (!file.ends_with(".json")) return given;
+  const Json::Value document = parsed(golden(file));
+  return path == "-" ? without(document, mark) : with(document, path, parsed(value));
+}
+
+// Defaults, ranges, orders and what is logged: what the tables do not say at a glance.
+TEST_F(Golden, OddReplies) {
+  for (const auto& [head, given, expected] : casesOf("replies.txt")) {
+    fake::reset();
+    const auto answer = answerTo(requestOf(head), replyOf(given));
+    const auto [outcome, line] = partedAt(expected, "|");
+    if (outcome == kFails || outcome[0] == '<') {
+      EXPECT_EQ(answer.value_or(kFails), (answer ? kDeclaration : "") + outcome) << given;
+    } else {
+      const auto [element, content] = partedAt(outcome, ":");
+      EXPECT_EQ(inside(element.c_str(), answer), content) << given;
+    }
+    const int level = answer ? WLOG_WARN : WLOG_ERROR;
+    EXPECT_TRUE(line.empty() || fake::loggedIn(partedAt(line, " ").first, level, line)) << line;
+  }
+}
+
+TEST_F(Golden, OddRequests) {
+  for (const auto& [head, given, expected] : casesOf("requests.txt")) {
+    fake::Request request = requestOf(head);
+    request.body = given;
+    const std::string sent = requestFor(request).value_or(kFails);
+    const auto [outcome, line] = partedAt(expected, "|");
+    if (outcome == kFails || outcome.empty()) {
+      EXPECT_EQ(sent, outcome) << head << given;
+    } else {
+      EXPECT_EQ(parsed(sent), parsed(outcome)) << given;
+    }
+    EXPECT_TRUE(fake::logged(WLOG_ERROR, line) || line.empty()) << line;
   }
 }
 
