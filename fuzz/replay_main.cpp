@@ -33,6 +33,8 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
       if (!entry.is_regular_file()) continue;
+      std::printf("%s\n", entry.path().c_str());  // the last one named is at fault
+      std::fflush(stdout);
       Replay(entry.path());
       ++replayed;
     }

@@ -110,21 +110,8 @@ TEST_F(OddChannels, AudioAsksTheDeviceBeforeTheMethodIsRefused) {
   }
 }
 
-TEST_F(OddChannels, DeviceUrls) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"/KAVRO/Streaming/channels/0", "/KAVRO/Streaming/channels/1?format=json&devIndex=1"},
-      {"/KAVRO/Streaming/channels/100", "/KAVRO/Streaming/channels/10001?format=json&devIndex=1"},
-      {"/KAVRO/Streaming/channels/007", "/KAVRO/Streaming/channels/701?format=json&devIndex=1"},
-      // The query decides which form the path is read in.
-      {"/Streaming/channels/7?KAVRO", "/KAVRO/Streaming/channels/1?format=json&devIndex=1"},
-      {"/KAVRO/Streaming/channels/1/capabilities",
-       "/KAVRO/Streaming/channels/1/capabilities?devIndex=1"},
-  };
-  for (const auto& [url, device] : cases) {
-    get(url);
-    EXPECT_EQ(fake::deviceBus().seen.back().url, device);
-  }
-  // A URL for the device has a limit, however long the device's index is.
+// However long the device's index is.
+TEST_F(OddChannels, DeviceUrlsHaveALimit) {
   for (const char* url : {"/KAVRO/Streaming/channels", "/KAVRO/Streaming/channels/1",
                           "/KAVRO/Streaming/channels/1/capabilities"}) {
     std::string device;
