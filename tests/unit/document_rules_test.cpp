@@ -13,17 +13,6 @@
 namespace QNKAVROProtocol {
 namespace {
 
-// Paths of all members, as "List.0.Entry.id"; of a list only its first entry's.
-void collectPaths(const Json::Value& value, const std::string& prefix,
-                  std::vector<std::string>& paths) {
-  if (value.isArray() && !value.empty()) collectPaths(value[0], prefix + "0.", paths);
-  if (!value.isObject()) return;
-  for (const std::string& name : value.getMemberNames()) {
-    paths.push_back(prefix + name);
-    collectPaths(value[name], prefix + name + ".", paths);
-  }
-}
-
 // Of no kind that a table asks for where `original` stands.
 Json::Value otherKind(const Json::Value& document, const std::string& path) {
   std::string name;
@@ -54,8 +43,7 @@ TEST_F(Rules, EveryMemberAbsentNullAndOfAnotherKind) {
     const auto is = [&rules = rules](const char* rule, const std::string& path) {
       return rules.contains(rule) && rules.at(rule).contains(path);
     };
-    std::vector<std::string> paths;
-    collectPaths(document, "", paths);
+    const std::vector<std::string> paths = pathsOf(document);
     ASSERT_GT(paths.size(), 4u);
     for (const std::string& path : paths) {
       const auto absent = answerTo(request, without(document, path));

@@ -1,11 +1,11 @@
 // A sub-device's reply to the client's answer.
 #include <memory>
-#include <tuple>
 
 #include "devcfg/dev_cfg_base.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 #include "protocol/error_code.h"
+#include "tests/unit/cases.h"
 #include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
@@ -22,56 +22,22 @@ class Reply : public PlatformTest {};
 // What is translated is so only for good JSON; everything else, and all that is passed through,
 // goes to the client as it is, with the status of its codes.
 TEST_F(Reply, StatusContentTypeAndBody) {
-  const std::string open = "<ResponseStatus>", close = "</ResponseStatus>";
-  const std::tuple<int, bool, std::vector<std::string>> cases[] = {
-      {200, true, {"{}", " \n [1] trailing", "7", " { \"a\" : 1.50 }\n", "[{\"statusCode\":4}]"}},
-      {200,
-       true,
-       {R"({"errorCode":1,"statusCode":1})", R"({"statusCode":1})", R"({"data":{"statusCode":4}})",
-        R"({"errorCode":"4","statusCode":"4"})" /* no integers */,
-        R"({"errorCode":4294967296})" /* more than 32 bits */}},
-      {503, true, {R"({"errorCode":1,"statusCode":2})"}},
-      {500,
-       true,
-       {R"({"errorCode":0,"statusCode":3})", R"({"statusCode":-1})", R"({"errorCode":-1})"}},
-      {404, true, {R"({"errorCode":1073741830,"statusCode":1})"}},
-      {401, true, {R"({"statusCode":4,"errorCode":1073741827})"}},
-      {403,
-       true,
-       {R"({"statusCode":4})", R"({"statusCode":20})" /* the low four bits count */,
-        R"({"statusCode":4,"errorCode":"1073741830"})"}},
-      {200,
-       false,
-       {"<DeviceInfo/>", "<ResponseStatus/>", open + "<statusCode>what</statusCode>" + close,
-        "<Other><statusCode>4</statusCode></Other>", open + "<statusCode>4</statusCode>",
-        // The search runs forward: this statusCode stands before the errorCode.
-        open + "<statusCode>2</statusCode><errorCode>1</errorCode>" + close}},
-      {403, false, {open + "<statusCode>4</statusCode>" + close}},
-      {404,
-       false,
-       {open + "<errorCode>1073741830</errorCode>" + close,
-        open + "<errorCode>1073741830</errorCode><statusCode>2</statusCode>" + close}},
-      {503, false, {open + "<errorCode>1</errorCode><statusCode>2</statusCode>" + close}},
-      {200,
-       false,
-       {"", "not found", R"({"errorCode":1073741830)", std::string("\0\xff\xfe", 3),
-        std::string(5000, '[') /* deeper than the reader goes */,
-        std::string("\xFF\xD8\xFF\0{\"statusCode\":4}", 20)}},
-  };
-  const auto expect = [](const char* url, const std::string& reply, int status, const char* type,
-                         const std::string& body) {
-    const fake::Answer answer = converse(url, reply);
-    EXPECT_EQ(answer.count, 1) << reply;
-    EXPECT_EQ(answer.status, status) << url << reply;
-    EXPECT_EQ(answer.headers.at("Content-Type"), type) << url << reply;
-    EXPECT_EQ(answer.body, body) << url;
-  };
-  for (const auto& [status, isJson, replies] : cases) {
-    for (const std::string& reply : replies) {
-      const bool translated = isJson && status == 200;
-      expect(kUrl, reply, status, isJson && !translated ? kJson : kXml,
-             translated ? kConverted : reply);
-      expect("/KAVRO/System/time", reply, status, isJson ? kJson : kXml, reply);
+  std::vector<Case> cases = casesOf("reply_status.txt");
+  for (const auto& reply :
+       {std::string("\0\xff\xfe", 3), std::string("\xFF\xD8\xFF\0{\"statusCode\":4}", 20),
+        std::string(5000, '[') /* deeper than the reader goes */}) {
+    cases.push_back({"", reply, "200 xml"});
+  }
+  cases.push_back({"", " \n [1]\n", "200 json"});
+  for (const auto& [head, reply, expected] : cases) {
+    const auto [status, type] = partedAt(expected, " ");
+    for (const char* url : {kUrl, "/KAVRO/System/time"}) {
+      const bool translated = url == kUrl && expected == "200 json";
+      const fake::Answer answer = converse(url, reply);
+      EXPECT_EQ(answer.count, 1) << reply;
+      EXPECT_EQ(std::to_string(answer.status), status) << url << reply;
+      EXPECT_EQ(answer.headers.at("Content-Type"), translated ? kXml : "application/" + type);
+      EXPECT_EQ(answer.body, translated ? kConverted : reply) << url;
     }
   }
 }
