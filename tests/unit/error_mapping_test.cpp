@@ -3,7 +3,7 @@
 
 #include "platform/wlog.h"
 #include "protocol/protocol_base.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/cases.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -11,29 +11,10 @@ namespace {
 class ErrorMapping : public PlatformTest {};
 
 TEST_F(ErrorMapping, EveryBusCode) {
-  const std::pair<unsigned int, std::vector<int>> named[] = {
-      {1, {0}},
-      {0x60000001, {1, 4, 7, 8, 261, 262, 264, 265, 272, 512, 513}},
-      {0x40001007, {2}},
-      {0x400010EA, {3}},
-      {0x4000108D, {5}},
-      {0x40001054, {6}},
-      {0x4000118A, {10}},
-      {0x6000005F, {256}},
-      {0x60000015, {257}},
-      {0x400010E7, {258}},
-      {0x400010E8, {259}},
-      {0x6000000B, {260}},
-      {0x40000008, {263}},
-      {0x40001187, {273}},
-      {0x40000006, {274, 515}},
-      {0x6000000F, {275}},
-      {0x40001014, {514, 517, 518}},
-      {0x40000009, {516}},
-  };
   std::map<int, unsigned int> codes;
-  for (const auto& [code, buses] : named) {
-    for (const int bus : buses) codes[bus] = code;
+  for (const auto& [head, code, buses] : casesOf("bus_codes.txt")) {
+    std::istringstream numbers(buses);
+    for (int bus = 0; numbers >> bus;) codes[bus] = std::stoul(code, nullptr, 16);
   }
   for (int bus = -1; bus <= 1100; ++bus) {
     EXPECT_EQ(CProtocolBase::getPtoErrorCode(bus), codes.contains(bus) ? codes[bus] : 0x30000014)
