@@ -57,11 +57,11 @@ bool readRequest(std::string_view input, std::size_t piece, std::size_t& at) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  if (size < 2) return 0;
-  const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
+void fuzz(std::string_view input) {
+  if (input.size() < 2) return;
+  const std::size_t piece = static_cast<unsigned char>(input[0]) + std::size_t{1};
+  input.remove_prefix(1);
   std::size_t at = 0;
-  while (at < input.size() && readRequest(input, data[0] + std::size_t{1}, at)) {
+  while (at < input.size() && readRequest(input, piece, at)) {
   }
-  return 0;
 }

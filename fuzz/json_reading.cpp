@@ -62,8 +62,7 @@ bool agreesOnExtents(std::string_view text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Require(agrees(TextOf(data, size)));
-  Require(agreesOnExtents(TextOf(data, size)));
-  return 0;
+void fuzz(std::string_view input) {
+  Require(agrees(input));
+  Require(agreesOnExtents(input));
 }
