@@ -22,12 +22,7 @@ class AlertTest : public PlatformTest {
   ~AlertTest() override { pto_.stop(); }
 
   Outcome open(const std::string& devIndex = "1", const std::string& url = kStreamUrl) {
-    const auto record = fake::http().open({QNHttpService::HTTP_GET, url});
-    Outcome outcome;
-    outcome.handle = record.exchange->getHttpHandle();
-    outcome.status =
-        pto_.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, devIndex);
-    return outcome;
+    return processBy(pto_, fake::http().open({QNHttpService::HTTP_GET, url}), devIndex);
   }
   // One alarm of device "1" through the pool.
   static void alarm() {

@@ -128,12 +128,11 @@ TEST_F(AlertSession, NoMemoryForTheSession) {
   const auto code = CProtocolBase::getPtoErrorCode(BUS_NO_RESOURCES);
   for (int n : {0, 1}) {  // the session and its table entry
     const auto record = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
+    const std::string device = "1";
     Outcome outcome;
-    outcome.handle = record.exchange->getHttpHandle();
     {
       const fake::FailAllocation failure(n);
-      outcome.status =
-          pto_.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, "1");
+      outcome = processBy(pto_, record, device);
       EXPECT_TRUE(failure.happened());
     }
     expectRefused(outcome, code, documentOf(code));
@@ -153,12 +152,10 @@ TEST_F(AlertSession, EveryFailedAllocationLeavesAWholeStreamOrNone) {
       pto_.start();
       if (subscribed) open("2");
       const auto record = fake::http().open({QNHttpService::HTTP_GET, kStreamUrl});
-      const std::string device = "1";
       Outcome first;
-      first.handle = record.exchange->getHttpHandle();
+      const std::string device = "1";
       failing([&] {
-        first.status =
-            pto_.procProtocol(first.bodyIsXml, first.body, first.asyncReply, record, device);
+        first.take(record, [&](auto&... all) { return pto_.procProtocol(all..., device); });
       });
       const Outcome retry = open();
       EXPECT_EQ(retry.status, 200) << n;

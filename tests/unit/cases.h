@@ -36,7 +36,7 @@ inline std::vector<Case> casesOf(const std::string& file) {
     if (line.empty() || line[0] == '#') continue;
     if (line.starts_with("== ")) {
       head = line.substr(3);
-    } else if (line[0] != ' ') {
+    } else if (line[0] != ' ' || cases.empty()) {
       cases.push_back({head, line, ""});
     } else {
       cases.back().given += qn::text::trimStart(line);

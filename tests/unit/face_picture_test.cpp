@@ -25,9 +25,7 @@ Outcome send(const std::string& url, const std::string& body, const std::string&
   record.hasMimePart = !mimeType.empty();
   record.mimeType = mimeType;
   Outcome outcome;
-  outcome.handle = record.exchange->getHttpHandle();
-  outcome.status =
-      QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+  outcome.take(record, QN_Protocol_HTTPProcess);
   EXPECT_EQ(outcome.asyncReply, 1);
   return outcome;
 }
@@ -128,11 +126,7 @@ TEST_F(FacePicture, EveryFailedAllocation) {
     fake::reset();
     const auto record = fake::http().open({QNHttpService::HTTP_POST, kRecordUrl, kRecord});
     Outcome outcome;
-    outcome.handle = record.exchange->getHttpHandle();
-    const bool returned = failing([&] {
-      outcome.status =
-          QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
-    });
+    const bool returned = failing([&] { outcome.take(record, QN_Protocol_HTTPProcess); });
     const bool queued = !fake::deviceBus().pending.empty();
     EXPECT_TRUE(returned || !queued) << n;
     EXPECT_TRUE(!queued || outcome.asyncReply == 1) << n;

@@ -212,9 +212,8 @@ Outcome probe(int handlerStatus, unsigned int method, const char* url) {
   Probe handler;
   handler.status = handlerStatus;
   Outcome outcome;
-  outcome.status =
-      handler.proc(outcome.bodyIsXml, outcome.body, outcome.asyncReply,
-                   fake::http().open({method, url, "", {{"X-Forwarded-For", "9.9.9.9"}}}));
+  outcome.take(fake::http().open({method, url, "", {{"X-Forwarded-For", "9.9.9.9"}}}),
+               [&](auto&... all) { return handler.proc(all...); });
   return outcome;
 }
 

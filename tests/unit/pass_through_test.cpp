@@ -58,9 +58,7 @@ TEST_F(PassThrough, RefusalOfTheBusIsTheAnswer) {
 TEST_F(PassThrough, NoExchangeAndNoMemoryAreNoResources) {
   CDeviceKAVROPto handler;
   const auto refuse = [&](const stHttpRes& request, const char* url) {
-    Outcome outcome;
-    outcome.status =
-        handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, request, "1");
+    const Outcome outcome = processBy(handler, request);
     EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(0x60000001));
     EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, url));
   };
