@@ -1,8 +1,6 @@
 // From the alarm bus's callback through the delivery pool to the streams.
 #include "platform/wlog.h"
 #include "tests/unit/alert_fixture.h"
-#include "tests/unit/cases.h"
-#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -13,18 +11,6 @@ class AlertDelivery : public AlertTest {
     return CEventPto::fAlarmDataCallBack(alarm.data(), static_cast<int>(alarm.size()), &pto_);
   }
 };
-
-std::string part(const std::string& typeAndContent) {
-  const auto [type, content] = partedAt(typeAndContent, " ");
-  std::string body = content.empty() ? "" : content + "\n";
-  if (type == "xml") {
-    body = std::string(kDeclaration) + "<EventNotificationAlert>" + content +
-           "</EventNotificationAlert>";
-  }
-  return "--boundary\r\nContent-Type: application/" + type +
-         "; charset=\"UTF-8\"\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-         body;
-}
 
 TEST_F(AlertDelivery, AlarmsBecomeParts) {
   const auto stream = open();

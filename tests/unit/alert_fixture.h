@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "alert/event_pto.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/cases.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
 
@@ -14,6 +15,19 @@ inline constexpr const char* kStreamUrl = "/KAVRO/Event/notification/alertStream
 inline std::string alarmOf(const std::string& devIndex, const std::string& eventType = "motion") {
   return R"({"EventNotificationAlert":{"devIndex":")" + devIndex + R"(","eventType":")" +
          eventType + R"("}})";
+}
+
+// What a stream gets for "json OBJECT", or for "xml CHILDREN" of the alert's element.
+inline std::string part(const std::string& typeAndContent) {
+  const auto [type, content] = partedAt(typeAndContent, " ");
+  std::string body = content.empty() ? "" : content + "\n";
+  if (type == "xml") {
+    body = std::string(kDeclaration) + "<EventNotificationAlert>" + content +
+           "</EventNotificationAlert>";
+  }
+  return "--boundary\r\nContent-Type: application/" + type +
+         "; charset=\"UTF-8\"\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+         body;
 }
 
 class AlertTest : public PlatformTest {

@@ -37,16 +37,7 @@ std::string documentOf(unsigned int code, const char* url = kStreamUrl) {
   return CProtocolBase::getResponseByError(static_cast<int>(code), url);
 }
 
-TEST_F(AlertSession, OnlyTheExactUrlByGetIsClaimed) {
-  EXPECT_EQ(pto_.checkUrlAndMethod(kStreamUrl, 0), 0);
-  for (const unsigned int method : {1, 2, 3}) {
-    EXPECT_EQ(pto_.checkUrlAndMethod(kStreamUrl, method), -1);
-  }
-  for (const char* url : {"/KAVRO/Event/notification/alertStream/", "/KAVRO/Event/notification",
-                          "/KAVRO/Event/notification/alertstream", "",
-                          "/KAVRO/Event/notification/alertStream?format=json"}) {
-    EXPECT_EQ(pto_.checkUrlAndMethod(url, 0), -1) << url;
-  }
+TEST_F(AlertSession, AnotherUrlIsAnInternalError) {
   expectRefused(open("1", "/else"), ERROR_INTERNAL, documentOf(ERROR_INTERNAL, "/else"));
   EXPECT_TRUE(busCalls().empty());
 }

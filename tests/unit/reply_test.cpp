@@ -86,45 +86,42 @@ TEST_F(Reply, GoneClientHarmsNobody) {
   EXPECT_EQ(broken.answer().count, 0);
 }
 
-// The caller keeps the record exactly when the callback returns -1.
-class ReplyRecord : public PlatformTest {
- protected:
-  static std::unique_ptr<tagDEVCFG_USERDATA> record(int handle, const void* owner) {
-    auto made = std::make_unique<tagDEVCFG_USERDATA>();
-    made->httpHandle = handle;
-    made->owner = owner;
-    made->data = new char[3];
-    made->dataLength = 3;
-    return made;
+// The caller keeps the record exactly when the callback returns -1, and then nothing is sent.
+TEST_F(Reply, RecordsOfTheCallback) {
+  char text[] = "{}!";
+  char* const none = nullptr;
+  // Not to be looked at.
+  const void* owner = reinterpret_cast<const void*>(1);
+  const struct {
+    bool live;
+    int handle;
+    const void* owner;
+    char* reply;
+    int length;
+    int result;
+    const char* line;
+  } cases[] = {
+      {false, 0, owner, text, 2, -1, "callback data error 1"},
+      {true, 0, nullptr, text, 2, -1, "callback data error 1"},
+      {true, 0, owner, none, 2, -1, "callback data error 2"},
+      {true, 0, owner, text, -1, -1, "callback data error 2"},
+      {true, -1, owner, text, 2, 0, "callback data error 4"},
+      {true, -2, owner, text, 2, 0, "callback data error 4"},
+      {true, 0, owner, text, 2, 0, ""},
+  };
+  for (const auto& [live, handle, of, reply, length, result, line] : cases) {
+    fake::reset();
+    const Outcome outcome = get(kUrl);
+    auto record = std::make_unique<tagDEVCFG_USERDATA>();
+    record->httpHandle = handle < 0 ? handle : outcome.handle;
+    record->owner = of;
+    record->data = new char[3];
+    record->dataLength = 3;
+    EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply, length, live ? record.get() : nullptr), result);
+    if (result == 0) static_cast<void>(record.release());
+    EXPECT_TRUE(*line == '\0' || fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, line)) << line;
+    EXPECT_EQ(outcome.answer().body, *line == '\0' ? kConverted : "");
   }
-  char reply_[3] = {'{', '}', '!'};
-};
-
-TEST_F(ReplyRecord, NothingIsSentOrFreedWithoutOwnerOrReply) {
-  const Outcome outcome = get(kUrl);
-  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, nullptr), -1);
-  EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, "callback data error 1"));
-  const auto ownerless = record(outcome.handle, nullptr);
-  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, ownerless.get()), -1);
-  const auto owned = record(outcome.handle, this);
-  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(nullptr, 2, owned.get()), -1);
-  EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, "callback data error 2"));
-  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, -1, owned.get()), -1);
-  EXPECT_EQ(outcome.answer().count, 0);
-}
-
-TEST_F(ReplyRecord, NegativeHandleSendsNothingAndFreesTheRecord) {
-  for (const int handle : {-1, -2}) {
-    EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, record(handle, this).release()), 0);
-    EXPECT_TRUE(fake::loggedIn("deviceCfgCallBack", WLOG_ERROR, "callback data error 4"));
-  }
-}
-
-TEST_F(ReplyRecord, OwnerIsNotTouched) {
-  const Outcome outcome = get(kUrl);
-  const void* gone = reinterpret_cast<const void*>(1);
-  EXPECT_EQ(CDevCfgBase::deviceCfgCallBack(reply_, 2, record(outcome.handle, gone).release()), 0);
-  EXPECT_EQ(outcome.answer().body, kConverted);
 }
 
 // Whichever allocation fails, the client gets one answer, the right one or a 500, and nothing
