@@ -42,7 +42,7 @@ TEST_F(Golden, OddReplies) {
     fake::reset();
     const auto answer = answerTo(requestOf(head), replyOf(given));
     const auto [outcome, line] = partedAt(expected, "|");
-    if (outcome == kFails || outcome[0] == '<') {
+    if (outcome.empty() || outcome[0] == '<' || outcome == kFails) {
       EXPECT_EQ(answer.value_or(kFails), (answer ? kDeclaration : "") + outcome) << given;
     } else {
       const auto [element, content] = partedAt(outcome, ":");
@@ -68,16 +68,9 @@ TEST_F(Golden, OddRequests) {
   }
 }
 
-// Documents that do not depend on the device's reply, to the byte.
-TEST_F(Golden, FixedAnswers) {
-  const std::string hdd = golden("hdd_list.xml");
-  EXPECT_EQ(answerTo({0, "/KAVRO/ContentMgmt/Storage/hdd"}, "{}"), hdd.substr(0, hdd.size() - 1));
-  EXPECT_EQ(answerTo({0, "/KAVRO/System/capabilities"}, "[7]"),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?><DeviceCap version = \"2.0\"><SysCap><IOCap "
-            " version = \"2.0\"></IOCap></SysCap></DeviceCap>");
-  EXPECT_EQ(answerTo({0, "/KAVRO/Smart/capabilities"}, "{}"),
-            R"(<?xml version="1.0" encoding="UTF-8"?>)");
-  EXPECT_EQ(answerTo({0, "/KAVRO/System/IO"}, "7"), R"(<?xml version="1.0" encoding="UTF-8"?>)");
+TEST_F(Golden, ListOfDisksToTheByte) {
+  EXPECT_EQ(answerTo({0, "/KAVRO/ContentMgmt/Storage/hdd"}, "{}").value_or("") + "\n",
+            golden("hdd_list.xml"));
 }
 
 // Line breaks only where clients have always got them: behind the declaration and the list's tag.

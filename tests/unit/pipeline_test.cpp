@@ -112,16 +112,14 @@ TEST_F(Pipeline, WhatCannotBeMadeARequestIsAnsweredAtOnce) {
     expectError(probe(handler), code);
   }
   EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_ERROR, "no resouce."));
-}
-
-TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
+  fake::reset();
   Probe handler;
-  Outcome outcome;
+  Outcome withoutMemory;
   {
-    const fake::FailNothrowAllocations noMemory;
-    outcome = probe(handler);
+    const fake::FailNothrowAllocations failure;
+    withoutMemory = probe(handler);
   }
-  expectError(outcome, 0x60000001);
+  expectError(withoutMemory, 0x60000001);
   EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_ERROR, "no resouce."));
 }
 
