@@ -40,17 +40,6 @@ TEST_F(AlertDelivery, WhatIsNoAlarmIsAFault) {
   EXPECT_EQ(fake::runtime().queuedJobs(), 0);
 }
 
-TEST_F(AlertDelivery, EveryStreamOfTheDeviceAndNoOther) {
-  const auto first = open("1");
-  const auto other = open("2");
-  const auto second = open("1");
-  fake::alarmBus().raise(alarmOf("1"));
-  EXPECT_EQ(fake::runtime().queuedJobs(), 2);
-  EXPECT_EQ(parts(first), parts(second));
-  EXPECT_EQ(parts(first).size(), 1u);
-  EXPECT_TRUE(parts(other).empty());
-}
-
 TEST_F(AlertDelivery, ABrokenLinkEndsItsStreamOnlyAndTheLastTheDevice) {
   const auto first = open();
   const auto second = open();
