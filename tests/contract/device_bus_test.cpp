@@ -48,6 +48,7 @@ TEST(DeviceUrl, NoSpellingLeadsOutOfTheDevicesPathOrHidesTheDevIndex) {
 }
 
 TEST(Circuit, OpensAfterThreeFailuresAndLetsOneProbeThroughEachSecond) {
+  testing::internal::CaptureStderr();
   Circuit circuit("1");
   const Circuit::Clock::time_point start{seconds(1000)};
   circuit.failed(start);
@@ -67,6 +68,13 @@ TEST(Circuit, OpensAfterThreeFailuresAndLetsOneProbeThroughEachSecond) {
   circuit.succeeded();
   EXPECT_TRUE(circuit.admit(start + seconds(2)));
   EXPECT_FALSE(circuit.blocked(start + seconds(2)));
+  std::istringstream log(testing::internal::GetCapturedStderr());
+  const std::string opened = "device 1 does not answer: probing it from now on";
+  for (const auto& line : {opened, std::string("device 1 answers again"), std::string()}) {
+    std::string found;
+    std::getline(log, found);
+    EXPECT_TRUE(found.ends_with(line) && found.empty() == line.empty()) << found;
+  }
 }
 
 class DeviceBusTest : public BusTest {};
