@@ -115,8 +115,9 @@ TEST(MultipartReader, HoweverTheStreamIsCut) {
        {{json, "{}"}, {"text/plain", "a{b"}}},
       {"without lengths, the object's end is the part's",
        "--b\r\nContent-Type: application/json\r\n\r\n{\"a\":{\"s\":\"}--b\\\"\"}}\r\n--b\r\n\r\n"
-       "  {\"b\":[]}",
-       {{json, "{\"a\":{\"s\":\"}--b\\\"\"}}"}, {"", "{\"b\":[]}"}}},
+       "  {\"b\":[true,null,-1,18446744073709551615,1.5]}",
+       {{json, "{\"a\":{\"s\":\"}--b\\\"\"}}"},
+        {"", "{\"b\":[true,null,-1,18446744073709551615,1.5]}"}}},
       {"without a length, no JSON after all: to the boundary",
        "--b\r\n\r\n{\"a\":1 2}\r\n--b\r\n\r\n{a}\r\n--b\r\n",
        {{"", "{\"a\":1 2}"}, {"", "{a}"}}},

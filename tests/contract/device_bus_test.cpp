@@ -48,6 +48,7 @@ TEST(DeviceUrl, NoSpellingLeadsOutOfTheDevicesPathOrHidesTheDevIndex) {
 }
 
 TEST(Circuit, OpensAfterThreeFailuresAndLetsOneProbeThroughEachSecond) {
+  testing::internal::CaptureStderr();
   Circuit circuit("1");
   const Circuit::Clock::time_point start{seconds(1000)};
   circuit.failed(start);
@@ -67,6 +68,13 @@ TEST(Circuit, OpensAfterThreeFailuresAndLetsOneProbeThroughEachSecond) {
   circuit.succeeded();
   EXPECT_TRUE(circuit.admit(start + seconds(2)));
   EXPECT_FALSE(circuit.blocked(start + seconds(2)));
+  std::istringstream log(testing::internal::GetCapturedStderr());
+  const std::string opened = "device 1 does not answer: probing it from now on";
+  for (const auto& line : {opened, std::string("device 1 answers again"), std::string()}) {
+    std::string found;
+    std::getline(log, found);
+    EXPECT_TRUE(found.ends_with(line) && found.empty() == line.empty()) << found;
+  }
 }
 
 class DeviceBusTest : public BusTest {};
@@ -282,6 +290,61 @@ TEST_F(DeviceBusTest, WhatWaitsIsBoundedInBytesForEachDeviceAndInAll) {
   }
 }
 
+// Says what the request's body asks for: a length to announce, how many bytes to send, and how.
+ScriptedDevice::Script talkative(Events& written) {
+  return [&written](Peer& peer) {
+    while (const auto request = peer.read()) {
+      std::size_t announced = 0;
+      std::size_t sent = 0;
+      char how = ' ';
+      std::sscanf(request->body.c_str(), "%zu %zu %c", &announced, &sent, &how);
+      const std::string body(sent, how);
+      peer.write(how == 'u'
+                     ? kHead + "\r\n" + body
+                     : kHead + "Content-Length: " + std::to_string(announced) + "\r\n\r\n" + body);
+      written.signal();
+      if (how == 'u') return;
+    }
+  };
+}
+
+TEST_F(DeviceBusTest, LongRepliesWaitForRoomAndShortOnesDoNot) {
+  Events written;
+  Events ignored;
+  ScriptedDevice one(talkative(written));
+  ScriptedDevice other(talkative(ignored));
+  configuration_.bus.replyMemory = 3'600'000;  // one reply of 300,000 bytes, or three of 100,000
+  addDevice("1", one.port());
+  addDevice("2", other.port());
+  const auto ask = [](const char* device, const char* reply, milliseconds timeout = seconds(20)) {
+    return send(device, timeout, PUT, reply);
+  };
+  const auto hanging = ask("1", "290000 10", milliseconds(2500));
+  ASSERT_TRUE(written.wait());
+  EXPECT_EQ(ask("1", "9 9")->text().size(), 9u);
+  const auto refused = ask("2", "100000 100000", milliseconds(1200));
+  const auto waiting = ask("2", "100000 100000");
+  const auto large = ask("2", "900000 900000");
+  EXPECT_EQ(ask("2", "60000 60000")->text().size(), 60000u);
+  EXPECT_EQ(ask("2", "0 200000 u")->error(), ERROR_TOO_MANY_REQUESTS) << "it cannot wait";
+  EXPECT_EQ(refused->error(), ERROR_TOO_MANY_REQUESTS);
+  EXPECT_EQ(waiting->calls() + large->calls() + hanging->calls(), 0);
+  EXPECT_EQ(hanging->error(), ERROR_DEVICE_TIMEOUT);
+  EXPECT_EQ(waiting->text().size(), 100000u);
+  EXPECT_EQ(large->text().size(), 900000u) << "alone it may be over the bound";
+  EXPECT_TRUE(eventually([&] { return ask("2", "0 100000 u")->text().size() == 100000; }))
+      << "what a reply held is given back when its answer is taken";
+
+  const auto ownPart = ask("1", "100000 10", milliseconds(2500));  // half of all is one device's
+  ASSERT_TRUE(written.wait(3));
+  const auto beyond = ask("1", "100000 100000");
+  EXPECT_EQ(ask("2", "100000 100000")->text().size(), 100000u);
+  EXPECT_EQ(beyond->calls(), 0);
+  EXPECT_EQ(ownPart->error(), ERROR_DEVICE_TIMEOUT);
+  EXPECT_EQ(beyond->text().size(), 100000u);
+  EXPECT_EQ(hanging->calls() + waiting->calls() + large->calls() + beyond->calls(), 4);
+}
+
 struct SomebodyAsking : Asker {
   bool isGone() const override { return gone; }
   std::atomic<bool> gone{false};
@@ -458,6 +521,29 @@ TEST_F(ConcurrentBusTest, EveryRequestOfManyThreadsIsAnsweredOnce) {
   bus_.stop();
   for (const auto& sent : all) EXPECT_EQ(sent->calls(), 1);
   EXPECT_LE(good.connections(), 16);
+}
+
+TEST_F(ConcurrentBusTest, LongRepliesHoldNoMoreThanTheirBudgetAndAllAreRead) {
+  constexpr std::size_t kReply = 100'000;
+  configuration_.bus.replyMemory = 5 * kReply * ReplyBudget::kFactor;
+  const std::string long_(kReply, ' ');
+  ScriptedDevice device(ScriptedDevice::answering([&](const auto&) { return jsonReply(long_); }));
+  for (const char* index : {"1", "2", "3"}) addDevice(index, device.port());
+  std::vector<SentPtr> all(60);
+  onThreads(4, [&](int thread) {
+    for (std::size_t i = static_cast<std::size_t>(thread); i < all.size(); i += 4) {
+      all[i] = send(std::to_string(i % 3 + 1));
+    }
+  });
+  std::size_t most = 0;
+  for (const auto& sent : all) {
+    while (sent->calls() == 0) most = std::max(most, bus_.replyMemory());
+    EXPECT_EQ(sent->text(), long_);
+  }
+  EXPECT_GT(most, 0u);
+  EXPECT_LE(most, configuration_.bus.replyMemory);
+  EXPECT_TRUE(eventually([&] { return bus_.replyMemory() == 0; }));
+  for (const auto& sent : all) EXPECT_EQ(sent->calls(), 1);
 }
 
 TEST_F(ConcurrentBusTest, StopAnswersEverythingOnceAndRefusesTheRest) {

@@ -90,6 +90,17 @@ TEST_F(HttpFixture, WithoutIdleOnesNewConnectionsAreToldToComeBack) {
   EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; })) << "busy is idle now";
 }
 
+TEST_F(HttpFixture, TheNumberOfConnectionsMayChange) {
+  options_.connections = 3;
+  start();
+  const auto first = idleClient(port());
+  service_->limitConnections(1);
+  EXPECT_EQ(ask(kGet).status, 503);
+  EXPECT_EQ(first->ask(kGet).status, 200);
+  service_->limitConnections(2);
+  EXPECT_EQ(ask(kGet).status, 200);
+}
+
 TEST_F(HttpFixture, TrustedProxiesMayHaveManyConnections) {
   options_.connectionsPerAddress = 1;
   options_.trustedProxies = {"127.0.0.0/8"};
@@ -111,12 +122,14 @@ class StrangersTest : public HttpFixture {
  protected:
   StrangersTest() { entry_ = {runScript, recogniseRight}; }
 
+  static std::string put(std::size_t length, const std::string& lines = {}) {
+    return "PUT /b HTTP/1.1\r\nHost: h\r\n" + lines + "Content-Length: " + std::to_string(length) +
+           "\r\n\r\n";
+  }
   // A body of which one byte is missing.
   std::unique_ptr<RawClient> unfinished(const std::string& lines = {}) {
     auto client =
-        std::make_unique<RawClient>(port(), "PUT /b HTTP/1.1\r\nHost: h\r\n" + lines +
-                                                "Content-Length: " + std::to_string(kBody) +
-                                                "\r\n\r\n" + std::string(kBody - 1, 'x'));
+        std::make_unique<RawClient>(port(), put(kBody, lines) + std::string(kBody - 1, 'x'));
     ::usleep(50'000);
     return client;
   }
@@ -134,9 +147,14 @@ TEST_F(StrangersTest, UnfinishedBodiesTakeNothingFromUsers) {
     return std::string("X-Forwarded-For: ") + client + "\r\n";
   };
   const auto first = unfinished(from("2001:db8::1"));
-  EXPECT_EQ(unfinished(from("2001:db8::2"))->answer().status, 503) << "one for each network";
+  const std::string wrong = credentials("wrong");
+  EXPECT_EQ(unfinished(from("2001:db8::2") + wrong)->answer().status, 503)
+      << "one for each network";
   const auto second = unfinished(from("192.0.2.1"));
-  EXPECT_EQ(unfinished(from("192.0.2.2"))->answer().status, 503) << "and so many in all";
+  EXPECT_EQ(unfinished(from("192.0.2.2") + wrong)->answer().status, 503) << "and so many in all";
+  const auto asking = unfinished(from("192.0.2.2"));
+  EXPECT_EQ(asking->ask("x").body, "/b|") << "for the challenge no body is needed";
+  EXPECT_EQ(asking->ask(put(3, credentials("right")) + "abc").body, "/b|abc");
   const auto user = unfinished(credentials("right"));
   const auto other = unfinished(from("2001:db8::1") + credentials("right"));
   for (const auto* client : {&user, &other, &first, &second}) {

@@ -513,6 +513,29 @@ TEST_F(LockoutTest, APrefixHasABoundedShare) {
   }
 }
 
+// Only then a login costs no look at the table. What a full set gives up is not counted any more.
+TEST_F(LockoutTest, IsEmptyAgainWhenAllFailuresAreForgotten) {
+  const LockOptions patient{5, seconds(60)};
+  const auto network = [](int i) {
+    return ClientNetwork("2001:db8:0:" + std::to_string(i) + "::1");
+  };
+  EXPECT_TRUE(lockout_.isEmpty(now_));
+  for (const char* user : {"admin", "operator"}) lockout_.fail(network(0), user, patient, now_);
+  for (int i = 0; i < 2; ++i) lockout_.forget(network(0), "admin", patient, now_);
+  EXPECT_FALSE(lockout_.isEmpty(now_)) << "of the other";
+  lockout_.forget(network(0), "operator", patient, now_);
+  EXPECT_TRUE(lockout_.isEmpty(now_));
+  for (int i = 0; i < 300; ++i) lockout_.fail(network(i), "admin", patient, now_);
+  for (int i = 0; i < 300; ++i) {
+    EXPECT_FALSE(lockout_.isEmpty(now_));
+    lockout_.forget(network(i), "admin", patient, now_);
+  }
+  EXPECT_TRUE(lockout_.isEmpty(now_));
+  fail("192.0.2.1");
+  EXPECT_FALSE(lockout_.isEmpty(now_ + seconds(59)));
+  EXPECT_TRUE(lockout_.isEmpty(now_ + seconds(60)));
+}
+
 TEST_F(LockoutTest, CountsAnIPv6NetworkAsOneClient) {
   const std::pair<const char*, const char*> same[] = {
       {"2001:db8:1:2::1", "2001:db8:1:2:ffff:ffff:ffff:ffff"},

@@ -1,6 +1,7 @@
 """Nobody can take what others need: descriptors, memory for bodies, ports."""
 import contextlib
 import pathlib
+import re
 import resource
 import signal
 import socket
@@ -66,6 +67,27 @@ class Descriptors(Fixture):
         self.assertNotIn("Too many open files", self.gateway.log())
 
 
+class MoreDescriptors(FewDescriptors):
+    command = ("sh", "-c", 'ulimit -n 256 && exec "$0" "$@"', harness.BIN / "qn-gateway")
+
+
+class Reloaded(Fixture):
+    Gateway = MoreDescriptors
+
+    def test_devices_that_a_reload_adds_get_a_reserve(self):
+        def most():
+            return [int(count) for count in re.findall(r"at most (\d+) conn", self.gateway.log())]
+
+        self.gateway.write_configuration(
+            [{"index": str(i), "url": self.devices.urls[0]} for i in range(1, 4)],
+            [harness.user("admin", "1")])
+        self.gateway.reload()
+        self.assertEqual(most(), [154, 124])
+        self.strangers(200, b"GET / HTTP/1.1\r\nHo")
+        time.sleep(0.5)
+        self.assertLess(self.gateway.descriptors(), 256 - 2 * 17)
+
+
 class Ports(Fixture):
     def test_no_picture_is_taken_while_its_port_is_not_ours(self):
         self.assertEqual(harness.upload(self.client()).status, 200)
@@ -86,6 +108,10 @@ class Bodies(Fixture):
                 "Content-Length: 9000000\r\n\r\n")
         self.strangers(32, head.encode() + b"x" * 8_900_000)
         time.sleep(0.5)
+        with client.Client(self.gateway.port, timeout=30) as stranger:
+            refused = stranger.put("/KAVRO/System/time?format=json", " " * 9_000_000)
+            self.assertIn("Digest", refused.headers.get("WWW-Authenticate", ""), refused)
+            self.assertEqual(harness.upload(stranger).status, 401)
         one = self.client()
         self.assertEqual(one.get(INFO).status, 200)  # now it knows a nonce
         body = '{"Time": {"timeMode": "NTP"}}' + " " * 9_000_000
