@@ -135,16 +135,13 @@ TEST(MultipartReader, HoweverTheStreamIsCut) {
        "--b\r\nContent-Length: 9\r\n\r\n--b\r\n\r\n{}",
        {{"", "--b\r\n\r\n{}"}}},
       {"an unfinished part is none", "--b\r\nContent-Length: 5\r\n\r\n1234", {}},
-      {"header line without a colon", "--b\r\nContent-Length\r\n\r\n{}", {{"failed", ""}}},
-      {"length that is none", "--b\r\nContent-Length: 1x\r\n\r\n{}", {{"failed", ""}}},
-      {"negative length", "--b\r\nContent-Length: -1\r\n\r\n{}", {{"failed", ""}}},
-      {"length without end",
-       "--b\r\nContent-Length: 99999999999999999999\r\n\r\n",
-       {{"failed", ""}}},
   };
   for (const auto& [what, stream, parts] : cases) {
     SCOPED_TRACE(what);
     expectHoweverItIsCut(stream, parts);
+  }
+  for (const std::string length : {"", ": 1x", ": -1", ": 99999999999999999999"}) {
+    expectHoweverItIsCut("--b\r\nContent-Length" + length + "\r\n\r\n{}", {{"failed", ""}});
   }
 }
 
@@ -179,10 +176,7 @@ TEST(ReadBuffer, HoldsAtMostItsLargestSizeAndHasSpaceAgainWhenCleared) {
 }
 
 TEST(ReplyParser, Boundary) {
-  const struct {
-    std::string type;
-    std::string boundary;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"multipart/mixed; boundary=b", "b"},
       {"Multipart/Mixed;boundary=\"a b;c\"", "a b;c"},
       {"multipart/x-mixed-replace; charset=x; boundary=b; q=1", "b"},
@@ -193,13 +187,12 @@ TEST(ReplyParser, Boundary) {
       {"multipart/mixed; boundary=", ""},
       {"multipart/mixed; boundary=\"\"", ""},
       {"application/json; boundary=b", ""},
-      {"", ""},
   };
   for (const auto& [type, boundary] : cases) {
     ReplyParser response(std::nullopt);
-    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: " + std::string(type) + "\r\n\r\n";
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: " + type + "\r\n\r\n";
     boost::beast::error_code error;
-    response.put(boost::asio::const_buffer(head.data(), head.size()), error);
+    response.put(boost::asio::buffer(head), error);
     EXPECT_EQ(response.boundary(), boundary) << type;
   }
 }

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <regex>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -60,7 +58,7 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   EXPECT_EQ(tuple(c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full),
             tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
   EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
-  EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes), tuple(6000, 7000));
+  EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes, c.bus.replyMemory), tuple(6000, 7000, 8000));
   EXPECT_EQ(c.log.level, "warn");
   ASSERT_EQ(c.users.size(), 2U);
   EXPECT_EQ(c.users[0].ha1,

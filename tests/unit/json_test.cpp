@@ -27,6 +27,11 @@ TEST(Json, TextsOfTooManyValuesAreRefused) {
   EXPECT_TRUE(Reading(text + "]").isJson());
   EXPECT_FALSE(Reading(text + ",0]").isJson());
   EXPECT_TRUE(Reading('"' + std::string(3'000'000, 'x') + '"').isJson());
+  std::string odd = "[0/**/";
+  for (int i = 0; i < 299'000; ++i) odd += ",0";
+  EXPECT_TRUE(Reading(odd + "]").isJson());
+  for (int i = 0; i < 1'000; ++i) odd += ",{}";
+  EXPECT_FALSE(Reading(odd + "]").isJson()) << "what only the slower reader takes";
 }
 
 TEST(Json, Extents) {
