@@ -107,5 +107,32 @@ TEST_F(HttpStreamTest, StreamsAreNotWaitedForAndCloseWithTheService) {
   EXPECT_EQ(push("x"), HTTP_LINK_BROKEN);
 }
 
+// Counts what an exchange asks of its connection.
+struct CountingLink final : AnswerLink {
+  void deliver(const ExchangePtr&, std::string_view) override {}
+  void openStream(const ExchangePtr&) override { ++opened; }
+  void wakeStream() override { ++woken; }
+  void sendParts() override {}
+  int opened = 0;
+  int woken = 0;
+};
+
+TEST(StreamQueue, WakesTheConnectionOnceForAllPartsThatWait) {
+  const auto link = std::make_shared<CountingLink>();
+  const auto exchange = QNHttpService::ExchangeState::create({}, {"", 80, link});
+  exchange->markStream();
+  for (const int woken : {1, 2}) {
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(exchange->respond("part", 4), 4);
+    EXPECT_EQ(link->woken, woken);
+    std::string parts;
+    EXPECT_TRUE(exchange->takeParts(parts));
+    EXPECT_EQ(parts, "partpartpart");
+    EXPECT_FALSE(exchange->takeParts(parts));
+  }
+  EXPECT_EQ(link->opened, 1);
+  exchange->detach();
+  EXPECT_EQ(exchange->respond("part", 4), QNHttpService::HTTP_LINK_BROKEN);
+}
+
 }  // namespace
 }  // namespace qn
