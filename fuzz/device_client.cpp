@@ -194,12 +194,12 @@ void listenThroughAFeed(World& world, const qn::DeviceConfig& config) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void fuzz(std::string_view input) {
   static World world;
-  if (size == 0) return 0;
-  const qn::DeviceConfig config = world.publish((data[0] & 2) != 0);
-  world.device.learn(TextOf(data + 1, size - 1), kPieces[data[0] / 4 % kPieces.size()]);
-  (data[0] & 1) == 0 ? askThroughTheBus(world, config) : listenThroughAFeed(world, config);
+  if (input.empty()) return;
+  const auto first = static_cast<unsigned char>(input.front());
+  const qn::DeviceConfig config = world.publish((first & 2) != 0);
+  world.device.learn(input.substr(1), kPieces[first / 4 % kPieces.size()]);
+  (first & 1) == 0 ? askThroughTheBus(world, config) : listenThroughAFeed(world, config);
   world.settle();
-  return 0;
 }
