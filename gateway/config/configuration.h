@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "gateway/auth/digest.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 
@@ -82,10 +83,6 @@ struct BusOptions {
   // What requests that are not answered may hold; a single one may hold more.
   std::size_t deviceBytes = 32 * 1024 * 1024;
   std::size_t bytes = 256 * 1024 * 1024;  // of all devices
-};
-
-struct LogOptions {
-  std::string level = "info";  // debug, info, warn, error
 };
 
 // The user whose presence activates the gateway.
