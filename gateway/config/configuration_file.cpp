@@ -74,6 +74,7 @@ constexpr Key<BusOptions> kBusKeys[] = {
     {"reply_bytes", &BusOptions::replyBytes, {1024, 1024 * kMiB}},
     {"device_bytes", &BusOptions::deviceBytes, {1024, kMiB* kMiB}},
     {"bytes", &BusOptions::bytes, {1024, kMiB* kMiB}},
+    {"reply_memory", &BusOptions::replyMemory, {1024, kMiB* kMiB}},
 };
 
 constexpr Key<LogOptions> kLogKeys[] = {

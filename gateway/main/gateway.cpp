@@ -105,6 +105,7 @@ void Gateway::reload(Configuration next) {
   setLogOptions(configuration_->log);
   pictures_.setOptions(configuration_->pictures);
   applyExtraPorts();
+  http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
 }
 
