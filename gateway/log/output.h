@@ -18,7 +18,8 @@ namespace qn {
 // Any thread.
 class LogOutput {
  public:
-  static constexpr std::size_t kWaitingBytes = 4 * 1024 * 1024;  // more lines are dropped
+  // That wait, besides as many that are being written; more lines are dropped.
+  static constexpr std::size_t kWaitingBytes = 4 * 1024 * 1024;
   static constexpr std::chrono::seconds kFlushTime{1};
 
   static LogOutput& instance();
