@@ -122,12 +122,14 @@ class StrangersTest : public HttpFixture {
  protected:
   StrangersTest() { entry_ = {runScript, recogniseRight}; }
 
+  static std::string put(std::size_t length, const std::string& lines = {}) {
+    return "PUT /b HTTP/1.1\r\nHost: h\r\n" + lines + "Content-Length: " + std::to_string(length) +
+           "\r\n\r\n";
+  }
   // A body of which one byte is missing.
   std::unique_ptr<RawClient> unfinished(const std::string& lines = {}) {
     auto client =
-        std::make_unique<RawClient>(port(), "PUT /b HTTP/1.1\r\nHost: h\r\n" + lines +
-                                                "Content-Length: " + std::to_string(kBody) +
-                                                "\r\n\r\n" + std::string(kBody - 1, 'x'));
+        std::make_unique<RawClient>(port(), put(kBody, lines) + std::string(kBody - 1, 'x'));
     ::usleep(50'000);
     return client;
   }

@@ -1,6 +1,7 @@
 """Nobody can take what others need: descriptors, memory for bodies, ports."""
 import contextlib
 import pathlib
+import re
 import resource
 import signal
 import socket
@@ -110,7 +111,7 @@ class Bodies(Fixture):
         with client.Client(self.gateway.port, timeout=30) as stranger:
             refused = stranger.put("/KAVRO/System/time?format=json", " " * 9_000_000)
             self.assertIn("Digest", refused.headers.get("WWW-Authenticate", ""), refused)
-            self.assertEqual(self.upload(stranger), 401)
+            self.assertEqual(harness.upload(stranger).status, 401)
         one = self.client()
         self.assertEqual(one.get(INFO).status, 200)  # now it knows a nonce
         body = '{"Time": {"timeMode": "NTP"}}' + " " * 9_000_000
