@@ -97,7 +97,7 @@ class Activation(harness.GatewayTest):
     def test_without_a_user_nothing_is_served(self):
         answer = self.client().get(INFO)
         self.assertEqual((answer.status, answer.xml().tag), (403, "ResponseStatus"), answer)
-        self.assertIn("not activated", self.gateway.log())
+        harness.wait_until(lambda: "not activated" in self.gateway.log())
 
 
 class StoppingUnderLoad(harness.GatewayTest):
