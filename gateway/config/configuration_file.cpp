@@ -79,6 +79,9 @@ constexpr Key<BusOptions> kBusKeys[] = {
 
 constexpr Key<LogOptions> kLogKeys[] = {
     {"level", &LogOptions::level, {}, &kLevelRule},
+    {"format", &LogOptions::format, {}, &kLogFormatRule},
+    {"access", &LogOptions::access, {}, &kAccessRule},
+    {"file", &LogOptions::file, {}, &kPathRule},
 };
 
 // With the keys that are not kept as they stand.

@@ -2,7 +2,6 @@
 import json
 import socket
 import time
-import unittest
 
 import client
 import harness
@@ -177,7 +176,3 @@ class SlowClients(harness.GatewayTest):
             one.close()
         harness.wait_until(lambda: self.gateway.descriptors() < 100 < before, 10,
                            "the descriptors of the closed connections")
-
-
-if __name__ == "__main__":
-    unittest.main()

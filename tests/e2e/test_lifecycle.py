@@ -190,7 +190,3 @@ class OperationLog(harness.GatewayTest):
         self.gateway.wait()
         self.assertEqual([row[2] for row in self.rows()],
                          [expected[2][2]] + [f"DELETE /KAVRO/Number/{n}" for n in range(4)])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -129,7 +129,3 @@ class Memory(Fixture):
         resource.prlimit(pid, resource.RLIMIT_AS, (limit, limit))
         self.gateway.signal(signal.SIGTERM)
         self.assertEqual(self.gateway.wait(), 0, self.gateway.log())
-
-
-if __name__ == "__main__":
-    unittest.main()
