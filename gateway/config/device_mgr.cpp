@@ -90,7 +90,9 @@ std::shared_ptr<const CNovDevice> QN_DeviceMgr_GetDevice(std::string devIndex) {
   return {inForce, found->second.get()};
 }
 
-void QN_DeviceMgr_GetAllKAVROPort(std::vector<CKAVROPort>& ports) { ports = qn::published()->ports; }
+void QN_DeviceMgr_GetAllKAVROPort(std::vector<CKAVROPort>& ports) {
+  ports = qn::published()->ports;
+}
 
 void QN_DeviceMgr_NotifyAttach(DeviceChangeCallBack routine, const void* user) {
   if (routine) qn::listeners().attach(routine, user);

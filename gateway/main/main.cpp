@@ -6,31 +6,18 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
-#include <iostream>
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
+#include "gateway/main/command_line.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/main/gateway.h"
 
 namespace {
-
-struct Arguments {
-  std::filesystem::path config;
-  std::filesystem::path module;
-  bool checkOnly = false;
-};
-
-// In an installation and in the build tree alike.
-std::filesystem::path moduleBesideProgram() {
-  const auto program = std::filesystem::read_symlink("/proc/self/exe");
-  return program.parent_path().parent_path() / "lib" / "libQNKAVROProtocol.so";
-}
 
 // Blocked in every thread and taken one by one by serve(); a write to a closed socket is no signal.
 sigset_t blockSignals() {
@@ -49,6 +36,10 @@ void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
     qn::checkReload(gateway.inForce(), next, file.string());
     gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
+  } catch (const qn::ConfigurationError& error) {
+    for (const std::string& line : error.lines()) {
+      qn::logError("configuration not changed: {}", line);
+    }
   } catch (const std::exception& error) {
     qn::logError("configuration not changed: {}", error.what());
   }
@@ -74,7 +65,7 @@ constexpr timespec kTick{1, 0};
 
 constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
 
-void serve(const Arguments& arguments) {
+void serve(const qn::Arguments& arguments) {
   umask(kNobodyElse);
   const auto signals = blockSignals();
   qn::raiseDescriptorLimit();
@@ -94,25 +85,20 @@ void serve(const Arguments& arguments) {
   }
 }
 
+int endWith(qn::ExitStatus status, const char* text) {
+  std::fprintf(stderr, "qn-gateway: %s\n", text);
+  return int(status);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
-  Arguments arguments;
-  arguments.module = moduleBesideProgram();
-  CLI::App app{"KAVRO gateway: one KAVRO server in front of many sub-devices."};
-  app.set_version_flag("--version", std::string("qn-gateway ") + QN_VERSION);
-  app.add_option("--config", arguments.config, "configuration file (TOML)")->required();
-  app.add_option("--module", arguments.module, "protocol module to load")->capture_default_str();
-  app.add_flag("--check-config", arguments.checkOnly, "read the configuration, say what is wrong");
-  CLI11_PARSE(app, argc, argv);
-
-  if (arguments.checkOnly) {
-    qn::readConfiguration(arguments.config);
-    std::cout << arguments.config.string() << " is valid\n";
-    return 0;
-  }
+  qn::Arguments arguments;
+  if (const auto done = qn::readCommandLine(argc, argv, arguments)) return int(*done);
   serve(arguments);
+  return int(qn::ExitStatus::Good);
+} catch (const qn::ConfigurationError& error) {
+  return endWith(qn::ExitStatus::BadConfiguration, error.what());
 } catch (const std::exception& error) {
-  std::fprintf(stderr, "qn-gateway: %s\n", error.what());
-  return 1;
+  return endWith(qn::ExitStatus::NotStarted, error.what());
 }
