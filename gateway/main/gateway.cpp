@@ -1,6 +1,7 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <stdexcept>
@@ -13,6 +14,7 @@
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
+#include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
@@ -101,8 +103,18 @@ void Gateway::start() {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   });
   applyExtraPorts();
-  logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
-          configuration_->http.address, http_.port());
+  logInfo("{}", description());
+}
+
+std::string Gateway::description() const {
+  return fmt::format("serving {} device(s) on {} port {}", configuration_->devices.size(),
+                     configuration_->http.address, http_.port());
+}
+
+std::chrono::milliseconds Gateway::silence() {
+  const auto owed = std::max(pulse_.silence(), timersOverdue());
+  pulse_.beat();
+  return owed;
 }
 
 // Every step is harmless for what has not been started.

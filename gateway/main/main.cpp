@@ -6,8 +6,11 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <string>
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
@@ -16,6 +19,7 @@
 #include "gateway/main/command_line.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/main/gateway.h"
+#include "gateway/main/service_manager.h"
 
 namespace {
 
@@ -29,19 +33,28 @@ sigset_t blockSignals() {
   return signals;
 }
 
-// An invalid file changes nothing.
-void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
+// An invalid file changes nothing. Returns what came of it, for the operator.
+std::string reload(qn::Gateway& gateway, const std::filesystem::path& file) {
+  const auto refused = [](const std::string& line) {
+    qn::logError("configuration not changed: {}", line);
+    return "configuration not changed: " + line;
+  };
   try {
     auto next = qn::readConfiguration(file);
     qn::checkReload(gateway.inForce(), next, file.string());
     gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
+    return gateway.description();
   } catch (const qn::ConfigurationError& error) {
+    std::string status;
     for (const std::string& line : error.lines()) {
-      qn::logError("configuration not changed: {}", line);
+      const std::string text = refused(line);
+      if (status.empty()) status = text;
     }
+    const std::size_t more = error.lines().size() - 1;
+    return more == 0 ? status : fmt::format("{} (and {} more, see the log)", status, more);
   } catch (const std::exception& error) {
-    qn::logError("configuration not changed: {}", error.what());
+    return refused(error.what());
   }
 }
 
@@ -60,8 +73,26 @@ void endInTime() {
   setitimer(ITIMER_REAL, &kStopTime, nullptr);
 }
 
-// How often the log is told that a second is over.
-constexpr timespec kTick{1, 0};
+// How often the log is told that a second may be over, and the reactors are asked whether they
+// turn.
+constexpr std::chrono::milliseconds kTick{500};
+constexpr std::chrono::milliseconds kShortestTick{20};
+constexpr int kTicksInWatchdog = 8;
+
+timespec tickFor(const qn::ServiceManager& manager) {
+  using namespace std::chrono;
+  if (manager.watchdog().count() == 0) return {0, nanoseconds(kTick).count()};
+  const auto tick =
+      std::clamp<nanoseconds>(manager.watchdog() / kTicksInWatchdog, kShortestTick, kTick);
+  return {0, tick.count()};
+}
+
+// The watchdog is fed while all threads that serve turn.
+void tick(qn::Gateway& gateway, qn::ServiceManager& manager) {
+  const auto now = std::chrono::steady_clock::now();
+  qn::ClientLog::instance().writeHeldBack(now);
+  if (gateway.silence() < manager.watchdog() / 2) manager.feed(now);
+}
 
 constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
 
@@ -71,17 +102,22 @@ void serve(const qn::Arguments& arguments) {
   qn::raiseDescriptorLimit();
   auto configuration = qn::readConfiguration(arguments.config);
   qn::setLogLevel(configuration.log.level);
+  qn::ServiceManager manager;
   qn::Gateway gateway(std::move(configuration), arguments.module);
+  manager.ready(gateway.description());
+  const timespec wait = tickFor(manager);
   for (;;) {
-    const int number = sigtimedwait(&signals, nullptr, &kTick);
-    qn::ClientLog::instance().writeHeldBack(std::chrono::steady_clock::now());
+    const int number = sigtimedwait(&signals, nullptr, &wait);
+    tick(gateway, manager);
     if (number < 0) continue;
     if (number != SIGHUP) {
       qn::logInfo("stopping on signal {}", number);
+      manager.stopping(fmt::format("stopping on signal {}", number));
       endInTime();
       return;
     }
-    reload(gateway, arguments.config);
+    manager.reloading();
+    manager.ready(reload(gateway, arguments.config));
   }
 }
 

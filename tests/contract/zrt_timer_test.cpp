@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "gateway/runtime/timers.h"
 #include "platform/zrt.h"
 #include "tests/contract/events.h"
 
@@ -52,6 +53,24 @@ TEST(Timer, SkipsTheRunsMissedByASlowOne) {
   ASSERT_TRUE(ran.wait(3));
   timer.kill();
   EXPECT_GE(thirdRunStarted - slowRunEnded, kPeriod);  // no two runs at once to catch up
+}
+
+TEST(Timer, IsOverdueWhileItsRoutineHangs) {
+  Events entered, opened, never;
+  Routine quick = [](int) {};
+  Routine hanging = [&](int) {
+    entered.signal();
+    EXPECT_TRUE(opened.wait());
+  };
+  Timer other(quick, 1000);
+  EXPECT_EQ(timersOverdue(), 0ms);
+  Timer timer(hanging, 1);
+  ASSERT_TRUE(entered.wait());
+  never.wait(1, 50ms);
+  EXPECT_GE(timersOverdue(), 50ms);
+  opened.signal();
+  timer.kill();
+  EXPECT_EQ(timersOverdue(), 0ms);
 }
 
 TEST(Timer, KillWaitsForARunningRoutineAndNoRunFollows) {
