@@ -81,7 +81,8 @@ struct BusOptions {
   std::size_t replyBytes = 16 * 1024 * 1024;
   // What requests that are not answered may hold; a single one may hold more.
   std::size_t deviceBytes = 32 * 1024 * 1024;
-  std::size_t bytes = 256 * 1024 * 1024;  // of all devices
+  std::size_t bytes = 256 * 1024 * 1024;        // of all devices
+  std::size_t replyMemory = 256 * 1024 * 1024;  // what all long replies may hold at once
 };
 
 struct LogOptions {

@@ -211,6 +211,12 @@ inline constexpr Key<BusOptions> kBusKeys[] = {
      {},
      "the most that all devices' requests hold until they are answered",
      kInBytes},
+    {"reply_memory",
+     &BusOptions::replyMemory,
+     {1024, kMiB* kMiB},
+     {},
+     "the most that all long replies (64 KiB and more) hold, with what is made of them",
+     kInBytes},
 };
 
 inline constexpr Key<LogOptions> kLogKeys[] = {

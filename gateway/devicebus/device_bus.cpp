@@ -176,7 +176,7 @@ int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
   if (method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
   std::shared_ptr<Device> device = findDevice(call.url);
   if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
-  auto request = std::make_unique<BusRequest>();
+  auto request = std::make_unique<BusRequest>(replies_);
   switch (request->place.enter(tally_, device, configuration()->bus,
                                call.url.size() + call.body.size())) {
     case Place::Refusal::Stopping:

@@ -49,6 +49,9 @@ class DeviceBus {
   // must not keep every worker.
   int ask(Call call, std::string& reply);
 
+  // What long replies hold of their budget. Any thread.
+  std::size_t replyMemory() const { return replies_.held(); }
+
  private:
   static constexpr std::chrono::seconds kStopTime{10};
 
@@ -59,6 +62,7 @@ class DeviceBus {
   Answers answers_;
   DeviceDirectory& directory_;
   Tally tally_;
+  ReplyBudget replies_;
   std::vector<std::unique_ptr<Shard>> shards_;  // one for each reactor
   std::atomic<std::size_t> nextShard_{0};
   bool stopped_ = false;

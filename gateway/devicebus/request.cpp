@@ -53,7 +53,7 @@ void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
     request->recipient->take(document, Origin::Gateway);
     return;
   }
-  if (reply.body().size() >= kLongReply && request->recipient->isTranslator()) {
+  if (reply.body().size() >= ReplyBudget::kLongReply && request->recipient->isTranslator()) {
     giveOnWorker(std::move(request), reply.takeBody());
     return;
   }

@@ -39,6 +39,9 @@ class HttpService {
   // Whether connections to that port come here; after listen().
   bool serves(uint16_t port) const { return ports_->serves(port); }
 
+  // In place of the options' number; connections beyond it stay until they end.
+  void limitConnections(std::size_t most);
+
   // Closes the streams of those whom the configuration in force does not allow them any more.
   void closeForbiddenStreams();
 

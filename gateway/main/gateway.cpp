@@ -142,6 +142,7 @@ void Gateway::reload(Configuration next) {
   setLogLevel(configuration_->log.level);
   pictures_.setOptions(configuration_->pictures);
   applyExtraPorts();
+  http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
 }
 

@@ -1,22 +1,12 @@
 // A started device-configuration bus over scripted devices, and the words its tests are told in.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
-
-#include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
-#include "gateway/net/reactors.h"
-#include "gateway/net/worker_pool.h"
 #include "platform/device_cfg_bus.h"
 #include "platform/error_codes.h"
+#include "tests/contract/devices_fixture.h"
 
 namespace qn::devicebus::test {
 
@@ -89,29 +79,14 @@ class Sent {
 
 using SentPtr = std::unique_ptr<Sent>;
 
-class BusTest : public ::testing::Test {
+class BusTest : public DevicesTest {
  protected:
   explicit BusTest(std::size_t reactors = 1,
                    NameResolver::Lookup lookup = NameResolver::systemLookup)
-      : reactors_(reactors),
-        directory_({}, std::move(lookup)),
-        bus_(reactors_, workers_, directory_) {
-    reactors_.start();
+      : DevicesTest(reactors, {}, std::move(lookup)) {
     bus_.start();
   }
   ~BusTest() override { bus_.stop(); }
-
-  void addDevice(const std::string& index, uint16_t port, const std::string& username = {}) {
-    DeviceConfig device;
-    device.index = index;
-    device.host = "127.0.0.1";
-    device.port = port;
-    device.username = username;
-    device.password = "secret";
-    configuration_.devices.push_back(device);
-    publish();
-  }
-  void publish() { publishConfiguration(std::make_shared<const Configuration>(configuration_)); }
 
   static std::string url(const std::string& device) {
     return "/KAVRO/System/deviceInfo?format=json&devIndex=" + device;
@@ -127,11 +102,7 @@ class BusTest : public ::testing::Test {
     return all;
   }
 
-  Configuration configuration_;  // publish() puts it in force
-  Reactors reactors_;
-  WorkerPool workers_{2, 64};
-  DeviceDirectory directory_;
-  DeviceBus bus_;
+  DeviceBus bus_{reactors_, workers_, directory_};
 };
 
 }  // namespace qn::devicebus::test

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <regex>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -61,7 +59,7 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   EXPECT_EQ(tuple(c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full),
             tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
   EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
-  EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes), tuple(6000, 7000));
+  EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes, c.bus.replyMemory), tuple(6000, 7000, 8000));
   EXPECT_EQ(c.log.level, "warn");
   ASSERT_EQ(c.users.size(), 2U);
   EXPECT_EQ(c.users[0].ha1,
@@ -147,6 +145,7 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {"[http]\nhead_seconds = -1\n", ":2: http.head_seconds: expected an integer"},
       {"[http]\nport = 8090\n",
        ": network.picture_port: expected a value that is not taken, as http.port in line 2"},
+      {"[http]\nport = 8090\n[network]\n", ": network.picture_port: expected a value that is not"},
       {"[network]\nhttps_enabled = 1\n", ":2: network.https_enabled: expected true or false"},
       {"[network]\npicture_port = 8080\n", ":2: network.picture_port: expected a value that is "},
       {"[kavro]\nmode = 3\n", ":2: kavro.mode: expected an integer from 1 to 2"},
@@ -179,6 +178,10 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
   for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"a+b\"", "\"\\u00e9\"", "1"}) {
     expectError("[[devices]]\nindex = " + index, ":2: devices.index: expected a string: 1 to 63");
   }
+  const std::string longest(128, 'x');
+  EXPECT_EQ(read("[kavro]\nrealm = \"" + longest + "\"").kavro.realm, longest);
+  expectError("[kavro]\nrealm = \"x" + longest + "\"", ":2: kavro.realm: expected a string");
+  expectError("[[users]]\nname = \"x" + longest + "\"", ":2: users.name: expected a string");
   EXPECT_EQ(read("[[devices]]\nindex = \"" + std::string(63, 'x') + "\"\nurl = \"http://h\"")
                 .devices.size(),
             1u);

@@ -1,15 +1,7 @@
 // What both buses know of a device, and what devices that misbehave cannot do to them.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <string>
 
 #include "gateway/alarmbus/alarm_bus.h"
 #include "tests/contract/bus_fixture.h"
-#include "tests/contract/events.h"
-#include "tests/contract/scripted_device.h"
 
 namespace qn::devicebus::test {
 namespace {

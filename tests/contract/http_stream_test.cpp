@@ -1,16 +1,10 @@
 // Streams: fast, stalled, silent and vanished clients.
-#include <atomic>
-#include <memory>
-#include <thread>
-#include <vector>
 
 #include "gateway/http/exchange.h"
 #include "tests/contract/http_fixture.h"
 
 namespace qn {
 namespace {
-
-constexpr char kOpen[] = "GET /stream HTTP/1.1\r\nHost: h\r\n\r\n";
 
 class HttpStreamTest : public HttpFixture {
  protected:
@@ -27,8 +21,7 @@ class HttpStreamTest : public HttpFixture {
   }
   // Opens a stream and reads its head.
   std::unique_ptr<RawClient> open(int receiveBuffer = 0) {
-    auto client = std::make_unique<RawClient>(port(), receiveBuffer);
-    client->send(kOpen);
+    auto client = std::make_unique<RawClient>(port(), kGet, receiveBuffer);
     const HttpAnswer head = client->answer();
     EXPECT_EQ(head.status, 200);
     EXPECT_TRUE(head.has("content-type: multipart/mixed; boundary=boundary\r\n")) << head.head;
@@ -104,8 +97,7 @@ TEST_F(HttpStreamTest, SilentStreamEndsAndOneThatIsWrittenToDoesNot) {
 TEST_F(HttpStreamTest, OpensFromAnotherThreadAndClosesWithTheService) {
   leaving();
   HttpService& service = start();
-  RawClient client(port());
-  client.send(kOpen);
+  RawClient client(port(), kGet);
   CHttpExchange exchange(waitForHandle());
   exchange.setMIME();
   EXPECT_EQ(exchange.response(nullptr, 0), 0);

@@ -41,11 +41,8 @@ TEST_F(Log, ALineHasTimeLevelTagAndText) {
 }
 
 TEST_F(Log, ThresholdAndLevelsOfBothSides) {
-  const std::pair<const char*, const char*> cases[] = {// what is written: the module's, our own
-                                                       {"debug", "2345diwe"},
-                                                       {"info", "45iwe"},
-                                                       {"warn", "45we"},
-                                                       {"error", "5e"}};
+  const std::pair<const char*, const char*> cases[] = {
+      {"debug", "2345diwe"}, {"info", "45iwe"}, {"warn", "45we"}, {"error", "5e"}};
   for (const auto& [threshold, expected] : cases) {
     setLogLevel(threshold);
     std::string written = standardErrorOf([] {
@@ -129,20 +126,12 @@ TEST_F(Log, NoPlantedSecretReachesALine) {
     for (std::size_t n = random(40); n > 0; --n) noise += "{}[]<>\"\\,:=& aZ\n"[random(17)];
     const std::string& name = names[random(5)];
     std::string document;
-    switch (random(4)) {
-      case 0:
-        document = "{\"a\":[{\"" + name + "\" : " + value(3) + "}]}";
-        break;
-      case 1:
-        document =
-            "<a><" + name + " n=\"1\">\n" + planted + "<b>" + planted + "</b></" + name + "></a>";
-        break;
-      case 2:
-        document = "/a?b=c&" + name + "=" + planted + "&d";
-        break;
-      default:
-        document = "{\"a\":\"{\\\"" + name + "\\\":\\\"" + planted + "\\\"}\"}";
-    }
+    const std::string documents[] = {
+        "{\"a\":[{\"" + name + "\" : " + value(3) + "}]}",
+        "<a><" + name + " n=\"1\">\n" + planted + "<b>" + planted + "</b></" + name + "></a>",
+        "/a?b=c&" + name + "=" + planted + "&d",
+        "{\"a\":\"{\\\"" + name + "\\\":\\\"" + planted + "\\\"}\"}"};
+    document = documents[random(4)];
     document.resize(document.size() - random(4));
     const std::string line = standardErrorOf([&] {
       wlog_format(i % 2 == 0 ? WLOG_DUMP : WLOG_ERROR, "QNW", "%s [x=%s] end", noise.c_str(),

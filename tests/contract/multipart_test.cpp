@@ -36,6 +36,8 @@ TEST(Multipart, Table) {
       {"cut after the description", form, "--B\r\n" + json + "\r\n", nullptr},
       {"no boundary parameter", "multipart/form-data", "--B\r\n" + json + "\r\n--B--", nullptr},
       {"empty boundary", "multipart/form-data; boundary=", "--\r\n" + json + "\r\n----", nullptr},
+      {"empty quoted boundary", "multipart/form-data; boundary=\"\"",
+       "--\"\"\r\n" + json + "\r\n--\"\"--", nullptr},
       {"long boundary", "multipart/form-data; boundary=" + std::string(71, 'B'), "", nullptr},
       {"another boundary", form, "--C\r\n" + json + "\r\n--C--", nullptr},
       {"part without end of head", form, "--B\r\nContent-Type: x\r\n--B--", nullptr},

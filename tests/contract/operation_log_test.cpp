@@ -1,7 +1,6 @@
 // What platform/gateway_cfg_bus.h and gateway/oplog/operation_log.h promise of the operation log.
 #include "gateway/oplog/operation_log.h"
 
-#include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -10,18 +9,10 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
-#include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "gateway/oplog/database.h"
+#include "tests/contract/events.h"
 #include "tests/contract/folder.h"
 
 namespace qn {
@@ -80,12 +71,6 @@ class Shell {
   sqlite3* connection_ = nullptr;
 };
 
-bool comesTrue(const std::function<bool()>& holds) {
-  const auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (!holds() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  return holds();
-}
-
 long countOf(const std::string& text, const std::string& part) {
   long count = 0;
   for (auto at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++count;
@@ -143,9 +128,9 @@ TEST_F(OperationLogTest, IsReadableWhileItIsWritten) {
   OperationLog log(1ms);
   log.start(directory_, kManyRows);
   ASSERT_TRUE(log.insert(record("a")));
-  EXPECT_TRUE(comesTrue([&] { return fs::exists(file_); }));
+  EXPECT_TRUE(eventually([&] { return fs::exists(file_); }));
   Shell shell(file_);
-  EXPECT_TRUE(comesTrue([&] { return !shell.operations().empty(); }));
+  EXPECT_TRUE(eventually([&] { return !shell.operations().empty(); }));
   EXPECT_EQ(shell.operations(), std::vector<std::string>{"a"});
   shell.query("BEGIN");
   EXPECT_EQ(shell.operations().size(), 1u);  // a reader that stays
@@ -242,7 +227,7 @@ TEST_F(OperationLogTest, AFullDiskIsLoggedAndLosesNothing) {
       log.start(directory_, kManyRows);
       for (const auto& operation : operations) EXPECT_TRUE(log.insert(record(operation)));
       struct stat written = {};
-      comesTrue([&] { return fstat(STDERR_FILENO, &written) == 0 && written.st_size > 0; });
+      eventually([&] { return fstat(STDERR_FILENO, &written) == 0 && written.st_size > 0; });
     }
     log.stop();
   });
@@ -346,19 +331,17 @@ TEST_F(OperationLogTest, WhatIsAcceptedFromManyThreadsDuringAStopIsWrittenInOrde
   std::atomic<int> started = 0;
   OperationLog log;
   log.start(directory_, kManyRows);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 800; ++i) {
-        const std::string text = std::to_string(t) + ":" + std::to_string(i);
-        if (log.insert(record(text))) accepted[static_cast<std::size_t>(t)].push_back(text);
-        if (i == 100) ++started;
-      }
-    });
-  }
-  while (started < kThreads) std::this_thread::yield();
-  log.stop();
-  for (auto& thread : threads) thread.join();
+  onThreads(kThreads + 1, [&](int t) {
+    if (t == kThreads) {
+      EXPECT_TRUE(eventually([&] { return started == kThreads; }));
+      return log.stop();
+    }
+    for (int i = 0; i < 800; ++i) {
+      const std::string text = std::to_string(t) + ":" + std::to_string(i);
+      if (log.insert(record(text))) accepted[static_cast<std::size_t>(t)].push_back(text);
+      if (i == 100) ++started;
+    }
+  });
   std::array<std::vector<std::string>, kThreads> written;
   for (const std::string& text : Shell(file_).operations())
     written[static_cast<std::size_t>(text[0] - '0')].push_back(text);

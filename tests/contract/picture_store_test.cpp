@@ -2,11 +2,7 @@
 // its resource in the HTTP service.
 #include "gateway/pictures/picture_store.h"
 
-#include <atomic>
 #include <set>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "gateway/config/picture_uploader.h"
 #include "gateway/pictures/picture_resource.h"
@@ -18,6 +14,7 @@ namespace qn {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using Result = PictureStore::Result;
 using WhenFull = PictureOptions::WhenFull;
 
@@ -102,12 +99,11 @@ TEST_F(PictureStoreTest, NamesFromOutsideLeadNowhere) {
   const std::string name = add(store, kJpeg);
   std::ofstream(folder() / "notes.txt") << "secret";
   const std::string stem = name.substr(0, 32);
-  const std::vector<std::string> groups[] = {
-      {"", ".", "..", "notes.txt", "/etc/passwd", std::string(100'000, '/')},
-      {"../pictures/" + name, "./" + name, "/" + name, "%2e%2e/" + name},
-      {name + "/", name + std::string(1, '\0'), stem, stem + ".png"}};
-  for (const auto& group : groups) {
-    for (const std::string& each : group) EXPECT_EQ(store.find(each), std::nullopt) << each;
+  for (const std::string& each :
+       {""s, "."s, ".."s, "notes.txt"s, "/etc/passwd"s, std::string(100'000, '/'),
+        "../pictures/" + name, "./" + name, "/" + name, "%2e%2e/" + name, name + "/", name + "\0"s,
+        stem, stem + ".png"}) {
+    EXPECT_EQ(store.find(each), std::nullopt) << each;
   }
 }
 
@@ -194,20 +190,16 @@ TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
   options_ = {.maxBytes = 1000, .maxCount = 7, .full = WhenFull::DropOldest};
   PictureStore store(folder(), options_);
   std::atomic<int> stored{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 25; ++i) {
-        const std::string picture(std::size_t(50 + 40 * t), char('a' + t));
-        std::string name;
-        if (store.add(picture, "", name) != Result::Stored) continue;
-        ++stored;
-        const auto found = store.find(name);  // unless it has been dropped by now
-        EXPECT_TRUE(!found || *found == picture);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  onThreads(4, [&](int t) {
+    for (int i = 0; i < 25; ++i) {
+      const std::string picture(std::size_t(50 + 40 * t), char('a' + t));
+      std::string name;
+      if (store.add(picture, "", name) != Result::Stored) continue;
+      ++stored;
+      const auto found = store.find(name);  // unless it has been dropped by now
+      EXPECT_TRUE(!found || *found == picture);
+    }
+  });
   EXPECT_EQ(stored, 100);
   std::size_t bytes = 0;
   for (const std::string& name : names()) {
@@ -242,9 +234,6 @@ class PictureHttp : public HttpFixture {
     EXPECT_TRUE(url.starts_with(server + "/NovGatewayStorage/")) << url;
     return url.substr(server.size());
   }
-  static std::string request(const std::string& method, const std::string& target) {
-    return method + " " + target + " HTTP/1.1\r\nHost: h\r\n\r\n";
-  }
   Folder folder_;
   PictureResource pictures_;
 };
@@ -253,33 +242,33 @@ TEST_F(PictureHttp, ServesPicturesAndNothingElseOnItsPort) {
   const std::string path = upload(kJpeg);
   const uint16_t extra = otherPort();
   service_->setExtraPorts({{extra, Access::Everything}});
-  EXPECT_EQ(RawClient(extra).ask(request("GET", "/KAVRO/x")).body, "the module");
+  EXPECT_EQ(RawClient(extra).ask(get("/KAVRO/x")).body, "the module");
   service_->setExtraPorts({{extra, Access::OwnResources}});
   for (const uint16_t each : {port(), extra}) {
     RawClient client(each);
-    const HttpAnswer answer = client.ask(request("GET", path + "?x"));
+    const HttpAnswer answer = client.ask(get(path + "?x"));
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(answer.body, kJpeg);
     EXPECT_TRUE(answer.has("content-type: image/jpeg\r\n"));
     EXPECT_TRUE(answer.has("cache-control: private\r\n"));
-    client.send(request("HEAD", path));
+    client.send(get(path, "HEAD"));
     const HttpAnswer head = client.answer(true);
     EXPECT_TRUE(head.has("content-length: " + std::to_string(kJpeg.size()) + "\r\n"));
     for (const char* method : {"PUT", "POST", "DELETE", "OPTIONS", "PATCH"}) {
-      EXPECT_EQ(client.ask(request(method, path)).status, 404) << method;
+      EXPECT_EQ(client.ask(get(path, method)).status, 404) << method;
     }
     const std::string hostile[] = {path + "x", path + "/", "/NovGatewayStorage/",
                                    "/NovGatewayStorage/../" + path.substr(1),
                                    "/NovGatewayStorage/?" + path.substr(19)};
     for (const std::string& target : hostile) {
-      const HttpAnswer refused = client.ask(request("GET", target));
+      const HttpAnswer refused = client.ask(get(target));
       EXPECT_EQ(refused.status, 404) << target;
       EXPECT_TRUE(refused.has("content-type: application/json\r\n"));
     }
-    const HttpAnswer other = client.ask(request("GET", "/KAVRO/System/time"));
+    const HttpAnswer other = client.ask(get("/KAVRO/System/time"));
     EXPECT_EQ(other.status, each == extra ? 404 : 200);
     EXPECT_EQ(other.body == "the module", each != extra);
-    EXPECT_EQ(client.ask(request("GET", path.substr(0, 18))).status, each == extra ? 404 : 200);
+    EXPECT_EQ(client.ask(get(path.substr(0, 18))).status, each == extra ? 404 : 200);
   }
 }
 

@@ -1,13 +1,4 @@
 // What platform/zrt.h promises of timers.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "gateway/runtime/timers.h"
 #include "platform/zrt.h"

@@ -4,7 +4,6 @@ import os
 import re
 import signal
 import sqlite3
-import subprocess
 import threading
 import unittest
 
@@ -12,11 +11,6 @@ import client
 import harness
 
 INFO = "/KAVRO/System/deviceInfo"
-
-
-def run(*arguments):
-    return subprocess.run([str(harness.BIN / "qn-gateway"), *map(str, arguments)],
-                          capture_output=True, text=True, timeout=60)
 
 
 class CommandLine(unittest.TestCase):
@@ -30,7 +24,7 @@ class CommandLine(unittest.TestCase):
                 ((), 2, "--config"), (("--surprise",), 2, "--surprise"),
                 (("--config", "/nonexistent/x.toml"), 1, "No such file"),
                 (("--config", "/"), 1, "Is a directory")):
-            result = run(*arguments)
+            result = harness.run_gateway(*arguments)
             self.assertEqual(result.returncode, status, arguments)
             self.assertRegex(result.stderr if status else result.stdout, said)
 
@@ -41,33 +35,29 @@ class Configuration(harness.GatewayTest):
             return one.get(INFO).status
 
     def test_the_configuration_can_be_checked_and_asked(self):
-        self.assertEqual(run("--config", self.gateway.config, "--check-config").returncode, 0)
+        self.assertEqual(harness.run_gateway("--config", self.gateway.config, "--check-config").returncode, 0)
         broken = self.gateway.folder / "broken.toml"
         broken.write_text('[http]\nport = 0\nprot = 1\n')
         for more in ((), ("--check-config",), ("--print", "http.port")):
-            result = run("--config", broken, *more)
+            result = harness.run_gateway("--config", broken, *more)
             self.assertEqual(result.returncode, 1)
             self.assertRegex(result.stderr, re.escape(str(broken)) + r":2:8: (.|\n)*:3:1: .*prot")
         for key, status, value in (("http.port", 0, f"{self.gateway.port}\n"),
                                    ("users.name", 0, "admin\noperator\nlost\n"),
                                    ("users.password", 2, ""), ("http.prot", 2, "")):
-            result = run("--config", self.gateway.config, "--print", key)
+            result = harness.run_gateway("--config", self.gateway.config, "--print", key)
             self.assertEqual((result.returncode, result.stdout), (status, value), result.stderr)
 
     def test_a_second_gateway_takes_neither_port_nor_data_directory(self):
-        other = self.gateway.folder / "other.toml"
-        text, data = self.gateway.config.read_text(), str(self.gateway.folder / "data")
-        port, picture_port = harness.free_ports(2)
-        elsewhere = text.replace(str(self.gateway.port), str(port)).replace(
-            str(self.gateway.sections["network"]["picture_port"]), str(picture_port))
-        for changed, reason, key in (
-                (text.replace(data, data + "2"), f"port {self.gateway.port}: ", "http.port"),
-                (elsewhere.replace(str(picture_port), str(self.gateway.port)).replace(data, data + "3"),
-                 f"port {self.gateway.port}: ", "network.picture_port"),
-                (elsewhere, data + " cannot be used: another process", "storage.data_dir")):
-            other.write_text(changed)
-            result = run("--config", other)
-            self.assertEqual(result.returncode, 3)
+        folder, sections = self.gateway.folder, self.gateway.sections
+        for same, reason, key in (
+                ("port", f"port {self.gateway.port}: ", "http.port"),
+                ("picture_port", f"port {sections['network']['picture_port']}: ",
+                 "network.picture_port"),
+                ("data_dir", f"{folder}/data cannot be used: another process",
+                 "storage.data_dir")):
+            result = harness.run_gateway("--config", self.gateway.elsewhere(same))
+            self.assertEqual(result.returncode, 3, same)
             self.assertIn(reason, result.stderr)
             self.assertIn(key, result.stderr, "what to change")
         self.assertEqual(self.status("admin"), 200)

@@ -1,25 +1,18 @@
 // The table engine: every kind and every rule word once, for all documents.
-#include <gtest/gtest.h>
-
+#include <array>
 #include <limits>
+#include <utility>
 
 #include "document/read_xml.h"
 #include "document/write_xml.h"
-#include "json/text.h"
+#include "tests/unit/cases.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol::table {
 namespace {
 
-using qn::json::parseJson;
 using qn::json::writeJson;
 
-Json::Value json(std::string_view text) {
-  Json::Value value;
-  EXPECT_TRUE(parseJson(text, value)) << text;
-  return value;
-}
-
-constexpr const char* kFails = "(fails)";
 constexpr const char* kAbsent = nullptr;
 
 // What a row makes of a member: the elements, nothing, or kFails. As text and as a document.
@@ -139,7 +132,7 @@ TEST(WriteXml, KindsAndWords) {
       {list("l", kEntry, write::required).firstEachTime(), "[]", "<l/>"},
   };
   for (const auto& [row, member, expected] : cases) {
-    const Json::Value value = member == nullptr ? Json::Value() : json(member);
+    const Json::Value value = member == nullptr ? Json::Value() : parsed(member);
     EXPECT_EQ(written(row, member == nullptr ? nullptr : &value), expected)
         << row.xml << " " << (member == nullptr ? "absent" : member);
   }
@@ -170,7 +163,7 @@ TEST(WriteXml, RepeatedEntriesHaveABound) {
   const Row row = list("r", kEntryRows, write::required).firstEachTime();
   Json::Value first[3];
   first[0]["t"] = std::string(100000, 'x');
-  first[1]["l"] = listOf(json(R"({"t":""})"), 10000);
+  first[1]["l"] = listOf(parsed(R"({"t":""})"), 10000);
   first[2]["s"] = listOf(Json::Value(7), 10000);
   for (const Json::Value& repeated : first) {
     Json::Value entries = listOf(Json::Value(7), 10000);
@@ -197,7 +190,7 @@ TEST(WriteXml, RootFollowsItsRule) {
   };
   for (const auto& [rule, reply, root] : cases) {
     std::string xml = kFails;
-    static_cast<void>(writeDocument(xml, section("s", kInner, rule), json(reply)));
+    static_cast<void>(writeDocument(xml, section("s", kInner, rule), parsed(reply)));
     EXPECT_EQ(xml, root == kFails ? root : std::string(kDeclaration) + root) << reply;
   }
 }
@@ -209,10 +202,10 @@ TEST(WriteXml, FailureNamesTheRow) {
       text("z", write::required).failing(26),
   };
   std::string xml;
-  const Row* failed = writeRows(xml, kRows, json(R"({"a":1})"));
+  const Row* failed = writeRows(xml, kRows, parsed(R"({"a":1})"));
   ASSERT_NE(failed, nullptr);
   EXPECT_EQ(failed->number, 26);
-  EXPECT_EQ(writeRows(xml, kRows, json(R"({"s":{"e":{"a":1}},"z":""})")), &kInner[0]);
+  EXPECT_EQ(writeRows(xml, kRows, parsed(R"({"s":{"e":{"a":1}},"z":""})")), &kInner[0]);
 }
 
 constexpr Row kPair[] = {text("x", read::required), integer("y", read::optional)};
@@ -235,55 +228,16 @@ constexpr Row kReadRows[] = {
 };
 
 TEST(ReadXml, KindsAndWords) {
-  const struct {
-    const char* xml;
-    const char* expected;  // JSON, or the name of the row that fails
-  } cases[] = {
-      {"", "null"},
-      {"<t> a&lt;<![CDATA[<b>]]>z </t>", R"({"t":" a<<b>z "})"},
-      {"<t/>", R"({"t":""})"},
-      {"<always>x</always>", "null"},
-      {"<i>25</i>", R"({"i":25})"},
-      {"<i> -3x</i>", R"({"i":-3})"},
-      {"<i>abc</i>", R"({"i":0})"},
-      {"<i>99999999999</i>", R"({"i":2147483647})"},
-      {"<b>true</b>", R"({"b":true})"},
-      {"<b>TRUE</b>", R"({"b":false})"},
-      {"<b>1</b>", R"({"b":false})"},
-      {"<unless>false</unless>", R"({"unless":false})"},
-      {"<unless>False</unless>", R"({"unless":true})"},
-      {"<unless/>", R"({"unless":true})"},
-      {"<full>x</full>", R"({"full":"x"})"},
-      {"<full/>", "full"},
-      {"<s><y>1</y><x>2</x></s>", R"({"s":{"x":"2"}})"},  // y stands before x: out of order
-      {"<s><x>2</x><y>1</y></s>", R"({"s":{"x":"2","y":1}})"},
-      {"<s><y>1</y></s>", "x"},
-      {"<s/>", "x"},
-      {"<l><child><x>1</x></child><child><x>2</x></child></l>",
-       R"({"l":[{"child":{"x":"1"}},{"child":{"x":"2"}}]})"},
-      {"<l/>", R"({"l":[null]})"},
-      {"<l><child><x>1</x></child><other/></l>", R"({"l":[{"child":{"x":"1"}},null]})"},
-      {"<l><other/><child><x>1</x></child></l>", R"({"l":[{"child":{"x":"1"}}]})"},
-      {"<l><child/></l>", "x"},
-      {"<d><n>5</n><n>6</n></d>", R"({"d":[{"n":5}]})"},
-      {"<d/>", R"({"d":[{"n":101}]})"},
-      {"<f><f>1</f><f>2</f></f>", R"({"f":[{"f":"1"}]})"},
-      {"<f/>", "null"},
-      {"<xml>1</xml>", R"({"json":"1"})"},
-      {"<i>1</i><t>2</t>", R"({"t":"2"})"},  // i is only looked for behind t
-      {"<any>1</any><t>2</t><i>3</i>", R"({"any":"1","i":3,"t":"2"})"},
-      {"<t>1</t><t>2</t>", R"({"t":"1"})"},
-  };
-  for (const auto& [body, expected] : cases) {
+  for (const auto& [head, body, expected] : casesOf("elements.txt")) {
     QNBase::CXmlBase xml;
-    ASSERT_TRUE(xml.Parse("<r>" + std::string(body) + "</r>") && xml.FindElem("r")) << body;
+    ASSERT_TRUE(xml.Parse("<r>" + body + "</r>") && xml.FindElem("r")) << body;
     ASSERT_TRUE(xml.IntoElem());
     Json::Value object;
     const Row* failed = readRows(object, kReadRows, xml);
     if (failed != nullptr) {
       EXPECT_EQ(failed->json, expected) << body;
     } else {
-      EXPECT_EQ(object, json(expected)) << body << " gives " << writeJson(object);
+      EXPECT_EQ(object, parsed(expected)) << body << " gives " << writeJson(object);
     }
   }
 }
@@ -305,6 +259,35 @@ TEST(ReadXml, MissingElementsFollowTheirRule) {
   const GivenMember given{"e", "[1]"};
   EXPECT_EQ(readDocument(text, filled, "<r><t>\n</t></r>", &given), BodyResult::Done);
   EXPECT_EQ(text, "{\"r\":{\"d\":[{\"n\":101}],\"e\":[1],\"i\":7,\"t\":\"\\n\"}}\n");
+}
+
+constexpr auto kNames = [] {
+  std::array<std::array<char, 3>, Rows::kMost> names{};
+  for (int i = 0; auto& name : names) name = {char('a' + i / 26), char('a' + i++ % 26), '\0'};
+  return names;
+}();
+
+template <std::size_t... I>
+std::string readMany(const std::string& body, std::index_sequence<I...> /*rows*/) {
+  static constexpr Row kMany[] = {integer(kNames[I].data(), read::optional)...};
+  const GivenMember given{"given", "[1]"};
+  std::string text;
+  EXPECT_EQ(readDocument(text, section("r", kMany, read::required), body, &given),
+            BodyResult::Done);
+  return text;
+}
+
+TEST(ReadXml, TheLargestTableAndAGivenMember) {
+  Json::Value expected;
+  expected["r"]["given"].append(1);
+  std::string body;
+  for (const auto& name : kNames) {
+    const std::string tag = name.data();
+    body += "<" + tag + ">7</" + tag + ">";
+    expected["r"][tag] = 7;
+  }
+  EXPECT_EQ(parsed(readMany("<r>" + body + "</r>", std::make_index_sequence<Rows::kMost>())),
+            expected);
 }
 
 TEST(ReadXml, OtherBodiesAreRefused) {
