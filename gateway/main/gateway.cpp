@@ -1,8 +1,13 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <map>
+#include <stdexcept>
+#include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "gateway/log/log.h"
@@ -10,6 +15,7 @@
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
+#include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
@@ -32,6 +38,28 @@ void keepUntilRestart(Options& next, const Options& current, std::string_view se
   if (next == current) return;
   logWarn("changes in [{}] take effect at the next start", section);
   next = current;
+}
+
+// What the operator can do about a port that cannot be listened on.
+std::string adviceFor(const std::error_code& error, const char* key) {
+  const std::string change = std::string("change ") + key;
+  switch (error.value()) {
+    case EADDRINUSE:
+      return "; end the program that has it (ss -ltnp shows it), or " + change;
+    case EADDRNOTAVAIL:
+      return "; http.address must be one of this host's (ip address shows them)";
+    case EACCES:
+      return "; give the gateway CAP_NET_BIND_SERVICE, or " + change + " to one from 1024 on";
+    default:
+      return "; " + change + " or http.address";
+  }
+}
+
+template <class Listen>
+void listenOrAdvise(const char* key, Listen listen) try {
+  listen();
+} catch (const std::system_error& error) {
+  throw std::runtime_error(error.what() + adviceFor(error.code(), key));
 }
 
 }  // namespace
@@ -70,12 +98,24 @@ void Gateway::start() {
   alarms_.start();
   reactors_.start();
   module_.init();
-  http_.listen();
+  listenOrAdvise("http.port", [this] { http_.listen(); });
   // A gateway without its picture port would hand out dead URLs.
-  http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
+  listenOrAdvise("network.picture_port", [this] {
+    http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
+  });
   applyExtraPorts();
-  logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
-          configuration_->http.address, http_.port());
+  logInfo("{}", description());
+}
+
+std::string Gateway::description() const {
+  return fmt::format("serving {} device(s) on {} port {}", configuration_->devices.size(),
+                     configuration_->http.address, http_.port());
+}
+
+std::chrono::milliseconds Gateway::silence() {
+  const auto owed = std::max(pulse_.silence(), timersOverdue());
+  pulse_.beat();
+  return owed;
 }
 
 // Every step is harmless for what has not been started.

@@ -2,8 +2,10 @@
 // main.cpp, on its one thread.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include "gateway/alarmbus/alarm_bus.h"
 #include "gateway/config/configuration.h"
@@ -12,6 +14,7 @@
 #include "gateway/http/http_service.h"
 #include "gateway/main/data_folder.h"
 #include "gateway/main/protocol_module.h"
+#include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 #include "gateway/pictures/picture_resource.h"
@@ -33,6 +36,11 @@ class Gateway {
   // logged.
   void reload(Configuration next);
   const Configuration& inForce() const { return *configuration_; }
+  // What it serves, for the operator.
+  std::string description() const;
+
+  // How long the slowest reactor or timer has owed its next step; call it at least every second.
+  std::chrono::milliseconds silence();
 
  private:
   void start();
@@ -47,6 +55,7 @@ class Gateway {
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
   Reactors reactors_;
+  Pulse pulse_{reactors_};
   DeviceDirectory devices_;
   DeviceBus bus_;
   AlarmBus alarms_;
