@@ -231,7 +231,8 @@ inline constexpr Key<LogOptions> kLogKeys[] = {
      &LogOptions::file,
      {},
      &kPathRule,
-     "where lines go instead of standard error; SIGUSR1 opens it anew"},
+     "where lines go; SIGUSR1 opens it anew",
+     {.otherwise = "standard error", .example = "\"/var/log/qn-gateway/gateway.log\""}},
 };
 
 // With the keys that are not kept as they stand.
