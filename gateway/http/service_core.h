@@ -21,6 +21,8 @@
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
 #include "gateway/http/places.h"
+#include "gateway/http/stream_list.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
@@ -120,6 +122,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   const TrustedProxies trusted;
   Places places;
   Places refusals;  // connections over the limit that are being told so
+  Sharded<HttpCounts> counts;
+  StreamList streams;
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;

@@ -67,7 +67,8 @@ bool isOutOfSpace(const std::error_code& error) {
 }  // namespace
 
 PictureStore::PictureStore(fs::path folder, const PictureOptions& options)
-    : folder_(std::move(folder)), options_(options) {
+    : folder_(std::move(folder)) {
+  setOptions(options);
   try {
     if (fs::create_directories(folder_)) fs::permissions(folder_, fs::perms::owner_all);
     readFolder();
@@ -90,6 +91,18 @@ void PictureStore::readFolder() {
 void PictureStore::setOptions(const PictureOptions& options) {
   const MutexLock lock(mutex_);
   options_ = options;
+  maxBytes_ = options.maxBytes;
+  maxCount_ = options.maxCount;
+}
+
+PictureStore::Load PictureStore::load() const {
+  return {bytes_,          count_,           maxBytes_,       maxCount_,
+          stored_.value(), dropped_.value(), refused_.value()};
+}
+
+PictureStore::Result PictureStore::refuse(Result why) {
+  refused_.add();
+  return why;
 }
 
 PictureStore::Share& PictureStore::shareOf(const std::string& owner) {
@@ -178,9 +191,10 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string_vie
     share = &shareOf(tag);
     if (!makeRoom(*share, picture.size(), dropped)) {
       release(*share, 0, 0);
-      return Result::Full;
+      return refuse(Result::Full);
     }
   }
+  dropped_.add(dropped.size());
   for (const fs::path& each : dropped) {
     std::error_code ignored;  // a file that stays is taken in again at the next start
     fs::remove(each, ignored);
@@ -193,6 +207,7 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string_vie
     writePicture(file, picture);
     const MutexLock lock(mutex_);
     insert(one);
+    stored_.add();
     return Result::Stored;
   } catch (const std::exception& error) {
     logError("a picture of {} bytes cannot be stored: {}", picture.size(), error.what());
@@ -201,7 +216,7 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string_vie
     const MutexLock lock(mutex_);
     release(*share, picture.size(), 1);
     const auto* const system = dynamic_cast<const std::system_error*>(&error);
-    return system && isOutOfSpace(system->code()) ? Result::Full : Result::Failed;
+    return refuse(system && isOutOfSpace(system->code()) ? Result::Full : Result::Failed);
   }
 }
 

@@ -304,7 +304,9 @@ TEST_F(DeviceBusTest, WhatWaitsIsBoundedInBytesForEachDeviceAndInAll) {
 
 struct SomebodyAsking : Asker {
   bool isGone() const override { return gone; }
+  void waited(std::chrono::nanoseconds time) const override { waitedFor = time; }
   std::atomic<bool> gone{false};
+  mutable std::atomic<std::chrono::nanoseconds> waitedFor{};
 };
 
 TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
@@ -341,6 +343,7 @@ TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
   EXPECT_EQ(inFlight->text(), "{}");
   EXPECT_EQ(waiting[2]->text(), "{}");
   EXPECT_EQ(waiting[3]->text(), "{}") << "of nobody in particular";
+  EXPECT_GT(there->waitedFor.load().count(), 0) << "told how long the device took";
 }
 
 TEST_F(DeviceBusTest, DeadDeviceIsProbedAndComesBack) {
