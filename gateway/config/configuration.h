@@ -84,6 +84,17 @@ struct BusOptions {
   std::size_t bytes = 256 * 1024 * 1024;  // of all devices
 };
 
+// Metrics, health and the operator's page, on a port of their own.
+struct AdminOptions {
+  std::string address = "127.0.0.1";
+  uint16_t port = 0;  // 0: off
+  std::string username = "admin";
+  std::string password;      // empty, on loopback only: no login
+  std::string metricsToken;  // also opens the metrics, for those who know no Digest
+
+  bool operator==(const AdminOptions&) const = default;
+};
+
 struct LogOptions {
   std::string level = "info";  // debug, info, warn, error
 };
@@ -129,6 +140,7 @@ struct Configuration {
   StorageOptions storage;
   PictureOptions pictures;
   BusOptions bus;
+  AdminOptions admin;
   LogOptions log;
   std::vector<UserConfig> users;
   std::vector<DeviceConfig> devices;

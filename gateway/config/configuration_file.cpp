@@ -76,6 +76,14 @@ constexpr Key<BusOptions> kBusKeys[] = {
     {"bytes", &BusOptions::bytes, {1024, kMiB* kMiB}},
 };
 
+constexpr Key<AdminOptions> kAdminKeys[] = {
+    {"address", &AdminOptions::address, {}, &kAddressRule},
+    {"port", &AdminOptions::port, kPortOrNone},
+    {"username", &AdminOptions::username, {}, &kUserNameRule},
+    {"password", &AdminOptions::password, {}, &kDevicePasswordRule},
+    {"metrics_token", &AdminOptions::metricsToken, {}, &kTokenRule},
+};
+
 constexpr Key<LogOptions> kLogKeys[] = {
     {"level", &LogOptions::level, {}, &kLevelRule},
 };
@@ -147,6 +155,7 @@ class FileReader {
     // After the sections, because HA1s depend on the realm.
     claimPort("http", "port", result_.http.port);
     claimPort("network", "picture_port", result_.network.picturePort);
+    checkAdmin();
     forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
     forEachTable("users", [this](const auto& table, const Place& at) { addUser(table, at); });
     result_.buildIndexes();
@@ -169,6 +178,7 @@ class FileReader {
                        readSection("storage", kStorageKeys, result_.storage, place, node) ||
                        readSection("pictures", kPictureKeys, result_.pictures, place, node) ||
                        readSection("bus", kBusKeys, result_.bus, place, node) ||
+                       readSection("admin", kAdminKeys, result_.admin, place, node) ||
                        readSection("log", kLogKeys, result_.log, place, node);
     if (!known) place.fail("unknown section");
   }
@@ -209,6 +219,16 @@ class FileReader {
     const Place at{file_, 0, section};
     ports_.add(port, table ? placeOfKey(*table->as_table(), at, key)
                            : Place{file_, 0, at.key + '.' + key});
+  }
+
+  // Whoever reaches it sees who is locked out and can let them in.
+  void checkAdmin() {
+    const AdminOptions& admin = result_.admin;
+    if (admin.port == 0) return;
+    claimPort("admin", "port", admin.port);
+    if (!admin.password.empty() || isLoopback(admin.address)) return;
+    placeOfKey(*root_.get("admin")->as_table(), {file_, 0, "admin"}, "address")
+        .fail("expected a loopback address, or a password in this section");
   }
 
   void readNonceKey() {
