@@ -61,10 +61,12 @@ DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
       random_(std::random_device{}()) {}
 
 void DeviceFeed::start() {
+  device_->counts.feedWanted = true;
   asio::post(reactor_, [self = shared_from_this()] { self->connect(); });
 }
 
 void DeviceFeed::stop() {
+  device_->counts.feedWanted = false;
   asio::post(reactor_, [self = shared_from_this()] {
     self->stopped_ = true;
     self->device_->counts.alarmsFlow = false;

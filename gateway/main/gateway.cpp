@@ -47,7 +47,10 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
+            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+      pulse_(reactors_),
+      health_(pulse_),
+      admin_(observed()) {
   try {
     start();
   } catch (...) {
@@ -68,11 +71,14 @@ void Gateway::start() {
   bus_.start();
   alarms_.start();
   reactors_.start();
+  pulse_.start();
+  admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   http_.listen();
   // A gateway without its picture port would hand out dead URLs.
   http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   applyExtraPorts();
+  health_.setStarted();
   logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
           configuration_->http.address, http_.port());
 }
@@ -80,6 +86,7 @@ void Gateway::start() {
 // Every step is harmless for what has not been started.
 void Gateway::stop() {
   using std::chrono::steady_clock;
+  health_.setStopping();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -87,6 +94,7 @@ void Gateway::stop() {
   bus_.stop();
   http_.drain(steady_clock::now() + kAnswerTime);
   http_.close();
+  admin_.close();
   files_.stop();
   waiting_.stop();
   translations_.stop();
@@ -103,6 +111,26 @@ void Gateway::reload(Configuration next) {
   pictures_.setOptions(configuration_->pictures);
   applyExtraPorts();
   http_.closeForbiddenStreams();
+}
+
+void Gateway::endReload(const std::string& refusal) {
+  reloads_.end(refusal);
+  admin_.reopen(configuration_->admin, configuration_->lock);
+}
+
+Observed Gateway::observed() {
+  return {http_,
+          pulse_,
+          devices_,
+          bus_,
+          alarms_,
+          pictures_,
+          OperationLog::instance(),
+          clientLogin(),
+          {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
+          health_,
+          reloads_,
+          QN_VERSION};
 }
 
 void Gateway::applyExtraPorts() {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <string>
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
@@ -44,14 +45,18 @@ sigset_t blockSignals() {
 
 // An invalid file changes nothing.
 void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
+  std::string refusal;
+  gateway.beginReload();
   try {
     auto next = qn::readConfiguration(file);
     qn::checkReload(gateway.inForce(), next, file.string());
     gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
   } catch (const std::exception& error) {
-    qn::logError("configuration not changed: {}", error.what());
+    refusal = error.what();
+    qn::logError("configuration not changed: {}", refusal);
   }
+  gateway.endReload(refusal);
 }
 
 // Operators are promised 10 s. Everything has a bound of its own; this is for what should not be.

@@ -108,6 +108,7 @@ struct DeviceCounts {
   Counter unusable;    // replies, connections that broke, refused credentials
   Counter turnedAway;  // requests for which there was no room
   Counter alarms;
+  std::atomic<bool> feedWanted{false};  // somebody has subscribed to its alarms
   std::atomic<bool> alarmsFlow{false};  // its alert stream is open
   std::atomic<DeviceFailure> lastFailure{DeviceFailure::None};
   std::atomic<int64_t> lastFailureAt{0};  // seconds since the epoch
