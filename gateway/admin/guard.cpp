@@ -103,10 +103,8 @@ bool AdminGuard::admits(ExchangeState& exchange) {
 }
 
 bool AdminGuard::admitsByToken(const ExchangeState& exchange) const {
-  constexpr std::string_view kBearer = "Bearer ";
-  const std::string given = exchange.header("Authorization");
-  return !options_.metricsToken.empty() && given.starts_with(kBearer) &&
-         equalInConstantTime(std::string_view(given).substr(kBearer.size()), options_.metricsToken);
+  return !options_.metricsToken.empty() &&
+         equalInConstantTime(exchange.bearerToken(), options_.metricsToken);
 }
 
 }  // namespace qn

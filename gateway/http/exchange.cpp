@@ -117,6 +117,14 @@ std::string ExchangeState::header(std::string_view name) const {
   return misused ? std::string() : std::string(value);
 }
 
+std::string ExchangeState::bearerToken() const {
+  constexpr std::string_view kScheme = "Bearer ";
+  const qn::MutexLock lock(mutex_);
+  const std::string_view value = qn::findHeader(fields_, "Authorization").value;
+  const bool bears = qn::text::equalNoCase(value.substr(0, kScheme.size()), kScheme);
+  return std::string(bears ? value.substr(kScheme.size()) : std::string_view());
+}
+
 void ExchangeState::setLogin(qn::LoggedIn who) {
   const qn::MutexLock lock(mutex_);
   login_ = std::move(who);
