@@ -35,23 +35,17 @@ class TextSink final : public Sink {
  public:
   explicit TextSink(std::string& text) : text_(text) {}
 
-  void enter(const char* name) override { text_.append(1, '<').append(name).append(1, '>'); }
-  void leave(const char* name) override {
-    if (text_.back() == '>' && endsWithStart(name)) {
-      text_.replace(text_.size() - 1, 1, "/>");
-    } else {
-      text_.append("</").append(name).append(1, '>');
-    }
+  void enter(const char* name) override {
+    text_ += '<';
+    text_ += name;
+    text_ += '>';
   }
+  void leave(const char* name) override { end(name, text_.back() == '>' && endsWithStart(name)); }
   void leaf(const char* name, std::string_view text) override {
     enter(name);
     const std::size_t before = text_.size();
     qn::text::appendEscapedXml(text, qn::text::XmlPlace::Text, text_);
-    if (text_.size() == before) {
-      text_.replace(before - 1, 1, "/>");
-    } else {
-      text_.append("</").append(name).append(1, '>');
-    }
+    end(name, text_.size() == before);
   }
   std::size_t written() const override { return text_.size(); }
   bool repeat(std::size_t from, std::size_t size) override {
@@ -60,6 +54,15 @@ class TextSink final : public Sink {
   }
 
  private:
+  void end(const char* name, bool isEmpty) {
+    if (isEmpty) {
+      text_.back() = '/';
+    } else {
+      text_ += "</";
+      text_ += name;
+    }
+    text_ += '>';
+  }
   // An element that has just been entered. No text ends in its start: there "<" is escaped.
   bool endsWithStart(std::string_view name) const {
     const std::string_view tail = std::string_view(text_).substr(0, text_.size() - 1);

@@ -52,15 +52,15 @@ void CheckDocument(std::string_view text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  CheckDocument(TextOf(data, size));
+void fuzz(std::string_view input) {
+  CheckDocument(input);
   fake::reset();
   CEventPto pto;
   Require(pto.start() == 0);
   const int first = Open(pto);
   const int second = Open(pto);
-  const int length = static_cast<int>(size);
-  const int result = fake::alarmBus().raise(TextOf(data, size));
+  const int length = static_cast<int>(input.size());
+  const int result = fake::alarmBus().raise(input);
   Require(result == length || result == -1);
   fake::runtime().runJobs();
   const auto parts = fake::http().answer(first).parts;
@@ -68,5 +68,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(parts == fake::http().answer(second).parts);
   for (const auto& part : parts) CheckPart(part);
   pto.stop();
-  return 0;
 }

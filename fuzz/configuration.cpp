@@ -24,13 +24,11 @@ void CheckPromises(const qn::Configuration& read) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void fuzz(std::string_view content) {
   qn::setLogLevel("error");
-  const std::string_view content = TextOf(data, size);
   try {
     CheckPromises(qn::parseConfiguration(content, "FILE"));
   } catch (const qn::ConfigurationError& error) {
     Require(std::string_view(error.what()).starts_with("FILE:"));
   }
-  return 0;
 }

@@ -1,24 +1,13 @@
-// The reader of HTTP requests, on bytes in pieces as a connection gets them, and the multipart
-// reader on what it yields. The first byte chooses the size of the pieces.
-#include <algorithm>
-#include <string>
+// The reader of HTTP requests, on bytes in pieces as a connection gets them. The first byte chooses
+// the size of the pieces.
 
 #include "fuzz/require.h"
-#include "gateway/http/multipart.h"
 #include "gateway/http/request_reader.h"
 
 namespace {
 
 constexpr std::size_t kHeadLimit = 1024;
 constexpr std::size_t kBodyLimit = 4096;
-
-void readMultipart(std::string_view fields, std::string_view body) {
-  const std::string contentType(fields.substr(0, fields.find('\r')));
-  if (const auto face = qn::readFaceBody(contentType, body)) {
-    Require(face->bytes.size() <= body.size());
-    Require(face->hasMimeType == !face->mimeType.empty());
-  }
-}
 
 // Reads one request that starts at `at`; false when there is no further one.
 bool readRequest(std::string_view input, std::size_t piece, std::size_t& at) {
@@ -37,7 +26,6 @@ bool readRequest(std::string_view input, std::size_t piece, std::size_t& at) {
   Require(reader.headLength() <= kHeadLimit && at + reader.headLength() <= input.size());
   Require(head.method == qn::kOtherMethod || !head.target.empty());
   Require(head.fields.empty() || head.fields.ends_with("\r\n"));
-  const std::string fields(head.fields);
   at += reader.headLength();
   for (;;) {
     std::size_t used = 0;
@@ -51,17 +39,16 @@ bool readRequest(std::string_view input, std::size_t piece, std::size_t& at) {
   }
   if (result != qn::ReadResult::Complete) return false;
   Require(reader.body().size() <= kBodyLimit);
-  readMultipart(fields.substr(std::min(fields.find(' '), fields.size())), reader.body());
   return true;
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-  if (size < 2) return 0;
-  const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
+void fuzz(std::string_view input) {
+  if (input.size() < 2) return;
+  const std::size_t piece = static_cast<unsigned char>(input[0]) + std::size_t{1};
+  input.remove_prefix(1);
   std::size_t at = 0;
-  while (at < input.size() && readRequest(input, data[0] + std::size_t{1}, at)) {
+  while (at < input.size() && readRequest(input, piece, at)) {
   }
-  return 0;
 }

@@ -11,15 +11,15 @@ namespace {
 constexpr std::size_t kBodyLimit = 4096;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
-  const std::size_t piece = std::size_t{data[0]} + 1;
-  std::string_view rest(reinterpret_cast<const char*>(data) + 1, size - 1);
+void fuzz(std::string_view rest) {
+  if (rest.empty()) return;
+  const std::size_t piece = static_cast<unsigned char>(rest[0]) + std::size_t{1};
+  rest.remove_prefix(1);
   qn::ReadBuffer buffer;
   qn::ReplyParser reply(kBodyLimit);
   while (!rest.empty() && !reply.is_done()) {
     const auto space = buffer.space();
-    if (space.size() == 0) return 0;
+    if (space.size() == 0) return;
     const std::size_t count = std::min({piece, space.size(), rest.size()});
     std::memcpy(space.data(), rest.data(), count);
     buffer.commit(count);
@@ -27,9 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     boost::system::error_code error;
     const std::string_view bytes = buffer.unread();
     buffer.consume(reply.put(boost::asio::buffer(bytes), error));
-    if (error && error != boost::beast::http::error::need_more) return 0;
+    if (error && error != boost::beast::http::error::need_more) return;
     if (!reply.is_done()) reply.keepBody();
   }
   Require(reply.body().data() != nullptr && reply.body().size() <= kBodyLimit);
-  return 0;
 }

@@ -167,12 +167,11 @@ class Conversation {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void fuzz(std::string_view input) {
   static const bool published = publish();
   Require(published);
   Conversation conversation;
-  for (std::size_t i = 0; i + 1 < std::min<std::size_t>(size, 4096); i += 2) {
-    conversation.step(data[i], data[i + 1]);
+  for (std::size_t i = 0; i + 1 < std::min<std::size_t>(input.size(), 4096); i += 2) {
+    conversation.step(static_cast<uint8_t>(input[i]), static_cast<uint8_t>(input[i + 1]));
   }
-  return 0;
 }

@@ -55,11 +55,11 @@ void reload(std::string_view content) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+void fuzz(std::string_view input) {
   qn::setLogLevel("error");
   QN_DeviceMgr_NotifyAttach(onChange, nullptr);
   constexpr std::string_view kMark = "\n---\n";
-  std::string_view rest = TextOf(data, size);
+  std::string_view rest = input;
   while (!rest.empty()) {
     const std::size_t end = std::min(rest.find(kMark), rest.size());
     reload(rest.substr(0, end));
@@ -67,5 +67,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   qn::publishConfiguration(std::make_shared<const qn::Configuration>());
   Require(announced().empty());
-  return 0;
 }

@@ -1,21 +1,20 @@
 // Runs a fuzz target over files instead of random inputs: every file in the directories named on
 // the command line, and each of its prefixes of up to 64 lengths. Fails when there is none.
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "fuzz/require.h"
 
 namespace {
 
 void Run(const std::string& bytes, std::size_t size) {
   // A copy of exactly this size, so that the address sanitizer sees a read beyond it.
   const std::string input(bytes, 0, size);
-  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
+  fuzz(input);
 }
 
 void Replay(const std::filesystem::path& file) {
@@ -33,6 +32,8 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
       if (!entry.is_regular_file()) continue;
+      std::printf("%s\n", entry.path().c_str());  // the last one named is at fault
+      std::fflush(stdout);
       Replay(entry.path());
       ++replayed;
     }

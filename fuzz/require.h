@@ -1,14 +1,13 @@
-// What every fuzz target ends with when it has found a fault.
+// The frame of every fuzz target.
 #pragma once
 
-#include <cstdint>
 #include <cstdlib>
 #include <string_view>
 
+// What a target does with one input; each defines its own.
+void fuzz(std::string_view input);
+
+// What it ends with when it has found a fault.
 inline void Require(bool holds) {
   if (!holds) std::abort();
-}
-
-inline std::string_view TextOf(const std::uint8_t* data, std::size_t size) {
-  return {reinterpret_cast<const char*>(data), size};
 }

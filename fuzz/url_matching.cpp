@@ -22,8 +22,8 @@ bool MatchesSlowly(std::string path, const std::string& prefix, const std::strin
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string bytes(reinterpret_cast<const char*>(data), size);
+void fuzz(std::string_view input) {
+  const std::string bytes(input);
   Handler handler;
   handler.IsJsonURL(bytes);
   handler.isLanguageCNURL(bytes);
@@ -36,5 +36,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(Handler::cmpURLWithInt(bytes, "/c/%d/p", 1) == MatchesSlowly(bytes, "/c/", "/p"));
   Require(!Handler::cmpURLWithInt(bytes, "/c/%d", 0));
   Handler::cmpURLWithInt("/KAVRO/PTZCtrl/channels/1/presets/2", bytes, 2);
-  return 0;
 }

@@ -12,10 +12,10 @@
 namespace qn::json {
 
 // One text, read with one parser for each thread; `text` need not stay. What simdjson refuses, and
-// what the two libraries could see differently, jsoncpp judges, so that the result is always
-// jsoncpp's (json/text.h says what that is). A reading within a reading gets a parser of its own.
-// Large texts leave no memory behind. To be used and destroyed on the thread that made it. Throws
-// nothing but std::bad_alloc.
+// what the two libraries could see differently, jsoncpp judges, so that the result is
+// jsoncpp's (json/text.h says what that is), except that simdjson may read texts of more values. A
+// reading within a reading gets a parser of its own. Large texts leave no memory behind. To be used
+// and destroyed on the thread that made it. Throws nothing but std::bad_alloc.
 class Reading {
  public:
   explicit Reading(std::string_view text);

@@ -13,10 +13,10 @@ namespace qn::json {
 // more than a million commas, which would take a hundred times its size as values.
 bool mayBeJson(std::string_view text);
 
-// False for a text that is no JSON or not mayBeJson(), and for one nested deeper than the library
-// allows (1000); `value` is unspecified then. Any JSON value may be the root; comments are skipped;
-// what follows the root is ignored; of two members with one name the last counts. Throws nothing
-// but std::bad_alloc.
+// False for a text that is no JSON or not mayBeJson(), for one of more than 300,000 values, and for
+// one nested deeper than the library allows (1000); `value` is unspecified then. Any JSON value may
+// be the root; comments are skipped; what follows the root is ignored; of two members with one name
+// the last counts. Throws nothing but std::bad_alloc.
 bool parseJson(std::string_view text, Json::Value& value);
 
 // Compact text with a line feed at its end; members ascend by name.

@@ -11,7 +11,11 @@ constexpr char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c
 constexpr bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 constexpr bool equalNoCase(std::string_view a, std::string_view b) {
-  return std::ranges::equal(a, b, {}, lower, lower);
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
 }
 
 constexpr bool startsWithNoCase(std::string_view text, std::string_view start) {

@@ -274,6 +274,8 @@ void Collector::Round::budgets() {
       {"strangers_bodies", load.strangersBodies},
       {"answers", load.answers},
       {"bus", {observed.bus.bytes(), options.bytes, bus.sum(&BusCounts::refusedFull)}},
+      {"replies",
+       {observed.bus.replyMemory(), options.replyMemory, bus.sum(&BusCounts::refusedReplies)}},
   };
   Family bytes = gauge("qn_budget_bytes", "Memory held for clients and devices.");
   for (const auto& [name, budget] : all) bytes.add({{"budget", name}}, double(budget.bytes));

@@ -31,7 +31,8 @@ struct RecentAlarm {
 
 class AlarmBus {
  public:
-  using RecentAlarms = Recent<RecentAlarm, 64>;
+  static constexpr std::size_t kRecentAlarms = 64;
+  using RecentAlarms = Recent<RecentAlarm, kRecentAlarms>;
 
   // All outlive the bus; reactors and workers also what is left of its feeds, so the workers are
   // stopped before the reactors.

@@ -10,6 +10,7 @@ namespace {
 constexpr uint8_t kTokenChar = 1;
 constexpr uint8_t kBlank = 2;
 constexpr uint8_t kForbidden = 4;  // anywhere, quoted strings included
+constexpr uint8_t kQuoting = 8;    // what ends or escapes in a quoted string
 
 // '/' belongs to no token but to the single values that stand in a token's place.
 constexpr std::array<uint8_t, 256> characterClasses() {
@@ -22,12 +23,14 @@ constexpr std::array<uint8_t, 256> characterClasses() {
   }
   for (const char c : std::string_view("!#$%&'*+-.^_`|~/")) classes[uint8_t(c)] = kTokenChar;
   classes[' '] = classes['\t'] = kBlank;
+  classes['"'] = classes['\\'] = kQuoting;
   return classes;
 }
 
 constexpr std::array<uint8_t, 256> kClasses = characterClasses();
 
 bool is(uint8_t kind, char c) { return kClasses[uint8_t(c)] == kind; }
+bool isAny(uint8_t kinds, char c) { return kClasses[uint8_t(c)] & kinds; }
 
 }  // namespace
 
@@ -57,14 +60,16 @@ AuthReader::Item AuthReader::readValue() {
 }
 
 AuthReader::Item AuthReader::readQuoted() {
-  for (std::size_t i = 1; i < rest_.size(); ++i) {
-    if (rest_[i] == '"') {
-      value_ = rest_.substr(1, i - 1);
-      rest_.remove_prefix(i + 1);
+  const char* const end = rest_.data() + rest_.size();
+  for (const char* c = rest_.data() + 1; c < end; ++c) {
+    while (c < end && !isAny(kForbidden | kQuoting, *c)) ++c;
+    if (c == end || is(kForbidden, *c)) break;
+    if (*c == '"') {
+      value_ = {rest_.data() + 1, c};
+      rest_ = {c + 1, end};
       return Item::Parameter;
     }
-    if (rest_[i] == '\\') ++i;
-    if (i < rest_.size() && is(kForbidden, rest_[i])) break;
+    if (++c == end || is(kForbidden, *c)) break;  // what a backslash stands before
   }
   return malformed();
 }
@@ -75,10 +80,11 @@ AuthReader::Item AuthReader::malformed() {
 }
 
 std::string_view AuthReader::takeToken() {
-  std::size_t length = 0;
-  while (length < rest_.size() && is(kTokenChar, rest_[length])) ++length;
-  const std::string_view token = rest_.substr(0, length);
-  rest_.remove_prefix(length);
+  const char* const end = rest_.data() + rest_.size();
+  const char* c = rest_.data();
+  while (c < end && is(kTokenChar, *c)) ++c;
+  const std::string_view token(rest_.data(), c);
+  rest_ = {c, end};
   return token;
 }
 

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "text/hex.h"
 
@@ -70,6 +72,35 @@ class Hasher {
   std::array<char, 512> gathered_;
 };
 
+// The digest of a request's method and URL. Clients ask for the same few URLs again and again, so
+// each thread keeps those it saw last: 64 of at most 256 bytes.
+class RequestDigests {
+ public:
+  const HexDigest& of(DigestAlgorithm algorithm, std::string_view method, std::string_view uri) {
+    if (method.size() + uri.size() > kLongest) return long_ = hexDigest(algorithm, {method, uri});
+    Entry& entry = entries_[(std::hash<std::string_view>()(uri) + method.size()) % entries_.size()];
+    if (entry.digest.text().empty() || entry.algorithm != algorithm || entry.method != method ||
+        entry.uri != uri) {
+      entry.digest = hexDigest(algorithm, {method, uri});
+      entry.algorithm = algorithm;
+      entry.method = method;
+      entry.uri = uri;
+    }
+    return entry.digest;
+  }
+
+ private:
+  static constexpr std::size_t kLongest = 256;
+  struct Entry {
+    DigestAlgorithm algorithm = DigestAlgorithm::MD5;
+    std::string method;
+    std::string uri;
+    HexDigest digest;
+  };
+  std::array<Entry, 64> entries_;
+  HexDigest long_;  // of the last longer one
+};
+
 }  // namespace
 
 std::string_view algorithmName(DigestAlgorithm algorithm) {
@@ -98,7 +129,8 @@ HexDigest hexDigest(DigestAlgorithm algorithm, std::initializer_list<std::string
 
 HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
                          const DigestFields& fields) {
-  const HexDigest request = hexDigest(algorithm, {fields.method, fields.uri});
+  thread_local RequestDigests requests;
+  const HexDigest& request = requests.of(algorithm, fields.method, fields.uri);
   return hexDigest(algorithm, {ha1, fields.nonce, fields.nonceCount, fields.clientNonce, "auth",
                                request.text()});
 }

@@ -87,9 +87,15 @@ bool parseDigestCredentials(std::string_view authorization, DigestCredentials& c
 }
 
 bool digestUriIs(std::string_view authorization, std::string_view target) {
-  DigestCredentials credentials;
-  return parseDigestCredentials(authorization, credentials) &&
-         (credentials.uri == target || withoutAuthority(credentials.uri) == target);
+  AuthReader reader(authorization);
+  if (reader.next() != AuthReader::Item::Scheme || !text::equalNoCase(reader.name(), "Digest")) {
+    return false;
+  }
+  while (reader.next() == AuthReader::Item::Parameter) {
+    if (!text::equalNoCase(reader.name(), "uri")) continue;
+    return reader.value() == target || withoutAuthority(reader.value()) == target;
+  }
+  return false;
 }
 
 }  // namespace qn

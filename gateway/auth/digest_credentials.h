@@ -31,8 +31,9 @@ bool parseDigestCredentials(std::string_view authorization, DigestCredentials& c
 // is the hash.
 bool usernameOf(const DigestCredentials& credentials, std::string& name);
 
-// Whether these are Digest credentials for this request target (path and query); an absolute
-// digest uri is compared from its path on.
+// Whether Digest credentials are for this request target (path and query); an absolute digest uri
+// is compared from its path on. Looks no further than the first "uri": what is malformed behind it
+// no login accepts.
 bool digestUriIs(std::string_view authorization, std::string_view target);
 
 }  // namespace qn

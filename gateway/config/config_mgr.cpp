@@ -133,6 +133,12 @@ void buildConfigObjects(Published& next) {
 
 }  // namespace qn
 
-std::shared_ptr<const CUserCfg> QN_ConfigMgr_GetUserCfg() { return qn::published().user; }
-std::shared_ptr<const CNetworkCfg> QN_ConfigMgr_GetNetworkCfg() { return qn::published().network; }
-std::shared_ptr<const CKAVROCfg> QN_ConfigMgr_GetKAVROCfg() { return qn::published().kavro; }
+std::shared_ptr<const CUserCfg> QN_ConfigMgr_GetUserCfg() {
+  return {qn::published(), qn::published()->user.get()};
+}
+std::shared_ptr<const CNetworkCfg> QN_ConfigMgr_GetNetworkCfg() {
+  return {qn::published(), qn::published()->network.get()};
+}
+std::shared_ptr<const CKAVROCfg> QN_ConfigMgr_GetKAVROCfg() {
+  return {qn::published(), qn::published()->kavro.get()};
+}

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "gateway/auth/digest.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 
@@ -81,7 +82,8 @@ struct BusOptions {
   std::size_t replyBytes = 16 * 1024 * 1024;
   // What requests that are not answered may hold; a single one may hold more.
   std::size_t deviceBytes = 32 * 1024 * 1024;
-  std::size_t bytes = 256 * 1024 * 1024;  // of all devices
+  std::size_t bytes = 256 * 1024 * 1024;        // of all devices
+  std::size_t replyMemory = 256 * 1024 * 1024;  // what all long replies may hold at once
 };
 
 // Metrics, health and the operator's page, on a port of their own.
@@ -93,10 +95,6 @@ struct AdminOptions {
   std::string metricsToken;  // also opens the metrics, for those who know no Digest
 
   bool operator==(const AdminOptions&) const = default;
-};
-
-struct LogOptions {
-  std::string level = "info";  // debug, info, warn, error
 };
 
 // The user whose presence activates the gateway.

@@ -74,6 +74,7 @@ constexpr Key<BusOptions> kBusKeys[] = {
     {"reply_bytes", &BusOptions::replyBytes, {1024, 1024 * kMiB}},
     {"device_bytes", &BusOptions::deviceBytes, {1024, kMiB* kMiB}},
     {"bytes", &BusOptions::bytes, {1024, kMiB* kMiB}},
+    {"reply_memory", &BusOptions::replyMemory, {1024, kMiB* kMiB}},
 };
 
 constexpr Key<AdminOptions> kAdminKeys[] = {
@@ -86,6 +87,9 @@ constexpr Key<AdminOptions> kAdminKeys[] = {
 
 constexpr Key<LogOptions> kLogKeys[] = {
     {"level", &LogOptions::level, {}, &kLevelRule},
+    {"format", &LogOptions::format, {}, &kLogFormatRule},
+    {"access", &LogOptions::access, {}, &kAccessRule},
+    {"file", &LogOptions::file, {}, &kPathRule},
 };
 
 // With the keys that are not kept as they stand.

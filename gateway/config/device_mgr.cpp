@@ -84,12 +84,15 @@ void announceDevices(const Configuration& before, const Configuration& after) {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): declared so for its callers
 std::shared_ptr<const CNovDevice> QN_DeviceMgr_GetDevice(std::string devIndex) {
-  const auto& devices = qn::published().devices;
-  const auto found = devices.find(devIndex);
-  return found == devices.end() ? nullptr : found->second;
+  const qn::PublishedPtr& inForce = qn::published();
+  const auto found = inForce->devices.find(devIndex);
+  if (found == inForce->devices.end()) return nullptr;
+  return {inForce, found->second.get()};
 }
 
-void QN_DeviceMgr_GetAllKAVROPort(std::vector<CKAVROPort>& ports) { ports = qn::published().ports; }
+void QN_DeviceMgr_GetAllKAVROPort(std::vector<CKAVROPort>& ports) {
+  ports = qn::published()->ports;
+}
 
 void QN_DeviceMgr_NotifyAttach(DeviceChangeCallBack routine, const void* user) {
   if (routine) qn::listeners().attach(routine, user);

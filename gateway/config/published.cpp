@@ -8,8 +8,6 @@
 namespace qn {
 namespace {
 
-using PublishedPtr = std::shared_ptr<const Published>;
-
 PublishedPtr emptyPublished() {
   auto empty = std::make_shared<Published>();
   empty->configuration = std::make_shared<const Configuration>();
@@ -30,22 +28,31 @@ Publication& state() {
   return *instance;
 }
 
-}  // namespace
+// What a thread has last seen.
+struct Seen {
+  uint64_t generation = 0;
+  PublishedPtr published;
+  std::shared_ptr<const Configuration> configuration;  // counted with it
+};
 
-const Published& published() {
-  thread_local uint64_t generation = 0;
-  thread_local PublishedPtr cached;
+const Seen& seenByThread() {
+  thread_local Seen seen;
   Publication& shared = state();
   const uint64_t latest = shared.generation.load(std::memory_order_acquire);
-  if (generation != latest) {
+  if (seen.generation != latest) {
     const MutexLock lock(shared.mutex);
-    cached = shared.inForce;
-    generation = latest;
+    seen.published = {shared.inForce.get(), [held = shared.inForce](const Published*) {}};
+    seen.configuration = {seen.published, seen.published->configuration.get()};
+    seen.generation = latest;
   }
-  return *cached;
+  return seen;
 }
 
-const std::shared_ptr<const Configuration>& configuration() { return published().configuration; }
+}  // namespace
+
+const PublishedPtr& published() { return seenByThread().published; }
+
+const std::shared_ptr<const Configuration>& configuration() { return seenByThread().configuration; }
 
 void publishConfiguration(const std::shared_ptr<const Configuration>& next) {
   const auto owned = std::make_shared<Configuration>(*next);

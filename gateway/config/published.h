@@ -23,8 +23,12 @@ struct Published {
   std::vector<CKAVROPort> ports;
 };
 
-// What is in force, for the calling thread until its next call.
-const Published& published();
+using PublishedPtr = std::shared_ptr<const Published>;
+
+// What is in force. Until the next call the pointer is the calling thread's, with a count of its
+// own: pointers that share it are made for each request, and threads need not pass one count
+// around.
+const PublishedPtr& published();
 
 // Fill in what each file hands out.
 void buildConfigObjects(Published& next);

@@ -56,6 +56,10 @@ bool isLevel(std::string_view text) {
   return text == "debug" || text == "info" || text == "warn" || text == "error";
 }
 
+bool isLogFormat(std::string_view text) { return text == "text" || text == "json"; }
+
+bool isAccess(std::string_view text) { return text == "none" || text == "errors" || text == "all"; }
+
 bool isAlgorithm(std::string_view text) {
   return text == algorithmName(DigestAlgorithm::MD5) ||
          text == algorithmName(DigestAlgorithm::SHA256);
@@ -138,6 +142,8 @@ bool isToken(std::string_view text) {
 const TextRule kAddressRule{isAddress, "an IP address"};
 const TextRule kNetworkRule{isNetwork, "an IP address or a network ADDRESS/BITS"};
 const TextRule kLevelRule{isLevel, "\"debug\", \"info\", \"warn\" or \"error\""};
+const TextRule kLogFormatRule{isLogFormat, "\"text\" or \"json\""};
+const TextRule kAccessRule{isAccess, "\"none\", \"errors\" or \"all\""};
 const TextRule kAlgorithmRule{isAlgorithm, "\"MD5\" or \"SHA-256\""};
 const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};

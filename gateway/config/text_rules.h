@@ -15,6 +15,8 @@ struct TextRule {
 extern const TextRule kAddressRule;
 extern const TextRule kNetworkRule;
 extern const TextRule kLevelRule;
+extern const TextRule kLogFormatRule;
+extern const TextRule kAccessRule;
 extern const TextRule kAlgorithmRule;
 extern const TextRule kRealmRule;
 extern const TextRule kUserNameRule;

@@ -173,7 +173,7 @@ std::shared_ptr<Device> DeviceBus::findDevice(const std::string& url) {
 }
 
 int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
-  auto request = std::make_unique<BusRequest>();
+  auto request = std::make_unique<BusRequest>(replies_);
   const int refusal = admit(call, *request);
   if (refusal != DEVCFGBUS_OK) {
     BusCounts& counts = counts_.here();

@@ -51,6 +51,8 @@ class DeviceBus {
 
   const Sharded<BusCounts>& counts() const { return counts_; }
   std::size_t bytes() const { return tally_.bytes; }  // that its requests hold
+  // What long replies hold of their budget. Any thread.
+  std::size_t replyMemory() const { return replies_.held(); }
 
  private:
   static constexpr std::chrono::seconds kStopTime{10};
@@ -65,6 +67,7 @@ class DeviceBus {
   Answers answers_;
   DeviceDirectory& directory_;
   Tally tally_;
+  ReplyBudget replies_;
   std::vector<std::unique_ptr<Shard>> shards_;  // one for each reactor
   std::atomic<std::size_t> nextShard_{0};
   bool stopped_ = false;

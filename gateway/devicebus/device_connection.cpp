@@ -38,6 +38,7 @@ void DeviceConnection::start(const DeviceRequestHead& head, RequestPtr request) 
   reply_.emplace(lane_->replyLimit(), request->method == "HEAD");
   request_ = std::move(request);
   ++device_->counts.inFlight;
+  request_->reply.giveBack();  // of an attempt that was refused
   interimReplies_ = 0;
   gotReplyBytes_ = false;
   reused_ = connected_;
@@ -121,12 +122,34 @@ void DeviceConnection::parse() {
     if (error && error != http::error::need_more) return report(Fault::Unusable);
     if (!reply_->is_done()) {
       reply_->keepBody();
-      return read();
+      return readOnWhenRoom();
     }
     if (reply_->status() >= 200) return lane_->onReply(*this);
     if (!nextAfterInterim()) return report(Fault::Unusable);
     if (buffer_.empty()) return read();
   }
+}
+
+// A reply of known length waits for all of its room at once, so that no two wait for each other;
+// meanwhile the device waits too. One that just grows has taken its room already and cannot wait.
+void DeviceConnection::readOnWhenRoom() {
+  const auto onRoom = [self = weak_from_this()] {
+    const auto connection = self.lock();
+    if (!connection) return;
+    asio::post(connection->socket_.get_executor(), [connection] {
+      connection->guarded([&] {
+        connection->waitingForRoom_ = false;
+        connection->read();
+      });
+    });
+  };
+  const std::size_t announced = reply_->announcedBytes();
+  if (announced == 0) {
+    const bool fits = request_->reply.hold(*device_, reply_->body().size(), nullptr);
+    return fits ? read() : report(Fault::NoRoom);
+  }
+  waitingForRoom_ = !request_->reply.hold(*device_, announced, onRoom);
+  if (!waitingForRoom_) read();
 }
 
 // False when the interim reply cannot be passed over.

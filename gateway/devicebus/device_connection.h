@@ -28,8 +28,9 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
 
   enum class Fault {
     NotConnected,
-    Closed,   // by the device, before the reply was whole
-    Unusable  // the reply cannot be understood
+    Closed,    // by the device, before the reply was whole
+    Unusable,  // the reply cannot be understood
+    NoRoom     // for a reply of unknown length that has grown
   };
 
   DeviceConnection(Lane& lane, boost::asio::io_context& reactor);
@@ -45,6 +46,8 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   ReplyParser& reply() { return *reply_; }
   bool isReused() const { return reused_; }
   bool gotReplyBytes() const { return gotReplyBytes_; }
+  // The reply is not read on until there is room for it.
+  bool isWaitingForRoom() const { return waitingForRoom_; }
   Clock::time_point restingSince() const { return restingSince_; }
 
   // After a whole reply: whether the device keeps it open.
@@ -66,6 +69,7 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   void onRead(const ErrorCode& error, std::size_t count);
   void onReadEnd(const ErrorCode& error);
   void parse();
+  void readOnWhenRoom();
   bool nextAfterInterim();
   void report(Fault fault);
   void reportLater(Fault fault);
@@ -84,6 +88,7 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   bool sending_ = false;  // a write is outstanding
   bool ended_ = false;    // the device has closed its side
   bool gotReplyBytes_ = false;
+  bool waitingForRoom_ = false;
   Clock::time_point restingSince_;
 };
 

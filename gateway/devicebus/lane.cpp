@@ -120,6 +120,8 @@ void Lane::onFault(DeviceConnection& connection, DeviceConnection::Fault fault) 
   if (fault == DeviceConnection::Fault::NotConnected) {
     device_->circuit.failed(Clock::now());
     fail(std::move(request), ERROR_DEVICE_UNREACHABLE);
+  } else if (fault == DeviceConnection::Fault::NoRoom) {
+    fail(std::move(request), ERROR_TOO_MANY_REQUESTS);
   } else if (fault == DeviceConnection::Fault::Closed && isToBeSentAgain(*request, connection)) {
     request->needsFreshConnection = true;
     queue_.push_front(std::move(request));
@@ -157,9 +159,10 @@ void Lane::endOverdue(Clock::time_point now) {
   std::erase(queue_, nullptr);
   const auto endIfOverdue = [&](const std::shared_ptr<DeviceConnection>& connection) {
     if (!connection->request() || connection->request()->deadline > now) return false;
-    device_->circuit.failed(now);
+    const bool ownFault = !connection->isWaitingForRoom();
+    if (ownFault) device_->circuit.failed(now);
     connection->close();
-    fail(connection->takeRequest(), ERROR_DEVICE_TIMEOUT);
+    fail(connection->takeRequest(), ownFault ? ERROR_DEVICE_TIMEOUT : ERROR_TOO_MANY_REQUESTS);
     return true;
   };
   std::erase_if(busy_, endIfOverdue);

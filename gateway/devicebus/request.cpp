@@ -84,7 +84,7 @@ void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
     request->recipient->take(document, Origin::Gateway);
     return;
   }
-  if (reply.body().size() >= kLongReply && request->recipient->isTranslator()) {
+  if (reply.body().size() >= ReplyBudget::kLongReply && request->recipient->isTranslator()) {
     giveOnWorker(std::move(request), reply.takeBody());
     return;
   }
@@ -108,6 +108,7 @@ void Answers::giveOnWorker(RequestPtr request, std::string body) const {
 void Answers::giveError(boost::asio::io_context& reactor, RequestPtr request,
                         unsigned int code) const {
   if (const auto failure = failureOf(code)) count(*request, *failure);
+  if (code == ERROR_TOO_MANY_REQUESTS) counts_.here().refusedReplies.add();
   boost::asio::post(reactor, [this, request = std::move(request), code] {
     request->recipient->take(documents_.of(code), Origin::Gateway);
   });

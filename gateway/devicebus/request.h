@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "gateway/devicebus/reply_budget.h"
 #include "gateway/devices/device.h"
 #include "gateway/devices/message.h"
 #include "gateway/devices/status_documents.h"
@@ -71,7 +72,10 @@ class Place {
 };
 
 struct BusRequest {
+  explicit BusRequest(ReplyBudget& replies) : reply(replies) {}
+
   Place place;  // first member, last to go
+  ReplyBudget::Share reply;
   std::string_view method;
   std::string url;  // path and query
   std::string body;
@@ -105,8 +109,6 @@ class Answers {
  private:
   void count(const BusRequest& request, DeviceFailure failure) const;
   void giveOnWorker(RequestPtr request, std::string body) const;
-
-  static constexpr std::size_t kLongReply = 64 * 1024;  // from here on translating takes long
 
   WorkerPool& workers_;
   Sharded<BusCounts>& counts_;

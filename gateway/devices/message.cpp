@@ -11,7 +11,7 @@ namespace qn {
 namespace {
 
 // Memory for a body is taken ahead up to this; a device that only announces more gets no more.
-constexpr std::uint64_t kReserve = 1024 * 1024;
+constexpr std::size_t kReserve = 1024 * 1024;
 
 constexpr std::size_t kLongestBoundary = 70;  // that the multipart format allows
 
@@ -111,7 +111,7 @@ void ReplyParser::on_field_impl(boost::beast::http::field name, Text, Text value
 }
 
 void ReplyParser::on_body_init_impl(const boost::optional<std::uint64_t>& length, Error&) {
-  expected_ = std::min(length.value_or(0), kReserve);
+  announced_ = length.value_or(0);
 }
 
 std::size_t ReplyParser::addBody(std::string_view bytes) {
@@ -126,7 +126,7 @@ std::size_t ReplyParser::addBody(std::string_view bytes) {
 
 void ReplyParser::keepBody() {
   if (view_.empty()) return;
-  copy_.reserve(std::max<std::size_t>(expected_, view_.size()));
+  copy_.reserve(std::max(std::min(announced_, kReserve), view_.size()));
   copy_.assign(view_);
   view_ = {};
 }

@@ -71,6 +71,8 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
   const std::string& boundary() const { return boundary_; }
   // The WWW-Authenticate lines of a 401, joined by ", ".
   const std::string& challenge() const { return challenge_; }
+  // What the head says about the body's length; 0 when it says nothing.
+  std::size_t announcedBytes() const { return announced_; }
   bool hasLongBody() const { return copy_.size() > kLongBody; }
 
   // Good while the parser and the bytes given to put() last. Never null.
@@ -106,9 +108,9 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
   bool headRead_ = false;  // fields that follow are trailers
   std::string boundary_;
   std::string challenge_;
-  std::uint64_t expected_ = 0;  // body bytes still announced, at most kReserve
-  std::string_view view_;       // the body so far, when it is one piece of the bytes given
-  std::string copy_;            // the body so far otherwise
+  std::size_t announced_ = 0;
+  std::string_view view_;  // the body so far, when it is one piece of the bytes given
+  std::string copy_;       // the body so far otherwise
 };
 
 }  // namespace qn

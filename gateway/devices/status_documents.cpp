@@ -8,17 +8,11 @@
 namespace qn {
 namespace {
 
-constexpr unsigned int kCodes[] = {ERROR_DEVICE_TIMEOUT,
-                                   ERROR_DEVICE_UNREACHABLE,
-                                   ERROR_GATEWAY_STOPPING,
-                                   ERROR_DEVICE_REPLY_UNUSABLE,
-                                   ERROR_DEVICE_LOGIN_REFUSED,
-                                   ERROR_MALFORMED_REQUEST,
-                                   ERROR_REQUEST_TOO_LARGE,
-                                   ERROR_METHOD_NOT_IMPLEMENTED,
-                                   ERROR_RESOURCE_NOT_FOUND,
-                                   ERROR_DEVICE_NOT_ALLOWED,
-                                   ERROR_OK};
+constexpr unsigned int kCodes[] = {
+    ERROR_DEVICE_TIMEOUT,        ERROR_DEVICE_UNREACHABLE,   ERROR_GATEWAY_STOPPING,
+    ERROR_DEVICE_REPLY_UNUSABLE, ERROR_DEVICE_LOGIN_REFUSED, ERROR_TOO_MANY_REQUESTS,
+    ERROR_MALFORMED_REQUEST,     ERROR_REQUEST_TOO_LARGE,    ERROR_METHOD_NOT_IMPLEMENTED,
+    ERROR_RESOURCE_NOT_FOUND,    ERROR_DEVICE_NOT_ALLOWED,   ERROR_OK};
 
 std::string documentText(unsigned int code) {
   Json::Value document;

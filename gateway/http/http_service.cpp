@@ -38,6 +38,8 @@ void HttpService::close() {
   onEachConnection(&OpenConnection::close);
 }
 
+void HttpService::limitConnections(std::size_t most) { core_->limitConnections(most); }
+
 void HttpService::closeForbiddenStreams() { onEachConnection(&OpenConnection::closeUnlessAllowed); }
 
 void HttpService::onEachConnection(void (OpenConnection::*action)()) {

@@ -39,6 +39,8 @@ class HttpService {
   // Whether connections to that port come here; after listen().
   bool serves(uint16_t port) const { return ports_->serves(port); }
 
+  // In place of the options' number; connections beyond it stay until they end.
+  void limitConnections(std::size_t most);
   // What it has counted, and what it holds about now; neither takes a lock.
   const Sharded<HttpCounts>& counts() const { return core_->counts; }
   ServiceLoad load() const { return core_->load(); }

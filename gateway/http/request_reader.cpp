@@ -64,6 +64,10 @@ class RequestParser final : public http::basic_parser<true> {
   RequestParser(std::string_view bytes, RequestHead& head) : bytes_(bytes), head_(head) {}
 
   std::string_view body() const { return whole_.data() != nullptr ? whole_ : gathered_; }
+  void dropBody() {
+    whole_ = {};
+    std::string().swap(gathered_);
+  }
 
  private:
   void on_request_impl(http::verb verb, string_view, string_view target, int version,
@@ -212,5 +216,7 @@ ReadResult RequestReader::readBody(std::string_view bytes, std::size_t& used) {
 }
 
 std::string_view RequestReader::body() const { return parser_->body(); }
+
+void RequestReader::dropBody() { parser_->dropBody(); }
 
 }  // namespace qn

@@ -45,6 +45,8 @@ class RequestReader {
   ReadResult readBody(std::string_view bytes, std::size_t& used);
   // The whole body; may be a view of the bytes of the last readBody().
   std::string_view body() const;
+  // Forgets what has come of it.
+  void dropBody();
 
   // Makes ready for the next request.
   void reset();

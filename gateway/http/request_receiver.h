@@ -157,6 +157,7 @@ class RequestReceiver {
     if (head.method == kOtherMethod) return refuse(OwnAnswer::NotImplemented);
     expectsContinue_ = head.expectsContinue;
     exchange_ = taker_.onHead(head);
+    droppingBody_ = false;
     received_.consume(reader_.headLength());
     timed_ = false;
     stage_ = Stage::Body;
@@ -171,6 +172,7 @@ class RequestReceiver {
     if (result != ReadResult::Complete) return refuse(result);
     stage_ = Stage::Held;
     bodyShare_ = {};  // a body that has to wait is counted there
+    if (droppingBody_) reader_.dropBody();
     taker_.onRequest(std::exchange(exchange_, nullptr), reader_.body());
     reader_.reset();  // not earlier: the module may answer and go on with the body
     return true;
@@ -182,9 +184,20 @@ class RequestReceiver {
       return refuse(OwnAnswer::Malformed);
     }
     if (!bodyShare_.hasBudget()) bodyShare_ = core_.bodyShare(*exchange_);
-    if (!bodyShare_.set(reader_.body().size())) return refuse(OwnAnswer::Overloaded);
+    if (droppingBody_) reader_.dropBody();
+    if (!bodyShare_.set(reader_.body().size()) && !dropBody()) return refuse(OwnAnswer::Overloaded);
     sendContinue();
     return waitForMore(core_.options.bodyTime);
+  }
+
+  // One who comes without credentials gets the challenge, which no body changes; so a client's
+  // first request is not refused because strangers hold the room for bodies.
+  bool dropBody() {
+    if (!core_.isAnonymous(*exchange_)) return false;
+    droppingBody_ = true;
+    reader_.dropBody();
+    bodyShare_.set(0);
+    return true;
   }
 
   // The time for a head, or a body, runs in total from its first piece.
@@ -254,6 +267,7 @@ class RequestReceiver {
   bool timed_ = false;  // the deadline of the head or body is set
   bool peerDone_ = false;
   bool expectsContinue_ = false;
+  bool droppingBody_ = false;
 };
 
 }  // namespace qn

@@ -29,8 +29,8 @@ constexpr std::size_t kTakenBackPart = 128;
 constexpr std::chrono::seconds kReactorWait{5};
 
 // A part of the connections, so that their descriptors suffice.
-std::size_t refusalsAtOnce(const HttpOptions& options) {
-  return std::clamp<std::size_t>(options.connections / kRefusedPart, 1, kRefusalsAtOnce);
+std::size_t refusalsAtOnce(std::size_t connections) {
+  return std::clamp<std::size_t>(connections / kRefusedPart, 1, kRefusalsAtOnce);
 }
 
 // Runs what answers an exchange; whatever it throws, there is an answer.
@@ -100,7 +100,7 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
       bounds(boundsIn),
       trusted(optionsIn.trustedProxies),
       places(optionsIn.connections, optionsIn.connectionsPerAddress),
-      refusals(refusalsAtOnce(options), (refusalsAtOnce(options) + 3) / 4),
+      refusals(refusalsAtOnce(options.connections), (refusalsAtOnce(options.connections) + 3) / 4),
       open(reactorsIn.size()),
       workers_(workers),
       module_(module),
@@ -111,6 +111,11 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
   }
+}
+
+void ServiceCore::limitConnections(std::size_t most) {
+  places.setAll(most);
+  refusals.setAll(refusalsAtOnce(most));
 }
 
 void ServiceCore::runOn(std::size_t reactor, const std::function<void()>& action) {
@@ -160,6 +165,10 @@ std::size_t ServiceCore::closeLongestIdle(std::size_t reactor) {
   std::ranges::nth_element(idle, idle.begin() + static_cast<std::ptrdiff_t>(count));
   for (std::size_t i = 0; i < count; ++i) idle[i].second->close();
   return count;
+}
+
+bool ServiceCore::isAnonymous(const ExchangeState& exchange) const {
+  return module_.recognise != nullptr && exchange.header("Authorization").empty();
 }
 
 MemoryBudget::Share ServiceCore::bodyShare(const ExchangeState& exchange) {
@@ -232,8 +241,12 @@ void ServiceCore::queueWithBody(WorkerPool& workers, const ExchangePtr& exchange
                                 std::string_view body) {
   const auto share = std::make_shared<MemoryBudget::Share>(bodyShare(*exchange));
   if (!share->set(body.size())) {
-    exchange->finish(OwnAnswer::Overloaded);
-    return;
+    if (!isAnonymous(*exchange)) {
+      exchange->finish(OwnAnswer::Overloaded);
+      return;
+    }
+    share->set(0);
+    body = {};
   }
   queue(workers, exchange, [core = shared_from_this(), exchange, owned = std::string(body), share] {
     core->process(exchange, owned);
@@ -250,7 +263,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   std::optional<FaceBody> face;
   const bool takesPicture = slowPartOf(*exchange) == SlowPart::TakesPicture;
   const std::string contentType = takesPicture ? exchange->header("Content-Type") : std::string();
-  if (isMultipart(contentType)) {
+  const bool dropped = body.empty() && isAnonymous(*exchange);
+  if (isMultipart(contentType) && !dropped) {
     face = readFaceBody(contentType, body);
     if (!face) {
       exchange->finish(OwnAnswer::Malformed);

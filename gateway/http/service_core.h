@@ -111,6 +111,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   // access it is. `body` is used before the call returns.
   void handOver(const ExchangePtr& exchange, Access access, std::string_view body);
 
+  void limitConnections(std::size_t most);
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
 
   // A request in flight; false when there are too many.
@@ -125,6 +126,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   // where `done` is called too.
   bool takeBackIdle(const std::function<void()>& done);
 
+  // Nobody's request: the module answers it without a look at its body.
+  bool isAnonymous(const ExchangeState& exchange) const;
   // What the body of this request is to be held of: the clients' budget when its credentials are
   // right, a small one otherwise.
   MemoryBudget::Share bodyShare(const ExchangeState& exchange);

@@ -75,7 +75,7 @@ Lockout::Count* Lockout::Set::find(ClientNetwork network) {
   return found == counts.end() ? nullptr : &*found;
 }
 
-// A new count, or that of another in its place; null when there is no room.
+// A count of its own, or one of another to be renewed; null when there is no room.
 Lockout::Count* Lockout::Set::place(ClientNetwork network, const LockOptions& options, Time now) {
   enum Claim { Expired, Free, OfNeighbour, OfStranger };  // to its place, the weakest first
   const auto claimOf = [&](const Count& count) {
@@ -88,29 +88,42 @@ Lockout::Count* Lockout::Set::place(ClientNetwork network, const LockOptions& op
     return std::make_tuple(claimOf(count), count.forgottenAt);
   });
   if (claimOf(*weakest) == OfStranger) return nullptr;
-  *weakest = Count{network};
   return &*weakest;
 }
 
 Lockout::Standing Lockout::fail(ClientNetwork network, std::string_view user,
                                 const LockOptions& options, Time now) {
-  clean_ = false;
   Set& set = setOf(network);
   const MutexLock lock(set.mutex);
   Count* count = set.find(network);
   if (!count) count = set.place(network, options, now);
   if (!count) return {std::max(options.maxAttempts - 1, 1), {}};
-  if (count->standing(options, now).locked()) return count->standing(options, now);
-  if (now >= count->forgottenAt) *count = Count{network};
-  count->add(hash(user));
-  count->forgottenAt = now + options.lockTime;
+  if (count->network == network && count->standing(options, now).locked()) {
+    return count->standing(options, now);
+  }
+  if (count->network != network || now >= count->forgottenAt) renew(*count, network);
+  add(*count, user, now + options.lockTime);
   Standing standing = count->standing(options, now);
   standing.justLocked = standing.locked();
   return standing;
 }
 
+void Lockout::renew(Count& count, ClientNetwork network) {
+  if (count.failures != 0) --counted_;
+  count = Count{network};
+}
+
+void Lockout::add(Count& count, std::string_view user, Time forgottenAt) {
+  if (count.failures == 0) ++counted_;
+  count.add(hash(user));
+  count.forgottenAt = forgottenAt;
+  Time last = lastForgottenAt_;
+  while (last < forgottenAt && !lastForgottenAt_.compare_exchange_weak(last, forgottenAt)) {
+  }
+}
+
 Lockout::Standing Lockout::standing(ClientNetwork network, const LockOptions& options, Time now) {
-  if (clean_) return {options.maxAttempts, {}};
+  if (isEmpty(now)) return {options.maxAttempts, {}};
   Set& set = setOf(network);
   const MutexLock lock(set.mutex);
   const Count* const count = set.find(network);
@@ -118,19 +131,19 @@ Lockout::Standing Lockout::standing(ClientNetwork network, const LockOptions& op
 }
 
 bool Lockout::unlock(ClientNetwork network, const LockOptions& options, Time now) {
-  if (clean_) return false;
+  if (isEmpty(now)) return false;
   Set& set = setOf(network);
   const MutexLock lock(set.mutex);
   Count* const count = set.find(network);
   if (!count) return false;
   const bool wasLocked = count->standing(options, now).locked();
-  *count = Count{network};
+  renew(*count, network);
   return wasLocked;
 }
 
 std::vector<Lockout::Lock> Lockout::locks(const LockOptions& options, Time now, std::size_t most) {
   std::vector<Lock> found;
-  if (clean_) return found;
+  if (isEmpty(now)) return found;
   for (Set& set : sets_) {
     const MutexLock lock(set.mutex);
     for (const Count& count : set.counts) {
@@ -145,11 +158,13 @@ std::vector<Lockout::Lock> Lockout::locks(const LockOptions& options, Time now, 
 
 void Lockout::forget(ClientNetwork network, std::string_view user, const LockOptions& options,
                      Time now) {
-  if (clean_) return;
+  if (isEmpty(now)) return;
   Set& set = setOf(network);
   const MutexLock lock(set.mutex);
   Count* const count = set.find(network);
-  if (count && !count->standing(options, now).locked()) count->remove(hash(user));
+  if (!count || count->failures == 0 || count->standing(options, now).locked()) return;
+  count->remove(hash(user));
+  if (count->failures == 0) --counted_;
 }
 
 uint32_t Lockout::hash(std::string_view bytes) const {

@@ -78,6 +78,8 @@ class Lockout {
   // After a login, unless the network is locked: forgets what was counted against this user name.
   // One who can log in must not buy guesses at others.
   void forget(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);
+  // No failure of anybody is remembered, which makes the other questions cheap.
+  bool isEmpty(Time now) const { return counted_ == 0 || now >= lastForgottenAt_.load(); }
 
  private:
   struct Name {
@@ -102,12 +104,17 @@ class Lockout {
     Count* place(ClientNetwork network, const LockOptions& options, Time now) QN_REQUIRES(mutex);
   };
 
+  void renew(Count& count, ClientNetwork network);
+  void add(Count& count, std::string_view user, Time forgottenAt);
+
   uint32_t hash(std::string_view bytes) const;
   uint32_t hash(uint64_t number) const;
   Set& setOf(ClientNetwork network);
 
-  std::array<char, 32> key_{};     // constant after construction
-  std::atomic<bool> clean_{true};  // nothing has been counted yet: told without a lock
+  std::array<char, 32> key_{};  // constant after construction
+  // Counts with failures, among them those that are forgotten by now, and when the last one is.
+  std::atomic<std::size_t> counted_{0};
+  std::atomic<Time> lastForgottenAt_{Time{}};
   std::array<Set, kSets> sets_;
 };
 

@@ -201,8 +201,12 @@ DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int 
 // Proves to the client that the gateway knows the password, and hands out the next nonce in time.
 std::string Login::authenticationInfo(const Attempt& attempt) {
   const DigestCredentials& given = attempt.given;
-  std::string info = "rspauth=\"";
-  info.append(attempt.digest("").text()).append("\", cnonce=\"").append(given.cnonce);
+  std::string info;
+  info.reserve(256);
+  info.append("rspauth=\"")
+      .append(attempt.digest("").text())
+      .append("\", cnonce=\"")
+      .append(given.cnonce);
   info.append("\", qop=auth, nc=").append(given.nc);
   char nonce[64];
   if (Nonces::shouldRenew(given.nonce, attempt.now) &&

@@ -46,6 +46,7 @@ class Login {
   std::vector<Lockout::Lock> locks(std::size_t most);
   // Forgets the failures of a client's address; whether it was locked.
   bool unlock(std::string_view address);
+  static constexpr std::size_t kRecentRefusals = 32;
   struct Refusal {
     std::chrono::system_clock::time_point time;
     std::string user;  // as it was given, cut
@@ -76,7 +77,7 @@ class Login {
   Nonces nonces_;
   Lockout lockout_;
   Sharded<LoginCounts> counts_;
-  Recent<Refusal, 32> refusals_;
+  Recent<Refusal, kRecentRefusals> refusals_;
 };
 
 // The one behind QN_KAVROMgrBus_CheckDigest.

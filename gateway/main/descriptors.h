@@ -12,7 +12,7 @@ namespace qn {
 void raiseDescriptorLimit();
 
 // The options with no more connections than leave room for what else needs descriptors, so that
-// strangers cannot take those; lowering them is logged.
+// strangers cannot take those; lowering them is logged. At start and when devices are added.
 HttpOptions withinDescriptors(const Configuration& configuration);
 
 }  // namespace qn

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "gateway/log/log.h"
+#include "gateway/log/output.h"
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
@@ -103,13 +104,16 @@ void Gateway::stop() {
 }
 
 void Gateway::reload(Configuration next) {
+  const std::string& logFile = next.log.file;
+  if (logFile != configuration_->log.file) LogOutput::instance().open(logFile);
   keepUntilRestart(next.http, configuration_->http, "http");
   keepUntilRestart(next.storage, configuration_->storage, "storage");
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
-  setLogLevel(configuration_->log.level);
+  setLogOptions(configuration_->log);
   pictures_.setOptions(configuration_->pictures);
   applyExtraPorts();
+  http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
 }
 

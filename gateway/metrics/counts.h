@@ -92,6 +92,7 @@ struct LoginCounts {
 struct BusCounts {
   Histogram<kDeviceTimes> deviceTime;  // from the bus's yes to the answer, in the queue too
   Counter refusedFull;                 // by the device's or the bus's bounds
+  Counter refusedReplies;              // long ones for which there was no memory in time
   Counter refusedOther;                // unknown device, wrong argument, stopping
 };
 

@@ -115,8 +115,9 @@ TEST(MultipartReader, HoweverTheStreamIsCut) {
        {{json, "{}"}, {"text/plain", "a{b"}}},
       {"without lengths, the object's end is the part's",
        "--b\r\nContent-Type: application/json\r\n\r\n{\"a\":{\"s\":\"}--b\\\"\"}}\r\n--b\r\n\r\n"
-       "  {\"b\":[]}",
-       {{json, "{\"a\":{\"s\":\"}--b\\\"\"}}"}, {"", "{\"b\":[]}"}}},
+       "  {\"b\":[true,null,-1,18446744073709551615,1.5]}",
+       {{json, "{\"a\":{\"s\":\"}--b\\\"\"}}"},
+        {"", "{\"b\":[true,null,-1,18446744073709551615,1.5]}"}}},
       {"without a length, no JSON after all: to the boundary",
        "--b\r\n\r\n{\"a\":1 2}\r\n--b\r\n\r\n{a}\r\n--b\r\n",
        {{"", "{\"a\":1 2}"}, {"", "{a}"}}},
@@ -134,16 +135,13 @@ TEST(MultipartReader, HoweverTheStreamIsCut) {
        "--b\r\nContent-Length: 9\r\n\r\n--b\r\n\r\n{}",
        {{"", "--b\r\n\r\n{}"}}},
       {"an unfinished part is none", "--b\r\nContent-Length: 5\r\n\r\n1234", {}},
-      {"header line without a colon", "--b\r\nContent-Length\r\n\r\n{}", {{"failed", ""}}},
-      {"length that is none", "--b\r\nContent-Length: 1x\r\n\r\n{}", {{"failed", ""}}},
-      {"negative length", "--b\r\nContent-Length: -1\r\n\r\n{}", {{"failed", ""}}},
-      {"length without end",
-       "--b\r\nContent-Length: 99999999999999999999\r\n\r\n",
-       {{"failed", ""}}},
   };
   for (const auto& [what, stream, parts] : cases) {
     SCOPED_TRACE(what);
     expectHoweverItIsCut(stream, parts);
+  }
+  for (const std::string length : {"", ": 1x", ": -1", ": 99999999999999999999"}) {
+    expectHoweverItIsCut("--b\r\nContent-Length" + length + "\r\n\r\n{}", {{"failed", ""}});
   }
 }
 
@@ -166,11 +164,19 @@ TEST(MultipartReader, EndlessNoiseIsPassedOver) {
   EXPECT_EQ(read(pieces), (std::vector<Part>{{"", "{}"}}));
 }
 
+TEST(ReadBuffer, HoldsAtMostItsLargestSizeAndHasSpaceAgainWhenCleared) {
+  ReadBuffer buffer;
+  EXPECT_EQ(buffer.space(ReadBuffer::kLargest + 1).size(), ReadBuffer::kLargest);
+  buffer.commit(ReadBuffer::kLargest);
+  EXPECT_EQ(buffer.space().size(), 0u);
+  buffer.clear(0);
+  EXPECT_TRUE(buffer.empty());
+  const auto space = buffer.space(1);
+  EXPECT_TRUE(space.data() != nullptr && space.size() >= 1);
+}
+
 TEST(ReplyParser, Boundary) {
-  const struct {
-    std::string type;
-    std::string boundary;
-  } cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"multipart/mixed; boundary=b", "b"},
       {"Multipart/Mixed;boundary=\"a b;c\"", "a b;c"},
       {"multipart/x-mixed-replace; charset=x; boundary=b; q=1", "b"},
@@ -181,13 +187,12 @@ TEST(ReplyParser, Boundary) {
       {"multipart/mixed; boundary=", ""},
       {"multipart/mixed; boundary=\"\"", ""},
       {"application/json; boundary=b", ""},
-      {"", ""},
   };
   for (const auto& [type, boundary] : cases) {
     ReplyParser response(std::nullopt);
-    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: " + std::string(type) + "\r\n\r\n";
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Type: " + type + "\r\n\r\n";
     boost::beast::error_code error;
-    response.put(boost::asio::const_buffer(head.data(), head.size()), error);
+    response.put(boost::asio::buffer(head), error);
     EXPECT_EQ(response.boundary(), boundary) << type;
   }
 }

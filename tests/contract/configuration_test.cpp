@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <regex>
-#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -37,17 +35,9 @@ using std::chrono::seconds;
 
 TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   const Configuration c = readConfiguration(QN_WHOLE_CONFIGURATION);
-  EXPECT_EQ(c.http, (HttpOptions{"::",
-                                 8081,
-                                 {"10.0.0.1", "fe80::1"},
-                                 2048,
-                                 seconds(1),
-                                 4096,
-                                 seconds(2),
-                                 seconds(3),
-                                 4,
-                                 5,
-                                 6}));
+  const std::vector<std::string> proxies = {"10.0.0.1", "fe80::1"};
+  EXPECT_EQ(c.http, (HttpOptions{"::", 8081, proxies, 2048, seconds(1), 4096, seconds(2),
+                                 seconds(3), 4, 5, 6}));
   const NetworkOptions& n = c.network;
   EXPECT_EQ(tuple(n.httpsEnabled, n.httpsPort, n.rtspPort, n.portMapping),
             tuple(true, 8443, 8554, true));
@@ -60,7 +50,7 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   EXPECT_EQ(tuple(c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full),
             tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
   EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
-  EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes), tuple(6000, 7000));
+  EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes, c.bus.replyMemory), tuple(6000, 7000, 8000));
   EXPECT_EQ(c.admin, (AdminOptions{"::", 8099, "ops", "54321", "0123456789abcdef"}));
   EXPECT_EQ(c.log.level, "warn");
   ASSERT_EQ(c.users.size(), 2U);
@@ -126,6 +116,7 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {"[http]\nhead_seconds = -1\n", ":2: http.head_seconds: expected an integer"},
       {"[http]\nport = 8090\n",
        ": network.picture_port: expected a value that is not taken, as http.port in line 2"},
+      {"[http]\nport = 8090\n[network]\n", ": network.picture_port: expected a value that is not"},
       {"[network]\nhttps_enabled = 1\n", ":2: network.https_enabled: expected true or false"},
       {"[network]\npicture_port = 8080\n", ":2: network.picture_port: expected a value that is "},
       {"[kavro]\nmode = 3\n", ":2: kavro.mode: expected an integer from 1 to 2"},
@@ -161,6 +152,10 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
   for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"a+b\"", "\"\\u00e9\"", "1"}) {
     expectError("[[devices]]\nindex = " + index, ":2: devices.index: expected a string: 1 to 63");
   }
+  const std::string longest(128, 'x');
+  EXPECT_EQ(read("[kavro]\nrealm = \"" + longest + "\"").kavro.realm, longest);
+  expectError("[kavro]\nrealm = \"x" + longest + "\"", ":2: kavro.realm: expected a string");
+  expectError("[[users]]\nname = \"x" + longest + "\"", ":2: users.name: expected a string");
   EXPECT_EQ(read("[[devices]]\nindex = \"" + std::string(63, 'x') + "\"\nurl = \"http://h\"")
                 .devices.size(),
             1u);
@@ -178,27 +173,22 @@ TEST(ConfigurationFile, AUserMayHaveAnAlgorithmOfTheOwn) {
   const std::string start = "[[users]]\nname = \"a\"\ndevice = \"1\"\n";
   const std::string ha1 = "ha1 = \"" + std::string(32, '0') + "\"\n";
   const std::string strong = "algorithm = \"SHA-256\"\n";
-  struct Case {
-    std::string content;
-    bool md5, sha256;  // the user may log in with
-    bool offersMd5, offersSha256;
-  };
-  const Case cases[] = {
-      {start + "password = \"p\"\n", true, true, true, false},
-      {start + ha1, true, false, true, false},
-      {start + "password = \"p\"\n" + strong, false, true, true, true},
-      {"[kavro]\n" + strong + start + "password = \"p\"\n", false, true, false, true},
-      {"[kavro]\n" + strong + start + ha1 + "algorithm = \"MD5\"\n", true, false, true, true},
+  // The user may log in with MD5, with SHA-256; the gateway offers MD5, SHA-256.
+  const std::pair<std::string, tuple<bool, bool, bool, bool>> cases[] = {
+      {start + "password = \"p\"\n", {true, true, true, false}},
+      {start + ha1, {true, false, true, false}},
+      {start + "password = \"p\"\n" + strong, {false, true, true, true}},
+      {"[kavro]\n" + strong + start + "password = \"p\"\n", {false, true, false, true}},
+      {"[kavro]\n" + strong + start + ha1 + "algorithm = \"MD5\"\n", {true, false, true, true}},
   };
   using enum DigestAlgorithm;
-  for (const Case& c : cases) {
-    const Configuration made = read(c.content);
+  for (const auto& [content, expected] : cases) {
+    const Configuration made = read(content);
     const UserConfig& user = made.users.at(0);
-    EXPECT_EQ(tuple(!user.ha1For(MD5).empty(), !user.ha1For(SHA256).empty()),
-              tuple(c.md5, c.sha256))
-        << c.content;
-    EXPECT_EQ(tuple(made.offers(MD5), made.offers(SHA256)), tuple(c.offersMd5, c.offersSha256))
-        << c.content;
+    EXPECT_EQ(tuple(!user.ha1For(MD5).empty(), !user.ha1For(SHA256).empty(), made.offers(MD5),
+                    made.offers(SHA256)),
+              expected)
+        << content;
   }
   EXPECT_NE(errorOf(start + ha1 + strong).find(":4: users.ha1: expected 64 hex"),
             std::string::npos);

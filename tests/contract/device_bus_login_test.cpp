@@ -1,15 +1,11 @@
 // The device-configuration bus at devices that ask for a login: which credentials they see, and how
 // often.
-#include <gtest/gtest.h>
 
-#include <mutex>
 #include <set>
-#include <string>
 
 #include "gateway/auth/digest.h"
 #include "gateway/auth/digest_credentials.h"
 #include "tests/contract/bus_fixture.h"
-#include "tests/contract/scripted_device.h"
 
 namespace qn::devicebus::test {
 namespace {

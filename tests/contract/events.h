@@ -1,11 +1,20 @@
 // What tests of several threads wait on.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <latch>
+#include <memory>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace qn {
 
@@ -43,6 +52,18 @@ inline bool eventually(const std::function<bool()>& holds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+// Calls work(0) to work(count - 1) on as many threads at once and waits for them.
+inline void onThreads(int count, const std::function<void(int)>& work) {
+  std::latch start(count);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      work(i);
+    });
+  }
 }
 
 }  // namespace qn

@@ -1,8 +1,5 @@
 // Who may take what: places, bodies and answers of strangers, users and proxies; and the ports.
-#include <memory>
-#include <string>
 #include <system_error>
-#include <vector>
 
 #include "gateway/http/client_address.h"
 #include "tests/contract/http_fixture.h"
@@ -67,11 +64,9 @@ TEST_F(HttpFixture, TheLongestIdleMakeRoomWhenAllPlacesAreTaken) {
   options_.connections = 4;
   bounds_.takenBack = 0ms;
   start();
-  RawClient busy(port());
-  busy.send("GET /wait HTTP/1.1\r\nHost: h\r\n\r\n");
+  RawClient busy(port(), get("/wait"));
   const int handle = waitForHandle();
-  RawClient half(port());
-  half.send("GET / HTTP/1.1\r\nHo");
+  RawClient half(port(), "GET / HTTP/1.1\r\nHo");
   const auto first = idleClient(port());
   const auto second = idleClient(port());
   const auto third = idleClient(port());  // takes the place of the first, or of both
@@ -79,8 +74,7 @@ TEST_F(HttpFixture, TheLongestIdleMakeRoomWhenAllPlacesAreTaken) {
   EXPECT_EQ(third->ask(kGet).status, 200);
   answer(handle, "x");
   EXPECT_EQ(busy.answer().status, 200);
-  half.send("st: h\r\n\r\n");
-  EXPECT_EQ(half.answer().status, 200);
+  EXPECT_EQ(half.ask("st: h\r\n\r\n").status, 200);
 }
 
 TEST_F(HttpFixture, WithoutIdleOnesNewConnectionsAreToldToComeBack) {
@@ -88,13 +82,23 @@ TEST_F(HttpFixture, WithoutIdleOnesNewConnectionsAreToldToComeBack) {
   options_.connections = 1;
   bounds_.takenBack = 0ms;
   start();
-  RawClient busy(port());
-  busy.send("GET /wait HTTP/1.1\r\nHost: h\r\n\r\n");
+  RawClient busy(port(), get("/wait"));
   const int handle = waitForHandle();
   EXPECT_EQ(ask(kGet).status, 503);
   answer(handle, "x");
   EXPECT_EQ(busy.answer().status, 200);
   EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; })) << "busy is idle now";
+}
+
+TEST_F(HttpFixture, TheNumberOfConnectionsMayChange) {
+  options_.connections = 3;
+  start();
+  const auto first = idleClient(port());
+  service_->limitConnections(1);
+  EXPECT_EQ(ask(kGet).status, 503);
+  EXPECT_EQ(first->ask(kGet).status, 200);
+  service_->limitConnections(2);
+  EXPECT_EQ(ask(kGet).status, 200);
 }
 
 TEST_F(HttpFixture, TrustedProxiesMayHaveManyConnections) {
@@ -124,8 +128,8 @@ class StrangersTest : public HttpFixture {
   }
   // A body of which one byte is missing.
   std::unique_ptr<RawClient> unfinished(const std::string& lines = {}) {
-    auto client = std::make_unique<RawClient>(port());
-    client->send(put(kBody, lines) + std::string(kBody - 1, 'x'));
+    auto client =
+        std::make_unique<RawClient>(port(), put(kBody, lines) + std::string(kBody - 1, 'x'));
     ::usleep(50'000);
     return client;
   }
@@ -143,9 +147,18 @@ TEST_F(StrangersTest, UnfinishedBodiesTakeNothingFromUsers) {
     return std::string("X-Forwarded-For: ") + client + "\r\n";
   };
   const auto first = unfinished(from("2001:db8::1"));
-  EXPECT_EQ(unfinished(from("2001:db8::2"))->answer().status, 503) << "one for each network";
+  const std::string wrong = credentials("wrong");
+  EXPECT_EQ(unfinished(from("2001:db8::2") + wrong)->answer().status, 503)
+      << "one for each network";
   const auto second = unfinished(from("192.0.2.1"));
-  EXPECT_EQ(unfinished(from("192.0.2.2"))->answer().status, 503) << "and so many in all";
+  EXPECT_EQ(unfinished(from("192.0.2.2") + wrong)->answer().status, 503) << "and so many in all";
+  const auto asking = unfinished(from("192.0.2.2"));
+  EXPECT_EQ(asking->ask("x").body, "/b|") << "for the challenge no body is needed";
+  EXPECT_EQ(asking
+                ->ask("PUT /b HTTP/1.1\r\nHost: h\r\n" + credentials("right") +
+                      "Content-Length: 3\r\n\r\nabc")
+                .body,
+            "/b|abc");
   const auto user = unfinished(credentials("right"));
   const auto other = unfinished(from("2001:db8::1") + credentials("right"));
   for (const auto* client : {&user, &other, &first, &second}) {
@@ -154,33 +167,39 @@ TEST_F(StrangersTest, UnfinishedBodiesTakeNothingFromUsers) {
   EXPECT_EQ(unfinished(from("192.0.2.2"))->ask("x").status, 200) << "given back";
 }
 
-TEST_F(StrangersTest, UnfinishedBodiesOfOneUserLeaveRoomForOthers) {
-  bounds_.bodyMemory = 3 * kBody;
+TEST_F(StrangersTest, UnfinishedBodiesOfOneUserLeaveRoomForOthersAndAllAreBounded) {
+  bounds_.bodyMemory = 2 * kBody;
   bounds_.bodyMemoryOfOne = kBody;
   start();
   const auto first = unfinished(credentials("right"));
-  EXPECT_EQ(unfinished(credentials("right"))->answer().status, 503);
-  EXPECT_EQ(unfinished(credentials("right too"))->ask("x").status, 200);
+  EXPECT_EQ(unfinished(credentials("right"))->answer().status, 503) << "of one user";
+  const auto second = unfinished(credentials("right too"));
+  EXPECT_EQ(unfinished(credentials("right, third"))->answer().status, 503) << "of all";
   EXPECT_EQ(first->ask("x").status, 200);
+  EXPECT_EQ(second->ask("x").status, 200);
+  EXPECT_EQ(unfinished(credentials("right, third"))->ask("x").status, 200) << "given back";
 }
 
-TEST_F(HttpFixture, UnreadAnswersOfOneCutNobodyElses) {
-  constexpr std::size_t kLong = 8'000'000;  // more than the kernel takes
-  bounds_.answerMemory = 3 * kLong;
+TEST_F(HttpFixture, UnreadAnswersOfOneCutNobodyElsesAndAllAreBounded) {
+  constexpr std::size_t kLong = 16'000'000;  // more than twice what the kernel takes
+  bounds_.answerMemory = 2 * kLong;
   bounds_.answerMemoryOfOne = kLong;
   answering([](const stHttpRes&) { return std::string(kLong, 'x'); });
   start();
-  const auto asking = [&](const char* user) {
-    auto client = std::make_unique<RawClient>(port(), 4096);
-    client->send(std::string("GET / HTTP/1.1\r\nHost: h\r\nAuthorization: Digest uri=\"/\", ") +
-                 "username=\"" + user + "\"\r\n\r\n");
-    return client;
+  const auto asking = [&](const std::string& user) {
+    return std::make_unique<RawClient>(
+        port(), "GET /b HTTP/1.1\r\nHost: h\r\n" + credentials(user) + "\r\n", 4096);
   };
-  const auto stalled = asking("one");
+  auto stalled = asking("one");
   ASSERT_FALSE(stalled->read(1).empty());
-  const auto cut = asking("one");
-  EXPECT_TRUE(cut->closedByServer());
-  EXPECT_EQ(asking("other")->answer().body.size(), kLong);
+  EXPECT_TRUE(asking("one")->closedByServer()) << "of one user";
+  const auto other = asking("other");
+  ASSERT_FALSE(other->read(1).empty());
+  const auto third = asking("third");
+  EXPECT_TRUE(third->closedByServer()) << "of all";
+  EXPECT_LT(third->read(kLong).size(), kLong);
+  stalled.reset();
+  EXPECT_TRUE(eventually([&] { return asking("third")->answer().body.size() == kLong; }));
 }
 
 // The slow client takes something every 10 ms, so that it never stalls, and would have all in 5 s.
@@ -192,8 +211,7 @@ TEST_F(HttpFixture, AnswersAreTakenAtALeastRate) {
     return std::string(request.exchange->getUrl() == "/long" ? 32'000'000 : 1, 'x');
   });
   start();
-  RawClient slow(port());
-  slow.send("GET /long HTTP/1.1\r\nHost: h\r\n\r\n");
+  RawClient slow(port(), get("/long"));
   std::size_t taken = 0;
   while (const std::size_t count = slow.read(1).size()) {
     taken += count;
@@ -203,24 +221,30 @@ TEST_F(HttpFixture, AnswersAreTakenAtALeastRate) {
   EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; })) << "its place is free";
 }
 
-TEST_F(HttpFixture, APortThatWasTakenIsOpenedWhenItIsFree) {
+TEST_F(HttpFixture, PortsComeAndGoAndOneThatWasTakenIsOpenedWhenItIsFree) {
   bounds_.reopen = 50ms;
   HttpService& service = start();
   auto other = std::make_unique<HttpService>(reactors_, workers_, options_, runScript);
   other->listen();
   const uint16_t wanted = other->port(), dropped = otherPort();
   EXPECT_THROW(service.listenOn(wanted, Access::Everything), std::system_error);
-  service.setExtraPorts({{wanted, Access::Everything}, {dropped, Access::Everything}});
+  service.setExtraPorts({{wanted, Access::Everything},
+                         {dropped, Access::Everything},
+                         {port(), Access::Everything},
+                         {0, Access::Everything}});
   EXPECT_FALSE(service.serves(wanted));
   EXPECT_TRUE(service.serves(port()) && service.serves(dropped));
+  const auto staying = idleClient(dropped);
   ::usleep(200'000);
   EXPECT_FALSE(service.serves(wanted));
   other.reset();
   EXPECT_TRUE(eventually([&] { return service.serves(wanted); }));
   EXPECT_EQ(RawClient(wanted).ask(kGet).status, 200);
   service.setExtraPorts({{wanted, Access::Everything}});
-  EXPECT_FALSE(service.serves(dropped));
+  EXPECT_FALSE(service.serves(dropped) || RawClient(dropped).connected());
+  EXPECT_EQ(staying->ask(kGet).status, 200);
   EXPECT_EQ(RawClient(wanted).ask(kGet).status, 200);
+  EXPECT_EQ(ask(kGet).status, 200);
 }
 
 }  // namespace

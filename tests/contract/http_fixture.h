@@ -2,16 +2,8 @@
 // sends raw bytes, for the tests of the HTTP service.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <cctype>
-#include <chrono>
 #include <cstdlib>
-#include <functional>
-#include <memory>
-#include <string>
-#include <string_view>
 
 #include "gateway/http/http_service.h"
 #include "platform/http_service.h"
@@ -25,7 +17,10 @@ using QNHttpService::HTTP_LINK_BROKEN;
 using QNHttpService::stHttpRes;
 using namespace std::chrono_literals;
 
-inline constexpr char kGet[] = "GET /a?b=1 HTTP/1.1\r\nHost: h\r\n\r\n";
+inline std::string get(const std::string& url, const std::string& method = "GET") {
+  return method + " " + url + " HTTP/1.1\r\nHost: h\r\n\r\n";
+}
+inline const std::string kGet = get("/a?b=1");
 
 struct HttpAnswer {
   int status = 0;    // 0: none came
@@ -35,10 +30,10 @@ struct HttpAnswer {
   bool has(std::string_view text) const { return head.find(text) != std::string::npos; }
 };
 
-// Every read ends after 10 s.
+// Has sent something once it is made. Every read ends after 10 s.
 class RawClient {
  public:
-  explicit RawClient(uint16_t port, int receiveBuffer = 0) {
+  explicit RawClient(uint16_t port, std::string_view sent = {}, int receiveBuffer = 0) {
     const auto set = [this](int option, const auto& value) {
       ::setsockopt(socket_.descriptor(), SOL_SOCKET, option, &value, sizeof value);
     };
@@ -46,6 +41,7 @@ class RawClient {
     set(SO_RCVTIMEO, timeval{10, 0});
     set(SO_SNDTIMEO, timeval{10, 0});
     connected_ = socket_.connect(port);
+    if (connected_) send(sent);
   }
 
   bool connected() const { return connected_; }

@@ -1,12 +1,8 @@
 // What gateway/net promises of I/O threads and workers.
-#include <gtest/gtest.h>
 
-#include <atomic>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <chrono>
-#include <memory>
 
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"

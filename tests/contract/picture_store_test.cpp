@@ -2,11 +2,8 @@
 // its resource in the HTTP service.
 #include "gateway/pictures/picture_store.h"
 
-#include <atomic>
+#include <algorithm>
 #include <set>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "gateway/config/picture_uploader.h"
 #include "gateway/pictures/picture_resource.h"
@@ -18,6 +15,7 @@ namespace qn {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using Result = PictureStore::Result;
 using WhenFull = PictureOptions::WhenFull;
 
@@ -102,12 +100,11 @@ TEST_F(PictureStoreTest, NamesFromOutsideLeadNowhere) {
   const std::string name = add(store, kJpeg);
   std::ofstream(folder() / "notes.txt") << "secret";
   const std::string stem = name.substr(0, 32);
-  const std::vector<std::string> groups[] = {
-      {"", ".", "..", "notes.txt", "/etc/passwd", std::string(100'000, '/')},
-      {"../pictures/" + name, "./" + name, "/" + name, "%2e%2e/" + name},
-      {name + "/", name + std::string(1, '\0'), stem, stem + ".png"}};
-  for (const auto& group : groups) {
-    for (const std::string& each : group) EXPECT_EQ(store.find(each), std::nullopt) << each;
+  for (const std::string& each :
+       {""s, "."s, ".."s, "notes.txt"s, "/etc/passwd"s, std::string(100'000, '/'),
+        "../pictures/" + name, "./" + name, "/" + name, "%2e%2e/" + name, name + "/", name + "\0"s,
+        stem, stem + ".png"}) {
+    EXPECT_EQ(store.find(each), std::nullopt) << each;
   }
 }
 
@@ -152,27 +149,48 @@ TEST_F(PictureStoreTest, DropsTheOldestWhenFull) {
   EXPECT_EQ(names(), (std::set<std::string>{fourth, fifth, large}));
 }
 
+void publishUsers(std::initializer_list<const char*> names) {
+  auto configuration = std::make_shared<Configuration>();
+  for (const char* name : names) configuration->users.push_back({name, "", "1", {}});
+  publishConfiguration(configuration);
+}
+
 // Also after a restart, which must know whose pictures they are.
-TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesBeyondAnEqualPart) {
-  options_ = {.maxBytes = 100, .maxCount = 20, .full = WhenFull::DropOldest};
-  std::vector<std::string> modest;
-  std::string first;
+TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesAndLeavesRoom) {
+  publishUsers({"modest", "greedy", "late"});
+  options_ = {.maxBytes = 160, .maxCount = 40, .full = WhenFull::DropOldest};
+  const std::string ten = "1234567890";
+  std::vector<std::string> modest, greedy;
   {
     PictureStore store(folder(), options_);
-    for (int i = 0; i < 5; ++i) modest.push_back(add(store, "1234567890", "modest"));
-    first = add(store, "1234567890", "greedy");
+    for (int i = 0; i < 5; ++i) modest.push_back(add(store, ten, "modest"));
+    greedy.push_back(add(store, ten, "greedy"));
   }
   PictureStore store(folder(), options_);
-  for (int i = 0; i < 50; ++i) add(store, "1234567890", "greedy");
   for (int i = 0; i < 50; ++i) add(store, "", "greedy");
-  for (const std::string& name : modest) EXPECT_TRUE(store.find(name)) << "pushed out";
-  EXPECT_EQ(store.find(first), std::nullopt);
+  for (int i = 0; i < 50; ++i) greedy.push_back(add(store, ten, "greedy"));
+  const auto kept = [&](const std::vector<std::string>& all) {
+    return std::ranges::count_if(all,
+                                 [&](const auto& name) { return store.find(name).has_value(); });
+  };
+  EXPECT_EQ(kept(modest), 5);
+  EXPECT_EQ(kept(greedy), 8) << "three quarters of what is left";
+  EXPECT_TRUE(store.find(greedy.back()));
   std::string name;
-  EXPECT_EQ(store.add(std::string(51, 'x'), "greedy", name), Result::Full) << "beyond the part";
+  EXPECT_EQ(store.add(std::string(84, 'x'), "greedy", name), Result::Full);
+  EXPECT_EQ(kept(greedy), 8);
 
-  const std::string third = add(store, std::string(20, 'x'), "third");
-  EXPECT_TRUE(store.find(third)) << "who comes late gets a part";
-  EXPECT_LE(names().size(), 20u);
+  const std::vector<std::string> late = {add(store, ten, "late"), add(store, ten, "late")};
+  EXPECT_EQ(kept(modest) + kept(greedy) + kept(late), 15) << "there is room for who comes late";
+  greedy.push_back(add(store, ten, "greedy"));
+  EXPECT_EQ(kept(greedy), 6) << "who has most makes way with the next picture";
+  EXPECT_EQ(kept(modest) + kept(late), 7);
+
+  publishUsers({"greedy", "late"});
+  for (int i = 0; i < 50; ++i) greedy.push_back(add(store, ten, "greedy"));
+  EXPECT_EQ(kept(modest), 0) << "nobody's go first";
+  EXPECT_EQ(kept(late), 2);
+  EXPECT_EQ(kept(greedy), 10);
 }
 
 TEST_F(PictureStoreTest, FailuresLeaveNothingAndTakeNoRoom) {
@@ -194,20 +212,16 @@ TEST_F(PictureStoreTest, ManyAtOnceStayWithinTheBounds) {
   options_ = {.maxBytes = 1000, .maxCount = 7, .full = WhenFull::DropOldest};
   PictureStore store(folder(), options_);
   std::atomic<int> stored{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 25; ++i) {
-        const std::string picture(std::size_t(50 + 40 * t), char('a' + t));
-        std::string name;
-        if (store.add(picture, "", name) != Result::Stored) continue;
-        ++stored;
-        const auto found = store.find(name);  // unless it has been dropped by now
-        EXPECT_TRUE(!found || *found == picture);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  onThreads(4, [&](int t) {
+    for (int i = 0; i < 25; ++i) {
+      const std::string picture(std::size_t(50 + 40 * t), char('a' + t));
+      std::string name;
+      if (store.add(picture, "", name) != Result::Stored) continue;
+      ++stored;
+      const auto found = store.find(name);  // unless it has been dropped by now
+      EXPECT_TRUE(!found || *found == picture);
+    }
+  });
   EXPECT_EQ(stored, 100);
   std::size_t bytes = 0;
   for (const std::string& name : names()) {
@@ -242,9 +256,6 @@ class PictureHttp : public HttpFixture {
     EXPECT_TRUE(url.starts_with(server + "/NovGatewayStorage/")) << url;
     return url.substr(server.size());
   }
-  static std::string request(const std::string& method, const std::string& target) {
-    return method + " " + target + " HTTP/1.1\r\nHost: h\r\n\r\n";
-  }
   Folder folder_;
   PictureResource pictures_;
 };
@@ -253,33 +264,33 @@ TEST_F(PictureHttp, ServesPicturesAndNothingElseOnItsPort) {
   const std::string path = upload(kJpeg);
   const uint16_t extra = otherPort();
   service_->setExtraPorts({{extra, Access::Everything}});
-  EXPECT_EQ(RawClient(extra).ask(request("GET", "/KAVRO/x")).body, "the module");
+  EXPECT_EQ(RawClient(extra).ask(get("/KAVRO/x")).body, "the module");
   service_->setExtraPorts({{extra, Access::OwnResources}});
   for (const uint16_t each : {port(), extra}) {
     RawClient client(each);
-    const HttpAnswer answer = client.ask(request("GET", path + "?x"));
+    const HttpAnswer answer = client.ask(get(path + "?x"));
     EXPECT_EQ(answer.status, 200);
     EXPECT_EQ(answer.body, kJpeg);
     EXPECT_TRUE(answer.has("content-type: image/jpeg\r\n"));
     EXPECT_TRUE(answer.has("cache-control: private\r\n"));
-    client.send(request("HEAD", path));
+    client.send(get(path, "HEAD"));
     const HttpAnswer head = client.answer(true);
     EXPECT_TRUE(head.has("content-length: " + std::to_string(kJpeg.size()) + "\r\n"));
     for (const char* method : {"PUT", "POST", "DELETE", "OPTIONS", "PATCH"}) {
-      EXPECT_EQ(client.ask(request(method, path)).status, 404) << method;
+      EXPECT_EQ(client.ask(get(path, method)).status, 404) << method;
     }
     const std::string hostile[] = {path + "x", path + "/", "/NovGatewayStorage/",
                                    "/NovGatewayStorage/../" + path.substr(1),
                                    "/NovGatewayStorage/?" + path.substr(19)};
     for (const std::string& target : hostile) {
-      const HttpAnswer refused = client.ask(request("GET", target));
+      const HttpAnswer refused = client.ask(get(target));
       EXPECT_EQ(refused.status, 404) << target;
       EXPECT_TRUE(refused.has("content-type: application/json\r\n"));
     }
-    const HttpAnswer other = client.ask(request("GET", "/KAVRO/System/time"));
+    const HttpAnswer other = client.ask(get("/KAVRO/System/time"));
     EXPECT_EQ(other.status, each == extra ? 404 : 200);
     EXPECT_EQ(other.body == "the module", each != extra);
-    EXPECT_EQ(client.ask(request("GET", path.substr(0, 18))).status, each == extra ? 404 : 200);
+    EXPECT_EQ(client.ask(get(path.substr(0, 18))).status, each == extra ? 404 : 200);
   }
 }
 

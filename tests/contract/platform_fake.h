@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <map>
 
 #include "tests/unit/fake/fake_platform.h"
 

@@ -2,13 +2,11 @@
 // see platform_fake.h for the same words on the fake.
 #pragma once
 
-#include <list>
 #include <map>
 
 #include "gateway/alarmbus/alarm_bus.h"
 #include "gateway/devicebus/device_bus.h"
 #include "platform/config_mgr.h"
-#include "tests/contract/events.h"
 #include "tests/contract/http_fixture.h"
 #include "tests/contract/scripted_device.h"
 

@@ -7,8 +7,6 @@
 #include <list>
 #include <mutex>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <thread>
 
 #include "tests/contract/socket.h"

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,19 +13,25 @@ namespace {
 using QNBase::CXmlBase;
 using std::string_literals::operator""s;
 
-// A document whose root <r> is entered.
-class XmlInRoot : public testing::Test {
- protected:
-  void Load(const std::string& text) {
-    ASSERT_TRUE(xml_.Parse(text)) << text;
-    ASSERT_TRUE(xml_.FindElem("r"));
-    ASSERT_TRUE(xml_.IntoElem());
+// Walks from within the root <r>: "a" finds <a> from the origin on, "*a" from the first, ">"
+// enters,
+// "<" leaves, "+" goes to the next sibling, "=1" is the data. After "!" it must fail.
+void walk(const std::string& document, const std::string& steps) {
+  CXmlBase xml;
+  ASSERT_TRUE(xml.Parse(document) && xml.FindElem("r") && xml.IntoElem()) << document;
+  std::istringstream words(steps);
+  for (std::string word; words >> word;) {
+    const bool fails = word[0] == '!';
+    const std::string step = word.substr(fails ? 1 : 0);
+    const bool done = step == ">"      ? xml.IntoElem()
+                      : step == "<"    ? xml.OutOfElem()
+                      : step == "+"    ? xml.NextSibElem()
+                      : step[0] == '=' ? xml.GetData() == step.substr(1)
+                      : step[0] == '*' ? xml.FindElemNoOrder(step.c_str() + 1)
+                                       : xml.FindElem(step.c_str());
+    EXPECT_NE(done, fails) << word << " of " << steps;
   }
-  std::string DataOf(const char* name) {
-    return xml_.FindElemNoOrder(name) ? xml_.GetData() : "(absent)";
-  }
-  CXmlBase xml_;
-};
+}
 
 // What a reader gets for a text that was written.
 std::string RoundTrip(const std::string& text) {
@@ -93,67 +100,33 @@ TEST(XmlParse, RefusesAndLeavesAnEmptyDocument) {
   EXPECT_FALSE(CXmlBase().Parse(largest + " "));
 }
 
-TEST_F(XmlInRoot, DataIsDirectTextAndCdataDecodedNotTrimmed) {
-  Load(
-      "<r>\n<a> x<b>inner</b>&lt;y<!-- c --><![CDATA[<&amp;> ]]>\r\nz </a><e/><w>  </w>"
-      "<m> <b/> x <b/> </m>\n <c> <!-- c --> </c> <d> <![CDATA[ ]]> </d></r>");
-  EXPECT_EQ(xml_.GetData(), "") << "nothing is selected yet";
-  EXPECT_EQ(DataOf("a"), " x<y<&amp;> \nz ");
-  EXPECT_EQ(DataOf("e"), "");
-  EXPECT_EQ(DataOf("w"), "  ");
-  EXPECT_EQ(DataOf("m"), " x ");  // blanks between tags are no data
-  EXPECT_EQ(DataOf("c"), "");
-  EXPECT_EQ(DataOf("d"), " ");
+TEST(XmlParse, DataIsDirectTextAndCdataDecodedNotTrimmed) {
+  CXmlBase xml;
+  ASSERT_TRUE(
+      xml.Parse("<r>\n<a> x<b>inner</b>&lt;y<!-- c --><![CDATA[<&amp;> ]]>\r\nz </a><e/><w>  </w>"
+                "<m> <b/> x <b/> </m>\n <c> <!-- c --> </c> <d> <![CDATA[ ]]> </d></r>"));
+  ASSERT_TRUE(xml.FindElem("r") && xml.IntoElem());
+  EXPECT_EQ(xml.GetData(), "") << "nothing is selected yet";
+  const std::pair<const char*, const char*> cases[] = {
+      {"a", " x<y<&amp;> \nz "}, {"e", ""}, {"w", "  "}, {"m", " x "}, {"c", ""}, {"d", " "}};
+  for (const auto& [name, data] : cases) {
+    EXPECT_TRUE(xml.FindElem(name));
+    EXPECT_EQ(xml.GetData(), data) << name;
+  }
 }
 
-TEST_F(XmlInRoot, OrderedSearchGoesForwardAndFindsTheSameAgain) {
-  Load("<r>t<a>1</a><!-- c --><b>2</b><a>3</a></r>");
-  ASSERT_TRUE(xml_.FindElem("a"));
-  ASSERT_TRUE(xml_.FindElem("a"));
-  EXPECT_EQ(xml_.GetData(), "1");
-  ASSERT_TRUE(xml_.FindElem("b"));
-  EXPECT_FALSE(xml_.FindElem("absent"));
-  EXPECT_EQ(xml_.GetData(), "2") << "a failed search changes nothing";
-  ASSERT_TRUE(xml_.FindElem("a"));
-  EXPECT_EQ(xml_.GetData(), "3");
-  EXPECT_FALSE(xml_.FindElem("b")) << "it stands before the origin";
-}
-
-TEST_F(XmlInRoot, UnorderedSearchStartsAtTheFirstAndKeepsTheOrigin) {
-  Load("<r><a>1</a><b>2</b><a>3</a><c>4</c></r>");
-  ASSERT_TRUE(xml_.FindElem("b"));
-  ASSERT_TRUE(xml_.FindElemNoOrder("a"));
-  EXPECT_EQ(xml_.GetData(), "1");
-  EXPECT_FALSE(xml_.FindElemNoOrder("absent"));
-  EXPECT_EQ(xml_.GetData(), "1");
-  ASSERT_TRUE(xml_.FindElem("a"));
-  EXPECT_EQ(xml_.GetData(), "3") << "the origin was still <b>";
-}
-
-TEST_F(XmlInRoot, NextSiblingSkipsEverythingButElements) {
-  Load("<r><a/>text<!-- c --><b/><![CDATA[x]]></r>");
-  EXPECT_FALSE(xml_.NextSibElem()) << "nothing is selected yet";
-  ASSERT_TRUE(xml_.FindElem("a"));
-  ASSERT_TRUE(xml_.NextSibElem());
-  EXPECT_FALSE(xml_.NextSibElem());
-  EXPECT_TRUE(xml_.FindElem("b"));
-  EXPECT_FALSE(xml_.FindElem("a")) << "the origin moved along";
-}
-
-TEST_F(XmlInRoot, EnteringAndLeaving) {
-  Load("<r><a><x>1</x></a><empty/><x>2</x></r>");
-  EXPECT_FALSE(xml_.IntoElem()) << "nothing is selected";
-  ASSERT_TRUE(xml_.FindElem("empty"));
-  ASSERT_TRUE(xml_.IntoElem());
-  EXPECT_FALSE(xml_.FindElem("x"));
-  EXPECT_FALSE(xml_.NextSibElem());
-  ASSERT_TRUE(xml_.OutOfElem());
-  EXPECT_FALSE(xml_.FindElem("a")) << "the element left is the origin";
-  ASSERT_TRUE(xml_.FindElem("x"));
-  EXPECT_EQ(xml_.GetData(), "2");
-  ASSERT_TRUE(xml_.OutOfElem());
-  EXPECT_FALSE(xml_.OutOfElem()) << "the document cannot be left";
-  EXPECT_TRUE(xml_.FindElem("r"));
+TEST(XmlSearch, GoesWhereItShould) {
+  const std::pair<const char*, const char*> cases[] = {
+      // In order: forward, the same again, and where it fails nothing changes.
+      {"<r>t<a>1</a><!-- c --><b>2</b><a>3</a></r>", "a a =1 b !absent =2 a =3 !b"},
+      // Without order: from the first, and the origin stays.
+      {"<r><a>1</a><b>2</b><a>3</a><c>4</c></r>", "b *a =1 !*absent =1 a =3"},
+      // Siblings are elements, and the origin moves along.
+      {"<r><a/>text<!-- c --><b/><![CDATA[x]]></r>", "!+ a + !+ b !a"},
+      // The element that is left is the origin; the document cannot be left.
+      {"<r><a><x>1</x></a><empty/><x>2</x></r>", "!> empty > !x !+ < !a x =2 < !< r"},
+  };
+  for (const auto& [document, steps] : cases) walk(document, steps);
 }
 
 TEST(XmlWrite, CompactDocument) {

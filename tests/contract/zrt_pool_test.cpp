@@ -1,13 +1,7 @@
 // What platform/zrt.h promises of the flexible pool.
-#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
 #include <cerrno>
-#include <functional>
-#include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "platform/zrt.h"
 #include "tests/contract/events.h"

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -47,13 +48,18 @@ TEST(Uuid, IsRandomVersionFourOfThirtySixLowerCaseCharacters) {
   EXPECT_STREQ(text, "untouched");
   const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
   std::set<std::string> seen;
+  std::array<std::string, 36> columns;
   for (int i = 0; i < 200; ++i) {
     ZRT_UUID uuid = {};
     ASSERT_EQ(ZRT_GetUUID(uuid), 0);
     EXPECT_TRUE(std::regex_match(textOf(uuid), form)) << textOf(uuid);
-    seen.insert(textOf(uuid));
+    const std::string made = textOf(uuid);
+    seen.insert(made);
+    for (std::size_t at = 0; at < columns.size(); ++at) columns[at] += made[at];
   }
   EXPECT_EQ(seen.size(), 200u);
+  // The four dashes are one.
+  EXPECT_EQ(std::set(columns.begin(), columns.end()).size(), 33u) << "no digit repeats another";
 }
 
 TEST(Text, NumbersFromText) {

@@ -1,10 +1,9 @@
-"""HTTP clients for the tests: a Digest client of our own, and one that writes bytes as they stand."""
+"""HTTP clients for the tests: a Digest client of our own, and one that reads alert streams."""
 import hashlib
 import http.client
 import json
 import re
 import secrets
-import socket
 import xml.etree.ElementTree as ElementTree
 
 ANSWER_TIME = 20  # seconds; every request must be answered long before
@@ -103,32 +102,6 @@ class Client:
         response = md5(f"{ha1}:{nonce}:{count}:{cnonce}:auth:{md5(f'{method}:{url}')}")
         return (f'Digest username="{self.user}", realm="{realm}", nonce="{nonce}", uri="{url}", '
                 f'qop=auth, nc={count}, cnonce="{cnonce}", response="{response}"')
-
-
-def send_raw(port, data, seconds=10):
-    """Sends the bytes, ends our side, and returns what the server sent until it closed; None when
-    it does not close."""
-    received = b""
-    with socket.create_connection(("127.0.0.1", port), seconds) as connection:
-        try:
-            connection.sendall(data)
-            connection.shutdown(socket.SHUT_WR)
-        except OSError:
-            pass  # refused before everything was sent; the answer is there all the same
-        try:
-            while piece := connection.recv(65536):
-                received += piece
-        except ConnectionResetError:
-            pass  # the rest of what we sent was of no use to the server
-        except TimeoutError:
-            return None
-    return received
-
-
-def status_of(received):
-    """The status of the first answer among the bytes; None when there is none."""
-    found = re.match(rb"HTTP/1\.[01] (\d{3}) ", received)
-    return int(found.group(1)) if found else None
 
 
 class AlertStream:

@@ -3,6 +3,7 @@ import json
 import os
 import pathlib
 import random
+import re
 import resource
 import shutil
 import signal
@@ -25,10 +26,10 @@ REPORTS = ("AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime erro
 
 def free_ports(count):
     """Ports that nobody uses; below those that the system gives to clients, so that none is taken
-    by a connection before the gateway listens on it."""
-    ports = set()
+    by a connection before the gateway listens on it; and those of the tests beside us are others."""
+    ports, first = set(), 10240 + os.getpid() % 64 * 352
     while len(ports) < count:
-        port = random.randrange(10240, 32768)
+        port = first + random.randrange(352)
         with socket.socket() as probe:
             try:
                 probe.bind(("127.0.0.1", port))
@@ -158,6 +159,24 @@ def user(name, device, **more):
     return {"name": name, "password": PASSWORD, "device": device, **more}
 
 
+FACES = "/KAVRO/Intelligent/FDLib/FaceDataRecord"
+JPEG = b"\xff\xd8\xff\xe0" + bytes(range(256)) * 800 + b"\r\n--x\r\n\xff\xd9"
+
+
+def upload(one, name="1", kind="image/jpeg"):
+    """The answer to a face's record and picture."""
+    body = (f'--form\r\nContent-Type: application/json\r\n\r\n{{"FaceInfo": {{"employeeNo": "{name}"}}}}'
+            f"\r\n--form\r\nContent-Type: {kind}\r\n\r\n").encode() + JPEG + b"\r\n--form--\r\n"
+    return one.post(FACES + "?format=json", body, headers={
+        "Content-Type": 'multipart/form-data; boundary="form"'})
+
+
+def run_gateway(*arguments):
+    """One that ends by itself."""
+    return subprocess.run([str(BIN / "qn-gateway"), *map(str, arguments)],
+                          capture_output=True, text=True, timeout=60)
+
+
 class Gateway(Process):
     """One qn-gateway process with a configuration file of its own."""
 
@@ -195,6 +214,18 @@ class Gateway(Process):
 
     def write_configuration(self, devices, users):
         self.config.write_text(configuration_text(self.sections, users, devices))
+
+    def elsewhere(self, *same):
+        """The path of its configuration with other values, except these, for what only one has."""
+        text = self.config.read_text()
+        ports = free_ports(2)
+        for key, value in (("port", ports[0]), ("picture_port", ports[1]),
+                           ("data_dir", f'"{self.folder}/data2"')):
+            if key not in same:
+                text = re.sub(f"^{key} = .*", f"{key} = {value}", text, flags=re.M)
+        other = self.folder / "other.toml"
+        other.write_text(text)
+        return other
 
     def reload(self):
         """SIGHUP; returns when the gateway has said what came of it."""

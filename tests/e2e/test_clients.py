@@ -1,17 +1,12 @@
-"""Clients: their login and its lock, the device that they mean, and those that send nonsense, too
-much or too slowly."""
+"""Clients: their login and its lock, the device that they mean, and those that are slow."""
 import json
 import socket
 import time
-import unittest
 
 import client
 import harness
 
 URL = "/KAVRO/System/deviceInfo"
-HOST = b"Host: 127.0.0.1\r\n"
-GET = b"GET /none HTTP/1.1\r\n"
-POST = b"POST /none HTTP/1.1\r\n" + HOST
 
 
 class Login(harness.GatewayTest):
@@ -154,45 +149,23 @@ class DevicePorts(harness.GatewayTest):
         self.assertEqual(serial(self.ports[0]), "1")
 
 
-class BadRequests(harness.GatewayTest):
-    sections = {"http": {"body_bytes": 1024 * 1024, "head_seconds": 2, "body_seconds": 2,
-                         "connections_per_address": 1100}}
-
-    def test_malformed_requests_are_refused_and_the_connection_ends(self):
-        for sent, status in (
-                (b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03" + b"\x00" * 40, 400),  # TLS
-                (GET + b"\r\n", 400),  # no Host
-                (POST + b"Content-Length: 4\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 400),
-                (b"BREW /none HTTP/1.1\r\n" + HOST + b"\r\n", 501),
-                (GET + HOST + b"Endless: " + b"a" * 100000, 431),
-                (POST + b"Transfer-Encoding: chunked\r\n\r\n"
-                 + (b"10000\r\n" + b"x" * 65536 + b"\r\n") * 20 + b"0\r\n\r\n", 413)):
-            received = client.send_raw(self.gateway.port, sent)
-            self.assertIsNotNone(received, "the connection stayed open")
-            self.assertEqual(client.status_of(received), status, received[:200])
-            self.assertEqual(received.count(b"HTTP/1.1 "), 1, received[:400])
-        hidden = b"GET /KAVRO/System/time HTTP/1.1\r\n" + HOST + b"\r\n"
-        received = client.send_raw(self.gateway.port, POST + b"Connection: close\r\nContent-Length: "
-                                   + str(len(hidden)).encode() + b"\r\n\r\n" + hidden)
-        self.assertEqual(received.count(b"HTTP/1.1 "), 1)
+class SlowClients(harness.GatewayTest):
+    sections = {"http": {"head_seconds": 2, "body_seconds": 2, "connections_per_address": 1100}}
 
     def test_a_thousand_idle_and_two_slow_clients_hold_nobody_up(self):
         harness.allow_many_descriptors()
-        idle = []
-        self.addCleanup(lambda: [one.close() for one in idle])
-        for _ in range(1000):
-            idle.append(socket.create_connection(("127.0.0.1", self.gateway.port), 10,
-                                                 ("127.0.0.2", 0)))
-        slow = [socket.create_connection(("127.0.0.1", self.gateway.port)) for _ in range(2)]
-        slow[0].sendall(GET)
-        slow[1].sendall(POST + b"Content-Length: 1000\r\n\r\n")
+        server = ("127.0.0.1", self.gateway.port)
+        idle = [socket.create_connection(server, 10, ("127.0.0.2", 0)) for _ in range(1000)]
+        slow = [socket.create_connection(server) for _ in range(2)]
+        slow[0].sendall(b"GET /none HTTP/1.1\r\n")
+        slow[1].sendall(b"POST /none HTTP/1.1\r\nHost: h\r\nContent-Length: 1000\r\n\r\n")
         began = time.monotonic()
-        while slow and time.monotonic() - began < 8:  # one byte every 100 ms, until they are cut
+        while slow and time.monotonic() - began < 20:  # a byte now and then, until they are cut
             self.assert_serving()
             for one in list(slow):
                 one.settimeout(0.1)
                 try:
-                    self.assertIn(client.status_of(one.recv(4096)), (408, None))
+                    self.assertIn(b" 408 ", one.recv(4096))
                     one.close()
                     slow.remove(one)
                 except TimeoutError:
@@ -203,7 +176,3 @@ class BadRequests(harness.GatewayTest):
             one.close()
         harness.wait_until(lambda: self.gateway.descriptors() < 100 < before, 10,
                            "the descriptors of the closed connections")
-
-
-if __name__ == "__main__":
-    unittest.main()

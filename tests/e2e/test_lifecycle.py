@@ -4,7 +4,6 @@ import os
 import re
 import signal
 import sqlite3
-import subprocess
 import threading
 import unittest
 
@@ -14,11 +13,6 @@ import harness
 INFO = "/KAVRO/System/deviceInfo"
 
 
-def run(*arguments):
-    return subprocess.run([str(harness.BIN / "qn-gateway"), *map(str, arguments)],
-                          capture_output=True, text=True, timeout=60)
-
-
 class CommandLine(unittest.TestCase):
     def test_each_says_what_it_does_or_why_not(self):
         for arguments, good, said in ((("--version",), True, r"\d+\.\d+\.\d+"),
@@ -26,7 +20,7 @@ class CommandLine(unittest.TestCase):
                                       (("--surprise",), False, "--config"),
                                       (("--config", "/nonexistent/x.toml"), False, "No such file"),
                                       (("--config", "/"), False, "Is a directory")):
-            result = run(*arguments)
+            result = harness.run_gateway(*arguments)
             self.assertEqual(result.returncode == 0, good, arguments)
             self.assertRegex(result.stdout if good else result.stderr, said)
 
@@ -37,24 +31,20 @@ class Configuration(harness.GatewayTest):
             return one.get(INFO).status
 
     def test_check_config_names_file_line_and_key(self):
-        self.assertEqual(run("--config", self.gateway.config, "--check-config").returncode, 0)
+        self.assertEqual(harness.run_gateway("--config", self.gateway.config, "--check-config").returncode, 0)
         broken = self.gateway.folder / "broken.toml"
         broken.write_text('[http]\nport = 8080\nprot = 1\n')
-        result = run("--config", broken, "--check-config")
+        result = harness.run_gateway("--config", broken, "--check-config")
         self.assertNotEqual(result.returncode, 0)
         self.assertRegex(result.stderr, re.escape(str(broken)) + r":3\b.*prot")
 
     def test_a_second_gateway_takes_neither_port_nor_data_directory(self):
-        other = self.gateway.folder / "other.toml"
-        text, data = self.gateway.config.read_text(), str(self.gateway.folder / "data")
-        port, picture_port = harness.free_ports(2)
-        elsewhere = text.replace(str(self.gateway.port), str(port)).replace(
-            str(self.gateway.sections["network"]["picture_port"]), str(picture_port))
-        for changed, reason in ((text.replace(data, data + "2"), f"port {self.gateway.port}: "),
-                                (elsewhere, data + " cannot be used: another process")):
-            other.write_text(changed)
-            result = run("--config", other)
-            self.assertNotEqual(result.returncode, 0)
+        folder, sections = self.gateway.folder, self.gateway.sections
+        for same, reason in (("port", f"port {self.gateway.port}: "),
+                             ("picture_port", f"port {sections['network']['picture_port']}: "),
+                             ("data_dir", f"{folder}/data cannot be used: another process")):
+            result = harness.run_gateway("--config", self.gateway.elsewhere(same))
+            self.assertEqual(result.returncode, 1, same)
             self.assertIn(reason, result.stderr)
         self.assertEqual(self.status("admin"), 200)
 
@@ -200,7 +190,3 @@ class OperationLog(harness.GatewayTest):
         self.gateway.wait()
         self.assertEqual([row[2] for row in self.rows()],
                          [expected[2][2]] + [f"DELETE /KAVRO/Number/{n}" for n in range(4)])
-
-
-if __name__ == "__main__":
-    unittest.main()

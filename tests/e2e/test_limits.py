@@ -5,13 +5,11 @@ import re
 import resource
 import signal
 import socket
-import subprocess
 import time
 import unittest
 
 import client
 import harness
-from test_requests import FACES, JPEG
 
 INFO = "/KAVRO/System/deviceInfo"
 
@@ -35,13 +33,6 @@ class Fixture(unittest.TestCase):
         one = client.Client(self.gateway.port, "admin", harness.PASSWORD, **more)
         self.addCleanup(one.close)
         return one
-
-    @staticmethod
-    def upload(one):
-        body = (b'--form\r\nContent-Type: application/json\r\n\r\n{"FaceInfo": {"employeeNo": "1"}}'
-                b"\r\n--form\r\nContent-Type: image/jpeg\r\n\r\n" + JPEG + b"\r\n--form--\r\n")
-        return one.request("POST", FACES, body,
-                           {"Content-Type": 'multipart/form-data; boundary="form"'}).status
 
     def strangers(self, count, data=b""):
         """Connections that stay, of addresses of their own."""
@@ -71,35 +62,44 @@ class Descriptors(Fixture):
         self.assertIn("connections instead of 8192: of 64 descriptors", self.gateway.log())
         self.strangers(100, b"GET / HTTP/1.1\r\nHo")
         self.assertEqual(one.get(INFO).status, 200)
-        self.assertEqual(self.upload(one), 200)
+        self.assertEqual(harness.upload(one).status, 200)
         self.assertIn("read again", "\n".join(self.gateway.reload()))
         self.assertNotIn("Too many open files", self.gateway.log())
 
 
-class Ports(Fixture):
-    def test_a_taken_picture_port_ends_the_start(self):
-        with socket.create_server(("127.0.0.1", 0)) as other:
-            port = other.getsockname()[1]
-            text = self.gateway.config.read_text()
-            for key, value in (("port", harness.free_ports(1)[0]), ("picture_port", port)):
-                text = re.sub(rf"\b{key} = \d+", f"{key} = {value}", text)
-            config = self.gateway.folder / "other.toml"
-            config.write_text(text.replace('/data"', '/elsewhere"'))
-            ended = subprocess.run([str(harness.BIN / "qn-gateway"), "--config", str(config)],
-                                   capture_output=True, text=True, timeout=60)
-        self.assertEqual(ended.returncode, 1, ended.stderr)
-        self.assertIn(f"port {port}: Address already in use", ended.stderr)
+class MoreDescriptors(FewDescriptors):
+    command = ("sh", "-c", 'ulimit -n 256 && exec "$0" "$@"', harness.BIN / "qn-gateway")
 
+
+class Reloaded(Fixture):
+    Gateway = MoreDescriptors
+
+    def test_devices_that_a_reload_adds_get_a_reserve(self):
+        def most():
+            return [int(count) for count in re.findall(r"at most (\d+) conn", self.gateway.log())]
+
+        self.gateway.write_configuration(
+            [{"index": str(i), "url": self.devices.urls[0]} for i in range(1, 4)],
+            [harness.user("admin", "1")])
+        self.gateway.reload()
+        self.assertEqual(most(), [154, 124])
+        self.strangers(200, b"GET / HTTP/1.1\r\nHo")
+        time.sleep(0.5)
+        self.assertLess(self.gateway.descriptors(), 256 - 2 * 17)
+
+
+class Ports(Fixture):
     def test_no_picture_is_taken_while_its_port_is_not_ours(self):
-        self.assertEqual(self.upload(self.client()), 200)
+        self.assertEqual(harness.upload(self.client()).status, 200)
         with socket.create_server(("0.0.0.0", 0)) as other:
             self.gateway.sections["network"]["picture_port"] = other.getsockname()[1]
             self.gateway.write_configuration([{"index": "1", "url": self.devices.urls[0]}],
                                              [harness.user("admin", "1")])
             self.gateway.reload()
-            self.assertEqual(self.upload(self.client()), 503)
-        self.assertEqual(self.upload(self.client()), 503, "nobody listens there yet")
-        harness.wait_until(lambda: self.upload(self.client()) == 200, 10, "the opened port")
+            self.assertEqual(harness.upload(self.client()).xml().findtext("subStatusCode"),
+                             "pictureStoreNotAvailable")
+        self.assertEqual(harness.upload(self.client()).status, 503, "nobody listens there yet")
+        harness.wait_until(lambda: harness.upload(self.client()).status == 200, 10, "the opened port")
 
 
 class Bodies(Fixture):
@@ -108,6 +108,10 @@ class Bodies(Fixture):
                 "Content-Length: 9000000\r\n\r\n")
         self.strangers(32, head.encode() + b"x" * 8_900_000)
         time.sleep(0.5)
+        with client.Client(self.gateway.port, timeout=30) as stranger:
+            refused = stranger.put("/KAVRO/System/time?format=json", " " * 9_000_000)
+            self.assertIn("Digest", refused.headers.get("WWW-Authenticate", ""), refused)
+            self.assertEqual(harness.upload(stranger).status, 401)
         one = self.client()
         self.assertEqual(one.get(INFO).status, 200)  # now it knows a nonce
         body = '{"Time": {"timeMode": "NTP"}}' + " " * 9_000_000
@@ -125,7 +129,3 @@ class Memory(Fixture):
         resource.prlimit(pid, resource.RLIMIT_AS, (limit, limit))
         self.gateway.signal(signal.SIGTERM)
         self.assertEqual(self.gateway.wait(), 0, self.gateway.log())
-
-
-if __name__ == "__main__":
-    unittest.main()

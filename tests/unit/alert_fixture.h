@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "alert/event_pto.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/cases.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
 
@@ -16,18 +17,26 @@ inline std::string alarmOf(const std::string& devIndex, const std::string& event
          eventType + R"("}})";
 }
 
+// What a stream gets for "json OBJECT", or for "xml CHILDREN" of the alert's element.
+inline std::string part(const std::string& typeAndContent) {
+  const auto [type, content] = partedAt(typeAndContent, " ");
+  std::string body = content.empty() ? "" : content + "\n";
+  if (type == "xml") {
+    body = std::string(kDeclaration) + "<EventNotificationAlert>" + content +
+           "</EventNotificationAlert>";
+  }
+  return "--boundary\r\nContent-Type: application/" + type +
+         "; charset=\"UTF-8\"\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+         body;
+}
+
 class AlertTest : public PlatformTest {
  protected:
   AlertTest() { EXPECT_EQ(pto_.start(), 0); }
   ~AlertTest() override { pto_.stop(); }
 
   Outcome open(const std::string& devIndex = "1", const std::string& url = kStreamUrl) {
-    const auto record = fake::http().open({QNHttpService::HTTP_GET, url});
-    Outcome outcome;
-    outcome.handle = record.exchange->getHttpHandle();
-    outcome.status =
-        pto_.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, devIndex);
-    return outcome;
+    return processBy(pto_, fake::http().open({QNHttpService::HTTP_GET, url}), devIndex);
   }
   // One alarm of device "1" through the pool.
   static void alarm() {

@@ -24,16 +24,28 @@ struct Outcome {
   std::string body;
   int handle = -1;
 
+  // What a handler makes of a request, as far as it comes when it throws.
+  template <typename Handler>
+  void take(const QNHttpService::stHttpRes& request, const Handler& handler) {
+    handle = request.exchange ? request.exchange->getHttpHandle() : -1;
+    status = handler(bodyIsXml, body, asyncReply, request);
+  }
   // What was sent through the exchange itself.
   fake::Answer answer() const { return fake::http().answer(handle); }
 };
 
 inline Outcome process(fake::Request request) {
-  const auto record = fake::http().open(std::move(request));
   Outcome outcome;
-  outcome.handle = record.exchange->getHttpHandle();
-  outcome.status =
-      QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
+  outcome.take(fake::http().open(std::move(request)), QN_Protocol_HTTPProcess);
+  return outcome;
+}
+
+// The same by a handler of the test's own, for a device.
+template <typename Handler>
+Outcome processBy(Handler& handler, const QNHttpService::stHttpRes& request,
+                  const std::string& devIndex = "1") {
+  Outcome outcome;
+  outcome.take(request, [&](auto&... all) { return handler.procProtocol(all..., devIndex); });
   return outcome;
 }
 

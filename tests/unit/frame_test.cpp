@@ -1,14 +1,12 @@
 // What every claimed request goes through: claim, activation, login, operation log.
-#include <json/json.h>
-
 #include <tuple>
 
-#include "json/text.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 #include "protocol/error_code.h"
 #include "protocol/protocol_base.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/cases.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -23,15 +21,11 @@ const std::string kUnauthorized =
 class Frame : public PlatformTest {};
 
 TEST_F(Frame, UnclaimedUrlIs404WithTheJsonDocumentAndNoOtherEffect) {
-  const std::pair<unsigned int, const char*> cases[] = {
-      {0, "/index.html"}, {0, ""}, {1, "/KAVRO-not/System/deviceInfo"}};
-  for (const auto& [method, url] : cases) {
-    const Outcome outcome = process({method, url});
-    EXPECT_EQ(outcome.status, 404) << url;
-    EXPECT_EQ(outcome.bodyIsXml, 0) << url;
-    EXPECT_EQ(outcome.asyncReply, 0) << url;
-    Json::Value document;
-    ASSERT_TRUE(qn::json::parseJson(outcome.body, document)) << outcome.body;
+  for (const char* url : {"/index.html", "", "/KAVRO-not/System/deviceInfo"}) {
+    const Outcome outcome = process({QNHttpService::HTTP_PUT, url});
+    EXPECT_EQ(std::tuple(outcome.status, outcome.bodyIsXml, outcome.asyncReply),
+              std::tuple(404, 0, 0));
+    const Json::Value document = parsed(outcome.body);
     EXPECT_EQ(document["statusCode"].asInt(), 4);
     EXPECT_EQ(document["errorCode"].asInt(), 0x40000006);
   }
@@ -114,9 +108,7 @@ TEST_F(Frame, OtherVerdictsAnswerTheirCodeInTheUrlsOwnFormat) {
     const Outcome json = get(std::string(kUrl) + "?format=json");
     EXPECT_EQ(json.status, getHttpStatusCodeByErrorNo(code));
     EXPECT_EQ(json.bodyIsXml, 0);
-    Json::Value document;
-    ASSERT_TRUE(qn::json::parseJson(json.body, document)) << json.body;
-    EXPECT_EQ(document["errorCode"].asUInt(), code);
+    EXPECT_EQ(parsed(json.body)["errorCode"].asUInt(), code);
     EXPECT_FALSE(xml.answer().headers.contains("WWW-Authenticate"));
   }
 }
@@ -212,9 +204,8 @@ Outcome probe(int handlerStatus, unsigned int method, const char* url) {
   Probe handler;
   handler.status = handlerStatus;
   Outcome outcome;
-  outcome.status =
-      handler.proc(outcome.bodyIsXml, outcome.body, outcome.asyncReply,
-                   fake::http().open({method, url, "", {{"X-Forwarded-For", "9.9.9.9"}}}));
+  outcome.take(fake::http().open({method, url, "", {{"X-Forwarded-For", "9.9.9.9"}}}),
+               [&](auto&... all) { return handler.proc(all...); });
   return outcome;
 }
 
@@ -228,23 +219,12 @@ TEST_F(Frame, HandlersFailureIsAnInternalError) {
 }
 
 TEST_F(Frame, OperationsThatAreRecorded) {
-  const std::string longUrl = "/KAVRO/" + std::string(293, 'u');
-  // No operation: none is recorded.
-  const std::tuple<unsigned int, std::string, std::string> cases[] = {
-      {0, "/KAVRO/System/deviceInfo", ""},
-      {0, "/KAVRO/Security/userCheck", "GET /KAVRO/Security/userCheck"},
-      {0, "/KAVRO/Security/userCheck?a=b", "GET /KAVRO/Security/userCheck?a=b"},
-      {1, "/KAVRO/a", "PUT /KAVRO/a"},
-      {2, "/KAVRO/a", "POST /KAVRO/a"},
-      {3, "/KAVRO/a", "DELETE /KAVRO/a"},
-      {4, "/KAVRO/a", ""},
-      {6, "/KAVRO/a", ""},
-      {1, "", ""},
-      {1, "/KAVRO/Security/sessionHeartbeat", ""},
-      {2, "/KAVRO/Security/sessionHeartbeat", ""},
-      {1, longUrl, ("PUT " + longUrl).substr(0, 256)},
-  };
-  for (const auto& [method, url, operation] : cases) {
+  std::vector<Case> cases = casesOf("operations.txt");
+  const std::string longPut = "PUT /KAVRO/" + std::string(293, 'u');
+  cases.push_back({"", longPut, longPut.substr(0, 256)});
+  cases.push_back({"", "PUT", ""});
+  for (const auto& [head, given, operation] : cases) {
+    const auto [method, url, body, headers] = requestOf(given);
     fake::operationLog().clear();
     probe(200, method, url.c_str());
     ASSERT_EQ(fake::operationLog().size(), operation.empty() ? 0u : 1u) << method << url;

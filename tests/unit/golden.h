@@ -4,6 +4,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "json/text.h"
 #include "tests/unit/conversation.h"
@@ -25,6 +26,17 @@ inline Json::Value parsed(std::string_view text) {
   Json::Value value;
   EXPECT_TRUE(qn::json::parseJson(text, value)) << text;
   return value;
+}
+
+// Paths of all members, as "List.0.Entry.id"; of a list only its first entry's.
+inline std::vector<std::string> pathsOf(const Json::Value& value, const std::string& prefix = "") {
+  if (value.isArray() && !value.empty()) return pathsOf(value[0], prefix + "0.");
+  std::vector<std::string> paths;
+  for (const auto& name : value.isObject() ? value.getMemberNames() : Json::Value::Members()) {
+    paths.push_back(prefix + name);
+    for (auto& inner : pathsOf(value[name], paths.back() + ".")) paths.push_back(std::move(inner));
+  }
+  return paths;
 }
 
 // The object that holds the path's last member, whose name goes to `name`.

@@ -1,10 +1,9 @@
 // What is handed to the device as it came, and what becomes of the device's answer.
-#include "json/text.h"
 #include "passthrough/device_kavro_pto.h"
 #include "platform/base_library.h"
 #include "platform/wlog.h"
 #include "protocol/device_reply.h"
-#include "tests/unit/conversation.h"
+#include "tests/unit/cases.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -14,38 +13,17 @@ constexpr const char* kUrl = "/KAVRO/System/time";
 class PassThrough : public PlatformTest {};
 
 TEST_F(PassThrough, ForwardsAsItCameWithTheDeviceAndTheResourcesTime) {
-  const struct {
-    unsigned int method;
-    const char* url;
-    const char* added;
-    int timeoutMs;
-    const char* body = "";
-  } cases[] = {
-      {0, "/KAVRO/System/time", "?devIndex=1", 15000},
-      {1, "/KAVRO/System/time?format=json", "&devIndex=1", 15000, "{ }"},
-      {6, "/KAVRO/System/time?", "&devIndex=1", 15000, "<a/>"},
-      {0, "/KAVRO/System/time#?", "&devIndex=1", 15000},
-      {0, "/KAVRO/System/time?devIndex=2", "&devIndex=1", 15000},
-      {1, "/KAVRO/AccessControl/CardInfo/Delete?format=json", "&devIndex=1", 60000, "{}"},
-      {2, "/KAVRO/AccessControl/CardInfo/Delete", "?devIndex=1", 15000, "{}"},
-      {1, "/KAVRO/AccessControl/CardInfo/Delete/", "?devIndex=1", 15000, "{}"},
-      {2, "/KAVRO/AccessControl/AcsEvent", "?devIndex=1", 30000, "{}"},
-      {0, "/KAVRO/AccessControl/AcsEvent", "?devIndex=1", 15000},
-      {0, "/KAVRO/Intelligent/FDLib/FaceDataRecord", "?devIndex=1", 30000},
-      {3, "/KAVRO/Intelligent/FDLib/FDSetUp?x", "&devIndex=1", 30000},
-      {3, "/KAVRO/Intelligent/FDLib", "?devIndex=1", 15000},
-  };
-  for (const auto& [method, url, added, timeoutMs, body] : cases) {
+  for (const auto& [head, given, expected] : casesOf("passed_through.txt")) {
     fake::reset();
-    const Outcome outcome = process({method, url, body});
-    EXPECT_EQ(outcome.status, 200) << url;
-    EXPECT_EQ(outcome.asyncReply, 1) << url;
-    ASSERT_EQ(fake::deviceBus().seen.size(), 1u) << url;
+    const fake::Request request = requestOf(given);
+    const auto [added, timeoutMs] = partedAt(expected, " ");
+    EXPECT_EQ(process(request).asyncReply, 1) << given;
+    ASSERT_EQ(fake::deviceBus().seen.size(), 1u) << given;
     const fake::BusRequest& sent = fake::deviceBus().seen[0];
-    EXPECT_EQ(sent.method, method) << url;
-    EXPECT_EQ(sent.url, std::string(url) + added);
-    EXPECT_EQ(sent.body, body) << url;
-    EXPECT_EQ(sent.timeoutMs, timeoutMs) << url;
+    EXPECT_EQ(sent.method, request.method) << given;
+    EXPECT_EQ(sent.url, request.url + added);
+    EXPECT_EQ(sent.body, request.body) << given;
+    EXPECT_EQ(std::to_string(sent.timeoutMs), timeoutMs) << given;
   }
 }
 
@@ -69,20 +47,10 @@ TEST_F(PassThrough, TextRepliesAreLoggedAndPicturesAreNot) {
   EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = ]"));
 }
 
-TEST_F(PassThrough, RefusalOfTheBusIsTheAnswer) {
-  fake::deviceBus().refusal = DEVCFGBUS_UNKNOWN_DEVICE;
-  const Outcome outcome = get(kUrl);
-  EXPECT_EQ(outcome.status, 404);
-  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x40000006, kUrl));
-  EXPECT_EQ(outcome.asyncReply, 0);
-}
-
 TEST_F(PassThrough, NoExchangeAndNoMemoryAreNoResources) {
   CDeviceKAVROPto handler;
   const auto refuse = [&](const stHttpRes& request, const char* url) {
-    Outcome outcome;
-    outcome.status =
-        handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, request, "1");
+    const Outcome outcome = processBy(handler, request);
     EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(0x60000001));
     EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x60000001, url));
   };

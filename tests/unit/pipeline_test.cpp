@@ -1,5 +1,5 @@
 // The pipeline to a sub-device: what goes out, what comes back, and every way to fail.
-#include <new>
+#include <tuple>
 
 #include "devcfg/dev_cfg_base.h"
 #include "platform/base_library.h"
@@ -48,11 +48,13 @@ TEST_F(Pipeline, RefusalOfTheBusIsTheAnswer) {
       {DEVCFGBUS_QUEUE_FULL, 0x6000000B}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
   for (const auto& [refusal, code] : cases) {
     fake::deviceBus().refusal = refusal;
-    const Outcome outcome = get(kUrl);
-    EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code));
-    EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(static_cast<int>(code), kUrl));
-    EXPECT_EQ(outcome.asyncReply, 0);
-    EXPECT_EQ(outcome.answer().count, 0);
+    for (const char* url : {kUrl, "/KAVRO/System/time"}) {
+      const Outcome outcome = get(url);
+      EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code)) << url;
+      EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(static_cast<int>(code), url));
+      EXPECT_EQ(outcome.asyncReply, 0) << url;
+      EXPECT_EQ(outcome.answer().count, 0) << url;
+    }
   }
 }
 
@@ -83,12 +85,7 @@ class Probe final : public CDevCfgBase {
 };
 
 Outcome probe(Probe& handler) {
-  const auto record = fake::http().open({QNHttpService::HTTP_PUT, kUrl});
-  Outcome outcome;
-  outcome.bodyIsXml = 1;
-  outcome.status =
-      handler.procProtocol(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record, "1");
-  return outcome;
+  return processBy(handler, fake::http().open({QNHttpService::HTTP_PUT, kUrl}));
 }
 
 void expectError(const Outcome& outcome, unsigned int code) {
@@ -107,29 +104,24 @@ TEST_F(Pipeline, HandlersDataTimeoutAndBodyGoWithTheRequest) {
   EXPECT_EQ(sent.timeoutMs, 7);
 }
 
-TEST_F(Pipeline, AnyFailedRequestConversionIsABadRequest) {
-  for (const int conversion : {-1, 1, 9}) {
+TEST_F(Pipeline, WhatCannotBeMadeARequestIsAnsweredAtOnce) {
+  const std::tuple<int, int, unsigned int> cases[] = {
+      {-1, 1, 0x60000003}, {1, 1, 0x60000003}, {9, 1, 0x60000003}, {0, 0, 0x60000001}};
+  for (const auto& [conversion, acceptance, code] : cases) {
     Probe handler;
     handler.conversion = conversion;
-    expectError(probe(handler), 0x60000003);
+    handler.acceptance = acceptance;
+    expectError(probe(handler), code);
   }
-}
-
-TEST_F(Pipeline, NoUserDataIsNoResources) {
-  Probe handler;
-  handler.acceptance = 0;
-  expectError(probe(handler), 0x60000001);
   EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_ERROR, "no resouce."));
-}
-
-TEST_F(Pipeline, NoMemoryForTheRecordIsNoResources) {
+  fake::reset();
   Probe handler;
-  Outcome outcome;
+  Outcome withoutMemory;
   {
-    const fake::FailNothrowAllocations noMemory;
-    outcome = probe(handler);
+    const fake::FailNothrowAllocations failure;
+    withoutMemory = probe(handler);
   }
-  expectError(outcome, 0x60000001);
+  expectError(withoutMemory, 0x60000001);
   EXPECT_TRUE(fake::loggedIn("procProtocol", WLOG_ERROR, "no resouce."));
 }
 
@@ -140,10 +132,7 @@ TEST_F(Pipeline, EveryFailedAllocationLeavesNothingInFlight) {
     fake::reset();
     const auto record = fake::http().open({QNHttpService::HTTP_GET, kUrl});
     Outcome outcome;
-    const bool returned = failing([&] {
-      outcome.status =
-          QN_Protocol_HTTPProcess(outcome.bodyIsXml, outcome.body, outcome.asyncReply, record);
-    });
+    const bool returned = failing([&] { outcome.take(record, QN_Protocol_HTTPProcess); });
     sent = outcome.asyncReply == 1;
     EXPECT_EQ(fake::deviceBus().pending.size(), sent ? 1u : 0u) << n;
     EXPECT_TRUE(returned || !sent);

@@ -1,26 +1,18 @@
 // The table engine: every kind and every rule word once, for all documents.
-#include <gtest/gtest.h>
-
+#include <array>
 #include <limits>
+#include <map>
+#include <utility>
 
 #include "document/read_xml.h"
 #include "document/write_xml.h"
-#include "json/text.h"
+#include "tests/unit/cases.h"
+#include "tests/unit/golden.h"
 
 namespace QNKAVROProtocol::table {
 namespace {
 
-using qn::json::parseJson;
 using qn::json::writeJson;
-
-Json::Value json(std::string_view text) {
-  Json::Value value;
-  EXPECT_TRUE(parseJson(text, value)) << text;
-  return value;
-}
-
-constexpr const char* kFails = "(fails)";
-constexpr const char* kAbsent = nullptr;
 
 // What a row makes of a member: the elements, nothing, or kFails. As text and as a document.
 std::string written(const Row& row, const Json::Value* member) {
@@ -77,71 +69,38 @@ constexpr Row kInnerConstants[] = {constant("c", "1")};
 constexpr Row kEntry[] = {section("e", kInner, write::strict)};
 
 TEST(WriteXml, KindsAndWords) {
-  const struct {
-    Row row;
-    const char* member;
-    const char* expected;
-  } cases[] = {
-      {text("t", write::required), R"("a<&\"b")", "<t>a&lt;&amp;\"b</t>"},
-      {text("t", write::required), R"("")", "<t/>"},
-      {text("t", write::required).as("u"), R"("x")", "<u>x</u>"},
-      {text("t", write::required).changedBy(twice), R"("ab")", "<t>abab</t>"},
-      {text("t", write::required).filled(), R"("")", kFails},
-      {text("t", write::fallback).filled().fallback("f"), R"("")", "<t>f</t>"},
-      {text("t", write::always), "true", "<t>true</t>"},
-      {text("t", write::always), "-2.5", "<t>-2.5</t>"},
-      {text("t", write::always), "[1]", "<t/>"},
-      {text("t", write::always), "{}", "<t/>"},
-      {integer("i", write::required), "2147483647", "<i>2147483647</i>"},
-      {integer("i", write::required), "-2147483648", "<i>-2147483648</i>"},
-      {integer("i", write::required), "25.0", "<i>25</i>"},
-      {integer("i", write::required), "2147483648", kFails},
-      {integer("i", write::required), "2.5", kFails},
-      {integer("i", write::required), R"("2")", kFails},
-      {integer("i", write::required), "true", kFails},
-      {integer("i", write::always), "-2.9", "<i>-2</i>"},
-      {integer("i", write::always), "1e300", "<i>2147483647</i>"},
-      {integer("i", write::always), "-99999999999", "<i>-2147483648</i>"},
-      {integer("i", write::always), R"("5")", "<i>0</i>"},
-      {integer("i", write::always), "true", "<i>0</i>"},
-      {integer("i", write::required).within(1, 3, Else::LeaveOut), "0", ""},
-      {integer("i", write::required).within(1, 3, Else::LeaveOut), "1", "<i>1</i>"},
-      {integer("i", write::required).within(1, 3, Else::LeaveOut), "3", "<i>3</i>"},
-      {integer("i", write::required).within(1, 3, Else::Fail), "4", kFails},
-      {boolean("b", write::required), "true", "<b>true</b>"},
-      {boolean("b", write::required), "false", "<b>false</b>"},
-      {boolean("b", write::required).shownAs("true"), "false", "<b>true</b>"},
-      {boolean("b", write::required).shownAs("true"), "1", kFails},
-      {boolean("b", write::required), R"("true")", kFails},
-      {boolean("b", write::always), "1", "<b>false</b>"},
-      {real("d", write::required), "44.1", "<d>44.100000</d>"},
-      {real("d", write::required), "-0.25", "<d>-0.250000</d>"},
-      {real("d", write::required), "8", "<d>8.000000</d>"},
-      {real("d", write::required), R"("8")", kFails},
-      {constant("c", "x"), kAbsent, "<c>x</c>"},
-      {section("s", kInner, write::required), R"({"b":2,"x":3,"a":"1"})",
-       "<s><a>1</a><b>2</b></s>"},
-      {section("s", kInner, write::required), "[]", kFails},
-      {section("s", kInner, write::optional), R"("a")", ""},
-      {section("s", kInner, write::required), R"({"b":2})", "inner"},
-      {section("s", kInner, write::present), "7", "inner"},
-      {section("s", kInner, write::optional).whole(), R"({"a":"1"})", ""},
-      {section("s", kInner, write::optional).whole(), R"({"a":"1","b":null})", "<s><a>1</a></s>"},
-      {section("s", kInner, write::fallback).fallback(kInnerConstants), kAbsent, "<s><c>1</c></s>"},
-      {list("l", kEntry, write::required), R"([{"e":{"a":"1"}},{},7,null,{"e":{"a":"2"}}])",
-       "<l><e><a>1</a></e><e><a>2</a></e></l>"},
-      {list("l", kEntry, write::required), "[]", "<l/>"},
-      {list("l", kEntry, write::required), "{}", kFails},
-      {list("l", kEntry, write::present), "{}", "<l/>"},
-      {list("l", kEntry, write::required), R"([{"e":{"a":"1"}},{"e":null}])", "inner"},
-      {list("l", kEntry, write::required).firstEachTime(), R"([{"e":{"a":"1"}},7,{"e":{"a":"3"}}])",
-       "<l><e><a>1</a></e><e><a>1</a></e><e><a>1</a></e></l>"},
-      {list("l", kEntry, write::required).firstEachTime(), "[]", "<l/>"},
+  const std::map<std::string, Row> rows = {
+      {"text required", text("t", write::required)},
+      {"text required as u", text("t", write::required).as("u")},
+      {"text required changed", text("t", write::required).changedBy(twice)},
+      {"text required filled", text("t", write::required).filled()},
+      {"text fallback filled with fallback", text("t", write::fallback).filled().fallback("f")},
+      {"text always", text("t", write::always)},
+      {"integer required", integer("i", write::required)},
+      {"integer always", integer("i", write::always)},
+      {"integer required within 1 3 or left out",
+       integer("i", write::required).within(1, 3, Else::LeaveOut)},
+      {"integer required within 1 3 or failing",
+       integer("i", write::required).within(1, 3, Else::Fail)},
+      {"boolean required", boolean("b", write::required)},
+      {"boolean required shown as true", boolean("b", write::required).shownAs("true")},
+      {"boolean always", boolean("b", write::always)},
+      {"real required", real("d", write::required)},
+      {"constant", constant("c", "x")},
+      {"section required", section("s", kInner, write::required)},
+      {"section optional", section("s", kInner, write::optional)},
+      {"section present", section("s", kInner, write::present)},
+      {"section optional whole", section("s", kInner, write::optional).whole()},
+      {"section fallback with fallback",
+       section("s", kInner, write::fallback).fallback(kInnerConstants)},
+      {"list required", list("l", kEntry, write::required)},
+      {"list present", list("l", kEntry, write::present)},
+      {"list required first each time", list("l", kEntry, write::required).firstEachTime()},
   };
-  for (const auto& [row, member, expected] : cases) {
-    const Json::Value value = member == nullptr ? Json::Value() : json(member);
-    EXPECT_EQ(written(row, member == nullptr ? nullptr : &value), expected)
-        << row.xml << " " << (member == nullptr ? "absent" : member);
+  for (const auto& [name, member, expected] : casesOf("members.txt")) {
+    const Json::Value value = member == "(absent)" ? Json::Value() : parsed(member);
+    EXPECT_EQ(written(rows.at(name), member == "(absent)" ? nullptr : &value), expected)
+        << name << " " << member;
   }
 }
 
@@ -170,7 +129,7 @@ TEST(WriteXml, RepeatedEntriesHaveABound) {
   const Row row = list("r", kEntryRows, write::required).firstEachTime();
   Json::Value first[3];
   first[0]["t"] = std::string(100000, 'x');
-  first[1]["l"] = listOf(json(R"({"t":""})"), 10000);
+  first[1]["l"] = listOf(parsed(R"({"t":""})"), 10000);
   first[2]["s"] = listOf(Json::Value(7), 10000);
   for (const Json::Value& repeated : first) {
     Json::Value entries = listOf(Json::Value(7), 10000);
@@ -197,7 +156,7 @@ TEST(WriteXml, RootFollowsItsRule) {
   };
   for (const auto& [rule, reply, root] : cases) {
     std::string xml = kFails;
-    static_cast<void>(writeDocument(xml, section("s", kInner, rule), json(reply)));
+    static_cast<void>(writeDocument(xml, section("s", kInner, rule), parsed(reply)));
     EXPECT_EQ(xml, root == kFails ? root : std::string(kDeclaration) + root) << reply;
   }
 }
@@ -209,10 +168,10 @@ TEST(WriteXml, FailureNamesTheRow) {
       text("z", write::required).failing(26),
   };
   std::string xml;
-  const Row* failed = writeRows(xml, kRows, json(R"({"a":1})"));
+  const Row* failed = writeRows(xml, kRows, parsed(R"({"a":1})"));
   ASSERT_NE(failed, nullptr);
   EXPECT_EQ(failed->number, 26);
-  EXPECT_EQ(writeRows(xml, kRows, json(R"({"s":{"e":{"a":1}},"z":""})")), &kInner[0]);
+  EXPECT_EQ(writeRows(xml, kRows, parsed(R"({"s":{"e":{"a":1}},"z":""})")), &kInner[0]);
 }
 
 constexpr Row kPair[] = {text("x", read::required), integer("y", read::optional)};
@@ -235,55 +194,16 @@ constexpr Row kReadRows[] = {
 };
 
 TEST(ReadXml, KindsAndWords) {
-  const struct {
-    const char* xml;
-    const char* expected;  // JSON, or the name of the row that fails
-  } cases[] = {
-      {"", "null"},
-      {"<t> a&lt;<![CDATA[<b>]]>z </t>", R"({"t":" a<<b>z "})"},
-      {"<t/>", R"({"t":""})"},
-      {"<always>x</always>", "null"},
-      {"<i>25</i>", R"({"i":25})"},
-      {"<i> -3x</i>", R"({"i":-3})"},
-      {"<i>abc</i>", R"({"i":0})"},
-      {"<i>99999999999</i>", R"({"i":2147483647})"},
-      {"<b>true</b>", R"({"b":true})"},
-      {"<b>TRUE</b>", R"({"b":false})"},
-      {"<b>1</b>", R"({"b":false})"},
-      {"<unless>false</unless>", R"({"unless":false})"},
-      {"<unless>False</unless>", R"({"unless":true})"},
-      {"<unless/>", R"({"unless":true})"},
-      {"<full>x</full>", R"({"full":"x"})"},
-      {"<full/>", "full"},
-      {"<s><y>1</y><x>2</x></s>", R"({"s":{"x":"2"}})"},  // y stands before x: out of order
-      {"<s><x>2</x><y>1</y></s>", R"({"s":{"x":"2","y":1}})"},
-      {"<s><y>1</y></s>", "x"},
-      {"<s/>", "x"},
-      {"<l><child><x>1</x></child><child><x>2</x></child></l>",
-       R"({"l":[{"child":{"x":"1"}},{"child":{"x":"2"}}]})"},
-      {"<l/>", R"({"l":[null]})"},
-      {"<l><child><x>1</x></child><other/></l>", R"({"l":[{"child":{"x":"1"}},null]})"},
-      {"<l><other/><child><x>1</x></child></l>", R"({"l":[{"child":{"x":"1"}}]})"},
-      {"<l><child/></l>", "x"},
-      {"<d><n>5</n><n>6</n></d>", R"({"d":[{"n":5}]})"},
-      {"<d/>", R"({"d":[{"n":101}]})"},
-      {"<f><f>1</f><f>2</f></f>", R"({"f":[{"f":"1"}]})"},
-      {"<f/>", "null"},
-      {"<xml>1</xml>", R"({"json":"1"})"},
-      {"<i>1</i><t>2</t>", R"({"t":"2"})"},  // i is only looked for behind t
-      {"<any>1</any><t>2</t><i>3</i>", R"({"any":"1","i":3,"t":"2"})"},
-      {"<t>1</t><t>2</t>", R"({"t":"1"})"},
-  };
-  for (const auto& [body, expected] : cases) {
+  for (const auto& [head, body, expected] : casesOf("elements.txt")) {
     QNBase::CXmlBase xml;
-    ASSERT_TRUE(xml.Parse("<r>" + std::string(body) + "</r>") && xml.FindElem("r")) << body;
+    ASSERT_TRUE(xml.Parse("<r>" + body + "</r>") && xml.FindElem("r")) << body;
     ASSERT_TRUE(xml.IntoElem());
     Json::Value object;
     const Row* failed = readRows(object, kReadRows, xml);
     if (failed != nullptr) {
       EXPECT_EQ(failed->json, expected) << body;
     } else {
-      EXPECT_EQ(object, json(expected)) << body << " gives " << writeJson(object);
+      EXPECT_EQ(object, parsed(expected)) << body << " gives " << writeJson(object);
     }
   }
 }
@@ -305,6 +225,35 @@ TEST(ReadXml, MissingElementsFollowTheirRule) {
   const GivenMember given{"e", "[1]"};
   EXPECT_EQ(readDocument(text, filled, "<r><t>\n</t></r>", &given), BodyResult::Done);
   EXPECT_EQ(text, "{\"r\":{\"d\":[{\"n\":101}],\"e\":[1],\"i\":7,\"t\":\"\\n\"}}\n");
+}
+
+constexpr auto kNames = [] {
+  std::array<std::array<char, 3>, Rows::kMost> names{};
+  for (int i = 0; auto& name : names) name = {char('a' + i / 26), char('a' + i++ % 26), '\0'};
+  return names;
+}();
+
+template <std::size_t... I>
+std::string readMany(const std::string& body, std::index_sequence<I...> /*rows*/) {
+  static constexpr Row kMany[] = {integer(kNames[I].data(), read::optional)...};
+  const GivenMember given{"given", "[1]"};
+  std::string text;
+  EXPECT_EQ(readDocument(text, section("r", kMany, read::required), body, &given),
+            BodyResult::Done);
+  return text;
+}
+
+TEST(ReadXml, TheLargestTableAndAGivenMember) {
+  Json::Value expected;
+  expected["r"]["given"].append(1);
+  std::string body;
+  for (const auto& name : kNames) {
+    const std::string tag = name.data();
+    body += "<" + tag + ">7</" + tag + ">";
+    expected["r"][tag] = 7;
+  }
+  EXPECT_EQ(parsed(readMany("<r>" + body + "</r>", std::make_index_sequence<Rows::kMost>())),
+            expected);
 }
 
 TEST(ReadXml, OtherBodiesAreRefused) {
