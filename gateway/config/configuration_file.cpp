@@ -70,6 +70,7 @@ class FileReader {
     // After the sections, because HA1s depend on the realm.
     claimPort("http", "port", result_.http.port);
     claimPort("network", "picture_port", result_.network.picturePort);
+    checkAdmin();
     forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
     forEachTable("users", [this](const auto& table, const Place& at) { addUser(table, at); });
     result_.buildIndexes();
@@ -134,6 +135,16 @@ class FileReader {
 
   void claimPort(const char* section, const char* key, uint16_t port) {
     ports_.add(port, placeIn(section, key));
+  }
+
+  // Whoever reaches it sees who is locked out and can let them in.
+  void checkAdmin() {
+    const AdminOptions& admin = result_.admin;
+    if (admin.port == 0) return;
+    claimPort("admin", "port", admin.port);
+    if (!admin.password.empty() || isLoopback(admin.address)) return;
+    findings_.error(placeIn("admin", "address"),
+                    "expected a loopback address, or a password in this section");
   }
 
   void readNonceKey() {

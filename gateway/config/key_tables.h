@@ -219,6 +219,28 @@ inline constexpr Key<BusOptions> kBusKeys[] = {
      kInBytes},
 };
 
+inline constexpr Key<AdminOptions> kAdminKeys[] = {
+    {"address",
+     &AdminOptions::address,
+     {},
+     &kAddressRule,
+     "where operators and their tools connect; other than loopback needs a password"},
+    {"port", &AdminOptions::port, kPortOrNone, {}, "0: there is no such listener"},
+    {"username", &AdminOptions::username, {}, &kUserNameRule, "of the login there"},
+    {"password",
+     &AdminOptions::password,
+     {},
+     &kDevicePasswordRule,
+     "of the login there",
+     {.otherwise = "no login", .example = "\"change-me\""}},
+    {"metrics_token",
+     &AdminOptions::metricsToken,
+     {},
+     &kTokenRule,
+     "lets whoever sends it as a Bearer token read /metrics without the login",
+     {.otherwise = "none", .example = "\"0123456789abcdef\""}},
+};
+
 inline constexpr Key<LogOptions> kLogKeys[] = {
     {"level", &LogOptions::level, {}, &kLevelRule, "the least important lines that are written"},
     {"format", &LogOptions::format, {}, &kLogFormatRule, "of a line; json: one object a line"},
@@ -363,6 +385,7 @@ void forEachSection(Visit visit) {
   visit("pictures", "the face pictures that clients upload", kPictureKeys,
         &Configuration::pictures);
   visit("bus", "what each device may have", kBusKeys, &Configuration::bus);
+  visit("admin", "metrics, health and the operators' page", kAdminKeys, &Configuration::admin);
   visit("log", "what goes to standard error", kLogKeys, &Configuration::log);
 }
 

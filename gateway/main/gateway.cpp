@@ -76,7 +76,10 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
+            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+      pulse_(reactors_),
+      health_(pulse_),
+      admin_(observed()) {
   try {
     start();
   } catch (...) {
@@ -97,6 +100,8 @@ void Gateway::start() {
   bus_.start();
   alarms_.start();
   reactors_.start();
+  pulse_.start();
+  admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
   // A gateway without its picture port would hand out dead URLs.
@@ -104,6 +109,7 @@ void Gateway::start() {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   });
   applyExtraPorts();
+  health_.setStarted();
   logInfo("{}", description());
 }
 
@@ -112,15 +118,14 @@ std::string Gateway::description() const {
                      configuration_->http.address, http_.port());
 }
 
-std::chrono::milliseconds Gateway::silence() {
-  const auto owed = std::max(pulse_.silence(), timersOverdue());
-  pulse_.beat();
-  return owed;
+std::chrono::milliseconds Gateway::silence() const {
+  return std::max(pulse_.longestSilence(), timersOverdue());
 }
 
 // Every step is harmless for what has not been started.
 void Gateway::stop() {
   using std::chrono::steady_clock;
+  health_.setStopping();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -128,6 +133,7 @@ void Gateway::stop() {
   bus_.stop();
   http_.drain(steady_clock::now() + kAnswerTime);
   http_.close();
+  admin_.close();
   files_.stop();
   waiting_.stop();
   translations_.stop();
@@ -147,6 +153,26 @@ void Gateway::reload(Configuration next) {
   applyExtraPorts();
   http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
+}
+
+void Gateway::endReload(const std::string& refusal) {
+  reloads_.end(refusal);
+  admin_.reopen(configuration_->admin, configuration_->lock);
+}
+
+Observed Gateway::observed() {
+  return {http_,
+          pulse_,
+          devices_,
+          bus_,
+          alarms_,
+          pictures_,
+          OperationLog::instance(),
+          clientLogin(),
+          {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
+          health_,
+          reloads_,
+          QN_VERSION};
 }
 
 void Gateway::applyExtraPorts() {
