@@ -60,7 +60,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void linger();
   void beginStream(const ExchangePtr& exchange);
   void endRequest();
-  void countAnswer(const ExchangeState& exchange);
+  void countAnswer(const ExchangeState& exchange, std::size_t bytes);
   Ending endingOf(const ExchangeState& exchange) const;
   std::shared_ptr<ClientConnection> self();
 

@@ -14,6 +14,7 @@
 #include "gateway/http/multipart.h"
 #include "gateway/http/part_pusher.h"
 #include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
 
 namespace qn {
@@ -220,6 +221,7 @@ void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job jo
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
   if (const OwnResource* resource = findResource(exchange->url())) {
     return queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
+      const RequestIdScope idScope(exchange->requestId());
       answering(exchange, [&] { resource->serve(*exchange); });
     });
   }
@@ -282,6 +284,7 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int asyncReply = 0;
   std::string answer;
   const AskerScope scope(exchange);
+  const RequestIdScope idScope(exchange->requestId());
   ExchangeLogin login(*exchange);
   const LoginRequest::Scope loginScope(login);
   const int status = module_.process(bodyIsXml, answer, asyncReply, request);
