@@ -39,8 +39,10 @@ class HttpService {
   // Whether connections to that port come here; after listen().
   bool serves(uint16_t port) const { return ports_->serves(port); }
 
-  // In place of the options' number; connections beyond it stay until they end.
-  void limitConnections(std::size_t most);
+  // Puts others in force. Moves to another address and port first: when it cannot listen there, it
+  // throws as listen() does, and nothing has changed. Connections stay; limits hold for what comes
+  // from now on. Then call setExtraPorts().
+  void setOptions(const HttpOptions& options);
 
   // Closes the streams of those whom the configuration in force does not allow them any more.
   void closeForbiddenStreams();
@@ -57,6 +59,7 @@ class HttpService {
 
   const std::shared_ptr<ServiceCore> core_;
   const std::shared_ptr<Ports> ports_;
+  const uint16_t configuredPort_;  // for listen()
   std::atomic<uint16_t> mainPort_{0};
 };
 

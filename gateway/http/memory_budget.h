@@ -18,6 +18,12 @@ class MemoryBudget {
   MemoryBudget(std::size_t bytes, std::size_t bytesOfOwner)
       : bytes_(bytes), bytesOfOwner_(bytesOfOwner) {}
 
+  // From now on; what is held beyond it stays until it is given back.
+  void setLimits(std::size_t bytes, std::size_t bytesOfOwner) {
+    bytes_ = bytes;
+    bytesOfOwner_ = bytesOfOwner;
+  }
+
   // What is held of it for one purpose; given back at the end.
   class Share {
    public:
@@ -65,8 +71,8 @@ class MemoryBudget {
     return room && ownRoom;
   }
 
-  const std::size_t bytes_;
-  const std::size_t bytesOfOwner_;
+  std::atomic<std::size_t> bytes_;
+  std::atomic<std::size_t> bytesOfOwner_;
   std::atomic<std::size_t> held_{0};
   Mutex mutex_;
   std::unordered_map<std::string, std::size_t> byOwner_ QN_GUARDED_BY(mutex_);

@@ -14,7 +14,7 @@ namespace qn {
 // Any thread. Outlives its places.
 class Places {
  public:
-  Places(std::size_t all, std::size_t ofOne) : ofOne_(ofOne), all_(all) {}
+  Places(std::size_t all, std::size_t ofOne) : all_(all), ofOne_(ofOne) {}
 
   // One that was taken; given back at the end.
   class Place {
@@ -40,9 +40,10 @@ class Places {
   };
 
   // From now on; places beyond it stay until they are given back.
-  void setAll(std::size_t all) {
+  void setLimits(std::size_t all, std::size_t ofOne) {
     const MutexLock lock(mutex_);
     all_ = all;
+    ofOne_ = ofOne;
   }
   bool hasRoom() const {
     const MutexLock lock(mutex_);
@@ -73,9 +74,9 @@ class Places {
     if (found != byClient_.end() && --found->second == 0) byClient_.erase(found);
   }
 
-  const std::size_t ofOne_;
   mutable Mutex mutex_;
   std::size_t all_ QN_GUARDED_BY(mutex_);
+  std::size_t ofOne_ QN_GUARDED_BY(mutex_);
   std::size_t taken_ QN_GUARDED_BY(mutex_) = 0;
   std::map<boost::asio::ip::address, std::size_t> byClient_ QN_GUARDED_BY(mutex_);
 };

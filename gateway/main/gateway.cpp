@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
@@ -30,14 +31,6 @@ constexpr std::size_t kWorkerQueue = 256;
 // what is left.
 constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
-
-// Listeners and files are opened once.
-template <class Options>
-void keepUntilRestart(Options& next, const Options& current, std::string_view section) {
-  if (next == current) return;
-  logWarn("changes in [{}] take effect at the next start", section);
-  next = current;
-}
 
 // What the operator can do about a port that cannot be listened on.
 std::string adviceFor(const std::error_code& error, const char* key) {
@@ -135,14 +128,17 @@ void Gateway::stop() {
 }
 
 void Gateway::reload(Configuration next) {
-  keepUntilRestart(next.http, configuration_->http, "http");
-  keepUntilRestart(next.storage, configuration_->storage, "storage");
+  for (const std::string& key : keepUntilRestart(*configuration_, next)) {
+    logWarn("{} takes effect after a restart; until then it stays as it was", key);
+  }
+  // First, since it alone may fail.
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogLevel(configuration_->log.level);
   pictures_.setOptions(configuration_->pictures);
+  OperationLog::instance().keep(configuration_->storage.operationLogRows);
   applyExtraPorts();
-  http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
 }
 

@@ -32,8 +32,8 @@ class Gateway {
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
 
-  // Takes over what can change while running; sections that cannot keep their values, which is
-  // logged.
+  // Takes over everything but the keys that need a restart, which is logged. Throws, and changes
+  // nothing, when it cannot listen where the configuration says.
   void reload(Configuration next);
   const Configuration& inForce() const { return *configuration_; }
   // What it serves, for the operator.
