@@ -32,7 +32,6 @@ ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, st
       core_(std::move(core)),
       reactor_(reactor),
       arrival_(std::move(arrival)),
-      trusted_(core_->trusted.contains(arrival_.peer)),
       requests_(*this, *core_, *this),
       answers_(*this, *core_, [this] { onSent(); }),
       parts_(*this, *core_) {}
@@ -98,8 +97,10 @@ void ClientConnection<Stream>::onDeadline() {
 
 template <class Stream>
 ExchangePtr ClientConnection<Stream>::onHead(const RequestHead& head) {
-  const std::string address =
-      trusted_ ? core_->trusted.client(arrival_.peer, head.fields).to_string() : this->peer();
+  const TrustedProxies& trusted = core_->trusted();
+  const std::string address = trusted.contains(arrival_.peer)
+                                  ? trusted.client(arrival_.peer, head.fields).to_string()
+                                  : this->peer();
   return ExchangeState::create(head, {address, arrival_.port, self()});
 }
 

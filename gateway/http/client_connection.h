@@ -67,7 +67,6 @@ class ClientConnection final : public ClientStream<Stream>,
   const std::shared_ptr<ServiceCore> core_;
   const std::size_t reactor_;
   Arrival arrival_;
-  const bool trusted_;
 
   RequestReceiver<Stream> requests_;
   AnswerSender<Stream> answers_;
