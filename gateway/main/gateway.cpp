@@ -88,6 +88,7 @@ void Gateway::start() {
 void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
+  reloads_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
