@@ -119,6 +119,7 @@ std::chrono::milliseconds Gateway::silence() const {
 void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
+  reloads_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
