@@ -273,8 +273,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   std::optional<FaceBody> face;
   const bool takesPicture = slowPartOf(*exchange) == SlowPart::TakesPicture;
   const std::string contentType = takesPicture ? exchange->header("Content-Type") : std::string();
-  const bool dropped = body.empty() && isAnonymous(*exchange);
-  if (isMultipart(contentType) && !dropped) {
+  const auto wasDropped = [&] { return body.empty() && isAnonymous(*exchange); };
+  if (isMultipart(contentType) && !wasDropped()) {
     face = readFaceBody(contentType, body);
     if (!face) {
       exchange->finish(OwnAnswer::Malformed);
