@@ -1,6 +1,8 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <map>
@@ -143,6 +145,9 @@ void Gateway::reload(Configuration next) {
   const std::string& logFile = next.log.file;
   if (logFile != configuration_->log.file) LogOutput::instance().open(logFile);
   listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  const std::vector<std::string> changed = changedKeys(*configuration_, next);
+  logInfo("a reload changes {}",
+          changed.empty() ? "nothing" : fmt::to_string(fmt::join(changed, ", ")));
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogOptions(configuration_->log);
