@@ -229,9 +229,9 @@ inline constexpr Key<LogOptions> kLogKeys[] = {
      "requests that get a line: none, those answered with an error, all"},
     {"file",
      &LogOptions::file,
-     {},
+     {, {.otherwise = "standard error", .example = "\"/var/log/qn-gateway/gateway.log\""}},
      &kPathRule,
-     "where lines go instead of standard error; SIGUSR1 opens it anew"},
+     "where lines go; SIGUSR1 opens it anew"},
 };
 
 // With the keys that are not kept as they stand.
