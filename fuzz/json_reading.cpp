@@ -11,8 +11,9 @@
 namespace {
 
 bool sameScalar(const qn::json::Value& value, const Json::Value& expected) {
-  return value.type() == expected.type() && value.isInt() == expected.isInt() &&
-         value.isNumeric() == expected.isNumeric() && value.asString() == expected.asString() &&
+  return value.type() == expected.type() && value.size() == expected.size() &&
+         value.isInt() == expected.isInt() && value.isNumeric() == expected.isNumeric() &&
+         value.asString() == expected.asString() &&
          (!expected.isInt() || value.asInt() == expected.asInt()) &&
          (!expected.isNumeric() || value.asDouble() == expected.asDouble()) &&
          (!expected.isBool() || value.asBool() == expected.asBool());

@@ -16,9 +16,10 @@ bool hasTooManyValues(std::string_view text) {
 // Each value but the first of a list or an object stands behind a comma. The library takes up to
 // 190 bytes for one.
 bool hasTooManyToJudge(std::string_view text) {
-  constexpr std::size_t kMost = 300'000;
+  constexpr std::size_t kMostJudged = 300'000;
   const auto begins = [](char c) { return c == ',' || c == '{' || c == '['; };
-  return text.size() > kMost && std::ranges::count_if(text, begins) > std::ptrdiff_t{kMost};
+  return text.size() > kMostJudged &&
+         std::ranges::count_if(text, begins) > std::ptrdiff_t{kMostJudged};
 }
 
 bool needsEscape(char c) {

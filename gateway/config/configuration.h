@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "gateway/auth/digest.h"
+#include "gateway/log/log.h"
 
 namespace qn {
 
@@ -83,10 +84,6 @@ struct BusOptions {
   std::size_t deviceBytes = 32 * 1024 * 1024;
   std::size_t bytes = 256 * 1024 * 1024;        // of all devices
   std::size_t replyMemory = 256 * 1024 * 1024;  // what all long replies may hold at once
-};
-
-struct LogOptions {
-  std::string level = "info";  // debug, info, warn, error
 };
 
 // The user whose presence activates the gateway.

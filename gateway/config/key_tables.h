@@ -216,6 +216,18 @@ inline constexpr Key<BusOptions> kBusKeys[] = {
 
 inline constexpr Key<LogOptions> kLogKeys[] = {
     {"level", &LogOptions::level, {}, &kLevelRule, "the least important lines that are written"},
+    {"format", &LogOptions::format, {}, &kLogFormatRule, "of a line; json: one object a line"},
+    {"access",
+     &LogOptions::access,
+     {},
+     &kAccessRule,
+     "requests that get a line: none, those answered with an error, all"},
+    {"file",
+     &LogOptions::file,
+     {},
+     &kPathRule,
+     "where lines go; SIGUSR1 opens it anew",
+     {.otherwise = "standard error", .example = "\"/var/log/qn-gateway/gateway.log\""}},
 };
 
 // With the keys that are not kept as they stand.

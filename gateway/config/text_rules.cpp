@@ -52,6 +52,8 @@ bool isNetwork(std::string_view text) {
 }
 
 constexpr std::string_view kLevels[] = {"debug", "info", "warn", "error"};
+constexpr std::string_view kLogFormats[] = {"text", "json"};
+constexpr std::string_view kAccesses[] = {"none", "errors", "all"};
 constexpr std::string_view kAlgorithms[] = {"MD5", "SHA-256"};
 constexpr std::string_view kDeviceAuths[] = {"digest", "basic", "any"};
 constexpr std::string_view kWhenFulls[] = {"refuse", "drop_oldest"};
@@ -120,6 +122,8 @@ bool readPort(std::string_view text, uint16_t& port) {
 const TextRule kAddressRule{isAddress, "an IP address"};
 const TextRule kNetworkRule{isNetwork, "an IP address or a network ADDRESS/BITS"};
 const TextRule kLevelRule{isOneOf<kLevels>, "\"debug\", \"info\", \"warn\" or \"error\"", kLevels};
+const TextRule kLogFormatRule{isOneOf<kLogFormats>, "\"text\" or \"json\"", kLogFormats};
+const TextRule kAccessRule{isOneOf<kAccesses>, "\"none\", \"errors\" or \"all\"", kAccesses};
 const TextRule kAlgorithmRule{isOneOf<kAlgorithms>, "\"MD5\" or \"SHA-256\"", kAlgorithms};
 const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};

@@ -17,6 +17,8 @@ struct TextRule {
 extern const TextRule kAddressRule;
 extern const TextRule kNetworkRule;
 extern const TextRule kLevelRule;
+extern const TextRule kLogFormatRule;
+extern const TextRule kAccessRule;
 extern const TextRule kAlgorithmRule;
 extern const TextRule kRealmRule;
 extern const TextRule kUserNameRule;

@@ -1,8 +1,6 @@
 // See log.h and platform/wlog.h.
 #include "gateway/log/log.h"
 
-#include <spdlog/sinks/stdout_sinks.h>
-
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -11,41 +9,42 @@
 #include <string>
 #include <utility>
 
+#include "gateway/log/access_log.h"
 #include "gateway/log/line.h"
+#include "gateway/log/record.h"
+#include "gateway/log/request_id.h"
 #include "gateway/log/secrets.h"
 #include "platform/wlog.h"
 
 namespace qn {
 namespace {
 
-constexpr std::array<std::pair<std::string_view, LogLevel>, 4> kLevelNames{{
-    {"debug", LogLevel::Debug},
-    {"info", LogLevel::Info},
-    {"warn", LogLevel::Warn},
-    {"error", LogLevel::Error},
-}};
+template <class Value, std::size_t N>
+using Names = std::array<std::pair<std::string_view, Value>, N>;
 
-// Never destroyed: threads and destructors may log while the process ends.
-spdlog::sinks::sink& standardError() {
-  static auto* const sink = [] {
-    auto* made = new spdlog::sinks::stderr_sink_mt;
-    made->set_pattern("%Y-%m-%dT%H:%M:%S.%e%z %l [%n] %v");
-    return made;
-  }();
-  return *sink;
-}
+constexpr Names<LogLevel, 4> kLevelNames{{{"debug", LogLevel::Debug},
+                                          {"info", LogLevel::Info},
+                                          {"warn", LogLevel::Warn},
+                                          {"error", LogLevel::Error}}};
+constexpr Names<bool, 2> kFormatNames{{{"text", false}, {"json", true}}};
+constexpr Names<AccessLog, 3> kAccessNames{
+    {{"none", AccessLog::None}, {"errors", AccessLog::Errors}, {"all", AccessLog::All}}};
 
-spdlog::level::level_enum spdlogLevel(LogLevel level) {
-  constexpr spdlog::level::level_enum kLevels[] = {spdlog::level::debug, spdlog::level::info,
-                                                   spdlog::level::warn, spdlog::level::err};
-  return kLevels[static_cast<std::size_t>(level)];
+template <class Value, std::size_t N>
+Value valueOf(const Names<Value, N>& names, std::string_view name, const char* what) {
+  for (const auto& [known, value] : names) {
+    if (name == known) return value;
+  }
+  throw std::invalid_argument(fmt::format("unknown {} \"{}\"", what, name));
 }
 
 void writeLine(LogLevel level, std::string_view tag, std::string_view text) {
   std::string safe = withoutSecrets(text);
   if (level > LogLevel::Debug) safe = withShortDocument(std::move(safe));
-  const std::string line = logLine(safe);
-  standardError().log({tag, spdlogLevel(level), line});
+  LogRecord record(tag, logLine(safe));
+  const std::string_view request = RequestIdScope::current();
+  if (!request.empty()) record.add("request", request);
+  record.write(level);
 }
 
 // Callers log between a failure and reading its errno.
@@ -66,12 +65,15 @@ LogLevel levelOfModule(int wlogLevel) {
 }  // namespace
 
 void setLogLevel(std::string_view name) {
-  for (const auto& [known, level] : kLevelNames) {
-    if (name != known) continue;
-    log_detail::threshold.store(level, std::memory_order_relaxed);
-    return;
-  }
-  throw std::invalid_argument("unknown log level \"" + std::string(name) + "\"");
+  log_detail::threshold.store(valueOf(kLevelNames, name, "log level"), std::memory_order_relaxed);
+}
+
+void setLogOptions(const LogOptions& options) {
+  const LogLevel level = valueOf(kLevelNames, options.level, "log level");
+  const bool json = valueOf(kFormatNames, options.format, "log format");
+  setAccessLog(valueOf(kAccessNames, options.access, "access log"));
+  LogRecord::useJson(json);
+  log_detail::threshold.store(level, std::memory_order_relaxed);
 }
 
 void log_detail::write(LogLevel level, fmt::string_view format, fmt::format_args args) noexcept {

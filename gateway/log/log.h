@@ -1,10 +1,12 @@
-// The gateway's log on standard error: the host's side of platform/wlog.h and the gateway's own
-// lines. A line is: local time with milliseconds and offset, level, [tag], text.
+// The gateway's log: the host's side of platform/wlog.h and the gateway's own lines. A line is:
+// local time with milliseconds and offset, level, [tag], text, and the id of the request that it is
+// about; or the same as a JSON object. Where lines go, output.h decides.
 #pragma once
 
 #include <fmt/core.h>
 
 #include <atomic>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -12,8 +14,18 @@ namespace qn {
 
 enum class LogLevel : int { Debug, Info, Warn, Error };
 
-// "debug", "info" (in force at the start), "warn", "error"; throws std::invalid_argument for any
-// other. Any thread, at any time.
+struct LogOptions {
+  std::string level = "info";   // debug, info, warn, error
+  std::string format = "text";  // text, json
+  std::string access = "none";  // none, errors, all
+  std::string file;             // none: standard error
+
+  bool operator==(const LogOptions&) const = default;
+};
+
+// Level, format and access; the defaults are in force at the start. Throws std::invalid_argument
+// for any other value. Any thread, at any time.
+void setLogOptions(const LogOptions& options);
 void setLogLevel(std::string_view name);
 
 namespace log_detail {

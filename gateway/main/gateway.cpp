@@ -12,6 +12,7 @@
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
+#include "gateway/log/output.h"
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
@@ -131,15 +132,26 @@ void Gateway::reload(Configuration next) {
   for (const std::string& key : keepUntilRestart(*configuration_, next)) {
     logWarn("{} takes effect after a restart; until then it stays as it was", key);
   }
-  // First, since it alone may fail.
-  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  takeWhatMayFail(next);
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
-  setLogLevel(configuration_->log.level);
+  setLogOptions(configuration_->log);
   pictures_.setOptions(configuration_->pictures);
   OperationLog::instance().keep(configuration_->storage.operationLogRows);
   applyExtraPorts();
   http_.closeForbiddenStreams();
+}
+
+// All of it or nothing.
+void Gateway::takeWhatMayFail(const Configuration& next) {
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  try {
+    if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
+  } catch (...) {
+    http_.setOptions(withinDescriptors(*configuration_));
+    applyExtraPorts();
+    throw;
+  }
 }
 
 void Gateway::applyExtraPorts() {

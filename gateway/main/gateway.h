@@ -45,6 +45,7 @@ class Gateway {
  private:
   void start();
   void stop();
+  void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
 
   std::shared_ptr<const Configuration> configuration_;

@@ -1,5 +1,5 @@
 // qn-gateway: reads the configuration, starts the platform, loads the module and serves until
-// SIGTERM or SIGINT. SIGHUP reads the configuration again.
+// SIGTERM or SIGINT. SIGHUP reads the configuration again, SIGUSR1 opens the log file anew.
 #include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -11,11 +11,13 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
+#include "gateway/log/output.h"
 #include "gateway/main/command_line.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/main/gateway.h"
@@ -27,7 +29,7 @@ namespace {
 sigset_t blockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, number);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&signals, number);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
   return signals;
@@ -57,6 +59,28 @@ std::string reload(qn::Gateway& gateway, const std::filesystem::path& file) {
     return refused(error.what());
   }
 }
+
+// Somebody has moved the log's file away.
+void reopenLog() {
+  try {
+    qn::LogOutput::instance().reopen();
+  } catch (const std::system_error& error) {
+    qn::logError("the log goes on in the old file: {}", error.what());
+  }
+}
+
+// While it lives, a thread writes the log.
+class LogThread {
+ public:
+  explicit LogThread(const qn::LogOptions& options) {
+    qn::setLogOptions(options);
+    qn::LogOutput::instance().open(options.file);
+    qn::LogOutput::instance().start();
+  }
+  ~LogThread() { qn::LogOutput::instance().stop(); }
+  LogThread(const LogThread&) = delete;
+  LogThread& operator=(const LogThread&) = delete;
+};
 
 // Operators are promised 10 s. Everything has a bound of its own; this is for what should not be.
 constexpr itimerval kStopTime{{}, {9, 500'000}};
@@ -101,7 +125,7 @@ void serve(const qn::Arguments& arguments) {
   const auto signals = blockSignals();
   qn::raiseDescriptorLimit();
   auto configuration = qn::readConfiguration(arguments.config);
-  qn::setLogLevel(configuration.log.level);
+  const LogThread logThread(configuration.log);
   qn::ServiceManager manager;
   qn::Gateway gateway(std::move(configuration), arguments.module);
   manager.ready(gateway.description());
@@ -109,15 +133,17 @@ void serve(const qn::Arguments& arguments) {
   for (;;) {
     const int number = sigtimedwait(&signals, nullptr, &wait);
     tick(gateway, manager);
-    if (number < 0) continue;
-    if (number != SIGHUP) {
+    if (number == SIGHUP) {
+      manager.reloading();
+      manager.ready(reload(gateway, arguments.config));
+    } else if (number == SIGUSR1) {
+      reopenLog();
+    } else if (number > 0) {
       qn::logInfo("stopping on signal {}", number);
       manager.stopping(fmt::format("stopping on signal {}", number));
       endInTime();
       return;
     }
-    manager.reloading();
-    manager.ready(reload(gateway, arguments.config));
   }
 }
 

@@ -21,10 +21,20 @@ namespace fs = std::filesystem;
 // A picture's file is called "OWNER-NAME", or as the picture where nobody owns it.
 constexpr std::size_t kOwnerDigits = 16;
 
+// Of what the others leave, a user leaves one part in so many.
+constexpr std::size_t kPartForOthers = 4;
+
 std::string ownerTag(std::string_view owner) {
   if (owner.empty()) return {};
   const HexDigest digest = hexDigest(DigestAlgorithm::SHA256, {owner});
   return std::string(digest.text().substr(0, kOwnerDigits));
+}
+
+// Of those whom the configuration has.
+std::unordered_set<std::string> usersTags() {
+  std::unordered_set<std::string> tags;
+  for (const UserConfig& user : configuration()->users) tags.insert(ownerTag(user.name));
+  return tags;
 }
 
 std::string ownerOfFile(std::string_view file) {
@@ -101,15 +111,11 @@ PictureStore::Share& PictureStore::shareOf(const std::string& owner) {
 void PictureStore::take(Share& share, std::size_t bytes) {
   share.bytes += bytes;
   ++share.count;
-  bytes_ += bytes;
-  ++count_;
 }
 
 void PictureStore::release(Share& share, std::size_t bytes, std::size_t count) {
   share.bytes -= bytes;
   share.count -= count;
-  bytes_ -= bytes;
-  count_ -= count;
   if (share.count == 0) shares_.erase(shares_.find(share.owner));
 }
 
@@ -120,23 +126,29 @@ void PictureStore::insert(Pictures& one) {
   pictures.splice(pictures.end(), one);
 }
 
-// Whose oldest picture goes next; null: nobody's. Everybody's equal part is for the own pictures.
-PictureStore::Share* PictureStore::nextToGive(Share& own, std::size_t bytes) {
-  const std::size_t fairBytes = options_.maxBytes / shares_.size();
-  const std::size_t fairCount = std::max(options_.maxCount / shares_.size(), std::size_t{1});
-  const auto canGive = [](const Share& share) { return share.kept != share.pictures.end(); };
-  const auto isBeyond = [&](const Share& share) {
-    const std::size_t coming = &share == &own ? bytes : 0;
-    return share.bytes - share.freedBytes + coming > fairBytes ||
-           share.count - share.freedCount + (&share == &own ? 1 : 0) > fairCount;
-  };
-  if (isBeyond(own)) return canGive(own) ? &own : nullptr;
-  Share* most = nullptr;
-  for (auto& [owner, share] : shares_) {
-    if (!canGive(share) || !isBeyond(share)) continue;
-    if (!most || share.bytes - share.freedBytes > most->bytes - most->freedBytes) most = &share;
+// With what is being freed.
+bool PictureStore::hasRoom(const Share& own, std::size_t bytes) {
+  std::size_t restBytes = options_.maxBytes;
+  std::size_t restCount = options_.maxCount;
+  for (const auto& [owner, share] : shares_) {
+    if (&share == &own) continue;
+    restBytes -= std::min(restBytes, share.bytes - share.freedBytes);
+    restCount -= std::min(restCount, share.count - share.freedCount);
   }
-  return most;
+  if (!own.owner.empty()) {
+    restBytes -= restBytes / kPartForOthers;
+    restCount -= restCount / kPartForOthers;
+  }
+  return own.bytes - own.freedBytes + bytes <= restBytes && own.count - own.freedCount < restCount;
+}
+
+// Whose oldest picture goes next; null: nobody's.
+PictureStore::Share* PictureStore::nextToGive(Share& own, const Tags& users) {
+  const auto canGive = [](const Share& share) { return share.kept != share.pictures.end(); };
+  for (auto& [owner, share] : shares_) {
+    if (&share != &own && canGive(share) && !users.contains(owner)) return &share;
+  }
+  return canGive(own) ? &own : nullptr;
 }
 
 // Counts a picture that is going to be written, and takes those that must go for it out of the
@@ -146,14 +158,14 @@ bool PictureStore::makeRoom(Share& own, std::size_t bytes, std::vector<fs::path>
     share.kept = share.pictures.begin();
     share.freedBytes = share.freedCount = 0;
   }
-  const bool mayDrop = options_.full == PictureOptions::WhenFull::DropOldest;
-  std::size_t freed = 0;
-  while (bytes > options_.maxBytes || bytes_ - freed > options_.maxBytes - bytes ||
-         count_ - dropped.size() >= options_.maxCount) {
-    Share* const giver = mayDrop && bytes <= options_.maxBytes ? nextToGive(own, bytes) : nullptr;
+  const bool mayDrop =
+      options_.full == PictureOptions::WhenFull::DropOldest && bytes <= options_.maxBytes;
+  Tags users;
+  if (mayDrop && !hasRoom(own, bytes)) users = usersTags();
+  while (!hasRoom(own, bytes)) {
+    Share* const giver = mayDrop ? nextToGive(own, users) : nullptr;
     if (!giver) return false;
     dropped.push_back(fileOf(*giver->kept));
-    freed += giver->kept->bytes;
     giver->freedBytes += giver->kept->bytes;
     ++giver->freedCount;
     ++giver->kept;

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "gateway/config/configuration.h"
@@ -28,9 +29,10 @@ class PictureStore {
 
   enum class Result { Stored, Full, Failed };
   // Full: the options leave no room, or the disk has none. Stored: for good, under `name`, which is
-  // unspecified otherwise. `owner`: the user, or nobody. In a full store the pictures of each user
-  // are safe from the others up to an equal part for all who have some; a user beyond that pushes
-  // out only the own ones.
+  // unspecified otherwise. `owner`: the user, or nobody. A user has at most three quarters of what
+  // the others leave, and makes room with the own oldest: nobody's pictures go for another's, and
+  // there is room for one who comes late. Those of nobody, or of a user whom the configuration does
+  // not have any more, go before all.
   Result add(std::string_view picture, std::string_view owner, std::string& name);
   // Nothing for a name that is not in the index.
   std::optional<std::string> find(std::string_view name) const;
@@ -39,6 +41,7 @@ class PictureStore {
   void setOptions(const PictureOptions& options);
 
  private:
+  using Tags = std::unordered_set<std::string>;  // of owners
   struct Share;
   struct Picture {
     std::string name;
@@ -64,7 +67,8 @@ class PictureStore {
   void release(Share& share, std::size_t bytes, std::size_t count) QN_REQUIRES(mutex_);
   bool makeRoom(Share& own, std::size_t bytes, std::vector<std::filesystem::path>& dropped)
       QN_REQUIRES(mutex_);
-  Share* nextToGive(Share& own, std::size_t bytes) QN_REQUIRES(mutex_);
+  bool hasRoom(const Share& own, std::size_t bytes) QN_REQUIRES(mutex_);
+  Share* nextToGive(Share& own, const Tags& users) QN_REQUIRES(mutex_);
   void insert(Pictures& one) QN_REQUIRES(mutex_);
   std::filesystem::path fileOf(const Picture& picture) const;
 
@@ -74,9 +78,6 @@ class PictureStore {
   std::map<std::string, Share> shares_ QN_GUARDED_BY(mutex_);  // of those who have pictures
   // Views of the lists' names.
   std::unordered_map<std::string_view, Pictures::iterator> byName_ QN_GUARDED_BY(mutex_);
-  // Of all shares.
-  std::size_t bytes_ QN_GUARDED_BY(mutex_) = 0;
-  std::size_t count_ QN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace qn

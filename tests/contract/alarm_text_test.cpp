@@ -164,6 +164,17 @@ TEST(MultipartReader, EndlessNoiseIsPassedOver) {
   EXPECT_EQ(read(pieces), (std::vector<Part>{{"", "{}"}}));
 }
 
+TEST(ReadBuffer, HoldsAtMostItsLargestSizeAndHasSpaceAgainWhenCleared) {
+  ReadBuffer buffer;
+  EXPECT_EQ(buffer.space(ReadBuffer::kLargest + 1).size(), ReadBuffer::kLargest);
+  buffer.commit(ReadBuffer::kLargest);
+  EXPECT_EQ(buffer.space().size(), 0u);
+  buffer.clear(0);
+  EXPECT_TRUE(buffer.empty());
+  const auto space = buffer.space(1);
+  EXPECT_TRUE(space.data() != nullptr && space.size() >= 1);
+}
+
 TEST(ReplyParser, Boundary) {
   const std::pair<std::string, std::string> cases[] = {
       {"multipart/mixed; boundary=b", "b"},

@@ -3,6 +3,8 @@
 
 #include <json/json.h>
 
+#include <future>
+
 #include "gateway/devicebus/device_bus.h"
 #include "platform/device_cfg_bus.h"
 #include "platform/error_codes.h"
@@ -16,7 +18,6 @@ enum Method : unsigned char { GET, PUT, POST, DELETE, HEAD, OPTIONS, PATCH };
 
 struct Answer {
   std::string text;
-  int calls = 0;     // of the callback, so far
   int reactor = -1;  // that the callback ran on
 };
 
@@ -40,40 +41,30 @@ class Sent {
   int refusal() const { return refusal_; }
   // Fails the test when none comes.
   Answer answer() {
-    std::unique_lock lock(state_->mutex);
-    const bool came = state_->came.wait_for(lock, std::chrono::seconds(30),
-                                            [this] { return state_->answer.calls > 0; });
+    const bool came = answer_.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
     EXPECT_TRUE(came) << "no answer";
-    return state_->answer;
+    return came ? answer_.get() : Answer();
   }
   std::string text() { return answer().text; }
   unsigned int error() { return errorCode(text()); }
-  int calls() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->answer.calls;
-  }
+  int calls() const { return state_->calls; }
 
  private:
   struct State {
-    std::mutex mutex;
-    std::condition_variable came;
-    Answer answer;
+    std::promise<Answer> answer;
+    std::atomic<int> calls{0};
   };
 
   static int take(void* data, int length, void* userData) {
     const std::unique_ptr<std::shared_ptr<State>> own(
         static_cast<std::shared_ptr<State>*>(userData));
-    State& state = **own;
-    std::lock_guard lock(state.mutex);
-    EXPECT_NE(data, nullptr);
-    state.answer.text.assign(static_cast<char*>(data), static_cast<std::size_t>(length));
-    state.answer.reactor = Reactors::current();
-    ++state.answer.calls;
-    state.came.notify_all();
+    const std::string text(static_cast<char*>(data), static_cast<std::size_t>(length));
+    if ((*own)->calls++ == 0) (*own)->answer.set_value({text, Reactors::current()});
     return 0;
   }
 
   const std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::shared_future<Answer> answer_ = state_->answer.get_future();
   int refusal_ = -1;
 };
 

@@ -36,17 +36,9 @@ using std::chrono::seconds;
 
 TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   const Configuration c = readConfiguration(QN_WHOLE_CONFIGURATION);
-  EXPECT_EQ(c.http, (HttpOptions{"::",
-                                 8081,
-                                 {"10.0.0.1", "fe80::1"},
-                                 2048,
-                                 seconds(1),
-                                 4096,
-                                 seconds(2),
-                                 seconds(3),
-                                 4,
-                                 5,
-                                 6}));
+  const std::vector<std::string> proxies = {"10.0.0.1", "fe80::1"};
+  EXPECT_EQ(c.http, (HttpOptions{"::", 8081, proxies, 2048, seconds(1), 4096, seconds(2),
+                                 seconds(3), 4, 5, 6}));
   const NetworkOptions& n = c.network;
   EXPECT_EQ(tuple(n.httpsEnabled, n.httpsPort, n.rtspPort, n.portMapping),
             tuple(true, 8443, 8554, true));
@@ -319,27 +311,22 @@ TEST(ConfigurationFile, AUserMayHaveAnAlgorithmOfTheOwn) {
   const std::string start = "[[users]]\nname = \"a\"\ndevice = \"1\"\n";
   const std::string ha1 = "ha1 = \"" + std::string(32, '0') + "\"\n";
   const std::string strong = "algorithm = \"SHA-256\"\n";
-  struct Case {
-    std::string content;
-    bool md5, sha256;  // the user may log in with
-    bool offersMd5, offersSha256;
-  };
-  const Case cases[] = {
-      {start + "password = \"p\"\n", true, true, true, false},
-      {start + ha1, true, false, true, false},
-      {start + "password = \"p\"\n" + strong, false, true, true, true},
-      {"[kavro]\n" + strong + start + "password = \"p\"\n", false, true, false, true},
-      {"[kavro]\n" + strong + start + ha1 + "algorithm = \"MD5\"\n", true, false, true, true},
+  // The user may log in with MD5, with SHA-256; the gateway offers MD5, SHA-256.
+  const std::pair<std::string, tuple<bool, bool, bool, bool>> cases[] = {
+      {start + "password = \"p\"\n", {true, true, true, false}},
+      {start + ha1, {true, false, true, false}},
+      {start + "password = \"p\"\n" + strong, {false, true, true, true}},
+      {"[kavro]\n" + strong + start + "password = \"p\"\n", {false, true, false, true}},
+      {"[kavro]\n" + strong + start + ha1 + "algorithm = \"MD5\"\n", {true, false, true, true}},
   };
   using enum DigestAlgorithm;
-  for (const Case& c : cases) {
-    const Configuration made = read(c.content);
+  for (const auto& [content, expected] : cases) {
+    const Configuration made = read(content);
     const UserConfig& user = made.users.at(0);
-    EXPECT_EQ(tuple(!user.ha1For(MD5).empty(), !user.ha1For(SHA256).empty()),
-              tuple(c.md5, c.sha256))
-        << c.content;
-    EXPECT_EQ(tuple(made.offers(MD5), made.offers(SHA256)), tuple(c.offersMd5, c.offersSha256))
-        << c.content;
+    EXPECT_EQ(tuple(!user.ha1For(MD5).empty(), !user.ha1For(SHA256).empty(), made.offers(MD5),
+                    made.offers(SHA256)),
+              expected)
+        << content;
   }
   EXPECT_NE(errorOf(start + ha1 + strong).find(":4:7: users.ha1: expected 64 hex"),
             std::string::npos);

@@ -34,31 +34,30 @@ TEST(DeviceLogin, RefusedCredentialsRestTwiceAsLongEachTimeUntilOneIsAccepted) {
     EXPECT_TRUE(authorization.starts_with("Digest "));
     right ? login.accepted(ticket) : static_cast<void>(login.refused(ticket, kDigestChallenge));
   };
-  const struct {
-    std::chrono::milliseconds pause;
-    bool accepted;  // once more before the refusal
-  } steps[] = {{200ms, false}, {400ms, false}, {500ms, false}, {500ms, false}, {200ms, true}};
+  // The pause, and whether the device accepts once more before.
+  const std::pair<std::chrono::milliseconds, bool> steps[] = {
+      {200ms, false}, {400ms, false}, {500ms, false}, {500ms, false}, {200ms, true}};
   for (const auto& [pause, accepted] : steps) {
     while (login.refusedFor()) std::this_thread::sleep_for(10ms);
     if (accepted) logIn(true);
+    const auto before = std::chrono::steady_clock::now();
     logIn(false);
-    const auto left = login.refusedFor();
-    ASSERT_TRUE(left.has_value());
-    EXPECT_LE(*left, pause);
-    EXPECT_GT(*left, pause - 90ms);
     DeviceLogin::Ticket another;
-    EXPECT_EQ(login.prepare(another, "GET", "/", authorization), DeviceLogin::Verdict::Refused);
+    const auto verdict = login.prepare(another, "GET", "/", authorization);
+    const auto left = login.refusedFor().value_or(0ms);
+    EXPECT_LE(left, pause);
+    EXPECT_GE(left + (std::chrono::steady_clock::now() - before), pause);
+    if (left > 0ms) {
+      EXPECT_EQ(verdict, DeviceLogin::Verdict::Refused);
+    }
   }
 }
 
 TEST(DeviceLogin, ShowsThePasswordOnlyWhereItIsWritten) {
   const std::string basic = "Basic realm=\"r\"";
   const std::string both = basic + ", " + kDigestChallenge;
-  const struct {
-    DeviceAuth auth;
-    std::vector<std::string> challenges;  // what the device asks for, one after the other
-    std::string sent;                     // the scheme of the answer to the last one
-  } cases[] = {
+  // What the device asks for, one after the other, and the scheme of the answer to the last one.
+  const std::tuple<DeviceAuth, std::vector<std::string>, std::string> cases[] = {
       {DeviceAuth::Digest, {basic}, ""},
       {DeviceAuth::Digest, {both}, "Digest"},
       {DeviceAuth::Basic, {kDigestChallenge}, ""},
@@ -82,17 +81,21 @@ class Names {
  public:
   NameResolver::Addresses lookUp(const std::string& name) {
     ++asked_;
-    if (name.starts_with("silent")) ended_.wait();
-    if (name.starts_with("silent") || !known) return {};
+    const bool silent = name.starts_with("silent");
+    if (silent) ended_.wait();
+    if (silent) ++givenUp_;
+    if (silent || !known) return {};
     return {boost::asio::ip::make_address("127.0.0.1")};
   }
   int asked() const { return asked_; }
+  int givenUp() const { return givenUp_; }
   void end() { ended_.signal(); }
 
   std::atomic<bool> known{true};
 
  private:
   std::atomic<int> asked_{0};
+  std::atomic<int> givenUp_{0};  // silent ones
   Events ended_;
 };
 
@@ -119,7 +122,6 @@ std::string hello(const DeviceRequest&) { return jsonReply("{}"); }
 
 TEST_F(NamesTest, NameServersThatAreSilentDelayNoOtherDeviceAndNoStop) {
   ScriptedDevice device(ScriptedDevice::answering(hello));
-  const auto start = std::chrono::steady_clock::now();
   std::vector<SentPtr> lost;
   for (int i = 0; i < 8; ++i) {
     const std::string index = "silent" + std::to_string(i);
@@ -130,7 +132,7 @@ TEST_F(NamesTest, NameServersThatAreSilentDelayNoOtherDeviceAndNoStop) {
   EXPECT_EQ(send("1")->text(), "{}");
   for (const auto& sent : lost) EXPECT_EQ(sent->error(), ERROR_DEVICE_TIMEOUT);
   bus_.stop();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  EXPECT_EQ(names_->givenUp(), 0) << "nobody waited for them";
 }
 
 TEST_F(NamesTest, LastGoodAddressServesWhileTheNameCannotBeFound) {
@@ -152,20 +154,23 @@ TEST(NameResolver, AsksOnceHoweverManyWantToKnowAndBacksOff) {
   boost::asio::io_context context;
   int told = 0;
   int asking = 0;
-  const auto end = std::chrono::steady_clock::now() + 1500ms;
-  while (std::chrono::steady_clock::now() < end || told < asking) {
-    if (std::chrono::steady_clock::now() < end) {
-      ++asking;
-      resolver.find("gone", context.get_executor(), [&](const auto& addresses) {
-        ++told;
-        EXPECT_TRUE(addresses.empty());
-      });
-    }
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(eventually([&] {
+    ++asking;
+    resolver.find("gone", context.get_executor(), [&](const auto& addresses) {
+      ++told;
+      EXPECT_TRUE(addresses.empty());
+    });
     context.restart();
     context.run_for(5ms);
-  }
-  EXPECT_GT(told, 10);
-  EXPECT_EQ(names->asked(), 2) << "at once, and a second later";
+    return names->asked() == 2;
+  }));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 1s) << "asked again after a second";
+  EXPECT_TRUE(eventually([&] {
+    context.restart();
+    context.run_for(5ms);
+    return told == asking;
+  }));
 }
 
 // Both buses on one device.

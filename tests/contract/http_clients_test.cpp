@@ -110,8 +110,10 @@ TEST_F(HttpFixture, LimitsMayChangeUnderOpenConnections) {
 }
 
 TEST_F(HttpFixture, ListenersMoveAndConnectionsStay) {
-  start();
-  const uint16_t old = port();
+  reactors_.start();
+  const uint16_t old = otherPort();
+  options_.port = old;
+  listen();
   const uint16_t extra = otherPort();
   const uint16_t next = otherPort();
   service_->setExtraPorts({{extra, Access::OwnResources}});
@@ -197,7 +199,11 @@ TEST_F(StrangersTest, UnfinishedBodiesTakeNothingFromUsers) {
   EXPECT_EQ(unfinished(from("192.0.2.2") + wrong)->answer().status, 503) << "and so many in all";
   const auto asking = unfinished(from("192.0.2.2"));
   EXPECT_EQ(asking->ask("x").body, "/b|") << "for the challenge no body is needed";
-  EXPECT_EQ(asking->ask(put(3, credentials("right")) + "abc").body, "/b|abc");
+  EXPECT_EQ(asking
+                ->ask("PUT /b HTTP/1.1\r\nHost: h\r\n" + credentials("right") +
+                      "Content-Length: 3\r\n\r\nabc")
+                .body,
+            "/b|abc");
   const auto user = unfinished(credentials("right"));
   const auto other = unfinished(from("2001:db8::1") + credentials("right"));
   for (const auto* client : {&user, &other, &first, &second}) {

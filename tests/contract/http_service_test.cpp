@@ -19,11 +19,8 @@ TEST_F(HttpFixture, AnswersOnOneConnectionAndDoesNotNameItself) {
 }
 
 TEST_F(HttpFixture, RequestsThatAreServed) {
-  const struct {
-    const char* request;
-    const char* body;
-    bool keepsConnection;
-  } cases[] = {
+  // The request, the body of its answer, and whether the connection stays.
+  const std::tuple<std::string, const char*, bool> cases[] = {
       {"\r\n\r\nGET / HTTP/1.1\r\nhOsT: h\r\n\r\n", "/|", true},
       {"GET http://h:80/x/y?z HTTP/1.1\r\nHost: h\r\n\r\n", "/x/y?z|", true},
       {"GET HTTP://h HTTP/1.1\r\nHost: h\r\n\r\n", "/|", true},
@@ -41,21 +38,21 @@ TEST_F(HttpFixture, RequestsThatAreServed) {
        "/p|abcde", true},
   };
   start();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.request);
+  for (const auto& [request, body, stays] : cases) {
+    SCOPED_TRACE(request);
     RawClient whole(port());
-    const HttpAnswer answer = whole.ask(c.request);
+    const HttpAnswer answer = whole.ask(request);
     EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body, c.body);
-    if (c.keepsConnection) {
+    EXPECT_EQ(answer.body, body);
+    if (stays) {
       EXPECT_EQ(whole.ask(kGet).body, "/a?b=1|");
     } else {
       EXPECT_TRUE(answer.has("connection: close\r\n"));
       EXPECT_TRUE(whole.closedByServer());
     }
     RawClient slow(port());
-    for (const char* byte = c.request; *byte != 0; ++byte) slow.send({byte, 1});
-    EXPECT_EQ(slow.answer().body, c.body);
+    for (const char& byte : request) slow.send({&byte, 1});
+    EXPECT_EQ(slow.answer().body, body);
   }
 }
 

@@ -2,6 +2,7 @@
 #include "gateway/log/log.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,9 +10,13 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
+#include "gateway/log/access_log.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/line.h"
+#include "gateway/log/output.h"
+#include "gateway/log/request_id.h"
 #include "gateway/log/secrets.h"
 #include "platform/wlog.h"
 
@@ -28,7 +33,7 @@ std::string standardErrorOf(const std::function<void()>& action) {
 
 class Log : public testing::Test {
  protected:
-  void TearDown() override { setLogLevel("info"); }
+  void TearDown() override { setLogOptions({}); }
 };
 
 TEST_F(Log, ALineHasTimeLevelTagAndText) {
@@ -70,6 +75,72 @@ TEST_F(Log, OneCallIsOneLineWhateverTheText) {
       [] { wlog_format(WLOG_ERROR, "QNW", "%s", std::string(1'000'000, 'x').c_str()); });
   EXPECT_LT(cut.size(), kLogLineBytes + 100);
   EXPECT_TRUE(cut.ends_with("xxx...[cut]\n"));
+}
+
+TEST_F(Log, AnObjectForEachLineWhereThatIsWanted) {
+  setLogOptions({"info", "json", "none", ""});
+  const std::string line = standardErrorOf([] {
+    const RequestIdScope request("r-1");
+    logWarn("say \"{}\"", "a\\b\n");
+  });
+  EXPECT_TRUE(std::regex_match(
+      line, std::regex(R"(\{"time":"[^"]{28,29}","level":"warning","tag":"gateway",)"
+                       R"("message":"say \\"a\\\\b\\\\n\\"","request":"r-1"\}\n)")))
+      << line;
+  EXPECT_THROW(setLogOptions({"info", "xml", "none", ""}), std::invalid_argument);
+}
+
+TEST_F(Log, AccessLinesSayWhatWasAskedWithoutTheValuesOfItsQuery) {
+  const struct {
+    const char* access;
+    int status;
+    bool credentials, logged;
+  } rows[] = {{"none", 500, true, false},    {"errors", 399, true, false},
+              {"errors", 400, true, true},   {"errors", 401, true, true},
+              {"errors", 401, false, false}, {"all", 401, false, true}};
+  for (const auto& row : rows) {
+    setLogOptions({"info", "text", row.access, ""});
+    EXPECT_EQ(isAccessLogged(row.status, row.credentials), row.logged) << row.access << row.status;
+  }
+  const std::pair<const char*, const char*> urls[] = {
+      {"/a", "/a"}, {"/a?b=1&c&d=x=y", "\"/a?b=&c&d=\""}, {"/a?", "/a?"}, {"/\"", "\"/\\\"\""}};
+  for (const auto& [url, shown] : urls) {
+    const std::string line = standardErrorOf([url = url] {
+      logAccess({"id", "10.0.0.1", "a b", "", "GET", url, 200, 5, std::chrono::microseconds(7),
+                 std::chrono::microseconds(6)});
+    });
+    EXPECT_TRUE(
+        line.ends_with("info [access] request=id client=10.0.0.1 user=\"a b\" device=\"\" "
+                       "method=GET url="s +
+                       shown + " status=200 bytes=5 us=7 device_us=6\n"))
+        << line;
+  }
+}
+
+TEST_F(Log, NobodyWaitsForAReaderThatHasStalled) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  LogOutput& output = LogOutput::instance();
+  output.open("/proc/self/fd/" + std::to_string(ends[1]));
+  close(ends[1]);
+  output.start();
+  constexpr std::size_t kLines = 12000;
+  const std::string line = std::string(999, 'x') + '\n';
+  for (std::size_t i = 0; i < kLines; ++i) output.write(line);  // 12 MB
+  EXPECT_GE(output.dropped(), kLines - 2 * LogOutput::kWaitingBytes / line.size() - 200);
+  std::string read;
+  std::thread reader([&] {
+    char bytes[65536];
+    for (ssize_t count; (count = ::read(ends[0], bytes, sizeof bytes)) > 0;)
+      read.append(bytes, static_cast<std::size_t>(count));
+  });
+  output.stop();
+  output.open("");
+  reader.join();
+  close(ends[0]);
+  EXPECT_NE(read.find("lines of the log were dropped"), read.npos);
+  const auto lines = static_cast<std::size_t>(std::count(read.begin(), read.end(), '\n'));
+  EXPECT_EQ(lines + output.dropped(), kLines + 1) << "and the line about those that were dropped";
 }
 
 TEST(LogSecrets, NamesThatHideAValue) {

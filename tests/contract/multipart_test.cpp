@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace qn {
 namespace {
@@ -12,13 +13,8 @@ TEST(Multipart, Table) {
   const std::string json = "Content-Type: application/json\r\n\r\n{\"a\":1}";
   const std::string png = "content-type:image/png; x=y\r\nX: y\r\n\r\nPNG";
   const std::string form = "multipart/form-data; boundary=B";
-  struct Case {
-    const char* what;
-    std::string contentType;
-    std::string body;
-    const char* expected;  // bytes, "/", mime type; null: refused
-  };
-  const Case cases[] = {
+  // What, its content type and body, and its bytes, "/" and mime type (null: it is refused).
+  const std::tuple<const char*, std::string, std::string, const char*> cases[] = {
       {"plain", form, "--B\r\n" + json + "\r\n--B\r\n" + png + "\r\n--B--\r\n",
        "{\"a\":1}PNG/image/png"},
       {"picture first, no final CRLF", form, "--B\r\n" + png + "\r\n--B\r\n" + json + "\r\n--B--",
@@ -45,12 +41,12 @@ TEST(Multipart, Table) {
       {"nothing", form, "", nullptr},
       {"closed at once", form, "--B--", nullptr},
   };
-  for (const Case& c : cases) {
-    const auto face = readFaceBody(c.contentType, c.body);
-    ASSERT_EQ(face.has_value(), c.expected != nullptr) << c.what;
+  for (const auto& [what, contentType, body, expected] : cases) {
+    const auto face = readFaceBody(contentType, body);
+    ASSERT_EQ(face.has_value(), expected != nullptr) << what;
     if (!face) continue;
-    EXPECT_EQ(face->bytes + "/" + face->mimeType, c.expected) << c.what;
-    EXPECT_EQ(face->hasMimeType, !face->mimeType.empty()) << c.what;
+    EXPECT_EQ(face->bytes + "/" + face->mimeType, expected) << what;
+    EXPECT_EQ(face->hasMimeType, !face->mimeType.empty()) << what;
   }
 }
 

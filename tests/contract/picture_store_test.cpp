@@ -2,6 +2,7 @@
 // its resource in the HTTP service.
 #include "gateway/pictures/picture_store.h"
 
+#include <algorithm>
 #include <set>
 
 #include "gateway/config/picture_uploader.h"
@@ -148,27 +149,48 @@ TEST_F(PictureStoreTest, DropsTheOldestWhenFull) {
   EXPECT_EQ(names(), (std::set<std::string>{fourth, fifth, large}));
 }
 
+void publishUsers(std::initializer_list<const char*> names) {
+  auto configuration = std::make_shared<Configuration>();
+  for (const char* name : names) configuration->users.push_back({name, "", "1", {}});
+  publishConfiguration(configuration);
+}
+
 // Also after a restart, which must know whose pictures they are.
-TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesBeyondAnEqualPart) {
-  options_ = {.maxBytes = 100, .maxCount = 20, .full = WhenFull::DropOldest};
-  std::vector<std::string> modest;
-  std::string first;
+TEST_F(PictureStoreTest, AUserPushesOutOnlyTheOwnPicturesAndLeavesRoom) {
+  publishUsers({"modest", "greedy", "late"});
+  options_ = {.maxBytes = 160, .maxCount = 40, .full = WhenFull::DropOldest};
+  const std::string ten = "1234567890";
+  std::vector<std::string> modest, greedy;
   {
     PictureStore store(folder(), options_);
-    for (int i = 0; i < 5; ++i) modest.push_back(add(store, "1234567890", "modest"));
-    first = add(store, "1234567890", "greedy");
+    for (int i = 0; i < 5; ++i) modest.push_back(add(store, ten, "modest"));
+    greedy.push_back(add(store, ten, "greedy"));
   }
   PictureStore store(folder(), options_);
-  for (int i = 0; i < 50; ++i) add(store, "1234567890", "greedy");
   for (int i = 0; i < 50; ++i) add(store, "", "greedy");
-  for (const std::string& name : modest) EXPECT_TRUE(store.find(name)) << "pushed out";
-  EXPECT_EQ(store.find(first), std::nullopt);
+  for (int i = 0; i < 50; ++i) greedy.push_back(add(store, ten, "greedy"));
+  const auto kept = [&](const std::vector<std::string>& all) {
+    return std::ranges::count_if(all,
+                                 [&](const auto& name) { return store.find(name).has_value(); });
+  };
+  EXPECT_EQ(kept(modest), 5);
+  EXPECT_EQ(kept(greedy), 8) << "three quarters of what is left";
+  EXPECT_TRUE(store.find(greedy.back()));
   std::string name;
-  EXPECT_EQ(store.add(std::string(51, 'x'), "greedy", name), Result::Full) << "beyond the part";
+  EXPECT_EQ(store.add(std::string(84, 'x'), "greedy", name), Result::Full);
+  EXPECT_EQ(kept(greedy), 8);
 
-  const std::string third = add(store, std::string(20, 'x'), "third");
-  EXPECT_TRUE(store.find(third)) << "who comes late gets a part";
-  EXPECT_LE(names().size(), 20u);
+  const std::vector<std::string> late = {add(store, ten, "late"), add(store, ten, "late")};
+  EXPECT_EQ(kept(modest) + kept(greedy) + kept(late), 15) << "there is room for who comes late";
+  greedy.push_back(add(store, ten, "greedy"));
+  EXPECT_EQ(kept(greedy), 6) << "who has most makes way with the next picture";
+  EXPECT_EQ(kept(modest) + kept(late), 7);
+
+  publishUsers({"greedy", "late"});
+  for (int i = 0; i < 50; ++i) greedy.push_back(add(store, ten, "greedy"));
+  EXPECT_EQ(kept(modest), 0) << "nobody's go first";
+  EXPECT_EQ(kept(late), 2);
+  EXPECT_EQ(kept(greedy), 10);
 }
 
 TEST_F(PictureStoreTest, FailuresLeaveNothingAndTakeNoRoom) {

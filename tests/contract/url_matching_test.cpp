@@ -1,6 +1,7 @@
 // What handlers find out from a request's URL.
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "platform/http_service.h"
@@ -63,11 +64,7 @@ TEST(UrlMatching, PathWithNumbers) {
 }
 
 TEST(UrlMatching, QueryParameters) {
-  struct Case {
-    const char* url;
-    bool json, chinese, device;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, bool, bool, bool> cases[] = {
       {"/a", false, false, false},
       {"/a?", false, false, false},
       {"/a?format=json", true, false, false},
@@ -83,10 +80,10 @@ TEST(UrlMatching, QueryParameters) {
       {"/a?language=en&devIndexes=1", false, false, false},
   };
   Handler handler;
-  for (const Case& c : cases) {
-    EXPECT_EQ(handler.IsJsonURL(c.url), c.json) << c.url;
-    EXPECT_EQ(handler.isLanguageCNURL(c.url), c.chinese) << c.url;
-    EXPECT_EQ(handler.isDeviceURL(c.url), c.device) << c.url;
+  for (const auto& [url, json, chinese, device] : cases) {
+    EXPECT_EQ(handler.IsJsonURL(url), json) << url;
+    EXPECT_EQ(handler.isLanguageCNURL(url), chinese) << url;
+    EXPECT_EQ(handler.isDeviceURL(url), device) << url;
   }
 }
 

@@ -118,13 +118,9 @@ TEST(Timer, ARoutineThatThrowsRunsAgain) {
   timer.kill();
 }
 
-TEST(Timer, RefusesImpossibleArgumentsAndTooMany) {
+TEST(Timer, RefusesTooMany) {
   Routine routine = [](int) {};
   int id = 7;
-  for (const int period : {0, -1}) EXPECT_EQ(ZRT_SetTimer(runRoutine, nullptr, period, id, 0), -1);
-  EXPECT_EQ(ZRT_SetTimer(nullptr, nullptr, 1, id, 0), -1);
-  EXPECT_EQ(ZRT_KillTimer(-1), -1);
-
   std::vector<int> ids;
   while (ids.size() < 1000 && ZRT_SetTimer(runRoutine, &routine, 3600000, id, 0) == 0)
     ids.push_back(id);

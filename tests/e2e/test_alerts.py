@@ -2,7 +2,6 @@
 import json
 import signal
 import time
-import unittest
 import xml.etree.ElementTree as ElementTree
 
 import client
@@ -120,7 +119,3 @@ class Stopping(harness.StreamTest):
         self.assertIsNotNone(stream.alarm())
         self.gateway.signal(signal.SIGTERM)
         self.assertEqual(self.gateway.wait(), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

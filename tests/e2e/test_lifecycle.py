@@ -111,7 +111,7 @@ class Activation(harness.GatewayTest):
     def test_without_a_user_nothing_is_served(self):
         answer = self.client().get(INFO)
         self.assertEqual((answer.status, answer.xml().tag), (403, "ResponseStatus"), answer)
-        self.assertIn("not activated", self.gateway.log())
+        harness.wait_until(lambda: "not activated" in self.gateway.log())
 
 
 class StoppingUnderLoad(harness.GatewayTest):
@@ -204,7 +204,3 @@ class OperationLog(harness.GatewayTest):
         self.gateway.wait()
         self.assertEqual([row[2] for row in self.rows()],
                          [expected[2][2]] + [f"DELETE /KAVRO/Number/{n}" for n in range(4)])
-
-
-if __name__ == "__main__":
-    unittest.main()

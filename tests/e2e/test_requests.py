@@ -4,7 +4,6 @@ import json
 import re
 import subprocess
 import tempfile
-import unittest
 
 import client
 import harness
@@ -257,7 +256,3 @@ class DeviceLogin(harness.GatewayTest):
             self.assertEqual(self.client("operator").get(INFO).json()["subStatusCode"],
                              "deviceLoginRefused")
         self.assertFalse(self.devices.state(2)["locked"])
-
-
-if __name__ == "__main__":
-    unittest.main()

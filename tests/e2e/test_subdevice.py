@@ -47,7 +47,3 @@ class Device(unittest.TestCase):
         answers = [self.device.get("/KAVRO/System/deviceInfo") for _ in range(3)]
         self.assertEqual([answer.status for answer in answers], [503, 503, 200])
         self.assertEqual((answers[0].body, answers[0].type()), (b"busy", "text/plain"))
-
-
-if __name__ == "__main__":
-    unittest.main()

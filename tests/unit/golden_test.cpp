@@ -55,6 +55,7 @@ TEST_F(Golden, OddReplies) {
 
 TEST_F(Golden, OddRequests) {
   for (const auto& [head, given, expected] : casesOf("requests.txt")) {
+    fake::reset();
     fake::Request request = requestOf(head);
     request.body = given;
     const std::string sent = requestFor(request).value_or(kFails);

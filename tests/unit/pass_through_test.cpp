@@ -47,14 +47,6 @@ TEST_F(PassThrough, TextRepliesAreLoggedAndPicturesAreNot) {
   EXPECT_TRUE(fake::logged(WLOG_INFO, "response data [rsp = ]"));
 }
 
-TEST_F(PassThrough, RefusalOfTheBusIsTheAnswer) {
-  fake::deviceBus().refusal = DEVCFGBUS_UNKNOWN_DEVICE;
-  const Outcome outcome = get(kUrl);
-  EXPECT_EQ(outcome.status, 404);
-  EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(0x40000006, kUrl));
-  EXPECT_EQ(outcome.asyncReply, 0);
-}
-
 TEST_F(PassThrough, NoExchangeAndNoMemoryAreNoResources) {
   CDeviceKAVROPto handler;
   const auto refuse = [&](const stHttpRes& request, const char* url) {

@@ -48,11 +48,13 @@ TEST_F(Pipeline, RefusalOfTheBusIsTheAnswer) {
       {DEVCFGBUS_QUEUE_FULL, 0x6000000B}, {DEVCFGBUS_UNKNOWN_DEVICE, 0x40000006}, {-1, 0x30000014}};
   for (const auto& [refusal, code] : cases) {
     fake::deviceBus().refusal = refusal;
-    const Outcome outcome = get(kUrl);
-    EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code));
-    EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(static_cast<int>(code), kUrl));
-    EXPECT_EQ(outcome.asyncReply, 0);
-    EXPECT_EQ(outcome.answer().count, 0);
+    for (const char* url : {kUrl, "/KAVRO/System/time"}) {
+      const Outcome outcome = get(url);
+      EXPECT_EQ(outcome.status, getHttpStatusCodeByErrorNo(code)) << url;
+      EXPECT_EQ(outcome.body, CProtocolBase::getResponseByError(static_cast<int>(code), url));
+      EXPECT_EQ(outcome.asyncReply, 0) << url;
+      EXPECT_EQ(outcome.answer().count, 0) << url;
+    }
   }
 }
 
