@@ -49,6 +49,7 @@ constexpr Key<KavroOptions> kKavroKeys[] = {
     {"mode", &KavroOptions::mode, {1, 2}},
     {"realm", &KavroOptions::realm, {}, &kRealmRule},
     {"algorithm", &KavroOptions::algorithm, {}, &kAlgorithmRule},
+    {"mime_parts", &KavroOptions::mimeParts},
     {"nonce_key_file", &KavroOptions::nonceKeyFile, {}, &kPathRule},
 };
 
