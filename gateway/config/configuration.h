@@ -49,6 +49,7 @@ struct KavroOptions {
   int mode = 1;  // a KAVROMode
   std::string realm = "KAVRO";
   DigestAlgorithm algorithm = DigestAlgorithm::MD5;  // offered first
+  bool mimeParts = false;                            // a line break before each further boundary
   std::string nonceKeyFile;
   // From that file: of all gateways that know each other's nonces. Empty: the process's own.
   std::string nonceKey;

@@ -136,6 +136,11 @@ inline constexpr Key<KavroOptions> kKavroKeys[] = {
      &kSecretFileRule,
      "32 to 4096 random bytes for the owner alone: tells nonces of a former start from forged ones",
      {.otherwise = "a key of each start", .example = "\"/etc/qn-gateway/nonce.key\""}},
+    {"mime_parts",
+     &KavroOptions::mimeParts,
+     {},
+     nullptr,
+     "CRLF before each further boundary of an alert stream, for standard MIME readers"},
 };
 
 inline constexpr Key<LockOptions> kLockKeys[] = {

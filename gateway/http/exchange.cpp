@@ -181,6 +181,7 @@ void ExchangeState::markStream() {
   const qn::MutexLock lock(mutex_);
   if (streamOpen_) return;
   stream_ = true;
+  mimeParts_ = qn::configuration()->kavro.mimeParts;
   setHeaderLocked("Content-Type", "multipart/mixed; boundary=boundary");
 }
 
@@ -215,11 +216,14 @@ int ExchangeState::respondOnStream(const void* data, int length) {
       opens = streamOpen_ = true;
       std::string().swap(fields_);  // an idle stream keeps little memory
     }
-    if (parts_.size() + inWriting_ + static_cast<std::size_t>(length) > kStreamQueue) {
+    const std::string_view before = mimeParts_ && hasParts_ ? "\r\n" : "";
+    const auto size = before.size() + static_cast<std::size_t>(length);
+    if (parts_.size() + inWriting_ + size > kStreamQueue) {
       accepted = 0;
     } else if (length > 0) {
-      parts_.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
       ++partCount_;
+      hasParts_ = true;
+      parts_.append(before).append(static_cast<const char*>(data), size - before.size());
       wakes = !std::exchange(wakePending_, true);
     }
   }
