@@ -86,6 +86,17 @@ struct BusOptions {
   std::size_t replyMemory = 256 * 1024 * 1024;  // what all long replies may hold at once
 };
 
+// Metrics, health and the operator's page, on a port of their own.
+struct AdminOptions {
+  std::string address = "127.0.0.1";
+  uint16_t port = 0;  // 0: off
+  std::string username = "admin";
+  std::string password;      // empty, on loopback only: no login
+  std::string metricsToken;  // also opens the metrics, for those who know no Digest
+
+  bool operator==(const AdminOptions&) const = default;
+};
+
 // The user whose presence activates the gateway.
 inline constexpr std::string_view kAdministrator = "admin";
 
@@ -127,6 +138,7 @@ struct Configuration {
   StorageOptions storage;
   PictureOptions pictures;
   BusOptions bus;
+  AdminOptions admin;
   LogOptions log;
   std::vector<UserConfig> users;
   std::vector<DeviceConfig> devices;

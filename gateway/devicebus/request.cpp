@@ -6,6 +6,25 @@
 #include <utility>
 
 namespace qn::devicebus {
+namespace {
+
+// Nothing when the device has no part in it.
+std::optional<DeviceFailure> failureOf(unsigned int code) {
+  switch (code) {
+    case ERROR_DEVICE_TIMEOUT:
+      return DeviceFailure::TimedOut;
+    case ERROR_DEVICE_UNREACHABLE:
+      return DeviceFailure::Unreachable;
+    case ERROR_DEVICE_REPLY_UNUSABLE:
+      return DeviceFailure::UnusableReply;
+    case ERROR_DEVICE_LOGIN_REFUSED:
+      return DeviceFailure::LoginRefused;
+    default:
+      return std::nullopt;
+  }
+}
+
+}  // namespace
 
 bool Tally::enter() {
   ++count_;
@@ -47,7 +66,19 @@ bool BusRequest::isForgotten() const {
   return !somebody || somebody->isGone();
 }
 
+// What became of a request that was accepted.
+void Answers::count(const BusRequest& request, DeviceFailure failure) const {
+  const auto time = std::chrono::steady_clock::now() - request.accepted;
+  const auto asker = request.asker ? request.asker->lock() : nullptr;
+  if (asker) asker->waited(time);
+  DeviceCounts& device = request.device->counts;
+  if (failure == DeviceFailure::TimedOut && request.isForgotten()) return;  // no fault of its own
+  counts_.here().deviceTime.add(time);
+  device.count(failure, time);
+}
+
 void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
+  count(*request, DeviceFailure::None);
   if (reply.status() >= 400 && !reply.isDocument()) {
     const std::string_view document = documents_.of(errorOfHttpStatus(reply.status()));
     request->recipient->take(document, Origin::Gateway);
@@ -76,6 +107,8 @@ void Answers::giveOnWorker(RequestPtr request, std::string body) const {
 
 void Answers::giveError(boost::asio::io_context& reactor, RequestPtr request,
                         unsigned int code) const {
+  if (const auto failure = failureOf(code)) count(*request, *failure);
+  if (code == ERROR_TOO_MANY_REQUESTS) counts_.here().refusedReplies.add();
   boost::asio::post(reactor, [this, request = std::move(request), code] {
     request->recipient->take(documents_.of(code), Origin::Gateway);
   });

@@ -80,6 +80,7 @@ struct BusRequest {
   std::string url;  // path and query
   std::string body;
   std::unique_ptr<Recipient> recipient;
+  std::chrono::steady_clock::time_point accepted;  // by the bus
   std::chrono::steady_clock::time_point deadline;
   std::shared_ptr<Device> device;
   std::optional<DeviceLogin::Ticket> login{std::in_place};  // at `device`
@@ -97,7 +98,7 @@ using RequestPtr = std::unique_ptr<BusRequest>;
 // Hands answers to those who asked: on the reactor, or on a worker when translating takes long.
 class Answers {
  public:
-  explicit Answers(WorkerPool& workers) : workers_(workers) {}
+  Answers(WorkerPool& workers, Sharded<BusCounts>& counts) : workers_(workers), counts_(counts) {}
 
   // The device's reply, or a document in place of one that clients cannot read.
   void giveReply(RequestPtr request, ReplyParser& reply) const;
@@ -106,9 +107,11 @@ class Answers {
   void giveError(boost::asio::io_context& reactor, RequestPtr request, unsigned int code) const;
 
  private:
+  void count(const BusRequest& request, DeviceFailure failure) const;
   void giveOnWorker(RequestPtr request, std::string body) const;
 
   WorkerPool& workers_;
+  Sharded<BusCounts>& counts_;
   const StatusDocuments documents_;
 };
 

@@ -29,7 +29,7 @@ ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, st
       arrival_(std::move(arrival)),
       trusted_(core_->trusted.contains(arrival_.peer)),
       requests_(*this, *core_, *this),
-      answers_(*this, core_->bounds, [this] { onSent(); }),
+      answers_(*this, *core_, [this] { onSent(); }),
       parts_(*this, *core_) {}
 
 template <class Stream>
@@ -73,7 +73,10 @@ void ClientConnection<Stream>::onEnd() {
   requests_.end();
   answers_.end();
   parts_.end();
-  if (awaited_) std::exchange(awaited_, nullptr)->detach();
+  if (awaited_) {
+    core_->counts.here().abandoned.add();
+    std::exchange(awaited_, nullptr)->detach();
+  }
   core_->open[reactor_].erase(this);
   arrival_.place.giveBack();
 }
@@ -102,8 +105,10 @@ void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::strin
   counted_ = core_->enterRequest();
   if (counted_) {
     this->setDeadline(core_->bounds.answer);
+    handedOver_ = this->deadline() - core_->bounds.answer;
     core_->handOver(exchange, arrival_.access, body);
   } else {
+    handedOver_ = Base::Clock::now();
     exchange->finish(OwnAnswer::Overloaded);
   }
 }
@@ -111,6 +116,7 @@ void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::strin
 template <class Stream>
 void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
   closeAfter_ = true;
+  core_->counts.here().refused[static_cast<std::size_t>(answer)].add();
   answers_.send(ownMessage(answer), [this] { return core_->answerShare(arrival_.peer); });
 }
 
@@ -144,10 +150,17 @@ template <class Stream>
 void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::string_view message,
                                            Ending ending) {
   if (awaited_ != exchange) return;
+  countAnswer(*exchange);
   endRequest();
   awaited_.reset();
   closeAfter_ = ending == Ending::Close;
   answers_.send(message, [&] { return core_->answerShare(*exchange); });
+}
+
+template <class Stream>
+void ClientConnection<Stream>::countAnswer(const ExchangeState& exchange) {
+  const auto own = Base::Clock::now() - handedOver_ - exchange.deviceTime();
+  core_->counts.here().countAnswer(exchange.url(), exchange.method(), exchange.status(), own);
 }
 
 template <class Stream>
@@ -178,7 +191,11 @@ void ClientConnection<Stream>::openStream(const ExchangePtr& exchange) {
 
 template <class Stream>
 void ClientConnection<Stream>::beginStream(const ExchangePtr& exchange) {
-  if (awaited_ != exchange) return exchange->detach();
+  if (awaited_ != exchange) {
+    exchange->detach();
+    return;
+  }
+  countAnswer(*exchange);
   endRequest();
   awaited_.reset();
   parts_.begin(exchange);

@@ -119,6 +119,14 @@ std::string ExchangeState::header(std::string_view name) const {
   return misused ? std::string() : std::string(value);
 }
 
+std::string ExchangeState::bearerToken() const {
+  constexpr std::string_view kScheme = "Bearer ";
+  const qn::MutexLock lock(mutex_);
+  const std::string_view value = qn::findHeader(fields_, "Authorization").value;
+  const bool bears = qn::text::equalNoCase(value.substr(0, kScheme.size()), kScheme);
+  return std::string(bears ? value.substr(kScheme.size()) : std::string_view());
+}
+
 void ExchangeState::setLogin(qn::LoggedIn who) {
   const qn::MutexLock lock(mutex_);
   login_ = std::move(who);
@@ -127,6 +135,11 @@ void ExchangeState::setLogin(qn::LoggedIn who) {
 std::string ExchangeState::user() const {
   const qn::MutexLock lock(mutex_);
   return login_.user;
+}
+
+qn::LoggedIn ExchangeState::login() const {
+  const qn::MutexLock lock(mutex_);
+  return login_;
 }
 
 bool ExchangeState::isStillAllowed() const {
@@ -154,6 +167,11 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
 void ExchangeState::setStatus(int status) {
   const qn::MutexLock lock(mutex_);
   status_ = status >= 200 && status <= 999 ? status : 500;
+}
+
+int ExchangeState::status() const {
+  const qn::MutexLock lock(mutex_);
+  return status_;
 }
 
 void ExchangeState::markStream() {
@@ -198,6 +216,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
       accepted = 0;
     } else if (length > 0) {
       parts_.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
+      ++partCount_;
       wakes = !std::exchange(wakePending_, true);
     }
   }
@@ -205,6 +224,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
   if (!link) return HTTP_LINK_BROKEN;
   if (opens) link->openStream(shared_from_this());
   if (wakes) link->wakeStream();
+  if (accepted < length) link->partDropped();
   return accepted;
 }
 
@@ -266,15 +286,17 @@ bool ExchangeState::takeParts(std::string& out) {
   if (parts_.empty()) return false;
   out.swap(parts_);
   inWriting_ = out.size();
+  partsInWriting_ = std::exchange(partCount_, 0);
   return true;
 }
 
-void ExchangeState::partsSent() {
+std::size_t ExchangeState::partsSent() {
   const qn::MutexLock lock(mutex_);
   inWriting_ = 0;
+  return std::exchange(partsInWriting_, 0);
 }
 
-void ExchangeState::detach() {
+std::size_t ExchangeState::detach() {
   clientEnded();
   answered_ = true;
   qn::ExchangeRegistry::instance().erase(handle_);
@@ -282,6 +304,7 @@ void ExchangeState::detach() {
   const qn::MutexLock lock(mutex_);
   gone_ = true;
   parts_.swap(parts);
+  return std::exchange(partCount_, 0) + std::exchange(partsInWriting_, 0);
 }
 
 CHttpExchange::CHttpExchange(int handle) : state_(ExchangeState::find(handle)) {}

@@ -190,6 +190,15 @@ MemoryBudget::Share ServiceCore::answerShare(const address& peer) {
   return MemoryBudget::Share(unsentAnswers_, networkOf(peer));
 }
 
+ServiceLoad ServiceCore::load() const {
+  const auto budget = [](const MemoryBudget& of) {
+    return ServiceLoad::Budget{of.held(), of.most(), of.refusals()};
+  };
+  return {places.taken(),        places.all(),    requestsInFlight(),
+          options.requests,      budget(bodies_), budget(strangersBodies_),
+          budget(unsentAnswers_)};
+}
+
 bool ServiceCore::enterRequest() {
   if (requests_.fetch_add(1) < options.requests) return true;
   requests_.fetch_sub(1);

@@ -2,6 +2,7 @@
 // host starts and stops it; QN_GatewayCfgBus_InsertLogInfo writes to instance().
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "gateway/metrics/counter.h"
 #include "gateway/sync/mutex.h"
 #include "platform/gateway_cfg_bus.h"
 
@@ -48,6 +50,15 @@ class OperationLog {
   // Any thread; waits for no disk. False when the queue is full or the log is not running.
   bool insert(const tagLogInfo& info);
 
+  // Takes no lock.
+  struct Load {
+    std::size_t waiting;  // records
+    uint64_t written;     // ever
+    uint64_t lost;
+    bool isFailing;  // the database cannot be written just now
+  };
+  Load load() const;
+
  private:
   void run();
   bool nextBatch();
@@ -76,6 +87,12 @@ class OperationLog {
   std::deque<tagLogInfo> queue_ QN_GUARDED_BY(mutex_);
   uint64_t lost_ QN_GUARDED_BY(mutex_) = 0;  // since the last report
   bool running_ QN_GUARDED_BY(mutex_) = false;
+
+  // For load().
+  std::atomic<std::size_t> waiting_{0};
+  Counter written_;
+  Counter lostEver_;
+  std::atomic<bool> failing_{false};
 };
 
 }  // namespace qn

@@ -347,7 +347,9 @@ TEST_F(DeviceBusTest, LongRepliesWaitForRoomAndShortOnesDoNot) {
 
 struct SomebodyAsking : Asker {
   bool isGone() const override { return gone; }
+  void waited(std::chrono::nanoseconds time) const override { waitedFor = time; }
   std::atomic<bool> gone{false};
+  mutable std::atomic<std::chrono::nanoseconds> waitedFor{};
 };
 
 TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
@@ -372,6 +374,7 @@ TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
   EXPECT_EQ(inFlight->text(), "{}");
   EXPECT_EQ(waiting[0]->text(), "{}");
   EXPECT_EQ(waiting[3]->text(), "{}") << "of nobody in particular";
+  EXPECT_GT(there->waitedFor.load().count(), 0) << "told how long the device took";
   EXPECT_EQ(closed.asked, 3);
 }
 
