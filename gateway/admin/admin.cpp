@@ -208,7 +208,7 @@ class AdminListener::Service {
   void reload(ExchangeState& exchange) {
     logInfo("admin: {} asks for a reload", exchange.clientAddress());
     const auto refusal = observed_.reloads.ask();
-    if (!refusal) return answerError(exchange, 503, "the reload has not ended in time");
+    if (!refusal) return answerError(exchange, 503, "no reload has ended in time");
     Json::Value document;
     document["taken"] = refusal->empty();
     if (!refusal->empty()) document["reason"] = *refusal;

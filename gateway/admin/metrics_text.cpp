@@ -44,9 +44,6 @@ using prometheus::MetricType;
 constexpr double kNanoseconds = 1e-9;
 constexpr double kMicroseconds = 1e-6;
 
-constexpr const char* kFamilyNames[] = {"system", "streaming", "ptz",  "record",
-                                        "event",  "picture",   "other"};
-static_assert(std::size(kFamilyNames) == kResourceFamilies);
 constexpr const char* kMethodNames[] = {"GET", "PUT", "POST", "DELETE", "other"};
 static_assert(std::size(kMethodNames) == kCountedMethods);
 constexpr const char* kClassNames[] = {"2xx", "4xx", "5xx"};

@@ -173,6 +173,7 @@ async function poll() {
     say(`The gateway does not answer: ${error.message}`, true);
     state.last = null;
   }
+  clearTimeout(state.timer);  // of another one that was under way
   if (!state.paused) state.timer = setTimeout(poll, PERIOD);
 }
 

@@ -26,11 +26,17 @@ std::optional<std::string> Reloads::ask() {
   const auto deadline = std::chrono::steady_clock::now() + kWait;
   const MutexLock lock(mutex_);
   const uint64_t awaited = begun_ + 1;
-  ring_();
+  if (!closed_) ring_();
   while (state_.ended < awaited) {
-    if (!changed_.waitUntil(mutex_, deadline)) return std::nullopt;
+    if (closed_ || !changed_.waitUntil(mutex_, deadline)) return std::nullopt;
   }
   return state_.refusal;
+}
+
+void Reloads::close() {
+  const MutexLock lock(mutex_);
+  closed_ = true;
+  changed_.notifyAll();
 }
 
 Reloads::State Reloads::state() const {

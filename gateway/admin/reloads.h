@@ -24,8 +24,10 @@ class Reloads {
   void begin();
   void end(const std::string& refusal);
 
-  // Asks for one and waits: its refusal, nothing when none has ended within kWait.
+  // Asks for one and waits: its refusal, nothing when none has ended within kWait or none will.
   std::optional<std::string> ask();
+  // There will be no more.
+  void close();
 
   struct State {
     uint64_t ended = 0;
@@ -41,6 +43,7 @@ class Reloads {
   mutable Mutex mutex_;
   Condition changed_;
   uint64_t begun_ QN_GUARDED_BY(mutex_) = 0;
+  bool closed_ QN_GUARDED_BY(mutex_) = false;
   State state_ QN_GUARDED_BY(mutex_){0, {}, std::chrono::system_clock::now()};
 };
 

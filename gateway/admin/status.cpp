@@ -174,9 +174,6 @@ Json::Value alarmsJson(const Observed& observed) {
 }
 
 Json::Value requestsJson(const Observed& observed) {
-  constexpr const char* kNames[] = {"system", "streaming", "ptz",  "record",
-                                    "event",  "picture",   "other"};
-  static_assert(std::size(kNames) == kResourceFamilies);
   const auto& counts = observed.http.counts();
   const auto ofClass = [&](std::size_t resource, std::size_t status) {
     return counts.sum([=](const HttpCounts& each) {
@@ -188,7 +185,7 @@ Json::Value requestsJson(const Observed& observed) {
   Json::Value out(Json::arrayValue);
   for (std::size_t resource = 0; resource < kResourceFamilies; ++resource) {
     Json::Value entry;
-    entry["resource"] = kNames[resource];
+    entry["resource"] = kFamilyNames[resource];
     entry["good"] = number(ofClass(resource, 0));
     entry["clientErrors"] = number(ofClass(resource, 1));
     entry["serverErrors"] = number(ofClass(resource, 2));

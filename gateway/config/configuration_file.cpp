@@ -382,6 +382,25 @@ std::optional<std::vector<std::string>> configuredValues(const std::filesystem::
   return values;
 }
 
+std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next) {
+  std::vector<std::string> kept;
+  forEachSection([&](std::string_view section, auto, const auto& keys, auto sectionMember) {
+    for (const auto& key : keys) {
+      if (!key.traits.restart) continue;
+      std::visit(
+          [&](auto member) {
+            auto& wanted = next.*sectionMember.*member;
+            const auto& current = inForce.*sectionMember.*member;
+            if (wanted == current) return;
+            wanted = current;
+            kept.push_back(std::string(section) + '.' + std::string(key.name));
+          },
+          key.member);
+    }
+  });
+  return kept;
+}
+
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {
   if (!inForce.findUser(kAdministrator) || next.findUser(kAdministrator)) return;
   fail(file + ": expected the user \"" + std::string(kAdministrator) +

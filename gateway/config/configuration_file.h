@@ -49,6 +49,10 @@ Configuration parseConfiguration(std::string_view content, const std::string& na
 std::optional<std::vector<std::string>> configuredValues(const std::filesystem::path& file,
                                                          std::string_view key);
 
+// Gives `next` the values of `inForce` for the keys that need a restart; returns the names of those
+// that it has changed.
+std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next);
+
 // Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
 // it would take the administrator away, as an empty file does. Whoever is writing it has not
 // finished, and nobody could log in.

@@ -12,6 +12,7 @@
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_url.h"
 #include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "gateway/sync/mutex.h"
 #include "platform/rest_protocol.h"
 
@@ -180,6 +181,8 @@ int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
     (refusal == DEVCFGBUS_QUEUE_FULL ? counts.refusedFull : counts.refusedOther).add();
     return refusal;
   }
+  const std::string_view id = RequestIdScope::current();
+  if (!id.empty()) request->idLine.append(kRequestIdField).append(id).append("\r\n");
   request->url = std::move(call.url);
   request->body = call.body;
   request->recipient = std::move(recipient);

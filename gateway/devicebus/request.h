@@ -71,13 +71,16 @@ class Place {
   std::size_t bytes_ = 0;
 };
 
+inline constexpr std::string_view kRequestIdField = "X-Request-Id: ";
+
 struct BusRequest {
   explicit BusRequest(ReplyBudget& replies) : reply(replies) {}
 
   Place place;  // first member, last to go
   ReplyBudget::Share reply;
   std::string_view method;
-  std::string url;  // path and query
+  std::string idLine;  // the header line with the client's request's id, or none
+  std::string url;     // path and query
   std::string body;
   std::unique_ptr<Recipient> recipient;
   std::chrono::steady_clock::time_point accepted;  // by the bus
@@ -87,6 +90,9 @@ struct BusRequest {
   std::optional<std::weak_ptr<const Asker>> asker = AskerScope::current();
   bool needsFreshConnection = false;  // a reused one broke; not tried again after this
 
+  std::string_view id() const;
+  // Hands the answer over.
+  void give(std::string_view answer, Origin origin);
   // Nobody takes the answer any more.
   bool isForgotten() const;
   // Whether sending it twice does the same as sending it once.

@@ -5,10 +5,15 @@
 #include <string>
 #include <utility>
 
+#include "gateway/log/access_log.h"
+#include "platform/rest_protocol.h"
+
 namespace qn {
 namespace {
 
 constexpr std::size_t kScratchKept = 256 * 1024;
+constexpr int kSuccess = 200;
+constexpr int kUnauthorized = 401;
 
 // The message being made on this thread; a connection owns only what could not be sent at once.
 std::string& scratch() {
@@ -27,7 +32,6 @@ ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, st
       core_(std::move(core)),
       reactor_(reactor),
       arrival_(std::move(arrival)),
-      trusted_(core_->trusted.contains(arrival_.peer)),
       requests_(*this, *core_, *this),
       answers_(*this, *core_, [this] { onSent(); }),
       parts_(*this, *core_) {}
@@ -93,8 +97,10 @@ void ClientConnection<Stream>::onDeadline() {
 
 template <class Stream>
 ExchangePtr ClientConnection<Stream>::onHead(const RequestHead& head) {
-  const std::string address =
-      trusted_ ? core_->trusted.client(arrival_.peer, head.fields).to_string() : this->peer();
+  const TrustedProxies& trusted = core_->trusted();
+  const std::string address = trusted.contains(arrival_.peer)
+                                  ? trusted.client(arrival_.peer, head.fields).to_string()
+                                  : this->peer();
   return ExchangeState::create(head, {address, arrival_.port, self()});
 }
 
@@ -150,7 +156,7 @@ template <class Stream>
 void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::string_view message,
                                            Ending ending) {
   if (awaited_ != exchange) return;
-  countAnswer(*exchange);
+  countAnswer(*exchange, message.size());
   endRequest();
   awaited_.reset();
   closeAfter_ = ending == Ending::Close;
@@ -158,9 +164,21 @@ void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::str
 }
 
 template <class Stream>
-void ClientConnection<Stream>::countAnswer(const ExchangeState& exchange) {
-  const auto own = Base::Clock::now() - handedOver_ - exchange.deviceTime();
-  core_->counts.here().countAnswer(exchange.url(), exchange.method(), exchange.status(), own);
+void ClientConnection<Stream>::countAnswer(const ExchangeState& exchange, std::size_t bytes) {
+  const auto took = Base::Clock::now() - handedOver_;
+  const auto waited = exchange.deviceTime();
+  const int status = exchange.status();
+  core_->counts.here().countAnswer(exchange.url(), exchange.method(), status, took - waited);
+  if (!isAccessLogged(status)) return;
+  // The challenge that a login begins with is no error.
+  const bool challenge = status == kUnauthorized && exchange.header("Authorization").empty();
+  if (challenge && !isAccessLogged(kSuccess)) return;
+  using std::chrono::duration_cast, std::chrono::microseconds;
+  const LoggedIn login = exchange.login();
+  logAccess({exchange.requestId(), exchange.clientAddress(), login.user, login.device,
+             QNBase::CRESTfulProtocol::GetMethod(static_cast<unsigned char>(exchange.method())),
+             exchange.url(), status, bytes, duration_cast<microseconds>(took),
+             duration_cast<microseconds>(waited)});
 }
 
 template <class Stream>
@@ -195,7 +213,7 @@ void ClientConnection<Stream>::beginStream(const ExchangePtr& exchange) {
     exchange->detach();
     return;
   }
-  countAnswer(*exchange);
+  countAnswer(*exchange, 0);
   endRequest();
   awaited_.reset();
   parts_.begin(exchange);

@@ -60,14 +60,13 @@ class ClientConnection final : public ClientStream<Stream>,
   void linger();
   void beginStream(const ExchangePtr& exchange);
   void endRequest();
-  void countAnswer(const ExchangeState& exchange);
+  void countAnswer(const ExchangeState& exchange, std::size_t bytes);
   Ending endingOf(const ExchangeState& exchange) const;
   std::shared_ptr<ClientConnection> self();
 
   const std::shared_ptr<ServiceCore> core_;
   const std::size_t reactor_;
   Arrival arrival_;
-  const bool trusted_;
 
   RequestReceiver<Stream> requests_;
   AnswerSender<Stream> answers_;

@@ -9,6 +9,7 @@
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/config/configuration.h"
 #include "gateway/http/header_lines.h"
+#include "gateway/http/request_id.h"
 #include "gateway/log/log.h"
 #include "text/ascii.h"
 
@@ -72,7 +73,8 @@ bool isClean(std::string_view text) {
 
 // These are the service's to set.
 bool isOwnHeader(std::string_view name) {
-  for (std::string_view own : {"Content-Length", "Connection", "Date", "Transfer-Encoding"}) {
+  for (std::string_view own :
+       {"Content-Length", "Connection", "Date", "Transfer-Encoding", "X-Request-Id"}) {
     if (text::equalNoCase(name, own)) return true;
   }
   return false;
@@ -103,6 +105,7 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
+      requestId_(qn::requestIdOf(head.fields)),
       origin_(std::move(origin)),
       fields_(head.fields) {}
 
@@ -261,6 +264,7 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
+  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   if (ending == qn::Ending::Close) {
     out += "Connection: close\r\n";
   } else if (http10_) {
@@ -277,6 +281,7 @@ void ExchangeState::appendStreamHead(std::string& out) const {
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
+  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   out += "Connection: close\r\n\r\n";
 }
 

@@ -67,6 +67,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   int handle() const { return handle_; }
   int method() const { return method_; }
   const std::string& url() const { return url_; }
+  const std::string& requestId() const { return requestId_; }
   bool keepAlive() const { return keepAlive_; }
   // X-Forwarded-For is the client's address, whatever the client wrote. A Host that is an IPv6
   // address, which the module would look for a port inside of, is only the port of ours that the
@@ -125,6 +126,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   const bool keepAlive_;
   const bool http10_;
   const std::string url_;
+  const std::string requestId_;
   const qn::Origin origin_;
 
   std::atomic<bool> answered_{false};

@@ -22,6 +22,11 @@ class MemoryBudget {
   std::size_t held() const { return held_.load(std::memory_order_relaxed); }
   std::size_t most() const { return bytes_; }
   uint64_t refusals() const { return refusals_.value(); }
+  // From now on; what is held beyond it stays until it is given back.
+  void setLimits(std::size_t bytes, std::size_t bytesOfOwner) {
+    bytes_ = bytes;
+    bytesOfOwner_ = bytesOfOwner;
+  }
 
   // What is held of it for one purpose; given back at the end.
   class Share {
@@ -75,8 +80,8 @@ class MemoryBudget {
     return room && ownRoom;
   }
 
-  const std::size_t bytes_;
-  const std::size_t bytesOfOwner_;
+  std::atomic<std::size_t> bytes_;
+  std::atomic<std::size_t> bytesOfOwner_;
   std::atomic<std::size_t> held_{0};
   Counter refusals_;
   Mutex mutex_;

@@ -15,7 +15,7 @@ namespace qn {
 // Any thread. Outlives its places.
 class Places {
  public:
-  Places(std::size_t all, std::size_t ofOne) : ofOne_(ofOne), all_(all) {}
+  Places(std::size_t all, std::size_t ofOne) : all_(all), ofOne_(ofOne) {}
 
   // One that was taken; given back at the end.
   class Place {
@@ -41,7 +41,10 @@ class Places {
   };
 
   // From now on; places beyond it stay until they are given back.
-  void setAll(std::size_t all) { all_ = all; }
+  void setLimits(std::size_t all, std::size_t ofOne) {
+    all_ = all;
+    ofOne_ = ofOne;
+  }
   bool hasRoom() const { return taken_ < all_; }
   std::size_t taken() const { return taken_; }
   std::size_t all() const { return all_; }
@@ -70,8 +73,8 @@ class Places {
     if (found != byClient_.end() && --found->second == 0) byClient_.erase(found);
   }
 
-  const std::size_t ofOne_;
   std::atomic<std::size_t> all_;
+  std::atomic<std::size_t> ofOne_;
   std::atomic<std::size_t> taken_{0};  // changed with the mutex held
   Mutex mutex_;
   std::map<boost::asio::ip::address, std::size_t> byClient_ QN_GUARDED_BY(mutex_);

@@ -14,6 +14,7 @@
 #include "gateway/http/multipart.h"
 #include "gateway/http/part_pusher.h"
 #include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
 
 namespace qn {
@@ -29,9 +30,11 @@ constexpr std::size_t kTakenBackPart = 128;
 constexpr std::chrono::seconds kReactorWait{5};
 
 // A part of the connections, so that their descriptors suffice.
-std::size_t refusalsAtOnce(std::size_t connections) {
-  return std::clamp<std::size_t>(connections / kRefusedPart, 1, kRefusalsAtOnce);
+std::size_t refusalsAtOnce(const HttpOptions& options) {
+  return std::clamp<std::size_t>(options.connections / kRefusedPart, 1, kRefusalsAtOnce);
 }
+
+std::size_t refusalsOfOne(const HttpOptions& options) { return (refusalsAtOnce(options) + 3) / 4; }
 
 // Runs what answers an exchange; whatever it throws, there is an answer.
 template <class Answering>
@@ -96,26 +99,32 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
                          const HttpBounds& boundsIn, ModuleEntry module,
                          std::vector<OwnResource> resources)
     : reactors(reactorsIn),
-      options(optionsIn),
       bounds(boundsIn),
-      trusted(optionsIn.trustedProxies),
       places(optionsIn.connections, optionsIn.connectionsPerAddress),
-      refusals(refusalsAtOnce(options.connections), (refusalsAtOnce(options.connections) + 3) / 4),
+      refusals(refusalsAtOnce(optionsIn), refusalsOfOne(optionsIn)),
       open(reactorsIn.size()),
+      inForce_(reactorsIn.size(), std::make_shared<const InForce>(optionsIn)),
       workers_(workers),
       module_(module),
       resources_(std::move(resources)),
       bodies_(boundsIn.bodyMemory, boundsIn.bodyMemoryOfOne),
       strangersBodies_(boundsIn.strangersBodies * optionsIn.bodyBytes, optionsIn.bodyBytes),
-      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne) {
+      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne),
+      mostRequests_(optionsIn.requests) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
   }
 }
 
-void ServiceCore::limitConnections(std::size_t most) {
-  places.setAll(most);
-  refusals.setAll(refusalsAtOnce(most));
+void ServiceCore::setOptions(const HttpOptions& options) {
+  const auto next = std::make_shared<const InForce>(options);
+  for (std::size_t i = 0; i < reactors.size(); ++i) {
+    runOn(i, [core = shared_from_this(), next, i] { core->inForce_[i] = next; });
+  }
+  mostRequests_ = options.requests;
+  places.setLimits(options.connections, options.connectionsPerAddress);
+  refusals.setLimits(refusalsAtOnce(options), refusalsOfOne(options));
+  strangersBodies_.setLimits(bounds.strangersBodies * options.bodyBytes, options.bodyBytes);
 }
 
 void ServiceCore::runOn(std::size_t reactor, const std::function<void()>& action) {
@@ -160,7 +169,7 @@ std::size_t ServiceCore::closeLongestIdle(std::size_t reactor) {
     const auto since = connection->idleSince();
     if (since && *since <= latest) idle.emplace_back(*since, connection);
   }
-  const std::size_t most = std::max<std::size_t>(options.connections / kTakenBackPart, 1);
+  const std::size_t most = std::max<std::size_t>(options().connections / kTakenBackPart, 1);
   const std::size_t count = std::min(idle.size(), most);
   std::ranges::nth_element(idle, idle.begin() + static_cast<std::ptrdiff_t>(count));
   for (std::size_t i = 0; i < count; ++i) idle[i].second->close();
@@ -195,12 +204,12 @@ ServiceLoad ServiceCore::load() const {
     return ServiceLoad::Budget{of.held(), of.most(), of.refusals()};
   };
   return {places.taken(),        places.all(),    requestsInFlight(),
-          options.requests,      budget(bodies_), budget(strangersBodies_),
+          mostRequests_,         budget(bodies_), budget(strangersBodies_),
           budget(unsentAnswers_)};
 }
 
 bool ServiceCore::enterRequest() {
-  if (requests_.fetch_add(1) < options.requests) return true;
+  if (requests_.fetch_add(1) < mostRequests_) return true;
   requests_.fetch_sub(1);
   return false;
 }
@@ -220,6 +229,7 @@ void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job jo
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
   if (const OwnResource* resource = findResource(exchange->url())) {
     return queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
+      const RequestIdScope idScope(exchange->requestId());
       answering(exchange, [&] { resource->serve(*exchange); });
     });
   }
@@ -282,6 +292,7 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int asyncReply = 0;
   std::string answer;
   const AskerScope scope(exchange);
+  const RequestIdScope idScope(exchange->requestId());
   ExchangeLogin login(*exchange);
   const LoginRequest::Scope loginScope(login);
   const int status = module_.process(bodyIsXml, answer, asyncReply, request);

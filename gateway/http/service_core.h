@@ -111,7 +111,6 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   // access it is. `body` is used before the call returns.
   void handOver(const ExchangePtr& exchange, Access access, std::string_view body);
 
-  void limitConnections(std::size_t most);
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
 
   // A request in flight; false when there are too many.
@@ -139,9 +138,13 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void runOn(std::size_t reactor, const std::function<void()>& action);
 
   Reactors& reactors;
-  const HttpOptions options;
+  // What is in force on the reactor that asks, until its handler ends; on reactors only.
+  const HttpOptions& options() const { return inForce().options; }
+  const TrustedProxies& trusted() const { return inForce().trusted; }
+  // Puts others in force, for what comes from now on; not on a reactor.
+  void setOptions(const HttpOptions& options);
+
   const HttpBounds bounds;
-  const TrustedProxies trusted;
   Places places;
   Places refusals;  // connections over the limit that are being told so
   Sharded<HttpCounts> counts;
@@ -152,6 +155,13 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::vector<std::shared_ptr<StreamSender>> senders;  // one for each reactor
 
  private:
+  struct InForce {
+    explicit InForce(const HttpOptions& from) : options(from), trusted(from.trustedProxies) {}
+    const HttpOptions options;
+    const TrustedProxies trusted;
+  };
+
+  const InForce& inForce() const { return *inForce_[std::size_t(Reactors::current())]; }
   const OwnResource* findResource(std::string_view url) const;
   // On the workers, or refuses the exchange when their queue is full.
   template <class Job>
@@ -162,6 +172,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
 
   std::size_t closeLongestIdle(std::size_t reactor);
 
+  std::vector<std::shared_ptr<const InForce>> inForce_;  // one for each reactor, used on it only
   const HttpWorkers workers_;
   const ModuleEntry module_;
   const std::vector<OwnResource> resources_;
@@ -170,6 +181,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   MemoryBudget unsentAnswers_;
   std::chrono::steady_clock::time_point noneIdleUntil_;  // the first reactor's
   std::atomic<std::size_t> next_{0};
+  std::atomic<std::size_t> mostRequests_;
   std::atomic<std::size_t> requests_{0};
 };
 

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
@@ -31,14 +32,6 @@ constexpr std::size_t kWorkerQueue = 256;
 // what is left.
 constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
-
-// Listeners and files are opened once.
-template <class Options>
-void keepUntilRestart(Options& next, const Options& current, std::string_view section) {
-  if (next == current) return;
-  logWarn("changes in [{}] take effect at the next start", section);
-  next = current;
-}
 
 // What the operator can do about a port that cannot be listened on.
 std::string adviceFor(const std::error_code& error, const char* key) {
@@ -126,6 +119,7 @@ std::chrono::milliseconds Gateway::silence() const {
 void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
+  reloads_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -142,16 +136,19 @@ void Gateway::stop() {
 }
 
 void Gateway::reload(Configuration next) {
+  for (const std::string& key : keepUntilRestart(*configuration_, next)) {
+    logWarn("{} takes effect after a restart; until then it stays as it was", key);
+  }
+  // First, since they alone may fail.
   const std::string& logFile = next.log.file;
   if (logFile != configuration_->log.file) LogOutput::instance().open(logFile);
-  keepUntilRestart(next.http, configuration_->http, "http");
-  keepUntilRestart(next.storage, configuration_->storage, "storage");
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogOptions(configuration_->log);
   pictures_.setOptions(configuration_->pictures);
+  OperationLog::instance().keep(configuration_->storage.operationLogRows);
   applyExtraPorts();
-  http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
 }
 

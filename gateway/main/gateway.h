@@ -35,8 +35,8 @@ class Gateway {
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
 
-  // Takes over what can change while running; sections that cannot keep their values, which is
-  // logged.
+  // Takes over everything but the keys that need a restart, which is logged. Throws, and changes
+  // nothing, when it cannot listen where the configuration says.
   void reload(Configuration next);
   // Around each reload, taken or not; an empty refusal: it was taken. The admin listener moves to
   // where the configuration in force wants it only now, when whoever asked there has the answer.

@@ -13,7 +13,9 @@ namespace qn {
 
 // What a request is for, by the beginning of its URL.
 enum class ResourceFamily { System, Streaming, Ptz, Record, Event, Picture, Other };
-inline constexpr std::size_t kResourceFamilies = 7;
+inline constexpr std::array<const char*, 7> kFamilyNames{"system", "streaming", "ptz",  "record",
+                                                         "event",  "picture",   "other"};
+inline constexpr std::size_t kResourceFamilies = kFamilyNames.size();
 
 // How a request was answered: the status's hundreds, and 5xx for all that is none of these.
 enum class StatusClass { Success, ClientError, ServerError };

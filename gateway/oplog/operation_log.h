@@ -42,6 +42,9 @@ class OperationLog {
   // Again only after stop().
   void start(const std::filesystem::path& dataDir, std::size_t rows);
 
+  // So many are kept from the next batch on. Any thread.
+  void keep(std::size_t rows) { rows_ = rows; }
+
   // Takes no more records, writes those queued and ends the writer. A database that cannot be
   // written gets one last attempt, so that stop takes at most a few times kBusyTimeMs of
   // database.h. Harmless when repeated; start and stop by one thread at a time.
@@ -73,7 +76,6 @@ class OperationLog {
   // Constant while the writer runs:
   const std::chrono::milliseconds retryTime_;
   std::filesystem::path file_;
-  std::size_t rows_ = 0;
   std::thread writer_;
 
   // The writer's own:
@@ -82,6 +84,7 @@ class OperationLog {
   std::chrono::steady_clock::time_point lossReported_;
   std::string failure_;  // the reason last logged; empty while writing succeeds
 
+  std::atomic<std::size_t> rows_{0};
   Mutex mutex_;
   Condition wakeUp_;
   std::deque<tagLogInfo> queue_ QN_GUARDED_BY(mutex_);

@@ -4,7 +4,7 @@
 
 #include <boost/asio/post.hpp>
 #include <future>
-#include <latch>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,11 +108,11 @@ TEST(HealthTest, AStuckReactorShowsWithinTwoSeconds) {
 }
 
 TEST(ReloadsTest, WhoAsksGetsTheOutcomeOfALaterReload) {
-  std::latch rung(1);
-  Reloads reloads([&] { rung.count_down(); });
+  std::counting_semaphore<> rung(0);
+  Reloads reloads([&] { rung.release(); });
   reloads.begin();  // has read the file already
   auto asked = std::async(std::launch::async, [&] { return reloads.ask(); });
-  rung.wait();
+  rung.acquire();
   reloads.end("the old file's fault");
   EXPECT_EQ(asked.wait_for(50ms), std::future_status::timeout);
   reloads.begin();
@@ -120,6 +120,10 @@ TEST(ReloadsTest, WhoAsksGetsTheOutcomeOfALaterReload) {
   EXPECT_EQ(asked.get(), "");
   EXPECT_EQ(reloads.state().ended, 2u);
   EXPECT_EQ(reloads.state().refusal, "");
+  asked = std::async(std::launch::async, [&] { return reloads.ask(); });
+  reloads.close();
+  ASSERT_EQ(asked.wait_for(5s), std::future_status::ready) << "a gateway that stops waits for none";
+  EXPECT_EQ(asked.get(), std::nullopt);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@ import pathlib
 import shutil
 import signal
 import socket
+import sqlite3
 import subprocess
 import tempfile
 import time
@@ -11,6 +12,8 @@ import unittest
 
 import client
 import harness
+
+INFO = "/KAVRO/System/deviceInfo"
 
 
 class Manager:
@@ -87,6 +90,72 @@ class ServiceTest(unittest.TestCase):
             deadline = time.monotonic() + 10
             while manager.message(3 * period):
                 self.assertLess(time.monotonic(), deadline, "fed though a reactor is stuck")
+
+
+class Reload(harness.StreamTest):
+    """Everything changes at once; nothing that is open notices."""
+
+    idle, device_count = 100, 5
+
+    @classmethod
+    def user_tables(cls):
+        return [harness.user("admin", "1")] + [harness.user(f"user{number}", str(number))
+                                               for number in range(1, cls.device_count + 1)]
+
+    def streams(self):
+        """Two for each device, as many as there may be."""
+        for number in range(1, self.device_count + 1):
+            for _ in range(2):
+                stream = client.AlertStream(self.gateway.port, f"user{number}", harness.PASSWORD)
+                self.addCleanup(stream.close)
+                self.assertEqual(stream.status, 200)
+                yield number, stream
+            self.wait_for_feed(number)
+
+    def status_at(self, port):
+        try:
+            with client.Client(port) as one:
+                return one.get("/").status
+        except ConnectionRefusedError:
+            return None
+
+    def test_every_section_is_taken_and_what_is_open_stays(self):
+        gateway, (port, picture_port, device_port) = self.gateway, harness.free_ports(3)
+        old = gateway.port
+        idle = [self.client() for _ in range(self.idle)]
+        self.assertEqual({one.get(INFO).status for one in idle}, {200})
+        addresses = [one.connection.sock.getsockname() for one in idle]
+        streams = list(self.streams())
+        gateway.sections = {
+            "http": {"address": "0.0.0.0", "port": port, "connections": self.idle // 2,
+                     "head_bytes": 2048, "idle_seconds": 50},
+            "network": {"picture_port": picture_port, "rtsp_port": 5554}, "kavro": {"mode": 2},
+            "lock": {"max_attempts": 3}, "pictures": {"max_count": 5}, "bus": {"device_queue": 7},
+            "log": {"level": "warn"},
+            "storage": {"data_dir": str(gateway.folder / "data2"), "operation_log_rows": 2}}
+        tables = self.device_tables()
+        tables[1]["http_port"] = device_port
+        gateway.write_configuration(tables, self.user_tables())
+        gateway.signal(signal.SIGHUP)
+        harness.wait_until(lambda: self.status_at(port), what="the new port")
+        self.assertIn("storage.data_dir takes effect after a restart", gateway.log())
+        self.assertFalse((gateway.folder / "data2").exists())
+        gateway.port = port
+        self.assertIsNone(self.status_at(old))
+        for further in (picture_port, device_port):
+            self.assertEqual(self.status_at(further), 503, "told to come later: too many are open")
+        self.assertEqual({one.get(INFO).status for one in idle}, {200})
+        self.assertEqual([one.connection.sock.getsockname() for one in idle], addresses)
+        self.assertEqual(idle[0].get("/KAVRO/" + "x" * 3000).status, 431)
+        for number in range(5):
+            idle[1].delete(f"/KAVRO/{number}")
+        database = sqlite3.connect(f"file:{gateway.folder}/data/operation_log.db?mode=ro", uri=True)
+        self.addCleanup(database.close)
+        harness.wait_until(lambda: [operation for operation, in database.execute(
+            "SELECT operation FROM operation_log")] == ["DELETE /KAVRO/3", "DELETE /KAVRO/4"])
+        for number, stream in streams:
+            self.push(number, channelName="after")
+            self.assertIn(b"after", self.named(stream, "after")[1])
 
 
 class Unit(unittest.TestCase):
