@@ -109,6 +109,7 @@ struct UserConfig {
 
   // Empty when the user may not log in with it.
   std::string_view ha1For(DigestAlgorithm algorithm) const;
+  bool operator==(const UserConfig&) const = default;
 };
 
 // How the gateway may log in at a device. Basic shows the password to everybody on the way, so it
@@ -128,6 +129,7 @@ struct DeviceConfig {
 
   // Whether requests go to the same place with the same login.
   bool sameServer(const DeviceConfig& other) const;
+  bool operator==(const DeviceConfig&) const = default;
 };
 
 struct Configuration {

@@ -401,6 +401,23 @@ std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configur
   return kept;
 }
 
+std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after) {
+  std::vector<std::string> changed;
+  forEachSection([&](std::string_view section, auto, const auto& keys, auto sectionMember) {
+    for (const auto& key : keys) {
+      const bool same = std::visit(
+          [&](auto member) {
+            return before.*sectionMember.*member == after.*sectionMember.*member;
+          },
+          key.member);
+      if (!same) changed.push_back(std::string(section) + '.' + std::string(key.name));
+    }
+  });
+  if (before.users != after.users) changed.emplace_back("users");
+  if (before.devices != after.devices) changed.emplace_back("devices");
+  return changed;
+}
+
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {
   if (!inForce.findUser(kAdministrator) || next.findUser(kAdministrator)) return;
   fail(file + ": expected the user \"" + std::string(kAdministrator) +

@@ -271,7 +271,9 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
     out += "Connection: keep-alive\r\n";
   }
   const bool bodyless = qn::hasNoBody(status_);
-  if (!bodyless) qn::appendContentLength(out, body.size());
+  // What a device says to HEAD does not tell how long its answer to GET would be.
+  const bool unknown = method_ == HTTP_HEAD && body.empty();
+  if (!bodyless && !unknown) qn::appendContentLength(out, body.size());
   out += "\r\n";
   if (!bodyless && method_ != HTTP_HEAD) out += body;
 }

@@ -97,7 +97,7 @@ void Listener::serve(std::size_t reactor, TcpStream stream) try {
   if (!core_->places.take(client, arrival.place)) {
     core_->counts.here().turnedAway.add();
     const std::string peer = arrival.peer.to_string();
-    logClient(peer, "connection from {} refused: too many are open", peer);
+    logClient(LogLevel::Warn, peer, "connection from {} refused: too many are open", peer);
     if (!core_->refusals.take(client, arrival.place)) return;  // too many to be told so: closed
     arrival.access = Access::Nothing;
   }

@@ -49,6 +49,19 @@ void answering(const ExchangePtr& exchange, Answering answer) {
   exchange->finish(OwnAnswer::InternalError);
 }
 
+constexpr int kNotFound = 404;
+constexpr std::string_view kDoorPage =
+    "<!DOCTYPE html><html lang=\"en\"><head><meta charset=\"utf-8\"><title>KAVRO gateway</title>"
+    "</head><body><h1>KAVRO gateway</h1><p>There is no page here. Clients of the KAVRO protocol "
+    "connect to this address; what they ask for begins with <code>/KAVRO/</code>, as "
+    "<a href=\"/KAVRO/System/deviceInfo\">/KAVRO/System/deviceInfo</a>.</p></body></html>\n";
+
+// Somebody has typed the gateway's address; clients of the protocol ask for no text/html there.
+bool isBrowserAtTheDoor(const ExchangeState& exchange) {
+  return exchange.url() == "/" && exchange.method() == QNHttpService::HTTP_GET &&
+         exchange.header("Accept").find("text/html") != std::string::npos;
+}
+
 SlowPart slowPartOf(const ExchangeState& exchange) {
   const std::string_view url = exchange.url();
   const std::string_view path = url.substr(0, url.find('?'));
@@ -237,6 +250,10 @@ void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::stri
     exchange->finish(OwnAnswer::NotFound);
     return;
   }
+  if (isBrowserAtTheDoor(*exchange)) {
+    exchange->finish(kNotFound, "text/html; charset=utf-8", kDoorPage);
+    return;
+  }
   switch (slowPartOf(*exchange)) {
     case SlowPart::DeviceOnly:
       return process(exchange, body);
@@ -273,8 +290,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   std::optional<FaceBody> face;
   const bool takesPicture = slowPartOf(*exchange) == SlowPart::TakesPicture;
   const std::string contentType = takesPicture ? exchange->header("Content-Type") : std::string();
-  const bool dropped = body.empty() && isAnonymous(*exchange);
-  if (isMultipart(contentType) && !dropped) {
+  const auto wasDropped = [&] { return body.empty() && isAnonymous(*exchange); };
+  if (isMultipart(contentType) && !wasDropped()) {
     face = readFaceBody(contentType, body);
     if (!face) {
       exchange->finish(OwnAnswer::Malformed);

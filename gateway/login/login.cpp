@@ -67,11 +67,11 @@ constexpr std::size_t kLoggedName = 32;
 void reportRefusal(std::string_view name, std::string_view address,
                    const Lockout::Standing& standing) {
   if (standing.locked()) {
-    logClient(address, "login of \"{}\" from {} refused: locked for {} s", name, address,
-              standing.unlockIn.count());
+    logClient(LogLevel::Warn, address, "login of \"{}\" from {} refused: locked for {} s", name,
+              address, standing.unlockIn.count());
   } else {
-    logClient(address, "login of \"{}\" from {} failed: {} attempts left", name, address,
-              standing.attemptsLeft);
+    logClient(LogLevel::Warn, address, "login of \"{}\" from {} failed: {} attempts left", name,
+              address, standing.attemptsLeft);
   }
 }
 
@@ -155,6 +155,9 @@ DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, At
     return DIGEST_NO_CREDENTIALS;
   }
   lockout_.forget(client, attempt.name, config.lock, attempt.now);
+  if (attempt.count == 1) {  // the first one with its nonce
+    logClient(LogLevel::Info, address, "login of \"{}\" from {}", attempt.name, address);
+  }
   return admit(result, attempt, mode, request.port);
 }
 

@@ -1,6 +1,8 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <map>
@@ -139,10 +141,10 @@ void Gateway::reload(Configuration next) {
   for (const std::string& key : keepUntilRestart(*configuration_, next)) {
     logWarn("{} takes effect after a restart; until then it stays as it was", key);
   }
-  // First, since they alone may fail.
-  const std::string& logFile = next.log.file;
-  if (logFile != configuration_->log.file) LogOutput::instance().open(logFile);
-  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  takeWhatMayFail(next);
+  const std::vector<std::string> changed = changedKeys(*configuration_, next);
+  logInfo("a reload changes {}",
+          changed.empty() ? "nothing" : fmt::to_string(fmt::join(changed, ", ")));
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogOptions(configuration_->log);
@@ -150,6 +152,18 @@ void Gateway::reload(Configuration next) {
   OperationLog::instance().keep(configuration_->storage.operationLogRows);
   applyExtraPorts();
   http_.closeForbiddenStreams();
+}
+
+// All of it or nothing.
+void Gateway::takeWhatMayFail(const Configuration& next) {
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  try {
+    if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
+  } catch (...) {
+    http_.setOptions(withinDescriptors(*configuration_));
+    applyExtraPorts();
+    throw;
+  }
 }
 
 void Gateway::endReload(const std::string& refusal) {

@@ -52,6 +52,7 @@ class Gateway {
  private:
   void start();
   void stop();
+  void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
   Observed observed();
 

@@ -110,8 +110,10 @@ TEST_F(HttpFixture, LimitsMayChangeUnderOpenConnections) {
 }
 
 TEST_F(HttpFixture, ListenersMoveAndConnectionsStay) {
-  start();
-  const uint16_t old = port();
+  reactors_.start();
+  const uint16_t old = otherPort();
+  options_.port = old;
+  listen();
   const uint16_t extra = otherPort();
   const uint16_t next = otherPort();
   service_->setExtraPorts({{extra, Access::OwnResources}});

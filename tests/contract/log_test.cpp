@@ -236,7 +236,7 @@ TEST_F(Log, AnAttackLeavesFewLinesAndItsEnd) {
   const auto [first, firstLines] = linesOf([&] {
     for (int i = 0; i < 1000; ++i) {
       for (int address = 0; address < 100; ++address) {
-        log.write(std::to_string(address), "line " + std::to_string(i) + '.', now);
+        log.write(LogLevel::Warn, std::to_string(address), "line " + std::to_string(i) + '.', now);
       }
     }
     log.writeHeldBack(now + std::chrono::milliseconds(999));
@@ -245,7 +245,7 @@ TEST_F(Log, AnAttackLeavesFewLinesAndItsEnd) {
   now += std::chrono::seconds(1);
   const auto [second, lines] = linesOf([&] {
     log.writeHeldBack(now);
-    log.write("0", "held back", now);
+    log.write(LogLevel::Warn, "0", "held back", now);
   });
   EXPECT_EQ(second, long{ClientLog::kAddresses} + 1);
   EXPECT_NE(lines.find("line 999. (999 lines like this in the last second)"), lines.npos);
