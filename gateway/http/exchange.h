@@ -125,8 +125,8 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   bool streamOpen_ QN_GUARDED_BY(mutex_) = false;
   bool gone_ QN_GUARDED_BY(mutex_) = false;
   bool wakePending_ QN_GUARDED_BY(mutex_) = false;
-  bool mimeParts_ QN_GUARDED_BY(mutex_) = false;  // CRLF goes before each part but the first
-  bool hasParts_ QN_GUARDED_BY(mutex_) = false;   // the stream was given one
+  bool mimeParts_ QN_GUARDED_BY(mutex_) = false;     // CRLF goes before each part but the first
+  bool hasParts_ QN_GUARDED_BY(mutex_) = false;      // the stream was given one
   std::string parts_ QN_GUARDED_BY(mutex_);          // queued
   std::size_t inWriting_ QN_GUARDED_BY(mutex_) = 0;  // taken and not yet sent
 };
