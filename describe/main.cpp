@@ -36,8 +36,8 @@ std::vector<Method> methodsOf(const Route& route) {
     if (!route.methods.has(code)) continue;
     const bool sends = code == QNHttpService::HTTP_PUT || code == QNHttpService::HTTP_POST;
     const bool gets = code == QNHttpService::HTTP_GET || code == QNHttpService::HTTP_POST;
-    methods.push_back(
-        {code, kMethods[code], sends ? route.body : nullptr, gets ? route.answer : nullptr});
+    methods.push_back({code, kMethods[code], sends ? route.body : nullptr,
+                       gets ? route.answer : nullptr, route.reply});
   }
   return methods;
 }
@@ -49,6 +49,15 @@ bool matches(std::string_view pattern, std::string_view url) {
   const auto rest = url.find_first_not_of("0123456789", number);
   const auto left = rest == std::string_view::npos ? std::string_view() : url.substr(rest);
   return matches(pattern.substr(pattern.find('}') + 1), left);
+}
+
+// What the converter makes of no reply at all.
+std::string fixedAnswer(const Resource& resource, const Method& method) {
+  std::string text;
+  const QNHttpService::CHttpExchange exchange(-1);
+  const int code = static_cast<int>(method.code);
+  const int result = method.reply(text, {{}, resource.urls[0], code, exchange});
+  return result == 0 && !text.empty() ? text + "\n" : std::string();
 }
 
 std::map<std::string, std::string> files() {
@@ -121,7 +130,9 @@ std::string exampleOf(const Resource& resource, const Method& method, bool answe
     const auto* pair = std::ranges::find_if(pairs, is);
     return pair == std::end(pairs) ? std::string() : golden(pair->xml);
   };
-  return answer ? found(kGoldenReplies) : found(kGoldenRequests);
+  if (!answer) return found(kGoldenRequests);
+  std::string text = found(kGoldenReplies);
+  return text.empty() && method.answer == nullptr ? fixedAnswer(resource, method) : text;
 }
 
 }  // namespace qn::describe

@@ -119,13 +119,11 @@ std::string answerPart(const Resource& resource, const Method& method) {
     part +=
         "A device's reply that fails gives 500 `internalError`.\n\n" + rowsOf(*method.answer, true);
   } else if (succeeds) {
-    const std::string& url = resource.urls[0];
-    return part + "Success, whatever document the device answers with.\n" +
-           xmlBlock(QNKAVROProtocol::CProtocolBase::getResponseByError(ERROR_OK, url) + "\n");
+    part += "Success, whatever document the device answers with.\n";
   } else if (example.empty()) {
-    part += "A document that the gateway makes without a table.\n";
+    part += "The device's own document, as it is.\n";
   } else {
-    part += "A document that the gateway makes from its own configuration.\n";
+    part += "Made by the gateway; the device is only asked whether it answers.\n";
   }
   return part + xmlBlock(example);
 }

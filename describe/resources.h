@@ -16,6 +16,7 @@ struct Method {
   // Null for none, or one that no table makes.
   const QNKAVROProtocol::table::Row* body;
   const QNKAVROProtocol::table::Row* answer;
+  QNKAVROProtocol::ReplyConverter reply;
 };
 
 struct Resource {
@@ -28,7 +29,8 @@ struct Resource {
 std::vector<Resource> resources();
 // The name of its page, without an extension.
 std::string pageName(const Resource& resource);
-// The document that a test verified, as it is written by hand; empty when there is none.
+// The document that a test verified, as it is written by hand, or one that is always the same;
+// empty when there is neither.
 std::string exampleOf(const Resource& resource, const Method& method, bool answer);
 
 // Whether each document has the element: one that is written, or read.

@@ -16,6 +16,12 @@ constexpr const char* kHead =
     R"(<?xml version="1.0" encoding="UTF-8"?>
 <!-- written by qn-describe -->
 <xs:schema xmlns:xs="http://www.w3.org/2001/XMLSchema" elementFormDefault="qualified">
+  <xs:simpleType name="Boolean">
+    <xs:restriction base="xs:string">
+      <xs:enumeration value="true"/>
+      <xs:enumeration value="false"/>
+    </xs:restriction>
+  </xs:simpleType>
   <xs:element name="ResponseStatus">
     <xs:complexType>
       <xs:sequence>
@@ -40,7 +46,7 @@ const char* typeOf(const Row& row) {
     case Kind::Integer:
       return "xs:int";
     case Kind::Boolean:
-      return "xs:boolean";
+      return "Boolean";
     case Kind::Real:
       return "xs:decimal";
     default:
@@ -72,7 +78,7 @@ class Schema {
       line(depth, start + occurs + ">");
       addContent(row, depth + 1);
       line(depth, "</xs:element>");
-    } else if (row.least != INT_MIN) {
+    } else if (row.least != INT_MIN && row.read == ReadRule::Never) {
       line(depth, start + occurs + ">");
       line(depth + 1, "<xs:simpleType><xs:restriction base=\"xs:int\"><xs:minInclusive value=\"" +
                           std::to_string(row.least) + "\"/><xs:maxInclusive value=\"" +
