@@ -1,150 +1,68 @@
+// See configuration_file.h.
 #include "gateway/config/configuration_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <fstream>
 #include <map>
+#include <optional>
+#include <span>
 #include <system_error>
+#include <type_traits>
+#include <utility>
 
+#include "gateway/config/findings.h"
+#include "gateway/config/key_tables.h"
+#include "gateway/config/secret_file.h"
+#include "gateway/config/toml_syntax.h"
 #include "gateway/config/toml_table.h"
 #include "gateway/log/log.h"
 
 namespace qn {
 namespace {
 
-constexpr int64_t kMiB = 1024 * 1024;
-constexpr Range kPort{1, 65535};
-constexpr Range kPortOrNone{0, 65535};
-constexpr Range kSeconds{1, 3600};
-constexpr Range kCount{1, 1000000};
 constexpr std::size_t kNonceKeyMin = 32;
-constexpr std::size_t kNonceKeyMax = 4096;
-
-constexpr Key<HttpOptions> kHttpKeys[] = {
-    {"address", &HttpOptions::address, {}, &kAddressRule},
-    {"port", &HttpOptions::port, kPort},
-    {"trusted_proxies", &HttpOptions::trustedProxies, {}, &kNetworkRule},
-    {"head_bytes", &HttpOptions::headBytes, {1024, kMiB}},
-    {"head_seconds", &HttpOptions::headTime, kSeconds},
-    {"body_bytes", &HttpOptions::bodyBytes, {1024, 1024 * kMiB}},
-    {"body_seconds", &HttpOptions::bodyTime, kSeconds},
-    {"idle_seconds", &HttpOptions::idleTime, kSeconds},
-    {"connections", &HttpOptions::connections, kCount},
-    {"connections_per_address", &HttpOptions::connectionsPerAddress, kCount},
-    {"requests", &HttpOptions::requests, kCount},
-};
-
-constexpr Key<NetworkOptions> kNetworkKeys[] = {
-    {"https_enabled", &NetworkOptions::httpsEnabled},
-    {"https_port", &NetworkOptions::httpsPort, kPort},
-    {"rtsp_port", &NetworkOptions::rtspPort, kPort},
-    {"port_mapping", &NetworkOptions::portMapping},
-    {"ext_http_port", &NetworkOptions::extHttpPort, kPortOrNone},
-    {"ext_https_port", &NetworkOptions::extHttpsPort, kPortOrNone},
-    {"ext_rtsp_port", &NetworkOptions::extRtspPort, kPortOrNone},
-    {"picture_port", &NetworkOptions::picturePort, kPort},
-};
-
-constexpr Key<KavroOptions> kKavroKeys[] = {
-    {"mode", &KavroOptions::mode, {1, 2}},
-    {"realm", &KavroOptions::realm, {}, &kRealmRule},
-    {"algorithm", &KavroOptions::algorithm, {}, &kAlgorithmRule},
-    {"mime_parts", &KavroOptions::mimeParts},
-    {"nonce_key_file", &KavroOptions::nonceKeyFile, {}, &kPathRule},
-};
-
-constexpr Key<LockOptions> kLockKeys[] = {
-    {"max_attempts", &LockOptions::maxAttempts, {1, 1000}},
-    {"lock_seconds", &LockOptions::lockTime, {1, 7 * 24 * 3600}},
-};
-
-constexpr Key<StorageOptions> kStorageKeys[] = {
-    {"data_dir", &StorageOptions::dataDir, {}, &kPathRule},
-    {"operation_log_rows", &StorageOptions::operationLogRows, {1, 1000000000}},
-};
-
-constexpr Key<PictureOptions> kPictureKeys[] = {
-    {"max_bytes", &PictureOptions::maxBytes, {kMiB, kMiB* kMiB}},
-    {"max_count", &PictureOptions::maxCount, kCount},
-    {"full", &PictureOptions::full, {}, &kWhenFullRule},
-};
-
-constexpr Key<BusOptions> kBusKeys[] = {
-    {"device_connections", &BusOptions::deviceConnections, {1, 1024}},
-    {"device_queue", &BusOptions::deviceQueue, {0, 65536}},
-    {"reply_bytes", &BusOptions::replyBytes, {1024, 1024 * kMiB}},
-    {"device_bytes", &BusOptions::deviceBytes, {1024, kMiB* kMiB}},
-    {"bytes", &BusOptions::bytes, {1024, kMiB* kMiB}},
-    {"reply_memory", &BusOptions::replyMemory, {1024, kMiB* kMiB}},
-};
-
-constexpr Key<LogOptions> kLogKeys[] = {
-    {"level", &LogOptions::level, {}, &kLevelRule},
-    {"format", &LogOptions::format, {}, &kLogFormatRule},
-    {"access", &LogOptions::access, {}, &kAccessRule},
-    {"file", &LogOptions::file, {}, &kPathRule},
-};
-
-// With the keys that are not kept as they stand.
-struct UserEntry : UserConfig {
-  std::string password;
-  DigestAlgorithm algorithm;  // the weakest that the user may log in with
-};
-
-constexpr Key<UserEntry> kUserKeys[] = {
-    {"name", &UserEntry::name, {}, &kUserNameRule, true},
-    {"password", &UserEntry::password, {}, &kPasswordRule},
-    {"ha1", &UserEntry::ha1, {}, &kHa1Rule},
-    {"algorithm", &UserEntry::algorithm, {}, &kAlgorithmRule},
-    {"device", &UserEntry::device, {}, &kDeviceIndexRule, true},
-    {"devices", &UserEntry::devices, {}, &kDeviceIndexRule},
-};
-
-struct DeviceEntry : DeviceConfig {
-  std::string url;
-};
-
-constexpr Key<DeviceEntry> kDeviceKeys[] = {
-    {"index", &DeviceEntry::index, {}, &kDeviceIndexRule, true},
-    {"url", &DeviceEntry::url, {}, &kDeviceUrlRule, true},
-    {"username", &DeviceEntry::username, {}, &kDeviceUserRule},
-    {"password", &DeviceEntry::password, {}, &kDevicePasswordRule},
-    {"auth", &DeviceEntry::auth, {}, &kDeviceAuthRule},
-    {"http_port", &DeviceEntry::httpPort, kPortOrNone},
-    {"rtsp_port", &DeviceEntry::rtspPort, kPortOrNone},
-};
+constexpr std::string_view kExamplePassword = "change-me";
 
 // Values that must be different from each other, with the key that has each.
 template <class T>
 class Distinct {
  public:
+  explicit Distinct(Findings& findings) : findings_(findings) {}
+
   void add(const T& value, const Place& place) {
-    const auto [former, added] = taken_.try_emplace(value, place.key, place.line);
+    if (findings_.hasErrorAt(place)) return;
+    const auto [former, added] = taken_.try_emplace(value, place);
     if (added) return;
-    const auto& [key, line] = former->second;
-    place.fail("expected a value that is not taken, as " + key +
-               (line == 0 ? " has it" : " in line " + std::to_string(line) + " has it"));
+    const Place& other = former->second;
+    findings_.error(place, "expected a value that is not taken, as " + other.key +
+                               (other.line == 0 ? "" : " in line " + std::to_string(other.line)) +
+                               " has it: " + tomlText(value));
   }
 
+  bool has(const T& value) const { return taken_.contains(value); }
+
  private:
-  std::map<T, std::pair<std::string, toml::source_index>> taken_;
+  Findings& findings_;
+  std::map<T, Place> taken_;
 };
 
-// At most one byte more than a configuration may have.
-std::string contentOf(const std::filesystem::path& file, const Place& place) {
-  const auto reason = [] { return "cannot be read: " + std::generic_category().message(errno); };
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream) place.fail(reason());
-  std::string content(kConfigurationFileBytes + 1, '\0');
-  stream.read(content.data(), std::streamsize(content.size()));
-  if (stream.bad()) place.fail(reason());
-  content.resize(std::size_t(stream.gcount()));
-  return content;
+// The place of a key's value, or of the table when the key is not there.
+Place placeOfKey(const toml::table& table, const Place& at, const char* key) {
+  const toml::node* const node = table.get(key);
+  std::string name = at.key + '.' + key;
+  return node ? placeOf(node->source().begin, std::move(name))
+              : Place{at.line, at.column, std::move(name)};
 }
+
+// What the file says, before it is checked against itself.
+struct Entries {
+  std::vector<UserEntry> users;
+  std::vector<DeviceEntry> devices;
+};
 
 class FileReader {
  public:
-  FileReader(const std::string& file, const toml::table& root) : file_(file), root_(root) {}
+  FileReader(std::filesystem::path folder, const toml::table& root, Findings& findings)
+      : folder_(std::move(folder)), root_(root), findings_(findings) {}
 
   Configuration read() {
     for (const auto& [name, node] : root_) readTopLevel(name, node);
@@ -152,207 +70,358 @@ class FileReader {
     // After the sections, because HA1s depend on the realm.
     claimPort("http", "port", result_.http.port);
     claimPort("network", "picture_port", result_.network.picturePort);
+    checkAdmin();
     forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
     forEachTable("users", [this](const auto& table, const Place& at) { addUser(table, at); });
     result_.buildIndexes();
     if (!result_.findUser(kAdministrator)) {
-      logWarn("{}: there is no user \"{}\", so the gateway is not activated and serves nobody",
-              file_, kAdministrator);
+      findings_.warning({}, "there is no user \"" + std::string(kAdministrator) +
+                                "\", so the gateway is not activated and serves nobody");
     }
-    warnAboutMissingDevices();
+    warnAboutHttps();
     return std::move(result_);
   }
 
+  // After read().
+  const Entries& entries() const { return entries_; }
+
  private:
   void readTopLevel(const toml::key& name, const toml::node& node) {
-    const Place place{file_, name.source().begin.line, std::string(name.str())};
-    if (place.key == "users" || place.key == "devices") return;
-    const bool known = readSection("http", kHttpKeys, result_.http, place, node) ||
-                       readSection("network", kNetworkKeys, result_.network, place, node) ||
-                       readSection("kavro", kKavroKeys, result_.kavro, place, node) ||
-                       readSection("lock", kLockKeys, result_.lock, place, node) ||
-                       readSection("storage", kStorageKeys, result_.storage, place, node) ||
-                       readSection("pictures", kPictureKeys, result_.pictures, place, node) ||
-                       readSection("bus", kBusKeys, result_.bus, place, node) ||
-                       readSection("log", kLogKeys, result_.log, place, node);
-    if (!known) place.fail("unknown section");
-  }
-
-  // False when the place is another section.
-  template <class S, std::size_t N>
-  static bool readSection(std::string_view name, const Key<S> (&keys)[N], S& target,
-                          const Place& place, const toml::node& node) {
-    if (place.key != name) return false;
-    if (!node.is_table()) place.fail("expected a section [" + place.key + "]");
-    readTable(*node.as_table(), keys, place, target);
-    return true;
+    const Place place = placeOf(name.source().begin, std::string(name.str()));
+    std::vector<std::string_view> sections;
+    bool known = false;
+    forEachList([&](std::string_view section, auto, const auto&) {
+      sections.push_back(section);
+      known = known || section == place.key;
+    });
+    forEachSection([&](std::string_view section, auto, const auto& keys, auto member) {
+      sections.push_back(section);
+      if (section != place.key) return;
+      known = true;
+      if (node.is_table()) {
+        readTable(*node.as_table(), keys, place, result_.*member, findings_);
+      } else {
+        findings_.error(place, "expected a section [" + place.key + "]");
+      }
+    });
+    if (!known && !stoodForUnreadable(place.key)) {
+      findings_.error(place, "unknown section" + didYouMean(place.key, sections));
+    }
   }
 
   template <class Add>
   void forEachTable(const char* name, Add add) {
     const toml::node* const node = root_.get(name);
     if (!node) return;
-    const auto placeOf = [&](const toml::node& at) {
-      return Place{file_, at.source().begin.line, name};
-    };
     const std::string expected = std::string("expected sections [[") + name + "]]";
-    if (!node->is_array()) placeOf(*node).fail(expected);
-    for (const toml::node& entry : *node->as_array()) {
-      if (!entry.is_table()) placeOf(entry).fail(expected);
-      add(*entry.as_table(), placeOf(entry));
+    const toml::array* const list = node->as_array();
+    if (!list) return findings_.error(placeOf(node->source().begin, name), expected);
+    for (const toml::node& entry : *list) {
+      const Place at = placeOf(entry.source().begin, name);
+      if (entry.is_table()) {
+        add(*entry.as_table(), at);
+      } else {
+        findings_.error(at, expected);
+      }
     }
   }
 
-  // The place of a key of a table, or of the table when the key is not there.
-  static Place placeOfKey(const toml::table& table, const Place& at, const char* key) {
-    const toml::node* const node = table.get(key);
-    return Place{at.file, node ? node->source().begin.line : at.line, at.key + '.' + key};
+  Place placeIn(const char* section, const char* key) const {
+    const toml::node* const node = root_.get(section);
+    const Place at{0, 0, section};
+    return node && node->is_table() ? placeOfKey(*node->as_table(), at, key)
+                                    : Place{0, 0, at.key + '.' + key};
   }
 
   void claimPort(const char* section, const char* key, uint16_t port) {
-    const toml::node* const table = root_.get(section);
-    const Place at{file_, 0, section};
-    ports_.add(port, table ? placeOfKey(*table->as_table(), at, key)
-                           : Place{file_, 0, at.key + '.' + key});
+    ports_.add(port, placeIn(section, key));
+  }
+
+  // Whoever reaches it sees who is locked out and can let them in.
+  void checkAdmin() {
+    const AdminOptions& admin = result_.admin;
+    if (admin.port == 0) return;
+    claimPort("admin", "port", admin.port);
+    if (!admin.password.empty() || isLoopback(admin.address)) return;
+    findings_.error(placeIn("admin", "address"),
+                    "expected a loopback address, or a password in this section");
   }
 
   void readNonceKey() {
-    const std::string& file = result_.kavro.nonceKeyFile;
-    if (file.empty()) return;
-    const Place place =
-        placeOfKey(*root_.get("kavro")->as_table(), {file_, 0, "kavro"}, "nonce_key_file");
-    std::error_code error;
-    const auto facts = std::filesystem::status(file, error);
-    const auto others = std::filesystem::perms::group_all | std::filesystem::perms::others_all;
-    const bool own = !error && is_regular_file(facts) &&
-                     (facts.permissions() & others) == std::filesystem::perms::none;
-    const std::string key = own ? contentOf(file, place) : std::string();
-    if (key.size() < kNonceKeyMin || key.size() > kNonceKeyMax) {
-      place.fail("expected a file of " + std::to_string(kNonceKeyMin) + " to " +
-                 std::to_string(kNonceKeyMax) + " bytes that nobody but its owner may read");
+    const std::string& name = result_.kavro.nonceKeyFile;
+    if (name.empty()) return;
+    const Place place = placeIn("kavro", "nonce_key_file");
+    const SecretFile file(name, std::filesystem::path());
+    const bool own = file.isCredential() || isOwnersAlone(file.path());
+    const std::string key = own ? file.read(place, findings_) : std::string();
+    if (findings_.hasErrorAt(place)) return;
+    if (key.size() < kNonceKeyMin) {
+      return findings_.error(place, "expected a file of " + std::to_string(kNonceKeyMin) + " to " +
+                                        std::to_string(SecretFile::kMost) +
+                                        " bytes that nobody but its owner may read, not " +
+                                        file.path().string());
     }
     result_.kavro.nonceKey = hexDigest(DigestAlgorithm::SHA256, {key}).text();
   }
 
+  static bool isOwnersAlone(const std::filesystem::path& file) {
+    using std::filesystem::perms;
+    std::error_code error;
+    const auto facts = std::filesystem::status(file, error);
+    return !error && is_regular_file(facts) &&
+           (facts.permissions() & (perms::group_all | perms::others_all)) == perms::none;
+  }
+
+  // Takes a secret from the file that is named for it; without one it stays as it is.
+  void readSecret(const std::string& file, const Place& place, const TextRule& rule,
+                  std::string& secret) {
+    if (file.empty()) return;
+    const SecretFile source(file, folder_);
+    std::string content = source.readLine(place, findings_);
+    if (findings_.hasErrorAt(place)) return;
+    if (content.empty() || !rule.holds(content)) {
+      return findings_.error(place,
+                             source.path().string() + ": expected one line: " + rule.expected);
+    }
+    secret = std::move(content);
+  }
+
   void addDevice(const toml::table& table, const Place& at) {
     DeviceEntry entry;
-    readTable(table, kDeviceKeys, at, entry);
+    readTable(table, kDeviceKeys, at, entry, findings_);
     parseDeviceUrl(entry.url, entry);
     indexes_.add(entry.index, placeOfKey(table, at, "index"));
     if (entry.httpPort != 0) ports_.add(entry.httpPort, placeOfKey(table, at, "http_port"));
-    if (entry.username.empty() && !entry.password.empty()) {
-      placeOfKey(table, at, "username").fail("expected a name to go with the password");
+    const Place file = placeOfKey(table, at, "password_file");
+    if (!entry.password.empty() && !entry.passwordFile.empty()) {
+      findings_.error(file, "expected either password or password_file");
     }
-    result_.devices.push_back(std::move(entry));
+    readSecret(entry.passwordFile, file, kDevicePasswordRule, entry.password);
+    if (entry.username.empty() && !entry.password.empty()) {
+      findings_.error(placeOfKey(table, at, "username"), "expected a name to go with the password");
+    }
+    warnAboutExample(entry.password, placeOfKey(table, at, "password"));
+    result_.devices.push_back(entry);
+    entries_.devices.push_back(std::move(entry));
   }
 
   void addUser(const toml::table& table, const Place& at) {
     UserEntry entry;
     entry.algorithm = result_.kavro.algorithm;
-    readTable(table, kUserKeys, at, entry);
+    readTable(table, kUserKeys, at, entry, findings_);
     names_.add(entry.name, placeOfKey(table, at, "name"));
-    if (entry.password.empty() == entry.ha1.empty()) {
-      placeOfKey(table, at, "password").fail("expected either password or ha1");
+    entries_.users.push_back(entry);
+    makeHa1(table, at, entry);
+    warnAboutExample(entry.password, placeOfKey(table, at, "password"));
+    warnAboutMissingDevices(entry, table, at);
+    result_.users.push_back(std::move(entry));
+  }
+
+  // Of one of the four keys that say it.
+  void makeHa1(const toml::table& table, const Place& at, UserEntry& entry) {
+    const char* const keys[] = {"password", "password_file", "ha1", "ha1_file"};
+    if (std::ranges::count_if(keys, [&](const char* key) { return table.contains(key); }) != 1) {
+      return findings_.absence(
+          placeOfKey(table, at, "password"),
+          "expected either password or ha1, or one of password_file and ha1_file");
     }
+    readSecret(entry.passwordFile, placeOfKey(table, at, "password_file"), kPasswordRule,
+               entry.password);
+    readSecret(entry.ha1File, placeOfKey(table, at, "ha1_file"), kHa1Rule, entry.ha1);
     const DigestAlgorithm algorithm = entry.algorithm;
     const auto ha1 = [&](DigestAlgorithm each) {
       return std::string(hexDigest(each, {entry.name, result_.kavro.realm, entry.password}).text());
     };
-    if (entry.ha1.empty()) {
+    if (!entry.password.empty()) {
       entry.ha1 = ha1(algorithm);
       if (algorithm == DigestAlgorithm::MD5) entry.strongHa1 = ha1(DigestAlgorithm::SHA256);
     }
-    if (entry.ha1.size() != hexLength(algorithm)) {
-      placeOfKey(table, at, "ha1")
-          .fail("expected " + std::to_string(hexLength(algorithm)) + " hexadecimal digits, a " +
-                std::string(algorithmName(algorithm)) + " digest");
+    const Place place = placeOfKey(table, at, entry.ha1File.empty() ? "ha1" : "ha1_file");
+    if (!entry.ha1.empty() && entry.ha1.size() != hexLength(algorithm)) {
+      findings_.error(place, "expected " + std::to_string(hexLength(algorithm)) +
+                                 " hexadecimal digits, a " + std::string(algorithmName(algorithm)) +
+                                 " digest");
     }
     std::transform(entry.ha1.begin(), entry.ha1.end(), entry.ha1.begin(),
                    [](char c) { return c >= 'A' && c <= 'F' ? char(c - 'A' + 'a') : c; });
-    result_.users.push_back(std::move(entry));
   }
 
-  void warnAboutMissingDevices() const {
-    const auto warn = [this](const UserConfig& user, const std::string& device) {
-      if (result_.findDevice(device)) return;
-      logWarn("{}: the user \"{}\" may use the device \"{}\", which is not configured", file_,
-              user.name, device);
+  void warnAboutExample(std::string_view password, const Place& place) {
+    if (password != kExamplePassword) return;
+    findings_.warning(place, "is the one of the example, which everybody knows: choose another");
+  }
+
+  void warnAboutMissingDevices(const UserConfig& user, const toml::table& table, const Place& at) {
+    const auto warn = [&](const std::string& device, const char* key) {
+      if (device.empty() || indexes_.has(device)) return;
+      findings_.warning(placeOfKey(table, at, key), "the user \"" + user.name +
+                                                        "\" may use the device \"" + device +
+                                                        "\", which is not configured");
     };
-    for (const UserConfig& user : result_.users) {
-      warn(user, user.device);
-      for (const std::string& device : user.devices) warn(user, device);
-    }
+    warn(user.device, "device");
+    for (const std::string& device : user.devices) warn(device, "devices");
   }
 
-  const std::string& file_;
+  void warnAboutHttps() {
+    const bool proxied = !result_.http.trustedProxies.empty();
+    if (!result_.network.httpsEnabled || proxied) return;
+    findings_.warning(placeIn("network", "https_enabled"),
+                      "clients are told that port " + std::to_string(result_.network.httpsPort) +
+                          " speaks HTTPS, where the gateway itself does not listen: put a proxy "
+                          "there and name it in http.trusted_proxies, or say false");
+  }
+
+  const std::filesystem::path folder_;
   const toml::table& root_;
+  Findings& findings_;
   Configuration result_;
-  Distinct<std::string> names_;
-  Distinct<std::string> indexes_;
-  Distinct<uint16_t> ports_;
+  Entries entries_;
+  Distinct<std::string> names_{findings_};
+  Distinct<std::string> indexes_{findings_};
+  Distinct<uint16_t> ports_{findings_};
 };
 
-// How often a line names a part of a part, strings and comments aside. The TOML library recurses
-// for each part of a key and bounds only arrays and inline tables; no key of ours has many.
-constexpr int kDotsInALine = 8;
-
-// The text from the end of the string that it begins with; empty when that has no end.
-std::string_view afterString(std::string_view text) {
-  const char quote = text[0];
-  for (std::size_t i = 1; i < text.size(); ++i) {
-    if (text[i] == quote) return text.substr(i + 1);
-    if (text[i] == '\\' && quote == '"') ++i;
-  }
-  return {};
+std::string joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) text += (text.empty() ? "" : "\n") + line;
+  return text;
 }
 
-void checkLine(std::string_view line, const Place& place) {
-  int dots = 0;
-  while (!line.empty() && line[0] != '#') {
-    if (line.starts_with("\"\"\"") || line.starts_with("'''")) {
-      place.fail("expected strings of one line");
-    }
-    dots += line[0] == '.' ? 1 : 0;
-    const bool string = line[0] == '"' || line[0] == '\'';
-    line = string ? afterString(line) : line.substr(1);
-  }
-  if (dots > kDotsInALine) place.fail("expected a key of fewer parts");
+bool holdsSecrets(const Configuration& read) {
+  return !read.users.empty() || std::ranges::any_of(read.devices, [](const DeviceConfig& device) {
+    return !device.password.empty();
+  });
 }
 
-void checkLines(std::string_view content, const std::string& file) {
-  toml::source_index number = 0;
-  while (!content.empty()) {
-    const std::size_t end = std::min(content.find('\n'), content.size());
-    checkLine(content.substr(0, end), Place{file, ++number, ""});
-    content.remove_prefix(std::min(end + 1, content.size()));
+[[noreturn]] void fail(const std::string& line) { throw ConfigurationError({line}); }
+
+// Reads it all and hands what it found to `take`, while the file's tables still stand.
+template <class Take>
+auto examined(std::string_view content, const std::string& name, Take take) {
+  Findings findings(name);
+  const toml::table root = parseToml(content, findings);
+  FileReader reader(std::filesystem::path(name).parent_path(), root, findings);
+  auto result = reader.read();
+  if (findings.hasErrors()) throw ConfigurationError(findings.errors());
+  return take(std::move(result), reader.entries(), findings);
+}
+
+std::string contentOfFile(const std::filesystem::path& file) {
+  std::string content;
+  try {
+    content = contentOf(file, kConfigurationFileBytes);
+  } catch (const std::system_error& error) {
+    fail(file.string() + ": cannot be read: " + error.code().message());
+  }
+  if (content.size() <= kConfigurationFileBytes) return content;
+  fail(file.string() + ": expected at most " + std::to_string(kConfigurationFileBytes) + " bytes");
+}
+
+// The value of a member as --print shows it.
+template <class Value>
+std::string printed(const Value& value) {
+  if constexpr (std::is_same_v<Value, std::string>) return value;
+  return tomlText(value);
+}
+
+// Collects what a key of one section has in some entries of it.
+template <class S, std::size_t N>
+void collect(const Key<S> (&keys)[N], std::string_view name, const auto& entries,
+             std::optional<std::vector<std::string>>& values) {
+  const auto key = std::ranges::find(keys, name, &Key<S>::name);
+  if (key == std::end(keys) || key->traits.secret) return;
+  values.emplace();
+  for (const S& entry : entries) {
+    std::visit([&](auto member) { values->push_back(printed(entry.*member)); }, key->member);
   }
 }
 
 }  // namespace
 
+ConfigurationError::ConfigurationError(std::vector<std::string> lines)
+    : std::runtime_error(joined(lines)), lines_(std::move(lines)) {}
+
+ReadConfiguration examineConfiguration(const std::filesystem::path& file) {
+  return examined(
+      contentOfFile(file), file.string(),
+      [&](Configuration read, const Entries&, Findings& findings) {
+        if (isReadableByOthers(file) && holdsSecrets(read)) {
+          findings.warning(
+              {}, "everybody may read it, and it holds passwords: chmod o-rwx " + file.string());
+        }
+        return ReadConfiguration{std::move(read), findings.warnings()};
+      });
+}
+
 Configuration readConfiguration(const std::filesystem::path& file) {
-  const Place place{file.native(), 0, ""};
-  const std::string content = contentOf(file, place);
-  if (content.size() > kConfigurationFileBytes) {
-    place.fail("expected at most " + std::to_string(kConfigurationFileBytes) + " bytes");
-  }
-  return parseConfiguration(content, file.string());
+  ReadConfiguration read = examineConfiguration(file);
+  for (const std::string& line : read.warnings) logWarn("{}", line);
+  return std::move(read.configuration);
 }
 
 Configuration parseConfiguration(std::string_view content, const std::string& name) {
-  checkLines(content, name);
-  try {
-    const toml::table root = toml::parse(content, name);
-    return FileReader(name, root).read();
-  } catch (const toml::parse_error& error) {
-    Place{name, error.source().begin.line, ""}.fail(std::string(error.description()));
-  }
+  return examined(content, name,
+                  [](Configuration read, const Entries&, const Findings&) { return read; });
+}
+
+std::optional<std::vector<std::string>> configuredValues(const std::filesystem::path& file,
+                                                         std::string_view key) {
+  const std::size_t dot = std::min(key.find('.'), key.size());
+  const std::string_view name = key.substr(std::min(dot + 1, key.size()));
+  std::optional<std::vector<std::string>> values;
+  examined(contentOfFile(file), file.string(),
+           [&](const Configuration& read, const Entries& entries, const Findings&) {
+             const std::string_view section = key.substr(0, dot);
+             forEachSection([&](std::string_view each, auto, const auto& keys, auto member) {
+               if (each == section) collect(keys, name, std::span(&(read.*member), 1), values);
+             });
+             if (section == "users") collect(kUserKeys, name, entries.users, values);
+             if (section == "devices") collect(kDeviceKeys, name, entries.devices, values);
+             return 0;
+           });
+  return values;
+}
+
+std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next) {
+  std::vector<std::string> kept;
+  forEachSection([&](std::string_view section, auto, const auto& keys, auto sectionMember) {
+    for (const auto& key : keys) {
+      if (!key.traits.restart) continue;
+      std::visit(
+          [&](auto member) {
+            auto& wanted = next.*sectionMember.*member;
+            const auto& current = inForce.*sectionMember.*member;
+            if (wanted == current) return;
+            wanted = current;
+            kept.push_back(std::string(section) + '.' + std::string(key.name));
+          },
+          key.member);
+    }
+  });
+  return kept;
+}
+
+std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after) {
+  std::vector<std::string> changed;
+  forEachSection([&](std::string_view section, auto, const auto& keys, auto sectionMember) {
+    for (const auto& key : keys) {
+      const bool same = std::visit(
+          [&](auto member) {
+            return before.*sectionMember.*member == after.*sectionMember.*member;
+          },
+          key.member);
+      if (!same) changed.push_back(std::string(section) + '.' + std::string(key.name));
+    }
+  });
+  if (before.users != after.users) changed.emplace_back("users");
+  if (before.devices != after.devices) changed.emplace_back("devices");
+  return changed;
 }
 
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {
   if (!inForce.findUser(kAdministrator) || next.findUser(kAdministrator)) return;
-  Place{file, 0, ""}.fail("expected the user \"" + std::string(kAdministrator) +
-                          "\", without whom a running gateway would serve nobody");
+  fail(file + ": expected the user \"" + std::string(kAdministrator) +
+       "\", without whom a running gateway would serve nobody");
 }
 
 }  // namespace qn

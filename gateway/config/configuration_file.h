@@ -1,28 +1,60 @@
-// Reads the configuration file. Called by the host at start, on SIGHUP and for --check-config.
+// Reads the configuration file. Called by the host at start, on SIGHUP, for --check-config and for
+// --print.
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "gateway/config/configuration.h"
 
 namespace qn {
 
-// The text is "FILE:LINE: KEY: expected ...", as far as line and key are known.
+// Every error of the file, a line each: "FILE:LINE:COLUMN: KEY: expected ...", as far as they are
+// known.
 class ConfigurationError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  explicit ConfigurationError(std::vector<std::string> lines);
+
+  const std::vector<std::string>& lines() const { return lines_; }
+
+ private:
+  std::vector<std::string> lines_;
 };
 
 // A larger file is refused.
 inline constexpr std::size_t kConfigurationFileBytes = 4 * 1024 * 1024;
 
-// Everything is checked: throws ConfigurationError at the first fault. What may be meant so is only
-// logged as a warning: a user whose device is not configured.
+struct ReadConfiguration {
+  Configuration configuration;
+  std::vector<std::string> warnings;  // what is probably not meant so, as ConfigurationError has it
+};
+
+// Everything is checked: throws ConfigurationError with all faults.
+ReadConfiguration examineConfiguration(const std::filesystem::path& file);
+
+// The same, where the warnings go to the log.
 Configuration readConfiguration(const std::filesystem::path& file);
 
-// The same for a file's content; `name` stands for the file in errors.
+// The same for a file's content; `name` stands for the file in errors, and names the folder that
+// relative paths begin at.
 Configuration parseConfiguration(std::string_view content, const std::string& name);
+
+// The values of a key as the file puts them in force, defaults included: text as it stands, all
+// else as TOML. One for each user or device for "users.KEY" and "devices.KEY". Nothing for a key
+// that does not exist or whose value is a secret. Throws ConfigurationError.
+std::optional<std::vector<std::string>> configuredValues(const std::filesystem::path& file,
+                                                         std::string_view key);
+
+// Gives `next` the values of `inForce` for the keys that need a restart; returns the names of those
+// that it has changed.
+std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next);
+
+// The names of the keys, and of the lists, whose values differ.
+std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after);
 
 // Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
 // it would take the administrator away, as an empty file does. Whoever is writing it has not

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <string>
 
@@ -51,17 +52,16 @@ bool isNetwork(std::string_view text) {
   return isAddress(address) && bits && *bits <= (isIPv6(address) ? 128u : 32u);
 }
 
-bool isLevel(std::string_view text) {
-  return text == "debug" || text == "info" || text == "warn" || text == "error";
-}
+constexpr std::string_view kLevels[] = {"debug", "info", "warn", "error"};
+constexpr std::string_view kLogFormats[] = {"text", "json"};
+constexpr std::string_view kAccesses[] = {"none", "errors", "all"};
+constexpr std::string_view kAlgorithms[] = {"MD5", "SHA-256"};
+constexpr std::string_view kDeviceAuths[] = {"digest", "basic", "any"};
+constexpr std::string_view kWhenFulls[] = {"refuse", "drop_oldest"};
 
-bool isLogFormat(std::string_view text) { return text == "text" || text == "json"; }
-
-bool isAccess(std::string_view text) { return text == "none" || text == "errors" || text == "all"; }
-
-bool isAlgorithm(std::string_view text) {
-  return text == algorithmName(DigestAlgorithm::MD5) ||
-         text == algorithmName(DigestAlgorithm::SHA256);
+template <const auto& kChoices>
+bool isOneOf(std::string_view text) {
+  return std::ranges::find(kChoices, text) != std::end(kChoices);
 }
 
 bool isRealm(std::string_view text) {
@@ -87,17 +87,11 @@ bool isDeviceUrl(std::string_view text) {
   return parseDeviceUrl(text, device);
 }
 
-bool isDeviceAuth(std::string_view text) {
-  return text == "digest" || text == "basic" || text == "any";
-}
-
 bool isDeviceUser(std::string_view text) { return isPlain(text, kNameBytes) && hasNone(text, ":"); }
 
 bool isDevicePassword(std::string_view text) { return isPlain(text, kPasswordBytes); }
 
 bool isPath(std::string_view text) { return !text.empty() && isPlain(text, 4096); }
-
-bool isWhenFull(std::string_view text) { return text == "refuse" || text == "drop_oldest"; }
 
 bool isHostName(std::string_view text) {
   constexpr std::string_view kAlphabet =
@@ -124,17 +118,30 @@ bool readPort(std::string_view text, uint16_t& port) {
   return text.size() > 1 && text[0] == ':' && error == std::errc() && end == last && port != 0;
 }
 
+// What may stand behind "Bearer"; or none.
+bool isToken(std::string_view text) {
+  constexpr std::size_t kShortest = 16;
+  constexpr std::size_t kLongest = 256;
+  const auto allowed = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+           std::string_view("-._~+/=").find(c) != std::string_view::npos;
+  };
+  return text.empty() || (text.size() >= kShortest && text.size() <= kLongest &&
+                          std::ranges::all_of(text, allowed));
+}
+
 }  // namespace
 
 const TextRule kAddressRule{isAddress, "an IP address"};
 const TextRule kNetworkRule{isNetwork, "an IP address or a network ADDRESS/BITS"};
-const TextRule kLevelRule{isLevel, "\"debug\", \"info\", \"warn\" or \"error\""};
-const TextRule kLogFormatRule{isLogFormat, "\"text\" or \"json\""};
-const TextRule kAccessRule{isAccess, "\"none\", \"errors\" or \"all\""};
-const TextRule kAlgorithmRule{isAlgorithm, "\"MD5\" or \"SHA-256\""};
+const TextRule kLevelRule{isOneOf<kLevels>, "\"debug\", \"info\", \"warn\" or \"error\"", kLevels};
+const TextRule kLogFormatRule{isOneOf<kLogFormats>, "\"text\" or \"json\"", kLogFormats};
+const TextRule kAccessRule{isOneOf<kAccesses>, "\"none\", \"errors\" or \"all\"", kAccesses};
+const TextRule kAlgorithmRule{isOneOf<kAlgorithms>, "\"MD5\" or \"SHA-256\"", kAlgorithms};
 const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};
 const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
+const TextRule kTokenRule{isToken, "16 to 256 letters, digits and -._~+/="};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
 const TextRule kDeviceIndexRule{
     isDeviceIndex, "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
@@ -143,9 +150,12 @@ const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};
 const TextRule kDevicePasswordRule{isDevicePassword,
                                    "at most 256 bytes without control characters"};
-const TextRule kDeviceAuthRule{isDeviceAuth, "\"digest\", \"basic\" or \"any\""};
+const TextRule kDeviceAuthRule{isOneOf<kDeviceAuths>, "\"digest\", \"basic\" or \"any\"",
+                               kDeviceAuths};
 const TextRule kPathRule{isPath, "a path"};
-const TextRule kWhenFullRule{isWhenFull, "\"refuse\" or \"drop_oldest\""};
+const TextRule kSecretFileRule{isPath,
+                               "a path, or \"credential:NAME\" for one of the service manager's"};
+const TextRule kWhenFullRule{isOneOf<kWhenFulls>, "\"refuse\" or \"drop_oldest\"", kWhenFulls};
 
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   constexpr std::string_view kScheme = "http://";
@@ -158,6 +168,14 @@ bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   device.basePath = path;
   return takeHost(authority, device.host) && readPort(authority, device.port) &&
          hasNone(path, "?#") && std::all_of(path.begin(), path.end(), isVisible);
+}
+
+bool isLoopback(std::string_view text) {
+  const std::string address(text);
+  in_addr four{};
+  in6_addr six{};
+  if (inet_pton(AF_INET, address.c_str(), &four) == 1) return ntohl(four.s_addr) >> 24 == 127;
+  return inet_pton(AF_INET6, address.c_str(), &six) == 1 && IN6_IS_ADDR_LOOPBACK(&six);
 }
 
 }  // namespace qn

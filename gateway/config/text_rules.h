@@ -1,6 +1,7 @@
 // What the texts of the configuration file must look like. Used by the key tables.
 #pragma once
 
+#include <span>
 #include <string_view>
 
 #include "gateway/config/configuration.h"
@@ -9,7 +10,8 @@ namespace qn {
 
 struct TextRule {
   bool (*holds)(std::string_view text);
-  const char* expected;  // follows "expected "
+  const char* expected;                            // follows "expected "
+  std::span<const std::string_view> choices = {};  // all that holds, where these are few
 };
 
 extern const TextRule kAddressRule;
@@ -28,7 +30,12 @@ extern const TextRule kDeviceUserRule;
 extern const TextRule kDevicePasswordRule;
 extern const TextRule kDeviceAuthRule;
 extern const TextRule kPathRule;
+extern const TextRule kSecretFileRule;
+extern const TextRule kTokenRule;
 extern const TextRule kWhenFullRule;
+
+// Whether only this machine reaches the address.
+bool isLoopback(std::string_view address);
 
 // Sets host, port and basePath of the device; false when the text breaks kDeviceUrlRule.
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device);

@@ -9,6 +9,7 @@
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/config/configuration.h"
 #include "gateway/http/header_lines.h"
+#include "gateway/http/request_id.h"
 #include "gateway/log/log.h"
 #include "text/ascii.h"
 
@@ -72,7 +73,8 @@ bool isClean(std::string_view text) {
 
 // These are the service's to set.
 bool isOwnHeader(std::string_view name) {
-  for (std::string_view own : {"Content-Length", "Connection", "Date", "Transfer-Encoding"}) {
+  for (std::string_view own :
+       {"Content-Length", "Connection", "Date", "Transfer-Encoding", "X-Request-Id"}) {
     if (text::equalNoCase(name, own)) return true;
   }
   return false;
@@ -103,6 +105,7 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
+      requestId_(qn::requestIdOf(head.fields)),
       origin_(std::move(origin)),
       fields_(head.fields) {}
 
@@ -119,6 +122,14 @@ std::string ExchangeState::header(std::string_view name) const {
   return misused ? std::string() : std::string(value);
 }
 
+std::string ExchangeState::bearerToken() const {
+  constexpr std::string_view kScheme = "Bearer ";
+  const qn::MutexLock lock(mutex_);
+  const std::string_view value = qn::findHeader(fields_, "Authorization").value;
+  const bool bears = qn::text::equalNoCase(value.substr(0, kScheme.size()), kScheme);
+  return std::string(bears ? value.substr(kScheme.size()) : std::string_view());
+}
+
 void ExchangeState::setLogin(qn::LoggedIn who) {
   const qn::MutexLock lock(mutex_);
   login_ = std::move(who);
@@ -127,6 +138,11 @@ void ExchangeState::setLogin(qn::LoggedIn who) {
 std::string ExchangeState::user() const {
   const qn::MutexLock lock(mutex_);
   return login_.user;
+}
+
+qn::LoggedIn ExchangeState::login() const {
+  const qn::MutexLock lock(mutex_);
+  return login_;
 }
 
 bool ExchangeState::isStillAllowed() const {
@@ -154,6 +170,11 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
 void ExchangeState::setStatus(int status) {
   const qn::MutexLock lock(mutex_);
   status_ = status >= 200 && status <= 999 ? status : 500;
+}
+
+int ExchangeState::status() const {
+  const qn::MutexLock lock(mutex_);
+  return status_;
 }
 
 void ExchangeState::markStream() {
@@ -200,6 +221,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
     if (parts_.size() + inWriting_ + size > kStreamQueue) {
       accepted = 0;
     } else if (length > 0) {
+      ++partCount_;
       hasParts_ = true;
       parts_.append(before).append(static_cast<const char*>(data), size - before.size());
       wakes = !std::exchange(wakePending_, true);
@@ -209,6 +231,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
   if (!link) return HTTP_LINK_BROKEN;
   if (opens) link->openStream(shared_from_this());
   if (wakes) link->wakeStream();
+  if (accepted < length) link->partDropped();
   return accepted;
 }
 
@@ -245,13 +268,16 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
+  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   if (ending == qn::Ending::Close) {
     out += "Connection: close\r\n";
   } else if (http10_) {
     out += "Connection: keep-alive\r\n";
   }
   const bool bodyless = qn::hasNoBody(status_);
-  if (!bodyless) qn::appendContentLength(out, body.size());
+  // What a device says to HEAD does not tell how long its answer to GET would be.
+  const bool unknown = method_ == HTTP_HEAD && body.empty();
+  if (!bodyless && !unknown) qn::appendContentLength(out, body.size());
   out += "\r\n";
   if (!bodyless && method_ != HTTP_HEAD) out += body;
 }
@@ -261,6 +287,7 @@ void ExchangeState::appendStreamHead(std::string& out) const {
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
+  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   out += "Connection: close\r\n\r\n";
 }
 
@@ -270,15 +297,17 @@ bool ExchangeState::takeParts(std::string& out) {
   if (parts_.empty()) return false;
   out.swap(parts_);
   inWriting_ = out.size();
+  partsInWriting_ = std::exchange(partCount_, 0);
   return true;
 }
 
-void ExchangeState::partsSent() {
+std::size_t ExchangeState::partsSent() {
   const qn::MutexLock lock(mutex_);
   inWriting_ = 0;
+  return std::exchange(partsInWriting_, 0);
 }
 
-void ExchangeState::detach() {
+std::size_t ExchangeState::detach() {
   clientEnded();
   answered_ = true;
   qn::ExchangeRegistry::instance().erase(handle_);
@@ -286,6 +315,7 @@ void ExchangeState::detach() {
   const qn::MutexLock lock(mutex_);
   gone_ = true;
   parts_.swap(parts);
+  return std::exchange(partCount_, 0) + std::exchange(partsInWriting_, 0);
 }
 
 CHttpExchange::CHttpExchange(int handle) : state_(ExchangeState::find(handle)) {}

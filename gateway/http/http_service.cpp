@@ -14,11 +14,12 @@ HttpService::HttpService(Reactors& reactors, HttpWorkers workers, const HttpOpti
                          std::vector<OwnResource> resources)
     : core_(std::make_shared<ServiceCore>(reactors, workers, options, bounds, module,
                                           std::move(resources))),
-      ports_(std::make_shared<Ports>(core_)) {}
+      ports_(std::make_shared<Ports>(core_, options.address)),
+      configuredPort_(options.port) {}
 
 HttpService::~HttpService() { close(); }
 
-void HttpService::listen() { mainPort_ = ports_->openMain(core_->options.port); }
+void HttpService::listen() { mainPort_ = ports_->openMain(configuredPort_); }
 
 void HttpService::stopAccepting() {
   core_->stopping = true;
@@ -38,7 +39,10 @@ void HttpService::close() {
   onEachConnection(&OpenConnection::close);
 }
 
-void HttpService::limitConnections(std::size_t most) { core_->limitConnections(most); }
+void HttpService::setOptions(const HttpOptions& options) {
+  mainPort_ = ports_->move(options.address, options.port);
+  core_->setOptions(options);
+}
 
 void HttpService::closeForbiddenStreams() { onEachConnection(&OpenConnection::closeUnlessAllowed); }
 

@@ -39,8 +39,17 @@ class HttpService {
   // Whether connections to that port come here; after listen().
   bool serves(uint16_t port) const { return ports_->serves(port); }
 
-  // In place of the options' number; connections beyond it stay until they end.
-  void limitConnections(std::size_t most);
+  // Puts others in force. Moves to another address and port first: when it cannot listen there, it
+  // throws as listen() does, and nothing has changed. Connections stay; limits hold for what comes
+  // from now on. Then call setExtraPorts().
+  void setOptions(const HttpOptions& options);
+  // What it has counted, and what it holds about now; neither takes a lock.
+  const Sharded<HttpCounts>& counts() const { return core_->counts; }
+  ServiceLoad load() const { return core_->load(); }
+  // Some of the open streams.
+  std::vector<StreamList::Entry> streams(std::size_t most) const {
+    return core_->streams.some(most);
+  }
 
   // Closes the streams of those whom the configuration in force does not allow them any more.
   void closeForbiddenStreams();
@@ -57,6 +66,7 @@ class HttpService {
 
   const std::shared_ptr<ServiceCore> core_;
   const std::shared_ptr<Ports> ports_;
+  const uint16_t configuredPort_;  // for listen()
   std::atomic<uint16_t> mainPort_{0};
 };
 

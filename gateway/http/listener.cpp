@@ -15,12 +15,12 @@ namespace qn {
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-Listener::Listener(std::shared_ptr<ServiceCore> core, uint16_t port, Access access)
+Listener::Listener(std::shared_ptr<ServiceCore> core, const std::string& text, uint16_t port,
+                   Access access)
     : core_(std::move(core)),
       access_(access),
       acceptor_(core_->reactors.context(0)),
       timer_(core_->reactors.context(0)) {
-  const std::string& text = core_->options.address;
   const auto check = [&](const error_code& ec) {
     if (ec)
       throw std::system_error(ec, "cannot listen on " + text + " port " + std::to_string(port));
@@ -87,15 +87,17 @@ bool Listener::waitForPlace(std::size_t reactor, TcpStream& stream) {
 }
 
 void Listener::serve(std::size_t reactor, TcpStream stream) try {
+  core_->counts.here().accepted.add();
   error_code ec;
   Arrival arrival{{}, plainAddress(stream.remote_endpoint(ec).address()), port_, access_};
   if (ec) return;  // gone already
   // Who comes through a trusted proxy is many clients.
   const auto client =
-      core_->trusted.contains(arrival.peer) ? asio::ip::address() : clientNetwork(arrival.peer);
+      core_->trusted().contains(arrival.peer) ? asio::ip::address() : clientNetwork(arrival.peer);
   if (!core_->places.take(client, arrival.place)) {
+    core_->counts.here().turnedAway.add();
     const std::string peer = arrival.peer.to_string();
-    logClient(peer, "connection from {} refused: too many are open", peer);
+    logClient(LogLevel::Warn, peer, "connection from {} refused: too many are open", peer);
     if (!core_->refusals.take(client, arrival.place)) return;  // too many to be told so: closed
     arrival.access = Access::Nothing;
   }
@@ -115,14 +117,73 @@ void Listener::pause() {
   });
 }
 
-Ports::Ports(std::shared_ptr<ServiceCore> core)
-    : core_(std::move(core)), timer_(core_->reactors.context(0)) {}
+Ports::Ports(std::shared_ptr<ServiceCore> core, std::string address)
+    : core_(std::move(core)), timer_(core_->reactors.context(0)), address_(std::move(address)) {}
 
 uint16_t Ports::openMain(uint16_t port) {
   const MutexLock lock(mutex_);
-  main_ = std::make_shared<Listener>(core_, port, Access::Everything);
-  main_->start();
+  main_ = opened(port, Access::Everything);
   return main_->port();
+}
+
+Ports::ListenerPtr Ports::opened(uint16_t port, Access access) {
+  auto listener = std::make_shared<Listener>(core_, address_, port, access);
+  listener->start();
+  return listener;
+}
+
+// Nothing is closed with the mutex held: a timer may be waiting for it on the first reactor.
+uint16_t Ports::move(const std::string& address, uint16_t port) {
+  const auto former = holderOf(address, port);
+  if (!former) return port;
+  if (former->inTheWay) closeAll({former->inTheWay});
+  Listeners unused;
+  try {
+    const MutexLock lock(mutex_);
+    address_ = address;
+    unused = replaceMain(opened(port, Access::Everything), address != former->address);
+  } catch (...) {
+    const MutexLock lock(mutex_);
+    address_ = former->address;
+    wanted_ = former->wanted;
+    if (former->inTheWay) putBack(*former->inTheWay);
+    throw;
+  }
+  closeAll(unused);
+  const MutexLock lock(mutex_);
+  return main_->port();
+}
+
+// Nothing when the main port is there already. Two listeners of one port are in each other's way,
+// whatever their addresses.
+std::optional<Ports::Former> Ports::holderOf(const std::string& address, uint16_t port) {
+  const MutexLock lock(mutex_);
+  if (!main_ || (address == address_ && port == main_->port())) return std::nullopt;
+  const auto wanted = wanted_;
+  wanted_.erase(port);  // until setExtra()
+  const auto extra = extra_.find(port);
+  ListenerPtr inTheWay = extra == extra_.end() ? nullptr : extra->second;
+  return Former{address_, wanted, main_->port() == port ? main_ : inTheWay};
+}
+
+// Returns what is to be closed: the other ports come again with setExtra() where all move.
+Ports::Listeners Ports::replaceMain(ListenerPtr next, bool allMove) {
+  Listeners unused{std::exchange(main_, std::move(next))};
+  std::erase_if(extra_, [&](const auto& entry) {
+    const bool goes = allMove || entry.first == main_->port();
+    if (goes) unused.push_back(entry.second);
+    return goes;
+  });
+  return unused;
+}
+
+void Ports::putBack(const Listener& closed) {
+  auto again = opened(closed.port(), closed.access());
+  if (main_->port() == closed.port()) {
+    main_ = std::move(again);
+  } else {
+    extra_[closed.port()] = std::move(again);
+  }
 }
 
 void Ports::openExtra(uint16_t port, Access access) {
@@ -130,11 +191,7 @@ void Ports::openExtra(uint16_t port, Access access) {
   if (!isOpen(port)) open(port, access);
 }
 
-void Ports::open(uint16_t port, Access access) {
-  auto listener = std::make_shared<Listener>(core_, port, access);
-  listener->start();
-  extra_.emplace(port, std::move(listener));
-}
+void Ports::open(uint16_t port, Access access) { extra_.emplace(port, opened(port, access)); }
 
 bool Ports::isOpen(uint16_t port) const {
   return extra_.contains(port) || (main_ && main_->port() == port);

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
+#include <string>
 #include <vector>
 
 #include "gateway/http/client_connection.h"
@@ -20,7 +22,8 @@ namespace qn {
 class Listener : public std::enable_shared_from_this<Listener> {
  public:
   // Listens at once, accepts after start(). Throws std::system_error.
-  Listener(std::shared_ptr<ServiceCore> core, uint16_t port, Access access);
+  Listener(std::shared_ptr<ServiceCore> core, const std::string& address, uint16_t port,
+           Access access);
 
   uint16_t port() const { return port_; }
   Access access() const { return access_; }
@@ -45,12 +48,17 @@ class Listener : public std::enable_shared_from_this<Listener> {
 // All ports. Any thread but a reactor's, except where a timer calls it.
 class Ports : public std::enable_shared_from_this<Ports> {
  public:
-  explicit Ports(std::shared_ptr<ServiceCore> core);
+  // On this address of the host, as long as move() names no other.
+  Ports(std::shared_ptr<ServiceCore> core, std::string address);
 
   // Opens the main port (0: a free one), which it returns, or a further one that setExtra() will
   // name. Throws std::system_error with the reason.
   uint16_t openMain(uint16_t port);
   void openExtra(uint16_t port, Access access);
+  // Has the main port, and by and by the others, elsewhere. What is connected stays. Throws
+  // std::system_error with the reason when the main port cannot be opened there; everything is
+  // then as it was. Returns the main port.
+  uint16_t move(const std::string& address, uint16_t port);
   // Besides the main port, these from now on and no others. One that is taken is logged and tried
   // again every HttpBounds::reopen.
   void setExtra(const std::map<uint16_t, Access>& wanted);
@@ -60,8 +68,19 @@ class Ports : public std::enable_shared_from_this<Ports> {
   void close();
 
  private:
-  using Listeners = std::vector<std::shared_ptr<Listener>>;
+  using ListenerPtr = std::shared_ptr<Listener>;
+  using Listeners = std::vector<ListenerPtr>;
+  // Before a move.
+  struct Former {
+    std::string address;
+    std::map<uint16_t, Access> wanted;
+    ListenerPtr inTheWay;  // ours on the new port; may be null
+  };
 
+  ListenerPtr opened(uint16_t port, Access access) QN_REQUIRES(mutex_);
+  std::optional<Former> holderOf(const std::string& address, uint16_t port);
+  Listeners replaceMain(ListenerPtr next, bool allMove) QN_REQUIRES(mutex_);
+  void putBack(const Listener& closed) QN_REQUIRES(mutex_);
   void openMissing() QN_REQUIRES(mutex_);
   void open(uint16_t port, Access access) QN_REQUIRES(mutex_);
   bool tryToOpen(uint16_t port, Access access) QN_REQUIRES(mutex_);
@@ -73,6 +92,7 @@ class Ports : public std::enable_shared_from_this<Ports> {
   const std::shared_ptr<ServiceCore> core_;
   boost::asio::steady_timer timer_;  // the first reactor's
   mutable Mutex mutex_;
+  std::string address_ QN_GUARDED_BY(mutex_);
   std::shared_ptr<Listener> main_ QN_GUARDED_BY(mutex_);
   std::map<uint16_t, std::shared_ptr<Listener>> extra_ QN_GUARDED_BY(mutex_);
   std::map<uint16_t, Access> wanted_ QN_GUARDED_BY(mutex_);

@@ -33,6 +33,13 @@ class RequestReader {
   RequestReader(const RequestReader&) = delete;
   RequestReader& operator=(const RequestReader&) = delete;
 
+  // For the next request, of which nothing has been read.
+  void setLimits(std::size_t headLimit, std::size_t bodyLimit) {
+    headLimit_ = headLimit;
+    bodyLimit_ = bodyLimit;
+  }
+  std::size_t headLimit() const { return headLimit_; }
+
   // Empty lines before a request are skipped: their length.
   static std::size_t blankLines(std::string_view bytes);
 
@@ -56,8 +63,8 @@ class RequestReader {
   ReadResult parseHead(std::string_view bytes);
   ReadResult parseWholeHead(std::string_view bytes);
 
-  const std::size_t headLimit_;
-  const std::size_t bodyLimit_;
+  std::size_t headLimit_;
+  std::size_t bodyLimit_;
   std::unique_ptr<RequestParser> parser_;  // null between requests
   RequestHead head_;
   std::size_t headLength_ = 0;

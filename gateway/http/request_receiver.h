@@ -44,13 +44,16 @@ class RequestReceiver {
       : client_(client),
         core_(core),
         taker_(taker),
-        reader_(core.options.headBytes, core.options.bodyBytes) {}
+        reader_(core.options().headBytes, core.options().bodyBytes) {}
 
   // Waits for the first request, or for the next one after an answer.
   void resume() {
     stage_ = Stage::Head;
     timed_ = false;
-    client_.setDeadline(core_.options.idleTime);
+    const HttpOptions& options = core_.options();
+    reader_.setLimits(options.headBytes, options.bodyBytes);
+    idleTime_ = options.idleTime;
+    client_.setDeadline(idleTime_);
     if (advancing_) return;  // the loop goes on
     if (received_.empty()) return read();
     client_.post([this] { advance(); });  // not inside the caller that answered
@@ -60,7 +63,7 @@ class RequestReceiver {
   // Since when nothing of a request is there; nothing otherwise.
   std::optional<std::chrono::steady_clock::time_point> idleSince() const {
     if (stage_ != Stage::Head || timed_ || !received_.empty()) return std::nullopt;
-    return client_.deadline() - core_.options.idleTime;
+    return client_.deadline() - idleTime_;
   }
   // The deadline has come; false when no request is under way.
   bool onDeadline() {
@@ -96,9 +99,7 @@ class RequestReceiver {
 
   static constexpr std::size_t kDiscardedBytes = 4 * 1024 * 1024;
 
-  std::size_t roomForHead() const {
-    return std::max(core_.options.headBytes, ReceiveBuffer::kFirst);
-  }
+  std::size_t roomForHead() const { return std::max(reader_.headLimit(), ReceiveBuffer::kFirst); }
 
   // One read is always under way, as long as there is room; that costs nothing and shows when the
   // peer goes away.
@@ -118,6 +119,7 @@ class RequestReceiver {
     reading_ = false;
     if (stage_ == Stage::Watching) return ec ? client_.end() : waitForPeer();
     received_.commit(count);
+    core_.counts.here().received.add(count);
     if (!ec) return advance();
     // A client may end its side and still wait for the answer.
     if (ec != boost::asio::error::eof || stage_ != Stage::Held) return client_.end();
@@ -150,7 +152,7 @@ class RequestReceiver {
     received_.consume(RequestReader::blankLines(received_.unread()));
     if (received_.empty()) return false;
     const ReadResult result = reader_.readHead(received_.unread());
-    if (result == ReadResult::Partial) return waitForMore(core_.options.headTime);
+    if (result == ReadResult::Partial) return waitForMore(core_.options().headTime);
     if (result != ReadResult::Complete) return refuse(result);
     const RequestHead& head = reader_.head();
     if (head.method == kOtherMethod) return refuse(OwnAnswer::NotImplemented);
@@ -186,7 +188,7 @@ class RequestReceiver {
     if (droppingBody_) reader_.dropBody();
     if (!bodyShare_.set(reader_.body().size()) && !dropBody()) return refuse(OwnAnswer::Overloaded);
     sendContinue();
-    return waitForMore(core_.options.bodyTime);
+    return waitForMore(core_.options().bodyTime);
   }
 
   // One who comes without credentials gets the challenge, which no body changes; so a client's
@@ -260,6 +262,7 @@ class RequestReceiver {
   RequestReader reader_;
   ExchangePtr exchange_;  // of the body that is being read
   MemoryBudget::Share bodyShare_;
+  std::chrono::seconds idleTime_{0};  // that the deadline of an idle connection was set for
   std::size_t discarded_ = 0;
   bool reading_ = false;
   bool advancing_ = false;

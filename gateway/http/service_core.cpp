@@ -14,6 +14,7 @@
 #include "gateway/http/multipart.h"
 #include "gateway/http/part_pusher.h"
 #include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
 
 namespace qn {
@@ -29,9 +30,11 @@ constexpr std::size_t kTakenBackPart = 128;
 constexpr std::chrono::seconds kReactorWait{5};
 
 // A part of the connections, so that their descriptors suffice.
-std::size_t refusalsAtOnce(std::size_t connections) {
-  return std::clamp<std::size_t>(connections / kRefusedPart, 1, kRefusalsAtOnce);
+std::size_t refusalsAtOnce(const HttpOptions& options) {
+  return std::clamp<std::size_t>(options.connections / kRefusedPart, 1, kRefusalsAtOnce);
 }
+
+std::size_t refusalsOfOne(const HttpOptions& options) { return (refusalsAtOnce(options) + 3) / 4; }
 
 // Runs what answers an exchange; whatever it throws, there is an answer.
 template <class Answering>
@@ -44,6 +47,19 @@ void answering(const ExchangePtr& exchange, Answering answer) {
     logError("http: {}: not a std::exception", exchange->url());
   }
   exchange->finish(OwnAnswer::InternalError);
+}
+
+constexpr int kNotFound = 404;
+constexpr std::string_view kDoorPage =
+    "<!DOCTYPE html><html lang=\"en\"><head><meta charset=\"utf-8\"><title>KAVRO gateway</title>"
+    "</head><body><h1>KAVRO gateway</h1><p>There is no page here. Clients of the KAVRO protocol "
+    "connect to this address; what they ask for begins with <code>/KAVRO/</code>, as "
+    "<a href=\"/KAVRO/System/deviceInfo\">/KAVRO/System/deviceInfo</a>.</p></body></html>\n";
+
+// Somebody has typed the gateway's address; clients of the protocol ask for no text/html there.
+bool isBrowserAtTheDoor(const ExchangeState& exchange) {
+  return exchange.url() == "/" && exchange.method() == QNHttpService::HTTP_GET &&
+         exchange.header("Accept").find("text/html") != std::string::npos;
 }
 
 SlowPart slowPartOf(const ExchangeState& exchange) {
@@ -96,26 +112,32 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
                          const HttpBounds& boundsIn, ModuleEntry module,
                          std::vector<OwnResource> resources)
     : reactors(reactorsIn),
-      options(optionsIn),
       bounds(boundsIn),
-      trusted(optionsIn.trustedProxies),
       places(optionsIn.connections, optionsIn.connectionsPerAddress),
-      refusals(refusalsAtOnce(options.connections), (refusalsAtOnce(options.connections) + 3) / 4),
+      refusals(refusalsAtOnce(optionsIn), refusalsOfOne(optionsIn)),
       open(reactorsIn.size()),
+      inForce_(reactorsIn.size(), std::make_shared<const InForce>(optionsIn)),
       workers_(workers),
       module_(module),
       resources_(std::move(resources)),
       bodies_(boundsIn.bodyMemory, boundsIn.bodyMemoryOfOne),
       strangersBodies_(boundsIn.strangersBodies * optionsIn.bodyBytes, optionsIn.bodyBytes),
-      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne) {
+      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne),
+      mostRequests_(optionsIn.requests) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
   }
 }
 
-void ServiceCore::limitConnections(std::size_t most) {
-  places.setAll(most);
-  refusals.setAll(refusalsAtOnce(most));
+void ServiceCore::setOptions(const HttpOptions& options) {
+  const auto next = std::make_shared<const InForce>(options);
+  for (std::size_t i = 0; i < reactors.size(); ++i) {
+    runOn(i, [core = shared_from_this(), next, i] { core->inForce_[i] = next; });
+  }
+  mostRequests_ = options.requests;
+  places.setLimits(options.connections, options.connectionsPerAddress);
+  refusals.setLimits(refusalsAtOnce(options), refusalsOfOne(options));
+  strangersBodies_.setLimits(bounds.strangersBodies * options.bodyBytes, options.bodyBytes);
 }
 
 void ServiceCore::runOn(std::size_t reactor, const std::function<void()>& action) {
@@ -160,7 +182,7 @@ std::size_t ServiceCore::closeLongestIdle(std::size_t reactor) {
     const auto since = connection->idleSince();
     if (since && *since <= latest) idle.emplace_back(*since, connection);
   }
-  const std::size_t most = std::max<std::size_t>(options.connections / kTakenBackPart, 1);
+  const std::size_t most = std::max<std::size_t>(options().connections / kTakenBackPart, 1);
   const std::size_t count = std::min(idle.size(), most);
   std::ranges::nth_element(idle, idle.begin() + static_cast<std::ptrdiff_t>(count));
   for (std::size_t i = 0; i < count; ++i) idle[i].second->close();
@@ -190,8 +212,17 @@ MemoryBudget::Share ServiceCore::answerShare(const address& peer) {
   return MemoryBudget::Share(unsentAnswers_, networkOf(peer));
 }
 
+ServiceLoad ServiceCore::load() const {
+  const auto budget = [](const MemoryBudget& of) {
+    return ServiceLoad::Budget{of.held(), of.most(), of.refusals()};
+  };
+  return {places.taken(),        places.all(),    requestsInFlight(),
+          mostRequests_,         budget(bodies_), budget(strangersBodies_),
+          budget(unsentAnswers_)};
+}
+
 bool ServiceCore::enterRequest() {
-  if (requests_.fetch_add(1) < options.requests) return true;
+  if (requests_.fetch_add(1) < mostRequests_) return true;
   requests_.fetch_sub(1);
   return false;
 }
@@ -211,11 +242,16 @@ void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job jo
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
   if (const OwnResource* resource = findResource(exchange->url())) {
     return queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
+      const RequestIdScope idScope(exchange->requestId());
       answering(exchange, [&] { resource->serve(*exchange); });
     });
   }
   if (access != Access::Everything) {
     exchange->finish(OwnAnswer::NotFound);
+    return;
+  }
+  if (isBrowserAtTheDoor(*exchange)) {
+    exchange->finish(kNotFound, "text/html; charset=utf-8", kDoorPage);
     return;
   }
   switch (slowPartOf(*exchange)) {
@@ -254,8 +290,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   std::optional<FaceBody> face;
   const bool takesPicture = slowPartOf(*exchange) == SlowPart::TakesPicture;
   const std::string contentType = takesPicture ? exchange->header("Content-Type") : std::string();
-  const bool dropped = body.empty() && isAnonymous(*exchange);
-  if (isMultipart(contentType) && !dropped) {
+  const auto wasDropped = [&] { return body.empty() && isAnonymous(*exchange); };
+  if (isMultipart(contentType) && !wasDropped()) {
     face = readFaceBody(contentType, body);
     if (!face) {
       exchange->finish(OwnAnswer::Malformed);
@@ -273,6 +309,7 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int asyncReply = 0;
   std::string answer;
   const AskerScope scope(exchange);
+  const RequestIdScope idScope(exchange->requestId());
   ExchangeLogin login(*exchange);
   const LoginRequest::Scope loginScope(login);
   const int status = module_.process(bodyIsXml, answer, asyncReply, request);

@@ -21,6 +21,8 @@
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
 #include "gateway/http/places.h"
+#include "gateway/http/stream_list.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
@@ -71,6 +73,23 @@ struct Arrival {
   Access access;
 };
 
+// How much of what is bounded is in use.
+struct ServiceLoad {
+  struct Budget {
+    std::size_t bytes;
+    std::size_t most;
+    uint64_t refusals;  // ever
+  };
+
+  std::size_t connections;
+  std::size_t mostConnections;
+  std::size_t requests;  // in flight
+  std::size_t mostRequests;
+  Budget bodies;
+  Budget strangersBodies;
+  Budget answers;
+};
+
 // A connection as the service sees it, on the connection's own reactor only.
 class OpenConnection {
  public:
@@ -92,13 +111,14 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   // access it is. `body` is used before the call returns.
   void handOver(const ExchangePtr& exchange, Access access, std::string_view body);
 
-  void limitConnections(std::size_t most);
   std::size_t nextReactor() { return next_.fetch_add(1) % reactors.size(); }
 
   // A request in flight; false when there are too many.
   bool enterRequest();
   void leaveRequest() { requests_.fetch_sub(1); }
   std::size_t requestsInFlight() const { return requests_.load(); }
+
+  ServiceLoad load() const;
 
   // When all places are taken: closes the longest idle connections, a few of each reactor, and then
   // calls `done`. False, without a call, when there was none a moment ago. On the first reactor,
@@ -118,17 +138,30 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void runOn(std::size_t reactor, const std::function<void()>& action);
 
   Reactors& reactors;
-  const HttpOptions options;
+  // What is in force on the reactor that asks, until its handler ends; on reactors only.
+  const HttpOptions& options() const { return inForce().options; }
+  const TrustedProxies& trusted() const { return inForce().trusted; }
+  // Puts others in force, for what comes from now on; not on a reactor.
+  void setOptions(const HttpOptions& options);
+
   const HttpBounds bounds;
-  const TrustedProxies trusted;
   Places places;
   Places refusals;  // connections over the limit that are being told so
+  Sharded<HttpCounts> counts;
+  StreamList streams;
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
   std::vector<std::shared_ptr<StreamSender>> senders;  // one for each reactor
 
  private:
+  struct InForce {
+    explicit InForce(const HttpOptions& from) : options(from), trusted(from.trustedProxies) {}
+    const HttpOptions options;
+    const TrustedProxies trusted;
+  };
+
+  const InForce& inForce() const { return *inForce_[std::size_t(Reactors::current())]; }
   const OwnResource* findResource(std::string_view url) const;
   // On the workers, or refuses the exchange when their queue is full.
   template <class Job>
@@ -139,6 +172,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
 
   std::size_t closeLongestIdle(std::size_t reactor);
 
+  std::vector<std::shared_ptr<const InForce>> inForce_;  // one for each reactor, used on it only
   const HttpWorkers workers_;
   const ModuleEntry module_;
   const std::vector<OwnResource> resources_;
@@ -147,6 +181,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   MemoryBudget unsentAnswers_;
   std::chrono::steady_clock::time_point noneIdleUntil_;  // the first reactor's
   std::atomic<std::size_t> next_{0};
+  std::atomic<std::size_t> mostRequests_;
   std::atomic<std::size_t> requests_{0};
 };
 

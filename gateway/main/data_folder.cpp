@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "gateway/log/log.h"
@@ -16,8 +17,13 @@
 namespace qn {
 namespace {
 
-[[noreturn]] void fail(const std::filesystem::path& folder, const std::string& reason) {
-  throw std::runtime_error("the data directory " + folder.string() + " cannot be used: " + reason);
+constexpr std::string_view kBeWritable =
+    "; make it writable for the gateway's user (chown), or name another one in storage.data_dir";
+
+[[noreturn]] void fail(const std::filesystem::path& folder, const std::string& reason,
+                       std::string_view advice = kBeWritable) {
+  throw std::runtime_error("the data directory " + folder.string() + " cannot be used: " + reason +
+                           std::string(advice));
 }
 
 // For nobody but us, also what an older gateway or an operator's copy left there. What belongs to
@@ -49,9 +55,10 @@ DataFolder::DataFolder(const std::filesystem::path& folder) {
   lock_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
   if (lock_ < 0) fail(folder, lastError());
   if (::flock(lock_, LOCK_EX | LOCK_NB) == 0) return;
-  const std::string reason =
-      errno == EWOULDBLOCK ? "another process is using it" : "lock: " + lastError();
+  const bool taken = errno == EWOULDBLOCK;
+  const std::string reason = taken ? "another process is using it" : "lock: " + lastError();
   ::close(lock_);
+  if (taken) fail(folder, reason, "; end that gateway, or name another one in storage.data_dir");
   fail(folder, reason);
 }
 

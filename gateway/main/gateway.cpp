@@ -1,15 +1,24 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <map>
+#include <stdexcept>
+#include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
+#include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
+#include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
@@ -26,12 +35,26 @@ constexpr std::size_t kWorkerQueue = 256;
 constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
 
-// Listeners and files are opened once.
-template <class Options>
-void keepUntilRestart(Options& next, const Options& current, std::string_view section) {
-  if (next == current) return;
-  logWarn("changes in [{}] take effect at the next start", section);
-  next = current;
+// What the operator can do about a port that cannot be listened on.
+std::string adviceFor(const std::error_code& error, const char* key) {
+  const std::string change = std::string("change ") + key;
+  switch (error.value()) {
+    case EADDRINUSE:
+      return "; end the program that has it (ss -ltnp shows it), or " + change;
+    case EADDRNOTAVAIL:
+      return "; http.address must be one of this host's (ip address shows them)";
+    case EACCES:
+      return "; give the gateway CAP_NET_BIND_SERVICE, or " + change + " to one from 1024 on";
+    default:
+      return "; " + change + " or http.address";
+  }
+}
+
+template <class Listen>
+void listenOrAdvise(const char* key, Listen listen) try {
+  listen();
+} catch (const std::system_error& error) {
+  throw std::runtime_error(error.what() + adviceFor(error.code(), key));
 }
 
 }  // namespace
@@ -48,7 +71,10 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
+            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+      pulse_(reactors_),
+      health_(pulse_),
+      admin_(observed()) {
   try {
     start();
   } catch (...) {
@@ -69,18 +95,33 @@ void Gateway::start() {
   bus_.start();
   alarms_.start();
   reactors_.start();
+  pulse_.start();
+  admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
-  http_.listen();
+  listenOrAdvise("http.port", [this] { http_.listen(); });
   // A gateway without its picture port would hand out dead URLs.
-  http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
+  listenOrAdvise("network.picture_port", [this] {
+    http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
+  });
   applyExtraPorts();
-  logInfo("serving {} device(s) on {} port {}", configuration_->devices.size(),
-          configuration_->http.address, http_.port());
+  health_.setStarted();
+  logInfo("{}", description());
+}
+
+std::string Gateway::description() const {
+  return fmt::format("serving {} device(s) on {} port {}", configuration_->devices.size(),
+                     configuration_->http.address, http_.port());
+}
+
+std::chrono::milliseconds Gateway::silence() const {
+  return std::max(pulse_.longestSilence(), timersOverdue());
 }
 
 // Every step is harmless for what has not been started.
 void Gateway::stop() {
   using std::chrono::steady_clock;
+  health_.setStopping();
+  reloads_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -88,6 +129,7 @@ void Gateway::stop() {
   bus_.stop();
   http_.drain(steady_clock::now() + kAnswerTime);
   http_.close();
+  admin_.close();
   files_.stop();
   waiting_.stop();
   translations_.stop();
@@ -96,17 +138,52 @@ void Gateway::stop() {
 }
 
 void Gateway::reload(Configuration next) {
-  const std::string& logFile = next.log.file;
-  if (logFile != configuration_->log.file) LogOutput::instance().open(logFile);
-  keepUntilRestart(next.http, configuration_->http, "http");
-  keepUntilRestart(next.storage, configuration_->storage, "storage");
+  for (const std::string& key : keepUntilRestart(*configuration_, next)) {
+    logWarn("{} takes effect after a restart; until then it stays as it was", key);
+  }
+  takeWhatMayFail(next);
+  const std::vector<std::string> changed = changedKeys(*configuration_, next);
+  logInfo("a reload changes {}",
+          changed.empty() ? "nothing" : fmt::to_string(fmt::join(changed, ", ")));
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogOptions(configuration_->log);
   pictures_.setOptions(configuration_->pictures);
+  OperationLog::instance().keep(configuration_->storage.operationLogRows);
   applyExtraPorts();
-  http_.limitConnections(withinDescriptors(*configuration_).connections);
   http_.closeForbiddenStreams();
+}
+
+// All of it or nothing.
+void Gateway::takeWhatMayFail(const Configuration& next) {
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  try {
+    if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
+  } catch (...) {
+    http_.setOptions(withinDescriptors(*configuration_));
+    applyExtraPorts();
+    throw;
+  }
+}
+
+void Gateway::endReload(const std::string& refusal) {
+  reloads_.end(refusal);
+  admin_.reopen(configuration_->admin, configuration_->lock);
+}
+
+Observed Gateway::observed() {
+  return {http_,
+          pulse_,
+          devices_,
+          bus_,
+          alarms_,
+          pictures_,
+          OperationLog::instance(),
+          clientLogin(),
+          {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
+          health_,
+          reloads_,
+          QN_VERSION};
 }
 
 void Gateway::applyExtraPorts() {

@@ -2,9 +2,14 @@
 // main.cpp, on its one thread.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
+#include <string>
 
+#include "gateway/admin/admin.h"
+#include "gateway/admin/health.h"
+#include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
@@ -12,6 +17,7 @@
 #include "gateway/http/http_service.h"
 #include "gateway/main/data_folder.h"
 #include "gateway/main/protocol_module.h"
+#include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 #include "gateway/pictures/picture_resource.h"
@@ -29,15 +35,26 @@ class Gateway {
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
 
-  // Takes over what can change while running; sections that cannot keep their values, which is
-  // logged.
+  // Takes over everything but the keys that need a restart, which is logged. Throws, and changes
+  // nothing, when it cannot listen where the configuration says.
   void reload(Configuration next);
+  // Around each reload, taken or not; an empty refusal: it was taken. The admin listener moves to
+  // where the configuration in force wants it only now, when whoever asked there has the answer.
+  void beginReload() { reloads_.begin(); }
+  void endReload(const std::string& refusal);
   const Configuration& inForce() const { return *configuration_; }
+  // What it serves, for the operator.
+  std::string description() const;
+
+  // How long the slowest reactor or timer has owed its next step.
+  std::chrono::milliseconds silence() const;
 
  private:
   void start();
   void stop();
+  void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
+  Observed observed();
 
   std::shared_ptr<const Configuration> configuration_;
   ProtocolModule module_;
@@ -51,6 +68,10 @@ class Gateway {
   DeviceBus bus_;
   AlarmBus alarms_;
   HttpService http_;
+  Pulse pulse_;
+  Health health_;
+  Reloads reloads_;
+  AdminListener admin_;
 };
 
 }  // namespace qn

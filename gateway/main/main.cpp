@@ -6,33 +6,25 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <iostream>
+#include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
+#include "gateway/main/command_line.h"
 #include "gateway/main/descriptors.h"
 #include "gateway/main/gateway.h"
+#include "gateway/main/service_manager.h"
 
 namespace {
-
-struct Arguments {
-  std::filesystem::path config;
-  std::filesystem::path module;
-  bool checkOnly = false;
-};
-
-// In an installation and in the build tree alike.
-std::filesystem::path moduleBesideProgram() {
-  const auto program = std::filesystem::read_symlink("/proc/self/exe");
-  return program.parent_path().parent_path() / "lib" / "libQNKAVROProtocol.so";
-}
 
 // Blocked in every thread and taken one by one by serve(); a write to a closed socket is no signal.
 sigset_t blockSignals() {
@@ -44,16 +36,29 @@ sigset_t blockSignals() {
   return signals;
 }
 
-// An invalid file changes nothing.
-void reload(qn::Gateway& gateway, const std::filesystem::path& file) {
+// Returns the first of them, for the operator.
+std::string reportRefusal(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) qn::logError("configuration not changed: {}", line);
+  const std::size_t more = lines.size() - 1;
+  return more == 0 ? lines[0] : fmt::format("{} (and {} more, see the log)", lines[0], more);
+}
+
+// An invalid file changes nothing. Returns what came of it, for the operator.
+std::string reload(qn::Gateway& gateway, const std::filesystem::path& file) {
+  gateway.beginReload();
+  std::string refusal;
   try {
     auto next = qn::readConfiguration(file);
     qn::checkReload(gateway.inForce(), next, file.string());
     gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
+  } catch (const qn::ConfigurationError& error) {
+    refusal = reportRefusal(error.lines());
   } catch (const std::exception& error) {
-    qn::logError("configuration not changed: {}", error.what());
+    refusal = reportRefusal({error.what()});
   }
+  gateway.endReload(refusal);
+  return refusal.empty() ? gateway.description() : "configuration not changed: " + refusal;
 }
 
 // Somebody has moved the log's file away.
@@ -93,52 +98,70 @@ void endInTime() {
   setitimer(ITIMER_REAL, &kStopTime, nullptr);
 }
 
-// How often the log is told that a second is over.
-constexpr timespec kTick{1, 0};
+// How often the log is told that a second may be over, and the reactors are asked whether they
+// turn.
+constexpr std::chrono::milliseconds kTick{500};
+constexpr std::chrono::milliseconds kShortestTick{20};
+constexpr int kTicksInWatchdog = 8;
+
+timespec tickFor(const qn::ServiceManager& manager) {
+  using namespace std::chrono;
+  if (manager.watchdog().count() == 0) return {0, nanoseconds(kTick).count()};
+  const auto tick =
+      std::clamp<nanoseconds>(manager.watchdog() / kTicksInWatchdog, kShortestTick, kTick);
+  return {0, tick.count()};
+}
+
+// The watchdog is fed while all threads that serve turn.
+void tick(qn::Gateway& gateway, qn::ServiceManager& manager) {
+  const auto now = std::chrono::steady_clock::now();
+  qn::ClientLog::instance().writeHeldBack(now);
+  if (gateway.silence() < manager.watchdog() / 2) manager.feed(now);
+}
 
 constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
 
-void serve(const Arguments& arguments) {
+void serve(const qn::Arguments& arguments) {
   umask(kNobodyElse);
   const auto signals = blockSignals();
   qn::raiseDescriptorLimit();
   auto configuration = qn::readConfiguration(arguments.config);
   const LogThread logThread(configuration.log);
+  qn::ServiceManager manager;
   qn::Gateway gateway(std::move(configuration), arguments.module);
+  manager.ready(gateway.description());
+  const timespec wait = tickFor(manager);
   for (;;) {
-    const int number = sigtimedwait(&signals, nullptr, &kTick);
-    qn::ClientLog::instance().writeHeldBack(std::chrono::steady_clock::now());
+    const int number = sigtimedwait(&signals, nullptr, &wait);
+    tick(gateway, manager);
     if (number == SIGHUP) {
-      reload(gateway, arguments.config);
+      manager.reloading();
+      manager.ready(reload(gateway, arguments.config));
     } else if (number == SIGUSR1) {
       reopenLog();
     } else if (number > 0) {
       qn::logInfo("stopping on signal {}", number);
+      manager.stopping(fmt::format("stopping on signal {}", number));
       endInTime();
       return;
     }
   }
 }
 
+int endWith(qn::ExitStatus status, const char* text) {
+  std::fprintf(stderr, "qn-gateway: %s\n", text);
+  return int(status);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
-  Arguments arguments;
-  arguments.module = moduleBesideProgram();
-  CLI::App app{"KAVRO gateway: one KAVRO server in front of many sub-devices."};
-  app.set_version_flag("--version", std::string("qn-gateway ") + QN_VERSION);
-  app.add_option("--config", arguments.config, "configuration file (TOML)")->required();
-  app.add_option("--module", arguments.module, "protocol module to load")->capture_default_str();
-  app.add_flag("--check-config", arguments.checkOnly, "read the configuration, say what is wrong");
-  CLI11_PARSE(app, argc, argv);
-
-  if (arguments.checkOnly) {
-    qn::readConfiguration(arguments.config);
-    std::cout << arguments.config.string() << " is valid\n";
-    return 0;
-  }
+  qn::Arguments arguments;
+  if (const auto done = qn::readCommandLine(argc, argv, arguments)) return int(*done);
   serve(arguments);
+  return int(qn::ExitStatus::Good);
+} catch (const qn::ConfigurationError& error) {
+  return endWith(qn::ExitStatus::BadConfiguration, error.what());
 } catch (const std::exception& error) {
-  std::fprintf(stderr, "qn-gateway: %s\n", error.what());
-  return 1;
+  return endWith(qn::ExitStatus::NotStarted, error.what());
 }

@@ -80,12 +80,18 @@ bool OperationLog::insert(const tagLogInfo& info) {
     if (!running_) return false;
     if (queue_.size() >= kQueueLimit) {
       ++lost_;
+      lostEver_.add();
       return false;
     }
     queue_.push_back(std::move(record));
+    waiting_ = queue_.size();
   }
   wakeUp_.notifyOne();
   return true;
+}
+
+OperationLog::Load OperationLog::load() const {
+  return {waiting_, written_.value(), lostEver_.value(), failing_};
 }
 
 void OperationLog::run() {
@@ -113,6 +119,7 @@ bool OperationLog::nextBatch() {
       queue_.begin() + static_cast<std::ptrdiff_t>(std::min(queue_.size(), kBatchLimit));
   batch_.assign(std::make_move_iterator(queue_.begin()), std::make_move_iterator(end));
   queue_.erase(queue_.begin(), end);
+  waiting_ = queue_.size();
   return !batch_.empty();
 }
 
@@ -120,6 +127,7 @@ bool OperationLog::write() {
   try {
     if (!database_) database_ = std::make_unique<OperationDatabase>(file_);
     database_->append(batch_, rows_);
+    written_.add(batch_.size());
     reportSuccess();
     return true;
   } catch (const DatabaseError& e) {
@@ -135,6 +143,7 @@ bool OperationLog::write() {
 
 // Once for each reason, however often it is tried again.
 void OperationLog::reportFailure(const std::string& reason) {
+  failing_ = true;
   if (reason == failure_) return;
   logError("operation log: {} cannot be written: {}; trying again every {} ms", file_.string(),
            reason, retryTime_.count());
@@ -144,6 +153,7 @@ void OperationLog::reportFailure(const std::string& reason) {
 void OperationLog::reportSuccess() {
   if (!failure_.empty()) logError("operation log: {} is written again", file_.string());
   failure_.clear();
+  failing_ = false;
   const auto now = std::chrono::steady_clock::now();
   if (now - lossReported_ < kLossReportTime) return;
   lossReported_ = now;
@@ -183,7 +193,9 @@ void OperationLog::setAside() {
 void OperationLog::discardAll() {
   const MutexLock lock(mutex_);
   lost_ += batch_.size() + queue_.size();
+  lostEver_.add(batch_.size() + queue_.size());
   queue_.clear();
+  waiting_ = 0;
 }
 
 }  // namespace qn

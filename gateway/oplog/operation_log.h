@@ -2,6 +2,7 @@
 // host starts and stops it; QN_GatewayCfgBus_InsertLogInfo writes to instance().
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "gateway/metrics/counter.h"
 #include "gateway/sync/mutex.h"
 #include "platform/gateway_cfg_bus.h"
 
@@ -40,6 +42,9 @@ class OperationLog {
   // Again only after stop().
   void start(const std::filesystem::path& dataDir, std::size_t rows);
 
+  // So many are kept from the next batch on. Any thread.
+  void keep(std::size_t rows) { rows_ = rows; }
+
   // Takes no more records, writes those queued and ends the writer. A database that cannot be
   // written gets one last attempt, so that stop takes at most a few times kBusyTimeMs of
   // database.h. Harmless when repeated; start and stop by one thread at a time.
@@ -47,6 +52,15 @@ class OperationLog {
 
   // Any thread; waits for no disk. False when the queue is full or the log is not running.
   bool insert(const tagLogInfo& info);
+
+  // Takes no lock.
+  struct Load {
+    std::size_t waiting;  // records
+    uint64_t written;     // ever
+    uint64_t lost;
+    bool isFailing;  // the database cannot be written just now
+  };
+  Load load() const;
 
  private:
   void run();
@@ -62,7 +76,6 @@ class OperationLog {
   // Constant while the writer runs:
   const std::chrono::milliseconds retryTime_;
   std::filesystem::path file_;
-  std::size_t rows_ = 0;
   std::thread writer_;
 
   // The writer's own:
@@ -71,11 +84,18 @@ class OperationLog {
   std::chrono::steady_clock::time_point lossReported_;
   std::string failure_;  // the reason last logged; empty while writing succeeds
 
+  std::atomic<std::size_t> rows_{0};
   Mutex mutex_;
   Condition wakeUp_;
   std::deque<tagLogInfo> queue_ QN_GUARDED_BY(mutex_);
   uint64_t lost_ QN_GUARDED_BY(mutex_) = 0;  // since the last report
   bool running_ QN_GUARDED_BY(mutex_) = false;
+
+  // For load().
+  std::atomic<std::size_t> waiting_{0};
+  Counter written_;
+  Counter lostEver_;
+  std::atomic<bool> failing_{false};
 };
 
 }  // namespace qn

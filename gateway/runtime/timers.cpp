@@ -1,7 +1,11 @@
 // Timers of platform/zrt.h. Each has a thread of its own: there are few, and a slow routine then
 // delays no other timer.
+#include "gateway/runtime/timers.h"
+
 #include <pthread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <limits>
@@ -41,6 +45,10 @@ class Timer {
     }
   }
 
+  Clock::duration overdue() const {
+    return Clock::now().time_since_epoch() - Clock::duration(due_.load());
+  }
+
   // No run starts after it; waits for one that is going on, unless called from it. Once.
   void stop() {
     {
@@ -61,6 +69,7 @@ class Timer {
     auto due = Clock::now() + options_.period;
     MutexLock lock(mutex_);
     while (!stopped_) {
+      due_ = due.time_since_epoch().count();
       if (wakeUp_.waitUntil(mutex_, due)) continue;
       lock.unlock();
       callRoutine("timer", [this] { return options_.routine(id_, options_.user); });
@@ -79,6 +88,7 @@ class Timer {
 
   const int id_;
   const TimerOptions options_;
+  std::atomic<Clock::rep> due_ = (Clock::now() + options_.period).time_since_epoch().count();
   pthread_t thread_{};  // guarded by the timers' table
   Mutex mutex_;
   Condition wakeUp_;
@@ -111,6 +121,13 @@ class Timers {
     return error;
   }
 
+  Clock::duration overdue() {
+    const MutexLock lock(mutex_);
+    Clock::duration longest{0};
+    for (const auto& [id, timer] : timers_) longest = std::max(longest, timer->overdue());
+    return longest;
+  }
+
   // Null for an unknown id; of several callers one gets the timer.
   std::shared_ptr<Timer> take(int id) {
     const MutexLock lock(mutex_);
@@ -133,6 +150,11 @@ class Timers {
 };
 
 }  // namespace
+
+std::chrono::milliseconds timersOverdue() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Timers::instance().overdue());
+}
+
 }  // namespace qn
 
 int ZRT_SetTimer(ZRT_TimerRoutine routine, void* user, int periodMs, int& timerId, int /*option*/) {

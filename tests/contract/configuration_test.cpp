@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/config/key_texts.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
 #include "tests/contract/folder.h"
@@ -51,6 +52,7 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
             tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
   EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
   EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes, c.bus.replyMemory), tuple(6000, 7000, 8000));
+  EXPECT_EQ(c.admin, (AdminOptions{"::", 8099, "ops", "54321", "0123456789abcdef"}));
   EXPECT_EQ(c.log.level, "warn");
   ASSERT_EQ(c.users.size(), 2U);
   EXPECT_EQ(c.users[0].ha1,
@@ -71,26 +73,48 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   EXPECT_EQ(c.findUser("nobody"), nullptr);
 }
 
-// The example that operators start from, as it is and with what is commented out said.
-TEST(ConfigurationFile, TheExampleNamesEveryKeyWithItsDefault) {
-  std::ifstream example(QN_EXAMPLE_CONFIGURATION);
-  std::string said;
-  for (std::string line; std::getline(example, line); said += '\n') {
-    said += std::regex_replace(line, std::regex("^# ([a-z_]+ = .*)$"), "$1");
-  }
-  const Configuration plain = readConfiguration(QN_EXAMPLE_CONFIGURATION);
-  HttpOptions http;
-  http.address = plain.http.address;
-  EXPECT_EQ(plain.http, http);
-  const auto values = [](const Configuration& c) {
-    return tuple(c.storage.dataDir, c.storage.operationLogRows, c.kavro.realm, c.kavro.mode,
-                 c.lock.maxAttempts, c.lock.lockTime, c.network.httpsPort, c.network.rtspPort,
-                 c.network.picturePort, c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full,
-                 c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes, c.log.level);
+std::string textOf(const char* file) {
+  std::ifstream stream(file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
+  const std::string example = textOf(QN_EXAMPLE_CONFIGURATION);
+  EXPECT_EQ(example, exampleConfiguration()) << "qn-gateway --print-defaults makes it";
+  const Configuration plain = read(example);
+  EXPECT_EQ(tuple(plain.http, plain.storage), tuple(HttpOptions(), StorageOptions()));
+  EXPECT_EQ(tuple(plain.users.size(), plain.devices.size()), tuple(1U, 1U));
+  // With the defaults said, it says the same.
+  const std::regex said("(^|\n)# ((?!trusted_proxies|nonce_key|password|ha1)[a-z_]+ = )");
+  const Configuration full = read(std::regex_replace(example, said, "$1$2"));
+  EXPECT_EQ(tuple(full.http, full.storage), tuple(HttpOptions(), StorageOptions()));
+  const auto others = [](const Configuration& c) {
+    return tuple(c.kavro.realm, c.kavro.mode, c.lock.maxAttempts, c.lock.lockTime,
+                 c.network.httpsPort, c.pictures.maxBytes, c.pictures.full, c.bus.deviceQueue,
+                 c.log.level, c.devices.at(0).auth);
   };
-  EXPECT_EQ(read(said).http, http);
-  EXPECT_EQ(values(read(said)), values(Configuration()));
-  EXPECT_TRUE(read("").users.empty());
+  EXPECT_EQ(others(full), others(plain));
+}
+
+TEST(ConfigurationFile, EveryKeyIsExplained) {
+  std::size_t keys = 0;
+  for (const SectionFacts& section : sectionFacts()) {
+    EXPECT_FALSE(section.about.empty()) << section.name;
+    for (const KeyFacts& key : section.keys) {
+      EXPECT_TRUE(key.about.size() > 10 && key.about.size() <= 100) << key.name;
+      EXPECT_NE(explanationOf(key.name).find(key.about), std::string::npos);
+      EXPECT_NE(manualPage().find(key.name.substr(key.name.find('.') + 1)), std::string::npos);
+      ++keys;
+    }
+  }
+  EXPECT_GE(keys, 50U);
+  EXPECT_EQ(explanationOf("http.prot"), "");
+  const std::pair<const char*, const char*> guesses[] = {
+      {"http.prot", "http.port"}, {"level", "log.level"}, {"htp", "http"}, {"zzz", ""}};
+  for (const auto& [name, guess] : guesses) {
+    const std::string said = *guess ? "; did you mean \"" + std::string(guess) + "\"?" : "";
+    EXPECT_EQ(didYouMeanKey(name), said);
+  }
 }
 
 TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
@@ -123,6 +147,10 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {"[lock]\nmax_attempts = 0\n", ":2: lock.max_attempts: expected an integer from 1"},
       {"[pictures]\nmax_bytes = 1000\n", ":2: pictures.max_bytes: expected an integer from"},
       {"[pictures]\nfull = \"drop\"\n", ":2: pictures.full: expected a string: \"refuse\" or"},
+      {"[admin]\nport = 8090\n", ":2: admin.port: expected a value that is not taken"},
+      {"[admin]\nport = 9100\naddress = \"0.0.0.0\"\n",
+       ":3: admin.address: expected a loopback address, or a password"},
+      {"[admin]\nmetrics_token = \"short\"\n", ":2: admin.metrics_token: expected a string"},
       {"[log]\nlevel = \"all\"\n", ":2: log.level: expected a string: \"debug\""},
       {"users = 1\n", ":1: users: expected sections [[users]]"},
       {"[devices]\nindex = \"1\"\n", ":1: devices: expected sections [[devices]]"},
@@ -139,8 +167,9 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {device + "auth = \"none\"\n", ":4: devices.auth: expected a string: \"digest\","},
   };
   const auto expectError = [](const std::string& content, const std::string& error) {
-    EXPECT_NE(errorOf(content).find(".toml" + error), std::string::npos)
-        << content << "\n-> " << errorOf(content);
+    const std::string found =  // without the column
+        std::regex_replace(errorOf(content), std::regex("(\\.toml:\\d+):\\d+"), "$1");
+    EXPECT_NE(found.find(".toml" + error), std::string::npos) << content << "\n-> " << found;
   };
   for (const auto& [content, error] : cases) expectError(content, error);
   for (const std::string index : {"\"\"", "\"a b\"", "\"a&b\"", "\"a+b\"", "\"\\u00e9\"", "1"}) {
@@ -160,6 +189,126 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
         "http://[::1", "http://[h]", "http://[::1]x"}) {
     expectError("[[devices]]\nindex = \"1\"\nurl = \"" + std::string(url) + "\"\n",
                 ":3: devices.url: expected a string: http://");
+  }
+}
+
+TEST(ConfigurationFile, AllErrorsComeAtOnceInTheirOrderWithColumnValueAndAGuess) {
+  const std::string content =
+      "[http]\nprot = 80\nport = 99999\n[kavro]\nalgorithm = \"md5\"\nrealm = \"a\n  mode = 3\n"
+      "[[users]]\npasword = \"hunter2\"\n[[devices\nindex = 1\n[log]\nlevel = \"warning\"\n"
+      "[[devices]]\nurl = \"http://u:pw@h\"\n[lgo]\nx = [\n[bus]\nbytes = 1\n";
+  const Folder folder;
+  const auto file = folder.write("test.toml", content);
+  const std::pair<const char*, const char*> expected[] = {
+      {"2:1: http.prot: unknown key", "; did you mean \"port\"?"},
+      {"3:8: http.port: expected an integer from 1 to 65535, not 99999", ""},
+      {"5:13: kavro.algorithm: expected", ", not \"md5\"; did you mean \"MD5\"?"},
+      {"6:", ""},
+      {"7:10: kavro.mode: expected an integer", ", not 3"},
+      {"9:1: users.pasword: unknown key", "; did you mean \"password\"?"},
+      {"10:", ""},
+      {"13:9: log.level: expected", ", not \"warning\"; did you mean \"warn\"?"},
+      {"15:7: devices.url: expected a string: ", ""},
+      {"16:2: lgo: unknown section", "; did you mean \"log\"?"},
+      {"18:2: ", ""},
+      {"18:2: ", "what follows was not read"},
+  };
+  try {
+    readConfiguration(file);
+    FAIL();
+  } catch (const ConfigurationError& error) {
+    ASSERT_EQ(error.lines().size(), std::size(expected)) << error.what();
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+      EXPECT_TRUE(error.lines()[i].starts_with(file.string() + ':' + expected[i].first) &&
+                  error.lines()[i].ends_with(expected[i].second))
+          << error.lines()[i];
+    }
+    EXPECT_EQ(std::string(error.what()).find("hunter2"), std::string::npos);
+    EXPECT_EQ(std::string(error.what()).find("pw@"), std::string::npos);
+  }
+  std::string many;
+  for (int i = 0; i < 1000; ++i) many += "x" + std::to_string(i) + " = 1\n";
+  EXPECT_NE(errorOf(many).find(": 900 more errors are not shown"), std::string::npos);
+}
+
+TEST(ConfigurationFile, SecretsComeFromFiles) {
+  const Folder folder;
+  const auto credentials = folder.path() / "credentials";
+  std::filesystem::create_directory(credentials);
+  std::ofstream(credentials / "admin") << "from systemd\n";
+  setenv("CREDENTIALS_DIRECTORY", credentials.c_str(), 1);
+  folder.write("pw", "from file\r\n");
+  folder.write("ha1", std::string(32, 'A') + "\n");
+  folder.write("two", "a\nb\n");
+  folder.write("long", std::string(5000, 'x'));
+  folder.write("empty", "\n");
+  const std::string user = "[[users]]\nname = \"admin\"\ndevice = \"1\"\n";
+  const std::string device = "[[devices]]\nindex = \"1\"\nurl = \"http://h\"\nusername = \"u\"\n";
+  const auto ha1 = [](const char* password) {
+    return std::string(hexDigest(DigestAlgorithm::MD5, {"admin", "KAVRO", password}).text());
+  };
+  struct Case {
+    std::string content;
+    std::string result;  // the user's HA1 or the device's password; else part of the error
+  };
+  const Case cases[] = {
+      {user + "password_file = \"pw\"\n", ha1("from file")},
+      {user + "password_file = \"credential:admin\"\n", ha1("from systemd")},
+      {user + "ha1_file = \"ha1\"\n", std::string(32, 'a')},
+      {device + "password_file = \"pw\"\n", "from file"},
+      {user + "password_file = \"two\"\n", ":4:17: users.password_file: "},
+      {user + "ha1_file = \"pw\"\n", "pw: expected one line: the hexadecimal digest"},
+      {device + "password_file = \"long\"\n", "long: expected at most 4096 bytes"},
+      {device + "password_file = \"empty\"\n", "empty: expected one line"},
+      {device + "password_file = \"none\"\n", "none cannot be read: No such file"},
+      {device + "password_file = \"/dev/zero\"\n", "/dev/zero: expected a file"},
+      {device + "password = \"p\"\npassword_file = \"pw\"\n", "expected either password or pass"},
+      {user + "password = \"p\"\nha1_file = \"ha1\"\n", "expected either password or ha1"},
+      {user + "password_file = \"credential:../pw\"\n", "expected the name of a credential"},
+  };
+  for (const Case& c : cases) {
+    std::string result;
+    try {
+      const auto read = examineConfiguration(folder.write("gateway.toml", c.content));
+      result = read.configuration.users.empty() ? read.configuration.devices.at(0).password
+                                                : read.configuration.users.at(0).ha1;
+    } catch (const ConfigurationError& error) {
+      result = error.what();
+      EXPECT_EQ(result.find("from"), std::string::npos);
+    }
+    EXPECT_NE(result.find(c.result), std::string::npos) << c.content << "\n-> " << result;
+  }
+  unsetenv("CREDENTIALS_DIRECTORY");
+}
+
+TEST(ConfigurationFile, WhatIsProbablyNotMeantSoIsAWarning) {
+  const Folder folder;
+  const std::string user = "[[users]]\nname = \"admin\"\ndevice = \"1\"\n";
+  const std::string device = "[[devices]]\nindex = \"1\"\nurl = \"http://h\"\n";
+  const auto good = device + user + "password = \"p\"\n";
+  struct Case {
+    std::string content;
+    unsigned mode;
+    std::string warning;  // empty: none
+  };
+  folder.write("pw", "x");
+  std::filesystem::permissions(folder.path() / "pw", std::filesystem::perms(0644));
+  const Case cases[] = {
+      {good, 0640, ""},
+      {good, 0644, ": everybody may read it"},
+      {device, 0600, "there is no user \"admin\""},
+      {device + user + "password = \"change-me\"\n", 0600, ":7:12: users.password: is the one of"},
+      {user + "password = \"p\"\n", 0600, "device \"1\", which is not configured"},
+      {device + user + "password_file = \"pw\"\n", 0600, "pw may be read by everybody"},
+      {good + "[network]\nhttps_enabled = true\n", 0600, ":9:17: network.https_enabled: clients"},
+      {good + "[network]\nhttps_enabled = true\n[http]\ntrusted_proxies = [\"::1\"]\n", 0600, ""},
+  };
+  for (const Case& c : cases) {
+    const auto file = folder.write("gateway.toml", c.content);
+    std::filesystem::permissions(file, std::filesystem::perms(c.mode));
+    const auto warnings = examineConfiguration(file).warnings;
+    ASSERT_EQ(warnings.size(), c.warning.empty() ? 0U : 1U) << c.content;
+    for (const auto& each : warnings) EXPECT_NE(each.find(c.warning), each.npos) << each;
   }
 }
 
@@ -184,7 +333,7 @@ TEST(ConfigurationFile, AUserMayHaveAnAlgorithmOfTheOwn) {
               expected)
         << content;
   }
-  EXPECT_NE(errorOf(start + ha1 + strong).find(":4: users.ha1: expected 64 hex"),
+  EXPECT_NE(errorOf(start + ha1 + strong).find(":4:7: users.ha1: expected 64 hex"),
             std::string::npos);
 }
 
@@ -197,7 +346,7 @@ TEST(ConfigurationFile, TheNonceKeyComesFromAFileThatIsTheOwnersAlone) {
     try {
       return read(content).kavro.nonceKey;
     } catch (const ConfigurationError& error) {
-      EXPECT_NE(std::string(error.what()).find(":3: kavro.nonce_key_file: "), std::string::npos);
+      EXPECT_NE(std::string(error.what()).find(":3:18: kavro.nonce_key_file: "), std::string::npos);
       return std::string();
     }
   };

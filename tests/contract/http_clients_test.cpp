@@ -90,15 +90,60 @@ TEST_F(HttpFixture, WithoutIdleOnesNewConnectionsAreToldToComeBack) {
   EXPECT_TRUE(eventually([&] { return ask(kGet).status == 200; })) << "busy is idle now";
 }
 
-TEST_F(HttpFixture, TheNumberOfConnectionsMayChange) {
+TEST_F(HttpFixture, LimitsMayChangeUnderOpenConnections) {
   options_.connections = 3;
   start();
+  options_.port = port();
   const auto first = idleClient(port());
-  service_->limitConnections(1);
+  const auto change = [&](std::size_t connections, std::size_t headBytes) {
+    options_.connections = connections;
+    options_.headBytes = headBytes;
+    service_->setOptions(options_);
+  };
+  change(1, 16384);
   EXPECT_EQ(ask(kGet).status, 503);
   EXPECT_EQ(first->ask(kGet).status, 200);
-  service_->limitConnections(2);
+  change(2, 1024);
   EXPECT_EQ(ask(kGet).status, 200);
+  EXPECT_EQ(first->ask(kGet).status, 200) << "with the limits that its next request will have";
+  EXPECT_EQ(first->ask(get("/" + std::string(2000, 'x'))).status, 431);
+}
+
+TEST_F(HttpFixture, ListenersMoveAndConnectionsStay) {
+  reactors_.start();
+  const uint16_t old = otherPort();
+  options_.port = old;
+  listen();
+  const uint16_t extra = otherPort();
+  const uint16_t next = otherPort();
+  service_->setExtraPorts({{extra, Access::OwnResources}});
+  const auto client = idleClient(old);
+  const auto reaches = [](uint16_t to) { return RawClient(to).ask(kGet).status; };
+  struct Case {
+    std::string address;
+    uint16_t port;
+    bool moves;
+  };
+  const Case cases[] = {{"127.0.0.1", next, true},  {"0.0.0.0", next, true},
+                        {"192.0.2.1", old, false},  {"192.0.2.1", next, false},
+                        {"127.0.0.1", extra, true},  // its own further port
+                        {"127.0.0.1", old, true}};
+  for (const Case& c : cases) {
+    const uint16_t before = port();
+    options_.address = c.address;
+    options_.port = c.port;
+    if (c.moves) {
+      service_->setOptions(options_);
+    } else {
+      EXPECT_THROW(service_->setOptions(options_), std::system_error);
+    }
+    EXPECT_EQ(port(), c.moves ? c.port : before) << c.address;
+    EXPECT_EQ(reaches(port()), 200) << c.address;
+    EXPECT_EQ(RawClient(before).connected(), port() == before) << c.address;
+    EXPECT_EQ(client->ask(kGet).status, 200) << c.address;
+    service_->setExtraPorts({{port() == extra ? next : extra, Access::OwnResources}});
+    EXPECT_TRUE(service_->serves(extra));
+  }
 }
 
 TEST_F(HttpFixture, TrustedProxiesMayHaveManyConnections) {

@@ -4,6 +4,8 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <random>
+#include <system_error>
 
 #include "gateway/http/http_service.h"
 #include "platform/http_service.h"
@@ -165,11 +167,17 @@ class HttpFixture : public testing::Test {
   }
   uint16_t port() const { return service_->port(); }
   HttpAnswer ask(std::string_view request) { return RawClient(port()).ask(request); }
-  // A free one.
+  // A free one, which no connection of another process is given; while the reactors run.
   uint16_t otherPort() {
-    HttpService probe(reactors_, workers_, options_, runScript);
-    probe.listen();
-    return probe.port();
+    static std::mt19937 random{std::random_device{}()};
+    HttpOptions options = options_;
+    for (;;) try {
+        options.port = std::uniform_int_distribution<uint16_t>(10240, 32767)(random);
+        HttpService probe(reactors_, workers_, options, runScript);
+        probe.listen();
+        return options.port;
+      } catch (const std::system_error&) {  // taken
+      }
   }
 
   HttpOptions options_;

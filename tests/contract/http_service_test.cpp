@@ -156,14 +156,29 @@ TEST_F(HttpFixture, AsksForTheBodyThatAClientHoldsBack) {
   EXPECT_EQ(client.ask("ab").body, "/|ab");
 }
 
+TEST_F(HttpFixture, ABrowserAtTheDoorIsToldWhatThisIs) {
+  start();
+  const auto asks = [&](const std::string& request, const std::string& accept) {
+    return ask(request.substr(0, request.size() - 2) + "Accept: " + accept + "\r\n\r\n");
+  };
+  const HttpAnswer page = asks(get("/"), "text/html,*/*;q=0.8");
+  EXPECT_EQ(page.status, 404);
+  EXPECT_TRUE(page.has("content-type: text/html"));
+  EXPECT_NE(page.body.find("/KAVRO/"), std::string::npos);
+  EXPECT_EQ(asks(get("/"), "*/*").body, "/|") << "the module's";
+  EXPECT_EQ(asks(get("/x"), "text/html").body, "/x|");
+}
+
 TEST_F(HttpFixture, HeadAndBodylessStatusesHaveNoBody) {
   script([](int&, std::string& body, int&, const stHttpRes& request) {
-    body = "text";
+    body = request.exchange->getUrl() == "/empty" ? "" : "text";
     return request.exchange->getMethod() == QNHttpService::HTTP_HEAD ? 200 : 204;
   });
   start();
   RawClient client(port(), "HEAD / HTTP/1.1\r\nHost: h\r\n\r\n");
   EXPECT_TRUE(client.answer(true).has("content-length: 4\r\n"));
+  client.send(get("/empty", "HEAD"));
+  EXPECT_FALSE(client.answer(true).has("content-length")) << "GET might have a body";
   const HttpAnswer none = client.ask(kGet);
   EXPECT_EQ(none.status, 204);
   EXPECT_FALSE(none.has("content-length"));

@@ -1,5 +1,6 @@
 // What platform/zrt.h promises of timers.
 
+#include "gateway/runtime/timers.h"
 #include "platform/zrt.h"
 #include "tests/contract/events.h"
 
@@ -43,6 +44,24 @@ TEST(Timer, SkipsTheRunsMissedByASlowOne) {
   ASSERT_TRUE(ran.wait(3));
   timer.kill();
   EXPECT_GE(thirdRunStarted - slowRunEnded, kPeriod);  // no two runs at once to catch up
+}
+
+TEST(Timer, IsOverdueWhileItsRoutineHangs) {
+  Events entered, opened, never;
+  Routine quick = [](int) {};
+  Routine hanging = [&](int) {
+    entered.signal();
+    EXPECT_TRUE(opened.wait());
+  };
+  Timer other(quick, 1000);
+  EXPECT_EQ(timersOverdue(), 0ms);
+  Timer timer(hanging, 1);
+  ASSERT_TRUE(entered.wait());
+  never.wait(1, 50ms);
+  EXPECT_GE(timersOverdue(), 50ms);
+  opened.signal();
+  timer.kill();
+  EXPECT_EQ(timersOverdue(), 0ms);
 }
 
 TEST(Timer, KillWaitsForARunningRoutineAndNoRunFollows) {

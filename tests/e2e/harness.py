@@ -244,11 +244,12 @@ class GatewayTest(unittest.TestCase):
     "operator" on device 2, "lost" on a device that does not exist."""
 
     sections = {}
+    device_count = 2
     device_options = ()
 
     @classmethod
     def setUpClass(cls):
-        cls.devices = Subdevices(2, *cls.device_options)
+        cls.devices = Subdevices(cls.device_count, *cls.device_options)
         cls.addClassCleanup(cls.devices.stop)
         cls.gateway = Gateway(cls.device_tables(), cls.user_tables(), cls.sections)
         cls.addClassCleanup(cls.gateway.stop)

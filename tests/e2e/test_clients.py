@@ -96,6 +96,7 @@ class Secrets(harness.GatewayTest):
                 one.get(path)
             used = one.authorization("GET", URL)
             one.once("GET", URL, headers={"Authorization": used})
+        self.gateway.reload()  # its line is behind all those
         log = self.gateway.log()
         self.assertIn("password", log, "nothing was logged")
         for secret in (planted, harness.PASSWORD, used.rsplit('"', 2)[1]):

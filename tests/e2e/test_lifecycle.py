@@ -15,14 +15,18 @@ INFO = "/KAVRO/System/deviceInfo"
 
 class CommandLine(unittest.TestCase):
     def test_each_says_what_it_does_or_why_not(self):
-        for arguments, good, said in ((("--version",), True, r"\d+\.\d+\.\d+"),
-                                      (("--help",), True, "--config"), ((), False, "--config"),
-                                      (("--surprise",), False, "--config"),
-                                      (("--config", "/nonexistent/x.toml"), False, "No such file"),
-                                      (("--config", "/"), False, "Is a directory")):
+        for arguments, status, said in (
+                (("--version",), 0, r"\d+\.\d+\.\d+"), (("--help",), 0, "--config"),
+                (("--explain", "http.port"), 0, "from 1 to 65535"), (("--explain",), 0, "bus.bytes"),
+                (("--print-defaults",), 0, "# port = 8080"), (("--print-manual",), 0, ".TH gateway"),
+                (("--print-words",), 0, "http.port"),
+                (("--explain", "http.prot"), 2, 'did you mean "http.port"'),
+                ((), 2, "--config"), (("--surprise",), 2, "--surprise"),
+                (("--config", "/nonexistent/x.toml"), 1, "No such file"),
+                (("--config", "/"), 1, "Is a directory")):
             result = harness.run_gateway(*arguments)
-            self.assertEqual(result.returncode == 0, good, arguments)
-            self.assertRegex(result.stdout if good else result.stderr, said)
+            self.assertEqual(result.returncode, status, arguments)
+            self.assertRegex(result.stderr if status else result.stdout, said)
 
 
 class Configuration(harness.GatewayTest):
@@ -30,22 +34,32 @@ class Configuration(harness.GatewayTest):
         with client.Client(self.gateway.port, name, harness.PASSWORD) as one:
             return one.get(INFO).status
 
-    def test_check_config_names_file_line_and_key(self):
+    def test_the_configuration_can_be_checked_and_asked(self):
         self.assertEqual(harness.run_gateway("--config", self.gateway.config, "--check-config").returncode, 0)
         broken = self.gateway.folder / "broken.toml"
-        broken.write_text('[http]\nport = 8080\nprot = 1\n')
-        result = harness.run_gateway("--config", broken, "--check-config")
-        self.assertNotEqual(result.returncode, 0)
-        self.assertRegex(result.stderr, re.escape(str(broken)) + r":3\b.*prot")
+        broken.write_text('[http]\nport = 0\nprot = 1\n')
+        for more in ((), ("--check-config",), ("--print", "http.port")):
+            result = harness.run_gateway("--config", broken, *more)
+            self.assertEqual(result.returncode, 1)
+            self.assertRegex(result.stderr, re.escape(str(broken)) + r":2:8: (.|\n)*:3:1: .*prot")
+        for key, status, value in (("http.port", 0, f"{self.gateway.port}\n"),
+                                   ("users.name", 0, "admin\noperator\nlost\n"),
+                                   ("users.password", 2, ""), ("http.prot", 2, "")):
+            result = harness.run_gateway("--config", self.gateway.config, "--print", key)
+            self.assertEqual((result.returncode, result.stdout), (status, value), result.stderr)
 
     def test_a_second_gateway_takes_neither_port_nor_data_directory(self):
         folder, sections = self.gateway.folder, self.gateway.sections
-        for same, reason in (("port", f"port {self.gateway.port}: "),
-                             ("picture_port", f"port {sections['network']['picture_port']}: "),
-                             ("data_dir", f"{folder}/data cannot be used: another process")):
+        for same, reason, key in (
+                ("port", f"port {self.gateway.port}: ", "http.port"),
+                ("picture_port", f"port {sections['network']['picture_port']}: ",
+                 "network.picture_port"),
+                ("data_dir", f"{folder}/data cannot be used: another process",
+                 "storage.data_dir")):
             result = harness.run_gateway("--config", self.gateway.elsewhere(same))
-            self.assertEqual(result.returncode, 1, same)
+            self.assertEqual(result.returncode, 3, same)
             self.assertIn(reason, result.stderr)
+            self.assertIn(key, result.stderr, "what to change")
         self.assertEqual(self.status("admin"), 200)
 
     def test_nobody_else_reads_the_data(self):
@@ -87,6 +101,8 @@ class Configuration(harness.GatewayTest):
         self.assertEqual((self.status("guest"), self.status("admin")), (200, 404))
         slow.join(client.ANSWER_TIME)
         self.assertEqual(results, [200], "a request in flight went on")
+        for line in ("a reload changes users, devices", 'login of "guest" from 127.0.0.1'):
+            harness.wait_until(lambda line=line: line in self.gateway.log(), what=line)
 
 
 class Activation(harness.GatewayTest):
@@ -97,7 +113,7 @@ class Activation(harness.GatewayTest):
     def test_without_a_user_nothing_is_served(self):
         answer = self.client().get(INFO)
         self.assertEqual((answer.status, answer.xml().tag), (403, "ResponseStatus"), answer)
-        self.assertIn("not activated", self.gateway.log())
+        harness.wait_until(lambda: "not activated" in self.gateway.log())
 
 
 class StoppingUnderLoad(harness.GatewayTest):

@@ -1,0 +1,79 @@
+// See secret_file.h.
+#include "gateway/config/secret_file.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <system_error>
+
+namespace qn {
+namespace {
+
+using std::filesystem::perms;
+constexpr std::string_view kCredential = "credential:";
+
+// The name of a credential is a single part of a path.
+std::filesystem::path credentialFile(std::string_view name) {
+  const char* const folder = std::getenv("CREDENTIALS_DIRECTORY");
+  if (!folder || name.empty() || name == ".." || name.find('/') != name.npos) return {};
+  return std::filesystem::path(folder) / name;
+}
+
+}  // namespace
+
+bool isReadableByOthers(const std::filesystem::path& file) {
+  std::error_code error;
+  const auto facts = std::filesystem::status(file, error);
+  return !error && (facts.permissions() & perms::others_read) != perms::none;
+}
+
+std::string contentOf(const std::filesystem::path& file, std::size_t most) {
+  const auto fail = [] { throw std::system_error(errno, std::generic_category()); };
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) fail();
+  std::string content(most + 1, '\0');
+  stream.read(content.data(), std::streamsize(content.size()));
+  if (stream.bad()) fail();
+  content.resize(std::size_t(stream.gcount()));
+  return content;
+}
+
+SecretFile::SecretFile(std::string_view name, const std::filesystem::path& folder)
+    : credential_(name.starts_with(kCredential)),
+      path_(credential_ ? credentialFile(name.substr(kCredential.size())) : folder / name) {}
+
+std::string SecretFile::read(const Place& place, Findings& findings) const {
+  if (path_.empty()) {
+    findings.error(place,
+                   "expected the name of a credential, and a service manager that gives it "
+                   "(LoadCredential= of the unit, so that CREDENTIALS_DIRECTORY is set)");
+    return {};
+  }
+  try {
+    const auto facts = status(path_);
+    if (exists(facts) && !is_regular_file(facts)) {  // a pipe would block, a device would not end
+      findings.error(place, path_.string() + ": expected a file");
+      return {};
+    }
+    std::string content = contentOf(path_, kMost);
+    if (content.size() <= kMost) return content;
+    findings.error(place,
+                   path_.string() + ": expected at most " + std::to_string(kMost) + " bytes");
+  } catch (const std::system_error& error) {
+    findings.error(place, path_.string() + " cannot be read: " + error.code().message());
+  }
+  return {};
+}
+
+std::string SecretFile::readLine(const Place& place, Findings& findings) const {
+  std::string content = read(place, findings);
+  if (content.ends_with('\n')) content.pop_back();
+  if (content.ends_with('\r')) content.pop_back();
+  if (!credential_ && isReadableByOthers(path_)) {
+    findings.warning(place,
+                     path_.string() + " may be read by everybody: chmod 600 " + path_.string());
+  }
+  return content;
+}
+
+}  // namespace qn

@@ -1,0 +1,20 @@
+// The configuration file as TOML, line by line where it is broken. Used by configuration_file.
+#pragma once
+
+#include <toml++/toml.h>
+
+#include <string_view>
+
+#include "gateway/config/findings.h"
+
+namespace qn {
+
+// All that can be read; what cannot is found with its place. A line with an error is left out and
+// the rest is read; behind an error inside a value of several lines nothing is, since where that
+// ends is anybody's guess.
+toml::table parseToml(std::string_view content, Findings& findings);
+
+// Whether this section stands for a head that could not be read.
+bool stoodForUnreadable(std::string_view section);
+
+}  // namespace qn

@@ -1,0 +1,27 @@
+// The command line of qn-gateway: what was asked for, and all of it that needs no gateway to run.
+// Used by main.cpp.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+namespace qn {
+
+// What the process ends with.
+enum class ExitStatus : int {
+  Good = 0,
+  BadConfiguration = 1,
+  BadUsage = 2,
+  NotStarted = 3,
+};
+
+struct Arguments {
+  std::filesystem::path config;
+  std::filesystem::path module;
+};
+
+// Does what was asked for, and says how that ended; nothing when the gateway is to run. Throws
+// ConfigurationError.
+std::optional<ExitStatus> readCommandLine(int argc, char** argv, Arguments& arguments);
+
+}  // namespace qn
