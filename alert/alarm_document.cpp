@@ -73,6 +73,8 @@ int writeAlert(const Value& alarm, Rows rows, QNBase::CXmlBase& xml) {
 
 }  // namespace
 
+constinit const Row kAlarm = kAlert;
+
 int CEventPto::convertAlarmData(const Value& alarm, QNBase::CXmlBase& xml) {
   return writeAlert(alarm, kAlert.rows, xml);
 }

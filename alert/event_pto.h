@@ -16,6 +16,7 @@
 #include "alert/alarm_param.h"
 #include "alert/alert_stream_session.h"
 #include "alert/singleton.h"
+#include "document/table.h"
 #include "json/value.h"
 #include "platform/device_mgr.h"
 #include "platform/rw_lock.h"
@@ -24,6 +25,9 @@
 #include "protocol/protocol_base.h"
 
 namespace QNKAVROProtocol {
+
+// The alarm document's table, for the reference.
+extern const table::Row kAlarm;
 
 class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
  public:

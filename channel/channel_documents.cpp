@@ -52,7 +52,7 @@ constexpr Row kAudioChannelRows[] = {
 constexpr Row kAudioChannelEntryRows[] = {
     section("AudioChannel", kAudioChannelRows, write::present),
 };
-constexpr Row kAudioChannelList = list("AudioChannelList", kAudioChannelEntryRows, write::present);
+constexpr Row kAudioChannels = list("AudioChannelList", kAudioChannelEntryRows, write::present);
 
 // Appends an enabled channel for each input. False for more inputs than any recorder has: each
 // takes one byte of a reply and a channel of ours.
@@ -69,6 +69,8 @@ bool writeChannelsOfInputs(std::string& xml, const Value& inputs) {
 
 }  // namespace
 
+constinit const Row kAudioChannelList = kAudioChannels;
+
 int getXmlChannelIDCap(std::string& xml, const Value& deviceReply) {
   if (!deviceReply.find("StreamingChannel")) return BUS_INTERNAL_FAILURE;
   QNBase::CXmlBase doc;
@@ -83,7 +85,7 @@ int getXmlChannelIDCap(std::string& xml, const Value& deviceReply) {
 
 int getXmlAudioChannelList(std::string& xml, const Value& deviceReply) {
   const auto inputs = deviceReply.find("VideoInputChannelList");
-  if (!inputs && !deviceReply.isNull()) return writeReply(xml, kAudioChannelList, deviceReply);
+  if (!inputs && !deviceReply.isNull()) return writeReply(xml, kAudioChannels, deviceReply);
   std::string channels;
   if (inputs && !writeChannelsOfInputs(channels, *inputs)) return BUS_INTERNAL_FAILURE;
   xml = kDeclaration;

@@ -3,9 +3,13 @@
 
 #include <string>
 
+#include "document/table.h"
 #include "json/value.h"
 
 namespace QNKAVROProtocol {
+
+// The list's table, for the reference.
+extern const table::Row kAudioChannelList;
 
 // Both return 0, or BUS_INTERNAL_FAILURE with `xml` untouched.
 

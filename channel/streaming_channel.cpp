@@ -163,6 +163,11 @@ const Row* appendChannel(std::string& xml, const Value& reply) {
 
 }  // namespace
 
+constexpr Row kListEntryRows[] = {kChannel};
+constexpr Row kList = list("StreamingChannelList", kListEntryRows, write::present);
+constinit const Row kStreamingChannel = kChannel;
+constinit const Row kStreamingChannelList = kList;
+
 int buildXmlTransport(QNBase::CXmlBase& doc, const Value& transport) {
   return resultOf(writeRow(doc, kTransport, transport));
 }

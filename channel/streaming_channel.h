@@ -7,10 +7,15 @@
 #include <string>
 #include <string_view>
 
+#include "document/table.h"
 #include "json/value.h"
 #include "platform/xml_base.h"
 
 namespace QNKAVROProtocol {
+
+// The documents' tables, for the reference.
+extern const table::Row kStreamingChannel;
+extern const table::Row kStreamingChannelList;
 
 // All return 0, or BUS_INTERNAL_FAILURE with the text they were to fill untouched.
 

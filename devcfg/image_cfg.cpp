@@ -11,7 +11,8 @@ constexpr Route kRoutes[] = {
     {kCapabilities,
      {QNHttpService::HTTP_GET},
      CImageCfg::covertChannelcapUrlandBody,
-     CImageCfg::covertChannelcapRsp},
+     CImageCfg::covertChannelcapRsp,
+     "Image capabilities"},
 };
 
 }  // namespace

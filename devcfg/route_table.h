@@ -62,6 +62,11 @@ struct Route {
   Methods methods;
   RequestConverter request;
   ReplyConverter reply;
+  // For the reference: what the resource is called, and the tables of its documents, null for one
+  // that no table makes.
+  std::string_view title;
+  const table::Row* body = nullptr;    // of PUT and POST
+  const table::Row* answer = nullptr;  // to GET and POST
 };
 
 // A handler that is a table of routes. The first route whose pattern matches decides.
@@ -72,6 +77,7 @@ class RoutedCfg : public CDevCfgBase {
                        const std::string& devIndex) override;
   int covertRspBody(std::string& body, const Json::Value& reply, const std::string& url, int method,
                     const CHttpExchange& exchange) override;
+  std::span<const Route> routes() const { return routes_; }
   // The same for a reply whichever library has read it.
   int convertReply(std::string& body, const DeviceReply& reply) const;
 

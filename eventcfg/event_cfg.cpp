@@ -15,29 +15,6 @@ using namespace table;
 
 constexpr std::string_view kTrigger = "/KAVRO/System/IO/outputs/%d/trigger";
 
-constexpr Route kRoutes[] = {
-    {"/KAVRO/Smart/capabilities",
-     {HTTP_GET},
-     CEventCfg::covertSmartCapUrlandBody,
-     CEventCfg::covertSmartCapRspBody},
-    {"/KAVRO/Smart/capabilities/SmartCap",
-     {HTTP_GET},
-     CEventCfg::covertSmartCapUrlandBody,
-     CEventCfg::covertSmartCapRspBody},
-    {"/KAVRO/System/IO",
-     {HTTP_GET},
-     CEventCfg::covertSystemIOUrlandBody,
-     CEventCfg::covertSystemIORspBody},
-    {"/KAVRO/System/capabilities",
-     {HTTP_GET},
-     CEventCfg::covertSysemCapUrlandBody,
-     CEventCfg::covertSystemCapRspBody},
-    {kTrigger,
-     {HTTP_PUT},
-     CEventCfg::covertIOOutputTriggerUrlandBody,
-     CEventCfg::covertIOOutputTriggerRspBody},
-};
-
 constexpr Row kSmartCapRows[] = {
     boolean("isSupportROI", write::strict),
     boolean("isSupportFaceDetect", write::strict),
@@ -124,6 +101,41 @@ const char* readTrigger(std::string& json, std::string_view body) {
   return std::ranges::find(kTriggers, json) != kTriggers.end() ? nullptr
                                                                : "xml outputState is wrong param";
 }
+
+constexpr Route kRoutes[] = {
+    {"/KAVRO/Smart/capabilities",
+     {HTTP_GET},
+     CEventCfg::covertSmartCapUrlandBody,
+     CEventCfg::covertSmartCapRspBody,
+     "Smart capabilities",
+     nullptr,
+     &kSmartCap},
+    {"/KAVRO/Smart/capabilities/SmartCap",
+     {HTTP_GET},
+     CEventCfg::covertSmartCapUrlandBody,
+     CEventCfg::covertSmartCapRspBody,
+     "Smart capabilities",
+     nullptr,
+     &kSmartCap},
+    {"/KAVRO/System/IO",
+     {HTTP_GET},
+     CEventCfg::covertSystemIOUrlandBody,
+     CEventCfg::covertSystemIORspBody,
+     "Alarm inputs and outputs",
+     nullptr,
+     &kPortList},
+    {"/KAVRO/System/capabilities",
+     {HTTP_GET},
+     CEventCfg::covertSysemCapUrlandBody,
+     CEventCfg::covertSystemCapRspBody,
+     "System capabilities"},
+    {kTrigger,
+     {HTTP_PUT},
+     CEventCfg::covertIOOutputTriggerUrlandBody,
+     CEventCfg::covertIOOutputTriggerRspBody,
+     "Output trigger",
+     &kTriggerData},
+};
 
 }  // namespace
 

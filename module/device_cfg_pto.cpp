@@ -18,6 +18,15 @@ using Handlers =
 
 }  // namespace
 
+std::vector<Route> translatedRoutes() {
+  std::vector<Route> all;
+  Handlers::ask([&](auto& handler) {
+    all.insert(all.end(), handler.routes().begin(), handler.routes().end());
+    return kDeclined;
+  });
+  return all;
+}
+
 int CDeviceCfgPto::proc(int& bodyIsXml, std::string& body, int& asyncReply,
                         const stHttpRes& request) {
   return Handlers::ask(

@@ -5,10 +5,15 @@
 #include <json/json.h>
 
 #include <string>
+#include <vector>
 
+#include "devcfg/route_table.h"
 #include "platform/http_service.h"
 
 namespace QNKAVROProtocol {
+
+// Those of all handlers, in the order in which they are asked; for the reference.
+std::vector<Route> translatedRoutes();
 
 class CDeviceCfgPto {
  public:

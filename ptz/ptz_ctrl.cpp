@@ -14,26 +14,6 @@ constexpr std::string_view kPresetGoto = "/KAVRO/PTZCtrl/channels/%d/presets/%d/
 constexpr std::string_view kPreset = "/KAVRO/PTZCtrl/channels/%d/presets/%d";
 constexpr std::string_view kHomeGoto = "/KAVRO/PTZCtrl/channels/%d/homeposition/goto";
 
-constexpr Route kRoutes[] = {
-    {"/KAVRO/PTZCtrl/channels",
-     {HTTP_GET},
-     CPTZCtrl::covertPTZCtrlUrlandBody,
-     CPTZCtrl::covertPTZCtrlRsp},
-    {kContinuous,
-     {HTTP_PUT},
-     CPTZCtrl::covertPTZContinuousUrlandBody,
-     CPTZCtrl::covertPTZContinuousRsp},
-    {kPresetGoto,
-     {HTTP_PUT},
-     CPTZCtrl::covertPTZPresetsGotoUrlandBody,
-     CPTZCtrl::covertPTZPresetsGotoRsp},
-    {kPreset,
-     {HTTP_PUT, HTTP_DELETE},
-     CPTZCtrl::covertPTZPresetsUrlandBody,
-     CPTZCtrl::covertPTZPresetsRsp},
-    {kHomeGoto, {HTTP_PUT}, CPTZCtrl::covertPTZHomeGotoUrlandBody, CPTZCtrl::covertPTZHomeGotoRsp},
-};
-
 constexpr Row kControlAddressRows[] = {
     boolean("enabled", write::required),
     text("Address", write::strict),
@@ -85,6 +65,38 @@ int readBody(DeviceRequest& out, const Row& root, std::string_view body) {
   out.url.clear();
   return kBodyRefused;
 }
+
+constexpr Route kRoutes[] = {
+    {"/KAVRO/PTZCtrl/channels",
+     {HTTP_GET},
+     CPTZCtrl::covertPTZCtrlUrlandBody,
+     CPTZCtrl::covertPTZCtrlRsp,
+     "PTZ channels",
+     nullptr,
+     &kChannelList},
+    {kContinuous,
+     {HTTP_PUT},
+     CPTZCtrl::covertPTZContinuousUrlandBody,
+     CPTZCtrl::covertPTZContinuousRsp,
+     "Continuous move",
+     &kMove},
+    {kPresetGoto,
+     {HTTP_PUT},
+     CPTZCtrl::covertPTZPresetsGotoUrlandBody,
+     CPTZCtrl::covertPTZPresetsGotoRsp,
+     "Move to a preset"},
+    {kPreset,
+     {HTTP_PUT, HTTP_DELETE},
+     CPTZCtrl::covertPTZPresetsUrlandBody,
+     CPTZCtrl::covertPTZPresetsRsp,
+     "Preset",
+     &kPresetData},
+    {kHomeGoto,
+     {HTTP_PUT},
+     CPTZCtrl::covertPTZHomeGotoUrlandBody,
+     CPTZCtrl::covertPTZHomeGotoRsp,
+     "Move home"},
+};
 
 }  // namespace
 

@@ -16,17 +16,6 @@ namespace {
 using namespace QNHttpService;
 using namespace table;
 
-constexpr Route kRoutes[] = {
-    {"/KAVRO/ContentMgmt/search",
-     {HTTP_POST},
-     CRecordOperation::covertSearchUrlandBody,
-     CRecordOperation::covertSearchRsp},
-    {"/KAVRO/ContentMgmt/search/",
-     {HTTP_POST},
-     CRecordOperation::covertSearchUrlandBody,
-     CRecordOperation::covertSearchRsp},
-};
-
 // How recordings are described: made by schedule, or started by hand.
 constexpr std::string_view kTimedRecording = "urn:kavro:metadata:recordType/timing";
 constexpr std::string_view kManualRecording = "urn:kavro:metadata:recordType/Manual";
@@ -85,6 +74,23 @@ constexpr Row kResultRows[] = {
     list("matchList", kMatchEntryRows, write::always),
 };
 constexpr Row kResult = section("CMSearchResult", kResultRows, write::always);
+
+constexpr Route kRoutes[] = {
+    {"/KAVRO/ContentMgmt/search",
+     {HTTP_POST},
+     CRecordOperation::covertSearchUrlandBody,
+     CRecordOperation::covertSearchRsp,
+     "Recording search",
+     &kDescription,
+     &kResult},
+    {"/KAVRO/ContentMgmt/search/",
+     {HTTP_POST},
+     CRecordOperation::covertSearchUrlandBody,
+     CRecordOperation::covertSearchRsp,
+     "Recording search",
+     &kDescription,
+     &kResult},
+};
 
 // In the mode with a port for each device, the device's RTSP port is what it searches by.
 std::optional<GivenMember> searchKeyword(const std::string& devIndex) {
