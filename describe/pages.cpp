@@ -35,6 +35,16 @@ std::string kindOf(const Row& row) {
   return "text";
 }
 
+std::string fallbackOf(const Row& row) {
+  if (isLeaf(row)) return "`" + std::string(row.fallbackText) + "`";
+  std::string members;
+  for (const Row& each : row.fallbackRows) {
+    members += (members.empty() ? "`" : ", `") + std::string(each.xml) + "` " +
+               (each.shown.empty() ? "by default" : "`" + std::string(each.shown) + "`");
+  }
+  return "with " + members;
+}
+
 // When a reply has the element, by what the device tells.
 std::string presenceOf(const Row& row) {
   if (row.kind == Kind::Constant) return "always";
@@ -44,9 +54,7 @@ std::string presenceOf(const Row& row) {
     case Else::Fail:
       return "always; without it the reply fails";
     case Else::Fallback:
-      return "always; if the device does not tell it, " +
-             (row.fallbackText.empty() ? "a default section"
-                                       : "`" + std::string(row.fallbackText) + "`");
+      return "always; if the device does not tell it, " + fallbackOf(row);
     case Else::Read:
       return "always; empty, 0 or false if the device does not tell it";
   }
@@ -117,7 +125,9 @@ std::string answerPart(const Resource& resource, const Method& method) {
   const std::string example = exampleOf(resource, method, true);
   if (method.answer != nullptr) {
     part +=
-        "A device's reply that fails gives 500 `internalError`.\n\n" + rowsOf(*method.answer, true);
+        "An element that is always there is so within its section. A device's reply that "
+        "fails gives 500 `internalError`.\n\n" +
+        rowsOf(*method.answer, true);
   } else if (succeeds) {
     part += "Success, whatever document the device answers with.\n";
   } else if (example.empty()) {
