@@ -147,7 +147,8 @@ void askThroughTheBus(World& world, const qn::DeviceConfig& config) {
   constexpr std::array<std::string_view, 4> kMethods{"GET", "PUT", "HEAD", "POST"};
   std::array<int, kMethods.size()> answers{};
   qn::DeviceDirectory directory;
-  const Answers handing(world.workers);
+  qn::Sharded<qn::BusCounts> counts;
+  const Answers handing(world.workers, counts);
   ReplyBudget replies;
   Shard shard(world.reactor, handing, directory, 1);
   for (std::size_t i = 0; i < kMethods.size(); ++i) {

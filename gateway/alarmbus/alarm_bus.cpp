@@ -177,7 +177,17 @@ std::vector<AlarmBus::SharedSubscription> AlarmBus::Subscriptions::of(const std:
   return subscribers;
 }
 
+void AlarmBus::Subscriptions::remember(const std::string& devIndex, const std::string& alarm) {
+  if (alarm.find("Heart Beat") != std::string::npos) return;
+  recent.add([&](RecentAlarm& entry) {
+    entry.time = std::chrono::system_clock::now();
+    entry.device = devIndex;
+    entry.text.assign(alarm, 0, alarm.size() <= RecentAlarm::kText ? alarm.size() : 0);
+  });
+}
+
 void AlarmBus::Subscriptions::deliver(const std::string& devIndex, const std::string& alarm) {
+  remember(devIndex, alarm);
   for (const auto& subscription : of(devIndex)) {
     const SharedLock running(subscription->running);
     if (subscription->ended) continue;

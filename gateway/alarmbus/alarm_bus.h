@@ -12,6 +12,7 @@
 
 #include "gateway/alarmbus/device_feed.h"
 #include "gateway/devices/device.h"
+#include "gateway/metrics/recent.h"
 #include "gateway/net/reactors.h"
 #include "gateway/sync/mutex.h"
 #include "platform/alarm_bus.h"
@@ -19,8 +20,20 @@
 
 namespace qn {
 
+// An alarm for the operator's page; heartbeats are none.
+struct RecentAlarm {
+  std::chrono::system_clock::time_point time;  // of its arrival
+  std::string device;
+  std::string text;  // the document; empty when it is longer than kText
+
+  static constexpr std::size_t kText = 4096;
+};
+
 class AlarmBus {
  public:
+  static constexpr std::size_t kRecentAlarms = 64;
+  using RecentAlarms = Recent<RecentAlarm, kRecentAlarms>;
+
   // All outlive the bus; reactors and workers also what is left of its feeds, so the workers are
   // stopped before the reactors.
   AlarmBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory,
@@ -44,6 +57,8 @@ class AlarmBus {
 
   static constexpr std::size_t kMaxSubscriptions = 16;
 
+  const RecentAlarms& recent() const { return subscriptions_->recent; }
+
  private:
   struct Subscription {
     Subscription(AlarmDataCallBack routine, void* userData) : callback(routine), user(userData) {}
@@ -61,7 +76,9 @@ class AlarmBus {
   struct Subscriptions {
     Mutex mutex;
     std::map<int, SharedSubscription> byId QN_GUARDED_BY(mutex);
+    RecentAlarms recent;
 
+    void remember(const std::string& devIndex, const std::string& alarm);
     void deliver(const std::string& devIndex, const std::string& alarm);
     std::vector<SharedSubscription> of(const std::string& devIndex);
     bool want(const std::string& devIndex) const QN_REQUIRES(mutex);

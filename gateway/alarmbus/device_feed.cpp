@@ -61,12 +61,15 @@ DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
       random_(std::random_device{}()) {}
 
 void DeviceFeed::start() {
+  device_->counts.feedWanted = true;
   asio::post(reactor_, [self = shared_from_this()] { self->connect(); });
 }
 
 void DeviceFeed::stop() {
+  device_->counts.feedWanted = false;
   asio::post(reactor_, [self = shared_from_this()] {
     self->stopped_ = true;
+    self->device_->counts.alarmsFlow = false;
     self->timer_.cancel();
     self->pause_.cancel();
     self->dialer_.cancel();
@@ -177,6 +180,7 @@ bool DeviceFeed::beginStream() {
   parts_.emplace(
       reply_->boundary(), kPartLimit,
       [this](std::string_view contentType, std::string_view body) { takePart(contentType, body); });
+  device_->counts.alarmsFlow = true;
   watch(times_.silence);
   if (std::exchange(broken_, false)) {
     logWarn("alert stream of device {} open again", device_->config.index);
@@ -208,6 +212,7 @@ void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
 
 void DeviceFeed::deliver(std::string_view body) const {
   thread_local std::string alarm;  // reused by all feeds of the thread
+  device_->counts.alarms.add();
   if (setDeviceIndex(body, quotedIndex_, alarm)) sink_(alarm);
   if (alarm.capacity() > kKeptAlarm) alarm = {};
 }
@@ -245,6 +250,7 @@ void DeviceFeed::armWatch(std::chrono::milliseconds limit) {
 
 void DeviceFeed::retry(std::string_view error) {
   if (stopped_) return;
+  device_->counts.alarmsFlow = false;
   dialer_.cancel();
   buffer_.clear(0);
   const std::string fault = std::exchange(fault_, {});

@@ -49,6 +49,7 @@ struct KavroOptions {
   int mode = 1;  // a KAVROMode
   std::string realm = "KAVRO";
   DigestAlgorithm algorithm = DigestAlgorithm::MD5;  // offered first
+  bool mimeParts = false;                            // a line break before each further boundary
   std::string nonceKeyFile;
   // From that file: of all gateways that know each other's nonces. Empty: the process's own.
   std::string nonceKey;
@@ -86,6 +87,17 @@ struct BusOptions {
   std::size_t replyMemory = 256 * 1024 * 1024;  // what all long replies may hold at once
 };
 
+// Metrics, health and the operator's page, on a port of their own.
+struct AdminOptions {
+  std::string address = "127.0.0.1";
+  uint16_t port = 0;  // 0: off
+  std::string username = "admin";
+  std::string password;      // empty, on loopback only: no login
+  std::string metricsToken;  // also opens the metrics, for those who know no Digest
+
+  bool operator==(const AdminOptions&) const = default;
+};
+
 // The user whose presence activates the gateway.
 inline constexpr std::string_view kAdministrator = "admin";
 
@@ -98,6 +110,7 @@ struct UserConfig {
 
   // Empty when the user may not log in with it.
   std::string_view ha1For(DigestAlgorithm algorithm) const;
+  bool operator==(const UserConfig&) const = default;
 };
 
 // How the gateway may log in at a device. Basic shows the password to everybody on the way, so it
@@ -117,6 +130,7 @@ struct DeviceConfig {
 
   // Whether requests go to the same place with the same login.
   bool sameServer(const DeviceConfig& other) const;
+  bool operator==(const DeviceConfig&) const = default;
 };
 
 struct Configuration {
@@ -127,6 +141,7 @@ struct Configuration {
   StorageOptions storage;
   PictureOptions pictures;
   BusOptions bus;
+  AdminOptions admin;
   LogOptions log;
   std::vector<UserConfig> users;
   std::vector<DeviceConfig> devices;

@@ -71,6 +71,7 @@ class FileReader {
     // After the sections, because HA1s depend on the realm.
     claimPort("http", "port", result_.http.port);
     claimPort("network", "picture_port", result_.network.picturePort);
+    checkAdmin();
     forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
     forEachTable("users", [this](const auto& table, const Place& at) { addUser(table, at); });
     result_.buildIndexes();
@@ -135,6 +136,16 @@ class FileReader {
 
   void claimPort(const char* section, const char* key, uint16_t port) {
     ports_.add(port, placeIn(section, key));
+  }
+
+  // Whoever reaches it sees who is locked out and can let them in.
+  void checkAdmin() {
+    const AdminOptions& admin = result_.admin;
+    if (admin.port == 0) return;
+    claimPort("admin", "port", admin.port);
+    if (!admin.password.empty() || isLoopback(admin.address)) return;
+    findings_.error(placeIn("admin", "address"),
+                    "expected a loopback address, or a password in this section");
   }
 
   void readNonceKey() {
@@ -385,6 +396,23 @@ std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configur
     }
   });
   return kept;
+}
+
+std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after) {
+  std::vector<std::string> changed;
+  forEachSection([&](std::string_view section, auto, const auto& keys, auto sectionMember) {
+    for (const auto& key : keys) {
+      const bool same = std::visit(
+          [&](auto member) {
+            return before.*sectionMember.*member == after.*sectionMember.*member;
+          },
+          key.member);
+      if (!same) changed.push_back(std::string(section) + '.' + std::string(key.name));
+    }
+  });
+  if (before.users != after.users) changed.emplace_back("users");
+  if (before.devices != after.devices) changed.emplace_back("devices");
+  return changed;
 }
 
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {

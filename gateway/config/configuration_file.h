@@ -53,6 +53,9 @@ std::optional<std::vector<std::string>> configuredValues(const std::filesystem::
 // that it has changed.
 std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next);
 
+// The names of the keys, and of the lists, whose values differ.
+std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after);
+
 // Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
 // it would take the administrator away, as an empty file does. Whoever is writing it has not
 // finished, and nobody could log in.

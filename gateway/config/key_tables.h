@@ -136,6 +136,11 @@ inline constexpr Key<KavroOptions> kKavroKeys[] = {
      &kSecretFileRule,
      "32 to 4096 random bytes for the owner alone: tells nonces of a former start from forged ones",
      {.otherwise = "a key of each start", .example = "\"/etc/qn-gateway/nonce.key\""}},
+    {"mime_parts",
+     &KavroOptions::mimeParts,
+     {},
+     nullptr,
+     "CRLF before each further boundary of an alert stream, for standard MIME readers"},
 };
 
 inline constexpr Key<LockOptions> kLockKeys[] = {
@@ -212,6 +217,28 @@ inline constexpr Key<BusOptions> kBusKeys[] = {
      {},
      "the most that all long replies (64 KiB and more) hold, with what is made of them",
      kInBytes},
+};
+
+inline constexpr Key<AdminOptions> kAdminKeys[] = {
+    {"address",
+     &AdminOptions::address,
+     {},
+     &kAddressRule,
+     "where operators and their tools connect; other than loopback needs a password"},
+    {"port", &AdminOptions::port, kPortOrNone, {}, "0: there is no such listener"},
+    {"username", &AdminOptions::username, {}, &kUserNameRule, "of the login there"},
+    {"password",
+     &AdminOptions::password,
+     {},
+     &kDevicePasswordRule,
+     "of the login there",
+     {.otherwise = "no login", .example = "\"change-me\""}},
+    {"metrics_token",
+     &AdminOptions::metricsToken,
+     {},
+     &kTokenRule,
+     "lets whoever sends it as a Bearer token read /metrics without the login",
+     {.otherwise = "none", .example = "\"0123456789abcdef\""}},
 };
 
 inline constexpr Key<LogOptions> kLogKeys[] = {
@@ -358,6 +385,7 @@ void forEachSection(Visit visit) {
   visit("pictures", "the face pictures that clients upload", kPictureKeys,
         &Configuration::pictures);
   visit("bus", "what each device may have", kBusKeys, &Configuration::bus);
+  visit("admin", "metrics, health and the operators' page", kAdminKeys, &Configuration::admin);
   visit("log", "what goes to standard error", kLogKeys, &Configuration::log);
 }
 

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <string>
 
@@ -117,6 +118,18 @@ bool readPort(std::string_view text, uint16_t& port) {
   return text.size() > 1 && text[0] == ':' && error == std::errc() && end == last && port != 0;
 }
 
+// What may stand behind "Bearer"; or none.
+bool isToken(std::string_view text) {
+  constexpr std::size_t kShortest = 16;
+  constexpr std::size_t kLongest = 256;
+  const auto allowed = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+           std::string_view("-._~+/=").find(c) != std::string_view::npos;
+  };
+  return text.empty() || (text.size() >= kShortest && text.size() <= kLongest &&
+                          std::ranges::all_of(text, allowed));
+}
+
 }  // namespace
 
 const TextRule kAddressRule{isAddress, "an IP address"};
@@ -128,6 +141,7 @@ const TextRule kAlgorithmRule{isOneOf<kAlgorithms>, "\"MD5\" or \"SHA-256\"", kA
 const TextRule kRealmRule{isRealm, "1 to 128 printable ASCII characters without \" and \\"};
 const TextRule kUserNameRule{isUserName, "1 to 128 bytes without \":\" and control characters"};
 const TextRule kPasswordRule{isPassword, "1 to 256 bytes without control characters"};
+const TextRule kTokenRule{isToken, "16 to 256 letters, digits and -._~+/="};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
 const TextRule kDeviceIndexRule{
     isDeviceIndex, "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
@@ -154,6 +168,14 @@ bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   device.basePath = path;
   return takeHost(authority, device.host) && readPort(authority, device.port) &&
          hasNone(path, "?#") && std::all_of(path.begin(), path.end(), isVisible);
+}
+
+bool isLoopback(std::string_view text) {
+  const std::string address(text);
+  in_addr four{};
+  in6_addr six{};
+  if (inet_pton(AF_INET, address.c_str(), &four) == 1) return ntohl(four.s_addr) >> 24 == 127;
+  return inet_pton(AF_INET6, address.c_str(), &six) == 1 && IN6_IS_ADDR_LOOPBACK(&six);
 }
 
 }  // namespace qn

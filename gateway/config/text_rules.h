@@ -31,7 +31,11 @@ extern const TextRule kDevicePasswordRule;
 extern const TextRule kDeviceAuthRule;
 extern const TextRule kPathRule;
 extern const TextRule kSecretFileRule;
+extern const TextRule kTokenRule;
 extern const TextRule kWhenFullRule;
+
+// Whether only this machine reaches the address.
+bool isLoopback(std::string_view address);
 
 // Sets host, port and basePath of the device; false when the text breaks kDeviceUrlRule.
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device);

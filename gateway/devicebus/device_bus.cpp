@@ -12,6 +12,7 @@
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_url.h"
 #include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "gateway/sync/mutex.h"
 #include "platform/rest_protocol.h"
 
@@ -126,7 +127,8 @@ bool holdsBefore(std::chrono::steady_clock::time_point deadline, Condition condi
 }  // namespace
 
 DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory)
-    : answers_(workers), directory_(directory) {
+
+    : answers_(workers, counts_), directory_(directory) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     shards_.push_back(
         std::make_unique<Shard>(reactors.context(i), answers_, directory_, reactors.size()));
@@ -172,27 +174,40 @@ std::shared_ptr<Device> DeviceBus::findDevice(const std::string& url) {
 }
 
 int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
-  const std::string_view method = QNBase::CRESTfulProtocol::GetMethod(call.method);
-  if (method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
-  std::shared_ptr<Device> device = findDevice(call.url);
-  if (!device) return DEVCFGBUS_UNKNOWN_DEVICE;
   auto request = std::make_unique<BusRequest>(replies_);
-  switch (request->place.enter(tally_, device, configuration()->bus,
-                               call.url.size() + call.body.size())) {
+  const int refusal = admit(call, *request);
+  if (refusal != DEVCFGBUS_OK) {
+    BusCounts& counts = counts_.here();
+    (refusal == DEVCFGBUS_QUEUE_FULL ? counts.refusedFull : counts.refusedOther).add();
+    return refusal;
+  }
+  const std::string_view id = RequestIdScope::current();
+  if (!id.empty()) request->idLine.append(kRequestIdField).append(id).append("\r\n");
+  request->url = std::move(call.url);
+  request->body = call.body;
+  request->recipient = std::move(recipient);
+  request->accepted = std::chrono::steady_clock::now();
+  request->deadline = request->accepted + bounded(call.timeout);
+  dispatch(std::move(request));
+  return DEVCFGBUS_OK;
+}
+
+// Gives the request its method, its device and its place, or says why not.
+int DeviceBus::admit(const Call& call, BusRequest& request) {
+  request.method = QNBase::CRESTfulProtocol::GetMethod(call.method);
+  if (request.method.empty() || !isRequestTarget(call.url)) return DEVCFGBUS_BAD_ARGUMENT;
+  request.device = findDevice(call.url);
+  if (!request.device) return DEVCFGBUS_UNKNOWN_DEVICE;
+  switch (request.place.enter(tally_, request.device, configuration()->bus,
+                              call.url.size() + call.body.size())) {
     case Place::Refusal::Stopping:
       return DEVCFGBUS_STOPPING;
     case Place::Refusal::Full:
+      request.device->counts.turnedAway.add();
       return DEVCFGBUS_QUEUE_FULL;
     case Place::Refusal::None:
       break;
   }
-  request->method = method;
-  request->url = std::move(call.url);
-  request->body = call.body;
-  request->recipient = std::move(recipient);
-  request->deadline = std::chrono::steady_clock::now() + bounded(call.timeout);
-  request->device = std::move(device);
-  dispatch(std::move(request));
   return DEVCFGBUS_OK;
 }
 

@@ -49,6 +49,8 @@ class DeviceBus {
   // must not keep every worker.
   int ask(Call call, std::string& reply);
 
+  const Sharded<BusCounts>& counts() const { return counts_; }
+  std::size_t bytes() const { return tally_.bytes; }  // that its requests hold
   // What long replies hold of their budget. Any thread.
   std::size_t replyMemory() const { return replies_.held(); }
 
@@ -59,6 +61,9 @@ class DeviceBus {
   std::shared_ptr<Device> findDevice(const std::string& url);
   void dispatch(RequestPtr request);
 
+  int admit(const Call& call, BusRequest& request);
+
+  Sharded<BusCounts> counts_;
   Answers answers_;
   DeviceDirectory& directory_;
   Tally tally_;

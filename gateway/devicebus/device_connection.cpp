@@ -37,6 +37,7 @@ void DeviceConnection::start(const DeviceRequestHead& head, RequestPtr request) 
   if (request->body.size() <= kShortBody) head_ += request->body;
   reply_.emplace(lane_->replyLimit(), request->method == "HEAD");
   request_ = std::move(request);
+  ++device_->counts.inFlight;
   request_->reply.giveBack();  // of an attempt that was refused
   interimReplies_ = 0;
   gotReplyBytes_ = false;

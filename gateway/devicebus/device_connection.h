@@ -39,7 +39,10 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   void start(const DeviceRequestHead& head, RequestPtr request);
 
   const BusRequest* request() const { return request_.get(); }
-  RequestPtr takeRequest() { return std::move(request_); }
+  RequestPtr takeRequest() {
+    if (request_) --device_->counts.inFlight;
+    return std::move(request_);
+  }
   ReplyParser& reply() { return *reply_; }
   bool isReused() const { return reused_; }
   bool gotReplyBytes() const { return gotReplyBytes_; }

@@ -48,7 +48,7 @@ void Lane::pump() {
     } else if (!device_->circuit.admit(now)) {
       fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
     } else {
-      launch({first.method, target, {}, authorization}, takeFirst());
+      launch({first.method, target, first.idLine, authorization}, takeFirst());
     }
   }
 }

@@ -33,11 +33,6 @@ void ReplyBudget::Share::giveBack() {
   }
 }
 
-std::size_t ReplyBudget::held() const {
-  const MutexLock lock(mutex_);
-  return held_;
-}
-
 bool ReplyBudget::take(Share& share, std::size_t wanted) {
   const std::size_t bound = configuration()->bus.replyMemory;
   const auto fits = [&](std::size_t held, std::size_t most) {

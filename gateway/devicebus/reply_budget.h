@@ -2,6 +2,7 @@
 // connection, parsed, translated, copied into an answer. The bus has one; requests hold shares.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <list>
@@ -48,7 +49,7 @@ class ReplyBudget {
     std::size_t held_ = 0;
   };
 
-  std::size_t held() const;
+  std::size_t held() const { return held_; }
 
  private:
   struct Waiting {
@@ -62,8 +63,8 @@ class ReplyBudget {
   // Those that may go on by now.
   std::list<Waiting> nextServed() QN_REQUIRES(mutex_);
 
-  mutable Mutex mutex_;
-  std::size_t held_ QN_GUARDED_BY(mutex_) = 0;
+  Mutex mutex_;
+  std::atomic<std::size_t> held_{0};  // changed with the mutex held
   std::unordered_map<const Device*, std::size_t> ofDevices_ QN_GUARDED_BY(mutex_);
   std::list<Waiting> waiting_ QN_GUARDED_BY(mutex_);
 };

@@ -5,7 +5,28 @@
 #include <string>
 #include <utility>
 
+#include "gateway/log/request_id.h"
+
 namespace qn::devicebus {
+namespace {
+
+// Nothing when the device has no part in it.
+std::optional<DeviceFailure> failureOf(unsigned int code) {
+  switch (code) {
+    case ERROR_DEVICE_TIMEOUT:
+      return DeviceFailure::TimedOut;
+    case ERROR_DEVICE_UNREACHABLE:
+      return DeviceFailure::Unreachable;
+    case ERROR_DEVICE_REPLY_UNUSABLE:
+      return DeviceFailure::UnusableReply;
+    case ERROR_DEVICE_LOGIN_REFUSED:
+      return DeviceFailure::LoginRefused;
+    default:
+      return std::nullopt;
+  }
+}
+
+}  // namespace
 
 bool Tally::enter() {
   ++count_;
@@ -41,23 +62,46 @@ Place::Refusal Place::enter(Tally& tally, std::shared_ptr<Device> device, const 
   return room && deviceFits && allFit ? Refusal::None : Refusal::Full;
 }
 
+std::string_view BusRequest::id() const {
+  if (idLine.empty()) return {};
+  return std::string_view(idLine).substr(kRequestIdField.size(),
+                                         idLine.size() - kRequestIdField.size() - 2);
+}
+
+void BusRequest::give(std::string_view answer, Origin origin) {
+  const RequestIdScope scope(id());
+  recipient->take(answer, origin);
+}
+
 bool BusRequest::isForgotten() const {
   if (!asker) return false;
   const auto somebody = asker->lock();
   return !somebody || somebody->isGone();
 }
 
+// What became of a request that was accepted.
+void Answers::count(const BusRequest& request, DeviceFailure failure) const {
+  const auto time = std::chrono::steady_clock::now() - request.accepted;
+  const auto asker = request.asker ? request.asker->lock() : nullptr;
+  if (asker) asker->waited(time);
+  DeviceCounts& device = request.device->counts;
+  if (failure == DeviceFailure::TimedOut && request.isForgotten()) return;  // no fault of its own
+  counts_.here().deviceTime.add(time);
+  device.count(failure, time);
+}
+
 void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
+  count(*request, DeviceFailure::None);
   if (reply.status() >= 400 && !reply.isDocument()) {
     const std::string_view document = documents_.of(errorOfHttpStatus(reply.status()));
-    request->recipient->take(document, Origin::Gateway);
+    request->give(document, Origin::Gateway);
     return;
   }
   if (reply.body().size() >= ReplyBudget::kLongReply && request->recipient->isTranslator()) {
     giveOnWorker(std::move(request), reply.takeBody());
     return;
   }
-  request->recipient->take(reply.body(), Origin::Device);
+  request->give(reply.body(), Origin::Device);
 }
 
 void Answers::giveOnWorker(RequestPtr request, std::string body) const {
@@ -68,7 +112,7 @@ void Answers::giveOnWorker(RequestPtr request, std::string body) const {
   };
   auto answer = std::make_shared<Answer>(Answer{std::move(request), std::move(body)});
   const auto give = [answer] {
-    answer->request->recipient->take(answer->body, Origin::Device);
+    answer->request->give(answer->body, Origin::Device);
     answer->request.reset();
   };
   if (!workers_.post(give)) give();
@@ -76,8 +120,10 @@ void Answers::giveOnWorker(RequestPtr request, std::string body) const {
 
 void Answers::giveError(boost::asio::io_context& reactor, RequestPtr request,
                         unsigned int code) const {
+  if (const auto failure = failureOf(code)) count(*request, *failure);
+  if (code == ERROR_TOO_MANY_REQUESTS) counts_.here().refusedReplies.add();
   boost::asio::post(reactor, [this, request = std::move(request), code] {
-    request->recipient->take(documents_.of(code), Origin::Gateway);
+    request->give(documents_.of(code), Origin::Gateway);
   });
 }
 

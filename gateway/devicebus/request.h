@@ -71,21 +71,28 @@ class Place {
   std::size_t bytes_ = 0;
 };
 
+inline constexpr std::string_view kRequestIdField = "X-Request-Id: ";
+
 struct BusRequest {
   explicit BusRequest(ReplyBudget& replies) : reply(replies) {}
 
   Place place;  // first member, last to go
   ReplyBudget::Share reply;
   std::string_view method;
-  std::string url;  // path and query
+  std::string idLine;  // the header line with the client's request's id, or none
+  std::string url;     // path and query
   std::string body;
   std::unique_ptr<Recipient> recipient;
+  std::chrono::steady_clock::time_point accepted;  // by the bus
   std::chrono::steady_clock::time_point deadline;
   std::shared_ptr<Device> device;
   std::optional<DeviceLogin::Ticket> login{std::in_place};  // at `device`
   std::optional<std::weak_ptr<const Asker>> asker = AskerScope::current();
   bool needsFreshConnection = false;  // a reused one broke; not tried again after this
 
+  std::string_view id() const;
+  // Hands the answer over.
+  void give(std::string_view answer, Origin origin);
   // Nobody takes the answer any more.
   bool isForgotten() const;
   // Whether sending it twice does the same as sending it once.
@@ -97,7 +104,7 @@ using RequestPtr = std::unique_ptr<BusRequest>;
 // Hands answers to those who asked: on the reactor, or on a worker when translating takes long.
 class Answers {
  public:
-  explicit Answers(WorkerPool& workers) : workers_(workers) {}
+  Answers(WorkerPool& workers, Sharded<BusCounts>& counts) : workers_(workers), counts_(counts) {}
 
   // The device's reply, or a document in place of one that clients cannot read.
   void giveReply(RequestPtr request, ReplyParser& reply) const;
@@ -106,9 +113,11 @@ class Answers {
   void giveError(boost::asio::io_context& reactor, RequestPtr request, unsigned int code) const;
 
  private:
+  void count(const BusRequest& request, DeviceFailure failure) const;
   void giveOnWorker(RequestPtr request, std::string body) const;
 
   WorkerPool& workers_;
+  Sharded<BusCounts>& counts_;
   const StatusDocuments documents_;
 };
 

@@ -82,18 +82,30 @@ Device::Device(const DeviceConfig& deviceConfig, const RefusalTimes& times, Name
       circuit(deviceConfig.index) {}
 
 std::shared_ptr<Device> DeviceDirectory::find(const DeviceConfig& config) {
-  const MutexLock lock(mutex_);
-  std::shared_ptr<Device>& device = devices_[config.index];
+  Shard& shard = shards_[std::hash<std::string>()(config.index) % shards_.size()];
+  const MutexLock lock(shard.mutex);
+  std::shared_ptr<Device>& device = shard.devices[config.index];
   if (!device || !device->config.sameServer(config)) {
     device = std::make_shared<Device>(config, times_, names_);
   }
   return device;
 }
 
+std::vector<std::shared_ptr<Device>> DeviceDirectory::all() {
+  std::vector<std::shared_ptr<Device>> found;
+  for (Shard& shard : shards_) {
+    const MutexLock lock(shard.mutex);
+    for (const auto& [index, device] : shard.devices) found.push_back(device);
+  }
+  return found;
+}
+
 void DeviceDirectory::prune(const Configuration& configuration) {
-  const MutexLock lock(mutex_);
-  std::erase_if(devices_,
-                [&](const auto& entry) { return !configuration.findDevice(entry.first); });
+  for (Shard& shard : shards_) {
+    const MutexLock lock(shard.mutex);
+    std::erase_if(shard.devices,
+                  [&](const auto& entry) { return !configuration.findDevice(entry.first); });
+  }
   std::unordered_set<std::string> hosts;
   for (const DeviceConfig& device : configuration.devices) hosts.insert(device.host);
   names_.keep(hosts);

@@ -1,6 +1,7 @@
 // One device as both buses know it, and the directory in which they find it.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
@@ -13,6 +14,7 @@
 #include "gateway/config/configuration.h"
 #include "gateway/devices/device_login.h"
 #include "gateway/devices/name_resolver.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
@@ -50,6 +52,7 @@ class Circuit {
 
   // Open, and the next probe is not due: a request can only fail.
   bool blocked(Clock::time_point now) const;
+  bool isOpen() const { return failures_ >= kFailures; }
   // Whether a request may be sent now; while open, true for one request in each period.
   bool admit(Clock::time_point now);
 
@@ -72,9 +75,11 @@ struct Device {
   DeviceAddress address;
   DeviceLogin login;
   Circuit circuit;
-  std::atomic<std::size_t> admitted{0};  // requests of the bus, accepted and not yet answered
-  std::atomic<std::size_t> bytes{0};     // that these requests hold
-  std::atomic<std::size_t> awaited{0};   // threads that wait for a reply
+  // What every request touches stands together, so that it is fetched once.
+  alignas(64) std::atomic<std::size_t> admitted{0};  // requests of the bus, not yet answered
+  std::atomic<std::size_t> bytes{0};                 // that these requests hold
+  DeviceCounts counts;
+  std::atomic<std::size_t> awaited{0};  // threads that wait for a reply
 };
 
 // Any thread. One for both buses, so that what one learns of a device the other knows. Outlives all
@@ -87,14 +92,20 @@ class DeviceDirectory {
 
   // The device of this configuration; made on first use and whenever the configuration differs.
   std::shared_ptr<Device> find(const DeviceConfig& config);
+  // Those that have been found since they were configured.
+  std::vector<std::shared_ptr<Device>> all();
   // Forgets the devices that the configuration does not have.
   void prune(const Configuration& configuration);
 
  private:
   const RefusalTimes times_;
   NameResolver names_;
-  Mutex mutex_;
-  std::unordered_map<std::string, std::shared_ptr<Device>> devices_ QN_GUARDED_BY(mutex_);
+  // So many that listing all devices holds each lock for a moment only.
+  struct Shard {
+    Mutex mutex;
+    std::unordered_map<std::string, std::shared_ptr<Device>> devices QN_GUARDED_BY(mutex);
+  };
+  std::array<Shard, 64> shards_;
 };
 
 }  // namespace qn

@@ -229,6 +229,7 @@ void DeviceLogin::refuse(Ticket& ticket) {
   ticket.trialOf_ = nullptr;
   state_ = State::Refused;
   refusedUntil_ = Clock::now() + pause_;
+  restsUntil_ = refusedUntil_.time_since_epoch().count();
   logError("device {} refused the credentials it is configured with: they rest for {} s", device_,
            std::chrono::duration_cast<std::chrono::seconds>(pause_).count());
   pause_ = std::min<Clock::duration>(2 * pause_, times_.longest);

@@ -3,6 +3,7 @@
 // are right.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -112,6 +113,8 @@ class DeviceLogin {
 
   // From now on, while the credentials stand refused; none otherwise.
   std::optional<Clock::duration> refusedFor();
+  // Whether they stand refused; takes no lock.
+  bool rests() const { return Clock::now().time_since_epoch().count() < restsUntil_; }
 
  private:
   enum class State {
@@ -136,6 +139,7 @@ class DeviceLogin {
   bool warned_ QN_GUARDED_BY(mutex_) = false;     // of a kind of login that is not allowed
   Clock::duration pause_ QN_GUARDED_BY(mutex_);   // after the next refusal
   Clock::time_point refusedUntil_ QN_GUARDED_BY(mutex_);
+  std::atomic<Clock::rep> restsUntil_{0};  // the same, for rests()
 };
 
 }  // namespace qn

@@ -8,6 +8,7 @@
 
 #include "gateway/http/client_stream.h"
 #include "gateway/http/memory_budget.h"
+#include "gateway/http/service_core.h"
 
 namespace qn {
 
@@ -15,8 +16,8 @@ template <class Stream>
 class AnswerSender {
  public:
   // `onSent` is called when a message has gone out.
-  AnswerSender(ClientStream<Stream>& client, const HttpBounds& bounds, std::function<void()> onSent)
-      : client_(client), onSent_(std::move(onSent)), unsent_(client, bounds) {}
+  AnswerSender(ClientStream<Stream>& client, ServiceCore& core, std::function<void()> onSent)
+      : client_(client), onSent_(std::move(onSent)), unsent_(client, core.bounds, core.counts) {}
 
   // Mostly all goes out in one write, so the bytes are copied only when they do not.
   // shareOf() tells what the rest is held of.

@@ -5,10 +5,15 @@
 #include <string>
 #include <utility>
 
+#include "gateway/log/access_log.h"
+#include "platform/rest_protocol.h"
+
 namespace qn {
 namespace {
 
 constexpr std::size_t kScratchKept = 256 * 1024;
+constexpr int kSuccess = 200;
+constexpr int kUnauthorized = 401;
 
 // The message being made on this thread; a connection owns only what could not be sent at once.
 std::string& scratch() {
@@ -28,7 +33,7 @@ ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, st
       reactor_(reactor),
       arrival_(std::move(arrival)),
       requests_(*this, *core_, *this),
-      answers_(*this, core_->bounds, [this] { onSent(); }),
+      answers_(*this, *core_, [this] { onSent(); }),
       parts_(*this, *core_) {}
 
 template <class Stream>
@@ -72,7 +77,10 @@ void ClientConnection<Stream>::onEnd() {
   requests_.end();
   answers_.end();
   parts_.end();
-  if (awaited_) std::exchange(awaited_, nullptr)->detach();
+  if (awaited_) {
+    core_->counts.here().abandoned.add();
+    std::exchange(awaited_, nullptr)->detach();
+  }
   core_->open[reactor_].erase(this);
   arrival_.place.giveBack();
 }
@@ -103,8 +111,10 @@ void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::strin
   counted_ = core_->enterRequest();
   if (counted_) {
     this->setDeadline(core_->bounds.answer);
+    handedOver_ = this->deadline() - core_->bounds.answer;
     core_->handOver(exchange, arrival_.access, body);
   } else {
+    handedOver_ = Base::Clock::now();
     exchange->finish(OwnAnswer::Overloaded);
   }
 }
@@ -112,6 +122,7 @@ void ClientConnection<Stream>::onRequest(const ExchangePtr& exchange, std::strin
 template <class Stream>
 void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
   closeAfter_ = true;
+  core_->counts.here().refused[static_cast<std::size_t>(answer)].add();
   answers_.send(ownMessage(answer), [this] { return core_->answerShare(arrival_.peer); });
 }
 
@@ -145,10 +156,29 @@ template <class Stream>
 void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::string_view message,
                                            Ending ending) {
   if (awaited_ != exchange) return;
+  countAnswer(*exchange, message.size());
   endRequest();
   awaited_.reset();
   closeAfter_ = ending == Ending::Close;
   answers_.send(message, [&] { return core_->answerShare(*exchange); });
+}
+
+template <class Stream>
+void ClientConnection<Stream>::countAnswer(const ExchangeState& exchange, std::size_t bytes) {
+  const auto took = Base::Clock::now() - handedOver_;
+  const auto waited = exchange.deviceTime();
+  const int status = exchange.status();
+  core_->counts.here().countAnswer(exchange.url(), exchange.method(), status, took - waited);
+  if (!isAccessLogged(status)) return;
+  // The challenge that a login begins with is no error.
+  const bool challenge = status == kUnauthorized && exchange.header("Authorization").empty();
+  if (challenge && !isAccessLogged(kSuccess)) return;
+  using std::chrono::duration_cast, std::chrono::microseconds;
+  const LoggedIn login = exchange.login();
+  logAccess({exchange.requestId(), exchange.clientAddress(), login.user, login.device,
+             QNBase::CRESTfulProtocol::GetMethod(static_cast<unsigned char>(exchange.method())),
+             exchange.url(), status, bytes, duration_cast<microseconds>(took),
+             duration_cast<microseconds>(waited)});
 }
 
 template <class Stream>
@@ -179,7 +209,11 @@ void ClientConnection<Stream>::openStream(const ExchangePtr& exchange) {
 
 template <class Stream>
 void ClientConnection<Stream>::beginStream(const ExchangePtr& exchange) {
-  if (awaited_ != exchange) return exchange->detach();
+  if (awaited_ != exchange) {
+    exchange->detach();
+    return;
+  }
+  countAnswer(*exchange, 0);
   endRequest();
   awaited_.reset();
   parts_.begin(exchange);

@@ -41,6 +41,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void openStream(const ExchangePtr& exchange) override;
   void wakeStream() override;
   void sendParts() override;
+  void partDropped() override { core_->counts.here().partsDropped.add(); }
 
  private:
   using Base = ClientStream<Stream>;
@@ -59,6 +60,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void linger();
   void beginStream(const ExchangePtr& exchange);
   void endRequest();
+  void countAnswer(const ExchangeState& exchange, std::size_t bytes);
   Ending endingOf(const ExchangeState& exchange) const;
   std::shared_ptr<ClientConnection> self();
 
@@ -69,10 +71,11 @@ class ClientConnection final : public ClientStream<Stream>,
   RequestReceiver<Stream> requests_;
   AnswerSender<Stream> answers_;
   PartPusher<Stream> parts_;
-  ExchangePtr awaited_;      // whose answer is not there yet
-  bool counted_ = false;     // among the core's requests in flight
-  bool late_ = false;        // the awaited answer's time is over
-  bool closeAfter_ = false;  // the answer
+  ExchangePtr awaited_;                          // whose answer is not there yet
+  typename Base::Clock::time_point handedOver_;  // the awaited exchange
+  bool counted_ = false;                         // among the core's requests in flight
+  bool late_ = false;                            // the awaited answer's time is over
+  bool closeAfter_ = false;                      // the answer
 };
 
 extern template class ClientConnection<TcpStream>;

@@ -21,6 +21,7 @@
 
 #include "gateway/http/bounds.h"
 #include "gateway/log/log.h"
+#include "gateway/metrics/counts.h"
 
 namespace qn {
 
@@ -118,8 +119,8 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
 template <class Stream>
 class UnsentBytes {
  public:
-  UnsentBytes(ClientStream<Stream>& client, const HttpBounds& bounds)
-      : client_(client), bounds_(bounds) {}
+  UnsentBytes(ClientStream<Stream>& client, const HttpBounds& bounds, Sharded<HttpCounts>& counts)
+      : client_(client), bounds_(bounds), counts_(counts) {}
 
   bool empty() const { return bytes_.empty(); }
 
@@ -128,6 +129,7 @@ class UnsentBytes {
     typename ClientStream<Stream>::ErrorCode ec;
     const std::size_t count =
         client_.stream().write_some(boost::asio::buffer(bytes.data(), bytes.size()), ec);
+    counts_.here().sent.add(count);
     if (!ec) return count;
     if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) return 0;
     client_.end();
@@ -154,6 +156,7 @@ class UnsentBytes {
         boost::asio::buffer(bytes_.data() + written_, bytes_.size() - written_),
         client_.guarded([this, onSent](const auto& ec, std::size_t count) {
           if (ec) return client_.end();
+          counts_.here().sent.add(count);
           written_ += count;
           if (written_ < bytes_.size()) return writeOn(onSent);
           std::string().swap(bytes_);
@@ -163,6 +166,7 @@ class UnsentBytes {
 
   ClientStream<Stream>& client_;
   const HttpBounds& bounds_;
+  Sharded<HttpCounts>& counts_;
   std::string bytes_;
   std::size_t written_ = 0;
   Clock::time_point end_;  // by then a peer that takes them fast enough has all

@@ -9,6 +9,7 @@
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/config/configuration.h"
 #include "gateway/http/header_lines.h"
+#include "gateway/http/request_id.h"
 #include "gateway/log/log.h"
 #include "text/ascii.h"
 
@@ -72,7 +73,8 @@ bool isClean(std::string_view text) {
 
 // These are the service's to set.
 bool isOwnHeader(std::string_view name) {
-  for (std::string_view own : {"Content-Length", "Connection", "Date", "Transfer-Encoding"}) {
+  for (std::string_view own :
+       {"Content-Length", "Connection", "Date", "Transfer-Encoding", "X-Request-Id"}) {
     if (text::equalNoCase(name, own)) return true;
   }
   return false;
@@ -103,6 +105,7 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
+      requestId_(qn::requestIdOf(head.fields)),
       origin_(std::move(origin)),
       fields_(head.fields) {}
 
@@ -119,6 +122,14 @@ std::string ExchangeState::header(std::string_view name) const {
   return misused ? std::string() : std::string(value);
 }
 
+std::string ExchangeState::bearerToken() const {
+  constexpr std::string_view kScheme = "Bearer ";
+  const qn::MutexLock lock(mutex_);
+  const std::string_view value = qn::findHeader(fields_, "Authorization").value;
+  const bool bears = qn::text::equalNoCase(value.substr(0, kScheme.size()), kScheme);
+  return std::string(bears ? value.substr(kScheme.size()) : std::string_view());
+}
+
 void ExchangeState::setLogin(qn::LoggedIn who) {
   const qn::MutexLock lock(mutex_);
   login_ = std::move(who);
@@ -127,6 +138,11 @@ void ExchangeState::setLogin(qn::LoggedIn who) {
 std::string ExchangeState::user() const {
   const qn::MutexLock lock(mutex_);
   return login_.user;
+}
+
+qn::LoggedIn ExchangeState::login() const {
+  const qn::MutexLock lock(mutex_);
+  return login_;
 }
 
 bool ExchangeState::isStillAllowed() const {
@@ -156,10 +172,16 @@ void ExchangeState::setStatus(int status) {
   status_ = status >= 200 && status <= 999 ? status : 500;
 }
 
+int ExchangeState::status() const {
+  const qn::MutexLock lock(mutex_);
+  return status_;
+}
+
 void ExchangeState::markStream() {
   const qn::MutexLock lock(mutex_);
   if (streamOpen_) return;
   stream_ = true;
+  mimeParts_ = qn::configuration()->kavro.mimeParts;
   setHeaderLocked("Content-Type", "multipart/mixed; boundary=boundary");
 }
 
@@ -213,10 +235,14 @@ int ExchangeState::respondOnStream(const void* data, int length) {
       opens = streamOpen_ = true;
       std::string().swap(fields_);  // an idle stream keeps little memory
     }
-    if (parts_.size() + inWriting_ + static_cast<std::size_t>(length) > kStreamQueue) {
+    const std::string_view before = mimeParts_ && hasParts_ ? "\r\n" : "";
+    const auto size = before.size() + static_cast<std::size_t>(length);
+    if (parts_.size() + inWriting_ + size > kStreamQueue) {
       accepted = 0;
     } else if (length > 0) {
-      parts_.append(static_cast<const char*>(data), static_cast<std::size_t>(length));
+      ++partCount_;
+      hasParts_ = true;
+      parts_.append(before).append(static_cast<const char*>(data), size - before.size());
       wakes = !std::exchange(wakePending_, true);
     }
   }
@@ -227,6 +253,7 @@ int ExchangeState::respondOnStream(const void* data, int length) {
     link->openStream(shared_from_this());
   }
   if (wakes) link->wakeStream();
+  if (accepted < length) link->partDropped();
   return accepted;
 }
 
@@ -266,6 +293,7 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
+  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   if (ending == qn::Ending::Close) {
     out += "Connection: close\r\n";
   } else if (http10_) {
@@ -284,6 +312,7 @@ void ExchangeState::appendStreamHead(std::string& out) const {
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
+  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   out += "Connection: close\r\n\r\n";
 }
 
@@ -293,15 +322,17 @@ bool ExchangeState::takeParts(std::string& out) {
   if (parts_.empty()) return false;
   out.swap(parts_);
   inWriting_ = out.size();
+  partsInWriting_ = std::exchange(partCount_, 0);
   return true;
 }
 
-void ExchangeState::partsSent() {
+std::size_t ExchangeState::partsSent() {
   const qn::MutexLock lock(mutex_);
   inWriting_ = 0;
+  return std::exchange(partsInWriting_, 0);
 }
 
-void ExchangeState::detach() {
+std::size_t ExchangeState::detach() {
   clientEnded();
   answered_ = true;
   qn::ExchangeRegistry::instance().erase(handle_);
@@ -309,6 +340,7 @@ void ExchangeState::detach() {
   const qn::MutexLock lock(mutex_);
   gone_ = true;
   parts_.swap(parts);
+  return std::exchange(partCount_, 0) + std::exchange(partsInWriting_, 0);
 }
 
 CHttpExchange::CHttpExchange(int handle) : state_(ExchangeState::find(handle)) {}

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -35,6 +36,8 @@ class AnswerLink {
   virtual void wakeStream() = 0;
   // Sends the parts that wait; on the connection's reactor.
   virtual void sendParts() = 0;
+  // A part found no room in the queue.
+  virtual void partDropped() = 0;
 };
 
 enum class Ending { KeepAlive, Close };
@@ -65,16 +68,20 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   int handle() const { return handle_; }
   int method() const { return method_; }
   const std::string& url() const { return url_; }
+  const std::string& requestId() const { return requestId_; }
   bool keepAlive() const { return keepAlive_; }
   // X-Forwarded-For is the client's address, whatever the client wrote. A Host that is an IPv6
   // address, which the module would look for a port inside of, is only the port of ours that the
   // request came in on.
   std::string header(std::string_view name) const;
+  // Of an Authorization header of the scheme Bearer, which header() does not show; or empty.
+  std::string bearerToken() const;
   const std::string& clientAddress() const { return origin_.clientAddress; }
 
   // Who has logged in; set by the login, before the answer.
   void setLogin(qn::LoggedIn who);
   std::string user() const;
+  qn::LoggedIn login() const;
   // Whether the configuration in force still allows what the login did; true without one.
   bool isStillAllowed() const;
 
@@ -86,6 +93,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   void setStatus(int status);
   void markStream();
   int respond(const void* data, int length);
+  int status() const;
   // The service's own way to answer: replaces the status and the content type. False when somebody
   // else answers.
   bool finish(int status, const char* contentType, std::string_view body);
@@ -96,13 +104,21 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   void appendStreamHead(std::string& out) const;
   // Moves everything that is queued to `out`, which is empty; false when there is nothing.
   bool takeParts(std::string& out);
-  // What was taken went out.
-  void partsSent();
-  // The connection is gone, or answers no more: from now on the link is broken.
-  void detach();
+  // What was taken went out: the number of parts.
+  std::size_t partsSent();
+  // The connection is gone, or answers no more: from now on the link is broken. The number of parts
+  // that were accepted and will not go out.
+  std::size_t detach();
   // The client has ended its side, but may still take the answer.
   void clientEnded() { clientEnded_ = true; }
   bool isGone() const override { return clientEnded_; }
+  void waited(std::chrono::nanoseconds time) const override {
+    deviceTime_.fetch_add(time.count(), std::memory_order_relaxed);
+  }
+  // How long devices were waited for.
+  std::chrono::nanoseconds deviceTime() const {
+    return std::chrono::nanoseconds(deviceTime_.load(std::memory_order_relaxed));
+  }
 
  private:
   int respondOnStream(const void* data, int length);
@@ -115,10 +131,12 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   const bool keepAlive_;
   const bool http10_;
   const std::string url_;
+  const std::string requestId_;
   const qn::Origin origin_;
 
   std::atomic<bool> answered_{false};
   std::atomic<bool> clientEnded_{false};
+  mutable std::atomic<std::chrono::nanoseconds::rep> deviceTime_{0};
 
   mutable qn::Mutex mutex_;
   std::string fields_
@@ -131,8 +149,12 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   bool streamOpen_ QN_GUARDED_BY(mutex_) = false;
   bool gone_ QN_GUARDED_BY(mutex_) = false;
   bool wakePending_ QN_GUARDED_BY(mutex_) = false;
+  bool mimeParts_ QN_GUARDED_BY(mutex_) = false;     // CRLF goes before each part but the first
+  bool hasParts_ QN_GUARDED_BY(mutex_) = false;      // the stream was given one
   std::string parts_ QN_GUARDED_BY(mutex_);          // queued
   std::size_t inWriting_ QN_GUARDED_BY(mutex_) = 0;  // taken and not yet sent
+  std::size_t partCount_ QN_GUARDED_BY(mutex_) = 0;  // in parts_
+  std::size_t partsInWriting_ QN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace QNHttpService

@@ -43,6 +43,13 @@ class HttpService {
   // throws as listen() does, and nothing has changed. Connections stay; limits hold for what comes
   // from now on. Then call setExtraPorts().
   void setOptions(const HttpOptions& options);
+  // What it has counted, and what it holds about now; neither takes a lock.
+  const Sharded<HttpCounts>& counts() const { return core_->counts; }
+  ServiceLoad load() const { return core_->load(); }
+  // Some of the open streams.
+  std::vector<StreamList::Entry> streams(std::size_t most) const {
+    return core_->streams.some(most);
+  }
 
   // Closes the streams of those whom the configuration in force does not allow them any more.
   void closeForbiddenStreams();

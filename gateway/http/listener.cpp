@@ -87,6 +87,7 @@ bool Listener::waitForPlace(std::size_t reactor, TcpStream& stream) {
 }
 
 void Listener::serve(std::size_t reactor, TcpStream stream) try {
+  core_->counts.here().accepted.add();
   error_code ec;
   Arrival arrival{{}, plainAddress(stream.remote_endpoint(ec).address()), port_, access_};
   if (ec) return;  // gone already
@@ -94,8 +95,9 @@ void Listener::serve(std::size_t reactor, TcpStream stream) try {
   const auto client =
       core_->trusted().contains(arrival.peer) ? asio::ip::address() : clientNetwork(arrival.peer);
   if (!core_->places.take(client, arrival.place)) {
+    core_->counts.here().turnedAway.add();
     const std::string peer = arrival.peer.to_string();
-    logClient(peer, "connection from {} refused: too many are open", peer);
+    logClient(LogLevel::Warn, peer, "connection from {} refused: too many are open", peer);
     if (!core_->refusals.take(client, arrival.place)) return;  // too many to be told so: closed
     arrival.access = Access::Nothing;
   }

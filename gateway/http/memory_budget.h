@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "gateway/metrics/counter.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
@@ -18,6 +19,9 @@ class MemoryBudget {
   MemoryBudget(std::size_t bytes, std::size_t bytesOfOwner)
       : bytes_(bytes), bytesOfOwner_(bytesOfOwner) {}
 
+  std::size_t held() const { return held_.load(std::memory_order_relaxed); }
+  std::size_t most() const { return bytes_; }
+  uint64_t refusals() const { return refusals_.value(); }
   // From now on; what is held beyond it stays until it is given back.
   void setLimits(std::size_t bytes, std::size_t bytesOfOwner) {
     bytes_ = bytes;
@@ -60,6 +64,11 @@ class MemoryBudget {
 
  private:
   bool change(const std::string& owner, std::size_t before, std::size_t now) {
+    const bool room = fits(owner, before, now);
+    if (!room && now > before) refusals_.add();
+    return room;
+  }
+  bool fits(const std::string& owner, std::size_t before, std::size_t now) {
     const std::size_t difference = now - before;  // wraps when it shrinks, and so does the sum
     const bool room = held_.fetch_add(difference) + difference <= bytes_;
     if (owner.empty()) return room;
@@ -74,6 +83,7 @@ class MemoryBudget {
   std::atomic<std::size_t> bytes_;
   std::atomic<std::size_t> bytesOfOwner_;
   std::atomic<std::size_t> held_{0};
+  Counter refusals_;
   Mutex mutex_;
   std::unordered_map<std::string, std::size_t> byOwner_ QN_GUARDED_BY(mutex_);
 };

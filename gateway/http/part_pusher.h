@@ -25,10 +25,12 @@ template <class Stream>
 class PartPusher {
  public:
   PartPusher(ClientStream<Stream>& client, ServiceCore& core)
-      : client_(client), bounds_(core.bounds), unsent_(client, bounds_) {}
+      : client_(client), core_(core), unsent_(client, core.bounds, core.counts) {}
 
   void begin(const ExchangePtr& exchange) {
     exchange_ = exchange;
+    listed_ = core_.streams.add(exchange->clientAddress(), exchange->login());
+    core_.counts.here().streamsOpened.add();
     boundUnsent();
     std::string head;
     exchange_->appendStreamHead(head);
@@ -46,7 +48,11 @@ class PartPusher {
   bool isAllowed() const { return !exchange_ || exchange_->isStillAllowed(); }
   // The connection has ended.
   void end() {
-    if (exchange_) std::exchange(exchange_, nullptr)->detach();
+    if (!exchange_) return;
+    HttpCounts& counts = core_.counts.here();
+    counts.partsDropped.add(std::exchange(exchange_, nullptr)->detach());
+    counts.streamsClosed.add();
+    core_.streams.remove(listed_);
   }
 
  private:
@@ -58,7 +64,7 @@ class PartPusher {
     boost::system::error_code ignored;
     auto& socket = client_.stream().lowest_layer();
     socket.set_option(boost::asio::socket_base::send_buffer_size(kSendBuffer), ignored);
-    const auto stalled = static_cast<unsigned int>(bounds_.stalled.count());
+    const auto stalled = static_cast<unsigned int>(core_.bounds.stalled.count());
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
   }
   void finish(std::string bytes, std::size_t written) {
@@ -68,14 +74,17 @@ class PartPusher {
     });
   }
   void onPartsSent() {
-    exchange_->partsSent();
-    client_.setDeadline(bounds_.silent);
+    const std::size_t count = exchange_->partsSent();
+    core_.counts.here().partsSent.add(count);
+    listed_->partsSent.add(count);
+    client_.setDeadline(core_.bounds.silent);
   }
 
   ClientStream<Stream>& client_;
-  const HttpBounds& bounds_;
+  ServiceCore& core_;
   UnsentBytes<Stream> unsent_;
   ExchangePtr exchange_;  // null while the connection is no stream
+  StreamList::Entry listed_;
 };
 
 // Has the streams of one reactor push what their queues hold: at once after a pause, once in a

@@ -2,6 +2,7 @@
 // place for every connection, which gives it back when it closes.
 #pragma once
 
+#include <atomic>
 #include <boost/asio/ip/address.hpp>
 #include <cstddef>
 #include <map>
@@ -41,14 +42,12 @@ class Places {
 
   // From now on; places beyond it stay until they are given back.
   void setLimits(std::size_t all, std::size_t ofOne) {
-    const MutexLock lock(mutex_);
     all_ = all;
     ofOne_ = ofOne;
   }
-  bool hasRoom() const {
-    const MutexLock lock(mutex_);
-    return taken_ < all_;
-  }
+  bool hasRoom() const { return taken_ < all_; }
+  std::size_t taken() const { return taken_; }
+  std::size_t all() const { return all_; }
   // For a client by its network (clientNetwork of client_address.h). The unspecified address stands
   // for those who may have as many as they like.
   // False when all are taken or the client has enough.
@@ -74,10 +73,10 @@ class Places {
     if (found != byClient_.end() && --found->second == 0) byClient_.erase(found);
   }
 
-  mutable Mutex mutex_;
-  std::size_t all_ QN_GUARDED_BY(mutex_);
-  std::size_t ofOne_ QN_GUARDED_BY(mutex_);
-  std::size_t taken_ QN_GUARDED_BY(mutex_) = 0;
+  std::atomic<std::size_t> all_;
+  std::atomic<std::size_t> ofOne_;
+  std::atomic<std::size_t> taken_{0};  // changed with the mutex held
+  Mutex mutex_;
   std::map<boost::asio::ip::address, std::size_t> byClient_ QN_GUARDED_BY(mutex_);
 };
 

@@ -119,6 +119,7 @@ class RequestReceiver {
     reading_ = false;
     if (stage_ == Stage::Watching) return ec ? client_.end() : waitForPeer();
     received_.commit(count);
+    core_.counts.here().received.add(count);
     if (!ec) return advance();
     // A client may end its side and still wait for the answer.
     if (ec != boost::asio::error::eof || stage_ != Stage::Held) return client_.end();

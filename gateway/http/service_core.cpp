@@ -14,6 +14,7 @@
 #include "gateway/http/multipart.h"
 #include "gateway/http/part_pusher.h"
 #include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
 
 namespace qn {
@@ -124,7 +125,8 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
       resources_(std::move(resources)),
       bodies_(boundsIn.bodyMemory, boundsIn.bodyMemoryOfOne),
       strangersBodies_(boundsIn.strangersBodies * optionsIn.bodyBytes, optionsIn.bodyBytes),
-      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne) {
+      unsentAnswers_(boundsIn.answerMemory, boundsIn.answerMemoryOfOne),
+      mostRequests_(optionsIn.requests) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
   }
@@ -135,6 +137,7 @@ void ServiceCore::setOptions(const HttpOptions& options) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     runOn(i, [core = shared_from_this(), next, i] { core->inForce_[i] = next; });
   }
+  mostRequests_ = options.requests;
   places.setLimits(options.connections, options.connectionsPerAddress);
   refusals.setLimits(refusalsAtOnce(options), refusalsOfOne(options));
   strangersBodies_.setLimits(bounds.strangersBodies * options.bodyBytes, options.bodyBytes);
@@ -212,8 +215,17 @@ MemoryBudget::Share ServiceCore::answerShare(const address& peer) {
   return MemoryBudget::Share(unsentAnswers_, networkOf(peer));
 }
 
+ServiceLoad ServiceCore::load() const {
+  const auto budget = [](const MemoryBudget& of) {
+    return ServiceLoad::Budget{of.held(), of.most(), of.refusals()};
+  };
+  return {places.taken(),        places.all(),    requestsInFlight(),
+          mostRequests_,         budget(bodies_), budget(strangersBodies_),
+          budget(unsentAnswers_)};
+}
+
 bool ServiceCore::enterRequest() {
-  if (requests_.fetch_add(1) < options().requests) return true;
+  if (requests_.fetch_add(1) < mostRequests_) return true;
   requests_.fetch_sub(1);
   return false;
 }
@@ -233,6 +245,7 @@ void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job jo
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
   if (const OwnResource* resource = findResource(exchange->url())) {
     return queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
+      const RequestIdScope idScope(exchange->requestId());
       answering(exchange, [&] { resource->serve(*exchange); });
     });
   }
@@ -280,8 +293,8 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   std::optional<FaceBody> face;
   const bool takesPicture = slowPartOf(*exchange) == SlowPart::TakesPicture;
   const std::string contentType = takesPicture ? exchange->header("Content-Type") : std::string();
-  const bool dropped = body.empty() && isAnonymous(*exchange);
-  if (isMultipart(contentType) && !dropped) {
+  const auto wasDropped = [&] { return body.empty() && isAnonymous(*exchange); };
+  if (isMultipart(contentType) && !wasDropped()) {
     face = readFaceBody(contentType, body);
     if (!face) {
       exchange->finish(OwnAnswer::Malformed);
@@ -299,6 +312,7 @@ void ServiceCore::processOrThrow(const ExchangePtr& exchange, std::string_view b
   int asyncReply = 0;
   std::string answer;
   const AskerScope scope(exchange);
+  const RequestIdScope idScope(exchange->requestId());
   ExchangeLogin login(*exchange);
   const LoginRequest::Scope loginScope(login);
   const int status = module_.process(bodyIsXml, answer, asyncReply, request);

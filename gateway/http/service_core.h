@@ -21,6 +21,8 @@
 #include "gateway/http/exchange.h"
 #include "gateway/http/memory_budget.h"
 #include "gateway/http/places.h"
+#include "gateway/http/stream_list.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
@@ -71,6 +73,23 @@ struct Arrival {
   Access access;
 };
 
+// How much of what is bounded is in use.
+struct ServiceLoad {
+  struct Budget {
+    std::size_t bytes;
+    std::size_t most;
+    uint64_t refusals;  // ever
+  };
+
+  std::size_t connections;
+  std::size_t mostConnections;
+  std::size_t requests;  // in flight
+  std::size_t mostRequests;
+  Budget bodies;
+  Budget strangersBodies;
+  Budget answers;
+};
+
 // A connection as the service sees it, on the connection's own reactor only.
 class OpenConnection {
  public:
@@ -99,6 +118,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void leaveRequest() { requests_.fetch_sub(1); }
   std::size_t requestsInFlight() const { return requests_.load(); }
 
+  ServiceLoad load() const;
+
   // When all places are taken: closes the longest idle connections, a few of each reactor, and then
   // calls `done`. False, without a call, when there was none a moment ago. On the first reactor,
   // where `done` is called too.
@@ -126,6 +147,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   const HttpBounds bounds;
   Places places;
   Places refusals;  // connections over the limit that are being told so
+  Sharded<HttpCounts> counts;
+  StreamList streams;
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
@@ -158,6 +181,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   MemoryBudget unsentAnswers_;
   std::chrono::steady_clock::time_point noneIdleUntil_;  // the first reactor's
   std::atomic<std::size_t> next_{0};
+  std::atomic<std::size_t> mostRequests_;
   std::atomic<std::size_t> requests_{0};
 };
 

@@ -30,10 +30,9 @@ std::string withoutValues(std::string_view url) {
 
 void setAccessLog(AccessLog access) { accessInForce = access; }
 
-bool isAccessLogged(int status, bool hadCredentials) {
+bool isAccessLogged(int status) {
   const AccessLog access = accessInForce.load(std::memory_order_relaxed);
-  const bool challenge = status == 401 && !hadCredentials;
-  return access == AccessLog::All || (access == AccessLog::Errors && status >= 400 && !challenge);
+  return access == AccessLog::All || (access == AccessLog::Errors && status >= 400);
 }
 
 void logAccess(const AnsweredRequest& request) {

@@ -11,8 +11,8 @@ enum class AccessLog { None, Errors, All };
 
 void setAccessLog(AccessLog access);
 
-// Errors: statuses from 400 on, but not the challenge that a login begins with.
-bool isAccessLogged(int status, bool hadCredentials);
+// Errors: statuses from 400 on.
+bool isAccessLogged(int status);
 
 struct AnsweredRequest {
   std::string_view id;
@@ -22,7 +22,7 @@ struct AnsweredRequest {
   std::string_view method;
   std::string_view url;  // the values of its query are left out
   int status;
-  uint64_t bytes;  // of the answer's body
+  uint64_t bytes;  // of the answer; 0: a stream begins
   std::chrono::microseconds took;
   std::chrono::microseconds waited;  // of that, for the device
 };

@@ -9,16 +9,18 @@ ClientLog& ClientLog::instance() {
   return *log;
 }
 
-void ClientLog::write(std::string_view address, std::string line, Time now) {
+void ClientLog::write(LogLevel level, std::string_view address, std::string line, Time now) {
   const MutexLock lock(mutex_);
   endSecond(now);
   const auto known = addresses_.find(std::string(address));
   if (known != addresses_.end()) {
     ++known->second.lines;
+    if (level < known->second.level) return;
     known->second.last = std::move(line);
+    known->second.level = level;
   } else if (addresses_.size() < kAddresses) {
     addresses_.emplace(address, Held());
-    logWarn("{}", line);
+    logAt(level, "{}", line);
   } else {
     ++others_;
   }
@@ -35,7 +37,7 @@ void ClientLog::endSecond(Time now) {
   secondEnds_ = now + std::chrono::seconds(1);
   std::erase_if(addresses_, [](const auto& entry) { return entry.second.lines == 0; });
   for (auto& [address, held] : addresses_) {
-    logWarn("{} ({} lines like this in the last second)", held.last, held.lines);
+    logAt(held.level, "{} ({} lines like this in the last second)", held.last, held.lines);
     held = Held();
   }
   if (others_ != 0) logWarn("{} lines about other clients held back", std::exchange(others_, 0));

@@ -1,4 +1,4 @@
-// Lines about clients that misbehave: failed logins, locks, refused connections. An attack must be
+// Lines about what clients do: logins, failed ones, locks, refused connections. An attack must be
 // seen and must not fill the disk, so an address has one line in a second; what is held back is
 // counted, and its last line is written when the second is over. Used by the login and the HTTP
 // service; the host calls writeHeldBack() once a second.
@@ -27,15 +27,16 @@ class ClientLog {
 
   static ClientLog& instance();
 
-  // At level warn, now or held back.
-  void write(std::string_view address, std::string line, Time now);
+  // Now or held back.
+  void write(LogLevel level, std::string_view address, std::string line, Time now);
   // Those of a second that is over.
   void writeHeldBack(Time now);
 
  private:
   struct Held {
     uint64_t lines = 0;
-    std::string last;
+    std::string last;  // of the highest level
+    LogLevel level = LogLevel::Info;
   };
 
   void endSecond(Time now) QN_REQUIRES(mutex_);
@@ -47,9 +48,10 @@ class ClientLog {
 };
 
 template <class... Args>
-void logClient(std::string_view address, fmt::format_string<Args...> format, Args&&... args) {
-  if (!isLogged(LogLevel::Warn)) return;
-  ClientLog::instance().write(address, fmt::format(format, std::forward<Args>(args)...),
+void logClient(LogLevel level, std::string_view address, fmt::format_string<Args...> format,
+               Args&&... args) {
+  if (!isLogged(level)) return;
+  ClientLog::instance().write(level, address, fmt::format(format, std::forward<Args>(args)...),
                               std::chrono::steady_clock::now());
 }
 

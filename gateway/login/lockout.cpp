@@ -36,6 +36,15 @@ ClientNetwork::ClientNetwork(std::string_view address) {
   }
 }
 
+std::string ClientNetwork::text() const {
+  std::array<uint8_t, 16> bytes{};
+  for (std::size_t i = 0; i < 8; ++i) bytes[i] = static_cast<uint8_t>(bits_ >> (56 - 8 * i));
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  inet_ntop(isIPv4() ? AF_INET : AF_INET6, bytes.data() + (isIPv4() ? 4 : 0), text.data(),
+            text.size());
+  return std::string(text.data()) + (isIPv4() ? "" : "/64");
+}
+
 Lockout::Lockout() { fillRandom(reinterpret_cast<uint8_t*>(key_.data()), key_.size()); }
 
 Lockout::Standing Lockout::Count::standing(const LockOptions& options, Time now) const {
@@ -94,7 +103,9 @@ Lockout::Standing Lockout::fail(ClientNetwork network, std::string_view user,
   }
   if (count->network != network || now >= count->forgottenAt) renew(*count, network);
   add(*count, user, now + options.lockTime);
-  return count->standing(options, now);
+  Standing standing = count->standing(options, now);
+  standing.justLocked = standing.locked();
+  return standing;
 }
 
 void Lockout::renew(Count& count, ClientNetwork network) {
@@ -117,6 +128,32 @@ Lockout::Standing Lockout::standing(ClientNetwork network, const LockOptions& op
   const MutexLock lock(set.mutex);
   const Count* const count = set.find(network);
   return count ? count->standing(options, now) : Standing{options.maxAttempts, {}};
+}
+
+bool Lockout::unlock(ClientNetwork network, const LockOptions& options, Time now) {
+  if (isEmpty(now)) return false;
+  Set& set = setOf(network);
+  const MutexLock lock(set.mutex);
+  Count* const count = set.find(network);
+  if (!count) return false;
+  const bool wasLocked = count->standing(options, now).locked();
+  renew(*count, network);
+  return wasLocked;
+}
+
+std::vector<Lockout::Lock> Lockout::locks(const LockOptions& options, Time now, std::size_t most) {
+  std::vector<Lock> found;
+  if (isEmpty(now)) return found;
+  for (Set& set : sets_) {
+    const MutexLock lock(set.mutex);
+    for (const Count& count : set.counts) {
+      const Standing standing = count.standing(options, now);
+      if (standing.locked() && found.size() < most) {
+        found.push_back({count.network, standing.unlockIn});
+      }
+    }
+  }
+  return found;
 }
 
 void Lockout::forget(ClientNetwork network, std::string_view user, const LockOptions& options,

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -20,6 +21,9 @@ namespace qn {
 class ClientNetwork {
  public:
   explicit ClientNetwork(std::string_view address);
+
+  // An IPv4 address, or an IPv6 network as "2001:db8::/64".
+  std::string text() const;
 
   bool operator==(const ClientNetwork&) const = default;
   // The /24 or /48, and the /16 or /32, of whoever owns more than one.
@@ -52,6 +56,7 @@ class Lockout {
   struct Standing {
     int attemptsLeft = 0;              // 0: locked
     std::chrono::seconds unlockIn{0};  // rounded up; 0 unless locked
+    bool justLocked = false;           // by the failure that was counted
     bool locked() const { return attemptsLeft == 0; }
   };
 
@@ -62,6 +67,14 @@ class Lockout {
   // Counts a failure; a locked network stays locked no longer for it.
   Standing fail(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);
   Standing standing(ClientNetwork network, const LockOptions& options, Time now);
+  // Forgets all that was counted against it; whether it was locked.
+  bool unlock(ClientNetwork network, const LockOptions& options, Time now);
+  struct Lock {
+    ClientNetwork network;
+    std::chrono::seconds unlockIn;
+  };
+  // Those in force, at most so many.
+  std::vector<Lock> locks(const LockOptions& options, Time now, std::size_t most);
   // After a login, unless the network is locked: forgets what was counted against this user name.
   // One who can log in must not buy guesses at others.
   void forget(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);

@@ -61,17 +61,17 @@ const std::string* deviceFor(const Configuration& config, const UserConfig& user
   return config.mayUse(user, named->index) ? &named->index : nullptr;
 }
 
-// Somebody may type a password into the name's place by mistake, so not too much of it.
+// Somebody may type a password into the name's place by mistake, so not too much of it is told.
+constexpr std::size_t kLoggedName = 32;
+
 void reportRefusal(std::string_view name, std::string_view address,
                    const Lockout::Standing& standing) {
-  constexpr std::size_t kLoggedName = 32;
-  name = name.substr(0, kLoggedName);
   if (standing.locked()) {
-    logClient(address, "login of \"{}\" from {} refused: locked for {} s", name, address,
-              standing.unlockIn.count());
+    logClient(LogLevel::Warn, address, "login of \"{}\" from {} refused: locked for {} s", name,
+              address, standing.unlockIn.count());
   } else {
-    logClient(address, "login of \"{}\" from {} failed: {} attempts left", name, address,
-              standing.attemptsLeft);
+    logClient(LogLevel::Warn, address, "login of \"{}\" from {} failed: {} attempts left", name,
+              address, standing.attemptsLeft);
   }
 }
 
@@ -122,43 +122,62 @@ struct Login::Attempt {
 DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
                           const tagDIGEST_REQUEST& request, int mode) {
   clear(result);
-  // Kept while the check lasts. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
-  const std::shared_ptr<const Configuration> held = configuration();
-  const Configuration& config = *held;
+  const std::shared_ptr<const Configuration> config = users_();
   Attempt attempt;
-  if (!attempt.read(textOf(request.authorization), config)) {
-    return withoutCredentials(result, config);
+  if (!attempt.read(textOf(request.authorization), *config)) {
+    counts_.here().withoutCredentials.add();
+    return withoutCredentials(result, *config);
   }
+  attempt.now = clock_();
+  return decide(result, method, attempt, request, mode);
+}
+
+DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, Attempt& attempt,
+                           const tagDIGEST_REQUEST& request, int mode) {
+  const Configuration& config = *attempt.config;
   const LoginRequest* const service = LoginRequest::current();
   const std::string_view address = service ? service->clientAddress() : textOf(request.clientIp);
   const ClientNetwork client(address);
-  attempt.now = clock_();
   if (!attempt.isRight(method)) {
-    const auto failed = lockout_.fail(client, attempt.name, config.lock, attempt.now);
-    reportRefusal(attempt.name, address, failed);
-    return refuse(result, config, failed);
+    return refuseLogin(result, attempt, address,
+                       lockout_.fail(client, attempt.name, config.lock, attempt.now));
   }
   // The lock is looked at only now, so that a guess made while another one locked the address is
   // refused too.
   const Lockout::Standing standing = lockout_.standing(client, config.lock, attempt.now);
-  if (standing.locked()) {
-    reportRefusal(attempt.name, address, standing);
-    return refuse(result, config, standing);
-  }
+  if (standing.locked()) return refuseLogin(result, attempt, address, standing);
   const Nonces::Use use = nonces_.use(attempt.given.nonce, attempt.count, attempt.name,
                                       config.kavro.nonceKey, attempt.now);
   if (use != Nonces::Use::Fresh) {
+    counts_.here().stale.add();
     // Without a key of its own nobody can tell a nonce from before the start from an invented one.
     challenge(result, config, use == Nonces::Use::Stale || config.kavro.nonceKey.empty());
     return DIGEST_NO_CREDENTIALS;
   }
   lockout_.forget(client, attempt.name, config.lock, attempt.now);
+  if (attempt.count == 1) {  // the first one with its nonce
+    logClient(LogLevel::Info, address, "login of \"{}\" from {}", attempt.name, address);
+  }
   return admit(result, attempt, mode, request.port);
 }
 
+DigestResult Login::refuseLogin(tagDIGEST_RESULT& result, const Attempt& attempt,
+                                std::string_view address, const Lockout::Standing& standing) {
+  LoginCounts& counts = counts_.here();
+  const bool wasLocked = standing.locked() && !standing.justLocked;
+  (wasLocked ? counts.whileLocked : counts.wrong).add();
+  if (standing.justLocked) counts.locks.add();
+  const std::string_view name = std::string_view(attempt.name).substr(0, kLoggedName);
+  refusals_.add([&](Refusal& entry) {
+    entry = {std::chrono::system_clock::now(), std::string(name), std::string(address),
+             standing.locked()};
+  });
+  reportRefusal(name, address, standing);
+  return refuse(result, *attempt.config, standing);
+}
+
 bool Login::recognise(std::string_view method, std::string_view authorization) {
-  // Kept while the check lasts. NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
-  const std::shared_ptr<const Configuration> held = configuration();
+  const std::shared_ptr<const Configuration> held = users_();
   Attempt attempt;
   return attempt.read(authorization.substr(0, DIGEST_AUTHORIZATION_MAX), *held) &&
          attempt.isRight(method) &&
@@ -169,7 +188,11 @@ bool Login::recognise(std::string_view method, std::string_view authorization) {
 DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int mode,
                           uint16_t port) {
   const std::string* const device = deviceFor(*attempt.config, *attempt.user, mode, port);
-  if (!device) return DIGEST_NOT_ALLOWED;
+  if (!device) {
+    counts_.here().notAllowed.add();
+    return DIGEST_NOT_ALLOWED;
+  }
+  counts_.here().admitted.add();
   std::snprintf(result.devIndex, sizeof result.devIndex, "%s", device->c_str());
   LoginRequest* const service = LoginRequest::current();
   if (service) {
@@ -198,7 +221,7 @@ std::string Login::authenticationInfo(const Attempt& attempt) {
 }
 
 int Login::createNonce(char* buffer, int size, int randomBytes) {
-  return nonces_.create(buffer, size, randomBytes, configuration()->kavro.nonceKey, clock_());
+  return nonces_.create(buffer, size, randomBytes, users_()->kavro.nonceKey, clock_());
 }
 
 // The caller makes the plain MD5 challenge itself.
@@ -213,6 +236,14 @@ DigestResult Login::refuse(tagDIGEST_RESULT& result, const Configuration& config
   result.unlockTime = int32_t(standing.unlockIn.count());
   challenge(result, config, false);
   return DIGEST_REFUSED;
+}
+
+std::vector<Lockout::Lock> Login::locks(std::size_t most) {
+  return lockout_.locks(users_()->lock, clock_(), most);
+}
+
+bool Login::unlock(std::string_view address) {
+  return lockout_.unlock(ClientNetwork(address), users_()->lock, clock_());
 }
 
 // One for each algorithm that is offered, the gateway's own first.
@@ -232,27 +263,23 @@ void Login::challenge(tagDIGEST_RESULT& result, const Configuration& config, boo
   std::snprintf(result.wwwAuthenticate, sizeof result.wwwAuthenticate, "%s", text.c_str());
 }
 
-}  // namespace qn
-
-namespace {
-
 // Never destroyed: requests may still come while the process ends.
-qn::Login& login() {
-  static qn::Login* const instance = new qn::Login;
+Login& clientLogin() {
+  static Login* const instance = new Login;
   return *instance;
 }
 
-}  // namespace
-
-bool qn::recogniseLogin(std::string_view method, std::string_view authorization) {
-  return login().recognise(method, authorization);
+bool recogniseLogin(std::string_view method, std::string_view authorization) {
+  return clientLogin().recognise(method, authorization);
 }
+
+}  // namespace qn
 
 int QN_KAVROMgrBus_CheckDigest(tagDIGEST_RESULT& result, const char* method,
                                const tagDIGEST_REQUEST& request, int mode) {
-  return login().check(result, method ? method : "", request, mode);
+  return qn::clientLogin().check(result, method ? method : "", request, mode);
 }
 
 int CreateNonce(char* buffer, int size, int randomBytes, int) {
-  return login().createNonce(buffer, size, randomBytes);
+  return qn::clientLogin().createNonce(buffer, size, randomBytes);
 }

@@ -11,10 +11,10 @@
 namespace qn {
 namespace {
 
-// In an installation and in the build tree alike.
+// In an installation and in the build tree alike: bin/ and the libraries' folder have one parent.
 std::filesystem::path moduleBesideProgram() {
   const auto program = std::filesystem::read_symlink("/proc/self/exe");
-  return program.parent_path().parent_path() / "lib" / "libQNKAVROProtocol.so";
+  return program.parent_path().parent_path() / QN_MODULE;
 }
 
 class CommandLine {

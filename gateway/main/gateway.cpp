@@ -1,6 +1,8 @@
 // See gateway.h.
 #include "gateway/main/gateway.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <map>
@@ -69,7 +71,10 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}) {
+            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+      pulse_(reactors_),
+      health_(pulse_),
+      admin_(observed()) {
   try {
     start();
   } catch (...) {
@@ -90,6 +95,8 @@ void Gateway::start() {
   bus_.start();
   alarms_.start();
   reactors_.start();
+  pulse_.start();
+  admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
   // A gateway without its picture port would hand out dead URLs.
@@ -97,6 +104,7 @@ void Gateway::start() {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   });
   applyExtraPorts();
+  health_.setStarted();
   logInfo("{}", description());
 }
 
@@ -105,15 +113,15 @@ std::string Gateway::description() const {
                      configuration_->http.address, http_.port());
 }
 
-std::chrono::milliseconds Gateway::silence() {
-  const auto owed = std::max(pulse_.silence(), timersOverdue());
-  pulse_.beat();
-  return owed;
+std::chrono::milliseconds Gateway::silence() const {
+  return std::max(pulse_.longestSilence(), timersOverdue());
 }
 
 // Every step is harmless for what has not been started.
 void Gateway::stop() {
   using std::chrono::steady_clock;
+  health_.setStopping();
+  reloads_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -121,6 +129,7 @@ void Gateway::stop() {
   bus_.stop();
   http_.drain(steady_clock::now() + kAnswerTime);
   http_.close();
+  admin_.close();
   files_.stop();
   waiting_.stop();
   translations_.stop();
@@ -133,6 +142,9 @@ void Gateway::reload(Configuration next) {
     logWarn("{} takes effect after a restart; until then it stays as it was", key);
   }
   takeWhatMayFail(next);
+  const std::vector<std::string> changed = changedKeys(*configuration_, next);
+  logInfo("a reload changes {}",
+          changed.empty() ? "nothing" : fmt::to_string(fmt::join(changed, ", ")));
   configuration_ = std::make_shared<const Configuration>(std::move(next));
   publishConfiguration(configuration_);
   setLogOptions(configuration_->log);
@@ -152,6 +164,26 @@ void Gateway::takeWhatMayFail(const Configuration& next) {
     applyExtraPorts();
     throw;
   }
+}
+
+void Gateway::endReload(const std::string& refusal) {
+  reloads_.end(refusal);
+  admin_.reopen(configuration_->admin, configuration_->lock);
+}
+
+Observed Gateway::observed() {
+  return {http_,
+          pulse_,
+          devices_,
+          bus_,
+          alarms_,
+          pictures_,
+          OperationLog::instance(),
+          clientLogin(),
+          {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
+          health_,
+          reloads_,
+          QN_VERSION};
 }
 
 void Gateway::applyExtraPorts() {

@@ -7,6 +7,9 @@
 #include <memory>
 #include <string>
 
+#include "gateway/admin/admin.h"
+#include "gateway/admin/health.h"
+#include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
@@ -35,18 +38,23 @@ class Gateway {
   // Takes over everything but the keys that need a restart, which is logged. Throws, and changes
   // nothing, when it cannot listen where the configuration says.
   void reload(Configuration next);
+  // Around each reload, taken or not; an empty refusal: it was taken. The admin listener moves to
+  // where the configuration in force wants it only now, when whoever asked there has the answer.
+  void beginReload() { reloads_.begin(); }
+  void endReload(const std::string& refusal);
   const Configuration& inForce() const { return *configuration_; }
   // What it serves, for the operator.
   std::string description() const;
 
-  // How long the slowest reactor or timer has owed its next step; call it at least every second.
-  std::chrono::milliseconds silence();
+  // How long the slowest reactor or timer has owed its next step.
+  std::chrono::milliseconds silence() const;
 
  private:
   void start();
   void stop();
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
+  Observed observed();
 
   std::shared_ptr<const Configuration> configuration_;
   ProtocolModule module_;
@@ -56,11 +64,14 @@ class Gateway {
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
   Reactors reactors_;
-  Pulse pulse_{reactors_};
   DeviceDirectory devices_;
   DeviceBus bus_;
   AlarmBus alarms_;
   HttpService http_;
+  Pulse pulse_;
+  Health health_;
+  Reloads reloads_;
+  AdminListener admin_;
 };
 
 }  // namespace qn

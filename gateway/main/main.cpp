@@ -13,6 +13,7 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/client_log.h"
@@ -35,29 +36,29 @@ sigset_t blockSignals() {
   return signals;
 }
 
+// Returns the first of them, for the operator.
+std::string reportRefusal(const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) qn::logError("configuration not changed: {}", line);
+  const std::size_t more = lines.size() - 1;
+  return more == 0 ? lines[0] : fmt::format("{} (and {} more, see the log)", lines[0], more);
+}
+
 // An invalid file changes nothing. Returns what came of it, for the operator.
 std::string reload(qn::Gateway& gateway, const std::filesystem::path& file) {
-  const auto refused = [](const std::string& line) {
-    qn::logError("configuration not changed: {}", line);
-    return "configuration not changed: " + line;
-  };
+  gateway.beginReload();
+  std::string refusal;
   try {
     auto next = qn::readConfiguration(file);
     qn::checkReload(gateway.inForce(), next, file.string());
     gateway.reload(std::move(next));
     qn::logInfo("configuration read again from {}", file.string());
-    return gateway.description();
   } catch (const qn::ConfigurationError& error) {
-    std::string status;
-    for (const std::string& line : error.lines()) {
-      const std::string text = refused(line);
-      if (status.empty()) status = text;
-    }
-    const std::size_t more = error.lines().size() - 1;
-    return more == 0 ? status : fmt::format("{} (and {} more, see the log)", status, more);
+    refusal = reportRefusal(error.lines());
   } catch (const std::exception& error) {
-    return refused(error.what());
+    refusal = reportRefusal({error.what()});
   }
+  gateway.endReload(refusal);
+  return refusal.empty() ? gateway.description() : "configuration not changed: " + refusal;
 }
 
 // Somebody has moved the log's file away.

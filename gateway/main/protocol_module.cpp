@@ -23,8 +23,8 @@ ProtocolModule::ProtocolModule(const std::filesystem::path& file) {
   void* const library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (!library) {
     throw std::runtime_error(std::string("cannot load the protocol module: ") + dlerror() +
-                             "; --module FILE names it where it is not installed beside the "
-                             "program, as ../lib/libQNKAVROProtocol.so");
+                             "; --module FILE names it where it is not installed with the "
+                             "program");
   }
   init_ = bind<Plain>(library, "QN_Protocol_Init");
   uninit_ = bind<Plain>(library, "QN_Protocol_Uninit");

@@ -2,6 +2,7 @@
 // module; the device-configuration bus, which the module calls, remembers it with the request.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -14,6 +15,8 @@ class Asker {
   // Nobody takes the answer any more, or hardly anybody: a client that has ended its side may still
   // read, but most have gone. Any thread; never becomes false again.
   virtual bool isGone() const = 0;
+  // A device was waited for that long, queueing included. Any thread.
+  virtual void waited(std::chrono::nanoseconds time) const = 0;
 };
 
 // On the thread that makes it, until it is destroyed.

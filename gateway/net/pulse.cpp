@@ -6,26 +6,38 @@
 
 namespace qn {
 
-Pulse::Pulse(Reactors& reactors) : reactors_(reactors) {
-  for (std::size_t i = 0; i < reactors.size(); ++i) asked_.push_back(std::make_shared<Asked>(0));
-}
-
-void Pulse::beat() {
-  for (std::size_t i = 0; i < asked_.size(); ++i) {
-    if (*asked_[i] != kAnswered) continue;
-    *asked_[i] = Clock::now().time_since_epoch().count();
-    boost::asio::post(reactors_.context(i), [asked = asked_[i]] { *asked = kAnswered; });
+Pulse::Pulse(Reactors& reactors) {
+  for (std::size_t i = 0; i < reactors.size(); ++i) {
+    beats_.push_back(std::make_unique<Beat>(reactors.context(i)));
   }
 }
 
-std::chrono::milliseconds Pulse::silence() const {
-  Clock::duration longest{0};
-  const Clock::duration now = Clock::now().time_since_epoch();
-  for (const auto& asked : asked_) {
-    const Clock::rep since = *asked;
-    if (since != kAnswered) longest = std::max(longest, now - Clock::duration(since));
+void Pulse::start() {
+  for (const auto& each : beats_) {
+    boost::asio::post(each->timer.get_executor(), [&beat = *each] { Pulse::beat(beat); });
   }
-  return std::chrono::duration_cast<std::chrono::milliseconds>(longest);
+}
+
+void Pulse::beat(Beat& beat) {
+  beat.last = Clock::now();
+  beat.timer.expires_after(kPeriod);
+  beat.timer.async_wait([&beat](const boost::system::error_code& error) {
+    if (!error) Pulse::beat(beat);
+  });
+}
+
+std::vector<Pulse::Clock::duration> Pulse::silences() const {
+  std::vector<Clock::duration> found;
+  const auto now = Clock::now();
+  for (const auto& beat : beats_) found.push_back(now - beat->last.load());
+  return found;
+}
+
+std::chrono::milliseconds Pulse::longestSilence() const {
+  const auto each = silences();
+  const auto beyond = *std::ranges::max_element(each) - kPeriod;
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::max(beyond, Clock::duration::zero()));
 }
 
 }  // namespace qn

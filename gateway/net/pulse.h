@@ -1,8 +1,10 @@
-// Whether the I/O threads turn. Used by the host for the service manager's watchdog, and by whoever
-// has to say that the gateway is alive.
+// Tells whether the reactors run: each renews a time of its own every kPeriod, and one that is
+// stuck in a handler does not. Read by gateway/admin
+// and by the host for the service manager's watchdog.
 #pragma once
 
 #include <atomic>
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -11,24 +13,34 @@
 
 namespace qn {
 
-// The reactors outlive it, or are destroyed with what is queued on them before it is asked again.
 class Pulse {
  public:
-  explicit Pulse(Reactors& reactors);
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kPeriod{250};
+  static constexpr std::chrono::milliseconds kStuck{1500};  // a longer silence is one
 
-  // Asks each reactor that owes no answer for one. One thread; call it at least every second.
-  void beat();
-  // How long the slowest reactor has owed the answer to a beat: a few milliseconds while all of
-  // them turn. Any thread.
-  std::chrono::milliseconds silence() const;
+  // The reactors outlive it, and have stopped before it goes.
+  explicit Pulse(Reactors& reactors);
+  Pulse(const Pulse&) = delete;
+  Pulse& operator=(const Pulse&) = delete;
+
+  // With the reactors.
+  void start();
+  // How long each reactor has been silent. Any thread; takes no lock.
+  std::vector<Clock::duration> silences() const;
+  // Of the slowest one, beyond the time between two beats.
+  std::chrono::milliseconds longestSilence() const;
 
  private:
-  using Clock = std::chrono::steady_clock;
-  using Asked = std::atomic<Clock::rep>;  // when; kAnswered: nothing is owed
-  static constexpr Clock::rep kAnswered = 0;
+  struct Beat {
+    explicit Beat(boost::asio::io_context& reactor) : timer(reactor) {}
+    boost::asio::steady_timer timer;
+    std::atomic<Clock::time_point> last{Clock::now()};
+  };
 
-  Reactors& reactors_;
-  std::vector<std::shared_ptr<Asked>> asked_;  // one for each reactor
+  static void beat(Beat& beat);
+
+  std::vector<std::unique_ptr<Beat>> beats_;  // one for each reactor
 };
 
 }  // namespace qn

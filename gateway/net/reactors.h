@@ -6,6 +6,7 @@
 #include <boost/asio/io_context.hpp>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,7 +18,9 @@ class Reactors {
  public:
   static constexpr int kNone = -1;
 
-  explicit Reactors(std::size_t count = std::thread::hardware_concurrency());
+  // `name` is that of the threads, with their numbers behind it.
+  explicit Reactors(std::size_t count = std::thread::hardware_concurrency(),
+                    std::string name = "reactor");
   ~Reactors();  // stops
   Reactors(const Reactors&) = delete;
   Reactors& operator=(const Reactors&) = delete;
@@ -44,6 +47,7 @@ class Reactors {
   };
   using Guard = boost::asio::executor_work_guard<boost::asio::io_context::executor_type>;
 
+  const std::string name_;
   std::vector<std::unique_ptr<Context>> contexts_;  // constant after construction
   std::vector<Guard> guards_;
   std::vector<std::thread> threads_;

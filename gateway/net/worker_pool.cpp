@@ -23,6 +23,18 @@ bool WorkerPool::runsHere() const { return poolOfThisThread == this; }
 
 bool WorkerPool::post(Job job) {
   const MutexLock lock(mutex_);
+  const bool taken = take(std::move(job));
+  if (!taken) refused_.add();
+  showLoad();
+  return taken;
+}
+
+void WorkerPool::showLoad() {
+  waiting_.store(queue_.size(), std::memory_order_relaxed);
+  threadCount_.store(threads_.size(), std::memory_order_relaxed);
+}
+
+bool WorkerPool::take(Job job) {
   if (stopping_ || queue_.size() >= options_.queueLimit) return false;
   queue_.push_back(std::move(job));
   const bool called = isPatient() ? callSparingly() : callOneMore();
@@ -112,6 +124,7 @@ void WorkerPool::drain() {
       Job job = std::move(queue_.front());
       queue_.pop_front();
       ++taken_;
+      showLoad();
       if (isPatient()) callSparingly();
       mutex_.unlock();
       job();
@@ -150,6 +163,7 @@ bool WorkerPool::leave() {
     if (stopping_) return context_.stopped();
     if (coming_ || watched_ || !queue_.empty()) return false;
     std::erase_if(threads_, [](pthread_t t) { return pthread_equal(t, pthread_self()) != 0; });
+    showLoad();
     earlier = std::exchange(ended_, pthread_self());
   }
   if (earlier) pthread_join(*earlier, nullptr);

@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <vector>
 
+#include "gateway/metrics/counter.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
@@ -52,10 +54,21 @@ class WorkerPool {
   // Whether the calling thread is one of this pool's.
   bool runsHere() const;
 
+  // What it holds about now; takes no lock.
+  struct Load {
+    std::size_t waiting;  // jobs
+    std::size_t threads;
+    uint64_t refused;  // jobs, ever
+  };
+  Load load() const { return {waiting_, threadCount_, refused_.value()}; }
+  const WorkerPoolOptions& options() const { return options_; }
+
  private:
   using Clock = std::chrono::steady_clock;
 
   bool isPatient() const;
+  bool take(Job job) QN_REQUIRES(mutex_);
+  void showLoad() QN_REQUIRES(mutex_);
   bool callOneMore() QN_REQUIRES(mutex_);
   bool callSparingly() QN_REQUIRES(mutex_);
   bool startOne() QN_REQUIRES(mutex_);
@@ -88,6 +101,11 @@ class WorkerPool {
   Clock::time_point drained_ QN_GUARDED_BY(mutex_);
   bool watched_ QN_GUARDED_BY(mutex_) = false;  // a thread watches that the others get on
   bool stopping_ QN_GUARDED_BY(mutex_) = false;
+
+  // For load().
+  std::atomic<std::size_t> waiting_{0};
+  std::atomic<std::size_t> threadCount_{0};
+  Counter refused_;
 };
 
 }  // namespace qn

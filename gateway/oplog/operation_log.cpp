@@ -82,10 +82,12 @@ uint64_t OperationLog::insert(const tagLogInfo& info) {
     if (!running_) return 0;
     if (queue_.size() >= kQueueLimit) {
       ++lost_;
+      lostEver_.add();
       return 0;
     }
     number = ++lastNumber_;
     queue_.push_back({number, std::move(record), 0});
+    waiting_ = queue_.size();
   }
   wakeUp_.notifyOne();
   return number;
@@ -103,6 +105,10 @@ void OperationLog::answered(uint64_t number, int status) {
     late_.push_back({number, status});
   }
   wakeUp_.notifyOne();
+}
+
+OperationLog::Load OperationLog::load() const {
+  return {waiting_, written_.value(), lostEver_.value(), failing_};
 }
 
 void OperationLog::run() {
@@ -132,6 +138,7 @@ bool OperationLog::nextBatch() {
   queue_.erase(queue_.begin(), end);
   answers_.assign(late_.begin(), late_.end());
   late_.clear();
+  waiting_ = queue_.size();
   return !batch_.empty() || !answers_.empty();
 }
 
@@ -139,6 +146,7 @@ bool OperationLog::write() {
   try {
     if (!database_) database_ = std::make_unique<OperationDatabase>(file_);
     database_->append(batch_, answers_, rows_);
+    written_.add(batch_.size());
     reportSuccess();
     return true;
   } catch (const DatabaseError& e) {
@@ -154,6 +162,7 @@ bool OperationLog::write() {
 
 // Once for each reason, however often it is tried again.
 void OperationLog::reportFailure(const std::string& reason) {
+  failing_ = true;
   if (reason == failure_) return;
   logError("operation log: {} cannot be written: {}; trying again every {} ms", file_.string(),
            reason, retryTime_.count());
@@ -163,6 +172,7 @@ void OperationLog::reportFailure(const std::string& reason) {
 void OperationLog::reportSuccess() {
   if (!failure_.empty()) logError("operation log: {} is written again", file_.string());
   failure_.clear();
+  failing_ = false;
   const auto now = std::chrono::steady_clock::now();
   if (now - lossReported_ < kLossReportTime) return;
   lossReported_ = now;
@@ -202,7 +212,9 @@ void OperationLog::setAside() {
 void OperationLog::discardAll() {
   const MutexLock lock(mutex_);
   lost_ += batch_.size() + queue_.size();
+  lostEver_.add(batch_.size() + queue_.size());
   queue_.clear();
+  waiting_ = 0;
 }
 
 }  // namespace qn

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "gateway/metrics/counter.h"
 #include "gateway/oplog/database.h"
 #include "gateway/sync/mutex.h"
 #include "platform/gateway_cfg_bus.h"
@@ -55,6 +56,15 @@ class OperationLog {
   // An answer that finds no room, or comes when the database has been opened anew, is not recorded.
   void answered(uint64_t number, int status);
 
+  // Takes no lock.
+  struct Load {
+    std::size_t waiting;  // records
+    uint64_t written;     // ever
+    uint64_t lost;
+    bool isFailing;  // the database cannot be written just now
+  };
+  Load load() const;
+
  private:
   void run();
   bool nextBatch();
@@ -86,6 +96,12 @@ class OperationLog {
   uint64_t lastNumber_ QN_GUARDED_BY(mutex_) = 0;
   uint64_t lost_ QN_GUARDED_BY(mutex_) = 0;  // since the last report
   bool running_ QN_GUARDED_BY(mutex_) = false;
+
+  // For load().
+  std::atomic<std::size_t> waiting_{0};
+  Counter written_;
+  Counter lostEver_;
+  std::atomic<bool> failing_{false};
 };
 
 }  // namespace qn

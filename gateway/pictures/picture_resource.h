@@ -36,6 +36,7 @@ class PictureResource {
   // For the HTTP service, which must have served its last request before this goes away.
   OwnResource resource();
   void setOptions(const PictureOptions& options) { store_.setOptions(options); }
+  PictureStore::Load load() const { return store_.load(); }
 
  private:
   bool upload(int& errorOut, std::string& urlOut, std::string_view picture);

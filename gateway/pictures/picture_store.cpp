@@ -77,7 +77,8 @@ bool isOutOfSpace(const std::error_code& error) {
 }  // namespace
 
 PictureStore::PictureStore(fs::path folder, const PictureOptions& options)
-    : folder_(std::move(folder)), options_(options) {
+    : folder_(std::move(folder)) {
+  setOptions(options);
   try {
     if (fs::create_directories(folder_)) fs::permissions(folder_, fs::perms::owner_all);
     readFolder();
@@ -100,6 +101,18 @@ void PictureStore::readFolder() {
 void PictureStore::setOptions(const PictureOptions& options) {
   const MutexLock lock(mutex_);
   options_ = options;
+  maxBytes_ = options.maxBytes;
+  maxCount_ = options.maxCount;
+}
+
+PictureStore::Load PictureStore::load() const {
+  return {bytes_,          count_,           maxBytes_,       maxCount_,
+          stored_.value(), dropped_.value(), refused_.value()};
+}
+
+PictureStore::Result PictureStore::refuse(Result why) {
+  refused_.add();
+  return why;
 }
 
 PictureStore::Share& PictureStore::shareOf(const std::string& owner) {
@@ -111,11 +124,15 @@ PictureStore::Share& PictureStore::shareOf(const std::string& owner) {
 void PictureStore::take(Share& share, std::size_t bytes) {
   share.bytes += bytes;
   ++share.count;
+  bytes_ += bytes;
+  ++count_;
 }
 
 void PictureStore::release(Share& share, std::size_t bytes, std::size_t count) {
   share.bytes -= bytes;
   share.count -= count;
+  bytes_ -= bytes;
+  count_ -= count;
   if (share.count == 0) shares_.erase(shares_.find(share.owner));
 }
 
@@ -190,9 +207,10 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string_vie
     share = &shareOf(tag);
     if (!makeRoom(*share, picture.size(), dropped)) {
       release(*share, 0, 0);
-      return Result::Full;
+      return refuse(Result::Full);
     }
   }
+  dropped_.add(dropped.size());
   for (const fs::path& each : dropped) {
     std::error_code ignored;  // a file that stays is taken in again at the next start
     fs::remove(each, ignored);
@@ -205,6 +223,7 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string_vie
     writePicture(file, picture);
     const MutexLock lock(mutex_);
     insert(one);
+    stored_.add();
     return Result::Stored;
   } catch (const std::exception& error) {
     logError("a picture of {} bytes cannot be stored: {}", picture.size(), error.what());
@@ -213,7 +232,7 @@ PictureStore::Result PictureStore::add(std::string_view picture, std::string_vie
     const MutexLock lock(mutex_);
     release(*share, picture.size(), 1);
     const auto* const system = dynamic_cast<const std::system_error*>(&error);
-    return system && isOutOfSpace(system->code()) ? Result::Full : Result::Failed;
+    return refuse(system && isOutOfSpace(system->code()) ? Result::Full : Result::Failed);
   }
 }
 

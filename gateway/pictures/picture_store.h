@@ -2,6 +2,7 @@
 // in memory, which is read from the folder at start. Used by PictureResource.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <list>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "gateway/config/configuration.h"
+#include "gateway/metrics/counter.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
@@ -36,6 +38,18 @@ class PictureStore {
   Result add(std::string_view picture, std::string_view owner, std::string& name);
   // Nothing for a name that is not in the index.
   std::optional<std::string> find(std::string_view name) const;
+
+  // Takes no lock.
+  struct Load {
+    std::size_t bytes;
+    std::size_t pictures;
+    std::size_t maxBytes;
+    std::size_t maxCount;
+    uint64_t stored;  // ever, since the start
+    uint64_t dropped;
+    uint64_t refused;
+  };
+  Load load() const;
 
   // From now on; what is there stays until the next picture needs the room.
   void setOptions(const PictureOptions& options);
@@ -62,6 +76,7 @@ class PictureStore {
   };
 
   void readFolder();
+  Result refuse(Result why);
   Share& shareOf(const std::string& owner) QN_REQUIRES(mutex_);
   void take(Share& share, std::size_t bytes) QN_REQUIRES(mutex_);
   void release(Share& share, std::size_t bytes, std::size_t count) QN_REQUIRES(mutex_);
@@ -78,6 +93,14 @@ class PictureStore {
   std::map<std::string, Share> shares_ QN_GUARDED_BY(mutex_);  // of those who have pictures
   // Views of the lists' names.
   std::unordered_map<std::string_view, Pictures::iterator> byName_ QN_GUARDED_BY(mutex_);
+  // Of all shares; changed with the mutex held.
+  std::atomic<std::size_t> bytes_{0};
+  std::atomic<std::size_t> count_{0};
+  std::atomic<std::size_t> maxBytes_{0};  // the options', for load()
+  std::atomic<std::size_t> maxCount_{0};
+  Counter stored_;
+  Counter dropped_;
+  Counter refused_;
 };
 
 }  // namespace qn

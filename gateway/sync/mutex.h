@@ -31,6 +31,7 @@ class QN_CAPABILITY Mutex {
  public:
   void lock() QN_ACQUIRE() { mutex_.lock(); }
   void unlock() QN_RELEASE() { mutex_.unlock(); }
+  bool tryLock() QN_THREAD_ATTRIBUTE(try_acquire_capability(true)) { return mutex_.try_lock(); }
 
  private:
   friend class Condition;

@@ -52,6 +52,7 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
             tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
   EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
   EXPECT_EQ(tuple(c.bus.deviceBytes, c.bus.bytes, c.bus.replyMemory), tuple(6000, 7000, 8000));
+  EXPECT_EQ(c.admin, (AdminOptions{"::", 8099, "ops", "54321", "0123456789abcdef"}));
   EXPECT_EQ(c.log.level, "warn");
   ASSERT_EQ(c.users.size(), 2U);
   EXPECT_EQ(c.users[0].ha1,
@@ -146,6 +147,10 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {"[lock]\nmax_attempts = 0\n", ":2: lock.max_attempts: expected an integer from 1"},
       {"[pictures]\nmax_bytes = 1000\n", ":2: pictures.max_bytes: expected an integer from"},
       {"[pictures]\nfull = \"drop\"\n", ":2: pictures.full: expected a string: \"refuse\" or"},
+      {"[admin]\nport = 8090\n", ":2: admin.port: expected a value that is not taken"},
+      {"[admin]\nport = 9100\naddress = \"0.0.0.0\"\n",
+       ":3: admin.address: expected a loopback address, or a password"},
+      {"[admin]\nmetrics_token = \"short\"\n", ":2: admin.metrics_token: expected a string"},
       {"[log]\nlevel = \"all\"\n", ":2: log.level: expected a string: \"debug\""},
       {"users = 1\n", ":1: users: expected sections [[users]]"},
       {"[devices]\nindex = \"1\"\n", ":1: devices: expected sections [[devices]]"},

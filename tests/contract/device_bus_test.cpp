@@ -4,6 +4,7 @@
 
 #include "gateway/devicebus/device_url.h"
 #include "gateway/devices/device.h"
+#include "gateway/log/request_id.h"
 #include "gateway/net/asker.h"
 #include "tests/contract/bus_fixture.h"
 
@@ -158,6 +159,17 @@ TEST_F(DeviceBusTest, SendsTheUrlAsItStandsAndFindsTheContentType) {
   };
   for (const auto& [method, body, seen] : cases) {
     EXPECT_EQ(send("1", seconds(20), method, body)->text(), seen);
+  }
+}
+
+TEST_F(DeviceBusTest, TheClientsRequestIsNamedToTheDevice) {
+  ScriptedDevice device(ScriptedDevice::answering(
+      [](const DeviceRequest& request) { return jsonReply(request.field("X-Request-Id")); }));
+  addDevice("1", device.port());
+  EXPECT_EQ(send("1")->text(), "");
+  {
+    const RequestIdScope scope("id-1");
+    EXPECT_EQ(send("1")->text(), "id-1");
   }
   EXPECT_EQ(device.connections(), 1);
 }
@@ -347,7 +359,9 @@ TEST_F(DeviceBusTest, LongRepliesWaitForRoomAndShortOnesDoNot) {
 
 struct SomebodyAsking : Asker {
   bool isGone() const override { return gone; }
+  void waited(std::chrono::nanoseconds time) const override { waitedFor = time; }
   std::atomic<bool> gone{false};
+  mutable std::atomic<std::chrono::nanoseconds> waitedFor{};
 };
 
 TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
@@ -372,6 +386,7 @@ TEST_F(DeviceBusTest, RequestWhoseClientHasGoneLeavesTheQueue) {
   EXPECT_EQ(inFlight->text(), "{}");
   EXPECT_EQ(waiting[0]->text(), "{}");
   EXPECT_EQ(waiting[3]->text(), "{}") << "of nobody in particular";
+  EXPECT_GT(there->waitedFor.load().count(), 0) << "told how long the device took";
   EXPECT_EQ(closed.asked, 3);
 }
 

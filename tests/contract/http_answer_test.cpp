@@ -1,6 +1,9 @@
 // Answered exactly once, whoever answers and whenever; stopping.
 #include <future>
+#include <regex>
+#include <set>
 
+#include "gateway/log/request_id.h"
 #include "gateway/net/asker.h"
 #include "tests/contract/http_fixture.h"
 
@@ -28,6 +31,43 @@ TEST_F(HttpAnswerTest, RequestOutlivesAnAnswerGivenInside) {
   EXPECT_EQ(client.ask(chunked + "1388\r\n" + content + "\r\n0\r\n\r\n").body, "first");
   stop();
   EXPECT_EQ(seen, content);
+}
+
+// The id goes into the answer and stands on lines about the request meanwhile.
+TEST_F(HttpAnswerTest, EachHasTheClientsIdOrOneOfOurOwn) {
+  std::string current;
+  script([&](int&, std::string&, int&, const stHttpRes&) {
+    current = RequestIdScope::current();
+    return 200;
+  });
+  start();
+  RawClient client(port());
+  std::set<std::string> own;
+  const auto idOf = [&](const std::string& line) {
+    const HttpAnswer got = client.ask("GET / HTTP/1.1\r\nHost: h\r\n" + line + "\r\n\r\n");
+    EXPECT_TRUE(got.has("x-request-id: " + current + "\r\n")) << got.head;
+    return current;
+  };
+  const std::string trace = "0123456789abcdef0123456789abcdef";
+  const std::string parent = "-0123456789abcdef-01";
+  EXPECT_EQ(idOf("X-Request-Id: a-b_c.1"), "a-b_c.1");
+  EXPECT_EQ(idOf("X-Request-Id: " + std::string(64, 'a')), std::string(64, 'a'));
+  EXPECT_EQ(idOf("traceparent: 00-" + trace + parent), trace);
+  EXPECT_EQ(idOf("x-request-id: a\r\ntraceparent: 00-" + trace + parent), "a");
+  const std::vector<std::string> useless = {"A: b",
+                                            "X-Request-Id:",
+                                            "X-Request-Id: a b",
+                                            "X-Request-Id: \"a\"",
+                                            "X-Request-Id: " + std::string(65, 'a'),
+                                            "traceparent: ff-" + trace + parent,
+                                            "traceparent: 00-" + std::string(32, '0') + parent,
+                                            "traceparent: 00-" + trace,
+                                            "traceparent: 00-" + trace + "x0123456789abcdef-01"};
+  for (const std::string& line : useless) {
+    const std::string id = idOf(line);
+    EXPECT_TRUE(std::regex_match(id, std::regex("[0-9a-f]{14}"))) << line << ": " << id;
+    EXPECT_TRUE(own.insert(id).second);
+  }
 }
 
 TEST_F(HttpAnswerTest, AnswersItselfWhenNobodyDoes) {

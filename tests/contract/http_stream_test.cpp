@@ -113,7 +113,9 @@ struct CountingLink final : AnswerLink {
   void openStream(const ExchangePtr&) override { ++opened; }
   void wakeStream() override { ++woken; }
   void sendParts() override {}
+  void partDropped() override { ++dropped; }
   int opened = 0;
+  int dropped = 0;
   int woken = 0;
 };
 
@@ -128,9 +130,15 @@ TEST(StreamQueue, WakesTheConnectionOnceForAllPartsThatWait) {
     EXPECT_TRUE(exchange->takeParts(parts));
     EXPECT_EQ(parts, "partpartpart");
     EXPECT_FALSE(exchange->takeParts(parts));
+    EXPECT_EQ(exchange->partsSent(), 3u);
   }
   EXPECT_EQ(link->opened, 1);
-  exchange->detach();
+  const std::string large(QNHttpService::ExchangeState::kStreamQueue, 'x');
+  EXPECT_EQ(exchange->respond(large.data(), int(large.size())), int(large.size()));
+  EXPECT_EQ(link->dropped, 0);
+  EXPECT_EQ(exchange->respond("part", 4), 0);
+  EXPECT_EQ(link->dropped, 1);
+  EXPECT_EQ(exchange->detach(), 1u) << "waited, and will not go out";
   EXPECT_EQ(exchange->respond("part", 4), QNHttpService::HTTP_LINK_BROKEN);
 }
 

@@ -4,7 +4,6 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 #include "tests/contract/events.h"
@@ -29,29 +28,6 @@ TEST(Reactors, EachRunsItsHandlersOnItsOwnThread) {
   EXPECT_TRUE(ran.wait(3));
   reactors.stop();
   reactors.stop();
-}
-
-TEST(Pulse, IsSilentWhileOneReactorIsStuck) {
-  using std::chrono::milliseconds;
-  Events entered, opened, turned;
-  Reactors reactors(2);
-  Pulse pulse(reactors);
-  reactors.start();
-  asio::post(reactors.context(1), [&] {
-    entered.signal();
-    EXPECT_TRUE(opened.wait());
-  });
-  ASSERT_TRUE(entered.wait());
-  pulse.beat();
-  turned.wait(1, milliseconds(60));
-  pulse.beat();  // asks the stuck one no second time
-  EXPECT_GE(pulse.silence(), milliseconds(60));
-  opened.signal();
-  for (int i = 0; i < 2; ++i) {  // both have run what was queued before
-    asio::post(reactors.context(static_cast<std::size_t>(i)), [&] { turned.signal(); });
-  }
-  ASSERT_TRUE(turned.wait(2));
-  EXPECT_EQ(pulse.silence(), milliseconds(0));
 }
 
 TEST(Reactors, HandlersLeftBehindMayOwnObjectsOfAnyReactor) {

@@ -1,4 +1,6 @@
 """Alert streams: what they carry, and their life from the first heartbeat to the gateway's end."""
+import email
+import email.policy
 import json
 import signal
 import time
@@ -51,6 +53,32 @@ class Delivery(harness.StreamTest):
         self.named(stream, "last")
         self.assert_serving()
         lazy.close()
+
+
+class MimeParts(harness.StreamTest):
+    sections = {"kavro": {"mime_parts": True}}
+
+    def test_standard_readers_find_each_part(self):
+        stream = self.open()
+        for name in ("first\u00e9", "second", "third", "last"):
+            kind = "QRCodeEvent" if name == "second" else "motion"
+            self.push(channelName=name, eventType=kind)
+        body = b""
+        while b"last" not in body or not body.endswith(b"Alert>"):
+            body += stream.response.read1()
+        head = f"Content-Type: {stream.response.headers['Content-Type']}\r\n\r\n".encode()
+        parts = email.message_from_bytes(head + body, policy=email.policy.HTTP).get_payload()
+        alarms = [part for part in parts if b"Heart Beat" not in part.get_payload(decode=True)]
+        self.assertEqual([part.get_content_subtype() for part in alarms],
+                         ["xml", "json", "xml", "xml"])
+        self.assertEqual(ElementTree.fromstring(alarms[0].get_payload(decode=True))
+                         .findtext("channelName"), "first\u00e9")
+        self.assertEqual(json.loads(alarms[1].get_payload(decode=True))["channelName"], "second")
+        # A line break belongs to the boundary behind it, and the first one has none.
+        self.assertTrue(body.startswith(b"--boundary\r\n"), body[:80])
+        for part in body.split(b"\r\n--boundary\r\n")[:-1]:
+            fields, content = part.split(b"\r\n\r\n", 1)
+            self.assertIn(b"Content-Length: %d" % len(content), fields)
 
 
 class Life(harness.StreamTest):

@@ -101,6 +101,8 @@ class Configuration(harness.GatewayTest):
         self.assertEqual((self.status("guest"), self.status("admin")), (200, 404))
         slow.join(client.ANSWER_TIME)
         self.assertEqual(results, [200], "a request in flight went on")
+        for line in ("a reload changes users, devices", 'login of "guest" from 127.0.0.1'):
+            harness.wait_until(lambda line=line: line in self.gateway.log(), what=line)
 
 
 class Activation(harness.GatewayTest):
