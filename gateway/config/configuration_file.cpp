@@ -55,6 +55,7 @@ Place placeOfKey(const toml::table& table, const Place& at, const char* key) {
 
 // What the file says, before it is checked against itself.
 struct Entries {
+  bool haveSecrets = false;  // in the file itself
   std::vector<UserEntry> users;
   std::vector<DeviceEntry> devices;
 };
@@ -201,6 +202,7 @@ class FileReader {
       findings_.error(placeOfKey(table, at, "username"), "expected a name to go with the password");
     }
     warnAboutExample(entry.password, placeOfKey(table, at, "password"));
+    entries_.haveSecrets |= table.contains("password");
     result_.devices.push_back(entry);
     entries_.devices.push_back(std::move(entry));
   }
@@ -210,6 +212,7 @@ class FileReader {
     entry.algorithm = result_.kavro.algorithm;
     readTable(table, kUserKeys, at, entry, findings_);
     names_.add(entry.name, placeOfKey(table, at, "name"));
+    entries_.haveSecrets |= table.contains("password") || table.contains("ha1");
     entries_.users.push_back(entry);
     makeHa1(table, at, entry);
     warnAboutExample(entry.password, placeOfKey(table, at, "password"));
@@ -287,12 +290,6 @@ std::string joined(const std::vector<std::string>& lines) {
   return text;
 }
 
-bool holdsSecrets(const Configuration& read) {
-  return !read.users.empty() || std::ranges::any_of(read.devices, [](const DeviceConfig& device) {
-    return !device.password.empty();
-  });
-}
-
 [[noreturn]] void fail(const std::string& line) { throw ConfigurationError({line}); }
 
 // Reads it all and hands what it found to `take`, while the file's tables still stand.
@@ -344,8 +341,8 @@ ConfigurationError::ConfigurationError(std::vector<std::string> lines)
 ReadConfiguration examineConfiguration(const std::filesystem::path& file) {
   return examined(
       contentOfFile(file), file.string(),
-      [&](Configuration read, const Entries&, Findings& findings) {
-        if (isReadableByOthers(file) && holdsSecrets(read)) {
+      [&](Configuration read, const Entries& entries, Findings& findings) {
+        if (isReadableByOthers(file) && entries.haveSecrets) {
           findings.warning(
               {}, "everybody may read it, and it holds passwords: chmod o-rwx " + file.string());
         }

@@ -188,6 +188,24 @@ void ExchangeState::markStream() {
 // Whoever gets true answers; nobody gets it twice.
 bool ExchangeState::claim() { return !answered_.exchange(true); }
 
+void ExchangeState::setOnAnswer(std::function<void(int status)> call) {
+  const qn::MutexLock lock(mutex_);
+  onAnswer_ = std::move(call);
+}
+
+// By whoever has claimed the answer.
+void ExchangeState::tellStatus() {
+  std::function<void(int status)> call;
+  int status;
+  {
+    const qn::MutexLock lock(mutex_);
+    if (!onAnswer_) return;
+    call = std::exchange(onAnswer_, nullptr);
+    status = status_;
+  }
+  call(status);
+}
+
 int ExchangeState::respond(const void* data, int length) {
   if (length < 0 || (data == nullptr && length > 0)) return 0;
   bool stream;
@@ -199,6 +217,7 @@ int ExchangeState::respond(const void* data, int length) {
   if (!claim()) return HTTP_LINK_BROKEN;
   const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
+  tellStatus();
   link->deliver(shared_from_this(), {static_cast<const char*>(data), std::size_t(length)});
   qn::ExchangeRegistry::instance().erase(handle_);
   return length;
@@ -229,7 +248,10 @@ int ExchangeState::respondOnStream(const void* data, int length) {
   }
   const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
-  if (opens) link->openStream(shared_from_this());
+  if (opens) {
+    tellStatus();
+    link->openStream(shared_from_this());
+  }
   if (wakes) link->wakeStream();
   if (accepted < length) link->partDropped();
   return accepted;
@@ -243,7 +265,10 @@ bool ExchangeState::finish(int status, const char* contentType, std::string_view
     status_ = status >= 200 && status <= 999 ? status : 500;
     setHeaderLocked("Content-Type", contentType);
   }
-  if (const auto link = origin_.link.lock()) link->deliver(shared_from_this(), body);
+  if (const auto link = origin_.link.lock()) {
+    tellStatus();
+    link->deliver(shared_from_this(), body);
+  }
   qn::ExchangeRegistry::instance().erase(handle_);
   return true;
 }

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -84,6 +85,9 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   // Whether the configuration in force still allows what the login did; true without one.
   bool isStillAllowed() const;
 
+  // See LoginRequest::onAnswer().
+  void setOnAnswer(std::function<void(int status)> call);
+
   // The answer; any thread.
   void setHeader(std::string_view name, std::string_view value);
   void setStatus(int status);
@@ -119,6 +123,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
  private:
   int respondOnStream(const void* data, int length);
   bool claim();
+  void tellStatus();
   void setHeaderLocked(std::string_view name, std::string_view value) QN_REQUIRES(mutex_);
 
   const int handle_;
@@ -139,6 +144,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   std::string headers_ QN_GUARDED_BY(mutex_);  // the answer's header lines
   qn::LoggedIn login_ QN_GUARDED_BY(mutex_);
   int status_ QN_GUARDED_BY(mutex_) = 200;
+  std::function<void(int status)> onAnswer_ QN_GUARDED_BY(mutex_);
   bool stream_ QN_GUARDED_BY(mutex_) = false;
   bool streamOpen_ QN_GUARDED_BY(mutex_) = false;
   bool gone_ QN_GUARDED_BY(mutex_) = false;

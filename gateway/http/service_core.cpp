@@ -82,6 +82,9 @@ class ExchangeLogin final : public LoginRequest {
     exchange_.setLogin(who);
     exchange_.setHeader("Authentication-Info", info);
   }
+  void onAnswer(std::function<void(int status)> call) override {
+    exchange_.setOnAnswer(std::move(call));
+  }
 
  private:
   ExchangeState& exchange_;

@@ -17,10 +17,11 @@ constexpr char kTable[] =
     "CREATE TABLE IF NOT EXISTS operation_log("
     "id INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, iso_time TEXT NOT NULL, "
     "user TEXT NOT NULL, client_ip TEXT NOT NULL, operation TEXT NOT NULL, "
-    "category TEXT NOT NULL, result TEXT NOT NULL)";
+    "category TEXT NOT NULL, result TEXT NOT NULL, status INTEGER)";
 constexpr char kInsert[] =
-    "INSERT INTO operation_log(time, iso_time, user, client_ip, operation, category, result) "
-    "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+    "INSERT INTO operation_log(time, iso_time, user, client_ip, operation, category, result, "
+    "status) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, nullif(?8, 0))";
+constexpr char kUpdate[] = "UPDATE operation_log SET status = ?2 WHERE id = ?1";
 constexpr char kTrim[] =
     "DELETE FROM operation_log WHERE id <= (SELECT max(id) FROM operation_log) - ?1";
 
@@ -60,7 +61,9 @@ OperationDatabase::OperationDatabase(const std::filesystem::path& file) : file_(
   execute("PRAGMA journal_size_limit = 4194304");  // what stays of the file when it begins anew
   execute("PRAGMA synchronous = NORMAL");  // a power cut may cost the last rows, never the file
   execute(kTable);
+  addStatusColumn();
   insert_ = prepare(kInsert);
+  update_ = prepare(kUpdate);
   trim_ = prepare(kTrim);
   sqlite3_wal_hook(connection_.get(), keepPages, &journalPages_);  // instead of moving by itself
   int moved = 0;
@@ -99,17 +102,29 @@ void OperationDatabase::moveJournal() {
   }
 }
 
-void OperationDatabase::append(std::span<const tagLogInfo> records, std::size_t rows) {
+// Tables of former versions have none.
+void OperationDatabase::addStatusColumn() {
+  sqlite3_stmt* found = nullptr;
+  const int result = sqlite3_prepare_v2(connection_.get(), "SELECT status FROM operation_log", -1,
+                                        &found, nullptr);
+  const Statement owned(found);
+  if (result == SQLITE_ERROR) execute("ALTER TABLE operation_log ADD COLUMN status INTEGER");
+}
+
+void OperationDatabase::append(std::span<const OperationRecord> records,
+                               std::span<const OperationAnswer> answers, std::size_t rows) {
   boundJournal();
   execute("BEGIN IMMEDIATE");
-  for (const tagLogInfo& record : records) insert(record);
+  for (const OperationRecord& record : records) insert(record);
+  for (const OperationAnswer& answer : answers) update(answer);
   constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<int64_t>::max());
   check(sqlite3_bind_int64(trim_.get(), 1, static_cast<int64_t>(std::min(rows, kMost))));
   run(trim_);
   execute("COMMIT");
 }
 
-void OperationDatabase::insert(const tagLogInfo& record) {
+void OperationDatabase::insert(const OperationRecord& numbered) {
+  const tagLogInfo& record = numbered.info;
   check(sqlite3_bind_int64(insert_.get(), 1, static_cast<int64_t>(record.time)));
   int index = 2;
   for (const std::string* text : {&record.isoTime, &record.user, &record.clientIp,
@@ -118,7 +133,19 @@ void OperationDatabase::insert(const tagLogInfo& record) {
     check(sqlite3_bind_text64(insert_.get(), index++, text->data(), text->size(), SQLITE_STATIC,
                               SQLITE_UTF8));
   }
+  check(sqlite3_bind_int(insert_.get(), index, numbered.status));
   run(insert_);
+  if (numbered.status != 0) return;
+  awaited_.emplace(numbered.number, sqlite3_last_insert_rowid(connection_.get()));
+  if (awaited_.size() > kAwaited) awaited_.erase(awaited_.begin());
+}
+
+void OperationDatabase::update(const OperationAnswer& answer) {
+  const auto row = awaited_.extract(answer.number);
+  if (!row) return;
+  check(sqlite3_bind_int64(update_.get(), 1, row.mapped()));
+  check(sqlite3_bind_int(update_.get(), 2, answer.status));
+  run(update_);
 }
 
 OperationDatabase::Statement OperationDatabase::prepare(const char* sql) {

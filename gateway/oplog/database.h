@@ -3,7 +3,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <span>
 #include <stdexcept>
@@ -16,6 +18,18 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 namespace qn {
+
+// A record and the number by which its answer is found.
+struct OperationRecord {
+  uint64_t number;
+  tagLogInfo info;
+  int status;  // of the answer; 0: there is none yet
+};
+
+struct OperationAnswer {
+  uint64_t number;
+  int status;
+};
 
 class DatabaseError : public std::runtime_error {
  public:
@@ -39,15 +53,17 @@ class OperationDatabase {
   // Of the write-ahead file, give or take one append. Only a reader that stays for long makes it so
   // large, because what it reads cannot be moved into the database.
   static constexpr std::size_t kJournalLimit = 32 * 1024 * 1024;
+  static constexpr std::size_t kAwaited = 8192;  // rows whose answer may still come
 
   // Opens the file, making it and the table when they are missing. Readers of the file are never in
   // the way: the journal is a write-ahead log.
   explicit OperationDatabase(const std::filesystem::path& file);
   ~OperationDatabase();
 
-  // Throws while the write-ahead file is full. Adds the records in order, then drops the oldest
-  // beyond `rows`; all of it or nothing.
-  void append(std::span<const tagLogInfo> records, std::size_t rows);
+  // Throws while the write-ahead file is full. Adds the records in order and the answers to those
+  // that this object has added before, then drops the oldest beyond `rows`; all of it or nothing.
+  void append(std::span<const OperationRecord> records, std::span<const OperationAnswer> answers,
+              std::size_t rows);
 
  private:
   struct Close {
@@ -62,15 +78,19 @@ class OperationDatabase {
   void moveJournal();
   void execute(const char* sql);
   Statement prepare(const char* sql);
-  void insert(const tagLogInfo& record);
+  void addStatusColumn();
+  void insert(const OperationRecord& record);
+  void update(const OperationAnswer& answer);
   void run(const Statement& statement);
   void check(int result);
 
   const std::filesystem::path file_;
   std::unique_ptr<sqlite3, Close> connection_;
   Statement insert_;
+  Statement update_;
   Statement trim_;
-  int journalPages_ = 0;  // since it was last begun anew
+  std::map<uint64_t, int64_t> awaited_;  // rows by the numbers of their records
+  int journalPages_ = 0;                 // since it was last begun anew
   std::thread mover_;
   std::atomic<bool> moving_{false};
 };

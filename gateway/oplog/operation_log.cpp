@@ -12,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "gateway/auth/login_request.h"
 #include "gateway/log/log.h"
 #include "gateway/oplog/database.h"
 
@@ -70,24 +71,40 @@ void OperationLog::stop() {
   if (writer_.joinable()) writer_.join();
 }
 
-bool OperationLog::insert(const tagLogInfo& info) {
+uint64_t OperationLog::insert(const tagLogInfo& info) {
   tagLogInfo record = info;
   for (std::string* text : {&record.user, &record.clientIp, &record.operation, &record.isoTime,
                             &record.category, &record.result})
     limit(*text);
+  uint64_t number;
   {
     const MutexLock lock(mutex_);
-    if (!running_) return false;
+    if (!running_) return 0;
     if (queue_.size() >= kQueueLimit) {
       ++lost_;
       lostEver_.add();
-      return false;
+      return 0;
     }
-    queue_.push_back(std::move(record));
+    number = ++lastNumber_;
+    queue_.push_back({number, std::move(record), 0});
     waiting_ = queue_.size();
   }
   wakeUp_.notifyOne();
-  return true;
+  return number;
+}
+
+void OperationLog::answered(uint64_t number, int status) {
+  {
+    const MutexLock lock(mutex_);
+    if (number > lastNumber_) return;
+    if (!queue_.empty() && number >= queue_.front().number) {
+      queue_[number - queue_.front().number].status = status;
+      return;
+    }
+    if (!running_ || late_.size() >= kQueueLimit) return;
+    late_.push_back({number, status});
+  }
+  wakeUp_.notifyOne();
 }
 
 OperationLog::Load OperationLog::load() const {
@@ -114,19 +131,21 @@ void OperationLog::run() {
 // Waits for records; false when the log has stopped and all are written.
 bool OperationLog::nextBatch() {
   const MutexLock lock(mutex_);
-  while (running_ && queue_.empty()) wakeUp_.wait(mutex_);
+  while (running_ && queue_.empty() && late_.empty()) wakeUp_.wait(mutex_);
   const auto end =
       queue_.begin() + static_cast<std::ptrdiff_t>(std::min(queue_.size(), kBatchLimit));
   batch_.assign(std::make_move_iterator(queue_.begin()), std::make_move_iterator(end));
   queue_.erase(queue_.begin(), end);
+  answers_.assign(late_.begin(), late_.end());
+  late_.clear();
   waiting_ = queue_.size();
-  return !batch_.empty();
+  return !batch_.empty() || !answers_.empty();
 }
 
 bool OperationLog::write() {
   try {
     if (!database_) database_ = std::make_unique<OperationDatabase>(file_);
-    database_->append(batch_, rows_);
+    database_->append(batch_, answers_, rows_);
     written_.add(batch_.size());
     reportSuccess();
     return true;
@@ -202,7 +221,13 @@ void OperationLog::discardAll() {
 
 int QN_GatewayCfgBus_InsertLogInfo(const tagLogInfo& info) {
   try {
-    return qn::OperationLog::instance().insert(info) ? 0 : -1;
+    const uint64_t number = qn::OperationLog::instance().insert(info);
+    if (number == 0) return -1;
+    if (qn::LoginRequest* const request = qn::LoginRequest::current()) {
+      request->onAnswer(
+          [number](int status) { qn::OperationLog::instance().answered(number, status); });
+    }
+    return 0;
   } catch (const std::bad_alloc&) {
     return -1;
   }

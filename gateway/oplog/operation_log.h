@@ -14,12 +14,11 @@
 #include <vector>
 
 #include "gateway/metrics/counter.h"
+#include "gateway/oplog/database.h"
 #include "gateway/sync/mutex.h"
 #include "platform/gateway_cfg_bus.h"
 
 namespace qn {
-
-class OperationDatabase;
 
 // A database that cannot be written (locked, full, read-only) is logged and tried again, while the
 // queue takes what comes until it is full. A damaged file is moved to operation_log.db.unreadable.
@@ -50,8 +49,12 @@ class OperationLog {
   // database.h. Harmless when repeated; start and stop by one thread at a time.
   void stop();
 
-  // Any thread; waits for no disk. False when the queue is full or the log is not running.
-  bool insert(const tagLogInfo& info);
+  // Any thread; waits for no disk. The record's number; 0 when the queue is full or the log is not
+  // running.
+  uint64_t insert(const tagLogInfo& info);
+  // What the request was answered with, of which insert() gave the number; once, at any time later.
+  // An answer that finds no room, or comes when the database has been opened anew, is not recorded.
+  void answered(uint64_t number, int status);
 
   // Takes no lock.
   struct Load {
@@ -80,14 +83,17 @@ class OperationLog {
 
   // The writer's own:
   std::unique_ptr<OperationDatabase> database_;
-  std::vector<tagLogInfo> batch_;
+  std::vector<OperationRecord> batch_;
+  std::vector<OperationAnswer> answers_;
   std::chrono::steady_clock::time_point lossReported_;
   std::string failure_;  // the reason last logged; empty while writing succeeds
 
   std::atomic<std::size_t> rows_{0};
   Mutex mutex_;
   Condition wakeUp_;
-  std::deque<tagLogInfo> queue_ QN_GUARDED_BY(mutex_);
+  std::deque<OperationRecord> queue_ QN_GUARDED_BY(mutex_);  // of consecutive numbers
+  std::vector<OperationAnswer> late_ QN_GUARDED_BY(mutex_);  // to what has left the queue
+  uint64_t lastNumber_ QN_GUARDED_BY(mutex_) = 0;
   uint64_t lost_ QN_GUARDED_BY(mutex_) = 0;  // since the last report
   bool running_ QN_GUARDED_BY(mutex_) = false;
 

@@ -299,7 +299,7 @@ TEST(ConfigurationFile, WhatIsProbablyNotMeantSoIsAWarning) {
       {device, 0600, "there is no user \"admin\""},
       {device + user + "password = \"change-me\"\n", 0600, ":7:12: users.password: is the one of"},
       {user + "password = \"p\"\n", 0600, "device \"1\", which is not configured"},
-      {device + user + "password_file = \"pw\"\n", 0600, "pw may be read by everybody"},
+      {device + user + "password_file = \"pw\"\n", 0644, "pw may be read by everybody"},
       {good + "[network]\nhttps_enabled = true\n", 0600, ":9:17: network.https_enabled: clients"},
       {good + "[network]\nhttps_enabled = true\n[http]\ntrusted_proxies = [\"::1\"]\n", 0600, ""},
   };

@@ -213,6 +213,7 @@ struct SeenByService final : LoginRequest {
   explicit SeenByService(std::string clientAddress) : address(std::move(clientAddress)) {}
   std::string_view clientAddress() const override { return address; }
   std::string user() const override { return name; }
+  void onAnswer(std::function<void(int)>) override {}
   void loggedIn(const LoggedIn& who, const std::string& text) override {
     name = who.user;
     info = text;

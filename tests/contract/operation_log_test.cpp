@@ -108,6 +108,30 @@ TEST_F(OperationLogTest, TheBusWritesEveryField) {
                                      "PUT /KAVRO/System/deviceInfo|Device|Fail"});
 }
 
+TEST_F(OperationLogTest, TheStatusOfTheAnswerStandsBesideTheRecord) {
+  {
+    fs::create_directories(directory_);
+    Shell former(file_);  // a table without the column
+    former.query(
+        "CREATE TABLE operation_log(id INTEGER PRIMARY KEY AUTOINCREMENT, time INTEGER NOT NULL, "
+        "iso_time TEXT NOT NULL, user TEXT NOT NULL, client_ip TEXT NOT NULL, operation TEXT NOT "
+        "NULL, category TEXT NOT NULL, result TEXT NOT NULL)");
+  }
+  OperationLog log;
+  log.start(directory_, kManyRows);
+  const uint64_t written = log.insert(record("written"));
+  ASSERT_TRUE(eventually([&] { return Shell(file_).operations().size() == 1; }));
+  const uint64_t unanswered = log.insert(record("unanswered"));
+  const uint64_t queued = log.insert(record("queued"));
+  log.answered(written, 200);
+  log.answered(queued, 403);
+  log.answered(unanswered + 1000, 500);
+  log.stop();
+  log.answered(unanswered, 200);
+  EXPECT_EQ(Shell(file_).query("SELECT operation, result, status FROM operation_log ORDER BY id"),
+            (std::vector<std::string>{"written|Fail|200", "unanswered|Fail|", "queued|Fail|403"}));
+}
+
 TEST_F(OperationLogTest, AnyTextIsDataCutBetweenCharactersAndTheNewestRowsStay) {
   using namespace std::string_literals;
   const std::string hostile = "'); DROP TABLE operation_log; --\0\xff\n"s;

@@ -178,7 +178,7 @@ class OperationLog(harness.GatewayTest):
     def rows(self):
         with contextlib.closing(sqlite3.connect(f"file:{self.database()}?mode=ro",
                                                 uri=True)) as database:
-            return database.execute("SELECT user, client_ip, operation, category, result "
+            return database.execute("SELECT user, client_ip, operation, category, result, status "
                                     "FROM operation_log ORDER BY id").fetchall()
 
     def has_rows(self):
@@ -195,10 +195,12 @@ class OperationLog(harness.GatewayTest):
         one.get("/KAVRO/Security/userCheck")
         self.assertEqual(client.Client(self.gateway.port).put("/KAVRO/x", "{}").status, 401)
         self.client(source="127.0.0.2").put("/KAVRO/" + "x" * 300)
-        expected = [("admin", "127.0.0.1", "PUT /KAVRO/System/time?format=json", "Device", "Fail"),
-                    ("admin", "127.0.0.1", "GET /KAVRO/Security/userCheck", "Device", "Fail"),
-                    ("admin", "127.0.0.2", ("PUT /KAVRO/" + "x" * 300)[:256], "Device", "Fail")]
-        harness.wait_until(self.has_rows)
+        expected = [("admin", "127.0.0.1", "PUT /KAVRO/System/time?format=json", "Device", "Fail",
+                     200),
+                    ("admin", "127.0.0.1", "GET /KAVRO/Security/userCheck", "Device", "Fail", 200),
+                    ("admin", "127.0.0.2", ("PUT /KAVRO/" + "x" * 300)[:256], "Device", "Fail",
+                     403)]
+        harness.wait_until(lambda: self.has_rows() and self.rows()[-1][-1], what="the answers")
         self.assertEqual(self.rows(), expected)
         for number in range(4):
             one.delete(f"/KAVRO/Number/{number}")
