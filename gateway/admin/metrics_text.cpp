@@ -183,10 +183,11 @@ void Collector::Round::requests() {
           double(http.sum(&HttpCounts::abandoned)));
   Family refused =
       counter("qn_http_refused_total", "What was refused before it was a whole request.");
-  for (const auto& [answer, name] : kRefusalNames) {
-    refused.add({{"reason", name}}, double(http.sum([=](const HttpCounts& counts) {
-                  return counts.refused[static_cast<std::size_t>(answer)].value();
-                })));
+  for (const RefusalName& row : kRefusalNames) {
+    const auto count = http.sum([&row](const HttpCounts& counts) {
+      return counts.refused[static_cast<std::size_t>(row.answer)].value();
+    });
+    refused.add({{"reason", row.name}}, double(count));
   }
   histogram("qn_http_gateway_duration_seconds",
             "The gateway's own part of a request's time, without waiting for a device.", http,
@@ -336,7 +337,7 @@ void Collector::Round::gateway() {
 }
 
 void Collector::Round::configuration() {
-  const auto inForce = qn::configuration();
+  const auto& inForce = qn::configuration();
   gauge("qn_configuration_info", "Always 1; what is in force is in the labels.")
       .add({{"mode", std::to_string(inForce->kavro.mode)},
             {"algorithm", std::string(algorithmName(inForce->kavro.algorithm))},
@@ -361,7 +362,7 @@ void Collector::Round::process() {
 
 // Of a device that nobody has asked yet everything is 0, but that it is up for all that is known.
 void Collector::Round::devices() {
-  const auto inForce = qn::configuration();
+  const auto& inForce = qn::configuration();
   const auto all = observedDevices(observed.devices, *inForce);
   gauge("qn_devices", "Configured devices.", double(all.size()));
   const auto each = [&](Family family, auto value, double unknown = 0) {

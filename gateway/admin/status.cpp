@@ -83,7 +83,7 @@ Json::Value deviceJson(const ObservedDevice& observed) {
 }
 
 Json::Value devicesJson(const Observed& observed, std::string_view search) {
-  const auto inForce = configuration();
+  const auto& inForce = configuration();
   auto devices = observedDevices(observed.devices, *inForce);
   const std::size_t all = devices.size();
   std::erase_if(devices, [&](const ObservedDevice& each) {
@@ -91,6 +91,7 @@ Json::Value devicesJson(const Observed& observed, std::string_view search) {
            each.config->host.find(search) == std::string::npos;
   });
   std::vector<std::pair<DeviceState, const ObservedDevice*>> order;
+  order.reserve(devices.size());
   for (const auto& device : devices) order.emplace_back(stateOf(device.device.get()), &device);
   std::ranges::stable_sort(order, {}, &decltype(order)::value_type::first);
   Json::Value out;

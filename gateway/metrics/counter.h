@@ -26,7 +26,6 @@ class Counter {
 template <const auto& kBounds>
 class Histogram {
  public:
-  static constexpr const auto& bounds = kBounds;
   static constexpr std::size_t kBuckets = std::size(kBounds) + 1;  // the last one: longer than all
 
   void add(std::chrono::nanoseconds time) {
