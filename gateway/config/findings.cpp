@@ -88,9 +88,9 @@ std::vector<std::string> Findings::lines(std::vector<Finding> findings) const {
   for (const auto& [place, what] : findings) {
     std::string line = file_;
     for (const uint32_t number : {place.line, place.column}) {
-      if (number != 0) line += ':' + std::to_string(number);
+      if (number != 0) line.append(":").append(std::to_string(number));
     }
-    if (!place.key.empty()) line += ": " + place.key;
+    if (!place.key.empty()) line.append(": ").append(place.key);
     result.push_back(line + ": " + what);
   }
   return result;

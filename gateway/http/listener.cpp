@@ -169,8 +169,9 @@ std::optional<Ports::Former> Ports::holderOf(const std::string& address, uint16_
 // Returns what is to be closed: the other ports come again with setExtra() where all move.
 Ports::Listeners Ports::replaceMain(ListenerPtr next, bool allMove) {
   Listeners unused{std::exchange(main_, std::move(next))};
+  const uint16_t mainPort = main_->port();
   std::erase_if(extra_, [&](const auto& entry) {
-    const bool goes = allMove || entry.first == main_->port();
+    const bool goes = allMove || entry.first == mainPort;
     if (goes) unused.push_back(entry.second);
     return goes;
   });

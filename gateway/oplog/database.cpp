@@ -137,7 +137,7 @@ void OperationDatabase::insert(const OperationRecord& numbered) {
   run(insert_);
   if (numbered.status != 0) return;
   awaited_.emplace(numbered.number, sqlite3_last_insert_rowid(connection_.get()));
-  if (awaited_.size() > kAwaited) awaited_.erase(awaited_.begin());
+  if (awaited_.size() > kAwaitedRows) awaited_.erase(awaited_.begin());
 }
 
 void OperationDatabase::update(const OperationAnswer& answer) {

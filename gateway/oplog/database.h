@@ -53,7 +53,7 @@ class OperationDatabase {
   // Of the write-ahead file, give or take one append. Only a reader that stays for long makes it so
   // large, because what it reads cannot be moved into the database.
   static constexpr std::size_t kJournalLimit = 32 * 1024 * 1024;
-  static constexpr std::size_t kAwaited = 8192;  // rows whose answer may still come
+  static constexpr std::size_t kAwaitedRows = 8192;  // rows whose answer may still come
 
   // Opens the file, making it and the table when they are missing. Readers of the file are never in
   // the way: the journal is a write-ahead log.
