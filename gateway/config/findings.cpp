@@ -91,7 +91,8 @@ std::vector<std::string> Findings::lines(std::vector<Finding> findings) const {
       if (number != 0) line.append(":").append(std::to_string(number));
     }
     if (!place.key.empty()) line.append(": ").append(place.key);
-    result.push_back(line + ": " + what);
+    line.append(": ").append(what);
+    result.push_back(std::move(line));
   }
   return result;
 }
