@@ -6,6 +6,8 @@
 #include <utility>
 
 #include "gateway/log/access_log.h"
+#include "gateway/log/log.h"
+#include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
 
 namespace qn {
@@ -21,6 +23,13 @@ std::string& scratch() {
   if (buffer.capacity() > kScratchKept) std::string().swap(buffer);
   buffer.clear();
   return buffer;
+}
+
+void logStream(const ExchangeState& stream, std::string_view state) {
+  const RequestIdScope idScope(stream.requestId());
+  const LoggedIn login = stream.login();
+  logInfo("stream to {} for \"{}\", device {}: {}", stream.clientAddress(), login.user,
+          login.device, state);
 }
 
 }  // namespace
@@ -76,6 +85,7 @@ void ClientConnection<Stream>::onEnd() {
   endRequest();
   requests_.end();
   answers_.end();
+  if (parts_.exchange()) logStream(*parts_.exchange(), "closed");
   parts_.end();
   if (awaited_) {
     core_->counts.here().abandoned.add();
@@ -217,6 +227,7 @@ void ClientConnection<Stream>::beginStream(const ExchangePtr& exchange) {
   endRequest();
   awaited_.reset();
   parts_.begin(exchange);
+  logStream(*exchange, "open");
   requests_.watch();
   closeUnlessAllowed();  // the configuration may have changed since the login
 }

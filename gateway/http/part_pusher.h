@@ -45,6 +45,8 @@ class PartPusher {
     if (*count == parts.size()) return onPartsSent();
     finish(std::move(parts), *count);
   }
+  // Null while the connection is no stream.
+  const ExchangePtr& exchange() const { return exchange_; }
   bool isAllowed() const { return !exchange_ || exchange_->isStillAllowed(); }
   // The connection has ended.
   void end() {
