@@ -414,6 +414,7 @@ TEST_F(HttpFixture, BlockingResourcesRunElsewhereAndAFullPoolSaysSo) {
   send(get("/slow/throws"));
   ASSERT_TRUE(eventually([&] { return blocked == 2; }));
   for (int i = 0; i < 3; ++i) send(get("/slow"));  // one too many
+  ASSERT_TRUE(eventually([&] { return pool_.load().refused == 1; }));
   EXPECT_EQ(ask(kGet).body, "quick");
   lock.unlock();
   std::multiset<std::string> answers;
