@@ -81,8 +81,9 @@ void Shard::acceptPosted(RequestPtr request) noexcept {
 void Shard::watch(std::chrono::milliseconds period) {
   period_ = period;
   timer_.expires_after(period);
-  timer_.async_wait([this, start = ++timerStarts_](const boost::system::error_code& error) {
-    if (!error && start == timerStarts_) sweep();
+  timer_.async_wait([this, starts = timerStarts_,
+                     start = ++*timerStarts_](const boost::system::error_code& error) {
+    if (!error && start == *starts) sweep();
   });
 }
 
@@ -111,7 +112,7 @@ void Shard::sweepLanes() {
 
 void Shard::shutDown() {
   stopped_ = true;
-  ++timerStarts_;
+  ++*timerStarts_;
   timer_.cancel();
   for (const auto& [index, lane] : lanes_) lane->endAll(ERROR_GATEWAY_STOPPING);
   for (const auto& lane : retired_) lane->endAll(ERROR_GATEWAY_STOPPING);

@@ -55,7 +55,9 @@ class Shard {
   std::vector<std::unique_ptr<Lane>> retired_;  // until their last request has ended
   boost::asio::steady_timer timer_;
   std::chrono::milliseconds period_{0};  // of the timer; 0: it is not running
-  uint64_t timerStarts_ = 0;
+  // Counts the timer's starts and the end. A handler that was on its way when the shard went looks
+  // here, not into the shard.
+  const std::shared_ptr<uint64_t> timerStarts_ = std::make_shared<uint64_t>(0);
   bool stopped_ = false;
 };
 

@@ -2,6 +2,7 @@
 import importlib.util
 import os
 import pathlib
+import select
 import shutil
 import subprocess
 import unittest
@@ -37,6 +38,11 @@ class Example:
         out, err = child.communicate(timeout=60)
         return child.returncode, out, err
 
+    def line(self, child):
+        ready, _, _ = select.select([child.stdout], [], [], 30)
+        self.assertTrue(ready, "no line within 30 s")
+        return child.stdout.readline()
+
     def test_it_is_short(self):
         for file in FOLDER.glob(self.source):
             self.assertLessEqual(len(file.read_text().splitlines()), LONGEST, file)
@@ -67,15 +73,16 @@ class Example:
         child = self.start("alerts", "3")
         self.wait_for_feed()
         self.push(eventType="motion", eventState="active", channelName="a & <b>")
-        self.assertEqual(child.stdout.readline(), "motion active a & <b>\n")
+        self.assertEqual(self.line(child), "motion active a & <b>\n")
         self.push(eventType="QRCodeEvent", eventState="active", channelName="in JSON")
-        self.assertEqual(child.stdout.readline(), "QRCodeEvent active in JSON\n")
+        self.assertEqual(self.line(child), "QRCodeEvent active in JSON\n")
         self.gateway.signal(15)
         self.assertEqual(self.gateway.wait(), 0)
+        harness.wait_until(lambda: self.devices.state(1)["alertStreams"] == 0)
         self.gateway.start()
         self.wait_for_feed(seconds=40)
         self.push(eventType="motion", eventState="inactive", channelName="back")
-        self.assertEqual(child.stdout.readline(), "motion inactive back\n")
+        self.assertEqual(self.line(child), "motion inactive back\n")
         self.assertEqual(child.wait(20), 0)
 
 
