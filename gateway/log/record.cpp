@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <memory>
@@ -19,6 +20,8 @@ namespace qn {
 namespace {
 
 std::atomic<bool> jsonInForce{false};
+
+constexpr std::size_t kUsualBytes = 256;  // of a line
 
 spdlog::level::level_enum spdlogLevel(LogLevel level) {
   constexpr spdlog::level::level_enum kLevels[] = {spdlog::level::debug, spdlog::level::info,
@@ -84,14 +87,18 @@ void appendQuoted(std::string& out, std::string_view text) {
   out += '"';
 }
 
+// Of ASCII, and neither quoted nor escaped.
 bool isWord(std::string_view text) {
-  return !text.empty() && text.find_first_of(" \"\\=") == text.npos;
+  return !text.empty() && std::ranges::all_of(text, [](char c) {
+    return c > ' ' && c < '\x7f' && c != '"' && c != '\\' && c != '=';
+  });
 }
 
 }  // namespace
 
 LogRecord::LogRecord(std::string_view tag, std::string_view text)
     : json_(jsonInForce.load(std::memory_order_relaxed)), tag_(tag) {
+  line_.reserve(kUsualBytes);
   if (json_) {
     add("tag", tag);
     if (!text.empty()) appendQuoted(begin("message"), text);
@@ -109,13 +116,11 @@ std::string& LogRecord::begin(std::string_view name) {
 }
 
 void LogRecord::add(std::string_view name, std::string_view value) {
-  const std::string safe = logLine(value);
   std::string& line = begin(name);
-  if (json_ || !isWord(safe)) {
-    appendQuoted(line, safe);
-  } else {
-    line += safe;
-  }
+  if (!isWord(value)) return appendQuoted(line, logLine(value));
+  if (json_) line += '"';
+  line += value;
+  if (json_) line += '"';
 }
 
 void LogRecord::add(std::string_view name, uint64_t value) {
