@@ -127,7 +127,6 @@ bool holdsBefore(std::chrono::steady_clock::time_point deadline, Condition condi
 }  // namespace
 
 DeviceBus::DeviceBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory)
-
     : answers_(workers, counts_), directory_(directory) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     shards_.push_back(

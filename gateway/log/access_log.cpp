@@ -35,7 +35,7 @@ bool isAccessLogged(int status) {
   return access == AccessLog::All || (access == AccessLog::Errors && status >= 400);
 }
 
-void logAccess(const AnsweredRequest& request) {
+void logAccess(const AnsweredRequest& request) noexcept try {
   LogRecord record("access", {});
   record.add("request", request.id);
   record.add("client", request.client);
@@ -48,6 +48,8 @@ void logAccess(const AnsweredRequest& request) {
   record.add("us", static_cast<uint64_t>(request.took.count()));
   record.add("device_us", static_cast<uint64_t>(request.waited.count()));
   record.write(LogLevel::Info);
+} catch (...) {
+  // Out of memory.
 }
 
 }  // namespace qn

@@ -27,6 +27,7 @@ struct AnsweredRequest {
   std::chrono::microseconds waited;  // of that, for the device
 };
 
-void logAccess(const AnsweredRequest& request);
+// Any thread. Never throws: without memory the line is lost.
+void logAccess(const AnsweredRequest& request) noexcept;
 
 }  // namespace qn

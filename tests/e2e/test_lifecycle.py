@@ -105,6 +105,23 @@ class Configuration(harness.GatewayTest):
             harness.wait_until(lambda line=line: line in self.gateway.log(), what=line)
 
 
+class LogFile(harness.GatewayTest):
+    def test_lines_go_to_the_file_that_is_there(self):
+        log, moved = self.gateway.folder / "a.log", self.gateway.folder / "a.log.1"
+        self.gateway.sections["log"] = {"file": str(log), "access": "all"}
+        self.gateway.write_configuration(self.device_tables(), self.user_tables())
+        self.gateway.signal(signal.SIGHUP)
+        harness.wait_until(lambda: log.exists() and "read again" in log.read_text())
+        self.client().get(INFO)
+        harness.wait_until(lambda: f"method=GET url={INFO} status=200" in log.read_text())
+        log.rename(moved)
+        self.gateway.signal(signal.SIGUSR1)
+        harness.wait_until(log.exists, what="the file that was opened anew")
+        self.client().get(INFO)
+        harness.wait_until(lambda: "status=200" in log.read_text())
+        self.assertEqual(log.stat().st_mode & 0o777, 0o600)
+
+
 class Activation(harness.GatewayTest):
     @classmethod
     def user_tables(cls):
