@@ -9,6 +9,7 @@ nginx; build the project first (Release).
 
 proxy_comparison.py --build build/release                       a translated reply
 proxy_comparison.py --path /KAVRO/Any/Thing --reply-bytes 600   one that is passed through
+proxy_comparison.py --tls                                       the same over TLS, and handshakes
 """
 import argparse
 import json
@@ -16,6 +17,7 @@ import os
 import pathlib
 import signal
 import socket
+import ssl
 import statistics
 import subprocess
 import tempfile
@@ -86,18 +88,31 @@ def device(folder, port, reply):
   location / {{ error_page 405 =200 /reply; rewrite ^ /reply break; }} }}""")
 
 
-def proxy(folder, port, device_port, workers):
+def certificate(folder, kind):
+    kinds = {"ecdsa": ("ec", "ec_paramgen_curve:prime256v1"), "rsa": ("rsa", "rsa_keygen_bits:2048")}
+    subprocess.run(["openssl", "req", "-x509", "-newkey", kinds[kind][0], "-pkeyopt",
+                    kinds[kind][1], "-nodes", "-subj", "/CN=127.0.0.1", "-keyout",
+                    folder / "tls.key", "-out", folder / "tls.pem"], check=True, capture_output=True)
+
+
+def proxy(folder, port, device_port, workers, tls):
+    secure = f"""ssl_certificate {folder}/tls.pem; ssl_certificate_key {folder}/tls.key;
+    ssl_protocols TLSv1.2 TLSv1.3;""" if tls else ""
     return nginx(folder, "proxy", workers, f"""
   upstream device {{ server 127.0.0.1:{device_port}; keepalive 64; keepalive_requests 1000000000; }}
-  server {{ listen 127.0.0.1:{port}; location / {{ proxy_pass http://device;
+  server {{ listen 127.0.0.1:{port} {"ssl" if tls else ""}; {secure} location / {{ proxy_pass http://device;
     proxy_max_temp_file_size 0; proxy_http_version 1.1; proxy_set_header Connection ""; }} }}""")
 
 
-def gateway(folder, build, port, device_port):
+def gateway(folder, build, port, device_port, tls):
     conf = folder / "gateway.toml"
     conf.write_text(f"""
 [http]
-port = {port}
+port = {free_port() if tls else port}
+[https]
+port = {port if tls else 0}
+certificate = "{folder}/tls.pem"
+key = "{folder}/tls.key"
 [network]
 picture_port = {free_port()}
 [bus]
@@ -137,12 +152,12 @@ def resident_kib(pid):
     return 0
 
 
-def load(port, connections, args, pid):
+def load(port, connections, args, pid, options=()):
     before = cpu_seconds(pid)
     out = subprocess.run(
         [str(args.build / "bin/qn-load"), "--port", str(port), "--path", args.path,
          "--connections", str(connections), "--seconds", str(args.seconds),
-         "--password", PASSWORD],
+         "--password", PASSWORD, *(["--tls"] if args.tls else []), *options],
         check=True, capture_output=True, text=True).stdout
     result = json.loads(out)
     result["cpu_s_per_10k"] = (cpu_seconds(pid) - before) * 10000 / result["requests"]
@@ -151,12 +166,12 @@ def load(port, connections, args, pid):
     return result
 
 
-def compare(ports, pids, connections, args):
+def compare(ports, pids, connections, args, what=None, options=()):
     rows = {"nginx": [], "gateway": []}
     for _ in range(args.rounds):
         for name, row in rows.items():
-            row.append(load(ports[name], connections, args, pids[name]))
-    print(f"\n{connections} connection(s), {args.rounds} rounds of {args.seconds} s in turn, medians")
+            row.append(load(ports[name], connections, args, pids[name], options))
+    print(f"\n{what or f'{connections} connection(s)'}, {args.rounds} rounds of {args.seconds} s in turn, medians")
     print(f"{'':10}{'req/s':>10}{'p50 us':>10}{'p99 us':>10}{'CPU s/10k':>12}")
     for name, row in rows.items():
         value = {key: statistics.median(r[key] for r in row) for key in row[0]}
@@ -168,12 +183,14 @@ def compare(ports, pids, connections, args):
               f" (min {min(ratios):.2f}, max {max(ratios):.2f})")
 
 
-def idle_memory(port, pid, count):
+def idle_memory(port, pid, count, tls):
     """Resident memory for each idle keep-alive connection that has made one request."""
     before = resident_kib(pid)
     sockets = []
     for _ in range(count):
         s = socket.create_connection(("127.0.0.1", port))
+        if tls:
+            s = tls.wrap_socket(s)
         s.sendall(b"GET /KAVRO/System/deviceInfo HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
         s.recv(65536)
         sockets.append(s)
@@ -194,15 +211,22 @@ def main():
     parser.add_argument("--seconds", type=float, default=4)
     parser.add_argument("--workers", type=int, default=2, help="nginx worker processes")
     parser.add_argument("--idle", type=int, default=1000, help="idle connections to measure")
+    parser.add_argument("--tls", action="store_true")
+    parser.add_argument("--certificate", choices=("ecdsa", "rsa"), default="ecdsa")
     args = parser.parse_args()
+    trusting = None
+    if args.tls:
+        trusting = ssl.create_default_context()
+        trusting.check_hostname, trusting.verify_mode = False, ssl.CERT_NONE
 
     ports = {name: free_port() for name in ("device", "nginx", "gateway")}
     with tempfile.TemporaryDirectory() as temporary:
         folder = pathlib.Path(temporary)
+        certificate(folder, args.certificate)
         running = [device(folder, ports["device"],
                           reply_of(args.reply_kind, args.reply_bytes)),
-                   proxy(folder, ports["nginx"], ports["device"], args.workers),
-                   gateway(folder, args.build, ports["gateway"], ports["device"])]
+                   proxy(folder, ports["nginx"], ports["device"], args.workers, args.tls),
+                   gateway(folder, args.build, ports["gateway"], ports["device"], args.tls)]
         try:
             for port in ports.values():
                 wait_for(port)
@@ -210,9 +234,11 @@ def main():
             print(f"gateway resident after start: {resident_kib(pids['gateway'])} KiB")
             for connections in (1, 64):
                 compare(ports, pids, connections, args)
+            for kind in ("full", "resumed") if args.tls else ():
+                compare(ports, pids, 1, args, f"{kind} handshakes", ["--handshakes", kind])
             print(f"\ngateway resident after load: {resident_kib(pids['gateway'])} KiB")
             print(f"idle keep-alive connection: "
-                  f"{idle_memory(ports['gateway'], pids['gateway'], args.idle):.2f} KiB resident")
+                  f"{idle_memory(ports['gateway'], pids['gateway'], args.idle, trusting):.2f} KiB resident")
         finally:
             for process in running:
                 process.send_signal(signal.SIGTERM)

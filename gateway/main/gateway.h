@@ -16,6 +16,7 @@
 #include "gateway/devices/device.h"
 #include "gateway/http/http_service.h"
 #include "gateway/main/data_folder.h"
+#include "gateway/main/expiry.h"
 #include "gateway/main/protocol_module.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
@@ -46,6 +47,8 @@ class Gateway {
   // What it serves, for the operator.
   std::string description() const;
 
+  // Writes what the operator should know again and again; to be called at least once an hour.
+  void remind() { expiry_.remind(*configuration_, std::chrono::steady_clock::now()); }
   // How long the slowest reactor or timer has owed its next step.
   std::chrono::milliseconds silence() const;
 
@@ -71,6 +74,7 @@ class Gateway {
   Pulse pulse_;
   Health health_;
   Reloads reloads_;
+  ExpiryReminder expiry_;
   AdminListener admin_;
 };
 
