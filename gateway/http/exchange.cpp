@@ -1,6 +1,7 @@
 // See exchange.h; also the module's CHttpExchange.
 #include "gateway/http/exchange.h"
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <unordered_map>
@@ -73,11 +74,10 @@ bool isClean(std::string_view text) {
 
 // These are the service's to set.
 bool isOwnHeader(std::string_view name) {
-  for (std::string_view own :
-       {"Content-Length", "Connection", "Date", "Transfer-Encoding", "X-Request-Id"}) {
-    if (text::equalNoCase(name, own)) return true;
-  }
-  return false;
+  static constexpr std::array<std::string_view, 5> kOwn = {"Content-Length", "Connection", "Date",
+                                                           "Transfer-Encoding", "X-Request-Id"};
+  return std::ranges::any_of(kOwn,
+                             [&](std::string_view own) { return text::equalNoCase(name, own); });
 }
 
 bool hasNoBody(int status) { return status < 200 || status == 204 || status == 304; }
