@@ -286,10 +286,8 @@ bool ExchangeState::finish(qn::OwnAnswer answer) {
   return finish(document.status, "application/json", document.body);
 }
 
-void ExchangeState::appendMessage(std::string& out, std::string_view body,
-                                  qn::Ending ending) const {
+void ExchangeState::appendHead(std::string& out, std::size_t bodySize, qn::Ending ending) const {
   const qn::MutexLock lock(mutex_);
-  out.reserve(out.size() + headers_.size() + body.size() + 192);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
@@ -299,13 +297,13 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
   } else if (http10_) {
     out += "Connection: keep-alive\r\n";
   }
-  const bool bodyless = qn::hasNoBody(status_);
   // What a device says to HEAD does not tell how long its answer to GET would be.
-  const bool unknown = method_ == HTTP_HEAD && body.empty();
-  if (!bodyless && !unknown) qn::appendContentLength(out, body.size());
+  const bool unknown = method_ == HTTP_HEAD && bodySize == 0;
+  if (!qn::hasNoBody(status_) && !unknown) qn::appendContentLength(out, bodySize);
   out += "\r\n";
-  if (!bodyless && method_ != HTTP_HEAD) out += body;
 }
+
+bool ExchangeState::sendsBody() const { return method_ != HTTP_HEAD && !qn::hasNoBody(status()); }
 
 void ExchangeState::appendStreamHead(std::string& out) const {
   const qn::MutexLock lock(mutex_);

@@ -100,7 +100,10 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   bool finish(qn::OwnAnswer answer);
 
   // The connection's side.
-  void appendMessage(std::string& out, std::string_view body, qn::Ending ending) const;
+  // The head of an answer with a body of that size.
+  void appendHead(std::string& out, std::size_t bodySize, qn::Ending ending) const;
+  // Whether the answer's body is sent at all.
+  bool sendsBody() const;
   void appendStreamHead(std::string& out) const;
   // Moves everything that is queued to `out`, which is empty; false when there is nothing.
   bool takeParts(std::string& out);
