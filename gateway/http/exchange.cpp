@@ -105,7 +105,7 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
-      requestId_(qn::requestIdOf(head.fields)),
+      requestId_(qn::requestIdOf(head.namesRequest ? head.fields : std::string_view())),
       origin_(std::move(origin)),
       fields_(head.fields) {}
 
@@ -168,14 +168,10 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
 }
 
 void ExchangeState::setStatus(int status) {
-  const qn::MutexLock lock(mutex_);
   status_ = status >= 200 && status <= 999 ? status : 500;
 }
 
-int ExchangeState::status() const {
-  const qn::MutexLock lock(mutex_);
-  return status_;
-}
+int ExchangeState::status() const { return status_; }
 
 void ExchangeState::markStream() {
   const qn::MutexLock lock(mutex_);
@@ -191,29 +187,23 @@ bool ExchangeState::claim() { return !answered_.exchange(true); }
 void ExchangeState::setOnAnswer(std::function<void(int status)> call) {
   const qn::MutexLock lock(mutex_);
   onAnswer_ = std::move(call);
+  watched_ = true;
 }
 
 // By whoever has claimed the answer.
 void ExchangeState::tellStatus() {
+  if (!watched_) return;
   std::function<void(int status)> call;
-  int status;
   {
     const qn::MutexLock lock(mutex_);
-    if (!onAnswer_) return;
     call = std::exchange(onAnswer_, nullptr);
-    status = status_;
   }
-  call(status);
+  if (call) call(status_);
 }
 
 int ExchangeState::respond(const void* data, int length) {
   if (length < 0 || (data == nullptr && length > 0)) return 0;
-  bool stream;
-  {
-    const qn::MutexLock lock(mutex_);
-    stream = stream_;
-  }
-  if (stream) return respondOnStream(data, length);
+  if (stream_) return respondOnStream(data, length);
   if (!claim()) return HTTP_LINK_BROKEN;
   const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
