@@ -84,8 +84,8 @@ class Connection {
     char count[9];
     std::snprintf(count, sizeof count, "%08x", ++nonceCount_);
     const auto response = md5(ha1_ + ":" + nonce_ + ":" + count + ":0a4f113b:auth:" + ha2_);
-    request("Authorization: Digest username=\"" + user_ + "\", realm=\"" + realm_ +
-            "\", nonce=\"" + nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
+    request("Authorization: Digest username=\"" + user_ + "\", realm=\"" + realm_ + "\", nonce=\"" +
+            nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
             ", cnonce=\"0a4f113b\", response=\"" + response + "\"\r\n");
     sent_ = Clock::now();
   }
