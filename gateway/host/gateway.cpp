@@ -1,5 +1,5 @@
 // See gateway.h.
-#include "gateway/main/gateway.h"
+#include "gateway/host/gateway.h"
 
 #include <fmt/format.h>
 
@@ -13,10 +13,10 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
-#include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
