@@ -130,7 +130,8 @@ void AccountsFile::make(const Path& like) {
     out.takeAfter(factsOf(like));
     made_ = true;
   } catch (const std::system_error& error) {
-    if (error.code().value() == EEXIST) return;
+    const bool others = error.code().value() == EEXIST && !is_symlink(path_);
+    if (others) return;
     throw std::runtime_error(std::string("cannot be made: ") + error.what());
   }
 }
