@@ -134,6 +134,7 @@ struct DeviceConfig {
 };
 
 struct Configuration {
+  std::vector<std::string> include;  // files with further users and devices
   HttpOptions http;
   NetworkOptions network;
   KavroOptions kavro;

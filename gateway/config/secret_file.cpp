@@ -48,6 +48,10 @@ SecretFile::SecretFile(std::string_view name, const std::filesystem::path& folde
     : credential_(name.starts_with(kCredential)),
       path_(credential_ ? credentialFile(name.substr(kCredential.size())) : folder / name) {}
 
+bool SecretFile::isMissingCredential() const {
+  return credential_ && !std::getenv("CREDENTIALS_DIRECTORY");
+}
+
 std::string SecretFile::read(const Place& place, Findings& findings) const {
   if (path_.empty()) {
     findings.error(place,

@@ -74,6 +74,7 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
             {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
       pulse_(reactors_),
       health_(pulse_),
+      control_(clientLogin(), reloads_),
       admin_(observed()) {
   try {
     start();
@@ -105,7 +106,15 @@ void Gateway::start() {
   });
   applyExtraPorts();
   health_.setStarted();
+  openControl();
   logInfo("{}", description());
+}
+
+// A gateway serves without it; only commands do not reach it.
+void Gateway::openControl() try {
+  control_.open(configuration_->storage.dataDir);
+} catch (const std::system_error& error) {
+  logWarn("commands do not reach this gateway: {}", error.what());
 }
 
 std::string Gateway::description() const {
@@ -122,6 +131,7 @@ void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
   reloads_.close();
+  control_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();

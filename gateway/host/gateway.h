@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gateway/admin/admin.h"
+#include "gateway/admin/control.h"
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
@@ -51,6 +52,7 @@ class Gateway {
 
  private:
   void start();
+  void openControl();
   void stop();
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
@@ -71,6 +73,7 @@ class Gateway {
   Pulse pulse_;
   Health health_;
   Reloads reloads_;
+  ControlSocket control_;
   AdminListener admin_;
 };
 

@@ -163,5 +163,5 @@ int main(int argc, char** argv) try {
 } catch (const qn::ConfigurationError& error) {
   return endWith(qn::ExitStatus::BadConfiguration, error.what());
 } catch (const std::exception& error) {
-  return endWith(qn::ExitStatus::NotStarted, error.what());
+  return endWith(qn::ExitStatus::NotDone, error.what());
 }
