@@ -168,6 +168,7 @@ struct DeviceConfig {
 };
 
 struct Configuration {
+  std::vector<std::string> include;  // files with further users and devices
   HttpOptions http;
   HttpsOptions https;
   NetworkOptions network;

@@ -19,6 +19,17 @@ inline constexpr KeyTraits kInSeconds{.unit = "seconds"};
 inline constexpr KeyTraits kInBytes{.unit = "bytes"};
 inline constexpr KeyTraits kAtStart{.restart = true};
 
+// Those of no section, at the file's top.
+inline constexpr std::string_view kTopAbout = "at the top of the file, before all sections";
+inline constexpr Key<Configuration> kTopKeys[] = {
+    {"include",
+     &Configuration::include,
+     {},
+     &kPathRule,
+     "files with [[users]] and [[devices]], beside this one; commands write the first of them",
+     {.example = "[\"accounts.toml\"]"}},
+};
+
 inline constexpr Key<HttpOptions> kHttpKeys[] = {
     {"address",
      &HttpOptions::address,
@@ -336,6 +347,7 @@ struct UserEntry : UserConfig {
   std::string password;
   std::string passwordFile;
   std::string ha1File;
+  std::string ha1Sha256;
   DigestAlgorithm algorithm = DigestAlgorithm::MD5;  // the weakest that the user may log in with
 };
 
@@ -373,6 +385,12 @@ inline constexpr Key<UserEntry> kUserKeys[] = {
      &kSecretFileRule,
      kSecretFileAbout,
      {.otherwise = "none", .example = "\"credential:secrets_admin-ha1\""}},
+    {"ha1_sha256",
+     &UserEntry::ha1Sha256,
+     {},
+     &kHa1Rule,
+     "the SHA-256 digest beside an MD5 one in ha1, for clients that prefer it",
+     {.secret = true, .otherwise = "none", .example = "\"<digest>\""}},
     {"device",
      &UserEntry::device,
      {},
@@ -464,7 +482,8 @@ void forEachSection(Visit visit) {
   visit("log", "what goes to standard error", kLogKeys, &Configuration::log);
 }
 
-// The lists that the example has an entry of; what it shows of others is commented out.
+// The lists that the example has an entry of, and that included files may have. What the example
+// shows of others is commented out.
 inline constexpr std::string_view kListsInExample[] = {"users", "devices"};
 
 // The same, without a member, for those that stand once for each user and device.

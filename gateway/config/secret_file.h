@@ -26,6 +26,8 @@ class SecretFile {
   SecretFile(std::string_view name, const std::filesystem::path& folder);
 
   bool isCredential() const { return credential_; }
+  // There is no service manager that would give it.
+  bool isMissingCredential() const;
   const std::filesystem::path& path() const { return path_; }
 
   // Empty, with an error at the place, when it cannot be read.

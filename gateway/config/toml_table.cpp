@@ -83,7 +83,7 @@ void ValueReader::fail(const toml::node& from, std::string what) const {
   if (!secret) what += ", not " + shownValue(from);
   const auto* const text = from.as_string();
   if (text && rule && !secret) what += didYouMean(text->get(), rule->choices);
-  findings.error(placeOf(from.source().begin, place.key), std::move(what));
+  findings.error(placeOf(from.source(), place.key), std::move(what));
 }
 
 bool ValueReader::isNumber() const {

@@ -100,8 +100,8 @@ struct ValueReader {
   void fail(const toml::node& from, std::string what) const;
 };
 
-inline Place placeOf(const toml::source_position& at, std::string key) {
-  return {at.line, at.column, std::move(key)};
+inline Place placeOf(const toml::source_region& at, std::string key) {
+  return {at.begin.line, at.begin.column, std::move(key), at.path};
 }
 
 // Keys that the table does not have, or has wrong, leave their members alone.
@@ -115,17 +115,18 @@ void readTable(const toml::table& table, const Key<S> (&keys)[N], const Place& s
     if (key == std::end(keys)) {
       std::vector<std::string_view> names;
       for (const Key<S>& each : keys) names.push_back(each.name);
-      findings.error(placeOf(tomlKey.source().begin, fullName(name)),
+      findings.error(placeOf(tomlKey.source(), fullName(name)),
                      "unknown key" + didYouMean(name, names));
       continue;
     }
-    const Place place = placeOf(node.source().begin, fullName(name));
+    const Place place = placeOf(node.source(), fullName(name));
     const ValueReader reader{node, place, key->range, key->rule, key->traits.secret, findings};
     std::visit([&](auto member) { reader.into(target.*member); }, key->member);
   }
   for (const Key<S>& key : keys) {
     if (key.traits.required && !table.contains(key.name)) {
-      findings.absence({section.line, section.column, fullName(key.name)}, "is missing");
+      findings.absence({section.line, section.column, fullName(key.name), section.file},
+                       "is missing");
     }
   }
 }

@@ -16,12 +16,12 @@
 #include <vector>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
+#include "gateway/host/gateway.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/main/command_line.h"
-#include "gateway/main/descriptors.h"
-#include "gateway/main/gateway.h"
 #include "gateway/main/service_manager.h"
 
 namespace {
@@ -164,5 +164,5 @@ int main(int argc, char** argv) try {
 } catch (const qn::ConfigurationError& error) {
   return endWith(qn::ExitStatus::BadConfiguration, error.what());
 } catch (const std::exception& error) {
-  return endWith(qn::ExitStatus::NotStarted, error.what());
+  return endWith(qn::ExitStatus::NotDone, error.what());
 }

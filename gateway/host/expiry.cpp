@@ -1,5 +1,5 @@
 // See expiry.h.
-#include "gateway/main/expiry.h"
+#include "gateway/host/expiry.h"
 
 #include "gateway/log/log.h"
 

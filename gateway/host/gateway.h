@@ -8,16 +8,17 @@
 #include <string>
 
 #include "gateway/admin/admin.h"
+#include "gateway/admin/control.h"
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
+#include "gateway/host/data_folder.h"
+#include "gateway/host/expiry.h"
+#include "gateway/host/protocol_module.h"
 #include "gateway/http/http_service.h"
-#include "gateway/main/data_folder.h"
-#include "gateway/main/expiry.h"
-#include "gateway/main/protocol_module.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
@@ -54,6 +55,7 @@ class Gateway {
 
  private:
   void start();
+  void openControl();
   void stop();
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
@@ -75,6 +77,7 @@ class Gateway {
   Health health_;
   Reloads reloads_;
   ExpiryReminder expiry_;
+  ControlSocket control_;
   AdminListener admin_;
 };
 

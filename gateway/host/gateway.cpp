@@ -1,5 +1,5 @@
 // See gateway.h.
-#include "gateway/main/gateway.h"
+#include "gateway/host/gateway.h"
 
 #include <fmt/format.h>
 
@@ -13,10 +13,10 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
-#include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
@@ -78,6 +78,7 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
             configuration_->https),
       pulse_(reactors_),
       health_(pulse_),
+      control_(clientLogin(), reloads_),
       admin_(observed()) {
   try {
     start();
@@ -110,7 +111,15 @@ void Gateway::start() {
   });
   applyExtraPorts();
   health_.setStarted();
+  openControl();
   logInfo("{}", description());
+}
+
+// A gateway serves without it; only commands do not reach it.
+void Gateway::openControl() try {
+  control_.open(configuration_->storage.dataDir);
+} catch (const std::system_error& error) {
+  logWarn("commands do not reach this gateway: {}", error.what());
 }
 
 std::string Gateway::description() const {
@@ -134,6 +143,7 @@ void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
   reloads_.close();
+  control_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
