@@ -33,6 +33,8 @@ extern const TextRule kPathRule;
 extern const TextRule kSecretFileRule;
 extern const TextRule kTokenRule;
 extern const TextRule kWhenFullRule;
+extern const TextRule kPostgresRule;
+extern const TextRule kGatewayNameRule;
 
 // Whether only this machine reaches the address.
 bool isLoopback(std::string_view address);
