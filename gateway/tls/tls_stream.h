@@ -161,7 +161,8 @@ class TlsStream {
       if (ec) return handler(ec, std::size_t{0});
       const TlsResult result = attempt();
       if (result.wait == Wait::None) return handler(result.error, result.count);
-      perform(result.wait, std::move(attempt), std::move(handler));
+      const bool again = result.wait == Wait::Readable && session_->hasUnread();
+      perform(again ? Wait::None : result.wait, std::move(attempt), std::move(handler));
     };
     switch (wait) {
       case Wait::None:
