@@ -27,8 +27,9 @@ template <class Socket>
 class TlsStream {
  public:
   using ErrorCode = boost::system::error_code;
-  using executor_type = typename Socket::executor_type;  // NOLINT: Asio's name
-  using lowest_layer_type = Socket;                      // NOLINT: Asio's name
+  // NOLINTBEGIN(readability-identifier-naming): Asio's names
+  using executor_type = typename Socket::executor_type;
+  using lowest_layer_type = Socket;
 
   TlsStream(Socket socket, TlsRole role) : socket_(std::move(socket)), role_(role) {}
 
@@ -100,6 +101,8 @@ class TlsStream {
     boost::asio::post(get_executor(),
                       [handler = std::move(handler)]() mutable { handler(ErrorCode()); });
   }
+
+  // NOLINTEND(readability-identifier-naming)
 
   // Tells the peer that nothing more is sent.
   void endSending(ErrorCode& ec) {
