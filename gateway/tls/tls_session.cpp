@@ -148,7 +148,9 @@ TlsResult TlsSession::attempt(Attempt attempt) {
 }
 
 TlsResult TlsSession::handshake() {
-  return attempt([this](std::size_t&) { return SSL_do_handshake(ssl_.get()); });
+  const TlsResult result = attempt([this](std::size_t&) { return SSL_do_handshake(ssl_.get()); });
+  if (result.wait == TlsResult::Wait::None) drained_ = false;
+  return result;
 }
 
 TlsResult TlsSession::read(std::span<char> room) {

@@ -178,6 +178,16 @@ TEST_F(TlsStreamTest, APeerThatJustGoesHasNotEnded) {
   server_->close();
 }
 
+TEST_F(TlsStreamTest, WhatComesWithTheEndOfTheHandshakeIsSeen) {
+  client_->makeSession(*clientContext_);
+  error_code ec;
+  client_->async_handshake([&](error_code) { client_->write_some(asio::buffer("now", 3), ec); });
+  ASSERT_FALSE(accept());
+  std::string received;
+  receive(*server_, received, ec);
+  EXPECT_TRUE(runUntil([&] { return received == "now"; }));
+}
+
 TEST_F(TlsStreamTest, RecordsThatHoldNothingKeepNobodyElseWaiting) {
   shakeHands();
   constexpr int kUpdates = 4000;  // in more than 100 KiB, of which one read takes 16
