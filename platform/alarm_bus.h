@@ -12,8 +12,8 @@ using AlarmDataCallBack = int (*)(void* data, int length, void* user);
 // All operations: any thread; none blocks on a device; 0 is success unless stated. `reply` receives
 // the bus's own JSON status text.
 
-// Subscribes to the devices of the request, a JSON text, and yields the subscription's id (not negative) in
-// `subscribeId`, which a failure leaves untouched. No alarm is delivered before
+// Subscribes to the devices of the request, a JSON text, and yields the subscription's id (not
+// negative) in `subscribeId`, which a failure leaves untouched. No alarm is delivered before
 // QN_AlarmBus_StartUploadData. `option` is always 1. The request:
 //   {"SubscribeDeviceMgmt":{"eventMode":"device",
 //     "DevEventList":[{"Dev":{"devIndex":"1","uploadMode":"all"}}, ...]}}

@@ -3,7 +3,6 @@
 
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <atomic>
 #include <stdexcept>
 #include <system_error>
