@@ -15,6 +15,7 @@
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/descriptors.h"
+#include "gateway/host/protocol_module.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
@@ -65,9 +66,9 @@ void listenOrAdvise(const char* key, Listen listen) try {
 
 }  // namespace
 
-Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module)
+Gateway::Gateway(Configuration configuration, const GatewayParts& parts)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
-      module_(module),
+      module_(protocolModule(parts)),
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
@@ -77,10 +78,13 @@ Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process, recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+            {module_.process, recogniseLogin}, HttpBounds{}, {pictures_.resource()},
+            configuration_->https),
       pulse_(reactors_),
       heldBackLines_(reactors_.context(0)),
       health_(pulse_),
+      reloads_(parts.reloadWanted),
+      control_(clientLogin(), reloads_),
       admin_(observed()) {
   try {
     start();
@@ -107,13 +111,22 @@ void Gateway::start() {
   admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
+  listenOrAdvise("https.port", [this] { http_.listenSecurely(); });
   // A gateway without its picture port would hand out dead URLs.
   listenOrAdvise("network.picture_port", [this] {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   });
   applyExtraPorts();
   health_.setStarted();
+  openControl();
   logInfo("{}", description());
+}
+
+// A gateway serves without it; only commands do not reach it.
+void Gateway::openControl() try {
+  control_.open(configuration_->storage.dataDir);
+} catch (const std::system_error& error) {
+  logWarn("commands do not reach this gateway: {}", error.what());
 }
 
 std::string Gateway::description() const {
@@ -139,6 +152,7 @@ void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
   reloads_.close();
+  control_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -173,11 +187,11 @@ void Gateway::reload(Configuration next) {
 
 // All of it or nothing.
 void Gateway::takeWhatMayFail(const Configuration& next) {
-  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  listenOrAdvise("its port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
   try {
     if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
   } catch (...) {
-    http_.setOptions(withinDescriptors(*configuration_));
+    http_.setOptions(withinDescriptors(*configuration_), configuration_->https);
     applyExtraPorts();
     throw;
   }

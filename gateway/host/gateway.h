@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gateway/admin/admin.h"
+#include "gateway/admin/control.h"
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
@@ -28,7 +29,7 @@ class Gateway {
  public:
   // Starts everything; when it returns the ports are open. Throws std::exception with a text for
   // the operator; what was started is stopped again.
-  Gateway(Configuration configuration, const GatewayParts::Module& module);
+  Gateway(Configuration configuration, const GatewayParts& parts);
   // Stops within 10 s: no new connections, requests in flight are finished or answered that the
   // gateway is stopping, the operation log is flushed.
   ~Gateway();
@@ -52,6 +53,7 @@ class Gateway {
 
  private:
   void start();
+  void openControl();
   void stop();
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
@@ -74,6 +76,7 @@ class Gateway {
   boost::asio::steady_timer heldBackLines_;
   Health health_;
   Reloads reloads_;
+  ControlSocket control_;
   AdminListener admin_;
 };
 

@@ -14,7 +14,7 @@ enum class ExitStatus : int {
   Good = 0,
   BadConfiguration = 1,
   BadUsage = 2,
-  NotStarted = 3,
+  NotDone = 3,  // the gateway did not start, or what a command asked for was not done
 };
 
 struct Arguments {
