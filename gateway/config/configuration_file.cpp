@@ -193,9 +193,8 @@ class FileReader {
 
   void checkIncluded(const toml::table& document) {
     for (const auto& [name, node] : document) {
-      bool known = stoodForUnreadable(name.str());
-      forEachList([&](std::string_view list, auto, auto&) { known |= list == name.str(); });
-      if (known) continue;
+      const std::string_view list = name.str();
+      if (list == "users" || list == "devices" || stoodForUnreadable(list)) continue;
       findings_.error(placeOf(name.source(), std::string(name.str())),
                       "an included file has [[users]] and [[devices]] only");
     }
@@ -278,7 +277,7 @@ class FileReader {
     if (to.identity.chain.empty() || to.identity.key.empty()) return;
     const TlsIdentityFault fault = faultOf(to.identity);
     const auto path = [this](const std::string& name) {
-      return SecretFile(name, folder_).path().string();
+      return SecretFile(name, folder()).path().string();
     };
     if (!fault.inChain.empty()) {
       findings_.error(certificate, path(to.certificate) + ": " + fault.inChain);
@@ -301,7 +300,8 @@ class FileReader {
       findings_.absence(place, "expected a file, because https.port is not 0");
       return {};
     }
-    return (SecretFile(name, folder_).*reading)(place, findings_, most);
+    const SecretFile file(name, folder());
+    return isElsewhere(file, place) ? "" : (file.*reading)(place, findings_, most);
   }
 
   void readClientAuthorities() {
@@ -312,7 +312,7 @@ class FileReader {
     if (https.clientAuthorities.empty()) return;
     const std::string fault = faultOfAuthorities(https.clientAuthorities);
     if (!fault.empty()) {
-      findings_.error(place, SecretFile(https.clientCa, folder_).path().string() + ": " + fault);
+      findings_.error(place, SecretFile(https.clientCa, folder()).path().string() + ": " + fault);
     }
   }
 
@@ -349,6 +349,9 @@ class FileReader {
     return true;
   }
 
+  std::filesystem::path folder() const {
+    return std::filesystem::path(findings_.file()).parent_path();
+  }
   std::filesystem::path fileOf(const Place& place) const {
     return place.file ? *place.file : findings_.file();
   }
@@ -597,10 +600,11 @@ Configuration readConfiguration(const std::filesystem::path& file) {
 }
 
 Configuration readConfiguration(std::string_view content, const std::string& name) {
-  return examined(content, name, {}, [](Configuration read, const Entries&, const Findings& findings) {
-    for (const std::string& line : findings.warnings()) logWarn("{}", line);
-    return read;
-  });
+  return examined(content, name, {},
+                  [](Configuration read, const Entries&, const Findings& findings) {
+                    for (const std::string& line : findings.warnings()) logWarn("{}", line);
+                    return read;
+                  });
 }
 
 Configuration parseConfiguration(std::string_view content, const std::string& name) {

@@ -15,6 +15,7 @@
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/descriptors.h"
+#include "gateway/host/engines.h"
 #include "gateway/host/protocol_module.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
@@ -72,6 +73,7 @@ Gateway::Gateway(Configuration configuration, const GatewayParts& parts)
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
+      archive_(operationArchive(*configuration_)),
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
@@ -103,6 +105,7 @@ void Gateway::start() {
   publishConfiguration(configuration_);
   OperationLog::instance().start(configuration_->storage.dataDir,
                                  configuration_->storage.operationLogRows);
+  archive_->start(OperationLog::fileIn(configuration_->storage.dataDir));
   bus_.start();
   alarms_.start();
   reactors_.start();
@@ -165,6 +168,7 @@ void Gateway::stop() {
   waiting_.stop();
   translations_.stop();
   OperationLog::instance().stop();
+  archive_->stop();
   reactors_.stop();
 }
 
@@ -210,9 +214,11 @@ Observed Gateway::observed() {
           alarms_,
           pictures_,
           OperationLog::instance(),
+          *archive_,
           clientLogin(),
           {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
           health_,
+          enginesOf(*archive_),
           reloads_,
           QN_KAVRO_VERSION};
 }

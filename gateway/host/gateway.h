@@ -12,6 +12,7 @@
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
+#include "gateway/archive/operation_archive.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
@@ -64,6 +65,7 @@ class Gateway {
   const GatewayParts::Module module_;
   DataFolder folder_;
   PictureResource pictures_;
+  const std::unique_ptr<OperationArchive> archive_;
   WorkerPool files_;         // the HTTP service's requests that wait for the disk
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
