@@ -24,6 +24,8 @@ namespace qn {
 namespace {
 
 constexpr std::size_t kNonceKeyMin = 32;
+constexpr std::size_t kCertificateBytes = 256 * 1024;  // with its chain, or of authorities
+constexpr std::size_t kPrivateKeyBytes = 32 * 1024;
 constexpr std::string_view kExamplePassword = "change-me";
 
 // Values that must be different from each other, with the key that has each.
@@ -147,7 +149,8 @@ class FileReader {
     for (const toml::table& document : included_) checkIncluded(document);
     readNonceKey();
     // After the sections, because HA1s depend on the realm.
-    claimPort("http", "port", result_.http.port);
+    if (result_.http.enabled) claimPort("http", "port", result_.http.port);
+    readHttps();
     claimPort("network", "picture_port", result_.network.picturePort);
     checkAdmin();
     forEachTable("devices", [this](const auto& table, const Place& at) { addDevice(table, at); });
@@ -190,9 +193,8 @@ class FileReader {
 
   void checkIncluded(const toml::table& document) {
     for (const auto& [name, node] : document) {
-      bool known = stoodForUnreadable(name.str());
-      forEachList([&](std::string_view list, auto, auto&) { known |= list == name.str(); });
-      if (known) continue;
+      const std::string_view list = name.str();
+      if (list == "users" || list == "devices" || stoodForUnreadable(list)) continue;
       findings_.error(placeOf(name.source(), std::string(name.str())),
                       "an included file has [[users]] and [[devices]] only");
     }
@@ -241,6 +243,79 @@ class FileReader {
                     "expected a loopback address, or a password in this section");
   }
 
+  void readHttps() {
+    HttpsOptions& https = result_.https;
+    const Place port = placeIn("https", "port");
+    if (!https.isOn()) {
+      if (!result_.http.enabled)
+        findings_.error(port, "expected one, because http.enabled is false");
+      if (https.redirect) findings_.error(port, "expected one, because redirect is true");
+      return;
+    }
+    claimPort("https", "port", https.port);
+    const NetworkOptions& network = result_.network;
+    const bool mapped = network.portMapping && network.extHttpsPort != 0;
+    https.redirectPort = mapped ? network.extHttpsPort : https.port;
+    readIdentity(https, placeIn("https", "certificate"), placeIn("https", "key"));
+    forEachTable("certificates", [this](const auto& table, const Place& at) {
+      CertificateConfig& added = result_.https.certificates.emplace_back();
+      readTable(table, kCertificateKeys, at, added, findings_);
+      readIdentity(added, placeOfKey(table, at, "certificate"), placeOfKey(table, at, "key"));
+    });
+    readClientAuthorities();
+    if (https.ciphers.empty())
+      findings_.error(placeIn("https", "ciphers"), "expected at least one");
+    if (https.redirect && !result_.http.enabled) {
+      findings_.error(placeIn("https", "redirect"),
+                      "expected false, because http.enabled is false");
+    }
+  }
+
+  void readIdentity(CertificateConfig& to, const Place& certificate, const Place& key) {
+    to.identity.chain = readPem(to.certificate, certificate, &SecretFile::read, kCertificateBytes);
+    to.identity.key = readPem(to.key, key, &SecretFile::readPrivate, kPrivateKeyBytes);
+    if (to.identity.chain.empty() || to.identity.key.empty()) return;
+    const TlsIdentityFault fault = faultOf(to.identity);
+    const auto path = [this](const std::string& name) {
+      return SecretFile(name, folder()).path().string();
+    };
+    if (!fault.inChain.empty()) {
+      findings_.error(certificate, path(to.certificate) + ": " + fault.inChain);
+    } else if (!fault.inKey.empty()) {
+      findings_.error(key, path(to.key) + ": " + fault.inKey);
+    } else {
+      to.expires = factsOf(to.identity).expires;
+      if (to.expires > std::chrono::system_clock::now()) return;
+      findings_.warning(certificate,
+                        path(to.certificate) + " has expired: no client will trust it");
+    }
+  }
+
+  // Empty, with an error at the place, when it cannot be had.
+  std::string readPem(const std::string& name, const Place& place,
+                      std::string (SecretFile::*reading)(const Place&, Findings&, std::size_t)
+                          const,
+                      std::size_t most) {
+    if (name.empty()) {
+      findings_.absence(place, "expected a file, because https.port is not 0");
+      return {};
+    }
+    const SecretFile file(name, folder());
+    return isElsewhere(file, place) ? "" : (file.*reading)(place, findings_, most);
+  }
+
+  void readClientAuthorities() {
+    HttpsOptions& https = result_.https;
+    if (https.clientCertificates == ClientCertificates::None) return;
+    const Place place = placeIn("https", "client_ca");
+    https.clientAuthorities = readPem(https.clientCa, place, &SecretFile::read, kCertificateBytes);
+    if (https.clientAuthorities.empty()) return;
+    const std::string fault = faultOfAuthorities(https.clientAuthorities);
+    if (!fault.empty()) {
+      findings_.error(place, SecretFile(https.clientCa, folder()).path().string() + ": " + fault);
+    }
+  }
+
   void readNonceKey() {
     const std::string& name = result_.kavro.nonceKeyFile;
     if (name.empty()) return;
@@ -274,6 +349,9 @@ class FileReader {
     return true;
   }
 
+  std::filesystem::path folder() const {
+    return std::filesystem::path(findings_.file()).parent_path();
+  }
   std::filesystem::path fileOf(const Place& place) const {
     return place.file ? *place.file : findings_.file();
   }
@@ -396,7 +474,7 @@ class FileReader {
 
   void warnAboutHttps() {
     const bool proxied = !result_.http.trustedProxies.empty();
-    if (!result_.network.httpsEnabled || proxied) return;
+    if (!result_.network.httpsEnabled || proxied || result_.https.isOn()) return;
     findings_.warning(placeIn("network", "https_enabled"),
                       "clients are told that port " + std::to_string(result_.network.httpsPort) +
                           " speaks HTTPS, where the gateway itself does not listen: put a proxy "
@@ -540,6 +618,9 @@ std::optional<std::vector<std::string>> configuredValues(const std::filesystem::
              });
              if (section == "users") collect(kUserKeys, name, entries.users, values);
              if (section == "devices") collect(kDeviceKeys, name, entries.devices, values);
+             if (section == "certificates") {
+               collect(kCertificateKeys, name, read.https.certificates, values);
+             }
              return 0;
            });
   return values;
@@ -584,12 +665,21 @@ std::vector<std::string> changedKeys(const Configuration& before, const Configur
       if (!same) changed.push_back(std::string(section) + '.' + std::string(key.name));
     }
   });
+  if (before.https.tls().identities != after.https.tls().identities) {
+    changed.emplace_back("certificates");
+  }
   if (before.users != after.users) changed.emplace_back("users");
   if (before.devices != after.devices) changed.emplace_back("devices");
   return changed;
 }
 
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file) {
+  for (const CertificateConfig& each : next.https.inUse()) {
+    const auto former = inForce.https.inUse();
+    if (each.expires > std::chrono::system_clock::now() || std::ranges::count(former, each) > 0)
+      continue;
+    fail(file + ": expected a certificate that has not expired, not " + each.certificate);
+  }
   if (!inForce.findUser(kAdministrator) || next.findUser(kAdministrator)) return;
   fail(file + ": expected the user \"" + std::string(kAdministrator) +
        "\", without whom a running gateway would serve nobody");

@@ -88,8 +88,8 @@ std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configur
 std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after);
 
 // Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
-// it would take the administrator away, as an empty file does. Whoever is writing it has not
-// finished, and nobody could log in.
+// it would take the administrator away, as an empty file does, so whoever is writing it has not
+// finished and nobody could log in; or it has a new certificate that has expired.
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file);
 
 }  // namespace qn

@@ -94,8 +94,15 @@ std::string explained(const SectionFacts& section) {
   return text;
 }
 
+bool standsInExample(const SectionFacts& section) {
+  return !section.isList ||
+         std::ranges::find(kListsInExample, section.name) != std::end(kListsInExample);
+}
+
 // The line of the user and the device that the example has.
-bool standsInExample(const KeyFacts& key) { return key.required || key.name == "users.password"; }
+bool standsInExample(const SectionFacts& section, const KeyFacts& key) {
+  return standsInExample(section) && (key.required || key.name == "users.password");
+}
 
 // Comment lines of at most 100 characters.
 std::string commented(std::string_view text) {
@@ -110,10 +117,10 @@ std::string commented(std::string_view text) {
   return result;
 }
 
-std::string exampleOf(const KeyFacts& key) {
+std::string exampleOf(const SectionFacts& section, const KeyFacts& key) {
   const std::string effect = key.restart ? "; needs a restart" : "";
   return '\n' + commented(key.about + " (" + key.kind + ')' + effect) +
-         (standsInExample(key) ? "" : "# ") + key.line + '\n';
+         (standsInExample(section, key) ? "" : "# ") + key.line + '\n';
 }
 
 // As troff reads it: no line begins with a control character.
@@ -183,9 +190,10 @@ std::string exampleConfiguration() {
       "# Made by qn-gateway --print-defaults; qn-gateway --explain KEY says more.\n";
   for (const SectionFacts& section : sectionFacts()) {
     if (!section.name.empty()) {
-      text += "\n\n" + headOf(section) + "  # " + section.about + '\n';
+      text += "\n\n" + std::string(standsInExample(section) ? "" : "# ") + headOf(section) + "  # " +
+              section.about + '\n';
     }
-    for (const KeyFacts& key : section.keys) text += exampleOf(key);
+    for (const KeyFacts& key : section.keys) text += exampleOf(section, key);
   }
   return text;
 }

@@ -46,7 +46,7 @@ bool SecretFile::isMissingCredential() const {
   return credential_ && !std::getenv("CREDENTIALS_DIRECTORY");
 }
 
-std::string SecretFile::read(const Place& place, Findings& findings) const {
+std::string SecretFile::read(const Place& place, Findings& findings, std::size_t most) const {
   if (path_.empty()) {
     findings.error(place,
                    "expected the name of a credential, and a service manager that gives it "
@@ -59,24 +59,29 @@ std::string SecretFile::read(const Place& place, Findings& findings) const {
       findings.error(place, path_.string() + ": expected a file");
       return {};
     }
-    std::string content = contentOf(path_, kMost);
-    if (content.size() <= kMost) return content;
-    findings.error(place,
-                   path_.string() + ": expected at most " + std::to_string(kMost) + " bytes");
+    std::string content = contentOf(path_, most);
+    if (content.size() <= most) return content;
+    findings.error(place, path_.string() + ": expected at most " + std::to_string(most) + " bytes");
   } catch (const std::system_error& error) {
     findings.error(place, path_.string() + " cannot be read: " + error.code().message());
   }
   return {};
 }
 
-std::string SecretFile::readLine(const Place& place, Findings& findings) const {
-  std::string content = read(place, findings);
-  if (content.ends_with('\n')) content.pop_back();
-  if (content.ends_with('\r')) content.pop_back();
+std::string SecretFile::readPrivate(const Place& place, Findings& findings,
+                                    std::size_t most) const {
+  std::string content = read(place, findings, most);
   if (!credential_ && isReadableByOthers(path_)) {
     findings.warning(place,
                      path_.string() + " may be read by everybody: chmod 600 " + path_.string());
   }
+  return content;
+}
+
+std::string SecretFile::readLine(const Place& place, Findings& findings) const {
+  std::string content = readPrivate(place, findings);
+  if (content.ends_with('\n')) content.pop_back();
+  if (content.ends_with('\r')) content.pop_back();
   return content;
 }
 

@@ -41,7 +41,7 @@ struct Key {
   using Member =
       std::variant<bool S::*, int S::*, uint16_t S::*, std::size_t S::*, std::chrono::seconds S::*,
                    std::string S::*, std::vector<std::string> S::*, DigestAlgorithm S::*,
-                   PictureOptions::WhenFull S::*, DeviceAuth S::*>;
+                   PictureOptions::WhenFull S::*, DeviceAuth S::*, ClientCertificates S::*>;
 
   std::string_view name;
   Member member;
@@ -59,6 +59,7 @@ std::string tomlText(const std::vector<std::string>& value);
 std::string tomlText(DigestAlgorithm value);
 std::string tomlText(PictureOptions::WhenFull value);
 std::string tomlText(DeviceAuth value);
+std::string tomlText(ClientCertificates value);
 inline std::string tomlText(std::chrono::seconds value) { return tomlText(value.count()); }
 inline std::string tomlText(int value) { return tomlText(int64_t{value}); }
 inline std::string tomlText(uint16_t value) { return tomlText(int64_t{value}); }
@@ -83,6 +84,7 @@ struct ValueReader {
   void into(DigestAlgorithm& target) const;
   void into(PictureOptions::WhenFull& target) const;
   void into(DeviceAuth& target) const;
+  void into(ClientCertificates& target) const;
   void into(std::chrono::seconds& target) const;
   void into(int& target) const { number(target); }
   void into(uint16_t& target) const { number(target); }

@@ -25,8 +25,22 @@
 
 namespace qn {
 
-using TcpStream =
-    boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
+// Asio's socket, with what a client's connection asks of it by the names that TlsStream has.
+class TcpStream : public boost::asio::basic_stream_socket<boost::asio::ip::tcp,
+                                                          boost::asio::io_context::executor_type> {
+ public:
+  TcpStream(basic_stream_socket socket) : basic_stream_socket(std::move(socket)) {}
+
+  void endSending(boost::system::error_code& ec) { shutdown(shutdown_send, ec); }
+  void close() {
+    boost::system::error_code ignored;
+    basic_stream_socket::close(ignored);
+  }
+  template <class Handler>
+  void async_wait_unread(Handler handler) {
+    async_wait(wait_read, std::move(handler));
+  }
+};
 
 // Everything happens on the reactor that the stream belongs to. Stream is what TcpStream is:
 // non-blocking write_some, async_read_some, async_write_some, get_executor, lowest_layer.
@@ -51,8 +65,7 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
     if (!std::exchange(open_, false)) return;
     onEnd();
     timer_.cancel();
-    ErrorCode ignored;
-    stream_.lowest_layer().close(ignored);
+    stream_.close();
   }
 
   // No exception leaves a handler; one ends the connection.

@@ -122,6 +122,11 @@ std::string ExchangeState::header(std::string_view name) const {
   return misused ? std::string() : std::string(value);
 }
 
+std::string ExchangeState::host() const {
+  const qn::MutexLock lock(mutex_);
+  return std::string(qn::findHeader(fields_, "Host").value);
+}
+
 std::string ExchangeState::bearerToken() const {
   constexpr std::string_view kScheme = "Bearer ";
   const qn::MutexLock lock(mutex_);

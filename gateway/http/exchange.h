@@ -74,6 +74,8 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   // address, which the module would look for a port inside of, is only the port of ours that the
   // request came in on.
   std::string header(std::string_view name) const;
+  // The Host header as the client sent it.
+  std::string host() const;
   // Of an Authorization header of the scheme Bearer, which header() does not show; or empty.
   std::string bearerToken() const;
   const std::string& clientAddress() const { return origin_.clientAddress; }

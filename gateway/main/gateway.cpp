@@ -71,7 +71,8 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()},
+            configuration_->https),
       pulse_(reactors_),
       health_(pulse_),
       control_(clientLogin(), reloads_),
@@ -100,6 +101,7 @@ void Gateway::start() {
   admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
+  listenOrAdvise("https.port", [this] { http_.listenSecurely(); });
   // A gateway without its picture port would hand out dead URLs.
   listenOrAdvise("network.picture_port", [this] {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
@@ -166,11 +168,11 @@ void Gateway::reload(Configuration next) {
 
 // All of it or nothing.
 void Gateway::takeWhatMayFail(const Configuration& next) {
-  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  listenOrAdvise("its port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
   try {
     if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
   } catch (...) {
-    http_.setOptions(withinDescriptors(*configuration_));
+    http_.setOptions(withinDescriptors(*configuration_), configuration_->https);
     applyExtraPorts();
     throw;
   }

@@ -10,7 +10,6 @@
 #include <boost/asio/socket_base.hpp>
 #include <cstddef>
 #include <memory>
-#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,30 +41,24 @@ class TlsStream {
   // A client sets what its handshake needs (server's name, session, verification) on ssl() then.
   // Throws std::bad_alloc.
   void makeSession(SSL_CTX& context) { session_.emplace(context, role_, socket_.native_handle()); }
-  // Of a client: handler(error). Its session is there.
+  // handler(error). Its session is there.
   template <class Handler>
   void async_handshake(Handler handler) {
     perform(
         Wait::None, [this] { return session_->handshake(); },
         [handler = std::move(handler)](const ErrorCode& ec, std::size_t) mutable { handler(ec); });
   }
-  // Of a server, which makes its session when the client's first message has arrived:
-  // context() returns an SSL_CTX& and throws nothing but std::bad_alloc.
-  template <class Context, class Handler>
-  void async_accept_handshake(Context context, Handler handler) {
-    socket_.async_wait(Socket::wait_read, [this, context = std::move(context),
-                                           handler = std::move(handler)](ErrorCode ec) mutable {
-      if (!ec && !socket_.is_open()) ec = boost::asio::error::operation_aborted;
-      const bool arrived = !ec && hello_.hasArrived(socket_.native_handle(), ec);
-      if (ec) return handler(ec);
-      if (!arrived) return async_accept_handshake(std::move(context), std::move(handler));
-      try {
-        makeSession(context());
-      } catch (const std::bad_alloc&) {
-        return handler(ErrorCode(boost::asio::error::no_memory));
-      }
-      async_handshake(std::move(handler));
-    });
+  // Of a server: handler(error) when the client's first message has arrived, so that a session is
+  // worth its memory.
+  template <class Handler>
+  void async_await_handshake(Handler handler) {
+    socket_.async_wait(Socket::wait_read,
+                       [this, handler = std::move(handler)](ErrorCode ec) mutable {
+                         if (!ec && !socket_.is_open()) ec = boost::asio::error::operation_aborted;
+                         const bool arrived = !ec && hello_.hasArrived(socket_.native_handle(), ec);
+                         if (arrived || ec) return handler(ec);
+                         async_await_handshake(std::move(handler));
+                       });
   }
 
   // What can be had, or be sent, at once; error would_block when that is nothing.
@@ -117,7 +110,7 @@ class TlsStream {
   void close() {
     if (session_ && socket_.is_open()) session_->endSending();
     ErrorCode ignored;
-    socket_.close(ignored);
+    socket_.lowest_layer().close(ignored);
   }
 
  private:

@@ -85,7 +85,7 @@ TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
   EXPECT_EQ(tuple(plain.http, plain.storage), tuple(HttpOptions(), StorageOptions()));
   EXPECT_EQ(tuple(plain.users.size(), plain.devices.size()), tuple(1U, 1U));
   // With the defaults said, it says the same.
-  const std::regex said("(^|\n)# ((?!include|trusted_proxies|nonce_key|password|ha1)[a-z_]+ = )");
+  const std::regex said("(^|\n)# ((?!include|trusted_proxies|nonce_key|password|ha1|certificate|key|client_ca)[a-z_]+ = )");
   const Configuration full = read(std::regex_replace(example, said, "$1$2"));
   EXPECT_EQ(tuple(full.http, full.storage), tuple(HttpOptions(), StorageOptions()));
   const auto others = [](const Configuration& c) {
