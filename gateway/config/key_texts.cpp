@@ -190,8 +190,8 @@ std::string exampleConfiguration() {
       "# Made by qn-gateway --print-defaults; qn-gateway --explain KEY says more.\n";
   for (const SectionFacts& section : sectionFacts()) {
     if (!section.name.empty()) {
-      text += "\n\n" + std::string(standsInExample(section) ? "" : "# ") + headOf(section) + "  # " +
-              section.about + '\n';
+      text += "\n\n" + std::string(standsInExample(section) ? "" : "# ") + headOf(section) +
+              "  # " + section.about + '\n';
     }
     for (const KeyFacts& key : section.keys) text += exampleOf(section, key);
   }

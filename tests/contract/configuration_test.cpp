@@ -184,7 +184,7 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
             1u);
   expectError("[[devices]]\nindex = \"" + std::string(64, 'x') + "\"", ":2: devices.index");
   for (const char* url :
-       {"", "https://h", "http://", "http://:80", "http://h:", "http://h:0", "http://h:65536",
+       {"", "ftp://h", "https://", "http://", "http://:80", "http://h:", "http://h:0", "http://h:65536",
         "http://h:80x", "http://u:p@h", "http://h/a?b", "http://h/a b", "http://::1/",
         "http://[::1", "http://[h]", "http://[::1]x"}) {
     expectError("[[devices]]\nindex = \"1\"\nurl = \"" + std::string(url) + "\"\n",
