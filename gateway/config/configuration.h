@@ -97,8 +97,15 @@ struct LockOptions {
 struct StorageOptions {
   std::string dataDir = "/var/lib/qn-gateway";
   std::size_t operationLogRows = 100000;  // the oldest are dropped
+  std::string operationLog;               // the database that gets the rows; none: nowhere
+  std::size_t operationLogDays = 90;      // that are kept there
 
   bool operator==(const StorageOptions&) const = default;
+};
+
+// What makes one gateway of several.
+struct ClusterOptions {
+  std::string name;  // this gateway's; none: that of the host
 };
 
 // What the picture store keeps.
@@ -182,6 +189,7 @@ struct Configuration {
   KavroOptions kavro;
   LockOptions lock;
   StorageOptions storage;
+  ClusterOptions cluster;
   PictureOptions pictures;
   BusOptions bus;
   AdminOptions admin;

@@ -403,12 +403,15 @@ class FileReader {
   void readVerification(const toml::table& table, const Place& at, DeviceEntry& entry) {
     entry.fingerprint = plainFingerprint(entry.fingerprint);
     int said = 0;
-    for (const char* key : {"ca_file", "fingerprint", "verify"}) {
-      if (!table.contains(key)) continue;
+    const auto note = [&](const char* key, bool isSaid) {
+      if (!isSaid) return;
+      ++said;
       if (!entry.tls)
         findings_.error(placeOfKey(table, at, key), "expected beside an https:// url");
-      said += std::string_view(key) == "verify" && entry.verify ? 0 : 1;
-    }
+    };
+    note("ca_file", !entry.caFile.empty());
+    note("fingerprint", !entry.fingerprint.empty());
+    note("verify", !entry.verify);
     if (said > 1) {
       findings_.error(placeOfKey(table, at, "url"),
                       "expected one of ca_file, fingerprint and verify = false");

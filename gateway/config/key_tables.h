@@ -254,6 +254,30 @@ inline constexpr Key<StorageOptions> kStorageKeys[] = {
      {1, 1000000000},
      {},
      "how many the operation log keeps; the oldest are dropped"},
+    {"operation_log",
+     &StorageOptions::operationLog,
+     {},
+     &kPostgresRule,
+     "the PostgreSQL database that gets the operation log's rows too, from several gateways",
+     {.secret = true,
+      .restart = true,
+      .otherwise = "rows stay in data_dir",
+      .example = "\"postgresql://qn-gateway@db.example/qn?passfile=/etc/qn-gateway/pgpass\""}},
+    {"operation_log_days",
+     &StorageOptions::operationLogDays,
+     {1, 36500},
+     {},
+     "whole days of rows that are kept in that database",
+     {.restart = true, .unit = "days"}},
+};
+
+inline constexpr Key<ClusterOptions> kClusterKeys[] = {
+    {"name",
+     &ClusterOptions::name,
+     {},
+     &kGatewayNameRule,
+     "of this gateway, different from all others'",
+     {.restart = true, .otherwise = "the host's name", .example = "\"gateway-1\""}},
 };
 
 inline constexpr Key<PictureOptions> kPictureKeys[] = {
@@ -493,6 +517,7 @@ void forEachSection(Visit visit) {
   visit("kavro", "the protocol and its login", kKavroKeys, &Configuration::kavro);
   visit("lock", "wrong logins", kLockKeys, &Configuration::lock);
   visit("storage", "what is kept on the disk", kStorageKeys, &Configuration::storage);
+  visit("cluster", "several gateways as one", kClusterKeys, &Configuration::cluster);
   visit("pictures", "the face pictures that clients upload", kPictureKeys,
         &Configuration::pictures);
   visit("bus", "what each device may have", kBusKeys, &Configuration::bus);

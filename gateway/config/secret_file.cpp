@@ -1,6 +1,8 @@
 // See secret_file.h.
 #include "gateway/config/secret_file.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -31,10 +33,14 @@ std::string contentOf(const std::filesystem::path& file, std::size_t most) {
   const auto fail = [] { throw std::system_error(errno, std::generic_category()); };
   std::ifstream stream(file, std::ios::binary);
   if (!stream) fail();
-  std::string content(most + 1, '\0');
-  stream.read(content.data(), std::streamsize(content.size()));
+  std::string content;
+  std::array<char, 16 * 1024> piece;  // files are short, so no room is taken for the longest
+  while (stream && content.size() <= most) {
+    const std::size_t wanted = std::min(piece.size(), most + 1 - content.size());
+    stream.read(piece.data(), std::streamsize(wanted));
+    content.append(piece.data(), std::size_t(stream.gcount()));
+  }
   if (stream.bad()) fail();
-  content.resize(std::size_t(stream.gcount()));
   return content;
 }
 

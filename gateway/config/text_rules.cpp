@@ -138,6 +138,19 @@ bool isToken(std::string_view text) {
                           std::ranges::all_of(text, allowed));
 }
 
+// What libpq makes of it, the start says.
+bool isPostgres(std::string_view text) {
+  return isPlain(text, kUrlBytes) &&
+         (text.starts_with("postgresql://") || text.starts_with("postgres://"));
+}
+
+bool isGatewayName(std::string_view text) {
+  return !text.empty() && text.size() <= kIndexBytes &&
+         std::ranges::all_of(text, [](unsigned char c) {
+           return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_';
+         });
+}
+
 }  // namespace
 
 const TextRule kAddressRule{isAddress, "an IP address"};
@@ -173,6 +186,9 @@ const TextRule kCipherRule{isOneOf<kTls12Ciphers>,
 const TextRule kClientCertificatesRule{
     isOneOf<kClientCertificates>, "\"none\", \"optional\" or \"required\"", kClientCertificates};
 const TextRule kWhenFullRule{isOneOf<kWhenFulls>, "\"refuse\" or \"drop_oldest\"", kWhenFulls};
+
+const TextRule kPostgresRule{isPostgres, "postgresql://[USER[:PASSWORD]@]HOST[:PORT]/DATABASE"};
+const TextRule kGatewayNameRule{isGatewayName, "1 to 63 letters, digits and -._"};
 
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   constexpr std::string_view kHttp = "http://";

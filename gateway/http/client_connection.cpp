@@ -15,6 +15,7 @@ namespace qn {
 namespace {
 
 constexpr std::size_t kScratchKept = 256 * 1024;
+constexpr std::size_t kShortBody = 16 * 1024;  // goes out from one buffer with its head
 constexpr int kSuccess = 200;
 constexpr int kUnauthorized = 401;
 
@@ -177,7 +178,8 @@ template <class Stream>
 void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
   closeAfter_ = true;
   core_->counts.here().refused[static_cast<std::size_t>(answer)].add();
-  answers_.send(ownMessage(answer), [this] { return core_->answerShare(arrival_.peer); });
+  const std::string message = ownMessage(answer);
+  answers_.send({message}, [this] { return core_->answerShare(arrival_.peer); });
 }
 
 template <class Stream>
@@ -193,21 +195,27 @@ Ending ClientConnection<Stream>::endingOf(const ExchangeState& exchange) const {
 template <class Stream>
 void ClientConnection<Stream>::deliver(const ExchangePtr& exchange, std::string_view body) {
   const Ending ending = endingOf(*exchange);
+  const auto appendHead = [&](std::string& head) {
+    exchange->appendHead(head, body.size(), ending);
+    if (!exchange->sendsBody()) body = {};
+  };
+  const SharedBytes keeper = body.size() > kShortBody ? ReplyInHand::holding(body) : nullptr;
   if (onOwnThread()) {
-    std::string& message = scratch();
-    exchange->appendMessage(message, body, ending);
-    writeAnswer(exchange, message, ending);
-    return;
+    std::string& head = scratch();
+    appendHead(head);
+    if (body.size() <= kShortBody) head += std::exchange(body, {});
+    return writeAnswer(exchange, {head, body, keeper}, ending);
   }
-  std::string message;
-  exchange->appendMessage(message, body, ending);
-  this->post([this, exchange, ending, message = std::move(message)] {
-    writeAnswer(exchange, message, ending);
+  std::string head;
+  appendHead(head);
+  if (!keeper) head += std::exchange(body, {});
+  this->post([this, exchange, ending, head = std::move(head), body, keeper] {
+    writeAnswer(exchange, {head, body, keeper}, ending);
   });
 }
 
 template <class Stream>
-void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::string_view message,
+void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, const Message& message,
                                            Ending ending) {
   if (awaited_ != exchange) return;
   countAnswer(*exchange, message.size());

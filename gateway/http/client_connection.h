@@ -64,7 +64,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void onDeadline() override;
   void onEnd() override;
 
-  void writeAnswer(const ExchangePtr& exchange, std::string_view message, Ending ending);
+  void writeAnswer(const ExchangePtr& exchange, const Message& message, Ending ending);
   void onSent();
   void linger();
   void beginStream(const ExchangePtr& exchange);

@@ -16,12 +16,12 @@
 #include <vector>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
+#include "gateway/host/gateway.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/main/command_line.h"
-#include "gateway/main/descriptors.h"
-#include "gateway/main/gateway.h"
 #include "gateway/main/service_manager.h"
 
 namespace {

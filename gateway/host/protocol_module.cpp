@@ -1,5 +1,5 @@
 // See protocol_module.h.
-#include "gateway/main/protocol_module.h"
+#include "gateway/host/protocol_module.h"
 
 #include <dlfcn.h>
 

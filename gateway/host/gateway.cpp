@@ -1,5 +1,5 @@
 // See gateway.h.
-#include "gateway/main/gateway.h"
+#include "gateway/host/gateway.h"
 
 #include <fmt/format.h>
 
@@ -13,10 +13,11 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
+#include "gateway/host/engines.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
-#include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
@@ -65,6 +66,7 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
+      archive_(operationArchive(*configuration_)),
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
@@ -94,6 +96,7 @@ void Gateway::start() {
   publishConfiguration(configuration_);
   OperationLog::instance().start(configuration_->storage.dataDir,
                                  configuration_->storage.operationLogRows);
+  archive_->start(OperationLog::fileIn(configuration_->storage.dataDir));
   bus_.start();
   alarms_.start();
   reactors_.start();
@@ -146,6 +149,7 @@ void Gateway::stop() {
   waiting_.stop();
   translations_.stop();
   OperationLog::instance().stop();
+  archive_->stop();
   reactors_.stop();
 }
 
@@ -191,9 +195,11 @@ Observed Gateway::observed() {
           alarms_,
           pictures_,
           OperationLog::instance(),
+          *archive_,
           clientLogin(),
           {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
           health_,
+          enginesOf(*archive_),
           reloads_,
           QN_VERSION};
 }

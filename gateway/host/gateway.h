@@ -12,12 +12,13 @@
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
+#include "gateway/archive/operation_archive.h"
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
+#include "gateway/host/data_folder.h"
+#include "gateway/host/protocol_module.h"
 #include "gateway/http/http_service.h"
-#include "gateway/main/data_folder.h"
-#include "gateway/main/protocol_module.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
@@ -62,6 +63,7 @@ class Gateway {
   ProtocolModule module_;
   DataFolder folder_;
   PictureResource pictures_;
+  const std::unique_ptr<OperationArchive> archive_;
   WorkerPool files_;         // the HTTP service's requests that wait for the disk
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
