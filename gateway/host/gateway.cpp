@@ -37,23 +37,26 @@ constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
 
 // What the operator can do about a port that cannot be listened on.
-std::string adviceFor(const std::error_code& error, const char* key) {
-  const std::string change = std::string("change ") + key;
+std::string adviceFor(const std::error_code& error, std::string_view key) {
+  const std::string change = fmt::format("change {}", key);
+  const std::string address = key.starts_with("https.") ? "https.address" : "http.address";
   switch (error.value()) {
     case EADDRINUSE:
       return "; end the program that has it (ss -ltnp shows it), or " + change;
     case EADDRNOTAVAIL:
-      return "; http.address must be one of this host's (ip address shows them)";
+      return "; " + address + " must be one of this host's (ip address shows them)";
     case EACCES:
       return "; give the gateway CAP_NET_BIND_SERVICE, or " + change + " to one from 1024 on";
     default:
-      return "; " + change + " or http.address";
+      return "; " + change + " or " + address;
   }
 }
 
 template <class Listen>
-void listenOrAdvise(const char* key, Listen listen) try {
+void listenOrAdvise(std::string_view key, Listen listen) try {
   listen();
+} catch (const SecurePortError& error) {
+  throw std::runtime_error(error.what() + adviceFor(error.code(), "https.port"));
 } catch (const std::system_error& error) {
   throw std::runtime_error(error.what() + adviceFor(error.code(), key));
 }
@@ -123,8 +126,15 @@ void Gateway::openControl() try {
 }
 
 std::string Gateway::description() const {
-  return fmt::format("serving {} device(s) on {} port {}", configuration_->devices.size(),
-                     configuration_->http.address, http_.port());
+  const HttpOptions& http = configuration_->http;
+  const HttpsOptions& https = configuration_->https;
+  std::string where;
+  if (http.enabled) where = fmt::format("{} port {}", http.address, http_.port());
+  if (https.isOn()) {
+    where += fmt::format("{}{} port {} (HTTPS)", where.empty() ? "" : " and ", https.address,
+                         https.port);
+  }
+  return fmt::format("serving {} device(s) on {}", configuration_->devices.size(), where);
 }
 
 std::chrono::milliseconds Gateway::silence() const {
@@ -172,7 +182,7 @@ void Gateway::reload(Configuration next) {
 
 // All of it or nothing.
 void Gateway::takeWhatMayFail(const Configuration& next) {
-  listenOrAdvise("its port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
   try {
     if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
   } catch (...) {

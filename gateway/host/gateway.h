@@ -17,6 +17,7 @@
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
 #include "gateway/host/data_folder.h"
+#include "gateway/host/expiry.h"
 #include "gateway/host/protocol_module.h"
 #include "gateway/http/http_service.h"
 #include "gateway/net/pulse.h"
@@ -48,6 +49,8 @@ class Gateway {
   // What it serves, for the operator.
   std::string description() const;
 
+  // Writes what the operator should know again and again; to be called at least once an hour.
+  void remind() { expiry_.remind(*configuration_, std::chrono::steady_clock::now()); }
   // How long the slowest reactor or timer has owed its next step.
   std::chrono::milliseconds silence() const;
 
@@ -75,6 +78,7 @@ class Gateway {
   Pulse pulse_;
   Health health_;
   Reloads reloads_;
+  ExpiryReminder expiry_;
   ControlSocket control_;
   AdminListener admin_;
 };

@@ -116,6 +116,7 @@ timespec tickFor(const qn::ServiceManager& manager) {
 void tick(qn::Gateway& gateway, qn::ServiceManager& manager) {
   const auto now = std::chrono::steady_clock::now();
   qn::ClientLog::instance().writeHeldBack(now);
+  gateway.remind();
   if (gateway.silence() < manager.watchdog() / 2) manager.feed(now);
 }
 
