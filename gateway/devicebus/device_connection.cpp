@@ -100,7 +100,7 @@ void DeviceConnection::read() {
 
 // What comes of a long body, straight to where it is gathered; nothing is unread by now.
 void DeviceConnection::readBody(asio::mutable_buffer room) {
-  socket_.async_read_some(
+  stream_.asyncReadSome(
       room, [self = shared_from_this(), room](const ErrorCode& error, std::size_t count) {
         self->guarded([&] {
           if (error) return self->onReadEnd(error);

@@ -6,7 +6,7 @@
 
 #include <array>
 #include <boost/asio/ip/address.hpp>
-#include <stdexcept>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -69,9 +69,10 @@ int ownerIndex() {
   return index;
 }
 
+// False: the session stays OpenSSL's.
 int keepSession(SSL* ssl, SSL_SESSION* session) {
-  static_cast<DeviceTls*>(SSL_get_ex_data(ssl, ownerIndex()))->keep(session);
-  return 1;
+  static_cast<DeviceTls*>(SSL_get_ex_data(ssl, ownerIndex()))->keep(*session);
+  return 0;
 }
 
 struct FreeCertificate {
@@ -81,6 +82,7 @@ struct FreeCertificate {
 
 X509_STORE* storeOf(const std::string& certificates) {
   X509_STORE* const store = X509_STORE_new();
+  if (!store) throw std::bad_alloc();
   const std::unique_ptr<BIO, FreeCertificate> bio(
       BIO_new_mem_buf(certificates.data(), int(certificates.size())));
   for (;;) {
@@ -149,11 +151,13 @@ void DeviceTls::prepare(SSL& ssl) {
     X509_VERIFY_PARAM_set_hostflags(wanted, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
     const bool set = address ? X509_VERIFY_PARAM_set1_ip_asc(wanted, host_.c_str()) == 1
                              : X509_VERIFY_PARAM_set1_host(wanted, host_.c_str(), 0) == 1;
-    if (!set) throw std::runtime_error("the name of a device cannot be verified");
+    if (!set) throw std::bad_alloc();
     if (authorities_) SSL_set1_verify_cert_store(&ssl, authorities_.get());
   }
   const MutexLock lock(mutex_);
-  if (session_) SSL_set_session(&ssl, session_.get());
+  if (!session_) return;
+  const SessionPtr copy(SSL_SESSION_dup(session_.get()));
+  if (copy) SSL_set_session(&ssl, copy.get());
 }
 
 boost::system::error_code DeviceTls::judge(SSL& ssl, const boost::system::error_code& error) const {
@@ -176,8 +180,10 @@ bool DeviceTls::isNews(const boost::system::error_code& verdict) {
   return said_.exchange(fault) != fault && fault != 0;
 }
 
-void DeviceTls::keep(SSL_SESSION* session) {
-  std::unique_ptr<SSL_SESSION, FreeSsl> kept(session);
+// Copies here and there: a connection that breaks spoils the session that it has, and many devices
+// end theirs without the alert that would tell it from an attack.
+void DeviceTls::keep(SSL_SESSION& session) {
+  SessionPtr kept(SSL_SESSION_dup(&session));
   const MutexLock lock(mutex_);
   session_.swap(kept);
 }

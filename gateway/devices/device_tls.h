@@ -32,26 +32,28 @@ unsigned int errorOfConnecting(const boost::system::error_code& error);
 // Any thread.
 class DeviceTls {
  public:
-  // Throws std::runtime_error when OpenSSL refuses the authorities that the configuration's check
-  // has passed.
   explicit DeviceTls(const DeviceConfig& config);
 
   // Of all devices. The system's authorities are read as they are needed.
   static SSL_CTX& context();
 
-  // Before the handshake: the server's name, whom to trust, the newest session. Outlives its use.
+  // Before the handshake: the server's name, whom to trust, the newest session. Outlives the
+  // connection's reads. Throws std::bad_alloc.
   void prepare(SSL& ssl);
   // What has come of the handshake: its error, or what is wrong with the certificate.
   boost::system::error_code judge(SSL& ssl, const boost::system::error_code& error) const;
   // Whether this is said for the first time since it was otherwise; for the log.
   bool isNews(const boost::system::error_code& verdict);
 
-  void keep(SSL_SESSION* session);  // takes it over
+  // Copies it, for the next connection.
+  void keep(SSL_SESSION& session);
 
  private:
   struct FreeStore {
     void operator()(X509_STORE* store) const { X509_STORE_free(store); }
   };
+
+  using SessionPtr = std::unique_ptr<SSL_SESSION, FreeSsl>;
 
   bool hasPinnedCertificate(SSL& ssl) const;
 
@@ -61,7 +63,7 @@ class DeviceTls {
   std::unique_ptr<X509_STORE, FreeStore> authorities_;  // null: the system's
   std::atomic<int> said_{0};
   Mutex mutex_;
-  std::unique_ptr<SSL_SESSION, FreeSsl> session_ QN_GUARDED_BY(mutex_);
+  SessionPtr session_ QN_GUARDED_BY(mutex_);
 };
 
 }  // namespace qn

@@ -1,6 +1,7 @@
 #include "gateway/devices/dialer.h"
 
 #include <boost/asio/connect.hpp>
+#include <exception>
 #include <utility>
 
 #include "gateway/log/log.h"
@@ -59,20 +60,29 @@ void Dialer::connected(const boost::system::error_code& error, Done done) {
   secure(std::move(done));
 }
 
+// False when there is no memory for it.
+bool Dialer::prepareTls() try {
+  stream_.encrypt().makeSession(DeviceTls::context());
+  device_.tls->prepare(*stream_.ssl());
+  return true;
+} catch (const std::exception& error) {
+  logError("device {}: {}", device_.config.index, error.what());
+  return false;
+}
+
 void Dialer::secure(Done done) {
   if (cancelled_) return done(boost::asio::error::operation_aborted);
   step_ = Step::Securing;
-  auto& tls = stream_.encrypt();
-  tls.makeSession(DeviceTls::context());
-  device_.tls->prepare(*tls.ssl());
-  tls.async_handshake([this, done = std::move(done)](const boost::system::error_code& error) {
-    if (cancelled_) return done(boost::asio::error::operation_aborted);
-    const auto verdict = device_.tls->judge(*stream_.ssl(), error);
-    if (device_.tls->isNews(verdict)) {
-      logWarn("device {}: {}", device_.config.index, verdict.message());
-    }
-    done(verdict);
-  });
+  if (!prepareTls()) return done(boost::asio::error::no_memory);
+  stream_.encrypt().async_handshake(
+      [this, done = std::move(done)](const boost::system::error_code& error) {
+        if (cancelled_) return done(boost::asio::error::operation_aborted);
+        const auto verdict = device_.tls->judge(*stream_.ssl(), error);
+        if (device_.tls->isNews(verdict)) {
+          logWarn("device {}: {}", device_.config.index, verdict.message());
+        }
+        done(verdict);
+      });
 }
 
 void Dialer::cancel() {

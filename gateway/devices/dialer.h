@@ -41,6 +41,7 @@ class Dialer {
   void found(const NameResolver::Addresses& addresses, Done done);
   void connect(const DeviceAddress::Endpoints& endpoints, Done done);
   void connected(const boost::system::error_code& error, Done done);
+  bool prepareTls();
   void secure(Done done);
 
   Device& device_;
