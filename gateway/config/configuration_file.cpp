@@ -631,6 +631,14 @@ Configuration readConfiguration(const std::filesystem::path& file) {
   return std::move(read.configuration);
 }
 
+Configuration readConfiguration(std::string_view content, const std::string& name) {
+  return examined(content, name, {},
+                  [](Configuration read, const Entries&, const Findings& findings) {
+                    for (const std::string& line : findings.warnings()) logWarn("{}", line);
+                    return read;
+                  });
+}
+
 Configuration parseConfiguration(std::string_view content, const std::string& name) {
   return examined(content, name, {},
                   [](Configuration read, const Entries&, const Findings&) { return read; });

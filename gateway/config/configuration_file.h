@@ -61,7 +61,10 @@ std::vector<std::filesystem::path> includedFiles(const std::filesystem::path& fi
 // The same, where the warnings go to the log.
 Configuration readConfiguration(const std::filesystem::path& file);
 
-// The same for a file's content; `name` stands for the file in errors, and names the folder that
+// The same for a file's content, warnings included.
+Configuration readConfiguration(std::string_view content, const std::string& name);
+
+// The same, without warnings; `name` stands for the file in errors, and names the folder that
 // relative paths begin at.
 Configuration parseConfiguration(std::string_view content, const std::string& name);
 

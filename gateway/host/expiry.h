@@ -1,4 +1,5 @@
-// Reminds the operator of certificates that expire soon. Called by the host, on its one thread.
+// Reminds the operator of certificates that expire soon. Called by the gateway, on its first
+// reactor.
 #pragma once
 
 #include <chrono>

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <cerrno>
 #include <map>
 #include <stdexcept>
@@ -15,11 +16,13 @@
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/descriptors.h"
 #include "gateway/host/engines.h"
+#include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
+#include "include/version.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
@@ -35,6 +38,9 @@ constexpr std::size_t kWorkerQueue = 256;
 // what is left.
 constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
+
+// How often the log is told that a second may be over.
+constexpr std::chrono::milliseconds kHeldBackCheck{500};
 
 // What the operator can do about a port that cannot be listened on.
 std::string adviceFor(const std::error_code& error, std::string_view key) {
@@ -63,7 +69,7 @@ void listenOrAdvise(std::string_view key, Listen listen) try {
 
 }  // namespace
 
-Gateway::Gateway(Configuration configuration, const std::filesystem::path& module)
+Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
       module_(module),
       folder_(configuration_->storage.dataDir),
@@ -76,9 +82,10 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()},
+            {module_.process, recogniseLogin}, HttpBounds{}, {pictures_.resource()},
             configuration_->https),
       pulse_(reactors_),
+      reminders_(reactors_.context(0)),
       health_(pulse_),
       control_(clientLogin(), reloads_),
       admin_(observed()) {
@@ -104,6 +111,7 @@ void Gateway::start() {
   alarms_.start();
   reactors_.start();
   pulse_.start();
+  boost::asio::post(reminders_.get_executor(), [this] { writeReminders(); });
   admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
@@ -139,6 +147,17 @@ std::string Gateway::description() const {
 
 std::chrono::milliseconds Gateway::silence() const {
   return std::max(pulse_.longestSilence(), timersOverdue());
+}
+
+// Until the reactors end.
+void Gateway::writeReminders() {
+  const auto now = std::chrono::steady_clock::now();
+  ClientLog::instance().writeHeldBack(now);
+  expiry_.remind(*configuration(), now);
+  reminders_.expires_after(kHeldBackCheck);
+  reminders_.async_wait([this](const boost::system::error_code& error) {
+    if (!error) writeReminders();
+  });
 }
 
 // Every step is harmless for what has not been started.
@@ -211,7 +230,7 @@ Observed Gateway::observed() {
           health_,
           enginesOf(*archive_),
           reloads_,
-          QN_VERSION};
+          QN_KAVRO_VERSION};
 }
 
 void Gateway::applyExtraPorts() {

@@ -1,9 +1,9 @@
 // The running gateway: every platform library and the module, started and stopped in order. Used by
-// main.cpp, on its one thread.
+// embedded_gateway.cpp, on one thread at a time.
 #pragma once
 
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -18,12 +18,12 @@
 #include "gateway/devices/device.h"
 #include "gateway/host/data_folder.h"
 #include "gateway/host/expiry.h"
-#include "gateway/host/protocol_module.h"
 #include "gateway/http/http_service.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 #include "gateway/pictures/picture_resource.h"
+#include "include/embedded_gateway.h"
 
 namespace qn {
 
@@ -31,7 +31,7 @@ class Gateway {
  public:
   // Starts everything; when it returns the ports are open. Throws std::exception with a text for
   // the operator; what was started is stopped again.
-  Gateway(Configuration configuration, const std::filesystem::path& module);
+  Gateway(Configuration configuration, const GatewayParts::Module& module);
   // Stops within 10 s: no new connections, requests in flight are finished or answered that the
   // gateway is stopping, the operation log is flushed.
   ~Gateway();
@@ -48,9 +48,8 @@ class Gateway {
   const Configuration& inForce() const { return *configuration_; }
   // What it serves, for the operator.
   std::string description() const;
+  uint16_t port() const { return http_.port(); }
 
-  // Writes what the operator should know again and again; to be called at least once an hour.
-  void remind() { expiry_.remind(*configuration_, std::chrono::steady_clock::now()); }
   // How long the slowest reactor or timer has owed its next step.
   std::chrono::milliseconds silence() const;
 
@@ -61,9 +60,10 @@ class Gateway {
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
   Observed observed();
+  void writeReminders();
 
   std::shared_ptr<const Configuration> configuration_;
-  ProtocolModule module_;
+  const GatewayParts::Module module_;
   DataFolder folder_;
   PictureResource pictures_;
   const std::unique_ptr<OperationArchive> archive_;
@@ -76,6 +76,7 @@ class Gateway {
   AlarmBus alarms_;
   HttpService http_;
   Pulse pulse_;
+  boost::asio::steady_timer reminders_;
   Health health_;
   Reloads reloads_;
   ExpiryReminder expiry_;

@@ -1,33 +1,16 @@
-// The protocol module as a loaded library. Used by the host only.
+// The protocol module's three functions, as a rule of a loaded library. Used by the host only.
 #pragma once
 
 #include <filesystem>
-#include <string>
 
-#include "platform/http_service.h"
+#include "include/embedded_gateway.h"
 
 namespace qn {
 
-// Binds all three entry points at construction, so a library that lacks one is refused as a whole;
-// throws std::runtime_error with the loader's reason. The library is never unloaded: replies may
-// still be under way through its code when the process ends.
-class ProtocolModule {
- public:
-  using Process = int (*)(int& bodyIsXml, std::string& body, int& asyncReply,
-                          const QNHttpService::stHttpRes& request);
-
-  explicit ProtocolModule(const std::filesystem::path& file);
-
-  void init() const { init_(); }
-  void uninit() const { uninit_(); }
-  Process process() const { return process_; }
-
- private:
-  using Plain = int (*)();
-
-  Plain init_;
-  Plain uninit_;
-  Process process_;
-};
+// The functions that the program has given; without any, those of the file, all three bound here,
+// so that a library that lacks one is refused as a whole. Throws std::runtime_error with the
+// loader's reason, std::logic_error when only some were given. The library is never unloaded:
+// replies may still be under way through its code when the process ends.
+GatewayParts::Module protocolModule(const GatewayParts& parts);
 
 }  // namespace qn

@@ -9,21 +9,15 @@
 #include "gateway/accounts/commands.h"
 #include "gateway/config/configuration_file.h"
 #include "gateway/config/key_texts.h"
+#include "include/version.h"
 
 namespace qn {
 namespace {
 
-// In an installation and in the build tree alike: bin/ and the libraries' folder have one parent.
-std::filesystem::path moduleBesideProgram() {
-  const auto program = std::filesystem::read_symlink("/proc/self/exe");
-  return program.parent_path().parent_path() / QN_MODULE;
-}
-
 class CommandLine {
  public:
   explicit CommandLine(Arguments& arguments) : arguments_(arguments) {
-    arguments.module = moduleBesideProgram();
-    app_.set_version_flag("--version", std::string("qn-gateway ") + QN_VERSION);
+    app_.set_version_flag("--version", std::string("qn-gateway ") + platformVersion());
     app_.add_option("--config", arguments.config, "configuration file (TOML)");
     app_.add_option("--module", arguments.module, "protocol module to load")->capture_default_str();
     app_.add_flag("--check-config", checkOnly_, "read the configuration, say all that is wrong");

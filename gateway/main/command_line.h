@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <optional>
 
+#include "include/embedded_gateway.h"
+
 namespace qn {
 
 // What the process ends with.
@@ -17,7 +19,7 @@ enum class ExitStatus : int {
 
 struct Arguments {
   std::filesystem::path config;
-  std::filesystem::path module;
+  std::filesystem::path module = GatewayParts::installedModule();
 };
 
 // Does what was asked for, and says how that ended; nothing when the gateway is to run. Throws
