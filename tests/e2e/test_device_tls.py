@@ -131,7 +131,8 @@ class DeviceTls(harness.StreamTest):
                 self.assertEqual({answer.status for answer in answers}, {502 if fault else 200})
                 if fault:
                     self.assertEqual({answer.json()["subStatusCode"] for answer in answers}, {fault})
-                    self.assertRegex(self.gateway.log(), f"device {name}: the device's certificate")
+                    said = f"device {name}: the device's certificate"
+                    harness.wait_until(lambda said=said: said in self.gateway.log(), what=said)
                 else:
                     self.assertEqual(one.get(INFO).xml().tag, "DeviceInfo")
                     self.assertEqual(set(self.fronts[name].names),
