@@ -3,7 +3,6 @@
 #pragma once
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <functional>
@@ -45,10 +44,10 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
  private:
   using Error = boost::system::error_code;
   using Clock = std::chrono::steady_clock;
-  using Tcp = boost::asio::ip::tcp;
 
   void connect();
   void connected();
+  void sendHead(std::size_t sent);
   void waitForBytes();
   void readBytes();
   void gather();
@@ -74,7 +73,7 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   const std::string quotedIndex_;
   const AlarmSink sink_;
 
-  Tcp::socket socket_;
+  DeviceStream stream_;
   Dialer dialer_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer pause_;

@@ -437,6 +437,7 @@ inline constexpr Key<UserEntry> kUserKeys[] = {
 struct DeviceEntry : DeviceConfig {
   std::string url;
   std::string passwordFile;
+  std::string caFile;
 };
 
 inline constexpr Key<DeviceEntry> kDeviceKeys[] = {
@@ -475,6 +476,23 @@ inline constexpr Key<DeviceEntry> kDeviceKeys[] = {
      {},
      &kDeviceAuthRule,
      "how to log in there; all but \"digest\" show the password to everybody on the way"},
+    {"ca_file",
+     &DeviceEntry::caFile,
+     {},
+     &kSecretFileRule,
+     "the certificates, PEM, of who vouches for the device's; for https",
+     {.otherwise = "the system's authorities", .example = "\"cameras-ca.pem\""}},
+    {"fingerprint",
+     &DeviceEntry::fingerprint,
+     {},
+     &kFingerprintRule,
+     "the SHA-256 of the device's certificate, which then needs nobody to vouch for it; for https",
+     {.otherwise = "none", .example = "\"<digest>\""}},
+    {"verify",
+     &DeviceEntry::verify,
+     {},
+     {},
+     "false: whoever answers is taken for the device; for https"},
     {"http_port",
      &DeviceEntry::httpPort,
      kPortOrNone,
