@@ -50,7 +50,7 @@ bool change(SimulatedDevice& device, const Json::Value& orders) {
   if (orders.isMember("alertStream")) device.alarms.setFraming(orders["alertStream"]);
   if (orders.isMember("alarm") && !device.alarms.order(orders["alarm"])) return false;
   if (orders.isMember("deviceInfo"))
-    mergeJson(device.documents["/KAVRO/System/deviceInfo"]["DeviceInfo"], orders["deviceInfo"]);
+    device.documents.merge(kDeviceInfoPath, "DeviceInfo", orders["deviceInfo"]);
   if (orders["expireNonces"].asBool()) device.login.expireNonces();
   if (orders["unlock"].asBool()) device.login.unlock();
   if (orders["clearLog"].asBool()) device.log.clear();

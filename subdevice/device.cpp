@@ -3,8 +3,6 @@
 
 #include <utility>
 
-#include "subdevice/factory_documents.h"
-
 namespace subdevice {
 
 void RequestLog::add(const Request& request) {
@@ -28,15 +26,15 @@ Json::Value RequestLog::document() const {
 
 SimulatedDevice::SimulatedDevice(boost::asio::io_context& io, DeviceOptions deviceOptions)
     : options(std::move(deviceOptions)),
-      documents(factoryDocuments(options)),
-      streams(factoryStreams(options)),
+      documents(options),
       recordings(options.channels),
       faces(io),
       login(options.username, options.password),
-      alarms(io, options.alarmInterval) {
-  for (int channel = 1; channel <= options.channels; ++channel)
-    ptzHeads.emplace(channel, PtzHead(channel));
-  for (int output = 1; output <= kIoOutputs; ++output) outputs[output] = "low";
+      alarms(io, options.alarmInterval) {}
+
+PtzHead* SimulatedDevice::ptzHead(int channel) {
+  if (channel < 1 || channel > options.channels) return nullptr;
+  return &ptzHeads_.try_emplace(channel, channel).first->second;
 }
 
 }  // namespace subdevice

@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include <array>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
 #include <cstdint>
@@ -15,6 +16,7 @@
 
 #include "subdevice/alarm_feed.h"
 #include "subdevice/digest_guard.h"
+#include "subdevice/documents.h"
 #include "subdevice/face_library.h"
 #include "subdevice/faults.h"
 #include "subdevice/message.h"
@@ -60,10 +62,11 @@ struct SimulatedDevice {
   std::function<void()> onSwitch;
   std::function<std::size_t()> connections;
 
-  std::map<std::string, Json::Value, std::less<>> documents;  // the plain ones, by path
-  std::map<int, Json::Value> streams;  // "StreamingChannel" objects, by id: channel * 100 + stream
-  std::map<int, PtzHead> ptzHeads;     // by channel
-  std::map<int, std::string> outputs;  // the state of each IO output, by id
+  // Of a channel; made when it is first asked for. Null when there is no such channel.
+  PtzHead* ptzHead(int channel);
+
+  Documents documents;
+  std::array<bool, kIoOutputs> outputsHigh{};  // the state of each IO output
   RecordingDatabase recordings;
   FaceLibrary faces;
 
@@ -72,6 +75,9 @@ struct SimulatedDevice {
   RequestLog log;
   AlarmFeed alarms;
   uint64_t requests = 0;  // the control resource's own apart
+
+ private:
+  std::map<int, PtzHead> ptzHeads_;  // by channel
 };
 
 }  // namespace subdevice

@@ -26,6 +26,37 @@ class Device(unittest.TestCase):
         self.assertEqual(stream["Transport"]["ControlProtocolList"],
                          [{"ControlProtocol": {"streamingTransport": "HTTP"}}])
 
+    def test_every_family_has_documents_that_are_kept_when_they_are_put(self):
+        for url, entry, id, change in (
+                ("/System/Network/interfaces", "NetworkInterface", 1, {"mtu": 1400}),
+                ("/Security/users", "User", 2, {"name": "night", "password": "Secret-77"}),
+                ("/System/IO/inputs", "IOInputPort", 1, {"name": "Gate"}),
+                ("/Event/triggers", "EventTrigger", 3, {"actions": ["output"]}),
+                ("/Streaming/tracks", "Track", 203, {"daysKept": 7}),
+                ("/System/Video/inputs/channels", "VideoInputChannel", 2, {"name": "Yard"}),
+                ("/AccessControl/persons", "Person", 1, {"name": "A. N. Other"}),
+                ("/Intelligent/FDLib", "FDLib", 1, {"threshold": 75.5})):
+            whole, one = f"/KAVRO{url}?format=json", f"/KAVRO{url}/{id}"
+            before = self.device.get(one).json()[entry]
+            self.assertEqual(self.device.put(one, json.dumps({entry: change})).status, 200, url)
+            listed = [row[entry] for row in next(iter(self.device.get(whole).json().values()))]
+            change.pop("password", None)
+            self.assertIn({**before, **change}, listed, url)
+            for wrong in ({"nmae": "x"}, {next(iter(change)): {}}, 5):
+                self.assertEqual(self.device.put(one, json.dumps({entry: wrong})).status, 400, wrong)
+            self.assertEqual(self.device.get(f"/KAVRO{url}/99999").status, 404)
+        self.assertIn(b"Gate", self.device.get("/KAVRO/System/IO").body)
+        for url in ("/Smart", "/System", "/Event", "/Security", "/AccessControl", "/Intelligent"):
+            self.assertEqual(self.device.get(f"/KAVRO{url}/capabilities").status, 200, url)
+
+    def test_a_list_grows_to_its_bound_and_shrinks(self):
+        url, body = "/KAVRO/Security/users", json.dumps({"User": {"name": "u"}})
+        answers = [self.device.post(url, body) for _ in range(63)]
+        self.assertEqual([answer.json().get("id") for answer in answers], [*range(3, 65), None])
+        self.assertEqual((answers[-1].status, answers[-1].json()["subStatusCode"]), (403, "listFull"))
+        self.assertEqual([self.device.request("DELETE", url + "/3").status for _ in range(2)],
+                         [200, 404])
+
     def test_bad_requests_and_orders_are_refused(self):
         for method, url, body, status, code in (
                 ("GET", "/No/such/thing", "", 404, 4), ("DELETE", "/System/deviceInfo", "", 404, 4),
