@@ -9,7 +9,7 @@
 
 namespace subdevice {
 
-AlertStream::AlertStream(boost::beast::tcp_stream stream, StreamFraming framing,
+AlertStream::AlertStream(ClientStream stream, StreamFraming framing,
                          std::function<void(AlertStream*)> onEnd)
     : stream_(std::move(stream)), framing_(framing), onEnd_(std::move(onEnd)) {
   stream_.expires_never();

@@ -1,11 +1,12 @@
 // One client's open alert stream: a multipart answer that never ends. Owned by the alarm feed.
 #pragma once
 
-#include <boost/beast/core/tcp_stream.hpp>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "subdevice/link.h"
 
 namespace subdevice {
 
@@ -21,10 +22,10 @@ class AlertStream : public std::enable_shared_from_this<AlertStream> {
   static constexpr std::size_t kQueueBytes = 4 * 1024 * 1024;
 
   // `onEnd` is called once, when the client has gone or a write failed.
-  AlertStream(boost::beast::tcp_stream stream, StreamFraming framing,
-              std::function<void(AlertStream*)> onEnd);
+  AlertStream(ClientStream stream, StreamFraming framing, std::function<void(AlertStream*)> onEnd);
 
   void start();
+  void setLink(std::size_t bytesPerSecond) { limitSending(stream_, bytesPerSecond); }
   // False when the client is too slow: its queue is full and the part is not sent.
   bool push(std::string_view document);
   // Nothing more is sent and `onEnd` is not called.
@@ -36,7 +37,7 @@ class AlertStream : public std::enable_shared_from_this<AlertStream> {
   void watchPeer();
   void end();
 
-  boost::beast::tcp_stream stream_;
+  ClientStream stream_;
   const StreamFraming framing_;
   std::function<void(AlertStream*)> onEnd_;
   std::string pending_;

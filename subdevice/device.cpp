@@ -1,6 +1,8 @@
 // See device.h.
 #include "subdevice/device.h"
 
+#include <cstdio>
+#include <exception>
 #include <utility>
 
 namespace subdevice {
@@ -30,7 +32,35 @@ SimulatedDevice::SimulatedDevice(boost::asio::io_context& io, DeviceOptions devi
       recordings(options.channels),
       faces(io),
       login(options.username, options.password),
-      alarms(io, options.alarmInterval) {}
+      alarms(io, options.alarmInterval),
+      io_(io) {}
+
+void SimulatedDevice::switchTo(bool on) {
+  rebooting_.reset();
+  listening = on;
+  onSwitch();
+}
+
+void SimulatedDevice::reboot(std::chrono::milliseconds away) {
+  switchTo(false);
+  login.expireNonces();
+  outputsHigh = {};
+  returnAfter(away);
+}
+
+void SimulatedDevice::returnAfter(std::chrono::milliseconds away) {
+  constexpr std::chrono::seconds kUntilNextTry{1};
+  rebooting_.emplace(io_, away);
+  rebooting_->async_wait([this, kUntilNextTry](boost::system::error_code error) {
+    if (error) return;
+    try {
+      switchTo(true);
+    } catch (const std::exception& taken) {
+      std::fprintf(stderr, "device %d cannot come back: %s\n", options.number, taken.what());
+      returnAfter(kUntilNextTry);
+    }
+  });
+}
 
 PtzHead* SimulatedDevice::ptzHead(int channel) {
   if (channel < 1 || channel > options.channels) return nullptr;

@@ -6,11 +6,13 @@
 
 #include <array>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,7 @@
 #include "subdevice/documents.h"
 #include "subdevice/face_library.h"
 #include "subdevice/faults.h"
+#include "subdevice/link.h"
 #include "subdevice/message.h"
 #include "subdevice/ptz.h"
 #include "subdevice/recordings.h"
@@ -58,9 +61,16 @@ struct SimulatedDevice {
   const DeviceOptions options;
   uint16_t port = 0;  // set when it listens
   bool listening = true;
+  Link link;
   // Set by the listener: acts on a change of `listening`, counts the open connections.
   std::function<void()> onSwitch;
   std::function<std::size_t()> connections;
+
+  // Ends a reboot that is under way. Throws boost::system::system_error when the port is taken.
+  void switchTo(bool on);
+  // Off, and on again after that time, as soon as the port is free; what was switched or logged in
+  // is forgotten.
+  void reboot(std::chrono::milliseconds away);
 
   // Of a channel; made when it is first asked for. Null when there is no such channel.
   PtzHead* ptzHead(int channel);
@@ -77,6 +87,10 @@ struct SimulatedDevice {
   uint64_t requests = 0;  // the control resource's own apart
 
  private:
+  void returnAfter(std::chrono::milliseconds away);
+
+  boost::asio::io_context& io_;
+  std::optional<boost::asio::steady_timer> rebooting_;
   std::map<int, PtzHead> ptzHeads_;  // by channel
 };
 

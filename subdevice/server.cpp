@@ -82,9 +82,11 @@ void ClientConnection::serve() {
   ++device.requests;
   device.log.add(request_);
   const OrderedFault fault = device.faults.take(request_);
-  if (fault.delay.count() == 0) return perform(fault);
+  limitSending(stream_, device.link.bytesPerSecond);
+  const auto delay = fault.delay + device.link.delay;
+  if (delay.count() == 0) return perform(fault);
   stream_.expires_never();
-  delay_.expires_after(fault.delay);
+  delay_.expires_after(delay);
   delay_.async_wait([self = shared_from_this(), fault](boost::system::error_code error) {
     if (!error) self->perform(fault);
   });
@@ -179,16 +181,18 @@ void DeviceListener::followSwitch() {
 
 void DeviceListener::open(uint16_t port) {
   const tcp::endpoint endpoint(boost::asio::ip::address_v4::loopback(), port);
-  acceptor_.open(endpoint.protocol());
-  acceptor_.set_option(tcp::acceptor::reuse_address(true));
-  acceptor_.bind(endpoint);
-  acceptor_.listen();
+  tcp::acceptor acceptor(acceptor_.get_executor());  // one that fails leaves no trace
+  acceptor.open(endpoint.protocol());
+  acceptor.set_option(tcp::acceptor::reuse_address(true));
+  acceptor.bind(endpoint);
+  acceptor.listen();
+  acceptor_ = std::move(acceptor);
   accept();
 }
 
 void DeviceListener::accept() {
   acceptor_.async_accept([this](boost::system::error_code error, tcp::socket socket) {
-    if (!acceptor_.is_open()) return;
+    if (error == boost::asio::error::operation_aborted || !acceptor_.is_open()) return;
     if (!error) admit(std::move(socket));
     accept();
   });

@@ -4,7 +4,6 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <list>
@@ -14,6 +13,7 @@
 
 #include "subdevice/device.h"
 #include "subdevice/faults.h"
+#include "subdevice/link.h"
 #include "subdevice/message.h"
 
 namespace subdevice {
@@ -43,7 +43,7 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void sendAndClose(std::string bytes);
   void sendBytes(std::string bytes, bool closeAfter);
 
-  boost::beast::tcp_stream stream_;
+  ClientStream stream_;
   DeviceListener& listener_;
   boost::beast::flat_buffer buffer_;
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
