@@ -20,6 +20,7 @@ struct StreamFraming {
 class AlertStream : public std::enable_shared_from_this<AlertStream> {
  public:
   static constexpr std::size_t kQueueBytes = 4 * 1024 * 1024;
+  static constexpr std::string_view kJsonPart = "application/json; charset=\"UTF-8\"";
 
   // `onEnd` is called once, when the client has gone or a write failed.
   AlertStream(ClientStream stream, StreamFraming framing, std::function<void(AlertStream*)> onEnd);
@@ -27,7 +28,9 @@ class AlertStream : public std::enable_shared_from_this<AlertStream> {
   void start();
   void setLink(std::size_t bytesPerSecond) { limitSending(stream_, bytesPerSecond); }
   // False when the client is too slow: its queue is full and the part is not sent.
-  bool push(std::string_view document);
+  bool push(std::string_view document, std::string_view contentType = kJsonPart);
+  // The client's end of the stream comes behind what waits to be sent.
+  void closeWhenSent();
   // Nothing more is sent and `onEnd` is not called.
   void close();
 
@@ -42,6 +45,7 @@ class AlertStream : public std::enable_shared_from_this<AlertStream> {
   std::function<void(AlertStream*)> onEnd_;
   std::string pending_;
   std::string writing_;  // empty: no write in flight
+  bool ending_ = false;
   char ignored_ = 0;
 };
 

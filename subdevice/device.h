@@ -12,6 +12,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@
 #include "subdevice/message.h"
 #include "subdevice/ptz.h"
 #include "subdevice/recordings.h"
+#include "subdevice/replay.h"
 
 namespace subdevice {
 
@@ -62,6 +64,7 @@ struct SimulatedDevice {
   uint16_t port = 0;  // set when it listens
   bool listening = true;
   Link link;
+  std::unique_ptr<Replay> replay;  // a device that plays a conversation; others have none
   // Set by the listener: acts on a change of `listening`, counts the open connections.
   std::function<void()> onSwitch;
   std::function<std::size_t()> connections;

@@ -49,6 +49,7 @@ struct CommandLine {
   DeviceOptions each;
   std::string day;
   double daySpeed = 1;
+  std::string replay;
 };
 
 // For a simulator that runs.
@@ -82,6 +83,8 @@ std::vector<CLI::Option*> declare(CLI::App& app, CommandLine& line) {
   option("--day-speed", line.daySpeed, "how much faster the day passes; 1440: in a minute")
       ->capture_default_str()
       ->check(CLI::Range(1.0, 86400.0));
+  option("--replay", line.replay, "file of a recorded conversation, which every device plays")
+      ->check(CLI::ExistingFile);
   return options;
 }
 
@@ -118,10 +121,21 @@ void allowManyDescriptors() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+std::ifstream opened(const std::string& name) {
+  std::ifstream file(name);
+  if (!file) throw std::runtime_error(name + ": " + std::strerror(errno));
+  return file;
+}
+
 std::vector<subdevice::DayEvent> dayOf(const CommandLine& line) {
-  std::ifstream file(line.day);
-  if (!file) throw std::runtime_error(line.day + ": " + std::strerror(errno));
+  auto file = opened(line.day);
   return subdevice::readDay(file, line.day, line.devices);
+}
+
+subdevice::Conversation conversationOf(const CommandLine& line) {
+  if (line.replay.empty()) return {};
+  auto file = opened(line.replay);
+  return subdevice::readConversation(file, line.replay);
 }
 
 void run(const CommandLine& line) {
@@ -129,6 +143,7 @@ void run(const CommandLine& line) {
     throw std::runtime_error("there are not so many ports from " + std::to_string(line.port) +
                              " on");
   allowManyDescriptors();
+  const subdevice::Conversation conversation = conversationOf(line);
   boost::asio::io_context io(1);
   DeviceListener::Devices devices;
   std::optional<subdevice::Day> day;
@@ -143,7 +158,10 @@ void run(const CommandLine& line) {
     devices.push_back(std::make_unique<SimulatedDevice>(io, options));
     listeners.push_back(
         std::make_unique<DeviceListener>(io, devices, *devices.back(), portOf(line, index)));
-    devices.back()->alarms.start();
+    if (!conversation.empty())
+      devices.back()->replay = std::make_unique<subdevice::Replay>(conversation);
+    else
+      devices.back()->alarms.start();
     std::printf("device %d http://127.0.0.1:%d\n", number, devices.back()->port);
   }
   std::fflush(stdout);

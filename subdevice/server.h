@@ -38,6 +38,9 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void serveControl();
   void perform(const OrderedFault& fault);
   void answerProperly();
+  // Null: there is nothing to be played.
+  void replay(const RecordedExchange* said);
+  void play(const RecordedExchange& said);
   void hang();
   void send(const Reply& reply);
   void sendAndClose(std::string bytes);
@@ -70,6 +73,7 @@ class DeviceListener {
   // device is gone as if its power had failed.
   void followSwitch();
 
+  boost::asio::io_context& io() { return io_; }
   SimulatedDevice& device() { return device_; }
   const Devices& devices() const { return devices_; }
 
@@ -79,6 +83,7 @@ class DeviceListener {
   std::size_t openConnections();
   void admit(boost::asio::ip::tcp::socket socket);
 
+  boost::asio::io_context& io_;
   const Devices& devices_;
   SimulatedDevice& device_;
   boost::asio::ip::tcp::acceptor acceptor_;
