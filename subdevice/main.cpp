@@ -22,6 +22,7 @@
 #include "subdevice/http_call.h"
 #include "subdevice/json_text.h"
 #include "subdevice/orders.h"
+#include "subdevice/recorder/recorder.h"
 #include "subdevice/server.h"
 
 namespace {
@@ -50,6 +51,8 @@ struct CommandLine {
   std::string day;
   double daySpeed = 1;
   std::string replay;
+  std::string record;  // URL of a device
+  std::string recordTo;
 };
 
 // For a simulator that runs.
@@ -85,6 +88,14 @@ std::vector<CLI::Option*> declare(CLI::App& app, CommandLine& line) {
       ->check(CLI::Range(1.0, 86400.0));
   option("--replay", line.replay, "file of a recorded conversation, which every device plays")
       ->check(CLI::ExistingFile);
+  auto* const record =
+      app.add_option("--record", line.record,
+                     "URL of a device: stand before it on --port and keep what is said, "
+                     "anonymised");
+  auto* const to = app.add_option("--to", line.recordTo, "file of what is recorded")->needs(record);
+  record->needs(to);
+  for (auto* other : options) record->excludes(other);
+  options.insert(options.end(), {record, to});
   return options;
 }
 
@@ -171,6 +182,17 @@ void run(const CommandLine& line) {
   io.run();
 }
 
+void record(const CommandLine& line) {
+  boost::asio::io_context io(1);
+  subdevice::Recorder recorder(io, line.port, line.record, line.recordTo);
+  std::printf("recorder http://127.0.0.1:%d\n", recorder.port());
+  std::fflush(stdout);
+  boost::asio::signal_set signals(io, SIGINT, SIGTERM);
+  signals.async_wait([&io](auto, int) { io.stop(); });
+  io.run();
+  recorder.save();
+}
+
 // Prints what the simulator has to say, but for a plain "done".
 void tell(const Command& command, uint16_t port) {
   boost::asio::io_context io(1);
@@ -205,7 +227,10 @@ int main(int argc, char** argv) {
   app.footer(kFooter);
   CLI11_PARSE(app, argc, argv);
   try {
-    command ? tell(*command, line.port) : run(line);
+    if (command)
+      tell(*command, line.port);
+    else
+      line.record.empty() ? run(line) : record(line);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "qn-subdevice: %s\n", error.what());
     return 1;
