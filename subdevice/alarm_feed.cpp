@@ -64,8 +64,8 @@ std::string timeNow() {
 }  // namespace
 
 std::vector<std::string_view> alarmTypes() {
-  std::vector<std::string_view> names;
-  for (const auto& type : kTypes) names.push_back(type.name);
+  std::vector<std::string_view> names(kTypes.size());
+  std::ranges::transform(kTypes, names.begin(), &AlarmType::name);
   return names;
 }
 

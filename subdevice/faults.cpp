@@ -24,8 +24,8 @@ constexpr std::array<std::pair<std::string_view, FaultKind>, 8> kKinds{
 }  // namespace
 
 std::vector<std::string_view> faultKinds() {
-  std::vector<std::string_view> names;
-  for (const auto& [name, kind] : kKinds) names.push_back(name);
+  std::vector<std::string_view> names(kKinds.size());
+  std::ranges::transform(kKinds, names.begin(), [](const auto& row) { return row.first; });
   return names;
 }
 

@@ -29,6 +29,7 @@ struct Options {
   uint16_t port = 8080;
   std::string path = "/KAVRO/System/deviceInfo";
   std::string user = "admin";
+  int users = 0;
   std::string password;
   int connections = 1;
   double seconds = 5;
@@ -60,7 +61,7 @@ std::string quoted(std::string_view head, std::string_view name, std::string_vie
 
 class Connection {
  public:
-  explicit Connection(const Options& options) : options_(options) {
+  Connection(const Options& options, std::string user) : options_(options), user_(std::move(user)) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -83,8 +84,8 @@ class Connection {
     char count[9];
     std::snprintf(count, sizeof count, "%08x", ++nonceCount_);
     const auto response = md5(ha1_ + ":" + nonce_ + ":" + count + ":0a4f113b:auth:" + ha2_);
-    request("Authorization: Digest username=\"" + options_.user + "\", realm=\"" + realm_ +
-            "\", nonce=\"" + nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
+    request("Authorization: Digest username=\"" + user_ + "\", realm=\"" + realm_ + "\", nonce=\"" +
+            nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
             ", cnonce=\"0a4f113b\", response=\"" + response + "\"\r\n");
     sent_ = Clock::now();
   }
@@ -118,7 +119,7 @@ class Connection {
     }
     realm_ = quoted(head_, "realm", "KAVRO");
     nonce_ = quoted(head_, "nonce", "5a1d3f0b9c8e7f6a5a1d3f0b9c8e7f6a5a1d3f0b");
-    ha1_ = md5(options_.user + ":" + realm_ + ":" + options_.password);
+    ha1_ = md5(user_ + ":" + realm_ + ":" + options_.password);
     ha2_ = md5("GET:" + options_.path);
   }
 
@@ -132,6 +133,7 @@ class Connection {
   }
 
   const Options& options_;
+  const std::string user_;
   int fd_ = -1;
   std::string realm_, nonce_, ha1_, ha2_;
   unsigned nonceCount_ = 0;
@@ -150,7 +152,9 @@ Outcome run(const Options& options) {
   std::vector<std::unique_ptr<Connection>> connections;
   const int poll = epoll_create1(EPOLL_CLOEXEC);
   for (int i = 0; i < options.connections; ++i) {
-    connections.push_back(std::make_unique<Connection>(options));
+    const std::string user =
+        options.users > 0 ? "u" + std::to_string(1 + i % options.users) : options.user;
+    connections.push_back(std::make_unique<Connection>(options, user));
     epoll_event event{.events = EPOLLIN, .data = {.ptr = connections.back().get()}};
     epoll_ctl(poll, EPOLL_CTL_ADD, connections.back()->fd(), &event);
   }
@@ -196,6 +200,7 @@ int main(int argc, char** argv) try {
   app.add_option("--port", options.port);
   app.add_option("--path", options.path);
   app.add_option("--user", options.user);
+  app.add_option("--users", options.users, "connections take turns as u1, u2, ... instead");
   app.add_option("--password", options.password);
   app.add_option("--connections", options.connections)->check(CLI::Range(1, 4096));
   app.add_option("--seconds", options.seconds)->check(CLI::Range(0.1, 600.0));

@@ -83,11 +83,16 @@ void answerError(ExchangeState& exchange, int status, const char* text) {
   answer(exchange, status, document);
 }
 
-void answerHealth(ExchangeState& exchange, const Health::Reasons& against) {
+// What is without an engine, it may say, serves all the same.
+void answerHealth(ExchangeState& exchange, const Health::Reasons& against,
+                  const std::vector<const EngineState*>& engines = {}) {
   Json::Value document;
   document["status"] = against.empty() ? "ok" : "fail";
   document["reasons"] = Json::arrayValue;
   for (const std::string& reason : against) document["reasons"].append(reason);
+  for (const EngineState* engine : engines) {
+    if (const auto trouble = engine->trouble()) document["without"].append(*trouble);
+  }
   answer(exchange, against.empty() ? 200 : 503, document);
 }
 
@@ -185,7 +190,7 @@ class AdminListener::Service {
   }
   void life(ExchangeState& exchange) { answerHealth(exchange, observed_.health.againstLife()); }
   void readiness(ExchangeState& exchange) {
-    answerHealth(exchange, observed_.health.againstReadiness());
+    answerHealth(exchange, observed_.health.againstReadiness(), observed_.engines);
   }
   void start(ExchangeState& exchange) { answerHealth(exchange, observed_.health.againstStart()); }
 

@@ -101,6 +101,7 @@ class Collector final : public prometheus::Collectable {
     round.budgets();
     round.pools();
     round.stores();
+    round.engines();
     round.gateway();
     round.process();
     round.devices();
@@ -149,6 +150,7 @@ class Collector final : public prometheus::Collectable {
     void stores();
     void operationLog();
     void pictures();
+    void engines();
     void gateway();
     void configuration();
     void process();
@@ -320,6 +322,23 @@ void Collector::Round::pictures() {
   counter("qn_pictures_stored_total", "Pictures stored.", double(store.stored));
   counter("qn_pictures_dropped_total", "Pictures that went for newer ones.", double(store.dropped));
   counter("qn_pictures_refused_total", "Uploads that could not be stored.", double(store.refused));
+}
+
+// Nothing without engines.
+void Collector::Round::engines() {
+  if (observed.engines.empty()) return;
+  Family up = gauge("qn_engine_up", "1 while an engine that the gateways share can be used.");
+  for (const EngineState* each : observed.engines) up.add({{"engine", each->name()}}, each->isUp());
+  Family outages = counter("qn_engine_outages_total", "Times that an engine was lost.");
+  for (const EngineState* each : observed.engines) {
+    outages.add({{"engine", each->name()}}, double(each->outages()));
+  }
+  if (!observed.archive.engine()) return;
+  const OperationArchive::Load rows = observed.archive.load();
+  counter("qn_operation_log_sent_total", "Rows sent to the shared database.", double(rows.sent));
+  counter("qn_operation_log_unsent_total", "Rows dropped before they could be sent.",
+          double(rows.lost));
+  gauge("qn_operation_log_unsent", "Rows that wait for the shared database.", double(rows.waiting));
 }
 
 void Collector::Round::gateway() {

@@ -8,8 +8,10 @@
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
+#include "gateway/archive/operation_archive.h"
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
+#include "gateway/engine/engine_state.h"
 #include "gateway/http/http_service.h"
 #include "gateway/login/login.h"
 #include "gateway/net/pulse.h"
@@ -32,9 +34,11 @@ struct Observed {
   const AlarmBus& alarms;
   const PictureResource& pictures;
   const OperationLog& operations;
+  const OperationArchive& archive;
   Login& login;
   std::vector<ObservedPool> pools;
   const Health& health;
+  std::vector<const EngineState*> engines;  // that the configuration names
   Reloads& reloads;
   std::string version;  // of the gateway
 };

@@ -57,6 +57,8 @@ constexpr std::string_view kLogFormats[] = {"text", "json"};
 constexpr std::string_view kAccesses[] = {"none", "errors", "all"};
 constexpr std::string_view kAlgorithms[] = {"MD5", "SHA-256"};
 constexpr std::string_view kDeviceAuths[] = {"digest", "basic", "any"};
+constexpr std::string_view kTlsVersions[] = {"1.2", "1.3"};
+constexpr std::string_view kClientCertificates[] = {"none", "optional", "required"};
 constexpr std::string_view kWhenFulls[] = {"refuse", "drop_oldest"};
 
 template <const auto& kChoices>
@@ -130,6 +132,19 @@ bool isToken(std::string_view text) {
                           std::ranges::all_of(text, allowed));
 }
 
+// What libpq makes of it, the start says.
+bool isPostgres(std::string_view text) {
+  return isPlain(text, kUrlBytes) &&
+         (text.starts_with("postgresql://") || text.starts_with("postgres://"));
+}
+
+bool isGatewayName(std::string_view text) {
+  return !text.empty() && text.size() <= kIndexBytes &&
+         std::ranges::all_of(text, [](unsigned char c) {
+           return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_';
+         });
+}
+
 }  // namespace
 
 const TextRule kAddressRule{isAddress, "an IP address"};
@@ -155,7 +170,17 @@ const TextRule kDeviceAuthRule{isOneOf<kDeviceAuths>, "\"digest\", \"basic\" or 
 const TextRule kPathRule{isPath, "a path"};
 const TextRule kSecretFileRule{isPath,
                                "a path, or \"credential:NAME\" for one of the service manager's"};
+const TextRule kTlsVersionRule{isOneOf<kTlsVersions>, "\"1.2\" or \"1.3\"", kTlsVersions};
+const TextRule kCipherRule{isOneOf<kTls12Ciphers>,
+                           "ECDHE-ECDSA or ECDHE-RSA with -AES128-GCM-SHA256, "
+                           "-AES256-GCM-SHA384 or -CHACHA20-POLY1305",
+                           kTls12Ciphers};
+const TextRule kClientCertificatesRule{
+    isOneOf<kClientCertificates>, "\"none\", \"optional\" or \"required\"", kClientCertificates};
 const TextRule kWhenFullRule{isOneOf<kWhenFulls>, "\"refuse\" or \"drop_oldest\"", kWhenFulls};
+
+const TextRule kPostgresRule{isPostgres, "postgresql://[USER[:PASSWORD]@]HOST[:PORT]/DATABASE"};
+const TextRule kGatewayNameRule{isGatewayName, "1 to 63 letters, digits and -._"};
 
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   constexpr std::string_view kScheme = "http://";

@@ -33,6 +33,11 @@ extern const TextRule kPathRule;
 extern const TextRule kSecretFileRule;
 extern const TextRule kTokenRule;
 extern const TextRule kWhenFullRule;
+extern const TextRule kTlsVersionRule;
+extern const TextRule kCipherRule;
+extern const TextRule kClientCertificatesRule;
+extern const TextRule kPostgresRule;
+extern const TextRule kGatewayNameRule;
 
 // Whether only this machine reaches the address.
 bool isLoopback(std::string_view address);

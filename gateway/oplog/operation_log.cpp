@@ -54,7 +54,7 @@ OperationLog::~OperationLog() { stop(); }
 
 void OperationLog::start(const std::filesystem::path& dataDir, std::size_t rows) {
   requireWritable(dataDir);
-  file_ = dataDir / "operation_log.db";
+  file_ = fileIn(dataDir);
   rows_ = rows;
   batch_.reserve(kBatchLimit);
   const MutexLock lock(mutex_);

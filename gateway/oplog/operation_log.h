@@ -36,6 +36,10 @@ class OperationLog {
   OperationLog(const OperationLog&) = delete;
   OperationLog& operator=(const OperationLog&) = delete;
 
+  static std::filesystem::path fileIn(const std::filesystem::path& dataDir) {
+    return dataDir / "operation_log.db";
+  }
+
   // Makes the directory and starts the writer; at most `rows` records are kept. Throws
   // std::runtime_error, naming the directory and the reason, when it cannot be made or written to.
   // Again only after stop().

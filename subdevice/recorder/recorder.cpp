@@ -83,8 +83,13 @@ std::string boundaryOf(std::string_view type) {
 class Relay : public std::enable_shared_from_this<Relay> {
  public:
   Relay(tcp::socket socket, Recorder& recorder)
-      : recorder_(recorder), client_(std::move(socket)), device_(recorder.io()) {}
-  ~Relay() { recorder_.connectionEnded(); }
+      : recorder_(recorder),
+        connections_(recorder.connections()),
+        client_(std::move(socket)),
+        device_(recorder.io()) {
+    ++*connections_;
+  }
+  ~Relay() { --*connections_; }
   Relay(const Relay&) = delete;
   Relay& operator=(const Relay&) = delete;
 
@@ -245,7 +250,8 @@ class Relay : public std::enable_shared_from_this<Relay> {
 
   http::request<http::string_body>& message() { return request_->get(); }
 
-  Recorder& recorder_;
+  Recorder& recorder_;  // may be gone when this one is destroyed
+  const std::shared_ptr<std::size_t> connections_;
   boost::beast::tcp_stream client_;
   boost::beast::tcp_stream device_;
   boost::beast::flat_buffer fromClient_, fromDevice_;
@@ -294,10 +300,8 @@ Recorder::Recorder(boost::asio::io_context& io, uint16_t port, const std::string
 void Recorder::accept() {
   acceptor_.async_accept([this](Error error, tcp::socket socket) {
     if (error == boost::asio::error::operation_aborted) return;
-    if (!error && connections_ < kConnections) {
-      ++connections_;
+    if (!error && *connections_ < kConnections)
       std::make_shared<Relay>(std::move(socket), *this)->readRequest();
-    }
     accept();
   });
 }

@@ -8,6 +8,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -15,7 +16,7 @@
 
 namespace subdevice {
 
-// One thread. Everything that runs in the context ends before it goes.
+// One thread. The context runs nothing any more when it goes.
 class Recorder {
  public:
   // What is kept; the rest is passed on all the same.
@@ -43,7 +44,7 @@ class Recorder {
   bool keep(RecordedExchange exchange, std::size_t& place);
   void addPart(std::size_t place, RecordedPart part);
   void endStream(std::size_t place, std::chrono::milliseconds at);
-  void connectionEnded() { --connections_; }
+  const std::shared_ptr<std::size_t>& connections() const { return connections_; }
 
  private:
   void accept();
@@ -58,7 +59,7 @@ class Recorder {
   Conversation conversation_;
   std::set<std::string> users_;
   std::size_t bytes_ = 0;
-  std::size_t connections_ = 0;
+  const std::shared_ptr<std::size_t> connections_ = std::make_shared<std::size_t>(0);
   bool changed_ = true;
   bool full_ = false;
 };

@@ -47,7 +47,8 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   EXPECT_EQ(tuple(c.kavro.mode, c.kavro.realm, c.kavro.algorithm),
             tuple(2, "My Realm", DigestAlgorithm::SHA256));
   EXPECT_EQ(tuple(c.lock.maxAttempts, c.lock.lockTime), tuple(7, seconds(60)));
-  EXPECT_EQ(c.storage, (StorageOptions{"/tmp/x", 10}));
+  EXPECT_EQ(c.storage, (StorageOptions{"/tmp/x", 10, "postgresql://u:p@h/d", 7}));
+  EXPECT_EQ(c.cluster.name, "one");
   EXPECT_EQ(tuple(c.pictures.maxBytes, c.pictures.maxCount, c.pictures.full),
             tuple(1048576, 3, PictureOptions::WhenFull::Refuse));
   EXPECT_EQ(tuple(c.bus.deviceConnections, c.bus.deviceQueue, c.bus.replyBytes), tuple(2, 0, 5000));
@@ -85,7 +86,9 @@ TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
   EXPECT_EQ(tuple(plain.http, plain.storage), tuple(HttpOptions(), StorageOptions()));
   EXPECT_EQ(tuple(plain.users.size(), plain.devices.size()), tuple(1U, 1U));
   // With the defaults said, it says the same.
-  const std::regex said("(^|\n)# ((?!trusted_proxies|nonce_key|password|ha1)[a-z_]+ = )");
+  const std::regex said(
+      "(^|\n)# ((?!include|trusted_proxies|nonce_key|operation_log =|password|ha1|certificate|key|"
+      "client_ca)[a-z_]+ = )");
   const Configuration full = read(std::regex_replace(example, said, "$1$2"));
   EXPECT_EQ(tuple(full.http, full.storage), tuple(HttpOptions(), StorageOptions()));
   const auto others = [](const Configuration& c) {

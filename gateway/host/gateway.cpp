@@ -1,9 +1,10 @@
 // See gateway.h.
-#include "gateway/main/gateway.h"
+#include "gateway/host/gateway.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <cerrno>
 #include <map>
 #include <stdexcept>
@@ -13,12 +14,15 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
+#include "gateway/host/engines.h"
+#include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
-#include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
+#include "include/version.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
@@ -34,6 +38,9 @@ constexpr std::size_t kWorkerQueue = 256;
 // what is left.
 constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
+
+// How often the log is told that a second may be over.
+constexpr std::chrono::milliseconds kHeldBackCheck{500};
 
 // What the operator can do about a port that cannot be listened on.
 std::string adviceFor(const std::error_code& error, const char* key) {
@@ -59,21 +66,25 @@ void listenOrAdvise(const char* key, Listen listen) try {
 
 }  // namespace
 
-Gateway::Gateway(Configuration configuration, const std::filesystem::path& module)
+Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
       module_(module),
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
+      archive_(operationArchive(*configuration_)),
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+            {module_.process, recogniseLogin}, HttpBounds{}, {pictures_.resource()},
+            configuration_->https),
       pulse_(reactors_),
+      heldBackLines_(reactors_.context(0)),
       health_(pulse_),
+      control_(clientLogin(), reloads_),
       admin_(observed()) {
   try {
     start();
@@ -92,20 +103,31 @@ void Gateway::start() {
   publishConfiguration(configuration_);
   OperationLog::instance().start(configuration_->storage.dataDir,
                                  configuration_->storage.operationLogRows);
+  archive_->start(OperationLog::fileIn(configuration_->storage.dataDir));
   bus_.start();
   alarms_.start();
   reactors_.start();
   pulse_.start();
+  boost::asio::post(heldBackLines_.get_executor(), [this] { writeHeldBackLines(); });
   admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
+  listenOrAdvise("https.port", [this] { http_.listenSecurely(); });
   // A gateway without its picture port would hand out dead URLs.
   listenOrAdvise("network.picture_port", [this] {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   });
   applyExtraPorts();
   health_.setStarted();
+  openControl();
   logInfo("{}", description());
+}
+
+// A gateway serves without it; only commands do not reach it.
+void Gateway::openControl() try {
+  control_.open(configuration_->storage.dataDir);
+} catch (const std::system_error& error) {
+  logWarn("commands do not reach this gateway: {}", error.what());
 }
 
 std::string Gateway::description() const {
@@ -117,11 +139,21 @@ std::chrono::milliseconds Gateway::silence() const {
   return std::max(pulse_.longestSilence(), timersOverdue());
 }
 
+// Until the reactors end.
+void Gateway::writeHeldBackLines() {
+  ClientLog::instance().writeHeldBack(std::chrono::steady_clock::now());
+  heldBackLines_.expires_after(kHeldBackCheck);
+  heldBackLines_.async_wait([this](const boost::system::error_code& error) {
+    if (!error) writeHeldBackLines();
+  });
+}
+
 // Every step is harmless for what has not been started.
 void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
   reloads_.close();
+  control_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -134,6 +166,7 @@ void Gateway::stop() {
   waiting_.stop();
   translations_.stop();
   OperationLog::instance().stop();
+  archive_->stop();
   reactors_.stop();
 }
 
@@ -156,11 +189,11 @@ void Gateway::reload(Configuration next) {
 
 // All of it or nothing.
 void Gateway::takeWhatMayFail(const Configuration& next) {
-  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  listenOrAdvise("its port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
   try {
     if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
   } catch (...) {
-    http_.setOptions(withinDescriptors(*configuration_));
+    http_.setOptions(withinDescriptors(*configuration_), configuration_->https);
     applyExtraPorts();
     throw;
   }
@@ -179,11 +212,13 @@ Observed Gateway::observed() {
           alarms_,
           pictures_,
           OperationLog::instance(),
+          *archive_,
           clientLogin(),
           {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
           health_,
+          enginesOf(*archive_),
           reloads_,
-          QN_VERSION};
+          QN_KAVRO_VERSION};
 }
 
 void Gateway::applyExtraPorts() {
