@@ -12,6 +12,7 @@ proxy_comparison.py --build build/release                       a translated rep
 proxy_comparison.py --path /KAVRO/Any/Thing --reply-bytes 600   one that is passed through
 proxy_comparison.py --connections 1 --pinned --peers lua go     on one core, beside peers
 proxy_comparison.py --connections 2000 --devices 200            many of both
+proxy_comparison.py --tls                                       over TLS, and handshakes
 """
 import argparse
 import json
@@ -20,6 +21,7 @@ import pathlib
 import resource
 import signal
 import socket
+import ssl
 import statistics
 import subprocess
 import sys
@@ -98,10 +100,19 @@ def upstream(device_port):
     keepalive_requests 1000000000; }}"""
 
 
-def proxy(folder, port, device_port, workers):
+def certificate(folder, kind):
+    new = {"ecdsa": ("ec", "ec_paramgen_curve:prime256v1"), "rsa": ("rsa", "rsa_keygen_bits:2048")}
+    subprocess.run(["openssl", "req", "-x509", "-newkey", new[kind][0], "-pkeyopt", new[kind][1],
+                    "-nodes", "-subj", "/CN=127.0.0.1", "-keyout", folder / "tls.key", "-out",
+                    folder / "tls.pem"], check=True, capture_output=True)
+
+
+def proxy(folder, port, device_port, workers, tls):
+    secure = f"""ssl_certificate {folder}/tls.pem; ssl_certificate_key {folder}/tls.key;
+    ssl_protocols TLSv1.2 TLSv1.3;""" if tls else ""
     return nginx(folder, "proxy", workers, f"""
   {upstream(device_port)}
-  server {{ listen 127.0.0.1:{port}; location / {{ proxy_pass http://device;
+  server {{ listen 127.0.0.1:{port} {"ssl" if tls else ""}; {secure} location / {{ proxy_pass http://device;
     proxy_max_temp_file_size 0; proxy_http_version 1.1; proxy_set_header Connection ""; }} }}""")
 
 
@@ -141,13 +152,17 @@ url = "http://127.0.0.1:{device_port}"
 """ for n in range(1, devices + 1))
 
 
-def gateway(folder, build, port, device_port, devices=1):
+def gateway(folder, build, port, device_port, tls, devices=1):
     conf = folder / "gateway.toml"
     conf.touch(0o600)
     conf.write_text(f"""
 [http]
-port = {port}
+port = {free_port() if tls else port}
 connections_per_address = 8192
+[https]
+port = {port if tls else 0}
+certificate = "{folder}/tls.pem"
+key = "{folder}/tls.key"
 [network]
 picture_port = {free_port()}
 [bus]
@@ -180,12 +195,13 @@ def resident_kib(pid):
     return 0
 
 
-def load(name, ports, pids, connections, args):
+def load(name, ports, pids, connections, args, options):
     before = cpu_seconds(pids[name])
     out = subprocess.run(
         [str(args.build / "bin/qn-load"), "--port", str(ports[name]), "--path", args.path,
          "--connections", str(connections), "--seconds", str(args.seconds),
-         "--password", PASSWORD, "--users", str(args.devices if args.devices > 1 else 0)],
+         "--password", PASSWORD, "--users", str(args.devices if args.devices > 1 else 0),
+         *(["--tls"] if args.tls else []), *options],
         check=True, capture_output=True, text=True).stdout
     result = json.loads(out)
     result["cpu_s_per_10k"] = (cpu_seconds(pids[name]) - before) * 10000 / result["requests"]
@@ -194,13 +210,13 @@ def load(name, ports, pids, connections, args):
     return result
 
 
-def compare(ports, pids, connections, args):
+def compare(ports, pids, connections, args, what, options=()):
     """Prints a table and returns the gateway's ratios to each of the others."""
     rows = {name: [] for name in pids}
     for _ in range(args.rounds):
         for name, row in rows.items():
-            row.append(load(name, ports, pids, connections, args))
-    print(f"\n{connections} connection(s), {args.rounds} rounds of {args.seconds} s in turn, medians")
+            row.append(load(name, ports, pids, connections, args, options))
+    print(f"\n{what}, {args.rounds} rounds of {args.seconds} s in turn, medians")
     print(f"{'':10}{'req/s':>10}{'p50 us':>10}{'p99 us':>10}{'CPU s/10k':>12}")
     for name, row in rows.items():
         value = {key: statistics.median(r[key] for r in row) for key in row[0]}
@@ -215,7 +231,7 @@ def compare(ports, pids, connections, args):
             middle = statistics.median(ratios)
             print(f"gateway / {other}, {label}: median {middle:.2f}"
                   f" (min {min(ratios):.2f}, max {max(ratios):.2f})")
-            results.append({"row": f"{args.row}, {connections} connection(s): {label} / {other}",
+            results.append({"row": f"{args.row}, {what}: {label} / {other}",
                             "ratio": middle, "low": min(ratios), "high": max(ratios),
                             "unit": "ratio"})
     return results
@@ -231,12 +247,13 @@ def check_alike(ports, names, path):
         raise SystemExit(f"the peers do not answer the same: {bodies}")
 
 
-def idle_memory(port, pid, count):
+def idle_memory(port, pid, count, tls):
     """Resident memory for each idle keep-alive connection that has made one request."""
     before = resident_kib(pid)
     sockets = []
     for _ in range(count):
         s = socket.create_connection(("127.0.0.1", port))
+        s = tls.wrap_socket(s) if tls else s
         s.sendall(b"GET /KAVRO/System/deviceInfo HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n")
         s.recv(65536)
         sockets.append(s)
@@ -257,6 +274,8 @@ def main():
     parser.add_argument("--devices", type=int, default=1, help="configured, each with a user")
     parser.add_argument("--peers", nargs="*", choices=PEERS, default=())
     parser.add_argument("--pinned", action="store_true", help="everything on one core")
+    parser.add_argument("--tls", action="store_true", help="nginx and the gateway; no peers")
+    parser.add_argument("--certificate", choices=("ecdsa", "rsa"), default="ecdsa")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=4)
     parser.add_argument("--workers", type=int, default=2, help="of nginx and Go")
@@ -265,30 +284,39 @@ def main():
     parser.add_argument("--json", type=pathlib.Path, help="file that the ratios are added to")
     args = parser.parse_args()
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+    trusting = ssl.create_default_context() if args.tls else None
+    if trusting:
+        trusting.check_hostname, trusting.verify_mode = False, ssl.CERT_NONE
     if args.pinned:
         os.sched_setaffinity(0, {0})
 
     ports = {name: free_port() for name in ("device", "nginx", "gateway", *args.peers)}
     with tempfile.TemporaryDirectory() as temporary:
         folder = pathlib.Path(temporary)
+        certificate(folder, args.certificate)
         stand_in = device(folder, ports["device"], reply_of(args.reply_kind, args.reply_bytes))
-        running = {"nginx": proxy(folder, ports["nginx"], ports["device"], args.workers),
+        running = {"nginx": proxy(folder, ports["nginx"], ports["device"], args.workers, args.tls),
                    "gateway": gateway(folder, args.build, ports["gateway"], ports["device"],
-                                      args.devices)}
+                                      args.tls, args.devices)}
         for name in args.peers:
             running[name] = PEERS[name](folder, ports[name], ports["device"], args.workers)
         try:
             for port in ports.values():
                 wait_for(port)
-            check_alike(ports, args.peers, args.path)
+            if args.peers:
+                check_alike(ports, args.peers, args.path)
             pids = {name: process.pid for name, process in running.items()}
             print(f"gateway resident after start: {resident_kib(pids['gateway'])} KiB,"
                   f" {len(os.listdir('/proc/%d/task' % pids['gateway']))} threads")
             results = [result for connections in args.connections
-                       for result in compare(ports, pids, connections, args)]
+                       for result in compare(ports, pids, connections, args,
+                                             f"{connections} connection(s)")]
+            for kind in ("full", "resumed") if args.tls else ():
+                results += compare(ports, pids, 1, args, f"{kind} handshakes",
+                                   ["--handshakes", kind])
             print(f"\ngateway resident after load: {resident_kib(pids['gateway'])} KiB")
             print(f"idle keep-alive connection: "
-                  f"{idle_memory(ports['gateway'], pids['gateway'], args.idle):.2f} KiB resident")
+                  f"{idle_memory(ports['gateway'], pids['gateway'], args.idle, trusting):.2f} KiB resident")
             if args.json:
                 before = json.loads(args.json.read_text()) if args.json.exists() else []
                 args.json.write_text(json.dumps(before + results, indent=1))

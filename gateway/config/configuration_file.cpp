@@ -193,8 +193,9 @@ class FileReader {
 
   void checkIncluded(const toml::table& document) {
     for (const auto& [name, node] : document) {
-      const std::string_view list = name.str();
-      if (list == "users" || list == "devices" || stoodForUnreadable(list)) continue;
+      bool known = stoodForUnreadable(name.str());
+      for (const std::string_view list : kListsInExample) known |= list == name.str();
+      if (known) continue;
       findings_.error(placeOf(name.source(), std::string(name.str())),
                       "an included file has [[users]] and [[devices]] only");
     }
@@ -276,22 +277,14 @@ class FileReader {
     to.identity.key = readPem(to.key, key, &SecretFile::readPrivate, kPrivateKeyBytes);
     if (to.identity.chain.empty() || to.identity.key.empty()) return;
     const TlsIdentityFault fault = faultOf(to.identity);
-    const auto path = [this](const std::string& name) {
-      return SecretFile(name, folder()).path().string();
-    };
-    if (!fault.inChain.empty()) {
-      findings_.error(certificate, path(to.certificate) + ": " + fault.inChain);
-    } else if (!fault.inKey.empty()) {
-      findings_.error(key, path(to.key) + ": " + fault.inKey);
-    } else {
-      to.expires = factsOf(to.identity).expires;
-      if (to.expires > std::chrono::system_clock::now()) return;
-      findings_.warning(certificate,
-                        path(to.certificate) + " has expired: no client will trust it");
-    }
+    if (!fault.inChain.empty()) return faultInFile(certificate, to.certificate, fault.inChain);
+    if (!fault.inKey.empty()) return faultInFile(key, to.key, fault.inKey);
+    to.expires = factsOf(to.identity).expires;
+    if (to.expires > std::chrono::system_clock::now()) return;
+    findings_.warning(certificate, "has expired: no client will trust " + to.certificate);
   }
 
-  // Empty, with an error at the place, when it cannot be had.
+  // Empty, with an error at the place unless the service manager has it, when it cannot be had.
   std::string readPem(const std::string& name, const Place& place,
                       std::string (SecretFile::*reading)(const Place&, Findings&, std::size_t)
                           const,
@@ -300,8 +293,16 @@ class FileReader {
       findings_.absence(place, "expected a file, because https.port is not 0");
       return {};
     }
-    const SecretFile file(name, folder());
-    return isElsewhere(file, place) ? "" : (file.*reading)(place, findings_, most);
+    const SecretFile source(name, fileOf(place).parent_path());
+    if (isElsewhere(source, place)) return {};
+    std::string content = (source.*reading)(place, findings_, most);
+    if (content.empty() && !findings_.hasErrorAt(place)) faultInFile(place, name, "is empty");
+    return content;
+  }
+
+  void faultInFile(const Place& place, const std::string& name, const std::string& what) {
+    const SecretFile source(name, fileOf(place).parent_path());
+    findings_.error(place, source.path().string() + ": " + what);
   }
 
   void readClientAuthorities() {
@@ -311,9 +312,7 @@ class FileReader {
     https.clientAuthorities = readPem(https.clientCa, place, &SecretFile::read, kCertificateBytes);
     if (https.clientAuthorities.empty()) return;
     const std::string fault = faultOfAuthorities(https.clientAuthorities);
-    if (!fault.empty()) {
-      findings_.error(place, SecretFile(https.clientCa, folder()).path().string() + ": " + fault);
-    }
+    if (!fault.empty()) faultInFile(place, https.clientCa, fault);
   }
 
   void readNonceKey() {
@@ -600,10 +599,11 @@ Configuration readConfiguration(const std::filesystem::path& file) {
 }
 
 Configuration readConfiguration(std::string_view content, const std::string& name) {
-  return examined(content, name, [](Configuration read, const Entries&, const Findings& findings) {
-    for (const std::string& line : findings.warnings()) logWarn("{}", line);
-    return read;
-  });
+  return examined(content, name, {},
+                  [](Configuration read, const Entries&, const Findings& findings) {
+                    for (const std::string& line : findings.warnings()) logWarn("{}", line);
+                    return read;
+                  });
 }
 
 Configuration parseConfiguration(std::string_view content, const std::string& name) {

@@ -43,23 +43,26 @@ constexpr std::chrono::seconds kAnswerTime{2};
 constexpr std::chrono::milliseconds kHeldBackCheck{500};
 
 // What the operator can do about a port that cannot be listened on.
-std::string adviceFor(const std::error_code& error, const char* key) {
-  const std::string change = std::string("change ") + key;
+std::string adviceFor(const std::error_code& error, std::string_view key) {
+  const std::string change = fmt::format("change {}", key);
+  const std::string address = key.starts_with("https.") ? "https.address" : "http.address";
   switch (error.value()) {
     case EADDRINUSE:
       return "; end the program that has it (ss -ltnp shows it), or " + change;
     case EADDRNOTAVAIL:
-      return "; http.address must be one of this host's (ip address shows them)";
+      return "; " + address + " must be one of this host's (ip address shows them)";
     case EACCES:
       return "; give the gateway CAP_NET_BIND_SERVICE, or " + change + " to one from 1024 on";
     default:
-      return "; " + change + " or http.address";
+      return "; " + change + " or " + address;
   }
 }
 
 template <class Listen>
-void listenOrAdvise(const char* key, Listen listen) try {
+void listenOrAdvise(std::string_view key, Listen listen) try {
   listen();
+} catch (const SecurePortError& error) {
+  throw std::runtime_error(error.what() + adviceFor(error.code(), "https.port"));
 } catch (const std::system_error& error) {
   throw std::runtime_error(error.what() + adviceFor(error.code(), key));
 }
@@ -82,7 +85,7 @@ Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module
             {module_.process, recogniseLogin}, HttpBounds{}, {pictures_.resource()},
             configuration_->https),
       pulse_(reactors_),
-      heldBackLines_(reactors_.context(0)),
+      reminders_(reactors_.context(0)),
       health_(pulse_),
       control_(clientLogin(), reloads_),
       admin_(observed()) {
@@ -108,7 +111,7 @@ void Gateway::start() {
   alarms_.start();
   reactors_.start();
   pulse_.start();
-  boost::asio::post(heldBackLines_.get_executor(), [this] { writeHeldBackLines(); });
+  boost::asio::post(reminders_.get_executor(), [this] { writeReminders(); });
   admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
@@ -131,8 +134,15 @@ void Gateway::openControl() try {
 }
 
 std::string Gateway::description() const {
-  return fmt::format("serving {} device(s) on {} port {}", configuration_->devices.size(),
-                     configuration_->http.address, http_.port());
+  const HttpOptions& http = configuration_->http;
+  const HttpsOptions& https = configuration_->https;
+  std::string where;
+  if (http.enabled) where = fmt::format("{} port {}", http.address, http_.port());
+  if (https.isOn()) {
+    where += fmt::format("{}{} port {} (HTTPS)", where.empty() ? "" : " and ", https.address,
+                         https.port);
+  }
+  return fmt::format("serving {} device(s) on {}", configuration_->devices.size(), where);
 }
 
 std::chrono::milliseconds Gateway::silence() const {
@@ -140,11 +150,13 @@ std::chrono::milliseconds Gateway::silence() const {
 }
 
 // Until the reactors end.
-void Gateway::writeHeldBackLines() {
-  ClientLog::instance().writeHeldBack(std::chrono::steady_clock::now());
-  heldBackLines_.expires_after(kHeldBackCheck);
-  heldBackLines_.async_wait([this](const boost::system::error_code& error) {
-    if (!error) writeHeldBackLines();
+void Gateway::writeReminders() {
+  const auto now = std::chrono::steady_clock::now();
+  ClientLog::instance().writeHeldBack(now);
+  expiry_.remind(*configuration(), now);
+  reminders_.expires_after(kHeldBackCheck);
+  reminders_.async_wait([this](const boost::system::error_code& error) {
+    if (!error) writeReminders();
   });
 }
 
@@ -189,7 +201,7 @@ void Gateway::reload(Configuration next) {
 
 // All of it or nothing.
 void Gateway::takeWhatMayFail(const Configuration& next) {
-  listenOrAdvise("its port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
   try {
     if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
   } catch (...) {

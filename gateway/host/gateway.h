@@ -17,6 +17,7 @@
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
 #include "gateway/host/data_folder.h"
+#include "gateway/host/expiry.h"
 #include "gateway/http/http_service.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
@@ -59,7 +60,7 @@ class Gateway {
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
   Observed observed();
-  void writeHeldBackLines();
+  void writeReminders();
 
   std::shared_ptr<const Configuration> configuration_;
   const GatewayParts::Module module_;
@@ -75,9 +76,10 @@ class Gateway {
   AlarmBus alarms_;
   HttpService http_;
   Pulse pulse_;
-  boost::asio::steady_timer heldBackLines_;
+  boost::asio::steady_timer reminders_;
   Health health_;
   Reloads reloads_;
+  ExpiryReminder expiry_;
   ControlSocket control_;
   AdminListener admin_;
 };

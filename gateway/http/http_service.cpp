@@ -33,7 +33,13 @@ HttpService::~HttpService() { close(); }
 
 void HttpService::listen() { mainPort_ = ports_->setMain(configured_); }
 
-void HttpService::listenSecurely() { securePorts_->setMain(secureConfigured_); }
+void HttpService::listenSecurely() { setSecurePort(secureConfigured_); }
+
+void HttpService::setSecurePort(const MainPort& wanted) try {
+  securePorts_->setMain(wanted);
+} catch (const std::system_error& error) {
+  throw SecurePortError(error);
+}
 
 void HttpService::stopAccepting() {
   core_->stopping = true;
@@ -59,7 +65,7 @@ void HttpService::setOptions(const HttpOptions& options, const HttpsOptions& htt
   const MainPort former = ports_->main();
   mainPort_ = ports_->setMain(plainPort(options, https));
   try {
-    securePorts_->setMain(securePort(https));
+    setSecurePort(securePort(https));
   } catch (...) {
     mainPort_ = ports_->setMain(former);
     throw;

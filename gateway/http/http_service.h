@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include "gateway/config/configuration.h"
@@ -16,6 +17,12 @@
 #include "gateway/net/worker_pool.h"
 
 namespace qn {
+
+// The port of HTTPS cannot be listened on.
+class SecurePortError : public std::system_error {
+ public:
+  explicit SecurePortError(const std::system_error& reason) : std::system_error(reason) {}
+};
 
 // Every operation may be called on any thread but a reactor's. Reactors and pools outlive the
 // service, and the reactors run until it is closed.
@@ -31,7 +38,7 @@ class HttpService {
   // Listens on the configured port of HTTP (0: a free one), if that is enabled. Throws
   // std::system_error with the reason.
   void listen();
-  // The same for HTTPS, if that is on.
+  // The same for HTTPS, if that is on; throws SecurePortError.
   void listenSecurely();
   uint16_t port() const { return mainPort_; }
   // Listens on a further port, which setExtraPorts() will name, now. Throws as listen() does.
@@ -66,6 +73,7 @@ class HttpService {
   void close();
 
  private:
+  void setSecurePort(const MainPort& wanted);
   void onEachConnection(void (OpenConnection::*action)());
 
   const std::shared_ptr<ServiceCore> core_;

@@ -268,9 +268,10 @@ ServiceLoad ServiceCore::load() const {
   const auto budget = [](const MemoryBudget& of) {
     return ServiceLoad::Budget{of.held(), of.most(), of.refusals()};
   };
-  return {places.taken(),        places.all(),    requestsInFlight(),
-          mostRequests_,         budget(bodies_), budget(strangersBodies_),
-          budget(unsentAnswers_)};
+  std::size_t shaking = 0;
+  for (const auto& each : handshakes) shaking += each->underWay();
+  return {places.taken(), places.all(),    requestsInFlight(),       mostRequests_,
+          shaking,        budget(bodies_), budget(strangersBodies_), budget(unsentAnswers_)};
 }
 
 bool ServiceCore::enterRequest() {

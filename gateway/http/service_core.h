@@ -88,6 +88,7 @@ struct ServiceLoad {
   std::size_t mostConnections;
   std::size_t requests;  // in flight
   std::size_t mostRequests;
+  std::size_t handshakes;  // of TLS, under way
   Budget bodies;
   Budget strangersBodies;
   Budget answers;

@@ -59,7 +59,8 @@ int seal(TicketKeys& keys, unsigned char* name, unsigned char* iv, EVP_CIPHER_CT
   return sealed ? kTicket : kFailed;
 }
 
-int open(TicketKeys& keys, const unsigned char* name, const unsigned char* iv,
+// A ticket of TLS 1.3 should be used once, so the client gets another.
+int open(SSL* ssl, TicketKeys& keys, const unsigned char* name, const unsigned char* iv,
          EVP_CIPHER_CTX* cipher, EVP_MAC_CTX* mac) {
   auto found = keys.find({name, std::tuple_size_v<decltype(TicketKeys::Key::name)>},
                          TicketKeys::Clock::now());
@@ -68,14 +69,14 @@ int open(TicketKeys& keys, const unsigned char* name, const unsigned char* iv,
       EVP_DecryptInit_ex2(cipher, ticketCipher(), found->key.cipher.data(), iv, nullptr) == 1 &&
       useDigest(mac, found->key);
   if (!opened) return kFailed;
-  return found->isCurrent ? kTicket : kTicketToRenew;
+  return found->isCurrent && SSL_version(ssl) < TLS1_3_VERSION ? kTicket : kTicketToRenew;
 }
 
 int onTicket(SSL* ssl, unsigned char* name, unsigned char* iv, EVP_CIPHER_CTX* cipher,
              EVP_MAC_CTX* mac, int sealing) try {
   const void* const held = SSL_CTX_get_ex_data(SSL_get_SSL_CTX(ssl), contextSlot());
   TicketKeys& keys = **static_cast<const std::shared_ptr<TicketKeys>*>(held);
-  return sealing != 0 ? seal(keys, name, iv, cipher, mac) : open(keys, name, iv, cipher, mac);
+  return sealing != 0 ? seal(keys, name, iv, cipher, mac) : open(ssl, keys, name, iv, cipher, mac);
 } catch (const std::bad_alloc&) {
   return kFailed;
 }

@@ -10,6 +10,7 @@
 #include <boost/asio/write.hpp>
 #include <functional>
 
+#include "gateway/tls/ticket_keys.h"
 #include "tests/contract/certificates.h"
 
 namespace qn {
@@ -227,6 +228,24 @@ TEST_F(TlsStreamTest, WhatIsNoTlsOrEndsEarlyIsRefusedWithoutMemory) {
     EXPECT_EQ(accept(), fault) << sent;
     EXPECT_EQ(server_->ssl(), nullptr);
   }
+}
+
+TEST(TicketKeys, OneMakesTicketsForAnIntervalAndOpensThemForOneMore) {
+  using Clock = TicketKeys::Clock;
+  const Clock::time_point start = Clock::now();
+  TicketKeys keys;
+  const auto name = keys.current(start).name;
+  const auto known = [&](double intervals) -> std::string {
+    const auto after = std::chrono::duration<double>(TicketKeys::kInterval) * intervals;
+    const auto found = keys.find(name, start + std::chrono::duration_cast<Clock::duration>(after));
+    return !found ? "no" : found->isCurrent ? "current" : "former";
+  };
+  EXPECT_EQ(known(0.99), "current");
+  EXPECT_EQ(known(1.01), "former");
+  EXPECT_EQ(known(1.99), "former");
+  EXPECT_EQ(known(2.02), "no");
+  const auto later = keys.current(start + 10 * TicketKeys::kInterval).name;
+  EXPECT_FALSE(keys.find(later, start + 13 * TicketKeys::kInterval)) << "nobody came for long";
 }
 
 }  // namespace

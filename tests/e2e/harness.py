@@ -148,7 +148,10 @@ class Subdevices(Process):
 
 
 def configuration_text(sections, users, devices, include=()):
-    tables = [(f"[{name}]", values) for name, values in sections.items()]
+    tables = [(f"[{name}]", values) for name, values in sections.items()
+              if not isinstance(values, list)]
+    tables += [(f"[[{name}]]", table) for name, values in sections.items()
+               if isinstance(values, list) for table in values]
     tables += [("[[users]]", table) for table in users] + [("[[devices]]", table) for table in devices]
     # JSON's notation serves for TOML's strings, numbers and lists.
     top = f"include = {json.dumps(include)}\n" if include else ""
@@ -190,7 +193,10 @@ class Gateway(Process):
         self.sections = {"http": {"port": self.port}, "network": {"picture_port": picture_port},
                          "storage": {"data_dir": str(self.folder / "data")}}
         for name, values in (sections or {}).items():
-            self.sections.setdefault(name, {}).update(values)
+            if isinstance(values, list):
+                self.sections[name] = values
+            else:
+                self.sections.setdefault(name, {}).update(values)
         self.include = include
         for name in include:
             (self.folder / name).touch()
