@@ -149,7 +149,7 @@ class Days(unittest.TestCase):
 
     def test_a_day_is_played_again_and_again(self):
         self.file.write_text("# a day\n\n23:00 2 alarm motion --count 3\n"
-                             "00:01:30 1-2 alarm IO --count 2\n12:00 1,2 reboot --seconds 1\n")
+                             "00:01:30 1-2 alarm IO --count 2\n12:00 1 reboot --seconds 1\n")
         devices = harness.Subdevices(2, "--day", self.file, "--day-speed", 86400)  # in a second
         self.addCleanup(devices.stop)
 
