@@ -193,9 +193,8 @@ class FileReader {
 
   void checkIncluded(const toml::table& document) {
     for (const auto& [name, node] : document) {
-      bool known = stoodForUnreadable(name.str());
-      for (const std::string_view list : kListsInExample) known |= list == name.str();
-      if (known) continue;
+      const std::string_view list = name.str();
+      if (list == "users" || list == "devices" || stoodForUnreadable(list)) continue;
       findings_.error(placeOf(name.source(), std::string(name.str())),
                       "an included file has [[users]] and [[devices]] only");
     }
@@ -348,9 +347,6 @@ class FileReader {
     return true;
   }
 
-  std::filesystem::path folder() const {
-    return std::filesystem::path(findings_.file()).parent_path();
-  }
   std::filesystem::path fileOf(const Place& place) const {
     return place.file ? *place.file : findings_.file();
   }

@@ -507,8 +507,7 @@ void forEachSection(Visit visit) {
   visit("log", "what goes to standard error", kLogKeys, &Configuration::log);
 }
 
-// The lists that the example has an entry of, and that included files may have. What the example
-// shows of others is commented out.
+// The lists that the example has an entry of; what it shows of others is commented out.
 inline constexpr std::string_view kListsInExample[] = {"users", "devices"};
 
 // The same, without a member, for those that stand once for each user and device.
