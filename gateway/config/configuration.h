@@ -71,7 +71,8 @@ struct StorageOptions {
 
 // What makes one gateway of several.
 struct ClusterOptions {
-  std::string name;  // this gateway's; none: that of the host
+  std::string name;   // this gateway's; none: that of the host
+  std::string redis;  // what gateways share live state through; none: this one is by itself
 };
 
 // What the picture store keeps.

@@ -68,6 +68,7 @@ class FileReader {
   Configuration read() {
     for (const auto& [name, node] : root_) readTopLevel(name, node);
     readNonceKey();
+    checkCluster();
     // After the sections, because HA1s depend on the realm.
     claimPort("http", "port", result_.http.port);
     claimPort("network", "picture_port", result_.network.picturePort);
@@ -146,6 +147,13 @@ class FileReader {
     if (!admin.password.empty() || isLoopback(admin.address)) return;
     findings_.error(placeIn("admin", "address"),
                     "expected a loopback address, or a password in this section");
+  }
+
+  // By the key gateways know each other's nonces.
+  void checkCluster() {
+    if (result_.cluster.redis.empty() || !result_.kavro.nonceKeyFile.empty()) return;
+    findings_.error(placeIn("cluster", "redis"),
+                    "expected kavro.nonce_key_file beside it, the same on all gateways");
   }
 
   void readNonceKey() {

@@ -193,6 +193,15 @@ inline constexpr Key<ClusterOptions> kClusterKeys[] = {
      &kGatewayNameRule,
      "of this gateway, different from all others'",
      {.restart = true, .otherwise = "the host's name", .example = "\"gateway-1\""}},
+    {"redis",
+     &ClusterOptions::redis,
+     {},
+     &kRedisRule,
+     "the Redis server through which gateways share locks and nonces; needs kavro.nonce_key_file",
+     {.secret = true,
+      .restart = true,
+      .otherwise = "this gateway is by itself",
+      .example = "\"redis://:password@redis.example:6379/0\""}},
 };
 
 inline constexpr Key<PictureOptions> kPictureKeys[] = {

@@ -35,6 +35,7 @@ extern const TextRule kTokenRule;
 extern const TextRule kWhenFullRule;
 extern const TextRule kPostgresRule;
 extern const TextRule kGatewayNameRule;
+extern const TextRule kRedisRule;
 
 // Whether only this machine reaches the address.
 bool isLoopback(std::string_view address);

@@ -7,6 +7,9 @@
 #include <string>
 
 #include "gateway/archive/postgres_archive.h"
+#include "gateway/cluster/shared_logins.h"
+#include "gateway/config/redis_url.h"
+#include "gateway/redis/redis_client.h"
 
 namespace qn {
 namespace {
@@ -18,7 +21,43 @@ std::string nameOf(const Configuration& configuration) {
   return host.data();
 }
 
+class ByItself final : public Cluster {
+ public:
+  void start() override {}
+  void stop() override {}
+  AwaitFunction await() const override { return nullptr; }
+  const EngineState* engine() const override { return nullptr; }
+};
+
+// Gateways of different databases of one server have nothing to do with each other; channels,
+// unlike keys, are the server's.
+std::string prefixOf(const RedisAddress& address) {
+  return "qn:" + std::to_string(address.database) + ':';
+}
+
+class WithOthers final : public Cluster {
+ public:
+  WithOthers(const RedisAddress& address, Login& login, std::string_view key)
+      : redis_(address, "locks are this gateway's own, and nonces of others are stale"),
+        logins_(redis_, login, prefixOf(address), key) {}
+
+  void start() override { redis_.start(); }
+  void stop() override { redis_.stop(); }
+  AwaitFunction await() const override { return awaitNonce; }
+  const EngineState* engine() const override { return &redis_.engine(); }
+
+ private:
+  RedisClient redis_;
+  SharedLogins logins_;
+};
+
 }  // namespace
+
+std::unique_ptr<Cluster> clusterOf(const Configuration& configuration, Login& login) {
+  const auto address = parseRedisUrl(configuration.cluster.redis);
+  if (!address) return std::make_unique<ByItself>();
+  return std::make_unique<WithOthers>(*address, login, configuration.kavro.nonceKey);
+}
 
 std::unique_ptr<OperationArchive> operationArchive(const Configuration& configuration) {
   const StorageOptions& storage = configuration.storage;
@@ -27,9 +66,10 @@ std::unique_ptr<OperationArchive> operationArchive(const Configuration& configur
       ArchiveOptions{storage.operationLog, nameOf(configuration), storage.operationLogDays});
 }
 
-std::vector<const EngineState*> enginesOf(const OperationArchive& archive) {
+std::vector<const EngineState*> enginesOf(const OperationArchive& archive, const Cluster& cluster) {
   std::vector<const EngineState*> engines;
   if (archive.engine()) engines.push_back(archive.engine());
+  if (cluster.engine()) engines.push_back(cluster.engine());
   return engines;
 }
 

@@ -17,7 +17,6 @@
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
 #include "gateway/main/descriptors.h"
-#include "gateway/main/engines.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
 #include "platform/config_mgr.h"
@@ -67,13 +66,15 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
       archive_(operationArchive(*configuration_)),
+      cluster_(clusterOf(*configuration_, clientLogin())),
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
       bus_(reactors_, translations_, devices_),
       alarms_(reactors_, translations_, devices_),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin}, HttpBounds{}, {pictures_.resource()}),
+            {module_.process(), recogniseLogin, cluster_->await()}, HttpBounds{},
+            {pictures_.resource()}),
       pulse_(reactors_),
       health_(pulse_),
       admin_(observed()) {
@@ -95,6 +96,7 @@ void Gateway::start() {
   OperationLog::instance().start(configuration_->storage.dataDir,
                                  configuration_->storage.operationLogRows);
   archive_->start(OperationLog::fileIn(configuration_->storage.dataDir));
+  cluster_->start();
   bus_.start();
   alarms_.start();
   reactors_.start();
@@ -138,6 +140,7 @@ void Gateway::stop() {
   translations_.stop();
   OperationLog::instance().stop();
   archive_->stop();
+  cluster_->stop();
   reactors_.stop();
 }
 
@@ -187,7 +190,7 @@ Observed Gateway::observed() {
           clientLogin(),
           {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
           health_,
-          enginesOf(*archive_),
+          enginesOf(*archive_, *cluster_),
           reloads_,
           QN_VERSION};
 }

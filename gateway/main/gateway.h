@@ -17,6 +17,7 @@
 #include "gateway/devices/device.h"
 #include "gateway/http/http_service.h"
 #include "gateway/main/data_folder.h"
+#include "gateway/main/engines.h"
 #include "gateway/main/protocol_module.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
@@ -62,6 +63,7 @@ class Gateway {
   DataFolder folder_;
   PictureResource pictures_;
   const std::unique_ptr<OperationArchive> archive_;
+  const std::unique_ptr<Cluster> cluster_;
   WorkerPool files_;         // the HTTP service's requests that wait for the disk
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
