@@ -32,7 +32,14 @@ constexpr char kRaise[] =
     "  redis.call('PEXPIRE', KEYS[1], ARGV[2]) end "
     "redis.call('PUBLISH', ARGV[1], 'failed ' .. ARGV[3] .. ' ' .. redis.call('PTTL', KEYS[1]) .. "
     "' ' .. table.concat(redis.call('HGETALL', KEYS[1]), ' '))";
+// A lock that this gateway had not heard of stays, and it hears of it now.
 constexpr char kForget[] =
+    "local all = 0 "
+    "for _, count in ipairs(redis.call('HVALS', KEYS[1])) do all = all + tonumber(count) end "
+    "if all >= tonumber(ARGV[4]) then "
+    "  redis.call('PUBLISH', ARGV[2], 'failed ' .. ARGV[3] .. ' ' .. redis.call('PTTL', KEYS[1]) "
+    "    .. ' ' .. table.concat(redis.call('HGETALL', KEYS[1]), ' ')) "
+    "  return end "
     "redis.call('HDEL', KEYS[1], ARGV[1]) "
     "redis.call('PUBLISH', ARGV[2], 'forgotten ' .. ARGV[3] .. ' ' .. ARGV[1])";
 constexpr char kUnlock[] =
@@ -121,9 +128,9 @@ void SharedLogins::failed(ClientNetwork network, uint32_t name, std::chrono::sec
                hexOf(network.number())});
 }
 
-void SharedLogins::forgotten(ClientNetwork network, uint32_t name) {
+void SharedLogins::forgotten(ClientNetwork network, uint32_t name, const LockOptions& options) {
   redis_.send({"EVAL", kForget, "1", keyOf(network), std::to_string(name), channel_,
-               hexOf(network.number())});
+               hexOf(network.number()), std::to_string(options.maxAttempts)});
 }
 
 void SharedLogins::unlocked(ClientNetwork network) {

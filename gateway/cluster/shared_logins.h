@@ -30,7 +30,7 @@ class SharedLogins final : public LoginPeers {
   SharedLogins(RedisClient& redis, Login& login, std::string prefix, std::string_view nameKey);
 
   void failed(ClientNetwork network, uint32_t name, std::chrono::seconds lockTime) override;
-  void forgotten(ClientNetwork network, uint32_t name) override;
+  void forgotten(ClientNetwork network, uint32_t name, const LockOptions& options) override;
   void unlocked(ClientNetwork network) override;
   void fetch(uint32_t maker, std::string_view nonce, std::string_view user,
              std::function<void()> done) override;

@@ -161,7 +161,7 @@ DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, At
     return DIGEST_NO_CREDENTIALS;
   }
   if (lockout_.forget(client, attempt.name, config.lock, attempt.now)) {
-    peers_->forgotten(client, lockout_.hash(attempt.name));
+    peers_->forgotten(client, lockout_.hash(attempt.name), config.lock);
   }
   if (attempt.count == 1) {  // the first one with its nonce
     logClient(LogLevel::Info, address, "login of \"{}\" from {}", attempt.name, address);

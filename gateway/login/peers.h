@@ -18,7 +18,8 @@ class LoginPeers {
 
   // Names are hashes, as Lockout::hash makes them.
   virtual void failed(ClientNetwork network, uint32_t name, std::chrono::seconds lockTime) = 0;
-  virtual void forgotten(ClientNetwork network, uint32_t name) = 0;
+  // Unless others have locked the network meanwhile.
+  virtual void forgotten(ClientNetwork network, uint32_t name, const LockOptions& options) = 0;
   virtual void unlocked(ClientNetwork network) = 0;
 
   // Asks for a nonce that another gateway has made. `done` is called once, on any thread, when it
@@ -32,7 +33,7 @@ class LoginPeers {
 class NoPeers final : public LoginPeers {
  public:
   void failed(ClientNetwork, uint32_t, std::chrono::seconds) override {}
-  void forgotten(ClientNetwork, uint32_t) override {}
+  void forgotten(ClientNetwork, uint32_t, const LockOptions&) override {}
   void unlocked(ClientNetwork) override {}
   void fetch(uint32_t, std::string_view, std::string_view, std::function<void()> done) override {
     done();

@@ -74,6 +74,10 @@ void RedisClient::linkReady() {
   for (const auto& [channel, message] : listeners_) {
     channels_->send(redisCommand({"SUBSCRIBE", channel}));
   }
+  channels_->send(redisCommand({"PING"}));  // answered when it listens
+}
+
+void RedisClient::listening() {
   connected_ = true;
   engine_.up();
   ping();
@@ -152,10 +156,10 @@ void RedisClient::takeReply(const redisReply& reply) {
 }
 
 void RedisClient::takePush(const redisReply& reply) {
-  if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 3 ||
-      textOf(*reply.element[0]) != "message") {
-    return;
-  }
+  const bool isList = reply.type == REDIS_REPLY_ARRAY && reply.elements >= 2;
+  const std::string_view kind = textOf(isList ? *reply.element[0] : reply);
+  if (!connected_ && (kind == "pong" || kind == "PONG")) return listening();
+  if (kind != "message" || reply.elements != 3) return;
   const auto listener = listeners_.find(textOf(*reply.element[1]));
   if (listener == listeners_.end()) return;
   const Message message = listener->second;  // it may be taken away meanwhile

@@ -77,6 +77,7 @@ class RedisClient {
  private:
   void connect();
   void linkReady();
+  void listening();
   void linkLost(const std::string& reason);
   void takeReply(const redisReply& reply);
   void takePush(const redisReply& reply);
