@@ -29,6 +29,9 @@ class SharedLogins final : public LoginPeers {
   // Keys and channels begin with `prefix`. `nameKey`: the same secret on all gateways.
   SharedLogins(RedisClient& redis, Login& login, std::string prefix, std::string_view nameKey);
 
+  // This process's number, as its nonces carry it.
+  const std::string& self() const { return self_; }
+
   void failed(ClientNetwork network, uint32_t name, std::chrono::seconds lockTime) override;
   void forgotten(ClientNetwork network, uint32_t name, const LockOptions& options) override;
   void unlocked(ClientNetwork network) override;
@@ -54,7 +57,7 @@ class SharedLogins final : public LoginPeers {
   Login& login_;
   const std::string prefix_;
   const std::string channel_;  // of all
-  const std::string self_;     // this gateway's number, as its nonces carry it
+  const std::string self_;
 
   // The client's thread's own:
   struct Fetch {

@@ -197,11 +197,17 @@ inline constexpr Key<ClusterOptions> kClusterKeys[] = {
      &ClusterOptions::redis,
      {},
      &kRedisRule,
-     "the Redis server through which gateways share locks and nonces; needs kavro.nonce_key_file",
+     "the Redis server through which gateways share logins and alarms; needs kavro.nonce_key_file",
      {.secret = true,
       .restart = true,
       .otherwise = "this gateway is by itself",
       .example = "\"redis://:password@redis.example:6379/0\""}},
+    {"lease_seconds",
+     &ClusterOptions::leaseTime,
+     {1, 60},
+     {},
+     "how long a gateway that is gone keeps the alarms of its devices from the others",
+     {.restart = true, .unit = "seconds"}},
 };
 
 inline constexpr Key<PictureOptions> kPictureKeys[] = {

@@ -252,8 +252,9 @@ std::vector<Lockout::Lock> Login::locks(std::size_t most) {
 
 bool Login::unlock(std::string_view address) {
   const ClientNetwork network(address);
+  const bool wasLocked = lockout_.unlock(network, users_()->lock, clock_());
   peers_->unlocked(network);
-  return lockout_.unlock(network, users_()->lock, clock_());
+  return wasLocked;
 }
 
 bool Login::awaitNonce(std::string_view method, std::string_view authorization,

@@ -55,7 +55,7 @@ bool CountWindow::take(uint32_t count) {
 CountWindow::Bytes CountWindow::bytes() const {
   Bytes bytes;
   for (std::size_t i = 0; i < 4; ++i) bytes[i] = uint8_t(highest_ >> (24 - 8 * i));
-  for (std::size_t i = 4; i < kBytes; ++i)
+  for (std::size_t i = 4; i < kStateBytes; ++i)
     bytes[i] = uint8_t(used_[(i - 4) / 8] >> (i - 4) % 8 * 8);
   return bytes;
 }
@@ -63,7 +63,7 @@ CountWindow::Bytes CountWindow::bytes() const {
 void CountWindow::setBytes(const Bytes& bytes) {
   *this = CountWindow();
   for (std::size_t i = 0; i < 4; ++i) highest_ = highest_ << 8 | bytes[i];
-  for (std::size_t i = 4; i < kBytes; ++i) {
+  for (std::size_t i = 4; i < kStateBytes; ++i) {
     used_[(i - 4) / 8] |= uint64_t(bytes[i]) << (i - 4) % 8 * 8;
   }
 }

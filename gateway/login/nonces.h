@@ -26,8 +26,8 @@ class CountWindow {
   // False when the count was used before, or is too far behind the highest.
   bool take(uint32_t count);
   // The window as bytes, for another gateway, and back; false for what is none.
-  static constexpr std::size_t kBytes = 4 + kCounts / 8;
-  using Bytes = std::array<uint8_t, kBytes>;
+  static constexpr std::size_t kStateBytes = 4 + kCounts / 8;
+  using Bytes = std::array<uint8_t, kStateBytes>;
   Bytes bytes() const;
   void setBytes(const Bytes& bytes);
   bool isFree(uint32_t count) const {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "gateway/alarmbus/device_feed.h"
 #include "gateway/archive/operation_archive.h"
 #include "gateway/config/configuration.h"
 #include "gateway/engine/engine_state.h"
@@ -22,6 +23,9 @@ class Cluster {
   virtual void stop() = 0;
   // Has requests wait for their nonces; null where none has to.
   virtual AwaitFunction await() const = 0;
+  // Where alarms come from: from `devices`, or from whichever gateway has the device's. Once,
+  // before the start; `devices` outlives the cluster's stop.
+  virtual FeedOpener& feeds(FeedOpener& devices) = 0;
   // Null where there is none.
   virtual const EngineState* engine() const = 0;
 };

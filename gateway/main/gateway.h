@@ -70,6 +70,7 @@ class Gateway {
   Reactors reactors_;
   DeviceDirectory devices_;
   DeviceBus bus_;
+  DeviceFeeds feeds_;
   AlarmBus alarms_;
   HttpService http_;
   Pulse pulse_;

@@ -86,7 +86,7 @@ void RedisClient::listening() {
 
 // Both go with one of them, so that nobody works with half of it.
 void RedisClient::linkLost(const std::string& reason) {
-  connected_ = false;
+  const bool worked = connected_.exchange(false);
   commands_->stop();
   channels_->stop();
   engine_.down(reason);
@@ -94,6 +94,9 @@ void RedisClient::linkLost(const std::string& reason) {
     --waitingCommands_;
     waitingBytes_ -= each.bytes;
     if (each.done) each.done(nullptr);
+  }
+  if (worked) {
+    for (const auto& routine : lostRoutines_) routine();
   }
   retry();
 }

@@ -56,6 +56,8 @@ class RedisClient {
   void onConnected(std::function<void()> routine) {
     connectedRoutines_.push_back(std::move(routine));
   }
+  // Called when they stop working; set before the start.
+  void onLost(std::function<void()> routine) { lostRoutines_.push_back(std::move(routine)); }
   void start();
   // Nothing is called afterwards. Harmless when repeated; by the thread that started it.
   void stop();
@@ -67,6 +69,7 @@ class RedisClient {
   void listen(const std::string& channel, Message message);
   void ignore(const std::string& channel);
 
+  bool isConnected() const { return connected_; }
   // Any thread: runs it on the client's own.
   void post(std::function<void()> routine);
   boost::asio::io_context& context() { return reactor_.context(0); }
@@ -91,6 +94,7 @@ class RedisClient {
   std::atomic<std::size_t> waitingCommands_{0};
   std::atomic<std::size_t> waitingBytes_{0};
   std::vector<std::function<void()>> connectedRoutines_;  // constant after the start
+  std::vector<std::function<void()>> lostRoutines_;       // the same
 
   Reactors reactor_;
   // The thread's own:
