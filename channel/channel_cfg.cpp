@@ -17,9 +17,9 @@ namespace {
 
 using namespace QNHttpService;
 
-constexpr std::string_view kChannel = "/KAVRO/Streaming/channels/%d";
-constexpr std::string_view kShortChannel = "/Streaming/channels/%d";
-constexpr std::string_view kCapabilities = "/KAVRO/Streaming/channels/%d/capabilities";
+constexpr UrlPattern kChannel = "/KAVRO/Streaming/channels/%d";
+constexpr UrlPattern kShortChannel = "/Streaming/channels/%d";
+constexpr UrlPattern kCapabilities = "/KAVRO/Streaming/channels/%d/capabilities";
 
 // The device's capabilities reach the client as the device wrote them.
 int passOn(std::string&, const DeviceReply&) { return 0; }

@@ -21,9 +21,9 @@ Json::Value objectOf(Rows rows, bool answer) {
   object["type"] = "object";
   for (const Row& row : rows) {
     if (!isIn(row, answer)) continue;
-    object["properties"][row.xml] = schemaOf(row, answer);
+    object["properties"][row.xml.data()] = schemaOf(row, answer);
     if (answer ? isAlwaysWritten(row) : row.read == ReadRule::Required) {
-      object["required"].append(row.xml);
+      object["required"].append(row.xml.data());
     }
   }
   return object;
@@ -57,7 +57,7 @@ Json::Value schemaOf(const Row& row, bool answer) {
   const Row& entry = *row.rows.begin();
   const bool single = row.rows.begin() + 1 == row.rows.end();
   list["items"] = single ? schemaOf(entry, answer) : objectOf(row.rows, answer);
-  if (single) list["items"]["xml"]["name"] = entry.xml;
+  if (single) list["items"]["xml"]["name"] = entry.xml.data();
   list["xml"]["wrapped"] = true;
   return list;
 }
@@ -69,7 +69,7 @@ Json::Value xmlContent(const Row* root, bool answer) {
     schema["type"] = "object";
   } else {
     schema = schemaOf(*root, answer);
-    schema["xml"]["name"] = root->xml;
+    schema["xml"]["name"] = root->xml.data();
   }
   return content;
 }

@@ -89,13 +89,13 @@ std::string notesOf(const Row& row, bool answer) {
   if (!answer && row.kind == Kind::Boolean) {
     add(row.falseOnlyForFalse ? "true unless `false`" : "true only for `true`");
   }
-  if (std::string_view(row.xml) != row.json) add("the device's `" + std::string(row.json) + "`");
+  if (row.xml != row.json) add("the device's `" + std::string(row.json) + "`");
   return notes;
 }
 
 void addRow(std::string& page, const Row& row, bool answer, const std::string& path) {
   if (answer ? !row.write.written : row.read == ReadRule::Never) return;
-  const std::string name = path + row.xml;
+  const std::string name = path + std::string(row.xml);
   page += "| `" + name + "` | " + kindOf(row) + " | " + (answer ? presenceOf(row) : needOf(row)) +
           " | " + notesOf(row, answer) + " |\n";
   for (const Row& each : row.rows) addRow(page, each, answer, name + "/");

@@ -63,7 +63,7 @@ bool isAlwaysThere(const Row& row) {
 class Schema {
  public:
   void addRoot(const Row& row) {
-    if (roots_.insert(row.xml).second) addElement(row, "", 1);
+    if (roots_.emplace(row.xml).second) addElement(row, "", 1);
   }
   std::string text() const { return kHead + text_ + "</xs:schema>\n"; }
 
@@ -97,7 +97,7 @@ class Schema {
     line(depth + 1, "<" + group + (repeats ? R"( minOccurs="0" maxOccurs="unbounded">)" : ">"));
     std::set<std::string_view> names;
     for (const Row& each : row.rows) {
-      if (!names.insert(each.xml).second) continue;  // once for each direction
+      if (!names.emplace(each.xml).second) continue;  // once for each direction
       addElement(each, isAlwaysThere(each) ? "" : R"( minOccurs="0")", depth + 2);
     }
     line(depth + 1, "</" + group + ">");

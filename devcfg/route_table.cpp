@@ -8,24 +8,9 @@
 namespace QNKAVROProtocol {
 namespace {
 
-std::size_t countNumbers(std::string_view pattern) {
-  std::size_t count = 0;
-  for (auto at = pattern.find("%d"); at != std::string_view::npos;
-       at = pattern.find("%d", at + 2)) {
-    ++count;
-  }
-  return count;
-}
-
-bool matches(const Route& route, const std::string& url) {
-  const int numbers = static_cast<int>(countNumbers(route.pattern));
-  return numbers == 0 ? QNBase::CRESTfulProtocol::cmpURL(url, route.pattern)
-                      : QNBase::CRESTfulProtocol::cmpURLWithInt(url, route.pattern, numbers);
-}
-
 const Route* find(std::span<const Route> routes, const std::string& url) {
   const auto route =
-      std::ranges::find_if(routes, [&](const Route& each) { return matches(each, url); });
+      std::ranges::find_if(routes, [&](const Route& each) { return each.pattern.matches(url); });
   return route == routes.end() ? nullptr : &*route;
 }
 
@@ -35,6 +20,14 @@ std::string_view bodyOf(const stHttpRes& request) {
 }
 
 }  // namespace
+
+// Most URLs are of other resources, and differ before the first number.
+bool UrlPattern::matches(std::string_view url) const {
+  if (!url.starts_with(start_)) return false;
+  return numbers_ == 0
+             ? QNBase::CRESTfulProtocol::cmpURL(url, path_)
+             : QNBase::CRESTfulProtocol::cmpURLWithInt(url, path_, static_cast<int>(numbers_));
+}
 
 int RoutedCfg::checkUrlAndMethod(const std::string& url, unsigned int method) {
   const Route* route = find(routes_, url);
@@ -66,9 +59,10 @@ int RoutedCfg::convertReply(std::string& body, const DeviceReply& reply) const {
   return route->reply(body, reply);
 }
 
-std::string devicePath(std::string_view url, std::string_view pattern) {
+std::string devicePath(std::string_view url, UrlPattern of) {
   int numbers[2] = {};
-  const std::span found(numbers, countNumbers(pattern));
+  const std::span found(numbers, of.numbers());
+  std::string_view pattern = of;
   readUrlNumbers(url, pattern, found);
   std::string path;
   for (const int number : found) {

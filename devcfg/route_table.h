@@ -57,8 +57,30 @@ class Methods {
   unsigned int bits_ = 0;
 };
 
+// The client's URL of a resource: a path in which each "%d" stands for a number.
+class UrlPattern {
+ public:
+  consteval UrlPattern(const char* path)
+      : path_(path), start_(path_.substr(0, path_.find("%d"))), numbers_(countNumbers(path_)) {}
+  constexpr operator std::string_view() const { return path_; }
+  // How many it has.
+  constexpr std::size_t numbers() const { return numbers_; }
+  bool matches(std::string_view url) const;
+
+ private:
+  static constexpr std::size_t countNumbers(std::string_view path) {
+    std::size_t count = 0;
+    for (auto at = path.find("%d"); at != path.npos; at = path.find("%d", at + 2)) ++count;
+    return count;
+  }
+
+  std::string_view path_;
+  std::string_view start_;  // before the first number
+  std::size_t numbers_;
+};
+
 struct Route {
-  std::string_view pattern;  // of the client's URL; each "%d" stands for a number
+  UrlPattern pattern;
   Methods methods;
   RequestConverter request;
   ReplyConverter reply;
@@ -91,7 +113,7 @@ class RoutedCfg : public CDevCfgBase {
 
 // The device's path of a resource that it has under the client's URL, which matched `pattern`: the
 // same, with at most two numbers in plain decimal form.
-std::string devicePath(std::string_view url, std::string_view pattern);
+std::string devicePath(std::string_view url, UrlPattern pattern);
 
 // The number of a URL that matched a pattern with one.
 int urlNumber(std::string_view url, std::string_view pattern);

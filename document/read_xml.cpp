@@ -135,7 +135,8 @@ const Row* readLeaf(ObjectText& object, const Row& row, const QNBase::CXmlBase& 
 
 const Row* readRow(ObjectText& object, const Row& row, QNBase::CXmlBase& xml) {
   if (row.read == read::never) return nullptr;
-  const bool found = row.anyPlace ? xml.FindElemNoOrder(row.xml) : xml.FindElem(row.xml);
+  const bool found =
+      row.anyPlace ? xml.FindElemNoOrder(row.xml.data()) : xml.FindElem(row.xml.data());
   if (found) return isLeaf(row) ? readLeaf(object, row, xml) : readContent(object, row, xml);
   if (row.read == read::required) return &row;
   if (row.read == read::fallback) addFallback(object, row);
@@ -155,7 +156,7 @@ BodyResult readDocument(std::string& json, const Row& root, std::string_view bod
                         const GivenMember* given) {
   QNBase::CXmlBase xml;
   if (!xml.Parse(body)) return BodyResult::NotXml;
-  if (!xml.FindElem(root.xml) || !xml.IntoElem()) return BodyResult::OtherRoot;
+  if (!xml.FindElem(root.xml.data()) || !xml.IntoElem()) return BodyResult::OtherRoot;
   ObjectText object;
   if (readRows(object, root.rows, xml) != nullptr) return BodyResult::Refused;
   if (given != nullptr) object.add(given->name) += given->json;

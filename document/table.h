@@ -88,7 +88,7 @@ using TextChange = std::string (*)(std::string_view);
 // word. Names and texts are string literals.
 struct Row {
   std::string_view json;
-  const char* xml;
+  std::string_view xml;
   Kind kind;
   WriteRule write;
   ReadRule read;
@@ -119,7 +119,7 @@ struct Row {
 
  public:
   // The element's name, where it differs from the member's.
-  constexpr Row as(const char* name) const { return with(&Row::xml, name); }
+  constexpr Row as(std::string_view name) const { return with(&Row::xml, name); }
   constexpr Row fallback(std::string_view text) const { return with(&Row::fallbackText, text); }
   constexpr Row fallback(Rows constants) const { return with(&Row::fallbackRows, constants); }
   // Written only from `from` to `to`.
@@ -162,7 +162,7 @@ constexpr bool distinct(const Row* rows, std::size_t count) {
       const bool written = rows[i].write.written && rows[j].write.written;
       const bool member = rows[i].writesMember() && rows[j].writesMember();
       const bool read = rows[i].read != read::never && rows[j].read != read::never;
-      if (written && std::string_view(rows[i].xml) == rows[j].xml) return false;
+      if (written && rows[i].xml == rows[j].xml) return false;
       if ((read || member) && rows[i].json == rows[j].json) return false;
     }
   }

@@ -15,12 +15,14 @@ namespace {
 
 using qn::json::Value;
 
+constexpr std::size_t kUsualDocument = 1024;  // bytes that most fit into
+
 // Where elements go.
 class Sink {
  public:
-  virtual void enter(const char* name) = 0;
-  virtual void leave(const char* name) = 0;
-  virtual void leaf(const char* name, std::string_view text) = 0;
+  virtual void enter(std::string_view name) = 0;
+  virtual void leave(std::string_view name) = 0;
+  virtual void leaf(std::string_view name, std::string_view text) = 0;
   // How much was written; and once more the `size` that came after `from`, false where the sink
   // cannot.
   virtual std::size_t written() const { return 0; }
@@ -35,13 +37,12 @@ class TextSink final : public Sink {
  public:
   explicit TextSink(std::string& text) : text_(text) {}
 
-  void enter(const char* name) override {
-    text_ += '<';
-    text_ += name;
-    text_ += '>';
+  void enter(std::string_view name) override { text_.append("<").append(name) += '>'; }
+  void leave(std::string_view name) override {
+    end(name, text_.back() == '>' && endsWithStart(name));
   }
-  void leave(const char* name) override { end(name, text_.back() == '>' && endsWithStart(name)); }
-  void leaf(const char* name, std::string_view text) override {
+  void leaf(std::string_view name, std::string_view text) override {
+    if (appendShort(name, text)) return;
     enter(name);
     const std::size_t before = text_.size();
     qn::text::appendEscapedXml(text, qn::text::XmlPlace::Text, text_);
@@ -54,12 +55,30 @@ class TextSink final : public Sink {
   }
 
  private:
-  void end(const char* name, bool isEmpty) {
+  // Nearly every element: short, and nothing in its text is escaped. Put together first, so that
+  // the document grows once for each. False for any other.
+  bool appendShort(std::string_view name, std::string_view text) {
+    std::array<char, 256> element;
+    const std::size_t size = 2 * name.size() + text.size() + 5;
+    if (size > element.size() || text.empty()) return false;
+    char* at = element.data();
+    const auto put = [&at](std::string_view piece) { at = std::ranges::copy(piece, at).out; };
+    *at++ = '<';
+    put(name);
+    *at++ = '>';
+    at = qn::text::copyPlainXml(text, at);
+    if (at == nullptr) return false;
+    put("</");
+    put(name);
+    *at = '>';
+    text_.append(element.data(), size);
+    return true;
+  }
+  void end(std::string_view name, bool isEmpty) {
     if (isEmpty) {
       text_.back() = '/';
     } else {
-      text_ += "</";
-      text_ += name;
+      text_.append("</").append(name);
     }
     text_ += '>';
   }
@@ -77,10 +96,10 @@ class DocumentSink final : public Sink {
  public:
   explicit DocumentSink(QNBase::CXmlBase& document) : document_(document) {}
 
-  void enter(const char* name) override { document_.AddNode(name); }
-  void leave(const char*) override { document_.OutOfElem(); }
-  void leaf(const char* name, std::string_view text) override {
-    document_.AddNode(name, text);
+  void enter(std::string_view name) override { document_.AddNode(name.data()); }
+  void leave(std::string_view) override { document_.OutOfElem(); }
+  void leaf(std::string_view name, std::string_view text) override {
+    document_.AddNode(name.data(), text);
     document_.OutOfElem();
   }
 
@@ -368,7 +387,9 @@ const Row* writeRow(QNBase::CXmlBase& xml, const Row& row, const Value& member) 
 }
 
 const Row* writeDocument(std::string& xml, const Row& root, const Value& reply) {
-  std::string text(kDeclaration);
+  std::string text;
+  text.reserve(kUsualDocument);
+  text += kDeclaration;
   const Row* failed = writeMember(text, root, reply);
   if (failed == nullptr) xml = std::move(text);
   return failed;

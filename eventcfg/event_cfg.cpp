@@ -13,7 +13,7 @@ namespace {
 using namespace QNHttpService;
 using namespace table;
 
-constexpr std::string_view kTrigger = "/KAVRO/System/IO/outputs/%d/trigger";
+constexpr UrlPattern kTrigger = "/KAVRO/System/IO/outputs/%d/trigger";
 
 constexpr Row kSmartCapRows[] = {
     boolean("isSupportROI", write::strict),

@@ -9,8 +9,8 @@
 
 namespace qn::json {
 
-// False for a text that no reader needs to see: an empty one, one that begins like XML, and one of
-// more than a million commas, which would take a hundred times its size as values.
+// False for a text that no reader needs to see: one that begins like no value (a picture, XML), and
+// one of more than a million commas, which would take a hundred times its size as values.
 bool mayBeJson(std::string_view text);
 
 // False for a text that is no JSON or not mayBeJson(), for one of more than 300,000 values, and for

@@ -9,10 +9,10 @@ namespace {
 using namespace QNHttpService;
 using namespace table;
 
-constexpr std::string_view kContinuous = "/KAVRO/PTZCtrl/channels/%d/continuous";
-constexpr std::string_view kPresetGoto = "/KAVRO/PTZCtrl/channels/%d/presets/%d/goto";
-constexpr std::string_view kPreset = "/KAVRO/PTZCtrl/channels/%d/presets/%d";
-constexpr std::string_view kHomeGoto = "/KAVRO/PTZCtrl/channels/%d/homeposition/goto";
+constexpr UrlPattern kContinuous = "/KAVRO/PTZCtrl/channels/%d/continuous";
+constexpr UrlPattern kPresetGoto = "/KAVRO/PTZCtrl/channels/%d/presets/%d/goto";
+constexpr UrlPattern kPreset = "/KAVRO/PTZCtrl/channels/%d/presets/%d";
+constexpr UrlPattern kHomeGoto = "/KAVRO/PTZCtrl/channels/%d/homeposition/goto";
 
 constexpr Row kControlAddressRows[] = {
     boolean("enabled", write::required),
@@ -56,7 +56,7 @@ constexpr Row kPresetRows[] = {
 };
 constexpr Row kPresetData = section("PTZPreset", kPresetRows, read::required);
 
-std::string sameUrl(std::string_view pattern, const ClientRequest& in) {
+std::string sameUrl(UrlPattern pattern, const ClientRequest& in) {
   return deviceJsonUrl(devicePath(in.url, pattern), in.devIndex);
 }
 

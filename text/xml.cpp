@@ -105,6 +105,14 @@ void appendEscapedXml(std::string_view text, XmlPlace place, std::string& out) {
   }
 }
 
+char* copyPlainXml(std::string_view text, char* out) {
+  for (const char character : text) {
+    if (!kPlainInText[static_cast<unsigned char>(character)]) return nullptr;
+    *out++ = character;
+  }
+  return out;
+}
+
 bool appendDecodedXml(std::string_view raw, std::string& out) {
   for (;;) {
     const std::size_t mark = raw.find('&');

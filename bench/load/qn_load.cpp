@@ -1,11 +1,13 @@
 // qn-load: keeps a number of keep-alive connections busy with one GET each, logs in with Digest
-// (every request its own nonce count) and prints what came out as one JSON line. Used by
+// (every request its own nonce count) and prints what came out as one JSON line; with --tls over
+// TLS, with --handshakes one handshake after the other and no requests. Used by
 // bench/proxy_comparison.py against the gateway and against a plain proxy, which sees the same
 // bytes.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
+#include <openssl/ssl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,8 +15,10 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -29,9 +33,68 @@ struct Options {
   uint16_t port = 8080;
   std::string path = "/KAVRO/System/deviceInfo";
   std::string user = "admin";
+  int users = 0;
   std::string password;
   int connections = 1;
   double seconds = 5;
+  bool tls = false;
+  std::string handshakes;  // "full" or "resumed"
+};
+
+struct FreeSsl {
+  void operator()(SSL* ssl) const { SSL_free(ssl); }
+  void operator()(SSL_SESSION* session) const { SSL_SESSION_free(session); }
+};
+
+SSL_CTX* tlsContext() {
+  static SSL_CTX* const context = SSL_CTX_new(TLS_client_method());
+  return context;
+}
+
+// A blocking socket, with TLS or without.
+class Wire {
+ public:
+  explicit Wire(const Options& options, SSL_SESSION* session = nullptr) {
+    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(options.port);
+    inet_pton(AF_INET, options.address.c_str(), &to.sin_addr);
+    if (connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+      throw std::runtime_error("cannot connect");
+    }
+    const int on = 1;
+    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (!options.tls) return;
+    ssl_.reset(SSL_new(tlsContext()));
+    SSL_set_fd(ssl_.get(), fd_);
+    if (session) SSL_set_session(ssl_.get(), session);
+    if (SSL_connect(ssl_.get()) != 1) throw std::runtime_error("no handshake");
+  }
+  ~Wire() { close(fd_); }
+  Wire(const Wire&) = delete;
+  Wire& operator=(const Wire&) = delete;
+
+  int fd() const { return fd_; }
+  SSL* ssl() const { return ssl_.get(); }
+  long receive(char* room, std::size_t size) const {
+    return ssl_ ? SSL_read(ssl_.get(), room, int(size)) : read(fd_, room, size);
+  }
+  long send(std::string_view bytes) const {
+    return ssl_ ? SSL_write(ssl_.get(), bytes.data(), int(bytes.size()))
+                : write(fd_, bytes.data(), bytes.size());
+  }
+  // Both sides say that they end; reads the tickets, too.
+  void end() const {
+    char rest[256];
+    if (SSL_shutdown(ssl_.get()) < 0) throw std::runtime_error("no end");
+    while (SSL_read(ssl_.get(), rest, sizeof rest) > 0) {
+    }
+  }
+
+ private:
+  int fd_ = -1;
+  std::unique_ptr<SSL, FreeSsl> ssl_;
 };
 
 std::string md5(std::string_view text) {
@@ -60,31 +123,19 @@ std::string quoted(std::string_view head, std::string_view name, std::string_vie
 
 class Connection {
  public:
-  explicit Connection(const Options& options) : options_(options) {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(options.port);
-    inet_pton(AF_INET, options.address.c_str(), &to.sin_addr);
-    if (connect(fd_, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
-      throw std::runtime_error("cannot connect");
-    }
-    const int on = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  Connection(const Options& options, std::string user)
+      : options_(options), wire_(options), user_(std::move(user)) {
     learnChallenge();
   }
-  ~Connection() { close(fd_); }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
 
-  int fd() const { return fd_; }
+  int fd() const { return wire_.fd(); }
 
   void send() {
     char count[9];
     std::snprintf(count, sizeof count, "%08x", ++nonceCount_);
     const auto response = md5(ha1_ + ":" + nonce_ + ":" + count + ":0a4f113b:auth:" + ha2_);
-    request("Authorization: Digest username=\"" + options_.user + "\", realm=\"" + realm_ +
-            "\", nonce=\"" + nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
+    request("Authorization: Digest username=\"" + user_ + "\", realm=\"" + realm_ + "\", nonce=\"" +
+            nonce_ + "\", uri=\"" + options_.path + "\", qop=auth, nc=" + count +
             ", cnonce=\"0a4f113b\", response=\"" + response + "\"\r\n");
     sent_ = Clock::now();
   }
@@ -92,7 +143,7 @@ class Connection {
   // Reads what is there. True when an answer is complete; its status is then in status().
   bool receive() {
     char part[65536];
-    const auto got = read(fd_, part, sizeof part);
+    const auto got = wire_.receive(part, sizeof part);
     if (got <= 0) throw std::runtime_error("the server closed the connection");
     answer_.append(part, static_cast<std::size_t>(got));
     const auto headEnd = answer_.find("\r\n\r\n");
@@ -118,7 +169,7 @@ class Connection {
     }
     realm_ = quoted(head_, "realm", "KAVRO");
     nonce_ = quoted(head_, "nonce", "5a1d3f0b9c8e7f6a5a1d3f0b9c8e7f6a5a1d3f0b");
-    ha1_ = md5(options_.user + ":" + realm_ + ":" + options_.password);
+    ha1_ = md5(user_ + ":" + realm_ + ":" + options_.password);
     ha2_ = md5("GET:" + options_.path);
   }
 
@@ -126,13 +177,14 @@ class Connection {
     const auto text = "GET " + options_.path + " HTTP/1.1\r\nHost: " + options_.address + ":" +
                       std::to_string(options_.port) + "\r\nUser-Agent: qn-load\r\nAccept: */*\r\n" +
                       authorization + "\r\n";
-    if (write(fd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (wire_.send(text) != static_cast<long>(text.size())) {
       throw std::runtime_error("cannot send");
     }
   }
 
   const Options& options_;
-  int fd_ = -1;
+  Wire wire_;
+  const std::string user_;
   std::string realm_, nonce_, ha1_, ha2_;
   unsigned nonceCount_ = 0;
   std::string answer_, head_;
@@ -150,7 +202,9 @@ Outcome run(const Options& options) {
   std::vector<std::unique_ptr<Connection>> connections;
   const int poll = epoll_create1(EPOLL_CLOEXEC);
   for (int i = 0; i < options.connections; ++i) {
-    connections.push_back(std::make_unique<Connection>(options));
+    const std::string user =
+        options.users > 0 ? "u" + std::to_string(1 + i % options.users) : options.user;
+    connections.push_back(std::make_unique<Connection>(options, user));
     epoll_event event{.events = EPOLLIN, .data = {.ptr = connections.back().get()}};
     epoll_ctl(poll, EPOLL_CTL_ADD, connections.back()->fd(), &event);
   }
@@ -183,6 +237,31 @@ Outcome run(const Options& options) {
   return outcome;
 }
 
+// One after the other. What was resumed although it should not, or the reverse, is a failure.
+Outcome shakeHands(const Options& options) {
+  static std::unique_ptr<SSL_SESSION, FreeSsl> session;  // the newest
+  SSL_CTX_set_session_cache_mode(tlsContext(), SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+  SSL_CTX_sess_set_new_cb(tlsContext(), [](SSL*, SSL_SESSION* next) {
+    session.reset(next);
+    return 1;
+  });
+  const bool resume = options.handshakes == "resumed";
+  if (resume) Wire(options).end();
+  Outcome outcome;
+  const auto start = Clock::now();
+  while (std::chrono::duration<double>(Clock::now() - start).count() < options.seconds) {
+    const auto before = Clock::now();
+    const auto former = std::move(session);
+    const Wire wire(options, resume ? former.get() : nullptr);
+    if ((SSL_session_reused(wire.ssl()) == 1) != resume) ++outcome.failures;
+    outcome.latencies.push_back(
+        std::chrono::duration<double, std::micro>(Clock::now() - before).count());
+    wire.end();
+  }
+  outcome.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return outcome;
+}
+
 double percentile(const std::vector<double>& sorted, double part) {
   return sorted[static_cast<std::size_t>(part * static_cast<double>(sorted.size() - 1))];
 }
@@ -196,12 +275,17 @@ int main(int argc, char** argv) try {
   app.add_option("--port", options.port);
   app.add_option("--path", options.path);
   app.add_option("--user", options.user);
+  app.add_option("--users", options.users, "connections take turns as u1, u2, ... instead");
   app.add_option("--password", options.password);
   app.add_option("--connections", options.connections)->check(CLI::Range(1, 4096));
   app.add_option("--seconds", options.seconds)->check(CLI::Range(0.1, 600.0));
+  app.add_flag("--tls", options.tls);
+  app.add_option("--handshakes", options.handshakes)->check(CLI::IsMember({"full", "resumed"}));
   CLI11_PARSE(app, argc, argv);
+  signal(SIGPIPE, SIG_IGN);
 
-  auto outcome = run(options);
+  options.tls |= !options.handshakes.empty();
+  auto outcome = options.handshakes.empty() ? run(options) : shakeHands(options);
   std::sort(outcome.latencies.begin(), outcome.latencies.end());
   const auto requests = static_cast<double>(outcome.latencies.size());
   std::printf(

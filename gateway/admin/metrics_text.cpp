@@ -143,6 +143,7 @@ class Collector final : public prometheus::Collectable {
     void requests();
     void requestsByResource();
     void connections();
+    void handshakes();
     void streams();
     void logins();
     void budgets();
@@ -237,6 +238,22 @@ void Collector::Round::connections() {
   counter("qn_http_received_bytes_total", "Bytes from clients.",
           double(http.sum(&HttpCounts::received)));
   counter("qn_http_sent_bytes_total", "Bytes to clients.", double(http.sum(&HttpCounts::sent)));
+  handshakes();
+}
+
+void Collector::Round::handshakes() {
+  counter("qn_tls_handshakes_total", "TLS handshakes with clients.")
+      .add({{"result", "full"}}, double(http.sum(&HttpCounts::handshakesFull)))
+      .add({{"result", "resumed"}}, double(http.sum(&HttpCounts::handshakesResumed)))
+      .add({{"result", "failed"}}, double(http.sum(&HttpCounts::handshakesFailed)));
+  gauge("qn_tls_handshakes_under_way", "TLS handshakes that are not finished.",
+        double(load.handshakes));
+  Family expiries = gauge("qn_tls_certificate_expiry_seconds",
+                          "When a certificate of HTTPS, or of those it was issued by, expires.");
+  for (const CertificateConfig& each : qn::configuration()->https.inUse()) {
+    expiries.add({{"certificate", each.certificate}},
+                 std::chrono::duration<double>(each.expires.time_since_epoch()).count());
+  }
 }
 
 void Collector::Round::streams() {

@@ -72,7 +72,11 @@ class UserCfg final : public CUserCfg {
 class NetworkCfg final : public CNetworkCfg {
  public:
   explicit NetworkCfg(const Configuration& from)
-      : address_(from.http.address), httpPort_(from.http.port), network_(from.network) {}
+      : address_(from.http.address), httpPort_(from.http.port), network_(from.network) {
+    if (!from.https.isOn() || network_.portMapping) return;
+    network_.httpsEnabled = true;
+    network_.httpsPort = from.https.port;
+  }
   int getHttpPort() const override { return httpPort_; }
   int getHttpsPort() const override { return network_.httpsPort; }
   int getRtspPort() const override { return network_.rtspPort; }
@@ -105,7 +109,7 @@ class NetworkCfg final : public CNetworkCfg {
  private:
   const std::string address_;
   const uint16_t httpPort_;
-  const NetworkOptions network_;
+  NetworkOptions network_;  // constant after construction
 };
 
 class KavroCfg final : public CKAVROCfg {

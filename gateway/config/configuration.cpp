@@ -23,6 +23,20 @@ bool DeviceConfig::sameServer(const DeviceConfig& other) const {
                   other.auth);
 }
 
+TlsServerOptions HttpsOptions::tls() const {
+  TlsServerOptions options{{}, minVersion == "1.3", ciphers, clientAuthorities, clientCertificates};
+  for (const CertificateConfig& each : inUse()) options.identities.push_back(each.identity);
+  return options;
+}
+
+std::vector<CertificateConfig> HttpsOptions::inUse() const {
+  std::vector<CertificateConfig> all;
+  if (!isOn()) return all;
+  all.push_back(*this);
+  all.insert(all.end(), certificates.begin(), certificates.end());
+  return all;
+}
+
 std::string_view UserConfig::ha1For(DigestAlgorithm algorithm) const {
   for (const std::string* each : {&ha1, &strongHa1}) {
     if (each->size() == hexLength(algorithm)) return *each;

@@ -14,6 +14,7 @@
 
 #include "gateway/auth/digest.h"
 #include "gateway/log/log.h"
+#include "gateway/tls/tls_server.h"
 
 namespace qn {
 
@@ -30,8 +31,41 @@ struct HttpOptions {
   std::size_t connections = 8192;
   std::size_t connectionsPerAddress = 1024;
   std::size_t requests = 4096;  // in flight; more are answered 503
+  bool enabled = true;
 
   bool operator==(const HttpOptions&) const = default;
+};
+
+// A certificate as the configuration names it, and what stands there.
+struct CertificateConfig {
+  std::string certificate;  // a file, as the key
+  std::string key;
+  TlsIdentity identity = {};
+  std::chrono::system_clock::time_point expires = {};
+
+  bool operator==(const CertificateConfig&) const = default;
+};
+
+// The same protocol over TLS, on a port of its own.
+struct HttpsOptions : CertificateConfig {
+  std::string address = "127.0.0.1";
+  uint16_t port = 0;  // 0: off
+  std::string minVersion = "1.2";
+  std::vector<std::string> ciphers{kTls12Ciphers.begin(), kTls12Ciphers.end()};
+  std::string clientCa;  // a file
+  ClientCertificates clientCertificates = ClientCertificates::None;
+  std::string clientAuthorities = {};                // what stands there
+  uint16_t redirectPort = 0;                         // the port, or the one that is mapped to it
+  bool redirect = false;                             // of what comes by HTTP
+  std::size_t handshakes = 1024;                     // at once; the longest ends for a further one
+  std::chrono::seconds handshakeTime{10};            // for a whole handshake
+  std::vector<CertificateConfig> certificates = {};  // the others
+
+  bool isOn() const { return port != 0; }
+  TlsServerOptions tls() const;
+  // Its own and the others; none while it is off.
+  std::vector<CertificateConfig> inUse() const;
+  bool operator==(const HttpsOptions&) const = default;
 };
 
 struct NetworkOptions {
@@ -143,7 +177,9 @@ struct DeviceConfig {
 };
 
 struct Configuration {
+  std::vector<std::string> include;  // files with further users and devices
   HttpOptions http;
+  HttpsOptions https;
   NetworkOptions network;
   KavroOptions kavro;
   LockOptions lock;

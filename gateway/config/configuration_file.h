@@ -1,4 +1,5 @@
-// Reads the configuration file. Called by the host at start, on SIGHUP, for --check-config and for
+// Reads the configuration file and those that it includes. Called by the host at start, on SIGHUP,
+// for --check-config and for
 // --print.
 #pragma once
 
@@ -28,18 +29,42 @@ class ConfigurationError : public std::runtime_error {
 // A larger file is refused.
 inline constexpr std::size_t kConfigurationFileBytes = 4 * 1024 * 1024;
 
+// More are refused.
+inline constexpr std::size_t kIncludedFiles = 16;
+
+// What an included file is going to hold, in place of what stands on the disk.
+struct IncludedText {
+  std::filesystem::path file;
+  std::string content;
+};
+
+struct Examination {
+  const IncludedText* instead = nullptr;
+  // Credentials of the service manager cannot be looked at: each is a warning, and empty.
+  bool outsideOfService = false;
+};
+
 struct ReadConfiguration {
   Configuration configuration;
   std::vector<std::string> warnings;  // what is probably not meant so, as ConfigurationError has it
 };
 
-// Everything is checked: throws ConfigurationError with all faults.
-ReadConfiguration examineConfiguration(const std::filesystem::path& file);
+// Everything is checked, the files that it includes as well: throws ConfigurationError with all
+// faults.
+ReadConfiguration examineConfiguration(const std::filesystem::path& file,
+                                       const Examination& examination = {});
+
+// Of the file's `include`, with their paths, whether they can be read or not. Throws
+// ConfigurationError when the file itself cannot be read.
+std::vector<std::filesystem::path> includedFiles(const std::filesystem::path& file);
 
 // The same, where the warnings go to the log.
 Configuration readConfiguration(const std::filesystem::path& file);
 
-// The same for a file's content; `name` stands for the file in errors, and names the folder that
+// The same for a file's content, warnings included.
+Configuration readConfiguration(std::string_view content, const std::string& name);
+
+// The same, without warnings; `name` stands for the file in errors, and names the folder that
 // relative paths begin at.
 Configuration parseConfiguration(std::string_view content, const std::string& name);
 
@@ -49,6 +74,15 @@ Configuration parseConfiguration(std::string_view content, const std::string& na
 std::optional<std::vector<std::string>> configuredValues(const std::filesystem::path& file,
                                                          std::string_view key);
 
+// The users or devices as they are put in force, for an operator: their keys but the secret ones.
+struct ListedEntries {
+  std::vector<std::string> keys;
+  std::vector<std::string> standard;           // what each key has where nothing is said, as TOML
+  std::vector<std::vector<std::string>> rows;  // an entry's values, as TOML
+};
+// `list`: "users" or "devices". Throws ConfigurationError.
+ListedEntries listedEntries(const std::filesystem::path& file, std::string_view list);
+
 // Gives `next` the values of `inForce` for the keys that need a restart; returns the names of those
 // that it has changed.
 std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next);
@@ -57,8 +91,8 @@ std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configur
 std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after);
 
 // Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
-// it would take the administrator away, as an empty file does. Whoever is writing it has not
-// finished, and nobody could log in.
+// it would take the administrator away, as an empty file does, so whoever is writing it has not
+// finished and nobody could log in; or it has a new certificate that has expired.
 void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file);
 
 }  // namespace qn

@@ -68,7 +68,8 @@ void Findings::warning(const Place& place, std::string what) {
 
 bool Findings::hasErrorAt(const Place& place) const {
   return std::ranges::any_of(errors_, [&](const Finding& finding) {
-    return finding.place.line == place.line && finding.place.key == place.key;
+    return finding.place.line == place.line && finding.place.key == place.key &&
+           finding.place.includedFile() == place.includedFile();
   });
 }
 
@@ -82,11 +83,11 @@ std::vector<std::string> Findings::errors() const {
 
 std::vector<std::string> Findings::lines(std::vector<Finding> findings) const {
   std::ranges::stable_sort(findings, {}, [](const Finding& finding) {
-    return std::tuple(finding.place.line, finding.place.column);
+    return std::tuple(finding.place.includedFile(), finding.place.line, finding.place.column);
   });
   std::vector<std::string> result;
   for (const auto& [place, what] : findings) {
-    std::string line = file_;
+    std::string line = place.file ? *place.file : file_;
     for (const uint32_t number : {place.line, place.column}) {
       if (number != 0) line.append(":").append(std::to_string(number));
     }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -11,11 +12,14 @@
 
 namespace qn {
 
-// A place of the file.
+// A place of the file, or of one that it includes.
 struct Place {
   uint32_t line = 0;  // 0: unknown
   uint32_t column = 0;
-  std::string key = {};  // with its section's name; empty: unknown
+  std::string key = {};                          // with its section's name; empty: unknown
+  std::shared_ptr<const std::string> file = {};  // that is included; null: the file itself
+
+  std::string_view includedFile() const { return file ? std::string_view(*file) : ""; }
 };
 
 class Findings {
@@ -33,10 +37,12 @@ class Findings {
   void warning(const Place& place, std::string what);
 
   bool hasErrors() const { return !errors_.empty(); }
+  const std::string& file() const { return file_; }
   // Whether an error names this key in this line.
   bool hasErrorAt(const Place& place) const;
 
-  // "FILE:LINE:COLUMN: KEY: what", as far as they are known, sorted by place.
+  // "FILE:LINE:COLUMN: KEY: what", as far as they are known, sorted by place: the file itself
+  // first.
   std::vector<std::string> errors() const;
   std::vector<std::string> warnings() const { return lines(warnings_); }
 

@@ -19,6 +19,17 @@ inline constexpr KeyTraits kInSeconds{.unit = "seconds"};
 inline constexpr KeyTraits kInBytes{.unit = "bytes"};
 inline constexpr KeyTraits kAtStart{.restart = true};
 
+// Those of no section, at the file's top.
+inline constexpr std::string_view kTopAbout = "at the top of the file, before all sections";
+inline constexpr Key<Configuration> kTopKeys[] = {
+    {"include",
+     &Configuration::include,
+     {},
+     &kPathRule,
+     "files with [[users]] and [[devices]], beside this one; commands write the first of them",
+     {.example = "[\"accounts.toml\"]"}},
+};
+
 inline constexpr Key<HttpOptions> kHttpKeys[] = {
     {"address",
      &HttpOptions::address,
@@ -77,6 +88,80 @@ inline constexpr Key<HttpOptions> kHttpKeys[] = {
      kCount,
      {},
      "of clients in flight at once; further ones are answered 503"},
+    {"enabled", &HttpOptions::enabled, {}, {}, "false: clients come by HTTPS alone"},
+};
+
+inline constexpr Key<HttpsOptions> kHttpsKeys[] = {
+    {"address",
+     &HttpsOptions::address,
+     {},
+     &kAddressRule,
+     "where to listen: one address of the host, or \"0.0.0.0\" or \"::\" for all"},
+    {"port", &HttpsOptions::port, kPortOrNone, {}, "where clients connect; 0: there is no HTTPS"},
+    {"certificate",
+     &HttpsOptions::certificate,
+     {},
+     &kSecretFileRule,
+     "a PEM file of the server's certificate and, behind it, those that lead to its authority",
+     {.otherwise = "none", .example = "\"/etc/qn-gateway/tls/fullchain.pem\""}},
+    {"key",
+     &HttpsOptions::key,
+     {},
+     &kSecretFileRule,
+     "a PEM file of its private key, without a passphrase",
+     {.otherwise = "none", .example = "\"credential:secrets_tls-key\""}},
+    {"min_version",
+     &HttpsOptions::minVersion,
+     {},
+     &kTlsVersionRule,
+     "the oldest TLS that clients may speak"},
+    {"ciphers",
+     &HttpsOptions::ciphers,
+     {},
+     &kCipherRule,
+     "that clients of TLS 1.2 may choose from"},
+    {"client_ca",
+     &HttpsOptions::clientCa,
+     {},
+     &kSecretFileRule,
+     "a PEM file of the authorities of clients' certificates",
+     {.otherwise = "none", .example = "\"/etc/qn-gateway/tls/clients.pem\""}},
+    {"client_certificates",
+     &HttpsOptions::clientCertificates,
+     {},
+     &kClientCertificatesRule,
+     "whether clients show certificates of client_ca, besides the login"},
+    {"handshakes",
+     &HttpsOptions::handshakes,
+     kCount,
+     {},
+     "under way at once, a quarter of them for one address; the longest ends for a further one"},
+    {"handshake_seconds",
+     &HttpsOptions::handshakeTime,
+     kSeconds,
+     {},
+     "for a whole handshake",
+     kInSeconds},
+    {"redirect",
+     &HttpsOptions::redirect,
+     {},
+     {},
+     "answers whatever comes to http.port with 308 and where it is here"},
+};
+
+inline constexpr Key<CertificateConfig> kCertificateKeys[] = {
+    {"certificate",
+     &CertificateConfig::certificate,
+     {},
+     &kSecretFileRule,
+     "as https.certificate, for the server names that stand in it",
+     {.required = true, .example = "\"/etc/qn-gateway/tls/other.pem\""}},
+    {"key",
+     &CertificateConfig::key,
+     {},
+     &kSecretFileRule,
+     "its private key",
+     {.required = true, .example = "\"/etc/qn-gateway/tls/other.key\""}},
 };
 
 inline constexpr Key<NetworkOptions> kNetworkKeys[] = {
@@ -84,7 +169,7 @@ inline constexpr Key<NetworkOptions> kNetworkKeys[] = {
      &NetworkOptions::httpsEnabled,
      {},
      {},
-     "tells clients that https_port is open, for a proxy that speaks TLS in front of the gateway"},
+     "tells clients of https_port, where a proxy speaks TLS; https.port is told by itself"},
     {"https_port", &NetworkOptions::httpsPort, kPort, {}, "what clients are told"},
     {"rtsp_port", &NetworkOptions::rtspPort, kPort, {}, "what clients are told, in playback URIs"},
     {"port_mapping",
@@ -301,6 +386,7 @@ struct UserEntry : UserConfig {
   std::string password;
   std::string passwordFile;
   std::string ha1File;
+  std::string ha1Sha256;
   DigestAlgorithm algorithm = DigestAlgorithm::MD5;  // the weakest that the user may log in with
 };
 
@@ -338,6 +424,12 @@ inline constexpr Key<UserEntry> kUserKeys[] = {
      &kSecretFileRule,
      kSecretFileAbout,
      {.otherwise = "none", .example = "\"credential:secrets_admin-ha1\""}},
+    {"ha1_sha256",
+     &UserEntry::ha1Sha256,
+     {},
+     &kHa1Rule,
+     "the SHA-256 digest beside an MD5 one in ha1, for clients that prefer it",
+     {.secret = true, .otherwise = "none", .example = "\"<digest>\""}},
     {"device",
      &UserEntry::device,
      {},
@@ -416,6 +508,7 @@ template <class Visit>
 void forEachSection(Visit visit) {
   visit("http", "the port of the protocol, and what clients may take of the gateway", kHttpKeys,
         &Configuration::http);
+  visit("https", "the same with TLS, on a port of its own", kHttpsKeys, &Configuration::https);
   visit("network", "what the gateway tells clients about its ports", kNetworkKeys,
         &Configuration::network);
   visit("kavro", "the protocol and its login", kKavroKeys, &Configuration::kavro);
@@ -429,11 +522,17 @@ void forEachSection(Visit visit) {
   visit("log", "what goes to standard error", kLogKeys, &Configuration::log);
 }
 
+// The lists that the example has an entry of, and that included files may have. What the example
+// shows of others is commented out.
+inline constexpr std::string_view kListsInExample[] = {"users", "devices"};
+
 // The same, without a member, for those that stand once for each user and device.
 template <class Visit>
 void forEachList(Visit visit) {
   visit("users", "one section for each user", kUserKeys);
   visit("devices", "one section for each device", kDeviceKeys);
+  visit("certificates", "one section for each further certificate of HTTPS, by server name",
+        kCertificateKeys);
 }
 
 }  // namespace qn

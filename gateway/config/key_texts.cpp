@@ -31,11 +31,20 @@ std::string kindOf(const Range& range, const TextRule* rule, const char* unit) {
   return "text" + expected;
 }
 
+template <class Value>
+constexpr KeyFacts::Shape shapeOf() {
+  if (std::is_same_v<Value, bool>) return KeyFacts::Shape::Flag;
+  if (kIsNumber<Value>) return KeyFacts::Shape::Number;
+  if (std::is_same_v<Value, std::vector<std::string>>) return KeyFacts::Shape::List;
+  return KeyFacts::Shape::Text;
+}
+
 template <class S>
 KeyFacts factsOf(std::string_view section, const Key<S>& key) {
   KeyFacts facts;
-  facts.name = std::string(section) + '.' + std::string(key.name);
+  facts.name = (section.empty() ? "" : std::string(section) + '.') + std::string(key.name);
   facts.about = key.about;
+  facts.secret = key.traits.secret;
   facts.required = key.traits.required;
   facts.restart = key.traits.restart;
   if (key.rule) facts.choices.assign(key.rule->choices.begin(), key.rule->choices.end());
@@ -44,6 +53,7 @@ KeyFacts factsOf(std::string_view section, const Key<S>& key) {
   std::visit(
       [&](auto member) {
         using Value = std::remove_cvref_t<decltype(standard.*member)>;
+        facts.shape = shapeOf<Value>();
         facts.kind = kindOf<Value>(key.range, key.rule, key.traits.unit);
         value = tomlText(standard.*member);
       },
@@ -63,6 +73,7 @@ SectionFacts sectionOf(std::string_view name, std::string_view about, bool isLis
 }
 
 std::string headOf(const SectionFacts& section) {
+  if (section.name.empty()) return "FILE";
   return section.isList ? "[[" + section.name + "]]" : '[' + section.name + ']';
 }
 
@@ -83,8 +94,15 @@ std::string explained(const SectionFacts& section) {
   return text;
 }
 
+bool standsInExample(const SectionFacts& section) {
+  return !section.isList ||
+         std::ranges::find(kListsInExample, section.name) != std::end(kListsInExample);
+}
+
 // The line of the user and the device that the example has.
-bool standsInExample(const KeyFacts& key) { return key.required || key.name == "users.password"; }
+bool standsInExample(const SectionFacts& section, const KeyFacts& key) {
+  return standsInExample(section) && (key.required || key.name == "users.password");
+}
 
 // Comment lines of at most 100 characters.
 std::string commented(std::string_view text) {
@@ -99,10 +117,10 @@ std::string commented(std::string_view text) {
   return result;
 }
 
-std::string exampleOf(const KeyFacts& key) {
+std::string exampleOf(const SectionFacts& section, const KeyFacts& key) {
   const std::string effect = key.restart ? "; needs a restart" : "";
   return '\n' + commented(key.about + " (" + key.kind + ')' + effect) +
-         (standsInExample(key) ? "" : "# ") + key.line + '\n';
+         (standsInExample(section, key) ? "" : "# ") + key.line + '\n';
 }
 
 // As troff reads it: no line begins with a control character.
@@ -128,7 +146,7 @@ std::string manualOf(const KeyFacts& key) {
 
 const std::vector<SectionFacts>& sectionFacts() {
   static const std::vector<SectionFacts> facts = [] {
-    std::vector<SectionFacts> all;
+    std::vector<SectionFacts> all{sectionOf("", kTopAbout, false, kTopKeys)};
     forEachSection([&](std::string_view name, std::string_view about, const auto& keys, auto) {
       all.push_back(sectionOf(name, about, false, keys));
     });
@@ -156,7 +174,7 @@ std::string explanationOf(std::string_view name) {
 std::string didYouMeanKey(std::string_view name) {
   std::vector<std::string_view> names;
   for (const SectionFacts& section : sectionFacts()) {
-    names.push_back(section.name);
+    if (!section.name.empty()) names.push_back(section.name);
     for (const KeyFacts& key : section.keys) {
       if (key.name.ends_with('.' + std::string(name)))
         return "; did you mean \"" + key.name + "\"?";
@@ -171,8 +189,11 @@ std::string exampleConfiguration() {
       "# qn-gateway: every key. What is commented out shows its default, or an example.\n"
       "# Made by qn-gateway --print-defaults; qn-gateway --explain KEY says more.\n";
   for (const SectionFacts& section : sectionFacts()) {
-    text += "\n\n" + headOf(section) + "  # " + section.about + '\n';
-    for (const KeyFacts& key : section.keys) text += exampleOf(key);
+    if (!section.name.empty()) {
+      text += "\n\n" + std::string(standsInExample(section) ? "" : "# ") + headOf(section) +
+              "  # " + section.about + '\n';
+    }
+    for (const KeyFacts& key : section.keys) text += exampleOf(section, key);
   }
   return text;
 }
@@ -189,7 +210,8 @@ std::string manualPage() {
       "the\n"
       "service manager has loaded (LoadCredential= of systemd.exec(5)).\n";
   for (const SectionFacts& section : sectionFacts()) {
-    text += ".SH " + headOf(section) + '\n' + troff(section.about) + ".\n";
+    text += ".SH " + (section.name.empty() ? "TOP" : headOf(section)) + '\n' +
+            troff(section.about) + ".\n";
     for (const KeyFacts& key : section.keys) text += manualOf(key);
   }
   return text + ".SH SEE ALSO\n.BR qn\\-gateway (8)\n";
@@ -198,7 +220,7 @@ std::string manualPage() {
 std::string completionWords() {
   std::string text;
   for (const SectionFacts& section : sectionFacts()) {
-    text += section.name + '\n';
+    if (!section.name.empty()) text += section.name + '\n';
     for (const KeyFacts& key : section.keys) text += key.name + '\n';
   }
   return text;

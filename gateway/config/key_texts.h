@@ -16,6 +16,8 @@ struct KeyFacts {
   std::string standard;  // what holds without it: a value as TOML, or words
   std::string line;      // of an example: "key = value"
   std::vector<std::string_view> choices = {};
+  enum class Shape { Flag, Number, Text, List } shape = Shape::Text;
+  bool secret = false;
   bool required = false;
   bool restart = false;
 };

@@ -19,8 +19,9 @@ struct Publication {
   Mutex publishing;  // held for the whole of a publish
   Mutex mutex;
   PublishedPtr inForce QN_GUARDED_BY(mutex) = emptyPublished();
-  std::atomic<uint64_t> generation{1};
 };
+
+constinit std::atomic<uint64_t> publishedGeneration{1};
 
 // Never destroyed: threads may still ask while the process ends.
 Publication& state() {
@@ -35,17 +36,25 @@ struct Seen {
   std::shared_ptr<const Configuration> configuration;  // counted with it
 };
 
-const Seen& seenByThread() {
+// Asked several times for each request, so the ordinary way is one look at the thread's own.
+thread_local constinit const Seen* seenHere = nullptr;
+
+const Seen& seenNow() {
   thread_local Seen seen;
   Publication& shared = state();
-  const uint64_t latest = shared.generation.load(std::memory_order_acquire);
-  if (seen.generation != latest) {
-    const MutexLock lock(shared.mutex);
-    seen.published = {shared.inForce.get(), [held = shared.inForce](const Published*) {}};
-    seen.configuration = {seen.published, seen.published->configuration.get()};
-    seen.generation = latest;
-  }
+  const uint64_t latest = publishedGeneration.load(std::memory_order_acquire);
+  const MutexLock lock(shared.mutex);
+  seen.published = {shared.inForce.get(), [held = shared.inForce](const Published*) {}};
+  seen.configuration = {seen.published, seen.published->configuration.get()};
+  seen.generation = latest;
+  seenHere = &seen;
   return seen;
+}
+
+const Seen& seenByThread() {
+  const Seen* const seen = seenHere;
+  const uint64_t latest = publishedGeneration.load(std::memory_order_acquire);
+  return seen != nullptr && seen->generation == latest ? *seen : seenNow();
 }
 
 }  // namespace
@@ -69,7 +78,7 @@ void publishConfiguration(const std::shared_ptr<const Configuration>& next) {
     const MutexLock lock(shared.mutex);
     shared.inForce.swap(before);
   }
-  shared.generation.fetch_add(1, std::memory_order_release);
+  publishedGeneration.fetch_add(1, std::memory_order_release);
   announceDevices(*before->configuration, *owned);
 }
 

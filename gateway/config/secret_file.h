@@ -26,11 +26,15 @@ class SecretFile {
   SecretFile(std::string_view name, const std::filesystem::path& folder);
 
   bool isCredential() const { return credential_; }
+  // There is no service manager that would give it.
+  bool isMissingCredential() const;
   const std::filesystem::path& path() const { return path_; }
 
   // Empty, with an error at the place, when it cannot be read.
-  std::string read(const Place& place, Findings& findings) const;
-  // Of one line, whose end is left out; warns when others may read the file.
+  std::string read(const Place& place, Findings& findings, std::size_t most = kMost) const;
+  // The same, for what others should not know; warns when they may read the file.
+  std::string readPrivate(const Place& place, Findings& findings, std::size_t most = kMost) const;
+  // Of one line, whose end is left out; private.
   std::string readLine(const Place& place, Findings& findings) const;
 
  private:

@@ -58,6 +58,8 @@ constexpr std::string_view kLogFormats[] = {"text", "json"};
 constexpr std::string_view kAccesses[] = {"none", "errors", "all"};
 constexpr std::string_view kAlgorithms[] = {"MD5", "SHA-256"};
 constexpr std::string_view kDeviceAuths[] = {"digest", "basic", "any"};
+constexpr std::string_view kTlsVersions[] = {"1.2", "1.3"};
+constexpr std::string_view kClientCertificates[] = {"none", "optional", "required"};
 constexpr std::string_view kWhenFulls[] = {"refuse", "drop_oldest"};
 
 template <const auto& kChoices>
@@ -169,6 +171,13 @@ const TextRule kDeviceAuthRule{isOneOf<kDeviceAuths>, "\"digest\", \"basic\" or 
 const TextRule kPathRule{isPath, "a path"};
 const TextRule kSecretFileRule{isPath,
                                "a path, or \"credential:NAME\" for one of the service manager's"};
+const TextRule kTlsVersionRule{isOneOf<kTlsVersions>, "\"1.2\" or \"1.3\"", kTlsVersions};
+const TextRule kCipherRule{isOneOf<kTls12Ciphers>,
+                           "ECDHE-ECDSA or ECDHE-RSA with -AES128-GCM-SHA256, "
+                           "-AES256-GCM-SHA384 or -CHACHA20-POLY1305",
+                           kTls12Ciphers};
+const TextRule kClientCertificatesRule{
+    isOneOf<kClientCertificates>, "\"none\", \"optional\" or \"required\"", kClientCertificates};
 const TextRule kWhenFullRule{isOneOf<kWhenFulls>, "\"refuse\" or \"drop_oldest\"", kWhenFulls};
 
 const TextRule kPostgresRule{isPostgres, "postgresql://[USER[:PASSWORD]@]HOST[:PORT]/DATABASE"};

@@ -54,7 +54,10 @@ void forEachLine(std::string_view content, Visit visit) {
   }
 }
 
-void checkLines(std::string_view content, Findings& findings) {
+// Whether the library may read them.
+bool checkLines(std::string_view content, const std::shared_ptr<const std::string>& file,
+                Findings& findings) {
+  bool good = true;
   forEachLine(content, [&](uint32_t number, std::string_view line) {
     int dots = 0;
     bool longString = false;
@@ -62,10 +65,12 @@ void checkLines(std::string_view content, Findings& findings) {
       dots += rest[0] == '.' ? 1 : 0;
       longString = longString || startsLongString(rest);
     });
-    const Place place{number};
+    const Place place{number, 0, {}, file};
     if (longString) findings.error(place, "expected strings of one line");
     if (dots > kDotsInALine) findings.error(place, "expected a key of fewer parts");
+    good = good && !longString && dots <= kDotsInALine;
   });
+  return good;
 }
 
 // The line where the list or table begins that goes on in this line; the line itself when none
@@ -112,19 +117,20 @@ std::string before(const std::string& content, uint32_t line) {
 
 }  // namespace
 
-toml::table parseToml(std::string_view content, Findings& findings) {
-  checkLines(content, findings);
-  if (findings.hasErrors()) return {};
+toml::table parseToml(std::string_view content, Findings& findings,
+                      const std::shared_ptr<const std::string>& file) {
+  if (!checkLines(content, file, findings)) return {};
   std::string text(content);
   for (int run = 0; run < kMostRuns; ++run) {
     try {
-      return toml::parse(text);
+      return file ? toml::parse(text, *file) : toml::parse(text);
     } catch (const toml::parse_error& error) {
       const toml::source_position at = error.source().begin;
       findings.leftLinesOut();
-      findings.error({at.line, at.column}, std::string(error.description()));
+      findings.error({at.line, at.column, {}, file}, std::string(error.description()));
       const uint32_t begin = beginOfValue(text, at.line);
-      if (begin < at.line) findings.error({at.line, at.column}, "what follows was not read");
+      if (begin < at.line)
+        findings.error({at.line, at.column, {}, file}, "what follows was not read");
       text = begin < at.line ? before(text, begin) : without(text, at.line);
     }
   }

@@ -18,6 +18,11 @@ constexpr std::pair<PictureOptions::WhenFull, std::string_view> kWhenFullNames[]
 constexpr std::pair<DeviceAuth, std::string_view> kDeviceAuthNames[] = {
     {DeviceAuth::Digest, "digest"}, {DeviceAuth::Basic, "basic"}, {DeviceAuth::Any, "any"}};
 
+constexpr std::pair<ClientCertificates, std::string_view> kClientCertificateNames[] = {
+    {ClientCertificates::None, "none"},
+    {ClientCertificates::Optional, "optional"},
+    {ClientCertificates::Required, "required"}};
+
 template <class Names, class Value>
 std::string nameOf(const Names& names, Value value) {
   const auto entry = std::ranges::find(names, value, [](const auto& each) { return each.first; });
@@ -58,6 +63,7 @@ std::string tomlText(const std::vector<std::string>& value) {
 std::string tomlText(DigestAlgorithm value) { return tomlText(std::string(algorithmName(value))); }
 std::string tomlText(PictureOptions::WhenFull value) { return nameOf(kWhenFullNames, value); }
 std::string tomlText(DeviceAuth value) { return nameOf(kDeviceAuthNames, value); }
+std::string tomlText(ClientCertificates value) { return nameOf(kClientCertificateNames, value); }
 
 std::string shownValue(const toml::node& node) {
   if (node.is_table()) return "a table";
@@ -77,7 +83,7 @@ void ValueReader::fail(const toml::node& from, std::string what) const {
   if (!secret) what += ", not " + shownValue(from);
   const auto* const text = from.as_string();
   if (text && rule && !secret) what += didYouMean(text->get(), rule->choices);
-  findings.error(placeOf(from.source().begin, place.key), std::move(what));
+  findings.error(placeOf(from.source(), place.key), std::move(what));
 }
 
 bool ValueReader::isNumber() const {
@@ -130,6 +136,10 @@ void ValueReader::into(PictureOptions::WhenFull& target) const {
 
 void ValueReader::into(DeviceAuth& target) const {
   if (isText(node)) byName(kDeviceAuthNames, node.as_string()->get(), target);
+}
+
+void ValueReader::into(ClientCertificates& target) const {
+  if (isText(node)) byName(kClientCertificateNames, node.as_string()->get(), target);
 }
 
 }  // namespace qn

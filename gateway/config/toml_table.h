@@ -41,7 +41,7 @@ struct Key {
   using Member =
       std::variant<bool S::*, int S::*, uint16_t S::*, std::size_t S::*, std::chrono::seconds S::*,
                    std::string S::*, std::vector<std::string> S::*, DigestAlgorithm S::*,
-                   PictureOptions::WhenFull S::*, DeviceAuth S::*>;
+                   PictureOptions::WhenFull S::*, DeviceAuth S::*, ClientCertificates S::*>;
 
   std::string_view name;
   Member member;
@@ -59,6 +59,7 @@ std::string tomlText(const std::vector<std::string>& value);
 std::string tomlText(DigestAlgorithm value);
 std::string tomlText(PictureOptions::WhenFull value);
 std::string tomlText(DeviceAuth value);
+std::string tomlText(ClientCertificates value);
 inline std::string tomlText(std::chrono::seconds value) { return tomlText(value.count()); }
 inline std::string tomlText(int value) { return tomlText(int64_t{value}); }
 inline std::string tomlText(uint16_t value) { return tomlText(int64_t{value}); }
@@ -83,6 +84,7 @@ struct ValueReader {
   void into(DigestAlgorithm& target) const;
   void into(PictureOptions::WhenFull& target) const;
   void into(DeviceAuth& target) const;
+  void into(ClientCertificates& target) const;
   void into(std::chrono::seconds& target) const;
   void into(int& target) const { number(target); }
   void into(uint16_t& target) const { number(target); }
@@ -98,8 +100,8 @@ struct ValueReader {
   void fail(const toml::node& from, std::string what) const;
 };
 
-inline Place placeOf(const toml::source_position& at, std::string key) {
-  return {at.line, at.column, std::move(key)};
+inline Place placeOf(const toml::source_region& at, std::string key) {
+  return {at.begin.line, at.begin.column, std::move(key), at.path};
 }
 
 // Keys that the table does not have, or has wrong, leave their members alone.
@@ -113,17 +115,18 @@ void readTable(const toml::table& table, const Key<S> (&keys)[N], const Place& s
     if (key == std::end(keys)) {
       std::vector<std::string_view> names;
       for (const Key<S>& each : keys) names.push_back(each.name);
-      findings.error(placeOf(tomlKey.source().begin, fullName(name)),
+      findings.error(placeOf(tomlKey.source(), fullName(name)),
                      "unknown key" + didYouMean(name, names));
       continue;
     }
-    const Place place = placeOf(node.source().begin, fullName(name));
+    const Place place = placeOf(node.source(), fullName(name));
     const ValueReader reader{node, place, key->range, key->rule, key->traits.secret, findings};
     std::visit([&](auto member) { reader.into(target.*member); }, key->member);
   }
   for (const Key<S>& key : keys) {
     if (key.traits.required && !table.contains(key.name)) {
-      findings.absence({section.line, section.column, fullName(key.name)}, "is missing");
+      findings.absence({section.line, section.column, fullName(key.name), section.file},
+                       "is missing");
     }
   }
 }

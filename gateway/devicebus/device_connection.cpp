@@ -86,6 +86,8 @@ void DeviceConnection::sendRest(std::size_t sent) {
 }
 
 void DeviceConnection::read() {
+  const auto room = reply_ ? reply_->roomForBody() : asio::mutable_buffer();
+  if (room.size() != 0) return readBody(room);
   const auto space =
       buffer_.space(reply_ && reply_->hasLongBody() ? ReadBuffer::kLargest : ReadBuffer::kUsual);
   if (space.size() == 0) return reportLater(Fault::Unusable);
@@ -93,6 +95,19 @@ void DeviceConnection::read() {
                           [self = shared_from_this()](const ErrorCode& error, std::size_t count) {
                             self->guarded([&] { self->onRead(error, count); });
                           });
+}
+
+// What comes of a long body, straight to where it is gathered; nothing is unread by now.
+void DeviceConnection::readBody(asio::mutable_buffer room) {
+  socket_.async_read_some(
+      room, [self = shared_from_this(), room](const ErrorCode& error, std::size_t count) {
+        self->guarded([&] {
+          if (error) return self->onReadEnd(error);
+          ErrorCode parsed;
+          self->reply_->put(asio::buffer(room, count), parsed);
+          self->onReplyBytes(parsed);
+        });
+      });
 }
 
 void DeviceConnection::onRead(const ErrorCode& error, std::size_t count) {
@@ -115,19 +130,23 @@ void DeviceConnection::onReadEnd(const ErrorCode& error) {
 }
 
 void DeviceConnection::parse() {
-  for (;;) {
-    ErrorCode error;
-    const std::string_view bytes = buffer_.unread();
-    buffer_.consume(reply_->put(asio::buffer(bytes), error));
-    if (error && error != http::error::need_more) return report(Fault::Unusable);
-    if (!reply_->is_done()) {
-      reply_->keepBody();
-      return readOnWhenRoom();
-    }
-    if (reply_->status() >= 200) return lane_->onReply(*this);
-    if (!nextAfterInterim()) return report(Fault::Unusable);
-    if (buffer_.empty()) return read();
+  ErrorCode error;
+  const std::string_view bytes = buffer_.unread();
+  buffer_.consume(reply_->put(asio::buffer(bytes), error));
+  onReplyBytes(error);
+}
+
+// The parser has had what was there.
+void DeviceConnection::onReplyBytes(const ErrorCode& error) {
+  if (error && error != http::error::need_more) return report(Fault::Unusable);
+  if (!reply_->is_done()) {
+    reply_->keepBody();
+    return readOnWhenRoom();
   }
+  if (reply_->status() >= 200) return lane_->onReply(*this);
+  if (!nextAfterInterim()) return report(Fault::Unusable);
+  if (buffer_.empty()) return read();
+  parse();
 }
 
 // A reply of known length waits for all of its room at once, so that no two wait for each other;

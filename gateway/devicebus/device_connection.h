@@ -66,9 +66,11 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   void sendRest(std::size_t sent);
   std::array<boost::asio::const_buffer, 2> unsent(std::size_t sent) const;
   void read();
+  void readBody(boost::asio::mutable_buffer room);
   void onRead(const ErrorCode& error, std::size_t count);
   void onReadEnd(const ErrorCode& error);
   void parse();
+  void onReplyBytes(const ErrorCode& error);
   void readOnWhenRoom();
   bool nextAfterInterim();
   void report(Fault fault);

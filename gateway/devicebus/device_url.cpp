@@ -30,7 +30,7 @@ bool isDevIndex(std::string_view name) {
 // Whether a server may take a segment of the path for the folder above. Servers differ in what they
 // decode first, in what ends a segment and in what a segment's parameters are.
 bool climbs(std::string_view path) {
-  if (path.find_first_of(".%") == path.npos) return false;
+  if (path.find('.') == path.npos && path.find('%') == path.npos) return false;
   const std::string plain = decoded(path);
   for (std::size_t at = plain.find(".."); at != plain.npos; at = plain.find("..", at + 1)) {
     constexpr std::string_view kBefore = "/\\";

@@ -10,6 +10,9 @@
 namespace qn::devicebus {
 namespace {
 
+// A reply from this size on may not go out to the client in one write.
+constexpr std::size_t kShared = 32 * 1024;
+
 // Nothing when the device has no part in it.
 std::optional<DeviceFailure> failureOf(unsigned int code) {
   switch (code) {
@@ -73,6 +76,11 @@ void BusRequest::give(std::string_view answer, Origin origin) {
   recipient->take(answer, origin);
 }
 
+void BusRequest::give(const SharedBytes& text) {
+  const ReplyInHand inHand(text);
+  give({text->data(), text->size()}, Origin::Device);
+}
+
 bool BusRequest::isForgotten() const {
   if (!asker) return false;
   const auto somebody = asker->lock();
@@ -97,23 +105,27 @@ void Answers::giveReply(RequestPtr request, ReplyParser& reply) const {
     request->give(document, Origin::Gateway);
     return;
   }
-  if (reply.body().size() >= ReplyBudget::kLongReply && request->recipient->isTranslator()) {
-    giveOnWorker(std::move(request), reply.takeBody());
-    return;
+  const std::size_t size = reply.body().size();
+  if (size < kShared) return request->give(reply.body(), Origin::Device);
+  const auto body = std::make_shared<const ReplyBytes>(reply.takeBody());
+  if (size >= ReplyBudget::kLongReply && request->recipient->isTranslator()) {
+    giveOnWorker(std::move(request), body);
+  } else {
+    request->give(body);
   }
-  request->give(reply.body(), Origin::Device);
 }
 
-void Answers::giveOnWorker(RequestPtr request, std::string body) const {
+void Answers::giveOnWorker(RequestPtr request, SharedBytes body) const {
   // Jobs of the pool are copyable, so what they own is shared.
   struct Answer {
     RequestPtr request;
-    std::string body;
+    SharedBytes body;
   };
   auto answer = std::make_shared<Answer>(Answer{std::move(request), std::move(body)});
   const auto give = [answer] {
-    answer->request->give(answer->body, Origin::Device);
+    answer->request->give(answer->body);
     answer->request.reset();
+    answer->body.reset();
   };
   if (!workers_.post(give)) give();
 }

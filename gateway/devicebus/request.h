@@ -17,6 +17,7 @@
 #include "gateway/devices/message.h"
 #include "gateway/devices/status_documents.h"
 #include "gateway/net/asker.h"
+#include "gateway/net/reply_in_hand.h"
 #include "gateway/net/worker_pool.h"
 #include "platform/device_cfg_bus.h"
 
@@ -93,6 +94,8 @@ struct BusRequest {
   std::string_view id() const;
   // Hands the answer over.
   void give(std::string_view answer, Origin origin);
+  // The device's, which may be kept longer than the call.
+  void give(const SharedBytes& text);
   // Nobody takes the answer any more.
   bool isForgotten() const;
   // Whether sending it twice does the same as sending it once.
@@ -114,7 +117,7 @@ class Answers {
 
  private:
   void count(const BusRequest& request, DeviceFailure failure) const;
-  void giveOnWorker(RequestPtr request, std::string body) const;
+  void giveOnWorker(RequestPtr request, SharedBytes body) const;
 
   WorkerPool& workers_;
   Sharded<BusCounts>& counts_;

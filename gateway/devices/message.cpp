@@ -115,30 +115,47 @@ void ReplyParser::on_body_init_impl(const boost::optional<std::uint64_t>& length
 }
 
 std::size_t ReplyParser::addBody(std::string_view bytes) {
-  if (view_.empty() && copy_.empty()) {
+  if (view_.empty() && filled_ == 0) {
     view_ = bytes;
+  } else if (bytes.data() == copy_.data() + filled_) {  // read there
+    filled_ += bytes.size();
   } else {
     keepBody();
-    copy_ += bytes;
+    append(bytes);
   }
   return bytes.size();
+}
+
+void ReplyParser::append(std::string_view bytes) {
+  copy_.resize(filled_);
+  copy_.insert(copy_.end(), bytes.begin(), bytes.end());
+  filled_ = copy_.size();
+}
+
+boost::asio::mutable_buffer ReplyParser::roomForBody() {
+  if (!headRead_ || announced_ <= kLongBody || filled_ == 0 || filled_ >= announced_) return {};
+  if (copy_.size() <= filled_) {
+    copy_.resize(std::min(filled_ + kRoom, announced_), boost::container::default_init);
+  }
+  return {copy_.data() + filled_, copy_.size() - filled_};
 }
 
 void ReplyParser::keepBody() {
   if (view_.empty()) return;
   copy_.reserve(std::max(std::min(announced_, kReserve), view_.size()));
-  copy_.assign(view_);
-  view_ = {};
+  append(std::exchange(view_, {}));
 }
 
-std::string ReplyParser::takeBody() {
+ReplyBytes ReplyParser::takeBody() {
   keepBody();
-  return std::move(copy_);
+  copy_.resize(std::exchange(filled_, 0));
+  return std::exchange(copy_, {});
 }
 
 void ReplyParser::dropBody() {
   view_ = {};
   copy_ = {};
+  filled_ = 0;
 }
 
 }  // namespace qn

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "gateway/devices/device.h"
+#include "gateway/net/reply_in_hand.h"
 
 namespace qn {
 
@@ -73,12 +74,18 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
   const std::string& challenge() const { return challenge_; }
   // What the head says about the body's length; 0 when it says nothing.
   std::size_t announcedBytes() const { return announced_; }
-  bool hasLongBody() const { return copy_.size() > kLongBody; }
+  bool hasLongBody() const { return filled_ > kLongBody; }
+  // Where the next bytes of a long body of announced length may be read to before they are given to
+  // put(), so that they need not be copied; empty for any other. Good until put() or takeBody().
+  boost::asio::mutable_buffer roomForBody();
 
   // Good while the parser and the bytes given to put() last. Never null.
-  std::string_view body() const { return view_.empty() ? std::string_view(copy_) : view_; }
-  // The body as a string of its own; body() is not good any more.
-  std::string takeBody();
+  std::string_view body() const {
+    if (filled_ != 0) return {copy_.data(), filled_};
+    return view_.empty() ? std::string_view("") : view_;
+  }
+  // The body without a copy; body() is not good any more.
+  ReplyBytes takeBody();
   // The bytes given to put() are about to go: keeps what body() needs of them.
   void keepBody();
   // What has come of the body is done with.
@@ -86,6 +93,7 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
 
  private:
   static constexpr std::size_t kLongBody = 32 * 1024;
+  static constexpr std::size_t kRoom = 128 * 1024;
   using Text = boost::beast::string_view;
   using Error = boost::beast::error_code;
 
@@ -102,6 +110,7 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
   void on_finish_impl(Error&) override {}
 
   std::size_t addBody(std::string_view bytes);
+  void append(std::string_view bytes);
 
   int status_ = 0;
   bool document_ = false;
@@ -109,8 +118,9 @@ class ReplyParser final : public boost::beast::http::basic_parser<false> {
   std::string boundary_;
   std::string challenge_;
   std::size_t announced_ = 0;
-  std::string_view view_;  // the body so far, when it is one piece of the bytes given
-  std::string copy_;       // the body so far otherwise
+  std::string_view view_;   // the body so far, when it is one piece of the bytes given
+  ReplyBytes copy_;         // the body so far otherwise, and room behind it
+  std::size_t filled_ = 0;  // of copy_
 };
 
 }  // namespace qn

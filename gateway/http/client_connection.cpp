@@ -1,11 +1,12 @@
 // See client_connection.h.
 #include "gateway/http/client_connection.h"
 
-#include <boost/asio/socket_base.hpp>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "gateway/log/access_log.h"
+#include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
@@ -14,6 +15,7 @@ namespace qn {
 namespace {
 
 constexpr std::size_t kScratchKept = 256 * 1024;
+constexpr std::size_t kShortBody = 16 * 1024;  // goes out from one buffer with its head
 constexpr int kSuccess = 200;
 constexpr int kUnauthorized = 401;
 
@@ -65,9 +67,51 @@ void ClientConnection<Stream>::start() {
     socket.non_blocking(true, ec);
     if (!ec) socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
     if (ec) return close();  // the peer has gone already
-    if (arrival_.access == Access::Nothing) return onRefused(OwnAnswer::Overloaded);
-    requests_.resume();
+    if constexpr (std::is_same_v<Stream, TlsClientStream>) {
+      shakeHands();
+    } else {
+      begin();
+    }
   });
+}
+
+template <class Stream>
+void ClientConnection<Stream>::begin() {
+  if (arrival_.access == Access::Nothing) return onRefused(OwnAnswer::Overloaded);
+  requests_.resume();
+}
+
+// Memory is taken, and the expensive part done, when the client has said something and its turn has
+// come.
+template <class Stream>
+void ClientConnection<Stream>::shakeHands() requires std::is_same_v<Stream, TlsClientStream> {
+  if (!core_->tls()) return close();  // switched off since it was accepted
+  const bool trusted = core_->trusted().contains(arrival_.peer);
+  this->setDeadline(core_->handshakeTime());
+  handshake_.emplace(*core_->handshakes[reactor_], *this,
+                     trusted ? boost::asio::ip::address() : clientNetwork(arrival_.peer));
+  this->stream().async_await_handshake(this->guarded([this](const auto& ec) {
+    if (ec) return onHandshake(ec);
+    handshake_->take(this->guarded([this] {
+      if (!core_->tls()) return close();
+      this->stream().makeSession(core_->tls()->context());
+      this->stream().async_handshake(
+          this->guarded([this](const auto& error) { onHandshake(error); }));
+    }));
+  }));
+}
+
+template <class Stream>
+void ClientConnection<Stream>::onHandshake(
+    const boost::system::error_code& ec) requires std::is_same_v<Stream, TlsClientStream> {
+  if (ec) {
+    logClient(LogLevel::Info, this->peer(), "TLS handshake of {} failed: {}", this->peer(),
+              ec.message());
+    return close();
+  }
+  handshake_->succeeded(SSL_session_reused(this->stream().ssl()) == 1);
+  handshake_.reset();
+  begin();
 }
 
 template <class Stream>
@@ -82,6 +126,7 @@ void ClientConnection<Stream>::closeUnlessAllowed() {
 
 template <class Stream>
 void ClientConnection<Stream>::onEnd() {
+  handshake_.reset();
   endRequest();
   requests_.end();
   answers_.end();
@@ -133,7 +178,8 @@ template <class Stream>
 void ClientConnection<Stream>::onRefused(OwnAnswer answer) {
   closeAfter_ = true;
   core_->counts.here().refused[static_cast<std::size_t>(answer)].add();
-  answers_.send(ownMessage(answer), [this] { return core_->answerShare(arrival_.peer); });
+  const std::string message = ownMessage(answer);
+  answers_.send({message}, [this] { return core_->answerShare(arrival_.peer); });
 }
 
 template <class Stream>
@@ -149,21 +195,27 @@ Ending ClientConnection<Stream>::endingOf(const ExchangeState& exchange) const {
 template <class Stream>
 void ClientConnection<Stream>::deliver(const ExchangePtr& exchange, std::string_view body) {
   const Ending ending = endingOf(*exchange);
+  const auto appendHead = [&](std::string& head) {
+    exchange->appendHead(head, body.size(), ending);
+    if (!exchange->sendsBody()) body = {};
+  };
+  const SharedBytes keeper = body.size() > kShortBody ? ReplyInHand::holding(body) : nullptr;
   if (onOwnThread()) {
-    std::string& message = scratch();
-    exchange->appendMessage(message, body, ending);
-    writeAnswer(exchange, message, ending);
-    return;
+    std::string& head = scratch();
+    appendHead(head);
+    if (body.size() <= kShortBody) head += std::exchange(body, {});
+    return writeAnswer(exchange, {head, body, keeper}, ending);
   }
-  std::string message;
-  exchange->appendMessage(message, body, ending);
-  this->post([this, exchange, ending, message = std::move(message)] {
-    writeAnswer(exchange, message, ending);
+  std::string head;
+  appendHead(head);
+  if (!keeper) head += std::exchange(body, {});
+  this->post([this, exchange, ending, head = std::move(head), body, keeper] {
+    writeAnswer(exchange, {head, body, keeper}, ending);
   });
 }
 
 template <class Stream>
-void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, std::string_view message,
+void ClientConnection<Stream>::writeAnswer(const ExchangePtr& exchange, const Message& message,
                                            Ending ending) {
   if (awaited_ != exchange) return;
   countAnswer(*exchange, message.size());
@@ -205,7 +257,7 @@ void ClientConnection<Stream>::onSent() {
 template <class Stream>
 void ClientConnection<Stream>::linger() {
   boost::system::error_code ec;
-  this->stream().lowest_layer().shutdown(boost::asio::socket_base::shutdown_send, ec);
+  this->stream().endSending(ec);
   if (ec) return close();
   this->setDeadline(core_->bounds.linger);
   requests_.discard();
@@ -243,5 +295,6 @@ void ClientConnection<Stream>::sendParts() {
 }
 
 template class ClientConnection<TcpStream>;
+template class ClientConnection<TlsClientStream>;
 
 }  // namespace qn

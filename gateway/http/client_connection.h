@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 
 #include "gateway/http/answer_sender.h"
 #include "gateway/http/client_stream.h"
@@ -14,11 +15,14 @@
 #include "gateway/http/part_pusher.h"
 #include "gateway/http/request_receiver.h"
 #include "gateway/http/service_core.h"
+#include "gateway/tls/tls_stream.h"
 
 namespace qn {
 
-// Answers from other threads are posted to the stream's reactor, where everything else happens. A
-// template over the stream type: TLS is another Stream.
+using TlsClientStream = TlsStream<TcpStream>;
+
+// Answers from other threads are posted to the stream's reactor, where everything else happens.
+// Over TlsClientStream, a handshake comes first.
 template <class Stream>
 class ClientConnection final : public ClientStream<Stream>,
                                public AnswerLink,
@@ -32,7 +36,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void start();
   void close() override;
   std::optional<std::chrono::steady_clock::time_point> idleSince() const override {
-    return requests_.idleSince();
+    return handshake_ ? handshake_->since() : requests_.idleSince();
   }
   void closeUnlessAllowed() override;
 
@@ -48,6 +52,11 @@ class ClientConnection final : public ClientStream<Stream>,
 
   bool onOwnThread() const;
 
+  void begin();
+  void shakeHands() requires std::is_same_v<Stream, TlsClientStream>;
+  void onHandshake(
+      const boost::system::error_code& ec) requires std::is_same_v<Stream, TlsClientStream>;
+
   ExchangePtr onHead(const RequestHead& head) override;
   void onRequest(const ExchangePtr& exchange, std::string_view body) override;
   void onRefused(OwnAnswer answer) override;
@@ -55,7 +64,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void onDeadline() override;
   void onEnd() override;
 
-  void writeAnswer(const ExchangePtr& exchange, std::string_view message, Ending ending);
+  void writeAnswer(const ExchangePtr& exchange, const Message& message, Ending ending);
   void onSent();
   void linger();
   void beginStream(const ExchangePtr& exchange);
@@ -67,6 +76,7 @@ class ClientConnection final : public ClientStream<Stream>,
   const std::shared_ptr<ServiceCore> core_;
   const std::size_t reactor_;
   Arrival arrival_;
+  std::optional<Handshakes::Turn> handshake_;  // while it is under way
 
   RequestReceiver<Stream> requests_;
   AnswerSender<Stream> answers_;
@@ -79,5 +89,6 @@ class ClientConnection final : public ClientStream<Stream>,
 };
 
 extern template class ClientConnection<TcpStream>;
+extern template class ClientConnection<TlsClientStream>;
 
 }  // namespace qn

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <boost/asio/basic_stream_socket.hpp>
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
@@ -22,11 +23,26 @@
 #include "gateway/http/bounds.h"
 #include "gateway/log/log.h"
 #include "gateway/metrics/counts.h"
+#include "gateway/net/reply_in_hand.h"
 
 namespace qn {
 
-using TcpStream =
-    boost::asio::basic_stream_socket<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
+// Asio's socket, with what a client's connection asks of it by the names that TlsStream has.
+class TcpStream : public boost::asio::basic_stream_socket<boost::asio::ip::tcp,
+                                                          boost::asio::io_context::executor_type> {
+ public:
+  TcpStream(basic_stream_socket socket) : basic_stream_socket(std::move(socket)) {}
+
+  void endSending(boost::system::error_code& ec) { shutdown(shutdown_send, ec); }
+  void close() {
+    boost::system::error_code ignored;
+    basic_stream_socket::close(ignored);
+  }
+  template <class Handler>
+  void async_wait_unread(Handler handler) {
+    async_wait(wait_read, std::move(handler));
+  }
+};
 
 // Everything happens on the reactor that the stream belongs to. Stream is what TcpStream is:
 // non-blocking write_some, async_read_some, async_write_some, get_executor, lowest_layer.
@@ -51,8 +67,7 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
     if (!std::exchange(open_, false)) return;
     onEnd();
     timer_.cancel();
-    ErrorCode ignored;
-    stream_.lowest_layer().close(ignored);
+    stream_.close();
   }
 
   // No exception leaves a handler; one ends the connection.
@@ -115,6 +130,32 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
   bool open_ = true;
 };
 
+// What a write left over: bytes of its own, and behind them some of a text that it shares.
+class LeftOver {
+ public:
+  LeftOver() = default;
+  explicit LeftOver(std::string own, SharedBytes keeper = nullptr, std::string_view shared = {})
+      : own_(std::move(own)), keeper_(std::move(keeper)), shared_(shared) {}
+
+  std::size_t size() const { return own_.size() - written_ + shared_.size(); }
+  bool empty() const { return size() == 0; }
+  std::array<boost::asio::const_buffer, 2> buffers() const {
+    return {boost::asio::buffer(own_) + written_,
+            boost::asio::buffer(shared_.data(), shared_.size())};
+  }
+  void consume(std::size_t count) {
+    const std::size_t ofOwn = std::min(count, own_.size() - written_);
+    written_ += ofOwn;
+    shared_.remove_prefix(count - ofOwn);
+  }
+
+ private:
+  std::string own_;
+  std::size_t written_ = 0;
+  SharedBytes keeper_;
+  std::string_view shared_;
+};
+
 // What a write left over, until the peer has taken it.
 template <class Stream>
 class UnsentBytes {
@@ -125,23 +166,22 @@ class UnsentBytes {
   bool empty() const { return bytes_.empty(); }
 
   // Writes what the peer takes at once: the number of bytes, nothing when the connection has ended.
-  std::optional<std::size_t> begin(std::string_view bytes) {
+  template <class Buffers>
+  std::optional<std::size_t> begin(const Buffers& buffers) {
     typename ClientStream<Stream>::ErrorCode ec;
-    const std::size_t count =
-        client_.stream().write_some(boost::asio::buffer(bytes.data(), bytes.size()), ec);
+    const std::size_t count = client_.stream().write_some(buffers, ec);
     counts_.here().sent.add(count);
     if (!ec) return count;
     if (ec == boost::asio::error::would_block || ec == boost::asio::error::try_again) return 0;
     client_.end();
     return std::nullopt;
   }
-  // Writes the bytes from `written` on and then calls onSent(); only when empty(). The deadline of
-  // the connection becomes that of a peer that takes nothing, or too little.
+  // Writes the bytes and then calls onSent(); only when empty(). The deadline of the connection
+  // becomes that of a peer that takes nothing, or too little.
   template <class Handler>
-  void finish(std::string bytes, std::size_t written, Handler onSent) {
+  void finish(LeftOver bytes, Handler onSent) {
     bytes_ = std::move(bytes);
-    written_ = written;
-    const auto slowest = std::chrono::seconds((bytes_.size() - written_) / bounds_.slowestRate);
+    const auto slowest = std::chrono::seconds(bytes_.size() / bounds_.slowestRate);
     end_ = Clock::now() + bounds_.stalled + slowest;
     writeOn(onSent);
   }
@@ -153,13 +193,12 @@ class UnsentBytes {
   void writeOn(Handler onSent) {
     client_.setDeadline(std::min<Clock::duration>(bounds_.stalled, end_ - Clock::now()));
     client_.stream().async_write_some(
-        boost::asio::buffer(bytes_.data() + written_, bytes_.size() - written_),
-        client_.guarded([this, onSent](const auto& ec, std::size_t count) {
+        bytes_.buffers(), client_.guarded([this, onSent](const auto& ec, std::size_t count) {
           if (ec) return client_.end();
           counts_.here().sent.add(count);
-          written_ += count;
-          if (written_ < bytes_.size()) return writeOn(onSent);
-          std::string().swap(bytes_);
+          bytes_.consume(count);
+          if (!bytes_.empty()) return writeOn(onSent);
+          bytes_ = {};
           onSent();
         }));
   }
@@ -167,8 +206,7 @@ class UnsentBytes {
   ClientStream<Stream>& client_;
   const HttpBounds& bounds_;
   Sharded<HttpCounts>& counts_;
-  std::string bytes_;
-  std::size_t written_ = 0;
+  LeftOver bytes_;
   Clock::time_point end_;  // by then a peer that takes them fast enough has all
 };
 

@@ -1,6 +1,7 @@
 // See exchange.h; also the module's CHttpExchange.
 #include "gateway/http/exchange.h"
 
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <unordered_map>
@@ -73,11 +74,10 @@ bool isClean(std::string_view text) {
 
 // These are the service's to set.
 bool isOwnHeader(std::string_view name) {
-  for (std::string_view own :
-       {"Content-Length", "Connection", "Date", "Transfer-Encoding", "X-Request-Id"}) {
-    if (text::equalNoCase(name, own)) return true;
-  }
-  return false;
+  static constexpr std::array<std::string_view, 5> kOwn = {"Content-Length", "Connection", "Date",
+                                                           "Transfer-Encoding", "X-Request-Id"};
+  return std::ranges::any_of(kOwn,
+                             [&](std::string_view own) { return text::equalNoCase(name, own); });
 }
 
 bool hasNoBody(int status) { return status < 200 || status == 204 || status == 304; }
@@ -105,7 +105,7 @@ ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
-      requestId_(qn::requestIdOf(head.fields)),
+      requestId_(qn::requestIdOf(head.namesRequest ? head.fields : std::string_view())),
       origin_(std::move(origin)),
       fields_(head.fields) {}
 
@@ -120,6 +120,11 @@ std::string ExchangeState::header(std::string_view name) const {
   const bool misused = !value.empty() && qn::text::equalNoCase(name, "Authorization") &&
                        !qn::digestUriIs(value, url_);
   return misused ? std::string() : std::string(value);
+}
+
+std::string ExchangeState::host() const {
+  const qn::MutexLock lock(mutex_);
+  return std::string(qn::findHeader(fields_, "Host").value);
 }
 
 std::string ExchangeState::bearerToken() const {
@@ -168,14 +173,10 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
 }
 
 void ExchangeState::setStatus(int status) {
-  const qn::MutexLock lock(mutex_);
   status_ = status >= 200 && status <= 999 ? status : 500;
 }
 
-int ExchangeState::status() const {
-  const qn::MutexLock lock(mutex_);
-  return status_;
-}
+int ExchangeState::status() const { return status_; }
 
 void ExchangeState::markStream() {
   const qn::MutexLock lock(mutex_);
@@ -191,29 +192,23 @@ bool ExchangeState::claim() { return !answered_.exchange(true); }
 void ExchangeState::setOnAnswer(std::function<void(int status)> call) {
   const qn::MutexLock lock(mutex_);
   onAnswer_ = std::move(call);
+  watched_ = true;
 }
 
 // By whoever has claimed the answer.
 void ExchangeState::tellStatus() {
+  if (!watched_) return;
   std::function<void(int status)> call;
-  int status;
   {
     const qn::MutexLock lock(mutex_);
-    if (!onAnswer_) return;
     call = std::exchange(onAnswer_, nullptr);
-    status = status_;
   }
-  call(status);
+  if (call) call(status_);
 }
 
 int ExchangeState::respond(const void* data, int length) {
   if (length < 0 || (data == nullptr && length > 0)) return 0;
-  bool stream;
-  {
-    const qn::MutexLock lock(mutex_);
-    stream = stream_;
-  }
-  if (stream) return respondOnStream(data, length);
+  if (stream_) return respondOnStream(data, length);
   if (!claim()) return HTTP_LINK_BROKEN;
   const auto link = origin_.link.lock();
   if (!link) return HTTP_LINK_BROKEN;
@@ -286,10 +281,8 @@ bool ExchangeState::finish(qn::OwnAnswer answer) {
   return finish(document.status, "application/json", document.body);
 }
 
-void ExchangeState::appendMessage(std::string& out, std::string_view body,
-                                  qn::Ending ending) const {
+void ExchangeState::appendHead(std::string& out, std::size_t bodySize, qn::Ending ending) const {
   const qn::MutexLock lock(mutex_);
-  out.reserve(out.size() + headers_.size() + body.size() + 192);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
   out += headers_;
@@ -299,13 +292,13 @@ void ExchangeState::appendMessage(std::string& out, std::string_view body,
   } else if (http10_) {
     out += "Connection: keep-alive\r\n";
   }
-  const bool bodyless = qn::hasNoBody(status_);
   // What a device says to HEAD does not tell how long its answer to GET would be.
-  const bool unknown = method_ == HTTP_HEAD && body.empty();
-  if (!bodyless && !unknown) qn::appendContentLength(out, body.size());
+  const bool unknown = method_ == HTTP_HEAD && bodySize == 0;
+  if (!qn::hasNoBody(status_) && !unknown) qn::appendContentLength(out, bodySize);
   out += "\r\n";
-  if (!bodyless && method_ != HTTP_HEAD) out += body;
 }
+
+bool ExchangeState::sendsBody() const { return method_ != HTTP_HEAD && !qn::hasNoBody(status()); }
 
 void ExchangeState::appendStreamHead(std::string& out) const {
   const qn::MutexLock lock(mutex_);

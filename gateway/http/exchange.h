@@ -74,6 +74,8 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   // address, which the module would look for a port inside of, is only the port of ours that the
   // request came in on.
   std::string header(std::string_view name) const;
+  // The Host header as the client sent it.
+  std::string host() const;
   // Of an Authorization header of the scheme Bearer, which header() does not show; or empty.
   std::string bearerToken() const;
   const std::string& clientAddress() const { return origin_.clientAddress; }
@@ -100,7 +102,10 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   bool finish(qn::OwnAnswer answer);
 
   // The connection's side.
-  void appendMessage(std::string& out, std::string_view body, qn::Ending ending) const;
+  // The head of an answer with a body of that size.
+  void appendHead(std::string& out, std::size_t bodySize, qn::Ending ending) const;
+  // Whether the answer's body is sent at all.
+  bool sendsBody() const;
   void appendStreamHead(std::string& out) const;
   // Moves everything that is queued to `out`, which is empty; false when there is nothing.
   bool takeParts(std::string& out);
@@ -135,6 +140,9 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   const qn::Origin origin_;
 
   std::atomic<bool> answered_{false};
+  std::atomic<int> status_{200};
+  std::atomic<bool> stream_{false};
+  std::atomic<bool> watched_{false};  // onAnswer_ is set
   std::atomic<bool> clientEnded_{false};
   mutable std::atomic<std::chrono::nanoseconds::rep> deviceTime_{0};
 
@@ -143,9 +151,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
       QN_GUARDED_BY(mutex_);  // the request's header lines; given back when a stream starts
   std::string headers_ QN_GUARDED_BY(mutex_);  // the answer's header lines
   qn::LoggedIn login_ QN_GUARDED_BY(mutex_);
-  int status_ QN_GUARDED_BY(mutex_) = 200;
   std::function<void(int status)> onAnswer_ QN_GUARDED_BY(mutex_);
-  bool stream_ QN_GUARDED_BY(mutex_) = false;
   bool streamOpen_ QN_GUARDED_BY(mutex_) = false;
   bool gone_ QN_GUARDED_BY(mutex_) = false;
   bool wakePending_ QN_GUARDED_BY(mutex_) = false;

@@ -7,23 +7,44 @@
 namespace qn {
 namespace {
 constexpr std::chrono::milliseconds kDrainPoll{5};
+
+MainPort plainPort(const HttpOptions& options, const HttpsOptions& https) {
+  const Access access = https.isOn() && https.redirect ? Access::Redirection : Access::Everything;
+  return {options.address, options.enabled ? std::optional(options.port) : std::nullopt, access};
+}
+
+MainPort securePort(const HttpsOptions& https) {
+  return {https.address, https.isOn() ? std::optional(https.port) : std::nullopt};
+}
+
 }  // namespace
 
 HttpService::HttpService(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
                          ModuleEntry module, const HttpBounds& bounds,
-                         std::vector<OwnResource> resources)
-    : core_(std::make_shared<ServiceCore>(reactors, workers, options, bounds, module,
+                         std::vector<OwnResource> resources, const HttpsOptions& https)
+    : core_(std::make_shared<ServiceCore>(reactors, workers, options, https, bounds, module,
                                           std::move(resources))),
-      ports_(std::make_shared<Ports>(core_, options.address)),
-      configuredPort_(options.port) {}
+      ports_(std::make_shared<Ports>(core_, options.address, Transport::Plain)),
+      securePorts_(std::make_shared<Ports>(core_, https.address, Transport::Tls)),
+      configured_(plainPort(options, https)),
+      secureConfigured_(securePort(https)) {}
 
 HttpService::~HttpService() { close(); }
 
-void HttpService::listen() { mainPort_ = ports_->openMain(configuredPort_); }
+void HttpService::listen() { mainPort_ = ports_->setMain(configured_); }
+
+void HttpService::listenSecurely() { setSecurePort(secureConfigured_); }
+
+void HttpService::setSecurePort(const MainPort& wanted) try {
+  securePorts_->setMain(wanted);
+} catch (const std::system_error& error) {
+  throw SecurePortError(error);
+}
 
 void HttpService::stopAccepting() {
   core_->stopping = true;
   ports_->close();
+  securePorts_->close();
 }
 
 bool HttpService::drain(std::chrono::steady_clock::time_point deadline) {
@@ -39,9 +60,17 @@ void HttpService::close() {
   onEachConnection(&OpenConnection::close);
 }
 
-void HttpService::setOptions(const HttpOptions& options) {
-  mainPort_ = ports_->move(options.address, options.port);
-  core_->setOptions(options);
+void HttpService::setOptions(const HttpOptions& options, const HttpsOptions& https) {
+  const auto next = core_->prepare(options, https);
+  const MainPort former = ports_->main();
+  mainPort_ = ports_->setMain(plainPort(options, https));
+  try {
+    setSecurePort(securePort(https));
+  } catch (...) {
+    mainPort_ = ports_->setMain(former);
+    throw;
+  }
+  core_->setOptions(next);
 }
 
 void HttpService::closeForbiddenStreams() { onEachConnection(&OpenConnection::closeUnlessAllowed); }

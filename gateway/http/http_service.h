@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include "gateway/config/configuration.h"
@@ -17,19 +18,28 @@
 
 namespace qn {
 
+// The port of HTTPS cannot be listened on.
+class SecurePortError : public std::system_error {
+ public:
+  explicit SecurePortError(const std::system_error& reason) : std::system_error(reason) {}
+};
+
 // Every operation may be called on any thread but a reactor's. Reactors and pools outlive the
 // service, and the reactors run until it is closed.
 class HttpService {
  public:
   HttpService(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
               ModuleEntry module, const HttpBounds& bounds = {},
-              std::vector<OwnResource> resources = {});
+              std::vector<OwnResource> resources = {}, const HttpsOptions& https = {});
   ~HttpService();  // closes
   HttpService(const HttpService&) = delete;
   HttpService& operator=(const HttpService&) = delete;
 
-  // Listens on the configured port (0: a free one). Throws std::system_error with the reason.
+  // Listens on the configured port of HTTP (0: a free one), if that is enabled. Throws
+  // std::system_error with the reason.
   void listen();
+  // The same for HTTPS, if that is on; throws SecurePortError.
+  void listenSecurely();
   uint16_t port() const { return mainPort_; }
   // Listens on a further port, which setExtraPorts() will name, now. Throws as listen() does.
   void listenOn(uint16_t port, Access access) { ports_->openExtra(port, access); }
@@ -37,12 +47,13 @@ class HttpService {
   // logged and tried again every few seconds.
   void setExtraPorts(const std::map<uint16_t, Access>& ports) { ports_->setExtra(ports); }
   // Whether connections to that port come here; after listen().
-  bool serves(uint16_t port) const { return ports_->serves(port); }
+  bool serves(uint16_t port) const { return ports_->serves(port) || securePorts_->serves(port); }
 
   // Puts others in force. Moves to another address and port first: when it cannot listen there, it
   // throws as listen() does, and nothing has changed. Connections stay; limits hold for what comes
   // from now on. Then call setExtraPorts().
-  void setOptions(const HttpOptions& options);
+  // Certificates that OpenSSL refuses are an std::runtime_error; new ones hold for new connections.
+  void setOptions(const HttpOptions& options, const HttpsOptions& https = {});
   // What it has counted, and what it holds about now; neither takes a lock.
   const Sharded<HttpCounts>& counts() const { return core_->counts; }
   ServiceLoad load() const { return core_->load(); }
@@ -62,11 +73,14 @@ class HttpService {
   void close();
 
  private:
+  void setSecurePort(const MainPort& wanted);
   void onEachConnection(void (OpenConnection::*action)());
 
   const std::shared_ptr<ServiceCore> core_;
   const std::shared_ptr<Ports> ports_;
-  const uint16_t configuredPort_;  // for listen()
+  const std::shared_ptr<Ports> securePorts_;
+  const MainPort configured_;  // for listen()
+  const MainPort secureConfigured_;
   std::atomic<uint16_t> mainPort_{0};
 };
 

@@ -16,9 +16,10 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 
 Listener::Listener(std::shared_ptr<ServiceCore> core, const std::string& text, uint16_t port,
-                   Access access)
+                   Access access, Transport transport)
     : core_(std::move(core)),
       access_(access),
+      transport_(transport),
       acceptor_(core_->reactors.context(0)),
       timer_(core_->reactors.context(0)) {
   const auto check = [&](const error_code& ec) {
@@ -98,15 +99,22 @@ void Listener::serve(std::size_t reactor, TcpStream stream) try {
     core_->counts.here().turnedAway.add();
     const std::string peer = arrival.peer.to_string();
     logClient(LogLevel::Warn, peer, "connection from {} refused: too many are open", peer);
-    if (!core_->refusals.take(client, arrival.place)) return;  // too many to be told so: closed
+    // Closed without a word where there are too many, or a word would take a handshake.
+    if (transport_ == Transport::Tls || !core_->refusals.take(client, arrival.place)) return;
     arrival.access = Access::Nothing;
   }
-  auto connection = std::make_shared<ClientConnection<TcpStream>>(core_, reactor, std::move(stream),
-                                                                  std::move(arrival));
-  asio::post(core_->reactors.context(reactor),
-             [connection = std::move(connection)] { connection->start(); });
+  if (transport_ == Transport::Plain) return begin(reactor, std::move(stream), std::move(arrival));
+  begin(reactor, TlsClientStream(std::move(stream), TlsRole::Server), std::move(arrival));
 } catch (const std::exception& e) {
   logError("http: accepted connection dropped: {}", e.what());
+}
+
+template <class Stream>
+void Listener::begin(std::size_t reactor, Stream stream, Arrival arrival) {
+  auto connection = std::make_shared<ClientConnection<Stream>>(core_, reactor, std::move(stream),
+                                                               std::move(arrival));
+  asio::post(core_->reactors.context(reactor),
+             [connection = std::move(connection)] { connection->start(); });
 }
 
 // Descriptors or memory ran out: trying again at once would only spin.
@@ -117,31 +125,29 @@ void Listener::pause() {
   });
 }
 
-Ports::Ports(std::shared_ptr<ServiceCore> core, std::string address)
-    : core_(std::move(core)), timer_(core_->reactors.context(0)), address_(std::move(address)) {}
-
-uint16_t Ports::openMain(uint16_t port) {
-  const MutexLock lock(mutex_);
-  main_ = opened(port, Access::Everything);
-  return main_->port();
-}
+Ports::Ports(std::shared_ptr<ServiceCore> core, std::string address, Transport transport)
+    : core_(std::move(core)),
+      transport_(transport),
+      timer_(core_->reactors.context(0)),
+      address_(std::move(address)) {}
 
 Ports::ListenerPtr Ports::opened(uint16_t port, Access access) {
-  auto listener = std::make_shared<Listener>(core_, address_, port, access);
+  auto listener = std::make_shared<Listener>(core_, address_, port, access, transport_);
   listener->start();
   return listener;
 }
 
 // Nothing is closed with the mutex held: a timer may be waiting for it on the first reactor.
-uint16_t Ports::move(const std::string& address, uint16_t port) {
-  const auto former = holderOf(address, port);
-  if (!former) return port;
+uint16_t Ports::setMain(const MainPort& wanted) {
+  const auto former = formerFor(wanted);
+  if (!former) return wanted.port.value_or(0);
   if (former->inTheWay) closeAll({former->inTheWay});
   Listeners unused;
   try {
     const MutexLock lock(mutex_);
-    address_ = address;
-    unused = replaceMain(opened(port, Access::Everything), address != former->address);
+    address_ = wanted.address;
+    ListenerPtr next = wanted.port ? opened(*wanted.port, wanted.access) : nullptr;
+    unused = replaceMain(std::move(next), wanted.address != former->address);
   } catch (...) {
     const MutexLock lock(mutex_);
     address_ = former->address;
@@ -150,26 +156,37 @@ uint16_t Ports::move(const std::string& address, uint16_t port) {
     throw;
   }
   closeAll(unused);
-  const MutexLock lock(mutex_);
-  return main_->port();
+  return main().port.value_or(0);
 }
 
-// Nothing when the main port is there already. Two listeners of one port are in each other's way,
-// whatever their addresses.
-std::optional<Ports::Former> Ports::holderOf(const std::string& address, uint16_t port) {
+// Nothing when all is there already. Two listeners of one port are in each other's way, whatever
+// their addresses.
+std::optional<Ports::Former> Ports::formerFor(const MainPort& wanted) {
   const MutexLock lock(mutex_);
-  if (!main_ || (address == address_ && port == main_->port())) return std::nullopt;
-  const auto wanted = wanted_;
+  const bool there =
+      main_ ? wanted.port == main_->port() && wanted.access == main_->access() : !wanted.port;
+  if (core_->stopping || (there && wanted.address == address_)) return std::nullopt;
+  const uint16_t port = wanted.port.value_or(0);
+  const auto before = wanted_;
   wanted_.erase(port);  // until setExtra()
   const auto extra = extra_.find(port);
   ListenerPtr inTheWay = extra == extra_.end() ? nullptr : extra->second;
-  return Former{address_, wanted, main_->port() == port ? main_ : inTheWay};
+  if (main_ && wanted.port == main_->port()) inTheWay = main_;
+  return Former{address_, before, inTheWay};
+}
+
+MainPort Ports::main() const {
+  const MutexLock lock(mutex_);
+  if (!main_) return {address_, std::nullopt};
+  return {address_, main_->port(), main_->access()};
 }
 
 // Returns what is to be closed: the other ports come again with setExtra() where all move.
 Ports::Listeners Ports::replaceMain(ListenerPtr next, bool allMove) {
-  Listeners unused{std::exchange(main_, std::move(next))};
-  const uint16_t mainPort = main_->port();
+  Listeners unused;
+  if (main_) unused.push_back(main_);
+  main_ = std::move(next);
+  const uint16_t mainPort = main_ ? main_->port() : 0;
   std::erase_if(extra_, [&](const auto& entry) {
     const bool goes = allMove || entry.first == mainPort;
     if (goes) unused.push_back(entry.second);
@@ -180,7 +197,7 @@ Ports::Listeners Ports::replaceMain(ListenerPtr next, bool allMove) {
 
 void Ports::putBack(const Listener& closed) {
   auto again = opened(closed.port(), closed.access());
-  if (main_->port() == closed.port()) {
+  if (main_ && main_->port() == closed.port()) {
     main_ = std::move(again);
   } else {
     extra_[closed.port()] = std::move(again);

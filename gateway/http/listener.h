@@ -18,12 +18,14 @@
 
 namespace qn {
 
+enum class Transport { Plain, Tls };
+
 // One port. Lives on the first reactor.
 class Listener : public std::enable_shared_from_this<Listener> {
  public:
   // Listens at once, accepts after start(). Throws std::system_error.
   Listener(std::shared_ptr<ServiceCore> core, const std::string& address, uint16_t port,
-           Access access);
+           Access access, Transport transport);
 
   uint16_t port() const { return port_; }
   Access access() const { return access_; }
@@ -35,30 +37,40 @@ class Listener : public std::enable_shared_from_this<Listener> {
   void welcome(std::size_t reactor, TcpStream stream);
   bool waitForPlace(std::size_t reactor, TcpStream& stream);
   void serve(std::size_t reactor, TcpStream stream);
+  template <class Stream>
+  void begin(std::size_t reactor, Stream stream, Arrival arrival);
   void pause();
 
   const std::shared_ptr<ServiceCore> core_;
   const Access access_;
+  const Transport transport_;
   boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, boost::asio::io_context::executor_type>
       acceptor_;
   boost::asio::steady_timer timer_;
   uint16_t port_ = 0;
 };
 
-// All ports. Any thread but a reactor's, except where a timer calls it.
+// The main port of a transport, when it has one.
+struct MainPort {
+  std::string address;
+  std::optional<uint16_t> port;  // 0: a free one
+  Access access = Access::Everything;
+};
+
+// All ports of a transport. Any thread but a reactor's, except where a timer calls it.
 class Ports : public std::enable_shared_from_this<Ports> {
  public:
-  // On this address of the host, as long as move() names no other.
-  Ports(std::shared_ptr<ServiceCore> core, std::string address);
+  // On this address of the host, as long as setMain() names no other.
+  Ports(std::shared_ptr<ServiceCore> core, std::string address, Transport transport);
 
-  // Opens the main port (0: a free one), which it returns, or a further one that setExtra() will
-  // name. Throws std::system_error with the reason.
-  uint16_t openMain(uint16_t port);
+  // Has the main port, and by and by the others, there, or no main port. What is connected stays.
+  // Throws std::system_error with the reason when the main port cannot be opened; everything is
+  // then as it was. Returns the main port, 0 for none.
+  uint16_t setMain(const MainPort& wanted);
+  // As setMain() would have it again.
+  MainPort main() const;
+  // Opens a further port, which setExtra() will name. Throws std::system_error with the reason.
   void openExtra(uint16_t port, Access access);
-  // Has the main port, and by and by the others, elsewhere. What is connected stays. Throws
-  // std::system_error with the reason when the main port cannot be opened there; everything is
-  // then as it was. Returns the main port.
-  uint16_t move(const std::string& address, uint16_t port);
   // Besides the main port, these from now on and no others. One that is taken is logged and tried
   // again every HttpBounds::reopen.
   void setExtra(const std::map<uint16_t, Access>& wanted);
@@ -78,7 +90,7 @@ class Ports : public std::enable_shared_from_this<Ports> {
   };
 
   ListenerPtr opened(uint16_t port, Access access) QN_REQUIRES(mutex_);
-  std::optional<Former> holderOf(const std::string& address, uint16_t port);
+  std::optional<Former> formerFor(const MainPort& wanted);
   Listeners replaceMain(ListenerPtr next, bool allMove) QN_REQUIRES(mutex_);
   void putBack(const Listener& closed) QN_REQUIRES(mutex_);
   void openMissing() QN_REQUIRES(mutex_);
@@ -90,6 +102,7 @@ class Ports : public std::enable_shared_from_this<Ports> {
   void closeAll(const Listeners& listeners);
 
   const std::shared_ptr<ServiceCore> core_;
+  const Transport transport_;
   boost::asio::steady_timer timer_;  // the first reactor's
   mutable Mutex mutex_;
   std::string address_ QN_GUARDED_BY(mutex_);

@@ -34,16 +34,18 @@ class PartPusher {
     boundUnsent();
     std::string head;
     exchange_->appendStreamHead(head);
-    finish(std::move(head), 0);
+    finish(LeftOver(std::move(head)));
   }
   // Sends all parts that are queued, unless some are still on their way.
   void push() {
     std::string parts;
     if (!exchange_ || !unsent_.empty() || !exchange_->takeParts(parts)) return;
-    const auto count = unsent_.begin(parts);
+    const auto count = unsent_.begin(boost::asio::buffer(parts));
     if (!count) return;
     if (*count == parts.size()) return onPartsSent();
-    finish(std::move(parts), *count);
+    LeftOver rest(std::move(parts));
+    rest.consume(*count);
+    finish(std::move(rest));
   }
   // Null while the connection is no stream.
   const ExchangePtr& exchange() const { return exchange_; }
@@ -69,8 +71,8 @@ class PartPusher {
     const auto stalled = static_cast<unsigned int>(core_.bounds.stalled.count());
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
   }
-  void finish(std::string bytes, std::size_t written) {
-    unsent_.finish(std::move(bytes), written, [this] {
+  void finish(LeftOver bytes) {
+    unsent_.finish(std::move(bytes), [this] {
       onPartsSent();
       push();
     });

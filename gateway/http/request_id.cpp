@@ -14,6 +14,9 @@
 namespace qn {
 namespace {
 
+constexpr std::string_view kOfClient = "X-Request-Id";
+constexpr std::string_view kOfTrace = "traceparent";
+
 // No longer than what a string holds without an allocation: what tells gateways and their starts
 // apart, and a counter.
 constexpr std::size_t kStartDigits = 6;
@@ -57,10 +60,14 @@ std::string ownId() {
 
 }  // namespace
 
+bool namesRequest(std::string_view name) {
+  return text::equalNoCase(name, kOfClient) || text::equalNoCase(name, kOfTrace);
+}
+
 std::string requestIdOf(std::string_view fields) {
-  const std::string_view given = findHeader(fields, "X-Request-Id").value;
+  const std::string_view given = findHeader(fields, kOfClient).value;
   if (isId(given)) return std::string(given);
-  const std::string_view trace = traceOf(findHeader(fields, "traceparent").value);
+  const std::string_view trace = traceOf(findHeader(fields, kOfTrace).value);
   return trace.empty() ? ownId() : std::string(trace);
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 
+#include "gateway/http/request_id.h"
 #include "platform/http_service.h"
 #include "text/ascii.h"
 
@@ -93,6 +94,8 @@ class RequestParser final : public http::basic_parser<true> {
         ec = http::error::bad_transfer_encoding;
     } else if (field == http::field::expect) {
       head_.expectsContinue = !head_.http10 && text::equalNoCase(value, "100-continue");
+    } else if (field == http::field::unknown && namesRequest(name)) {
+      head_.namesRequest = true;
     }
   }
 

@@ -22,6 +22,7 @@ struct RequestHead {
   bool keepAlive = false;
   bool http10 = false;
   bool expectsContinue = false;
+  bool namesRequest = false;  // a line may hold the request's id
 };
 
 enum class ReadResult { Partial, Complete, Malformed, HeadTooLarge, BodyTooLarge };

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
-#include <boost/asio/socket_base.hpp>
 #include <chrono>
 #include <cstddef>
 #include <optional>
@@ -239,8 +238,7 @@ class RequestReceiver {
   void waitForPeer() {
     if (reading_) return;
     received_.release();
-    client_.stream().lowest_layer().async_wait(
-        boost::asio::socket_base::wait_read,
+    client_.stream().async_wait_unread(
         client_.guarded([this](const ErrorCode& ec) { onPeer(ec); }));
   }
   void onPeer(const ErrorCode& ec) {

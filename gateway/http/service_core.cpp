@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <cctype>
 #include <climits>
 #include <exception>
 #include <future>
@@ -16,6 +17,7 @@
 #include "gateway/log/log.h"
 #include "gateway/log/request_id.h"
 #include "platform/rest_protocol.h"
+#include "text/ascii.h"
 
 namespace qn {
 namespace {
@@ -50,6 +52,28 @@ void answering(const ExchangePtr& exchange, Answering answer) {
 }
 
 constexpr int kNotFound = 404;
+constexpr int kPermanentRedirect = 308;
+constexpr uint16_t kHttpsPort = 443;
+
+// Of a Host header: a name or an address; nothing when it is neither.
+std::optional<std::string> hostWithoutPort(std::string_view host) {
+  constexpr std::size_t kLongestName = 253;
+  const bool bracketed = host.starts_with('[');
+  const std::size_t end = std::min(bracketed ? host.find(']') : host.find(':'), host.size());
+  if (bracketed && end == host.size()) return std::nullopt;
+  const std::string_view name = host.substr(bracketed ? 1 : 0, end - (bracketed ? 1 : 0));
+  const std::string_view port = host.substr(bracketed ? end + 1 : end);
+  const auto allowed = [&](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' ||
+           (bracketed ? c == ':' : c == '-' || c == '_');
+  };
+  const bool good =
+      !name.empty() && name.size() <= kLongestName && std::ranges::all_of(name, allowed) &&
+      (port.empty() || (port[0] == ':' && std::ranges::all_of(port.substr(1), text::isDigit)));
+  if (!good) return std::nullopt;
+  return std::string(host.substr(0, bracketed ? end + 1 : end));
+}
+
 constexpr std::string_view kDoorPage =
     "<!DOCTYPE html><html lang=\"en\"><head><meta charset=\"utf-8\"><title>KAVRO gateway</title>"
     "</head><body><h1>KAVRO gateway</h1><p>There is no page here. Clients of the KAVRO protocol "
@@ -112,14 +136,14 @@ std::string userOf(const ExchangeState& exchange) {
 }  // namespace
 
 ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOptions& optionsIn,
-                         const HttpBounds& boundsIn, ModuleEntry module,
+                         const HttpsOptions& https, const HttpBounds& boundsIn, ModuleEntry module,
                          std::vector<OwnResource> resources)
     : reactors(reactorsIn),
       bounds(boundsIn),
       places(optionsIn.connections, optionsIn.connectionsPerAddress),
       refusals(refusalsAtOnce(optionsIn), refusalsOfOne(optionsIn)),
       open(reactorsIn.size()),
-      inForce_(reactorsIn.size(), std::make_shared<const InForce>(optionsIn)),
+      inForce_(reactorsIn.size(), prepare(optionsIn, https)),
       workers_(workers),
       module_(module),
       resources_(std::move(resources)),
@@ -129,14 +153,39 @@ ServiceCore::ServiceCore(Reactors& reactorsIn, HttpWorkers workers, const HttpOp
       mostRequests_(optionsIn.requests) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     senders.push_back(std::make_shared<StreamSender>(reactors.context(i)));
+    handshakes.push_back(std::make_unique<Handshakes>(reactors.context(i), counts));
   }
+  setLimits(*inForce_[0]);
 }
 
-void ServiceCore::setOptions(const HttpOptions& options) {
-  const auto next = std::make_shared<const InForce>(options);
+ServiceCore::Options::Options(const HttpOptions& http, const HttpsOptions& secure,
+                              const std::shared_ptr<TicketKeys>& keys)
+    : options(http),
+      https(secure),
+      trusted(http.trustedProxies),
+      tls(https.isOn() ? std::make_unique<const TlsServer>(https.tls(), keys) : nullptr) {}
+
+std::shared_ptr<const ServiceCore::Options> ServiceCore::prepare(const HttpOptions& options,
+                                                                 const HttpsOptions& https) const {
+  return std::make_shared<const Options>(options, https, ticketKeys_);
+}
+
+const HttpOptions& ServiceCore::options() const { return inForce().options; }
+const TrustedProxies& ServiceCore::trusted() const { return inForce().trusted; }
+const TlsServer* ServiceCore::tls() const { return inForce().tls.get(); }
+std::chrono::seconds ServiceCore::handshakeTime() const { return inForce().https.handshakeTime; }
+
+void ServiceCore::setOptions(const std::shared_ptr<const Options>& next) {
   for (std::size_t i = 0; i < reactors.size(); ++i) {
     runOn(i, [core = shared_from_this(), next, i] { core->inForce_[i] = next; });
   }
+  setLimits(*next);
+}
+
+void ServiceCore::setLimits(const Options& next) {
+  const HttpOptions& options = next.options;
+  const std::size_t ofReactor = next.https.handshakes / reactors.size();
+  for (const auto& each : handshakes) each->setMost(std::max<std::size_t>(ofReactor, 1));
   mostRequests_ = options.requests;
   places.setLimits(options.connections, options.connectionsPerAddress);
   refusals.setLimits(refusalsAtOnce(options), refusalsOfOne(options));
@@ -219,9 +268,10 @@ ServiceLoad ServiceCore::load() const {
   const auto budget = [](const MemoryBudget& of) {
     return ServiceLoad::Budget{of.held(), of.most(), of.refusals()};
   };
-  return {places.taken(),        places.all(),    requestsInFlight(),
-          mostRequests_,         budget(bodies_), budget(strangersBodies_),
-          budget(unsentAnswers_)};
+  std::size_t shaking = 0;
+  for (const auto& each : handshakes) shaking += each->underWay();
+  return {places.taken(), places.all(),    requestsInFlight(),       mostRequests_,
+          shaking,        budget(bodies_), budget(strangersBodies_), budget(unsentAnswers_)};
 }
 
 bool ServiceCore::enterRequest() {
@@ -242,7 +292,22 @@ void ServiceCore::queue(WorkerPool& workers, const ExchangePtr& exchange, Job jo
   if (!workers.post(std::move(job))) exchange->finish(OwnAnswer::Overloaded);
 }
 
+// To where the client has meant to go, by HTTPS.
+void ServiceCore::redirect(ExchangeState& exchange) const {
+  const uint16_t port = inForce().https.redirectPort;
+  const auto host = hostWithoutPort(exchange.host());
+  if (!host || port == 0) {
+    exchange.finish(OwnAnswer::Malformed);
+    return;
+  }
+  const std::string to =
+      "https://" + *host + (port == kHttpsPort ? "" : ':' + std::to_string(port));
+  exchange.setHeader("Location", to + exchange.url());
+  exchange.finish(kPermanentRedirect, "text/plain", {});
+}
+
 void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::string_view body) {
+  if (access == Access::Redirection) return redirect(*exchange);
   if (const OwnResource* resource = findResource(exchange->url())) {
     return queue(workers_.files, exchange, [core = shared_from_this(), exchange, resource] {
       const RequestIdScope idScope(exchange->requestId());

@@ -19,12 +19,14 @@
 #include "gateway/http/bounds.h"
 #include "gateway/http/client_address.h"
 #include "gateway/http/exchange.h"
+#include "gateway/http/handshakes.h"
 #include "gateway/http/memory_budget.h"
 #include "gateway/http/places.h"
 #include "gateway/http/stream_list.h"
 #include "gateway/metrics/counts.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
+#include "gateway/tls/tls_server.h"
 
 namespace qn {
 
@@ -70,8 +72,9 @@ struct HttpWorkers {
   WorkerPool& devices;  // the rest, which waits for a device
 };
 
-// What a listening port gives to those who connect to it; Nothing: they are told to come later.
-enum class Access { Everything, OwnResources, Nothing };
+// What a listening port gives to those who connect to it; Redirection: where it is with HTTPS;
+// Nothing: they are told to come later.
+enum class Access { Everything, OwnResources, Redirection, Nothing };
 
 // How a connection came.
 struct Arrival {
@@ -93,6 +96,7 @@ struct ServiceLoad {
   std::size_t mostConnections;
   std::size_t requests;  // in flight
   std::size_t mostRequests;
+  std::size_t handshakes;  // of TLS, under way
   Budget bodies;
   Budget strangersBodies;
   Budget answers;
@@ -111,8 +115,10 @@ class OpenConnection {
 
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
  public:
+  // Throws std::runtime_error for certificates that OpenSSL refuses.
   ServiceCore(Reactors& reactors, HttpWorkers workers, const HttpOptions& options,
-              const HttpBounds& bounds, ModuleEntry module, std::vector<OwnResource> resources);
+              const HttpsOptions& https, const HttpBounds& bounds, ModuleEntry module,
+              std::vector<OwnResource> resources);
 
   // Hands a complete request over and sends its answer, unless that is left to the module; what
   // may block is queued for the worker pool. On the reactor of the exchange's connection, whose
@@ -147,10 +153,17 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
 
   Reactors& reactors;
   // What is in force on the reactor that asks, until its handler ends; on reactors only.
-  const HttpOptions& options() const { return inForce().options; }
-  const TrustedProxies& trusted() const { return inForce().trusted; }
-  // Puts others in force, for what comes from now on; not on a reactor.
-  void setOptions(const HttpOptions& options);
+  const HttpOptions& options() const;
+  const TrustedProxies& trusted() const;
+  // Null while there is no HTTPS.
+  const TlsServer* tls() const;
+  std::chrono::seconds handshakeTime() const;
+  // Puts others in force, for what comes from now on; not on a reactor. Throws std::runtime_error,
+  // and changes nothing, for certificates that OpenSSL refuses.
+  class Options;
+  std::shared_ptr<const Options> prepare(const HttpOptions& options,
+                                         const HttpsOptions& https) const;
+  void setOptions(const std::shared_ptr<const Options>& options);
 
   const HttpBounds bounds;
   Places places;
@@ -160,16 +173,13 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::atomic<bool> stopping{false};
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
-  std::vector<std::shared_ptr<StreamSender>> senders;  // one for each reactor
+  std::vector<std::shared_ptr<StreamSender>> senders;   // one for each reactor
+  std::vector<std::unique_ptr<Handshakes>> handshakes;  // one for each reactor
 
  private:
-  struct InForce {
-    explicit InForce(const HttpOptions& from) : options(from), trusted(from.trustedProxies) {}
-    const HttpOptions options;
-    const TrustedProxies trusted;
-  };
-
-  const InForce& inForce() const { return *inForce_[std::size_t(Reactors::current())]; }
+  const Options& inForce() const { return *inForce_[std::size_t(Reactors::current())]; }
+  void redirect(ExchangeState& exchange) const;
+  void setLimits(const Options& options);
   const OwnResource* findResource(std::string_view url) const;
   bool waitsForLogin(const ExchangePtr& exchange, std::string_view body);
   void handToModule(const ExchangePtr& exchange, std::string_view body);
@@ -182,7 +192,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
 
   std::size_t closeLongestIdle(std::size_t reactor);
 
-  std::vector<std::shared_ptr<const InForce>> inForce_;  // one for each reactor, used on it only
+  const std::shared_ptr<TicketKeys> ticketKeys_ = std::make_shared<TicketKeys>();
+  std::vector<std::shared_ptr<const Options>> inForce_;  // one for each reactor, used on it only
   const HttpWorkers workers_;
   const ModuleEntry module_;
   const std::vector<OwnResource> resources_;
@@ -193,6 +204,18 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   std::atomic<std::size_t> next_{0};
   std::atomic<std::size_t> mostRequests_;
   std::atomic<std::size_t> requests_{0};
+};
+
+// What is in force together. Constant.
+class ServiceCore::Options {
+ public:
+  Options(const HttpOptions& http, const HttpsOptions& secure,
+          const std::shared_ptr<TicketKeys>& keys);
+
+  const HttpOptions options;
+  const HttpsOptions https;
+  const TrustedProxies trusted;
+  const std::unique_ptr<const TlsServer> tls;
 };
 
 }  // namespace qn

@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <optional>
 
+#include "include/embedded_gateway.h"
+
 namespace qn {
 
 // What the process ends with.
@@ -12,12 +14,12 @@ enum class ExitStatus : int {
   Good = 0,
   BadConfiguration = 1,
   BadUsage = 2,
-  NotStarted = 3,
+  NotDone = 3,  // the gateway did not start, or what a command asked for was not done
 };
 
 struct Arguments {
   std::filesystem::path config;
-  std::filesystem::path module;
+  std::filesystem::path module = GatewayParts::installedModule();
 };
 
 // Does what was asked for, and says how that ended; nothing when the gateway is to run. Throws

@@ -9,20 +9,14 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <string>
-#include <system_error>
-#include <utility>
-#include <vector>
 
 #include "gateway/config/configuration_file.h"
-#include "gateway/log/client_log.h"
+#include "gateway/host/descriptors.h"
 #include "gateway/log/log.h"
-#include "gateway/log/output.h"
 #include "gateway/main/command_line.h"
-#include "gateway/main/descriptors.h"
-#include "gateway/main/gateway.h"
 #include "gateway/main/service_manager.h"
+#include "include/embedded_gateway.h"
 
 namespace {
 
@@ -36,52 +30,11 @@ sigset_t blockSignals() {
   return signals;
 }
 
-// Returns the first of them, for the operator.
-std::string reportRefusal(const std::vector<std::string>& lines) {
-  for (const std::string& line : lines) qn::logError("configuration not changed: {}", line);
-  const std::size_t more = lines.size() - 1;
-  return more == 0 ? lines[0] : fmt::format("{} (and {} more, see the log)", lines[0], more);
-}
-
-// An invalid file changes nothing. Returns what came of it, for the operator.
-std::string reload(qn::Gateway& gateway, const std::filesystem::path& file) {
-  gateway.beginReload();
-  std::string refusal;
-  try {
-    auto next = qn::readConfiguration(file);
-    qn::checkReload(gateway.inForce(), next, file.string());
-    gateway.reload(std::move(next));
-    qn::logInfo("configuration read again from {}", file.string());
-  } catch (const qn::ConfigurationError& error) {
-    refusal = reportRefusal(error.lines());
-  } catch (const std::exception& error) {
-    refusal = reportRefusal({error.what()});
-  }
-  gateway.endReload(refusal);
+// Returns what came of it, for the operator.
+std::string reload(qn::EmbeddedGateway& gateway, const qn::GatewaySettings& settings) {
+  const std::string refusal = gateway.reload(settings);
   return refusal.empty() ? gateway.description() : "configuration not changed: " + refusal;
 }
-
-// Somebody has moved the log's file away.
-void reopenLog() {
-  try {
-    qn::LogOutput::instance().reopen();
-  } catch (const std::system_error& error) {
-    qn::logError("the log goes on in the old file: {}", error.what());
-  }
-}
-
-// While it lives, a thread writes the log.
-class LogThread {
- public:
-  explicit LogThread(const qn::LogOptions& options) {
-    qn::setLogOptions(options);
-    qn::LogOutput::instance().open(options.file);
-    qn::LogOutput::instance().start();
-  }
-  ~LogThread() { qn::LogOutput::instance().stop(); }
-  LogThread(const LogThread&) = delete;
-  LogThread& operator=(const LogThread&) = delete;
-};
 
 // Operators are promised 10 s. Everything has a bound of its own; this is for what should not be.
 constexpr itimerval kStopTime{{}, {9, 500'000}};
@@ -98,8 +51,7 @@ void endInTime() {
   setitimer(ITIMER_REAL, &kStopTime, nullptr);
 }
 
-// How often the log is told that a second may be over, and the reactors are asked whether they
-// turn.
+// How often the reactors are asked whether they turn.
 constexpr std::chrono::milliseconds kTick{500};
 constexpr std::chrono::milliseconds kShortestTick{20};
 constexpr int kTicksInWatchdog = 8;
@@ -113,10 +65,8 @@ timespec tickFor(const qn::ServiceManager& manager) {
 }
 
 // The watchdog is fed while all threads that serve turn.
-void tick(qn::Gateway& gateway, qn::ServiceManager& manager) {
-  const auto now = std::chrono::steady_clock::now();
-  qn::ClientLog::instance().writeHeldBack(now);
-  if (gateway.silence() < manager.watchdog() / 2) manager.feed(now);
+void tick(const qn::EmbeddedGateway& gateway, qn::ServiceManager& manager) {
+  if (gateway.silence() < manager.watchdog() / 2) manager.feed(std::chrono::steady_clock::now());
 }
 
 constexpr mode_t kNobodyElse = 077;  // may read or write the files that are made
@@ -125,10 +75,10 @@ void serve(const qn::Arguments& arguments) {
   umask(kNobodyElse);
   const auto signals = blockSignals();
   qn::raiseDescriptorLimit();
-  auto configuration = qn::readConfiguration(arguments.config);
-  const LogThread logThread(configuration.log);
+  const auto settings = qn::GatewaySettings::fromFile(arguments.config);
   qn::ServiceManager manager;
-  qn::Gateway gateway(std::move(configuration), arguments.module);
+  qn::EmbeddedGateway gateway({.moduleFile = arguments.module});
+  gateway.start(settings);
   manager.ready(gateway.description());
   const timespec wait = tickFor(manager);
   for (;;) {
@@ -136,9 +86,9 @@ void serve(const qn::Arguments& arguments) {
     tick(gateway, manager);
     if (number == SIGHUP) {
       manager.reloading();
-      manager.ready(reload(gateway, arguments.config));
+      manager.ready(reload(gateway, settings));
     } else if (number == SIGUSR1) {
-      reopenLog();
+      gateway.reopenLog();
     } else if (number > 0) {
       qn::logInfo("stopping on signal {}", number);
       manager.stopping(fmt::format("stopping on signal {}", number));
@@ -163,5 +113,5 @@ int main(int argc, char** argv) try {
 } catch (const qn::ConfigurationError& error) {
   return endWith(qn::ExitStatus::BadConfiguration, error.what());
 } catch (const std::exception& error) {
-  return endWith(qn::ExitStatus::NotStarted, error.what());
+  return endWith(qn::ExitStatus::NotDone, error.what());
 }

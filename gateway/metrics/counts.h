@@ -65,6 +65,9 @@ struct HttpCounts {
   Counter sent;
   Counter accepted;  // connections
   Counter turnedAway;
+  Counter handshakesFull;  // of TLS
+  Counter handshakesResumed;
+  Counter handshakesFailed;  // or not finished in time, or closed for others
   Counter streamsOpened;
   Counter streamsClosed;
   Counter partsSent;

@@ -10,6 +10,10 @@
 namespace qn {
 namespace {
 
+// The thread-local variables of all libraries stand on a thread's stack, and the system's smallest
+// one has no room for them.
+constexpr std::size_t kThreadLocals = 64 * 1024;
+
 struct Start {
   const char* name;
   std::function<void()> body;
@@ -31,7 +35,7 @@ class Attributes {
 
   int setStack(std::size_t bytes) {
     const auto smallest = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
-    return pthread_attr_setstacksize(&attributes_, std::max(bytes, smallest));
+    return pthread_attr_setstacksize(&attributes_, std::max(bytes, smallest + kThreadLocals));
   }
   const pthread_attr_t* get() const { return &attributes_; }
 

@@ -13,6 +13,7 @@
 #include "gateway/config/redis_url.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
+#include "tests/contract/certificates.h"
 #include "tests/contract/folder.h"
 
 namespace qn {
@@ -40,6 +41,11 @@ TEST(ConfigurationFile, EveryKeyReachesItsMember) {
   const std::vector<std::string> proxies = {"10.0.0.1", "fe80::1"};
   EXPECT_EQ(c.http, (HttpOptions{"::", 8081, proxies, 2048, seconds(1), 4096, seconds(2),
                                  seconds(3), 4, 5, 6}));
+  const HttpsOptions& s = c.https;
+  EXPECT_EQ(tuple(s.address, s.isOn(), s.certificate, s.key, s.minVersion, s.clientCa),
+            tuple("::1", false, "server.pem", "server.key", "1.3", "clients.pem"));
+  EXPECT_EQ(tuple(s.ciphers.size(), s.clientCertificates, s.handshakes, s.handshakeTime),
+            tuple(1U, ClientCertificates::Required, 7U, seconds(8)));
   const NetworkOptions& n = c.network;
   EXPECT_EQ(tuple(n.httpsEnabled, n.httpsPort, n.rtspPort, n.portMapping),
             tuple(true, 8443, 8554, true));
@@ -88,7 +94,9 @@ TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
   EXPECT_EQ(tuple(plain.users.size(), plain.devices.size()), tuple(1U, 1U));
   // With the defaults said, it says the same.
   const std::regex said(
-      "(^|\n)# ((?!trusted_proxies|nonce_key|operation_log =|redis|password|ha1)[a-z_]+ = )");
+      "(^|\n)# ((?!include|trusted_proxies|nonce_key|operation_log "
+      "=|redis|password|ha1|certificate|key|"
+      "client_ca)[a-z_]+ = )");
   const Configuration full = read(std::regex_replace(example, said, "$1$2"));
   EXPECT_EQ(tuple(full.http, full.storage), tuple(HttpOptions(), StorageOptions()));
   const auto others = [](const Configuration& c) {
@@ -139,6 +147,63 @@ TEST(ConfigurationFile, EveryKeyIsExplained) {
   }
 }
 
+TEST(ConfigurationFile, CertificatesAreCheckedWithTheirKeys) {
+  Authority authority;
+  const PemPair good = authority.issue("good", "DNS:One.test,DNS:*.two.test,IP:127.0.0.1");
+  const PemPair other = authority.issue("other", "DNS:other.test");
+  const Folder folder;
+  folder.write("good.pem", contentOfPem(good.certificate));
+  folder.write("good.key", contentOfPem(good.key));
+  folder.write("other.key", contentOfPem(other.key));
+  folder.write("broken.pem",
+               contentOfPem(good.certificate) + "-----BEGIN CERTIFICATE-----\nAAAA\n");
+  folder.write("empty.pem", "");
+  const auto read = [&](const std::string& certificate, const std::string& key,
+                        const std::string& more = {}) {
+    return readConfiguration(folder.write("test.toml", "[https]\nport = 443\n" +
+                                                           ("certificate = \"" + certificate) +
+                                                           "\"\nkey = \"" + key + "\"\n" + more));
+  };
+  const Configuration c = read("good.pem", "good.key");
+  EXPECT_EQ(factsOf(c.https.identity).names, (std::vector<std::string>{"one.test", "*.two.test"}));
+  EXPECT_GT(c.https.expires, std::chrono::system_clock::now());
+  const std::string client = "client_certificates = \"required\"\n";
+  const struct {
+    std::string certificate, key, more, error;
+  } cases[] = {
+      {"none.pem", "good.key", "", ":3:15: https.certificate: "},
+      {"empty.pem", "good.key", "", "empty.pem: is empty"},
+      {"broken.pem", "good.key", "", "the one after the first 1 cannot be read"},
+      {"good.pem", "good.pem", "", ":4:7: https.key: "},
+      {"good.pem", "other.key", "", "other.key: expected the key of the certificate"},
+      {"good.pem", "good.key", client, "https.client_ca: expected a file"},
+      {"good.pem", "good.key", client + "client_ca = \"good.key\"", "expected a certificate"},
+      {"good.pem", "good.key", "ciphers = []", "https.ciphers: expected at least one"},
+      {"good.pem", "good.key", "ciphers = [\"AES128-SHA\"]", "https.ciphers: expected a string"},
+      {"good.pem", "good.key", "redirect = true\n[http]\nenabled = false",
+       "https.redirect: expected"},
+      {"good.pem", "good.key", "[network]\npicture_port = 443",
+       "expected a value that is not taken"},
+      {"good.pem", "good.key", "[[certificates]]\ncertificate = \"good.pem\"",
+       "certificates.key: is m"},
+  };
+  for (const auto& [certificate, key, more, error] : cases) {
+    try {
+      read(certificate, key, more);
+      ADD_FAILURE() << error;
+    } catch (const ConfigurationError& found) {
+      EXPECT_NE(std::string(found.what()).find(error), std::string::npos) << found.what();
+    }
+  }
+  // What clients are told follows the listener, unless ports are mapped.
+  for (const bool mapped : {false, true}) {
+    publishConfiguration(std::make_shared<const Configuration>(
+        read("good.pem", "good.key", mapped ? "[network]\nport_mapping = true" : "")));
+    const auto told = QN_ConfigMgr_GetNetworkCfg();
+    EXPECT_EQ(tuple(told->getHttpsEnable(), told->getHttpsPort()), tuple(!mapped, 443));
+  }
+}
+
 TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
   const std::string device = "[[devices]]\nindex = \"1\"\nurl = \"http://h\"\n";
   const std::string user = "[[users]]\nname = \"a\"\ndevice = \"1\"\npassword = \"p\"\n";
@@ -163,6 +228,9 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {"[http]\nport = 8090\n[network]\n", ": network.picture_port: expected a value that is not"},
       {"[network]\nhttps_enabled = 1\n", ":2: network.https_enabled: expected true or false"},
       {"[network]\npicture_port = 8080\n", ":2: network.picture_port: expected a value that is "},
+      {"[http]\nenabled = false\n", ": https.port: expected one, because http.enabled is false"},
+      {"[https]\nredirect = true\n", ": https.port: expected one, because redirect is true"},
+      {"[https]\nmin_version = \"1.1\"\n", ":2: https.min_version: expected a string: \"1.2\""},
       {"[kavro]\nmode = 3\n", ":2: kavro.mode: expected an integer from 1 to 2"},
       {"[kavro]\nrealm = \"a\\\"b\"\n", ":2: kavro.realm: expected a string"},
       {"[kavro]\nalgorithm = \"md5\"\n", ":2: kavro.algorithm: expected a string: \"MD5\" or"},

@@ -1,5 +1,6 @@
 // What platform/*.h promises wherever it is implemented: the same tests on the reference
-// implementation and on the fake that the unit tests stand on, so that the fake cannot drift.
+// implementation, on the fake that the unit tests stand on, so that the fake cannot drift, and on a
+// library that QN_CONTRACT_PLATFORM names.
 #include <atomic>
 #include <functional>
 #include <mutex>
@@ -13,11 +14,7 @@
 #include "platform/device_mgr.h"
 #include "platform/http_service.h"
 #include "platform/zrt.h"
-#ifdef QN_ON_FAKE_PLATFORM
-#include "tests/contract/platform_fake.h"
-#else
-#include "tests/contract/platform_real.h"
-#endif
+#include QN_PLATFORM_DRIVER  // the class Platform, in whose words the tests speak
 
 namespace qn {
 namespace {

@@ -1,4 +1,5 @@
 """HTTP clients for the tests: a Digest client of our own, and one that reads alert streams."""
+import functools
 import hashlib
 import http.client
 import json
@@ -44,11 +45,14 @@ def parse_challenge(value):
 class Client:
     """Keeps one connection and one login. Answers a challenge once; never retries anything else."""
 
-    def __init__(self, port, user=None, password=None, source="127.0.0.1", timeout=ANSWER_TIME):
+    def __init__(self, port, user=None, password=None, source="127.0.0.1", timeout=ANSWER_TIME,
+                 tls=None):
+        """`tls`: an SSLContext, for HTTPS."""
         self.user, self.password = user, password
         self.challenge, self.uses = None, 0
-        self.connection = http.client.HTTPConnection("127.0.0.1", port, timeout=timeout,
-                                                     source_address=(source, 0))
+        kind = http.client.HTTPConnection if tls is None else functools.partial(
+            http.client.HTTPSConnection, context=tls)
+        self.connection = kind("127.0.0.1", port, timeout=timeout, source_address=(source, 0))
 
     def __enter__(self):
         return self
@@ -110,8 +114,8 @@ class AlertStream:
     URL = "/KAVRO/Event/notification/alertStream"
     SILENCE = 45  # seconds without a byte; the server ends a stream that nothing is written to
 
-    def __init__(self, port, user, password, source="127.0.0.1"):
-        self.client = Client(port, user, password, source, self.SILENCE)
+    def __init__(self, port, user, password, source="127.0.0.1", tls=None):
+        self.client = Client(port, user, password, source, self.SILENCE, tls)
         self.client.request("GET", "/KAVRO/Security/userCheck")  # for the challenge
         connection = self.client.connection
         connection.request("GET", self.URL, headers={

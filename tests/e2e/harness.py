@@ -147,11 +147,15 @@ class Subdevices(Process):
         return self.port(len(self.urls))
 
 
-def configuration_text(sections, users, devices):
-    tables = [(f"[{name}]", values) for name, values in sections.items()]
+def configuration_text(sections, users, devices, include=()):
+    tables = [(f"[{name}]", values) for name, values in sections.items()
+              if not isinstance(values, list)]
+    tables += [(f"[[{name}]]", table) for name, values in sections.items()
+               if isinstance(values, list) for table in values]
     tables += [("[[users]]", table) for table in users] + [("[[devices]]", table) for table in devices]
     # JSON's notation serves for TOML's strings, numbers and lists.
-    return "".join(head + "\n" + "".join(f"{key} = {json.dumps(value)}\n"
+    top = f"include = {json.dumps(include)}\n" if include else ""
+    return top + "".join(head + "\n" + "".join(f"{key} = {json.dumps(value)}\n"
                                          for key, value in table.items()) for head, table in tables)
 
 
@@ -182,14 +186,20 @@ class Gateway(Process):
 
     command = (BIN / "qn-gateway",)
 
-    def __init__(self, devices, users, sections=None):
+    def __init__(self, devices, users, sections=None, include=()):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="qn-e2e-"))
         self.config = self.folder / "gateway.toml"
         self.port, picture_port = free_ports(2)
         self.sections = {"http": {"port": self.port}, "network": {"picture_port": picture_port},
                          "storage": {"data_dir": str(self.folder / "data")}}
         for name, values in (sections or {}).items():
-            self.sections.setdefault(name, {}).update(values)
+            if isinstance(values, list):
+                self.sections[name] = values
+            else:
+                self.sections.setdefault(name, {}).update(values)
+        self.include = include
+        for name in include:
+            (self.folder / name).touch()
         self.write_configuration(devices, users)
         self.start()
 
@@ -213,7 +223,7 @@ class Gateway(Process):
             return False
 
     def write_configuration(self, devices, users):
-        self.config.write_text(configuration_text(self.sections, users, devices))
+        self.config.write_text(configuration_text(self.sections, users, devices, self.include))
 
     def elsewhere(self, *same):
         """The path of its configuration with other values, except these, for what only one has."""

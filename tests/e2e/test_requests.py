@@ -137,6 +137,10 @@ class PassedThrough(RequestTest):
                 (method, url + ("&" if "?" in url else "?") + "devIndex=1", len(sent)))
         self.assertEqual(self.one.get(STREAM + "/picture").body,
                          self.of_device(STREAM + "/picture").body)
+        whole = "".join(f"{i:08x}" for i in range(100_000))
+        for size in (16_000, 33_000, 200_000, len(whole)):
+            self.devices.fault(kind="reply", body=whole[:size])
+            self.assertEqual(self.one.get("/KAVRO/Export").body.decode(), whole[:size])
         self.devices.fault(kind="large", bytes=10 * 1024 * 1024)
         self.assertEqual(len(self.one.get("/KAVRO/Export").body), 10 * 1024 * 1024)
 

@@ -1,5 +1,5 @@
 // See descriptors.h.
-#include "gateway/main/descriptors.h"
+#include "gateway/host/descriptors.h"
 
 #include <sys/resource.h>
 

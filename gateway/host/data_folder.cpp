@@ -1,5 +1,5 @@
 // See data_folder.h.
-#include "gateway/main/data_folder.h"
+#include "gateway/host/data_folder.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

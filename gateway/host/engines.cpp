@@ -1,5 +1,5 @@
 // See engines.h.
-#include "gateway/main/engines.h"
+#include "gateway/host/engines.h"
 
 #include <unistd.h>
 

@@ -1,9 +1,10 @@
 // See gateway.h.
-#include "gateway/main/gateway.h"
+#include "gateway/host/gateway.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <boost/asio/post.hpp>
 #include <cerrno>
 #include <map>
 #include <stdexcept>
@@ -13,12 +14,15 @@
 #include <utility>
 
 #include "gateway/config/configuration_file.h"
+#include "gateway/host/descriptors.h"
+#include "gateway/host/engines.h"
+#include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "gateway/login/login.h"
-#include "gateway/main/descriptors.h"
 #include "gateway/oplog/operation_log.h"
 #include "gateway/runtime/timers.h"
+#include "include/version.h"
 #include "platform/config_mgr.h"
 
 namespace qn {
@@ -35,31 +39,37 @@ constexpr std::size_t kWorkerQueue = 256;
 constexpr std::chrono::seconds kFinishTime{6};
 constexpr std::chrono::seconds kAnswerTime{2};
 
+// How often the log is told that a second may be over.
+constexpr std::chrono::milliseconds kHeldBackCheck{500};
+
 // What the operator can do about a port that cannot be listened on.
-std::string adviceFor(const std::error_code& error, const char* key) {
-  const std::string change = std::string("change ") + key;
+std::string adviceFor(const std::error_code& error, std::string_view key) {
+  const std::string change = fmt::format("change {}", key);
+  const std::string address = key.starts_with("https.") ? "https.address" : "http.address";
   switch (error.value()) {
     case EADDRINUSE:
       return "; end the program that has it (ss -ltnp shows it), or " + change;
     case EADDRNOTAVAIL:
-      return "; http.address must be one of this host's (ip address shows them)";
+      return "; " + address + " must be one of this host's (ip address shows them)";
     case EACCES:
       return "; give the gateway CAP_NET_BIND_SERVICE, or " + change + " to one from 1024 on";
     default:
-      return "; " + change + " or http.address";
+      return "; " + change + " or " + address;
   }
 }
 
 template <class Listen>
-void listenOrAdvise(const char* key, Listen listen) try {
+void listenOrAdvise(std::string_view key, Listen listen) try {
   listen();
+} catch (const SecurePortError& error) {
+  throw std::runtime_error(error.what() + adviceFor(error.code(), "https.port"));
 } catch (const std::system_error& error) {
   throw std::runtime_error(error.what() + adviceFor(error.code(), key));
 }
 
 }  // namespace
 
-Gateway::Gateway(Configuration configuration, const std::filesystem::path& module)
+Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
       module_(module),
       folder_(configuration_->storage.dataDir),
@@ -74,10 +84,12 @@ Gateway::Gateway(Configuration configuration, const std::filesystem::path& modul
       feeds_(reactors_, translations_, devices_),
       alarms_(cluster_->feeds(feeds_)),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process(), recogniseLogin, cluster_->await()}, HttpBounds{},
-            {pictures_.resource()}),
+            {module_.process, recogniseLogin, cluster_->await()}, HttpBounds{},
+            {pictures_.resource()}, configuration_->https),
       pulse_(reactors_),
+      reminders_(reactors_.context(0)),
       health_(pulse_),
+      control_(clientLogin(), reloads_),
       admin_(observed()) {
   try {
     start();
@@ -102,25 +114,53 @@ void Gateway::start() {
   alarms_.start();
   reactors_.start();
   pulse_.start();
+  boost::asio::post(reminders_.get_executor(), [this] { writeReminders(); });
   admin_.open(configuration_->admin, configuration_->lock);
   module_.init();
   listenOrAdvise("http.port", [this] { http_.listen(); });
+  listenOrAdvise("https.port", [this] { http_.listenSecurely(); });
   // A gateway without its picture port would hand out dead URLs.
   listenOrAdvise("network.picture_port", [this] {
     http_.listenOn(configuration_->network.picturePort, Access::OwnResources);
   });
   applyExtraPorts();
   health_.setStarted();
+  openControl();
   logInfo("{}", description());
 }
 
+// A gateway serves without it; only commands do not reach it.
+void Gateway::openControl() try {
+  control_.open(configuration_->storage.dataDir);
+} catch (const std::system_error& error) {
+  logWarn("commands do not reach this gateway: {}", error.what());
+}
+
 std::string Gateway::description() const {
-  return fmt::format("serving {} device(s) on {} port {}", configuration_->devices.size(),
-                     configuration_->http.address, http_.port());
+  const HttpOptions& http = configuration_->http;
+  const HttpsOptions& https = configuration_->https;
+  std::string where;
+  if (http.enabled) where = fmt::format("{} port {}", http.address, http_.port());
+  if (https.isOn()) {
+    where += fmt::format("{}{} port {} (HTTPS)", where.empty() ? "" : " and ", https.address,
+                         https.port);
+  }
+  return fmt::format("serving {} device(s) on {}", configuration_->devices.size(), where);
 }
 
 std::chrono::milliseconds Gateway::silence() const {
   return std::max(pulse_.longestSilence(), timersOverdue());
+}
+
+// Until the reactors end.
+void Gateway::writeReminders() {
+  const auto now = std::chrono::steady_clock::now();
+  ClientLog::instance().writeHeldBack(now);
+  expiry_.remind(*configuration(), now);
+  reminders_.expires_after(kHeldBackCheck);
+  reminders_.async_wait([this](const boost::system::error_code& error) {
+    if (!error) writeReminders();
+  });
 }
 
 // Every step is harmless for what has not been started.
@@ -128,6 +168,7 @@ void Gateway::stop() {
   using std::chrono::steady_clock;
   health_.setStopping();
   reloads_.close();
+  control_.close();
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();
@@ -164,11 +205,11 @@ void Gateway::reload(Configuration next) {
 
 // All of it or nothing.
 void Gateway::takeWhatMayFail(const Configuration& next) {
-  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next)); });
+  listenOrAdvise("http.port", [&] { http_.setOptions(withinDescriptors(next), next.https); });
   try {
     if (next.log.file != configuration_->log.file) LogOutput::instance().open(next.log.file);
   } catch (...) {
-    http_.setOptions(withinDescriptors(*configuration_));
+    http_.setOptions(withinDescriptors(*configuration_), configuration_->https);
     applyExtraPorts();
     throw;
   }
@@ -193,7 +234,7 @@ Observed Gateway::observed() {
           health_,
           enginesOf(*archive_, *cluster_),
           reloads_,
-          QN_VERSION};
+          QN_KAVRO_VERSION};
 }
 
 void Gateway::applyExtraPorts() {

@@ -1,13 +1,14 @@
 // The running gateway: every platform library and the module, started and stopped in order. Used by
-// main.cpp, on its one thread.
+// embedded_gateway.cpp, on one thread at a time.
 #pragma once
 
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "gateway/admin/admin.h"
+#include "gateway/admin/control.h"
 #include "gateway/admin/health.h"
 #include "gateway/admin/reloads.h"
 #include "gateway/alarmbus/alarm_bus.h"
@@ -15,14 +16,15 @@
 #include "gateway/config/configuration.h"
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
+#include "gateway/host/data_folder.h"
+#include "gateway/host/engines.h"
+#include "gateway/host/expiry.h"
 #include "gateway/http/http_service.h"
-#include "gateway/main/data_folder.h"
-#include "gateway/main/engines.h"
-#include "gateway/main/protocol_module.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 #include "gateway/pictures/picture_resource.h"
+#include "include/embedded_gateway.h"
 
 namespace qn {
 
@@ -30,7 +32,7 @@ class Gateway {
  public:
   // Starts everything; when it returns the ports are open. Throws std::exception with a text for
   // the operator; what was started is stopped again.
-  Gateway(Configuration configuration, const std::filesystem::path& module);
+  Gateway(Configuration configuration, const GatewayParts::Module& module);
   // Stops within 10 s: no new connections, requests in flight are finished or answered that the
   // gateway is stopping, the operation log is flushed.
   ~Gateway();
@@ -47,19 +49,22 @@ class Gateway {
   const Configuration& inForce() const { return *configuration_; }
   // What it serves, for the operator.
   std::string description() const;
+  uint16_t port() const { return http_.port(); }
 
   // How long the slowest reactor or timer has owed its next step.
   std::chrono::milliseconds silence() const;
 
  private:
   void start();
+  void openControl();
   void stop();
   void takeWhatMayFail(const Configuration& next);
   void applyExtraPorts();
   Observed observed();
+  void writeReminders();
 
   std::shared_ptr<const Configuration> configuration_;
-  ProtocolModule module_;
+  const GatewayParts::Module module_;
   DataFolder folder_;
   PictureResource pictures_;
   const std::unique_ptr<OperationArchive> archive_;
@@ -74,8 +79,11 @@ class Gateway {
   AlarmBus alarms_;
   HttpService http_;
   Pulse pulse_;
+  boost::asio::steady_timer reminders_;
   Health health_;
   Reloads reloads_;
+  ExpiryReminder expiry_;
+  ControlSocket control_;
   AdminListener admin_;
 };
 
