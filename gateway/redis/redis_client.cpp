@@ -56,7 +56,7 @@ void RedisClient::post(std::function<void()> routine) {
 void RedisClient::connect() {
   ready_ = 0;
   const auto link = [this](void (RedisClient::*take)(const redisReply&)) {
-    const auto made = std::make_shared<RedisLink>(
+    auto made = std::make_shared<RedisLink>(
         reactor_.context(0), address_,
         RedisLink::Events{[this] { linkReady(); },
                           [this, take](const redisReply& reply) { (this->*take)(reply); },
