@@ -48,7 +48,7 @@ std::vector<std::string> requestedDevices(const std::string& request) {
 
 AlarmBus::AlarmBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory,
                    FeedTimes times)
-    : reactors_(reactors), workers_(workers), directory_(directory), times_(times) {}
+    : own_(std::make_unique<DeviceFeeds>(reactors, workers, directory, times)), opener_(*own_) {}
 
 AlarmBus::~AlarmBus() { stop(); }
 
@@ -142,14 +142,10 @@ bool AlarmBus::openFeed(const std::string& devIndex) {
   const auto& current = configuration();
   const DeviceConfig* device = current->findDevice(devIndex);
   if (!device) return false;
-  auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
-  auto feed = std::make_shared<DeviceFeed>(
-      reactor, workers_, directory_.find(*device), times_,
-      [subscriptions = subscriptions_, devIndex](const std::string& alarm) {
-        subscriptions->deliver(devIndex, alarm);
-      });
-  feed->start();
-  feeds_.emplace(devIndex, std::move(feed));
+  feeds_.emplace(devIndex, opener_.open(*device, [subscriptions = subscriptions_,
+                                                  devIndex](const std::string& alarm) {
+    subscriptions->deliver(devIndex, alarm);
+  }));
   return true;
 }
 

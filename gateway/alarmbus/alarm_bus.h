@@ -38,6 +38,8 @@ class AlarmBus {
   // stopped before the reactors.
   AlarmBus(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory,
            FeedTimes times = {});
+  // With feeds from elsewhere; it outlives the bus.
+  explicit AlarmBus(FeedOpener& opener) : opener_(opener) {}
   ~AlarmBus();  // stops
   AlarmBus(const AlarmBus&) = delete;
   AlarmBus& operator=(const AlarmBus&) = delete;
@@ -91,14 +93,11 @@ class AlarmBus {
   void closeUnusedFeed(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
   SharedSubscription find(int subscribeId) QN_REQUIRES(subscriptions_->mutex);
 
-  Reactors& reactors_;
-  WorkerPool& workers_;
-  DeviceDirectory& directory_;
-  const FeedTimes times_;
+  const std::unique_ptr<FeedOpener> own_;
+  FeedOpener& opener_;
   const std::shared_ptr<Subscriptions> subscriptions_ = std::make_shared<Subscriptions>();
-  std::map<std::string, std::shared_ptr<DeviceFeed>> feeds_ QN_GUARDED_BY(subscriptions_->mutex);
+  std::map<std::string, std::shared_ptr<AlarmFeed>> feeds_ QN_GUARDED_BY(subscriptions_->mutex);
   int lastId_ QN_GUARDED_BY(subscriptions_->mutex) = -1;
-  std::size_t nextReactor_ QN_GUARDED_BY(subscriptions_->mutex) = 0;
   bool started_ = false;  // host's thread only
 };
 

@@ -281,4 +281,12 @@ DeviceFeed::Clock::duration DeviceFeed::nextDelay() {
   return delay - std::chrono::milliseconds(std::uniform_int_distribution(0, jitter)(random_));
 }
 
+std::shared_ptr<AlarmFeed> DeviceFeeds::open(const DeviceConfig& device, AlarmSink sink) {
+  auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
+  auto feed = std::make_shared<DeviceFeed>(reactor, workers_, directory_.find(device), times_,
+                                           std::move(sink));
+  feed->start();
+  return feed;
+}
+
 }  // namespace qn

@@ -2,6 +2,7 @@
 // Made by the alarm bus for each subscribed device.
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
@@ -17,6 +18,7 @@
 #include "gateway/devices/device.h"
 #include "gateway/devices/dialer.h"
 #include "gateway/devices/message.h"
+#include "gateway/net/reactors.h"
 #include "gateway/net/worker_pool.h"
 
 namespace qn {
@@ -26,20 +28,36 @@ struct FeedTimes {
   std::chrono::milliseconds silence = std::chrono::seconds(60);  // devices send heartbeats
 };
 
+// The alarm's text, with "devIndex" set; valid during the call. For one device one call at a time.
+using AlarmSink = std::function<void(const std::string& alarm)>;
+
+// A device's alarms, while they are wanted.
+class AlarmFeed {
+ public:
+  virtual ~AlarmFeed() = default;
+  // An alarm that is being delivered may still arrive after it returned. Also from the sink.
+  virtual void stop() = 0;
+};
+
+// Where the alarm bus has feeds from: the device itself, or whichever gateway has its feed.
+class FeedOpener {
+ public:
+  virtual ~FeedOpener() = default;
+  // Any thread, one at a time.
+  virtual std::shared_ptr<AlarmFeed> open(const DeviceConfig& device, AlarmSink sink) = 0;
+};
+
 // Everything but the sink runs on the reactor that the feed was given; only start and stop come
 // from others.
-class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
+class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceFeed> {
  public:
-  // The alarm's text, with "devIndex" set; valid during the call. On the reactor or, from a large
-  // alarm on until all that came with it is delivered, on a worker.
-  using AlarmSink = std::function<void(const std::string& alarm)>;
-
+  // The sink is called on the reactor or, from a large alarm on until all that came with it is
+  // delivered, on a worker.
   DeviceFeed(boost::asio::io_context& reactor, WorkerPool& workers, std::shared_ptr<Device> device,
              FeedTimes times, AlarmSink sink);
 
   void start();
-  // An alarm that is being delivered may still arrive after it returned.
-  void stop();
+  void stop() override;
 
  private:
   using Error = boost::system::error_code;
@@ -91,6 +109,24 @@ class DeviceFeed : public std::enable_shared_from_this<DeviceFeed> {
   std::optional<Clock::duration> loginDelay_;  // before the next attempt, as the login asks for
   bool stopped_ = false;
   std::minstd_rand random_;
+};
+
+// Each feed is a stream of this gateway's own to the device, each on the next reactor.
+class DeviceFeeds final : public FeedOpener {
+ public:
+  // All outlive it; reactors and workers also what is left of its feeds.
+  DeviceFeeds(Reactors& reactors, WorkerPool& workers, DeviceDirectory& directory,
+              FeedTimes times = {})
+      : reactors_(reactors), workers_(workers), directory_(directory), times_(times) {}
+
+  std::shared_ptr<AlarmFeed> open(const DeviceConfig& device, AlarmSink sink) override;
+
+ private:
+  Reactors& reactors_;
+  WorkerPool& workers_;
+  DeviceDirectory& directory_;
+  const FeedTimes times_;
+  std::atomic<std::size_t> nextReactor_{0};
 };
 
 }  // namespace qn

@@ -127,6 +127,7 @@ std::vector<std::string> PostgresConnection::run(const char* sql,
                                                  const std::vector<std::string>& parameters) {
   const auto deadline = steady_clock::now() + kAnswerTime;
   std::vector<const char*> values;
+  values.reserve(parameters.size());
   for (const std::string& each : parameters) values.push_back(each.c_str());
   const int sent = parameters.empty()
                        ? PQsendQuery(connection_.get(), sql)

@@ -105,7 +105,9 @@ struct StorageOptions {
 
 // What makes one gateway of several.
 struct ClusterOptions {
-  std::string name;  // this gateway's; none: that of the host
+  std::string name;   // this gateway's; none: that of the host
+  std::string redis;  // what gateways share live state through; none: this one is by itself
+  std::chrono::seconds leaseTime{5};  // on a device's alarms
 };
 
 // What the picture store keeps.

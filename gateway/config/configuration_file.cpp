@@ -149,6 +149,7 @@ class FileReader {
     for (const auto& [name, node] : root_) readTopLevel(name, node);
     for (const toml::table& document : included_) checkIncluded(document);
     readNonceKey();
+    checkCluster();
     // After the sections, because HA1s depend on the realm.
     if (result_.http.enabled) claimPort("http", "port", result_.http.port);
     readHttps();
@@ -242,6 +243,13 @@ class FileReader {
     if (!admin.password.empty() || isLoopback(admin.address)) return;
     findings_.error(placeIn("admin", "address"),
                     "expected a loopback address, or a password in this section");
+  }
+
+  // By the key gateways know each other's nonces.
+  void checkCluster() {
+    if (result_.cluster.redis.empty() || !result_.kavro.nonceKeyFile.empty()) return;
+    findings_.error(placeIn("cluster", "redis"),
+                    "expected kavro.nonce_key_file beside it, the same on all gateways");
   }
 
   void readHttps() {

@@ -278,6 +278,21 @@ inline constexpr Key<ClusterOptions> kClusterKeys[] = {
      &kGatewayNameRule,
      "of this gateway, different from all others'",
      {.restart = true, .otherwise = "the host's name", .example = "\"gateway-1\""}},
+    {"redis",
+     &ClusterOptions::redis,
+     {},
+     &kRedisRule,
+     "the Redis server through which gateways share logins and alarms; needs kavro.nonce_key_file",
+     {.secret = true,
+      .restart = true,
+      .otherwise = "this gateway is by itself",
+      .example = "\"redis://:password@redis.example:6379/0\""}},
+    {"lease_seconds",
+     &ClusterOptions::leaseTime,
+     {1, 60},
+     {},
+     "how long a gateway that is gone keeps the alarms of its devices from the others",
+     {.restart = true, .unit = "seconds"}},
 };
 
 inline constexpr Key<PictureOptions> kPictureKeys[] = {

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <string>
 
+#include "gateway/config/redis_url.h"
 #include "text/ascii.h"
 #include "text/hex.h"
 #include "text/number.h"
@@ -189,6 +190,9 @@ const TextRule kWhenFullRule{isOneOf<kWhenFulls>, "\"refuse\" or \"drop_oldest\"
 
 const TextRule kPostgresRule{isPostgres, "postgresql://[USER[:PASSWORD]@]HOST[:PORT]/DATABASE"};
 const TextRule kGatewayNameRule{isGatewayName, "1 to 63 letters, digits and -._"};
+
+const TextRule kRedisRule{[](std::string_view text) { return parseRedisUrl(text).has_value(); },
+                          "redis://[USER][:PASSWORD@]HOST[:PORT][/DATABASE]"};
 
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   constexpr std::string_view kHttp = "http://";

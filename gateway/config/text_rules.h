@@ -40,6 +40,7 @@ extern const TextRule kCipherRule;
 extern const TextRule kClientCertificatesRule;
 extern const TextRule kPostgresRule;
 extern const TextRule kGatewayNameRule;
+extern const TextRule kRedisRule;
 
 // Whether only this machine reaches the address.
 bool isLoopback(std::string_view address);

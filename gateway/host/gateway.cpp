@@ -77,14 +77,16 @@ Gateway::Gateway(Configuration configuration, const GatewayParts& parts)
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
       archive_(operationArchive(*configuration_)),
+      cluster_(clusterOf(*configuration_, clientLogin())),
       files_(kFileWorkers, kWorkerQueue),
       waiting_(kWaitingWorkers, kWorkerQueue),
       translations_(kTranslationWorkers, kWorkerQueue),
       bus_(reactors_, translations_, devices_),
-      alarms_(reactors_, translations_, devices_),
+      feeds_(reactors_, translations_, devices_),
+      alarms_(cluster_->feeds(feeds_)),
       http_(reactors_, {files_, waiting_}, withinDescriptors(*configuration_),
-            {module_.process, recogniseLogin}, HttpBounds{}, {pictures_.resource()},
-            configuration_->https),
+            {module_.process, recogniseLogin, cluster_->await()}, HttpBounds{},
+            {pictures_.resource()}, configuration_->https),
       pulse_(reactors_),
       reminders_(reactors_.context(0)),
       health_(pulse_),
@@ -109,6 +111,7 @@ void Gateway::start() {
   OperationLog::instance().start(configuration_->storage.dataDir,
                                  configuration_->storage.operationLogRows);
   archive_->start(OperationLog::fileIn(configuration_->storage.dataDir));
+  cluster_->start();
   bus_.start();
   alarms_.start();
   reactors_.start();
@@ -181,6 +184,7 @@ void Gateway::stop() {
   translations_.stop();
   OperationLog::instance().stop();
   archive_->stop();
+  cluster_->stop();
   reactors_.stop();
 }
 
@@ -230,7 +234,7 @@ Observed Gateway::observed() {
           clientLogin(),
           {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
           health_,
-          enginesOf(*archive_),
+          enginesOf(*archive_, *cluster_),
           reloads_,
           QN_KAVRO_VERSION};
 }

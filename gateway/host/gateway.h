@@ -17,6 +17,7 @@
 #include "gateway/devicebus/device_bus.h"
 #include "gateway/devices/device.h"
 #include "gateway/host/data_folder.h"
+#include "gateway/host/engines.h"
 #include "gateway/host/expiry.h"
 #include "gateway/http/http_service.h"
 #include "gateway/net/pulse.h"
@@ -67,12 +68,14 @@ class Gateway {
   DataFolder folder_;
   PictureResource pictures_;
   const std::unique_ptr<OperationArchive> archive_;
+  const std::unique_ptr<Cluster> cluster_;
   WorkerPool files_;         // the HTTP service's requests that wait for the disk
   WorkerPool waiting_;       // those that wait for a device
   WorkerPool translations_;  // the bus's long replies, which never wait
   Reactors reactors_;
   DeviceDirectory devices_;
   DeviceBus bus_;
+  DeviceFeeds feeds_;
   AlarmBus alarms_;
   HttpService http_;
   Pulse pulse_;

@@ -322,6 +322,32 @@ void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::stri
     exchange->finish(kNotFound, "text/html; charset=utf-8", kDoorPage);
     return;
   }
+  if (module_.await == nullptr || !waitsForLogin(exchange, body)) handToModule(exchange, body);
+}
+
+// What it needs of the request is kept until then; without room for that it does not wait.
+bool ServiceCore::waitsForLogin(const ExchangePtr& exchange, std::string_view body) {
+  const std::string authorization = exchange->header("Authorization");
+  if (authorization.empty()) return false;
+  struct Kept {
+    MemoryBudget::Share share;
+    std::string body;
+  };
+  const auto kept = std::make_shared<Kept>(Kept{bodyShare(*exchange), {}});
+  if (!kept->share.set(body.size())) return false;
+  auto& reactor = reactors.context(std::size_t(Reactors::current()));
+  const char* const method =
+      QNBase::CRESTfulProtocol::GetMethod(static_cast<unsigned char>(exchange->method()));
+  const bool waits =
+      module_.await(method, authorization, [core = shared_from_this(), &reactor, exchange, kept] {
+        boost::asio::post(reactor,
+                          [core, exchange, kept] { core->handToModule(exchange, kept->body); });
+      });
+  if (waits) kept->body = body;  // before anything that was posted here runs
+  return waits;
+}
+
+void ServiceCore::handToModule(const ExchangePtr& exchange, std::string_view body) {
   switch (slowPartOf(*exchange)) {
     case SlowPart::DeviceOnly:
       return process(exchange, body);

@@ -40,13 +40,21 @@ using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncRep
 // it as an attempt or as a use of its nonce.
 using RecogniseFunction = bool (*)(std::string_view method, std::string_view authorization);
 
-// How the service reaches the module and its login. Without `recognise` nobody is a stranger.
+// Whether a request with this Authorization value has to wait before the module gets it, because
+// another gateway has its nonce; then `ready` is called once, on any thread, soon.
+using AwaitFunction = bool (*)(std::string_view method, std::string_view authorization,
+                               std::function<void()> ready);
+
+// How the service reaches the module and its login. Without `recognise` nobody is a stranger,
+// without `await` nothing waits.
 struct ModuleEntry {
-  ModuleEntry(ProcessFunction processIn, RecogniseFunction recogniseIn = nullptr)
-      : process(processIn), recognise(recogniseIn) {}
+  ModuleEntry(ProcessFunction processIn, RecogniseFunction recogniseIn = nullptr,
+              AwaitFunction awaitIn = nullptr)
+      : process(processIn), recognise(recogniseIn), await(awaitIn) {}
 
   ProcessFunction process;
   RecogniseFunction recognise;
+  AwaitFunction await;
 };
 
 // A part of the URL space that the service serves itself: the module is not asked, so there is no
@@ -173,6 +181,8 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   void redirect(ExchangeState& exchange) const;
   void setLimits(const Options& options);
   const OwnResource* findResource(std::string_view url) const;
+  bool waitsForLogin(const ExchangePtr& exchange, std::string_view body);
+  void handToModule(const ExchangePtr& exchange, std::string_view body);
   // On the workers, or refuses the exchange when their queue is full.
   template <class Job>
   static void queue(WorkerPool& workers, const ExchangePtr& exchange, Job job);

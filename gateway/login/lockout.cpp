@@ -62,6 +62,30 @@ void Lockout::Count::add(uint32_t name) {
   ++slot->failures;
 }
 
+// Of names that have no place only their sum is known.
+void Lockout::Count::raise(const Failures& known) {
+  const auto slot = std::ranges::find_if(names, [&](const Name& each) {
+    return known.name != kOtherNames && (each.failures == 0 || each.hash == known.name);
+  });
+  if (slot == names.end() || slot->failures >= known.count) return;
+  const int added = int(known.count) - slot->failures;
+  slot->hash = known.name;
+  slot->failures = uint16_t(known.count);
+  failures += added;
+}
+
+Lockout::Record Lockout::Count::record() const {
+  Record made{network, {}, forgottenAt};
+  uint32_t others = uint32_t(failures);
+  for (const Name& each : names) {
+    if (each.failures == 0) continue;
+    made.failures.push_back({each.hash, each.failures});
+    others -= each.failures;
+  }
+  if (others > 0) made.failures.push_back({kOtherNames, others});
+  return made;
+}
+
 void Lockout::Count::remove(uint32_t name) {
   for (Name& each : names) {
     if (each.hash != name) continue;
@@ -117,6 +141,10 @@ void Lockout::add(Count& count, std::string_view user, Time forgottenAt) {
   if (count.failures == 0) ++counted_;
   count.add(hash(user));
   count.forgottenAt = forgottenAt;
+  rememberUntil(forgottenAt);
+}
+
+void Lockout::rememberUntil(Time forgottenAt) {
   Time last = lastForgottenAt_;
   while (last < forgottenAt && !lastForgottenAt_.compare_exchange_weak(last, forgottenAt)) {
   }
@@ -156,25 +184,75 @@ std::vector<Lockout::Lock> Lockout::locks(const LockOptions& options, Time now, 
   return found;
 }
 
-void Lockout::forget(ClientNetwork network, std::string_view user, const LockOptions& options,
-                     Time now) {
+// A count that has no room here is known to others all the same.
+void Lockout::learn(const Record& record, const LockOptions& options, Time now) {
+  if (now >= record.forgottenAt) return;
+  Set& set = setOf(record.network);
+  const MutexLock lock(set.mutex);
+  Count* count = set.find(record.network);
+  if (!count) count = set.place(record.network, options, now);
+  if (!count) return;
+  if (count->network != record.network || now >= count->forgottenAt) renew(*count, record.network);
+  const bool wasEmpty = count->failures == 0;
+  int all = 0;
+  for (const Failures& known : record.failures) {
+    count->raise(known);
+    all += int(known.count);
+  }
+  count->failures = std::max(count->failures, all);
+  if (wasEmpty && count->failures > 0) ++counted_;
+  count->forgottenAt = std::max(count->forgottenAt, record.forgottenAt);
+  rememberUntil(count->forgottenAt);
+}
+
+void Lockout::forget(ClientNetwork network, uint32_t nameHash, Time now) {
   if (isEmpty(now)) return;
   Set& set = setOf(network);
   const MutexLock lock(set.mutex);
   Count* const count = set.find(network);
-  if (!count || count->failures == 0 || count->standing(options, now).locked()) return;
-  count->remove(hash(user));
+  if (!count || count->failures == 0) return;
+  count->remove(nameHash);
   if (count->failures == 0) --counted_;
 }
 
-uint32_t Lockout::hash(std::string_view bytes) const {
+std::vector<Lockout::Record> Lockout::records(Time now) {
+  std::vector<Record> found;
+  if (isEmpty(now)) return found;
+  for (Set& set : sets_) {
+    const MutexLock lock(set.mutex);
+    for (const Count& count : set.counts) {
+      if (count.failures > 0 && now < count.forgottenAt) found.push_back(count.record());
+    }
+  }
+  return found;
+}
+
+bool Lockout::forget(ClientNetwork network, std::string_view user, const LockOptions& options,
+                     Time now) {
+  if (isEmpty(now)) return false;
+  Set& set = setOf(network);
+  const MutexLock lock(set.mutex);
+  Count* const count = set.find(network);
+  if (!count || count->failures == 0 || count->standing(options, now).locked()) return false;
+  const int before = count->failures;
+  count->remove(hash(user));
+  if (count->failures == 0) --counted_;
+  return count->failures != before;
+}
+
+uint32_t Lockout::hash(std::string_view name) const {
   uint32_t number = 0;
-  keyedHash({key_.data(), key_.size()}, bytes, reinterpret_cast<uint8_t*>(&number), sizeof number);
-  return number;
+  const std::string_view key =
+      nameKey_.empty() ? std::string_view(key_.data(), key_.size()) : std::string_view(nameKey_);
+  keyedHash(key, name, reinterpret_cast<uint8_t*>(&number), sizeof number);
+  return std::max(number, kOtherNames + 1);
 }
 
 uint32_t Lockout::hash(uint64_t number) const {
-  return hash(std::string_view(reinterpret_cast<const char*>(&number), sizeof number));
+  uint32_t hashed = 0;
+  keyedHash({key_.data(), key_.size()}, {reinterpret_cast<const char*>(&number), sizeof number},
+            reinterpret_cast<uint8_t*>(&hashed), sizeof hashed);
+  return hashed;
 }
 
 Lockout::Set& Lockout::setOf(ClientNetwork network) {

@@ -21,6 +21,9 @@ namespace qn {
 class ClientNetwork {
  public:
   explicit ClientNetwork(std::string_view address);
+  // What number() gave.
+  static ClientNetwork ofNumber(uint64_t number) { return ClientNetwork(number); }
+  uint64_t number() const { return bits_; }
 
   // An IPv4 address, or an IPv6 network as "2001:db8::/64".
   std::string text() const;
@@ -31,6 +34,7 @@ class ClientNetwork {
   uint64_t region() const { return isIPv4() ? bits_ >> 16 : bits_ >> 32; }
 
  private:
+  explicit ClientNetwork(uint64_t bits) : bits_(bits) {}
   bool isIPv4() const { return bits_ >> 32 == kIPv4; }
 
   static constexpr uint64_t kIPv4 = 0xffff;  // ::/8 is reserved, so no IPv6 network begins so
@@ -76,8 +80,29 @@ class Lockout {
   // Those in force, at most so many.
   std::vector<Lock> locks(const LockOptions& options, Time now, std::size_t most);
   // After a login, unless the network is locked: forgets what was counted against this user name.
-  // One who can log in must not buy guesses at others.
-  void forget(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);
+  // One who can log in must not buy guesses at others. Whether there were any.
+  bool forget(ClientNetwork network, std::string_view user, const LockOptions& options, Time now);
+
+  // What gateways tell each other. Names go as hashes, which are the same with the same key;
+  // without one they are the process's own. Before the first use.
+  void setNameKey(std::string_view key) { nameKey_ = key; }
+  uint32_t hash(std::string_view name) const;
+  struct Failures {
+    uint32_t name;  // its hash; those of names beyond kNames stand together under kOtherNames
+    uint32_t count;
+  };
+  static constexpr uint32_t kOtherNames = 0;
+  struct Record {
+    ClientNetwork network;
+    std::vector<Failures> failures;
+    Time forgottenAt;
+  };
+  // Takes over what others have counted against the network, where it is more.
+  void learn(const Record& record, const LockOptions& options, Time now);
+  void forget(ClientNetwork network, uint32_t nameHash, Time now);
+  // All that is remembered; at most kSets * kSetSize.
+  std::vector<Record> records(Time now);
+
   // No failure of anybody is remembered, which makes the other questions cheap.
   bool isEmpty(Time now) const { return counted_ == 0 || now >= lastForgottenAt_.load(); }
 
@@ -94,7 +119,9 @@ class Lockout {
 
     Standing standing(const LockOptions& options, Time now) const;
     void add(uint32_t name);
+    void raise(const Failures& known);
     void remove(uint32_t name);
+    Record record() const;
   };
   struct Set {
     Mutex mutex;
@@ -106,12 +133,12 @@ class Lockout {
 
   void renew(Count& count, ClientNetwork network);
   void add(Count& count, std::string_view user, Time forgottenAt);
-
-  uint32_t hash(std::string_view bytes) const;
+  void rememberUntil(Time forgottenAt);
   uint32_t hash(uint64_t number) const;
   Set& setOf(ClientNetwork network);
 
   std::array<char, 32> key_{};  // constant after construction
+  std::string nameKey_;         // constant after the first use
   // Counts with failures, among them those that are forgotten by now, and when the last one is.
   std::atomic<std::size_t> counted_{0};
   std::atomic<Time> lastForgottenAt_{Time{}};

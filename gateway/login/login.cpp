@@ -117,6 +117,7 @@ struct Login::Attempt {
   const UserConfig* user = nullptr;  // null: unknown
   std::string name;
   Lockout::Time now;
+  bool shouldRenew = false;  // the nonce
 };
 
 DigestResult Login::check(tagDIGEST_RESULT& result, std::string_view method,
@@ -139,22 +140,29 @@ DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, At
   const std::string_view address = service ? service->clientAddress() : textOf(request.clientIp);
   const ClientNetwork client(address);
   if (!attempt.isRight(method)) {
-    return refuseLogin(result, attempt, address,
-                       lockout_.fail(client, attempt.name, config.lock, attempt.now));
+    const Lockout::Standing standing =
+        lockout_.fail(client, attempt.name, config.lock, attempt.now);
+    if (!standing.locked() || standing.justLocked) {
+      peers_->failed(client, lockout_.hash(attempt.name), config.lock.lockTime);
+    }
+    return refuseLogin(result, attempt, address, standing);
   }
   // The lock is looked at only now, so that a guess made while another one locked the address is
   // refused too.
   const Lockout::Standing standing = lockout_.standing(client, config.lock, attempt.now);
   if (standing.locked()) return refuseLogin(result, attempt, address, standing);
-  const Nonces::Use use = nonces_.use(attempt.given.nonce, attempt.count, attempt.name,
-                                      config.kavro.nonceKey, attempt.now);
+  const auto [use, shouldRenew] = nonces_.use(attempt.given.nonce, attempt.count, attempt.name,
+                                              config.kavro.nonceKey, attempt.now);
+  attempt.shouldRenew = shouldRenew;
   if (use != Nonces::Use::Fresh) {
     counts_.here().stale.add();
     // Without a key of its own nobody can tell a nonce from before the start from an invented one.
     challenge(result, config, use == Nonces::Use::Stale || config.kavro.nonceKey.empty());
     return DIGEST_NO_CREDENTIALS;
   }
-  lockout_.forget(client, attempt.name, config.lock, attempt.now);
+  if (lockout_.forget(client, attempt.name, config.lock, attempt.now)) {
+    peers_->forgotten(client, lockout_.hash(attempt.name), config.lock);
+  }
   if (attempt.count == 1) {  // the first one with its nonce
     logClient(LogLevel::Info, address, "login of \"{}\" from {}", attempt.name, address);
   }
@@ -181,8 +189,9 @@ bool Login::recognise(std::string_view method, std::string_view authorization) {
   Attempt attempt;
   return attempt.read(authorization.substr(0, DIGEST_AUTHORIZATION_MAX), *held) &&
          attempt.isRight(method) &&
-         nonces_.isFresh(attempt.given.nonce, attempt.count, attempt.name, held->kavro.nonceKey,
-                         clock_());
+         (nonces_.isFresh(attempt.given.nonce, attempt.count, attempt.name, held->kavro.nonceKey,
+                          clock_()) ||
+          nonces_.madeElsewhere(attempt.given.nonce, attempt.name, held->kavro.nonceKey));
 }
 
 DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int mode,
@@ -212,9 +221,8 @@ std::string Login::authenticationInfo(const Attempt& attempt) {
       .append(given.cnonce);
   info.append("\", qop=auth, nc=").append(given.nc);
   char nonce[64];
-  if (Nonces::shouldRenew(given.nonce, attempt.now) &&
-      nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin, attempt.config->kavro.nonceKey,
-                     attempt.now) > 0) {
+  if (attempt.shouldRenew && nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin,
+                                            attempt.config->kavro.nonceKey, attempt.now) > 0) {
     info.append(", nextnonce=\"").append(nonce) += '"';
   }
   return info;
@@ -243,7 +251,58 @@ std::vector<Lockout::Lock> Login::locks(std::size_t most) {
 }
 
 bool Login::unlock(std::string_view address) {
-  return lockout_.unlock(ClientNetwork(address), users_()->lock, clock_());
+  const ClientNetwork network(address);
+  const bool wasLocked = lockout_.unlock(network, users_()->lock, clock_());
+  peers_->unlocked(network);
+  return wasLocked;
+}
+
+bool Login::awaitNonce(std::string_view method, std::string_view authorization,
+                       std::function<void()> ready) {
+  const std::shared_ptr<const Configuration> held = users_();
+  Attempt attempt;
+  if (!attempt.read(authorization.substr(0, DIGEST_AUTHORIZATION_MAX), *held)) return false;
+  const auto maker = nonces_.madeElsewhere(attempt.given.nonce, attempt.name, held->kavro.nonceKey);
+  if (!maker || !attempt.isRight(method)) return false;
+  peers_->fetch(*maker, attempt.given.nonce, attempt.name, std::move(ready));
+  return true;
+}
+
+void Login::join(LoginPeers& peers, uint32_t gateway, std::string_view nameKey) {
+  peers_ = &peers;
+  nonces_.joinGateways(gateway);
+  lockout_.setNameKey(nameKey);
+}
+
+void Login::failedElsewhere(const Known& known) {
+  const Lockout::Time now = clock_();
+  lockout_.learn({known.network, known.failures, now + known.left}, users_()->lock, now);
+}
+
+void Login::forgottenElsewhere(ClientNetwork network, uint32_t name) {
+  lockout_.forget(network, name, clock_());
+}
+
+void Login::unlockedElsewhere(ClientNetwork network) {
+  lockout_.unlock(network, users_()->lock, clock_());
+}
+
+std::vector<Login::Known> Login::knownFailures() {
+  std::vector<Known> known;
+  const Lockout::Time now = clock_();
+  for (Lockout::Record& each : lockout_.records(now)) {
+    known.push_back({each.network, std::move(each.failures),
+                     std::chrono::ceil<std::chrono::milliseconds>(each.forgottenAt - now)});
+  }
+  return known;
+}
+
+std::optional<Nonces::State> Login::giveNonce(std::string_view nonce, std::string_view user) {
+  return nonces_.give(nonce, user, users_()->kavro.nonceKey, clock_());
+}
+
+void Login::takeNonce(std::string_view nonce, std::string_view user, const Nonces::State& state) {
+  nonces_.take(nonce, user, state, clock_());
 }
 
 // One for each algorithm that is offered, the gateway's own first.
@@ -271,6 +330,11 @@ Login& clientLogin() {
 
 bool recogniseLogin(std::string_view method, std::string_view authorization) {
   return clientLogin().recognise(method, authorization);
+}
+
+bool awaitNonce(std::string_view method, std::string_view authorization,
+                std::function<void()> ready) {
+  return clientLogin().awaitNonce(method, authorization, std::move(ready));
 }
 
 }  // namespace qn

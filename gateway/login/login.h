@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "gateway/auth/digest_credentials.h"
 #include "gateway/login/lockout.h"
 #include "gateway/login/nonces.h"
+#include "gateway/login/peers.h"
 #include "gateway/metrics/counts.h"
 #include "gateway/metrics/recent.h"
 #include "platform/kavro_mgr_bus.h"
@@ -37,6 +39,11 @@ class Login {
   // Whether these credentials are right and their nonce count was not used yet: check() is going to
   // accept them, unless the address is locked. Counts nothing and uses nothing up.
   bool recognise(std::string_view method, std::string_view authorization);
+  // Whether the credentials are right and their nonce is used at another gateway: then `ready` is
+  // called, once, on any thread, when check() should be asked, and no earlier than is needed for
+  // it to know the nonce; at the latest after LoginPeers::kFetchTime.
+  bool awaitNonce(std::string_view method, std::string_view authorization,
+                  std::function<void()> ready);
   // As CreateNonce.
   int createNonce(char* buffer, int size, int randomBytes);
 
@@ -46,6 +53,22 @@ class Login {
   std::vector<Lockout::Lock> locks(std::size_t most);
   // Forgets the failures of a client's address; whether it was locked.
   bool unlock(std::string_view address);
+
+  // One of several gateways, which `peers` tells of what happens here; `gateway` is this process's
+  // own number, `nameKey` the same everywhere. Before the first use; `peers` outlives all use.
+  void join(LoginPeers& peers, uint32_t gateway, std::string_view nameKey);
+  // What happened at others. Names are hashes, as Lockout::hash makes them.
+  struct Known {
+    ClientNetwork network;
+    std::vector<Lockout::Failures> failures;
+    std::chrono::milliseconds left;  // until they are forgotten
+  };
+  void failedElsewhere(const Known& known);
+  void forgottenElsewhere(ClientNetwork network, uint32_t name);
+  void unlockedElsewhere(ClientNetwork network);
+  std::vector<Known> knownFailures();
+  std::optional<Nonces::State> giveNonce(std::string_view nonce, std::string_view user);
+  void takeNonce(std::string_view nonce, std::string_view user, const Nonces::State& state);
   static constexpr std::size_t kRecentRefusals = 32;
   struct Refusal {
     std::chrono::system_clock::time_point time;
@@ -74,6 +97,8 @@ class Login {
 
   const Clock clock_;
   const Users users_;
+  NoPeers alone_;
+  LoginPeers* peers_ = &alone_;  // constant after the first use
   Nonces nonces_;
   Lockout lockout_;
   Sharded<LoginCounts> counts_;
@@ -85,5 +110,8 @@ Login& clientLogin();
 
 // Its Login::recognise, for the HTTP service.
 bool recogniseLogin(std::string_view method, std::string_view authorization);
+// Its Login::awaitNonce.
+bool awaitNonce(std::string_view method, std::string_view authorization,
+                std::function<void()> ready);
 
 }  // namespace qn

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "text/hex.h"
+#include "text/number.h"
 
 namespace qn {
 namespace {
@@ -18,6 +19,8 @@ constexpr std::size_t kTimeDigits = 8;
 constexpr std::size_t kKeyMark = 8;
 constexpr std::size_t kOwnMark = 3;
 constexpr std::size_t kMarkDigits = 2 * (kKeyMark + kOwnMark);
+// Of several gateways: the number of the one that made it, before the marks.
+constexpr std::size_t kGatewayDigits = 8;
 
 // Short, so that few nonces are of one age. The number wraps after eight years.
 using Tick = std::chrono::duration<int64_t, std::ratio<1, 16>>;
@@ -49,6 +52,22 @@ bool CountWindow::take(uint32_t count) {
   return true;
 }
 
+CountWindow::Bytes CountWindow::bytes() const {
+  Bytes bytes;
+  for (std::size_t i = 0; i < 4; ++i) bytes[i] = uint8_t(highest_ >> (24 - 8 * i));
+  for (std::size_t i = 4; i < kStateBytes; ++i)
+    bytes[i] = uint8_t(used_[(i - 4) / 8] >> (i - 4) % 8 * 8);
+  return bytes;
+}
+
+void CountWindow::setBytes(const Bytes& bytes) {
+  *this = CountWindow();
+  for (std::size_t i = 0; i < 4; ++i) highest_ = highest_ << 8 | bytes[i];
+  for (std::size_t i = 4; i < kStateBytes; ++i) {
+    used_[(i - 4) / 8] |= uint64_t(bytes[i]) << (i - 4) % 8 * 8;
+  }
+}
+
 Nonces::Nonces() : hasOwn_(fillRandom(reinterpret_cast<uint8_t*>(own_.data()), own_.size())) {}
 
 bool Nonces::markOf(std::string_view text, std::string_view key, Marks& marks) const {
@@ -61,15 +80,19 @@ bool Nonces::markOf(std::string_view text, std::string_view key, Marks& marks) c
 int Nonces::create(char* buffer, int size, int randomBytes, std::string_view key, Time now) const {
   if (!buffer || size <= 0) return 0;
   buffer[0] = '\0';
-  const std::size_t randomCount = std::size_t(std::clamp(randomBytes, kRandomMin, kRandomMax));
-  const std::size_t length = kTimeDigits + 2 * randomCount + kMarkDigits;
+  const std::size_t gatewayDigits = gateway_ ? kGatewayDigits : 0;
+  const std::size_t most = (kTextMax - kTimeDigits - gatewayDigits - kMarkDigits) / 2;
+  const std::size_t randomCount =
+      std::min(std::size_t(std::clamp(randomBytes, kRandomMin, kRandomMax)), most);
+  const std::size_t length = kTimeDigits + 2 * randomCount + gatewayDigits + kMarkDigits;
   std::array<uint8_t, kRandomMax> random;
   Marks marks;
   if (std::size_t(size) <= length || !fillRandom(random.data(), randomCount)) return 0;
 
   std::array<char, kTextMax + 1> text{};
   std::snprintf(text.data(), text.size(), "%08x", unsigned(tickOf(now)));
-  text::writeHex({random.data(), randomCount}, text.data() + kTimeDigits);
+  char* const end = text::writeHex({random.data(), randomCount}, text.data() + kTimeDigits);
+  if (gateway_) std::snprintf(end, kGatewayDigits + 1, "%08x", unsigned(*gateway_));
   const std::string_view marked(text.data(), length - kMarkDigits);
   if (!markOf(marked, key, marks)) return 0;
   text::writeHex(marks, text.data() + marked.size());
@@ -92,11 +115,11 @@ Nonces::Origin Nonces::originOf(std::string_view nonce, std::string_view key) co
              : Origin::Sibling;
 }
 
-Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view user,
-                        std::string_view key, Time time) {
+Nonces::Used Nonces::use(std::string_view nonce, uint32_t count, std::string_view user,
+                         std::string_view key, Time time) {
   const uint32_t now = tickOf(time);
   uint32_t madeAt = 0;
-  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return Use::Foreign;
+  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return {Use::Foreign};
   const std::size_t userHash = std::hash<std::string_view>()(user);
   const Key counted(nonce, userHash);
   Bucket& bucket = bucketOf(nonce, userHash);
@@ -105,10 +128,13 @@ Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view
   UsedNonce* entry = found == bucket.byKey.end() ? nullptr : &*found->second;
   if (!entry) {
     const Origin origin = originOf(nonce, key);
-    if (origin == Origin::Foreign) return Use::Foreign;
-    if (origin == Origin::Sibling || madeAt <= bucket.forgotten) return Use::Stale;
+    if (origin == Origin::Foreign) return {Use::Foreign};
+    if (origin == Origin::Sibling || madeAt <= bucket.forgotten) return {Use::Stale};
+  } else {
+    madeAt = entry->madeAt;  // by this gateway's clock
+    if (entry->given) return {Use::Stale};
   }
-  if (now - madeAt > kLifeTicks) return Use::Stale;
+  if (now - madeAt > kLifeTicks) return {Use::Stale};
   if (!entry) {
     bucket.makeRoom(now);
     entry = &bucket.add(counted, madeAt);
@@ -116,34 +142,87 @@ Nonces::Use Nonces::use(std::string_view nonce, uint32_t count, std::string_view
     bucket.used.splice(bucket.used.end(), bucket.used, found->second);
   }
   entry->usedAt = now;
-  return entry->counts.take(count) ? Use::Fresh : Use::Stale;
+  return {entry->counts.take(count) ? Use::Fresh : Use::Stale, now - madeAt >= kRenewalTicks};
+}
+
+std::optional<uint32_t> Nonces::madeElsewhere(std::string_view nonce, std::string_view user,
+                                              std::string_view key) {
+  uint32_t madeAt = 0;
+  if (!gateway_ || nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return std::nullopt;
+  const auto maker = text::wholeNumber<uint32_t>(
+      nonce.substr(nonce.size() - kMarkDigits - kGatewayDigits, kGatewayDigits), 16);
+  const std::size_t userHash = std::hash<std::string_view>()(user);
+  Bucket& bucket = bucketOf(nonce, userHash);
+  const MutexLock lock(bucket.mutex);
+  const UsedNonce* const entry = bucket.find(Key(nonce, userHash));
+  if (entry) return entry->given ? maker : std::nullopt;
+  return originOf(nonce, key) == Origin::Sibling ? maker : std::nullopt;
+}
+
+// What was not used yet is given too, and remembered as given.
+std::optional<Nonces::State> Nonces::give(std::string_view nonce, std::string_view user,
+                                          std::string_view key, Time time) {
+  const uint32_t now = tickOf(time);
+  uint32_t madeAt = 0;
+  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return std::nullopt;
+  const std::size_t userHash = std::hash<std::string_view>()(user);
+  Bucket& bucket = bucketOf(nonce, userHash);
+  const MutexLock lock(bucket.mutex);
+  UsedNonce* entry = bucket.find(Key(nonce, userHash));
+  if (!entry) {
+    if (originOf(nonce, key) != Origin::Own || madeAt <= bucket.forgotten) return std::nullopt;
+    bucket.makeRoom(now);
+    entry = &bucket.add(Key(nonce, userHash), madeAt);
+    entry->usedAt = now;
+  }
+  if (entry->given || now - entry->madeAt > kLifeTicks) return std::nullopt;
+  entry->given = true;
+  return State{now - entry->madeAt, entry->counts};
+}
+
+void Nonces::take(std::string_view nonce, std::string_view user, const State& state, Time time) {
+  const uint32_t now = tickOf(time);
+  if (nonce.size() > kTextMax || state.ageTicks > kLifeTicks) return;
+  const std::size_t userHash = std::hash<std::string_view>()(user);
+  Bucket& bucket = bucketOf(nonce, userHash);
+  const MutexLock lock(bucket.mutex);
+  UsedNonce* entry = bucket.find(Key(nonce, userHash));
+  if (!entry) {
+    bucket.makeRoom(now);
+    entry = &bucket.add(Key(nonce, userHash), now - state.ageTicks);
+  }
+  entry->usedAt = now;
+  entry->given = false;
+  entry->counts = state.counts;
 }
 
 bool Nonces::isFresh(std::string_view nonce, uint32_t count, std::string_view user,
                      std::string_view key, Time time) {
   uint32_t madeAt = 0;
-  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt) || tickOf(time) - madeAt > kLifeTicks) {
-    return false;
-  }
+  if (nonce.size() > kTextMax || !timeOf(nonce, madeAt)) return false;
   const std::size_t userHash = std::hash<std::string_view>()(user);
   Bucket& bucket = bucketOf(nonce, userHash);
   const MutexLock lock(bucket.mutex);
-  const auto found = bucket.byKey.find(Key(nonce, userHash).view());
-  if (found != bucket.byKey.end()) return found->second->counts.isFree(count);
-  return originOf(nonce, key) == Origin::Own && madeAt > bucket.forgotten;
-}
-
-bool Nonces::shouldRenew(std::string_view nonce, Time now) {
-  uint32_t madeAt = 0;
-  return timeOf(nonce, madeAt) && tickOf(now) - madeAt >= kRenewalTicks;
+  if (const UsedNonce* const entry = bucket.find(Key(nonce, userHash))) {
+    return !entry->given && tickOf(time) - entry->madeAt <= kLifeTicks &&
+           entry->counts.isFree(count);
+  }
+  return tickOf(time) - madeAt <= kLifeTicks && originOf(nonce, key) == Origin::Own &&
+         madeAt > bucket.forgotten;
 }
 
 Nonces::Key::Key(std::string_view nonce, std::size_t user) : length(nonce.size() + sizeof user) {
   std::memcpy(std::ranges::copy(nonce, text.begin()).out, &user, sizeof user);
 }
 
+Nonces::UsedNonce* Nonces::Bucket::find(const Key& key) {
+  const auto found = byKey.find(key.view());
+  return found == byKey.end() ? nullptr : &*found->second;
+}
+
 Nonces::UsedNonce& Nonces::Bucket::add(const Key& key, uint32_t madeAt) {
-  Used one{{key, madeAt}};
+  UsedNonces one;
+  one.push_back({key, madeAt});
   byKey.emplace(one.front().key.view(), one.begin());
   used.splice(used.end(), one);
   return used.back();

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 
@@ -24,6 +25,11 @@ class CountWindow {
 
   // False when the count was used before, or is too far behind the highest.
   bool take(uint32_t count);
+  // The window as bytes, for another gateway, and back; false for what is none.
+  static constexpr std::size_t kStateBytes = 4 + kCounts / 8;
+  using Bytes = std::array<uint8_t, kStateBytes>;
+  Bytes bytes() const;
+  void setBytes(const Bytes& bytes);
   bool isFree(uint32_t count) const {
     if (count > highest_) return true;
     return highest_ - count < kCounts && (used_[count % kCounts / 64] & bit(count)) == 0;
@@ -52,8 +58,13 @@ class Nonces {
   static constexpr int kRandomMax = 16;
 
   // Fresh: for the first time, with this count. Stale: too old, of another process with the same
-  // key, its count used, or forgotten. Foreign: nobody with the key made it.
+  // key, its count used, forgotten, or given away. Foreign: nobody with the key made it.
   enum class Use { Fresh, Stale, Foreign };
+  // Of a nonce that is used: whether the answer should bring the next one.
+  struct Used {
+    Use use;
+    bool shouldRenew = false;
+  };
 
   Nonces();
   Nonces(const Nonces&) = delete;
@@ -64,13 +75,30 @@ class Nonces {
   int create(char* buffer, int size, int randomBytes, std::string_view key, Time now) const;
 
   // Uses a nonce with this count once. Call it for right credentials only, since it stores.
-  Use use(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
-          Time now);
+  Used use(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
+           Time now);
   // Whether use() would find the count fresh. Stores nothing.
   bool isFresh(std::string_view nonce, uint32_t count, std::string_view user, std::string_view key,
                Time now);
-  // Of a nonce that could be used.
-  static bool shouldRenew(std::string_view nonce, Time now);
+
+  // One of several gateways: nonces carry `gateway`, a number of this process's own, from then on.
+  // Before the first use.
+  void joinGateways(uint32_t gateway) { gateway_ = gateway; }
+  // A nonce is used where it was made, until that gateway gives it away, and then where it was
+  // taken. So at any time one gateway at most accepts it, whatever the others know.
+  //
+  // The gateway that made it, where this one has neither made nor taken it, or has given it away;
+  // nothing for a nonce that can be used here, or by nobody with the key.
+  std::optional<uint32_t> madeElsewhere(std::string_view nonce, std::string_view user,
+                                        std::string_view key);
+  struct State {
+    uint32_t ageTicks;
+    CountWindow counts;
+  };
+  // Nothing when it is not used here. Afterwards it is not used here any more.
+  std::optional<State> give(std::string_view nonce, std::string_view user, std::string_view key,
+                            Time now);
+  void take(std::string_view nonce, std::string_view user, const State& state, Time now);
 
  private:
   static constexpr std::size_t kTextMax = 63;
@@ -86,16 +114,18 @@ class Nonces {
     Key key;
     uint32_t madeAt = 0;  // as in the nonce
     uint32_t usedAt = 0;
+    bool given = false;  // to another gateway
     CountWindow counts{};
   };
-  using Used = std::list<UsedNonce>;  // the one unused for longest first
+  using UsedNonces = std::list<UsedNonce>;  // the one unused for longest first
   struct Bucket {
     Mutex mutex;
-    Used used QN_GUARDED_BY(mutex);
-    std::unordered_map<std::string_view, Used::iterator> byKey QN_GUARDED_BY(mutex);
+    UsedNonces used QN_GUARDED_BY(mutex);
+    std::unordered_map<std::string_view, UsedNonces::iterator> byKey QN_GUARDED_BY(mutex);
     // No nonce that was made then or before is taken in any more.
     uint32_t forgotten QN_GUARDED_BY(mutex) = 0;
 
+    UsedNonce* find(const Key& key) QN_REQUIRES(mutex);
     UsedNonce& add(const Key& key, uint32_t madeAt) QN_REQUIRES(mutex);
     void makeRoom(uint32_t now) QN_REQUIRES(mutex);
   };
@@ -111,8 +141,9 @@ class Nonces {
   Origin originOf(std::string_view nonce, std::string_view key) const;
   Bucket& bucketOf(std::string_view nonce, std::size_t user);
 
-  std::array<char, 32> own_{};  // constant after construction
-  bool hasOwn_ = false;         // constant after construction
+  std::array<char, 32> own_{};       // constant after construction
+  bool hasOwn_ = false;              // constant after construction
+  std::optional<uint32_t> gateway_;  // constant after the first use
   std::array<Bucket, kBuckets> buckets_;
 };
 

@@ -10,6 +10,7 @@
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/config/key_texts.h"
+#include "gateway/config/redis_url.h"
 #include "platform/config_mgr.h"
 #include "platform/device_mgr.h"
 #include "tests/contract/certificates.h"
@@ -93,7 +94,8 @@ TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
   EXPECT_EQ(tuple(plain.users.size(), plain.devices.size()), tuple(1U, 1U));
   // With the defaults said, it says the same.
   const std::regex said(
-      "(^|\n)# ((?!include|trusted_proxies|nonce_key|operation_log =|password|ha1|certificate|key|"
+      "(^|\n)# ((?!include|trusted_proxies|nonce_key|operation_log "
+      "=|redis|password|ha1|certificate|key|"
       "client_ca|ca_file|fingerprint)[a-z_]+ = )");
   const Configuration full = read(std::regex_replace(example, said, "$1$2"));
   EXPECT_EQ(tuple(full.http, full.storage), tuple(HttpOptions(), StorageOptions()));
@@ -103,6 +105,25 @@ TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
                  c.log.level, c.devices.at(0).auth);
   };
   EXPECT_EQ(others(full), others(plain));
+}
+
+TEST(ConfigurationFile, RedisIsNamedByAUrl) {
+  const auto parts = [](const char* url) {
+    const auto address = parseRedisUrl(url);
+    return address ? address->host + ' ' + std::to_string(address->port) + ' ' + address->username +
+                         ' ' + address->password + ' ' + std::to_string(address->database)
+                   : std::string();
+  };
+  EXPECT_EQ(parts("redis://h"), "h 6379   0");
+  EXPECT_EQ(parts("redis://:p%40:x@h:1/15"), "h 1  p@:x 15");
+  EXPECT_EQ(parts("redis://u:p@[::1]:2/"), "::1 2 u p 0");
+  for (const char* bad : {"", "h", "redis://", "redis://h:", "redis://h:0", "redis://h:99999",
+                          "redis://u@h", "redis://:p%4@h", "redis://:p%zz@h", "redis://[::1",
+                          "redis://h/x", "redis://h/-1", "redis://h/9999", "rediss://h"}) {
+    EXPECT_EQ(parts(bad), "") << bad;
+  }
+  EXPECT_NE(errorOf("[cluster]\nredis = \"redis://h\"\n").find("nonce_key_file"),
+            std::string::npos);
 }
 
 TEST(ConfigurationFile, EveryKeyIsExplained) {

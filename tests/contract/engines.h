@@ -110,4 +110,58 @@ class TestPostgres {
   std::unique_ptr<Child> child_;
 };
 
+// On a free port of the loopback interface; keeps nothing on the disk.
+class TestRedis {
+ public:
+  static bool isInstalled() { return !program().empty(); }
+
+  explicit TestRedis(std::string password = {}) : password_(std::move(password)) { start(); }
+
+  // Again on the same port, and empty.
+  void start() {
+    std::vector<std::string> command{program(), "--port",       std::to_string(port_),
+                                     "--bind",  "127.0.0.1",    "--save",
+                                     "",        "--appendonly", "no"};
+    if (!password_.empty()) command.insert(command.end(), {"--requirepass", password_});
+    child_ = std::make_unique<Child>(command, folder_.path() / "redis.log");
+    EXPECT_TRUE(eventually([this] { return answers(); }));
+  }
+  void stop() { child_->end(SIGKILL); }
+  Child& process() { return *child_; }
+  uint16_t port() const { return port_; }
+
+ private:
+  static std::string program() {
+    return installed({"/usr/bin/redis-server", "/usr/local/bin/redis-server"});
+  }
+  static sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+  }
+  bool answers() const {
+    const sockaddr_in address = loopback(port_);
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    close(probe);
+    return result == 0;
+  }
+  static uint16_t freePort() {
+    sockaddr_in address = loopback(0);
+    socklen_t size = sizeof address;
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), size), 0);
+    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
+    close(probe);
+    return ntohs(address.sin_port);
+  }
+
+  const std::string password_;
+  const uint16_t port_ = freePort();
+  const Folder folder_;
+  std::unique_ptr<Child> child_;
+};
+
 }  // namespace qn

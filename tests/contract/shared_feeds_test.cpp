@@ -1,0 +1,270 @@
+// What the alarm bus may expect of its feeds, whether each comes from its device or from the
+// gateway that holds it: the same test on both. And what only several gateways can suffer. On a
+// real server.
+#include "gateway/cluster/shared_feeds.h"
+
+#include <list>
+
+#include "tests/contract/engines.h"
+
+namespace qn {
+namespace {
+
+using namespace std::chrono_literals;
+using Alarms = std::vector<std::string>;
+
+constexpr auto kLease = 600ms;
+
+// One device with the streams that gateways have to it.
+class TestDevice {
+ public:
+  class Stream final : public AlarmFeed {
+   public:
+    Stream(TestDevice& device, AlarmSink sink) : device_(device), sink_(std::move(sink)) {}
+    void stop() override { device_.close(this); }
+    void bring(const std::string& alarm) const { sink_(alarm); }
+
+   private:
+    TestDevice& device_;
+    const AlarmSink sink_;
+  };
+
+  std::shared_ptr<Stream> open(AlarmSink sink) {
+    const std::lock_guard lock(mutex_);
+    return streams_.emplace_back(std::make_shared<Stream>(*this, std::move(sink)));
+  }
+  void close(const Stream* stream) {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(streams_, [&](const auto& each) { return each.get() == stream; });
+  }
+  // On all of its streams; how many these were.
+  std::size_t raise(const std::string& alarm) {
+    std::vector<std::shared_ptr<Stream>> to;
+    {
+      const std::lock_guard lock(mutex_);
+      to = streams_;
+    }
+    for (const auto& stream : to) stream->bring(alarm);
+    return to.size();
+  }
+  std::size_t streams() {
+    const std::lock_guard lock(mutex_);
+    return streams_.size();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<Stream>> streams_;
+};
+
+class OpensDevice final : public FeedOpener {
+ public:
+  explicit OpensDevice(TestDevice& device) : device_(device) {}
+  std::shared_ptr<AlarmFeed> open(const DeviceConfig&, AlarmSink sink) override {
+    return device_.open(std::move(sink));
+  }
+
+ private:
+  TestDevice& device_;
+};
+
+// The clients of one gateway.
+class Clients {
+ public:
+  AlarmSink sink() {
+    return [this](const std::string& alarm) {
+      const std::lock_guard lock(mutex_);
+      alarms_.push_back(alarm);
+    };
+  }
+  Alarms alarms() {
+    const std::lock_guard lock(mutex_);
+    return alarms_;
+  }
+  bool have(const std::string& alarm) {
+    const Alarms all = alarms();
+    return std::ranges::find(all, alarm) != all.end();
+  }
+  // Each is greater than the one before, so none came twice or late.
+  bool isAscending() {
+    const Alarms all = alarms();
+    return std::ranges::adjacent_find(all, std::greater_equal<>()) == all.end();
+  }
+
+ private:
+  std::mutex mutex_;
+  Alarms alarms_;
+};
+
+DeviceConfig configured() {
+  DeviceConfig device;
+  device.index = "7";
+  return device;
+}
+
+std::string numbered(int number) { return std::to_string(1'000'000 + number); }
+
+void expectFeeds(FeedOpener& opener, TestDevice& device) {
+  Clients clients;
+  const auto feed = opener.open(configured(), clients.sink());
+  ASSERT_TRUE(eventually([&] { return device.streams() == 1; }));
+  Alarms sent;
+  for (int i = 0; i < 100; ++i) {
+    sent.push_back(numbered(i));
+    device.raise(sent.back());
+  }
+  EXPECT_EQ(clients.alarms(), sent);
+  feed->stop();
+  EXPECT_TRUE(eventually([&] { return device.streams() == 0; }));
+  device.raise("late");
+  EXPECT_FALSE(clients.have("late"));
+}
+
+TEST(FeedsOfOneGateway, KeepTheContract) {
+  TestDevice device;
+  OpensDevice opener(device);
+  expectFeeds(opener, device);
+}
+
+// A gateway with clients of the device.
+struct Member {
+  Member(uint16_t port, TestDevice& device, const std::string& name)
+      : redis({"127.0.0.1", port, "", "", 0}, "alone"),
+        devices(device),
+        feeds(redis, devices, "qn:0:", name, kLease) {
+    redis.start();
+    EXPECT_TRUE(eventually([&] { return redis.isConnected(); }));
+  }
+  ~Member() { die(); }
+  void watch() { feed = feeds.open(configured(), clients.sink()); }
+  // The server sees no more of it, and the device's stream breaks.
+  void die() {
+    redis.stop();
+    feeds.stop();
+  }
+
+  Clients clients;
+  RedisClient redis;
+  OpensDevice devices;
+  SharedFeeds feeds;
+  std::shared_ptr<AlarmFeed> feed;
+};
+
+class SharedFeedsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!TestRedis::isInstalled()) GTEST_SKIP() << "redis-server is not installed";
+    server_ = std::make_unique<TestRedis>();
+  }
+  Member& join(const std::string& name) {
+    return members_.emplace_back(server_->port(), device_, name);
+  }
+  Member* member(int i) { return &*std::next(members_.begin(), i); }
+  // The first one holds the feed.
+  void joinAll(int count) {
+    for (int i = 0; i < count; ++i) {
+      Member& member = join("gateway" + std::to_string(i));
+      member.watch();
+      ASSERT_TRUE(eventually([&] { return device_.streams() == 1; }));
+      ASSERT_TRUE(flows(member));
+    }
+  }
+  // Raises alarms until one comes.
+  bool flows(Member& member) {
+    return eventually([&] {
+      const std::string alarm = numbered(next_++);
+      device_.raise(alarm);
+      return eventually([&] { return member.clients.have(alarm); }, 50ms);
+    });
+  }
+  static bool eventually(const std::function<bool()>& holds,
+                         std::chrono::milliseconds patience = 20s) {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (!holds()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(2ms);
+    }
+    return true;
+  }
+  // Further alarms, which all of these clients get, in their order.
+  void expectAll(std::initializer_list<Member*> members, int count) {
+    Alarms sent;
+    for (int i = 0; i < count; ++i) sent.push_back(numbered(next_++));
+    for (const std::string& alarm : sent) device_.raise(alarm);
+    for (Member* member : members) {
+      EXPECT_TRUE(eventually([&] { return member->clients.have(sent.back()); }));
+      const Alarms all = member->clients.alarms();
+      EXPECT_TRUE(std::ranges::includes(all, sent)) << member->feeds.counts().missed.value();
+      EXPECT_TRUE(member->clients.isAscending());
+    }
+  }
+
+  int next_ = 0;
+  TestDevice device_;
+  std::unique_ptr<TestRedis> server_;
+  std::list<Member> members_;
+};
+
+TEST_F(SharedFeedsTest, KeepTheContract) {
+  Member& member = join("one");
+  expectFeeds(member.feeds, device_);
+  EXPECT_EQ(member.feeds.counts().published.value(), 0u) << "nobody else wants them";
+}
+
+TEST_F(SharedFeedsTest, OneStreamServesTheClientsOfAllGateways) {
+  joinAll(3);
+  expectAll({member(0), member(1), member(2)}, 2000);
+  EXPECT_EQ(device_.streams(), 1u);
+}
+
+TEST_F(SharedFeedsTest, AnotherTakesOverWhenTheHolderIsGoneOrLetsGo) {
+  joinAll(4);
+  member(0)->die();
+  ASSERT_EQ(device_.streams(), 0u);
+  const auto begin = std::chrono::steady_clock::now();
+  ASSERT_TRUE(eventually([&] { return device_.streams() == 1; }));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, kLease + 3s);
+  expectAll({member(1), member(2), member(3)}, 200);
+  for (int i = 1; i < 4; ++i) {
+    if (member(i)->feeds.counts().published.value() == 0) continue;
+    member(i)->feed->stop();
+    ASSERT_TRUE(eventually([&] { return device_.streams() == 1 && flows(*member(i % 3 + 1)); }));
+    break;
+  }
+}
+
+// As one that was stopped by its machine: it wakes up with alarms at hand and a lease that is over.
+TEST_F(SharedFeedsTest, AHolderThatSleptPublishesNothingUnderItsOldNumber) {
+  joinAll(3);
+  Events asleep, wake;
+  member(0)->redis.post([&] {
+    asleep.signal();
+    wake.wait();
+  });
+  ASSERT_TRUE(asleep.wait());
+  ASSERT_TRUE(eventually([&] { return device_.streams() == 2; })) << "another one holds it";
+  const auto before = member(0)->feeds.counts().published.value();
+  for (int i = 0; i < 50; ++i) device_.raise(numbered(next_++));
+  wake.signal();
+  ASSERT_TRUE(eventually([&] { return device_.streams() == 1; }));
+  EXPECT_EQ(member(0)->feeds.counts().published.value(), before);
+  expectAll({member(0), member(1), member(2)}, 200);
+}
+
+TEST_F(SharedFeedsTest, WithoutTheServerEachHasItsOwnStreamAndNoAlarmComesTwiceAfterIt) {
+  joinAll(3);
+  for (int round = 0; round < 3; ++round) {
+    server_->stop();
+    ASSERT_TRUE(eventually([&] { return device_.streams() == 3; }));
+    expectAll({member(0), member(1), member(2)}, 50);
+    server_->start();
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return device_.streams() == 1;
+    }));
+    expectAll({member(0), member(1), member(2)}, 50);
+  }
+}
+
+}  // namespace
+}  // namespace qn
