@@ -128,8 +128,19 @@ def readers(connections, results, seconds):
                   if latencies else [0, 0]))
 
 
+def rows_of(scene, used_us, p50, p99, memory):
+    """The gateway's results, for plot.py."""
+    values = [("CPU of a part and stream", used_us, "us")]
+    if scene != "alarm storm":
+        values += [("alarm to client, p50", p50, "ms"), ("alarm to client, p99", p99, "ms"),
+                   ("memory of a stream", memory, "KiB")]
+    return [{"row": f"{scene}: {what}", "ratio": value, "low": value, "high": value, "unit": unit}
+            for what, value, unit in values]
+
+
 def measure(name, pid, connections, count, source, rate, seconds, memory):
-    """Runs one load and prints a line. `source` is the pipe that orders the alarms."""
+    """Runs one load and prints a line; returns CPU, latencies and memory. `source` is the pipe that
+    orders the alarms."""
     ours, theirs = multiprocessing.Pipe()
     process = multiprocessing.Process(target=readers,
                                       args=(connections, theirs, seconds + SETTLE))
@@ -146,6 +157,7 @@ def measure(name, pid, connections, count, source, rate, seconds, memory):
           f"{expected} ({100 * received / expected:.2f} %), "
           f"CPU {used / max(received, 1) * 1e6:.2f} us a part and stream, latency p50 {p50:.2f} ms "
           f"p99 {p99:.2f} ms, memory {memory / (count * STREAMS):.2f} KiB a stream", flush=True)
+    return used / max(received, 1) * 1e6, p50, p99, memory / (count * STREAMS)
 
 
 def start(target, *arguments):
@@ -171,9 +183,11 @@ def gateway_scene(harness, client, count, rate, seconds):
         harness.wait_until(lambda: source.send((0, 0)) or source.recv() == count, 30)
         time.sleep(1)
         memory = memory_kib(gateway.child.pid) - before
-        measure("gateway", gateway.child.pid, connections, count, source, rate, seconds, memory)
+        result = measure("gateway", gateway.child.pid, connections, count, source, rate, seconds,
+                         memory)
         for one in connections:
             one.close()
+        return result
     finally:
         process.terminate()
         gateway.stop()
@@ -253,6 +267,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--build", required=True)
     parser.add_argument("--seconds", type=int, default=10)
+    parser.add_argument("--json", type=pathlib.Path, help="file that the results are added to")
     parser.add_argument("--scene", choices=("storm", "many", "both"), default="both")
     arguments = parser.parse_args()
     os.environ["QN_BIN_DIR"] = str(pathlib.Path(arguments.build) / "bin")
@@ -260,10 +275,16 @@ def main():
     import harness
     harness.allow_many_descriptors()
     print(f"alarms of {len(alarm_bytes())} bytes, load average {os.getloadavg()[0]:.1f}")
-    for scene, count, rate in (("storm", 1, 10000), ("many", 1000, 1000)):
+    results = []
+    for scene, title, count, rate in (("storm", "alarm storm", 1, 10000),
+                                      ("many", "1000 devices", 1000, 1000)):
         if arguments.scene in (scene, "both"):
-            gateway_scene(harness, client, count, rate, arguments.seconds)
+            measured = gateway_scene(harness, client, count, rate, arguments.seconds)
+            results += rows_of(title, *measured)
             mosquitto_scene(harness, count, rate, arguments.seconds)
+    if arguments.json:
+        before = json.loads(arguments.json.read_text()) if arguments.json.exists() else []
+        arguments.json.write_text(json.dumps(before + results, indent=1))
 
 
 if __name__ == "__main__":

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -69,6 +70,10 @@ struct GatewayParts {
   // Loaded unless functions are given; stays loaded until the process ends.
   std::filesystem::path moduleFile = installedModule();
   Module module = {};
+  // An operator asks for a reload, on the admin port or with a command: has the thread that starts
+  // and stops call reload() soon, and returns at once. On a thread of the gateway's. Without it
+  // they are told that nobody reloads.
+  std::function<void()> reloadWanted = {};
 };
 
 // One at a time in a process: the operations of platform/ are functions of the process, and belong

@@ -28,6 +28,11 @@ enum ErrorCode : unsigned int {
   ERROR_DEVICE_REPLY_UNUSABLE = 0x20000104,  // the device answered something that is not a reply
   ERROR_DEVICE_LOGIN_REFUSED = 0x20000105,   // the device refused the gateway's credentials
   ERROR_TOO_MANY_REQUESTS = 0x20000106,      // a queue is full
+  ERROR_DEVICE_CERTIFICATE_EXPIRED = 0x20000107,  // the device's certificate; or not valid yet
+  ERROR_DEVICE_CERTIFICATE_UNKNOWN_ISSUER = 0x20000108,
+  ERROR_DEVICE_CERTIFICATE_WRONG_NAME = 0x20000109,
+  ERROR_DEVICE_CERTIFICATE_WRONG_FINGERPRINT = 0x2000010A,  // another one is pinned
+  ERROR_DEVICE_CERTIFICATE_REFUSED = 0x2000010B,            // for whatever else
   ERROR_MALFORMED_REQUEST = 0x60000101,
   ERROR_REQUEST_TOO_LARGE = 0x60000102,
   ERROR_HEAD_TOO_LARGE = 0x60000103,

@@ -13,20 +13,44 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// What a device without orders raises, in turn; the first three are of the kinds that become XML.
-constexpr std::array<const char*, 4> kOwnAlarms{
-    R"({"eventType": "motion", "eventDescription": "Motion alarm", "channelID": "1",
-        "channelName": "Camera 1"})",
-    R"({"eventType": "fieldDetection", "eventDescription": "Intrusion alarm", "channelID": "1",
+struct AlarmType {
+  std::string_view name;
+  const char* members;
+};
+
+// The first ones are what a device without orders raises, in turn; three of them become XML.
+constexpr std::size_t kOwnAlarms = 4;
+constexpr std::array<AlarmType, 14> kTypes{{
+    {"motion", R"({"eventDescription": "Motion alarm", "channelID": "1",
+        "channelName": "Camera 1"})"},
+    {"fieldDetection", R"({"eventDescription": "Intrusion alarm", "channelID": "1",
         "DetectionRegionList": [{"DetectionRegionEntry": {"regionID": "1", "sensitivityLevel": 50,
           "RegionCoordinatesList": [{"RegionCoordinates": {"positionX": 100, "positionY": 100}},
                                     {"RegionCoordinates": {"positionX": 900, "positionY": 700}}],
           "detectionTarget": "human",
-          "TargetRect": {"X": 0.25, "Y": 0.5, "width": 0.125, "height": 0.25}}}]})",
-    R"({"eventType": "audioException", "eventDescription": "Sound alarm", "channelID": "1",
-        "AudioExceptionDetection": {"alarmType": "rise", "audioDecibel": 72}})",
-    R"({"eventType": "AccessControllerEvent", "eventDescription": "Door opened",
-        "AccessControllerEvent": {"doorNo": 1, "employeeNo": "1001"}})"};
+          "TargetRect": {"X": 0.25, "Y": 0.5, "width": 0.125, "height": 0.25}}}]})"},
+    {"audioException", R"({"eventDescription": "Sound alarm", "channelID": "1",
+        "AudioExceptionDetection": {"alarmType": "rise", "audioDecibel": 72}})"},
+    {"AccessControllerEvent", R"({"eventDescription": "Door opened",
+        "AccessControllerEvent": {"doorNo": 1, "employeeNo": "1001"}})"},
+    {"lineDetection", R"({"eventDescription": "Line crossed", "channelID": "1"})"},
+    {"videoLoss", R"({"eventDescription": "No picture", "channelID": "1"})"},
+    {"IO", R"({"eventDescription": "Input switched", "inputIOPortID": 1})"},
+    {"batteryStatus", R"({"batteryStatus": {"percent": 15}})"},
+    {"devStatusChanged", R"({"devStatusChanged": {"status": "offline"}})"},
+    {"FaceTemperatureMeasurementEvent",
+     R"({"FaceTemperatureMeasurementEvent": {"currTemperature": 36.5}})"},
+    {"LocalUserChange", R"({"LocalUserChange": {"user": "guest", "action": "add"}})"},
+    {"IDCardInfoEvent", R"({"IDCardInfoEvent": {"cardNo": "9000000001"}})"},
+    {"QRCodeEvent", R"({"QRCodeEvent": {"text": "visit 17"}})"},
+    {"devXmlEvent", R"({"devXmlEvent": {"text": "<event/>"}})"},
+}};
+
+Json::Value membersOf(const AlarmType& type) {
+  Json::Value members = parseJson(type.members).value();
+  members["eventType"] = std::string(type.name);
+  return members;
+}
 
 std::string timeNow() {
   const std::time_t now = std::time(nullptr);
@@ -39,12 +63,17 @@ std::string timeNow() {
 
 }  // namespace
 
+std::vector<std::string_view> alarmTypes() {
+  std::vector<std::string_view> names(kTypes.size());
+  std::ranges::transform(kTypes, names.begin(), &AlarmType::name);
+  return names;
+}
+
 AlarmFeed::AlarmFeed(boost::asio::io_context& io, std::chrono::milliseconds interval)
     : io_(io), interval_(interval), ownTimer_(io), heartbeatTimer_(io) {}
 
 void AlarmFeed::start() {
   if (interval_.count() > 0) scheduleOwn();
-  scheduleHeartbeat();
 }
 
 void AlarmFeed::stop() {
@@ -59,29 +88,31 @@ void AlarmFeed::closeStreams() {
   streams_.clear();
 }
 
-bool AlarmFeed::attach(boost::beast::tcp_stream&& stream) {
+bool AlarmFeed::attach(ClientStream&& stream) {
   if (streams_.size() >= kStreams) return false;
   streams_.push_back(
       std::make_shared<AlertStream>(std::move(stream), framing_, [this](AlertStream* ended) {
         std::erase_if(streams_, [ended](const auto& one) { return one.get() == ended; });
       }));
+  streams_.back()->setLink(bytesPerSecond_);
   streams_.back()->start();
+  if (streams_.size() == 1) scheduleHeartbeat();
   return true;
 }
 
 bool AlarmFeed::order(const Json::Value& order) {
-  const uint64_t count = order.get("count", 1).asUInt64();
-  const unsigned perSecond = order.get("perSecond", 1000).asUInt();
-  const Json::Value alert = order.get("alert", Json::objectValue);
-  if (orders_.size() >= kOrders || count == 0 || count > kMostAlarms || perSecond == 0 ||
-      perSecond > kMostPerSecond || !alert.isObject())
-    return false;
+  if (orders_.size() >= kOrders) return false;
   Order& added = orders_.emplace_back(io_);
   added.begin = steady_clock::now();
-  added.alert = alert;
+  added.alert = Json::objectValue;
+  const std::string name = order.get("type", "").asString();
+  const auto* type = std::ranges::find(kTypes, name, &AlarmType::name);
+  if (type != kTypes.end()) added.alert = membersOf(*type);
+  const Json::Value changes = order.get("alert", Json::objectValue);
+  for (const auto& member : changes.getMemberNames()) added.alert[member] = changes[member];
   added.raw = order.get("raw", "").asString();
-  added.count = count;
-  added.perSecond = perSecond;
+  added.count = order.get("count", 1).asUInt64();
+  added.perSecond = order.get("perSecond", 1000).asUInt();
   run(std::prev(orders_.end()));
   return true;
 }
@@ -111,12 +142,16 @@ void AlarmFeed::setFraming(const Json::Value& framing) {
   framing_.split = framing.get("split", 0).asUInt();
 }
 
+void AlarmFeed::setLink(std::size_t bytesPerSecond) {
+  bytesPerSecond_ = bytesPerSecond;
+  for (const auto& stream : streams_) stream->setLink(bytesPerSecond);
+}
+
 void AlarmFeed::scheduleOwn() {
   ownTimer_.expires_after(interval_);
   ownTimer_.async_wait([this](boost::system::error_code error) {
     if (error) return;
-    const char* members = kOwnAlarms[ownAlarms_++ % kOwnAlarms.size()];
-    raise(writeJson(alertDocument(parseJson(members).value())));
+    raise(writeJson(alertDocument(membersOf(kTypes[ownAlarms_++ % kOwnAlarms]))));
     scheduleOwn();
   });
 }
@@ -124,7 +159,7 @@ void AlarmFeed::scheduleOwn() {
 void AlarmFeed::scheduleHeartbeat() {
   heartbeatTimer_.expires_after(kHeartbeat);
   heartbeatTimer_.async_wait([this](boost::system::error_code error) {
-    if (error) return;
+    if (error || streams_.empty()) return;
     Json::Value members;
     members["eventType"] = "heartBeat";
     members["eventDescription"] = "Heart Beat";

@@ -18,6 +18,9 @@
 
 namespace subdevice {
 
+// That orders may name.
+std::vector<std::string_view> alarmTypes();
+
 class AlarmFeed {
  public:
   static constexpr std::size_t kStreams = 16;
@@ -41,13 +44,15 @@ class AlarmFeed {
   void closeStreams();
 
   // False when there are too many streams already.
-  bool attach(boost::beast::tcp_stream&& stream);
+  bool attach(ClientStream&& stream);
 
-  // {"count": n, "perSecond": r, "alert": {members of the alarm}, "raw": text}. "raw" is sent as it
-  // stands instead of a document. False for an order that makes no sense or is one too many.
+  // Both have been checked (orders.h). "raw" is sent as it stands instead of a document. False for
+  // an order that is one too many.
   bool order(const Json::Value& order);
-  // {"lengths": bool, "chunked": bool, "split": n}, for streams opened from now on.
+  // For streams opened from now on.
   void setFraming(const Json::Value& framing);
+  // For all streams.
+  void setLink(std::size_t bytesPerSecond);
 
   const Counters& counters() const { return counters_; }
   std::size_t streams() const { return streams_.size(); }
@@ -78,10 +83,11 @@ class AlarmFeed {
   boost::asio::io_context& io_;
   const std::chrono::milliseconds interval_;
   boost::asio::steady_timer ownTimer_;
-  boost::asio::steady_timer heartbeatTimer_;
+  boost::asio::steady_timer heartbeatTimer_;  // runs while there are streams
   Orders orders_;
   std::vector<std::shared_ptr<AlertStream>> streams_;
   StreamFraming framing_;
+  std::size_t bytesPerSecond_ = 0;
   Counters counters_;
   int postCount_ = 0;
   unsigned ownAlarms_ = 0;

@@ -9,7 +9,7 @@
 
 namespace subdevice {
 
-AlertStream::AlertStream(boost::beast::tcp_stream stream, StreamFraming framing,
+AlertStream::AlertStream(ClientStream stream, StreamFraming framing,
                          std::function<void(AlertStream*)> onEnd)
     : stream_(std::move(stream)), framing_(framing), onEnd_(std::move(onEnd)) {
   stream_.expires_never();
@@ -24,15 +24,22 @@ void AlertStream::start() {
   watchPeer();
 }
 
-bool AlertStream::push(std::string_view document) {
+bool AlertStream::push(std::string_view document, std::string_view contentType) {
   if (pending_.size() + document.size() > kQueueBytes) return false;
-  std::string part = "--boundary\r\nContent-Type: application/json; charset=\"UTF-8\"\r\n";
+  std::string part = "--boundary\r\nContent-Type: ";
+  part += contentType;
+  part += "\r\n";
   if (framing_.lengths) part += "Content-Length: " + std::to_string(document.size()) + "\r\n";
   part += "\r\n";
   part += document;
   part += "\r\n";
   queue(part);
   return true;
+}
+
+void AlertStream::closeWhenSent() {
+  ending_ = true;
+  if (writing_.empty()) end();
 }
 
 void AlertStream::close() {
@@ -59,7 +66,8 @@ void AlertStream::write() {
                            [self = shared_from_this()](boost::system::error_code error, auto) {
                              self->writing_.clear();
                              if (error) return self->end();
-                             if (!self->pending_.empty()) self->write();
+                             if (!self->pending_.empty()) return self->write();
+                             if (self->ending_) self->end();
                            });
 }
 

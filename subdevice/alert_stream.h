@@ -1,11 +1,12 @@
 // One client's open alert stream: a multipart answer that never ends. Owned by the alarm feed.
 #pragma once
 
-#include <boost/beast/core/tcp_stream.hpp>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "subdevice/link.h"
 
 namespace subdevice {
 
@@ -19,14 +20,17 @@ struct StreamFraming {
 class AlertStream : public std::enable_shared_from_this<AlertStream> {
  public:
   static constexpr std::size_t kQueueBytes = 4 * 1024 * 1024;
+  static constexpr std::string_view kJsonPart = "application/json; charset=\"UTF-8\"";
 
   // `onEnd` is called once, when the client has gone or a write failed.
-  AlertStream(boost::beast::tcp_stream stream, StreamFraming framing,
-              std::function<void(AlertStream*)> onEnd);
+  AlertStream(ClientStream stream, StreamFraming framing, std::function<void(AlertStream*)> onEnd);
 
   void start();
+  void setLink(std::size_t bytesPerSecond) { limitSending(stream_, bytesPerSecond); }
   // False when the client is too slow: its queue is full and the part is not sent.
-  bool push(std::string_view document);
+  bool push(std::string_view document, std::string_view contentType = kJsonPart);
+  // The client's end of the stream comes behind what waits to be sent.
+  void closeWhenSent();
   // Nothing more is sent and `onEnd` is not called.
   void close();
 
@@ -36,11 +40,12 @@ class AlertStream : public std::enable_shared_from_this<AlertStream> {
   void watchPeer();
   void end();
 
-  boost::beast::tcp_stream stream_;
+  ClientStream stream_;
   const StreamFraming framing_;
   std::function<void(AlertStream*)> onEnd_;
   std::string pending_;
   std::string writing_;  // empty: no write in flight
+  bool ending_ = false;
   char ignored_ = 0;
 };
 

@@ -2,9 +2,12 @@
 #include "subdevice/control.h"
 
 #include <charconv>
+#include <chrono>
+#include <stdexcept>
 
 #include "subdevice/device.h"
 #include "subdevice/json_text.h"
+#include "subdevice/orders.h"
 #include "subdevice/resources.h"
 
 namespace subdevice {
@@ -38,25 +41,39 @@ Json::Value state(const SimulatedDevice& device) {
   return state;
 }
 
-bool changeFault(SimulatedDevice& device, const Json::Value& order) {
-  if (!order.isNull()) return device.faults.order(order);
-  device.faults.clear();
-  return true;
+void changeFault(SimulatedDevice& device, const Json::Value& order) {
+  order.isNull() ? device.faults.clear() : device.faults.order(order);
 }
 
-// False when an order made no sense; those before it are done.
-bool change(SimulatedDevice& device, const Json::Value& orders) {
-  if (orders.isMember("fault") && !changeFault(device, orders["fault"])) return false;
+void changeLink(SimulatedDevice& device, const Json::Value& order) {
+  device.link.bytesPerSecond = order.get("bytesPerSecond", 0).asUInt();
+  device.link.delay = std::chrono::milliseconds(order.get("delayMs", 0).asInt());
+  device.alarms.setLink(device.link.bytesPerSecond);
+}
+
+void change(SimulatedDevice& device, const Json::Value& orders) {
+  if (orders.isMember("fault")) changeFault(device, orders["fault"]);
+  if (orders.isMember("link")) changeLink(device, orders["link"]);
   if (orders.isMember("alertStream")) device.alarms.setFraming(orders["alertStream"]);
-  if (orders.isMember("alarm") && !device.alarms.order(orders["alarm"])) return false;
+  if (orders.isMember("alarm") && !device.alarms.order(orders["alarm"]))
+    throw std::runtime_error("too many orders of alarms are under way");
   if (orders.isMember("deviceInfo"))
-    mergeJson(device.documents["/KAVRO/System/deviceInfo"]["DeviceInfo"], orders["deviceInfo"]);
+    device.documents.merge(kDeviceInfoPath, "DeviceInfo", orders["deviceInfo"]);
   if (orders["expireNonces"].asBool()) device.login.expireNonces();
   if (orders["unlock"].asBool()) device.login.unlock();
   if (orders["clearLog"].asBool()) device.log.clear();
-  device.listening = orders.get("listening", device.listening).asBool();
-  device.onSwitch();
-  return true;
+  if (orders.isMember("listening")) device.switchTo(orders["listening"].asBool());
+  if (orders.isMember("reboot"))
+    device.reboot(std::chrono::milliseconds(
+        int64_t(1000 * orders["reboot"].get("seconds", kRebootSeconds).asDouble())));
+}
+
+Reply refusal(const std::string& wrong) {
+  Json::Value document = parseJson(statusReply(Status::BadContent, "badOrder").body).value();
+  document["description"] = wrong;
+  Reply reply = documentReply(document);
+  reply.status = 400;
+  return reply;
 }
 
 }  // namespace
@@ -66,13 +83,19 @@ Reply control(const std::vector<std::unique_ptr<SimulatedDevice>>& devices, Simu
   SimulatedDevice* device = namedDevice(devices, own, request);
   if (device == nullptr) return unknownResource();
   if (request.method == "GET") return documentReply(state(*device));
-  const Json::Value orders = bodyObject(request);
-  if (orders.isNull()) return statusReply(Status::BadFormat, "notAnObject");
+  const std::string wrong = obey(*device, bodyObject(request));
+  return wrong.empty() ? okReply() : refusal(wrong);
+}
+
+std::string obey(SimulatedDevice& device, const Json::Value& orders) {
+  std::string wrong = wrongWithOrders(orders);
+  if (!wrong.empty()) return wrong;
   try {
-    return change(*device, orders) ? okReply() : statusReply(Status::BadContent, "badOrder");
-  } catch (const std::exception& error) {  // a member of another kind, or a port that is taken
-    return statusReply(Status::BadContent, error.what());
+    change(device, orders);
+  } catch (const std::exception& error) {  // one order too many, or a port that is taken
+    wrong = error.what();
   }
+  return wrong;
 }
 
 }  // namespace subdevice

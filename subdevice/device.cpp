@@ -1,9 +1,9 @@
 // See device.h.
 #include "subdevice/device.h"
 
+#include <cstdio>
+#include <exception>
 #include <utility>
-
-#include "subdevice/factory_documents.h"
 
 namespace subdevice {
 
@@ -28,15 +28,43 @@ Json::Value RequestLog::document() const {
 
 SimulatedDevice::SimulatedDevice(boost::asio::io_context& io, DeviceOptions deviceOptions)
     : options(std::move(deviceOptions)),
-      documents(factoryDocuments(options)),
-      streams(factoryStreams(options)),
+      documents(options),
       recordings(options.channels),
       faces(io),
       login(options.username, options.password),
-      alarms(io, options.alarmInterval) {
-  for (int channel = 1; channel <= options.channels; ++channel)
-    ptzHeads.emplace(channel, PtzHead(channel));
-  for (int output = 1; output <= kIoOutputs; ++output) outputs[output] = "low";
+      alarms(io, options.alarmInterval),
+      io_(io) {}
+
+void SimulatedDevice::switchTo(bool on) {
+  rebooting_.reset();
+  listening = on;
+  onSwitch();
+}
+
+void SimulatedDevice::reboot(std::chrono::milliseconds away) {
+  switchTo(false);
+  login.expireNonces();
+  outputsHigh = {};
+  returnAfter(away);
+}
+
+void SimulatedDevice::returnAfter(std::chrono::milliseconds away) {
+  constexpr std::chrono::seconds kUntilNextTry{1};
+  rebooting_.emplace(io_, away);
+  rebooting_->async_wait([this, kUntilNextTry](boost::system::error_code error) {
+    if (error) return;
+    try {
+      switchTo(true);
+    } catch (const std::exception& taken) {
+      std::fprintf(stderr, "device %d cannot come back: %s\n", options.number, taken.what());
+      returnAfter(kUntilNextTry);
+    }
+  });
+}
+
+PtzHead* SimulatedDevice::ptzHead(int channel) {
+  if (channel < 1 || channel > options.channels) return nullptr;
+  return &ptzHeads_.try_emplace(channel, channel).first->second;
 }
 
 }  // namespace subdevice

@@ -4,22 +4,29 @@
 
 #include <json/json.h>
 
+#include <array>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "subdevice/alarm_feed.h"
 #include "subdevice/digest_guard.h"
+#include "subdevice/documents.h"
 #include "subdevice/face_library.h"
 #include "subdevice/faults.h"
+#include "subdevice/link.h"
 #include "subdevice/message.h"
 #include "subdevice/ptz.h"
 #include "subdevice/recordings.h"
+#include "subdevice/replay.h"
 
 namespace subdevice {
 
@@ -56,14 +63,23 @@ struct SimulatedDevice {
   const DeviceOptions options;
   uint16_t port = 0;  // set when it listens
   bool listening = true;
+  Link link;
+  std::unique_ptr<Replay> replay;  // a device that plays a conversation; others have none
   // Set by the listener: acts on a change of `listening`, counts the open connections.
   std::function<void()> onSwitch;
   std::function<std::size_t()> connections;
 
-  std::map<std::string, Json::Value, std::less<>> documents;  // the plain ones, by path
-  std::map<int, Json::Value> streams;  // "StreamingChannel" objects, by id: channel * 100 + stream
-  std::map<int, PtzHead> ptzHeads;     // by channel
-  std::map<int, std::string> outputs;  // the state of each IO output, by id
+  // Ends a reboot that is under way. Throws boost::system::system_error when the port is taken.
+  void switchTo(bool on);
+  // Off, and on again after that time, as soon as the port is free; what was switched or logged in
+  // is forgotten.
+  void reboot(std::chrono::milliseconds away);
+
+  // Of a channel; made when it is first asked for. Null when there is no such channel.
+  PtzHead* ptzHead(int channel);
+
+  Documents documents;
+  std::array<bool, kIoOutputs> outputsHigh{};  // the state of each IO output
   RecordingDatabase recordings;
   FaceLibrary faces;
 
@@ -72,6 +88,13 @@ struct SimulatedDevice {
   RequestLog log;
   AlarmFeed alarms;
   uint64_t requests = 0;  // the control resource's own apart
+
+ private:
+  void returnAfter(std::chrono::milliseconds away);
+
+  boost::asio::io_context& io_;
+  std::optional<boost::asio::steady_timer> rebooting_;
+  std::map<int, PtzHead> ptzHeads_;  // by channel
 };
 
 }  // namespace subdevice

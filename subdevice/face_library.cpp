@@ -3,32 +3,21 @@
 
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/http/empty_body.hpp>
-#include <boost/beast/http/read.hpp>
-#include <boost/beast/http/string_body.hpp>
-#include <boost/beast/http/write.hpp>
 #include <charconv>
-#include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "subdevice/device.h"
 #include "subdevice/digest_guard.h"
+#include "subdevice/http_call.h"
 #include "subdevice/resources.h"
 
 namespace subdevice {
 namespace {
 
-namespace http = boost::beast::http;
 using boost::asio::ip::tcp;
-
-constexpr std::size_t kPictureBytes = 10 * 1024 * 1024;
-constexpr std::chrono::seconds kFetchTime{10};
 
 using PictureArrived = std::function<void(std::optional<std::string> picture)>;
 
@@ -55,48 +44,6 @@ std::optional<PictureUrl> parseUrl(std::string_view url) {
   return PictureUrl{{address, port}, std::string(host), std::string(url.substr(slash))};
 }
 
-class Fetch : public std::enable_shared_from_this<Fetch> {
- public:
-  Fetch(boost::asio::io_context& io, const PictureUrl& url, PictureArrived arrived)
-      : stream_(io), arrived_(std::move(arrived)), request_(http::verb::get, url.target, 11) {
-    request_.set(http::field::host, url.host);
-    request_.set(http::field::connection, "close");
-    parser_.body_limit(kPictureBytes);
-    stream_.expires_after(kFetchTime);
-  }
-
-  void start(const tcp::endpoint& server) {
-    stream_.async_connect(server, [self = shared_from_this()](boost::system::error_code error) {
-      if (error) return self->arrived_({});
-      self->ask();
-    });
-  }
-
- private:
-  void ask() {
-    http::async_write(stream_, request_,
-                      [self = shared_from_this()](boost::system::error_code error, auto) {
-                        if (error) return self->arrived_({});
-                        self->read();
-                      });
-  }
-
-  void read() {
-    http::async_read(stream_, buffer_, parser_,
-                     [self = shared_from_this()](boost::system::error_code error, auto) {
-                       if (error || self->parser_.get().result() != http::status::ok)
-                         return self->arrived_({});
-                       self->arrived_(std::move(self->parser_.get().body()));
-                     });
-  }
-
-  boost::beast::tcp_stream stream_;
-  PictureArrived arrived_;
-  http::request<http::empty_body> request_;
-  http::response_parser<http::string_body> parser_;
-  boost::beast::flat_buffer buffer_;
-};
-
 // Fetches a picture from the URL that a gateway put into a face record, as a device does. Calls
 // `arrived` once, later, on the context's thread: with the body of a 200, or with nothing when the
 // URL is not "http://" with a numeric address, or no picture has come in time.
@@ -106,7 +53,11 @@ void fetchPicture(boost::asio::io_context& io, std::string_view url, PictureArri
     boost::asio::post(io, [arrived = std::move(arrived)] { arrived({}); });
     return;
   }
-  std::make_shared<Fetch>(io, *parsed, std::move(arrived))->start(parsed->server);
+  call(io, {parsed->server, "GET", parsed->target, parsed->host, ""},
+       [arrived = std::move(arrived)](HttpCallAnswer answer) {
+         if (answer.error || answer.status != 200) return arrived({});
+         arrived(std::move(answer.body));
+       });
 }
 
 std::string_view pictureType(const std::string& picture) {

@@ -11,8 +11,6 @@
 namespace subdevice {
 namespace {
 
-constexpr int kLongestDelayMs = 10 * 60 * 1000;
-
 constexpr std::array<std::pair<std::string_view, FaultKind>, 8> kKinds{
     {{"none", FaultKind::None},
      {"refuse", FaultKind::Refuse},
@@ -25,23 +23,22 @@ constexpr std::array<std::pair<std::string_view, FaultKind>, 8> kKinds{
 
 }  // namespace
 
-bool Faults::order(const Json::Value& order) {
+std::vector<std::string_view> faultKinds() {
+  std::vector<std::string_view> names(kKinds.size());
+  std::ranges::transform(kKinds, names.begin(), [](const auto& row) { return row.first; });
+  return names;
+}
+
+void Faults::order(const Json::Value& order) {
   const std::string name = order.get("kind", "none").asString();
-  const auto* kind = std::ranges::find(kKinds, name, [](const auto& row) { return row.first; });
-  const int delay = order.get("delayMs", 0).asInt();
-  const unsigned status = order.get("httpStatus", 200).asUInt();
-  const std::size_t bytes = order.get("bytes", 0).asUInt();
-  if (kind == kKinds.end() || delay < 0 || delay > kLongestDelayMs || status < 200 ||
-      status > 599 || bytes > OrderedFault::kLargestBody)
-    return false;
-  OrderedFault next{kind->second, std::chrono::milliseconds(delay), {}, bytes};
-  next.reply.status = status;
-  next.reply.contentType = order.get("contentType", "application/json").asString();
-  next.reply.body = order.get("body", "").asString();
+  fault_.kind = std::ranges::find(kKinds, name, [](const auto& row) { return row.first; })->second;
+  fault_.delay = std::chrono::milliseconds(order.get("delayMs", 0).asInt());
+  fault_.bytes = order.get("bytes", 0).asUInt();
+  fault_.reply.status = order.get("httpStatus", 200).asUInt();
+  fault_.reply.contentType = order.get("contentType", "application/json").asString();
+  fault_.reply.body = order.get("body", "").asString();
   url_ = order.get("url", "").asString();
-  remaining_ = order.isMember("count") ? order["count"].asUInt() : kForever;
-  fault_ = std::move(next);
-  return true;
+  remaining_ = order.isMember("count") ? order["count"].asUInt64() : kForever;
 }
 
 void Faults::clear() { remaining_ = 0; }

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "subdevice/message.h"
 
@@ -32,13 +34,14 @@ struct OrderedFault {
   std::size_t bytes = 0;               // of the kind Large
 };
 
+// By the names that orders give them.
+std::vector<std::string_view> faultKinds();
+
 class Faults {
  public:
-  // {"kind": "none|refuse|hang|cut|garbage|empty|reply|large", "delayMs": n, "count": n,
-  //  "url": text, "httpStatus": n, "contentType": text, "body": text, "bytes": n}. Without "count":
-  // until the next order. Only requests whose URL contains "url" are hit; without one all but the
-  // alert stream. False for an order that makes no sense; the one in force then stays.
-  bool order(const Json::Value& order);
+  // An order that has been checked (orders.h). Without "count": until the next order. Only requests
+  // whose URL contains "url" are hit; without one all but the alert stream.
+  void order(const Json::Value& order);
   void clear();
 
   // What to do with this request; uses up one of the count.

@@ -1,6 +1,6 @@
-// The documents that are answered as they stand, and a few resources of other content types, so
-// that everything a gateway may pass through can be tried: XML, snapshots. And the IO outputs,
-// switched by a trigger, and readable so that a test sees what a trigger did.
+// A few resources of other content types, so that everything a gateway may pass through can be
+// tried: XML, snapshots. And the IO outputs, switched by a trigger, and readable so that a test
+// sees what a trigger did.
 #include <boost/crc.hpp>
 #include <cstdint>
 #include <string>
@@ -69,28 +69,21 @@ std::string testPicture(unsigned variant) {
          chunk("IDAT" + zlibStored(pixels(variant))) + chunk("IEND");
 }
 
-}  // namespace
-
-Reply getDocument(ResourceCall& call) {
-  const auto found = call.device.documents.find(call.request.path);
-  return found == call.device.documents.end() ? unknownResource() : documentReply(found->second);
+bool* outputOf(ResourceCall& call) {
+  const int id = call.ids[0];
+  return id >= 1 && id <= kIoOutputs ? &call.device.outputsHigh[static_cast<std::size_t>(id - 1)]
+                                     : nullptr;
 }
 
-// The members sent replace those that the device has; a member that it does not have is refused, so
-// that nothing grows.
-Reply putDocument(ResourceCall& call) {
-  const auto found = call.device.documents.find(call.request.path);
-  if (found == call.device.documents.end()) return unknownResource();
-  const Json::Value change = bodyObject(call.request);
-  if (change.isNull()) return statusReply(Status::BadFormat, "notAnObject");
-  for (const auto& section : change.getMemberNames()) {
-    if (!found->second.isMember(section)) return statusReply(Status::BadContent, "unknownMember");
-    for (const auto& name : change[section].getMemberNames())
-      if (!found->second[section].isMember(name))
-        return statusReply(Status::BadContent, "unknownMember");
-  }
-  mergeJson(found->second, change);
-  return okReply();
+}  // namespace
+
+// Both lists of ports in one document.
+Reply listIoPorts(ResourceCall& call) {
+  Documents& documents = call.device.documents;
+  Reply reply;
+  reply.body = R"({"IOPortList":{"IOInputPortList":)" + documents.entriesOf(kIoInputsPath) +
+               R"(,"IOOutputPortList":)" + documents.entriesOf(kIoOutputsPath) + "}}";
+  return reply;
 }
 
 Reply getStatusXml(ResourceCall& call) {
@@ -102,7 +95,7 @@ Reply getStatusXml(ResourceCall& call) {
 }
 
 Reply getSnapshot(ResourceCall& call) {
-  if (!call.device.streams.contains(call.ids[0])) return unknownResource();
+  if (!call.device.documents.has(kStreamsPath, call.ids[0])) return unknownResource();
   Reply reply;
   reply.contentType = "image/png";
   reply.body = testPicture(static_cast<unsigned>(call.ids[0]));
@@ -120,22 +113,22 @@ Reply findAccessEvents(ResourceCall& call) {
 }
 
 Reply triggerOutput(ResourceCall& call) {
-  const auto output = call.device.outputs.find(call.ids[0]);
-  if (output == call.device.outputs.end()) return unknownResource();
+  bool* const high = outputOf(call);
+  if (high == nullptr) return unknownResource();
   const Json::Value data = bodyObject(call.request)["IOPortData"];
   if (!data.isObject()) return statusReply(Status::BadFormat, "notATrigger");
   const std::string state = data.get("outputState", "").asString();
   if (state != "high" && state != "low") return statusReply(Status::BadContent, "unknownState");
-  output->second = state;
+  *high = state == "high";
   return okReply();
 }
 
 Reply getOutput(ResourceCall& call) {
-  const auto output = call.device.outputs.find(call.ids[0]);
-  if (output == call.device.outputs.end()) return unknownResource();
+  const bool* const high = outputOf(call);
+  if (high == nullptr) return unknownResource();
   Json::Value document;
   document["IOPortStatus"]["ioPortID"] = call.ids[0];
-  document["IOPortStatus"]["ioState"] = output->second;
+  document["IOPortStatus"]["ioState"] = *high ? "high" : "low";
   return documentReply(document);
 }
 

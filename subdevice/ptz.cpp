@@ -16,10 +16,7 @@ double advanced(double position, double speed, double seconds) {
   return std::clamp(position + speed * seconds, -kEnd, kEnd);
 }
 
-PtzHead* headOf(ResourceCall& call) {
-  const auto found = call.device.ptzHeads.find(call.ids[0]);
-  return found == call.device.ptzHeads.end() ? nullptr : &found->second;
-}
+PtzHead* headOf(ResourceCall& call) { return call.device.ptzHead(call.ids[0]); }
 
 }  // namespace
 
@@ -111,8 +108,8 @@ void PtzHead::stopAt(const Position& position) {
 Reply listPtzChannels(ResourceCall& call) {
   Json::Value document;
   Json::Value& list = document["PTZChannelList"] = Json::arrayValue;
-  for (const auto& [channel, head] : call.device.ptzHeads)
-    list.append({})["PTZChannel"] = head.channelDocument();
+  for (int channel = 1; channel <= call.device.options.channels; ++channel)
+    list.append({})["PTZChannel"] = call.device.ptzHead(channel)->channelDocument();
   return documentReply(document);
 }
 

@@ -1,5 +1,5 @@
-// Which handler answers which resource (routes.cpp), and the handlers, one file for each family of
-// resources.
+// Which handler answers which resource that is more than a stored document (routes.cpp), and the
+// handlers, one file for each family of resources.
 #pragma once
 
 #include <array>
@@ -27,20 +27,13 @@ Reply answer(SimulatedDevice& device, const Request& request);
 Json::Value bodyObject(const Request& request);
 
 // maintenance.cpp
-Reply getDocument(ResourceCall& call);
-Reply putDocument(ResourceCall& call);
+Reply listIoPorts(ResourceCall& call);
 Reply getStatusXml(ResourceCall& call);
 Reply getSnapshot(ResourceCall& call);
 Reply acceptAnything(ResourceCall& call);
 Reply findAccessEvents(ResourceCall& call);
 Reply triggerOutput(ResourceCall& call);
 Reply getOutput(ResourceCall& call);
-
-// streaming.cpp
-Reply listStreams(ResourceCall& call);
-Reply getStream(ResourceCall& call);
-Reply putStream(ResourceCall& call);
-Reply getStreamCapabilities(ResourceCall& call);
 
 // ptz.cpp
 Reply listPtzChannels(ResourceCall& call);

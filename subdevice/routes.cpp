@@ -1,34 +1,26 @@
-// See routes.h.
-#include <charconv>
+// See resources.h.
 #include <exception>
 #include <optional>
+#include <utility>
 
+#include "subdevice/device.h"
 #include "subdevice/json_text.h"
+#include "subdevice/pattern.h"
 #include "subdevice/resources.h"
 
 namespace subdevice {
 namespace {
 
+// What is more than a document.
 struct ResourceRoute {
   std::string_view method;
-  std::string_view pattern;
+  Pattern pattern;
   Reply (*handler)(ResourceCall&);
 };
 
 constexpr ResourceRoute kRoutes[] = {
-    {"GET", "/KAVRO/System/deviceInfo", getDocument},
-    {"PUT", "/KAVRO/System/deviceInfo", putDocument},
-    {"GET", "/KAVRO/System/Video/inputs/channels", getDocument},
-    {"GET", "/KAVRO/System/Audio/channels", getDocument},
-    {"GET", "/KAVRO/Smart/capabilities", getDocument},
-    {"GET", "/KAVRO/System/IO", getDocument},
-    {"GET", "/KAVRO/System/time", getDocument},
-    {"PUT", "/KAVRO/System/time", putDocument},
+    {"GET", "/KAVRO/System/IO", listIoPorts},
     {"GET", "/KAVRO/System/status", getStatusXml},
-    {"GET", "/KAVRO/Streaming/channels", listStreams},
-    {"GET", "/KAVRO/Streaming/channels/%d", getStream},
-    {"PUT", "/KAVRO/Streaming/channels/%d", putStream},
-    {"GET", "/KAVRO/Streaming/channels/%d/capabilities", getStreamCapabilities},
     {"GET", "/KAVRO/Streaming/channels/%d/picture", getSnapshot},
     {"GET", "/KAVRO/PTZCtrl/channels", listPtzChannels},
     {"PUT", "/KAVRO/PTZCtrl/channels/%d/continuous", movePtz},
@@ -51,26 +43,12 @@ constexpr ResourceRoute kRoutes[] = {
     {"PUT", "/KAVRO/Security/sessionHeartbeat", acceptAnything},
 };
 
-// Fills the ids when the path fits the pattern, which has at most as many placeholders.
-bool fits(std::string_view pattern, std::string_view path, std::array<int, 2>& ids) {
-  std::size_t next = 0;
-  for (;;) {
-    const auto mark = pattern.find("%d");
-    if (mark == std::string_view::npos) return pattern == path;
-    if (path.substr(0, mark) != pattern.substr(0, mark)) return false;
-    path.remove_prefix(mark);
-    pattern.remove_prefix(mark + 2);
-    const bool digit = !path.empty() && path[0] >= '0' && path[0] <= '9';
-    const auto read = std::from_chars(path.data(), path.data() + path.size(), ids[next]);
-    if (!digit || read.ec != std::errc()) return false;
-    ++next;
-    path.remove_prefix(static_cast<std::size_t>(read.ptr - path.data()));
-  }
-}
-
 const ResourceRoute* findRoute(const Request& request, std::array<int, 2>& ids) {
-  for (const auto& route : kRoutes)
-    if (route.method == request.method && fits(route.pattern, request.path, ids)) return &route;
+  for (const auto& route : kRoutes) {
+    std::string_view path = request.path;
+    if (route.method == request.method && route.pattern.takeFrom(path, ids) && path.empty())
+      return &route;
+  }
   return nullptr;
 }
 
@@ -82,11 +60,11 @@ Json::Value bodyObject(const Request& request) {
 }
 
 Reply answer(SimulatedDevice& device, const Request& request) {
-  ResourceCall call{device, request, {}};
-  const ResourceRoute* route = findRoute(request, call.ids);
-  if (route == nullptr) return unknownResource();
   try {
-    return route->handler(call);
+    if (auto stored = device.documents.answer(request)) return std::move(*stored);
+    ResourceCall call{device, request, {}};
+    const ResourceRoute* route = findRoute(request, call.ids);
+    return route == nullptr ? unknownResource() : route->handler(call);
   } catch (const Json::Exception&) {  // a member of another kind than the handler reads
     return statusReply(Status::BadContent, "wrongKind");
   } catch (const std::exception& error) {

@@ -82,9 +82,11 @@ void ClientConnection::serve() {
   ++device.requests;
   device.log.add(request_);
   const OrderedFault fault = device.faults.take(request_);
-  if (fault.delay.count() == 0) return perform(fault);
+  limitSending(stream_, device.link.bytesPerSecond);
+  const auto delay = fault.delay + device.link.delay;
+  if (delay.count() == 0) return perform(fault);
   stream_.expires_never();
-  delay_.expires_after(fault.delay);
+  delay_.expires_after(delay);
   delay_.async_wait([self = shared_from_this(), fault](boost::system::error_code error) {
     if (!error) self->perform(fault);
   });
@@ -124,11 +126,32 @@ void ClientConnection::answerProperly() {
   SimulatedDevice& device = listener_.device();
   Reply refusal;
   if (!device.login.admit(request_, refusal)) return send(refusal);
+  if (device.replay) return replay(device.replay->next(request_));
   if (request_.method == "GET" && request_.path == kAlertStreamPath) {
     if (!device.alarms.attach(std::move(stream_))) close();
     return;
   }
   send(answer(device, request_));
+}
+
+void ClientConnection::replay(const RecordedExchange* said) {
+  if (said == nullptr) return send(statusReply(Status::Refused, "notRecorded"));
+  stream_.expires_never();
+  delay_.expires_after(said->after);
+  delay_.async_wait([self = shared_from_this(), said](boost::system::error_code error) {
+    if (!error) self->play(*said);
+  });
+}
+
+void ClientConnection::play(const RecordedExchange& said) {
+  if (said.end == RecordedExchange::End::Closed) return close();
+  if (said.end == RecordedExchange::End::Silent) return hang();
+  if (said.isStream()) return ReplayedStream::play(listener_.io(), std::move(stream_), said);
+  Reply reply;
+  reply.status = said.status;
+  reply.contentType = said.reply.type;
+  reply.body = contentOf(said.reply);
+  send(reply);
 }
 
 // Until the client gives up, or for the time of an idle connection.
@@ -161,7 +184,7 @@ void ClientConnection::sendBytes(std::string bytes, bool closeAfter) {
 
 DeviceListener::DeviceListener(boost::asio::io_context& io, const Devices& devices,
                                SimulatedDevice& device, uint16_t port)
-    : devices_(devices), device_(device), acceptor_(io) {
+    : io_(io), devices_(devices), device_(device), acceptor_(io) {
   open(port);
   device_.port = acceptor_.local_endpoint().port();
   device_.onSwitch = [this] { followSwitch(); };
@@ -179,16 +202,18 @@ void DeviceListener::followSwitch() {
 
 void DeviceListener::open(uint16_t port) {
   const tcp::endpoint endpoint(boost::asio::ip::address_v4::loopback(), port);
-  acceptor_.open(endpoint.protocol());
-  acceptor_.set_option(tcp::acceptor::reuse_address(true));
-  acceptor_.bind(endpoint);
-  acceptor_.listen();
+  tcp::acceptor acceptor(acceptor_.get_executor());  // one that fails leaves no trace
+  acceptor.open(endpoint.protocol());
+  acceptor.set_option(tcp::acceptor::reuse_address(true));
+  acceptor.bind(endpoint);
+  acceptor.listen();
+  acceptor_ = std::move(acceptor);
   accept();
 }
 
 void DeviceListener::accept() {
   acceptor_.async_accept([this](boost::system::error_code error, tcp::socket socket) {
-    if (!acceptor_.is_open()) return;
+    if (error == boost::asio::error::operation_aborted || !acceptor_.is_open()) return;
     if (!error) admit(std::move(socket));
     accept();
   });

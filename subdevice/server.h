@@ -4,7 +4,6 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <list>
@@ -14,6 +13,7 @@
 
 #include "subdevice/device.h"
 #include "subdevice/faults.h"
+#include "subdevice/link.h"
 #include "subdevice/message.h"
 
 namespace subdevice {
@@ -38,12 +38,15 @@ class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
   void serveControl();
   void perform(const OrderedFault& fault);
   void answerProperly();
+  // Null: there is nothing to be played.
+  void replay(const RecordedExchange* said);
+  void play(const RecordedExchange& said);
   void hang();
   void send(const Reply& reply);
   void sendAndClose(std::string bytes);
   void sendBytes(std::string bytes, bool closeAfter);
 
-  boost::beast::tcp_stream stream_;
+  ClientStream stream_;
   DeviceListener& listener_;
   boost::beast::flat_buffer buffer_;
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
@@ -70,6 +73,7 @@ class DeviceListener {
   // device is gone as if its power had failed.
   void followSwitch();
 
+  boost::asio::io_context& io() { return io_; }
   SimulatedDevice& device() { return device_; }
   const Devices& devices() const { return devices_; }
 
@@ -79,6 +83,7 @@ class DeviceListener {
   std::size_t openConnections();
   void admit(boost::asio::ip::tcp::socket socket);
 
+  boost::asio::io_context& io_;
   const Devices& devices_;
   SimulatedDevice& device_;
   boost::asio::ip::tcp::acceptor acceptor_;

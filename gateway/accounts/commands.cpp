@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
 
 #include "gateway/accounts/accounts_file.h"
+#include "gateway/accounts/device_test.h"
 #include "gateway/accounts/entry_text.h"
 #include "gateway/accounts/passwords.h"
 #include "gateway/admin/control.h"
@@ -32,6 +34,7 @@ constexpr Command kCommands[] = {
     {"device", "set", "INDEX", "changes a device", Set, true, true},
     {"device", "del", "INDEX", "takes a device away", Delete},
     {"device", "list", "", "shows the devices", List},
+    {"device", "test", "INDEX", "connects, logs in and reads the device's name", Test},
     {"lock", "list", "", "shows the client addresses that are locked", List},
     {"unlock", "", "ADDRESS", "lets a locked client address log in again", Unlock},
 };
@@ -50,7 +53,7 @@ std::string keyName(const KeyFacts& key) { return key.name.substr(key.name.find(
 // Those that say or hold a secret are set by other means.
 bool hasOption(const KeyFacts& key, std::string_view nameKey) {
   const std::string name = keyName(key);
-  return !key.secret && !name.ends_with("_file") && name != nameKey;
+  return !key.secret && name != "password_file" && name != "ha1_file" && name != nameKey;
 }
 
 // A text that is no number stays a text, so that the check says what is wrong with it.
@@ -209,6 +212,30 @@ CommandEnd unlock(const CommandOrder& order) {
   });
 }
 
+// Whether the device's password is a credential, which only the service has.
+bool hasCredentialElsewhere(const CommandOrder& order) {
+  const ListedEntries all = listedEntries(order.config, "devices");
+  const auto column = [&](std::string_view key) {
+    return std::size_t(std::ranges::find(all.keys, key) - all.keys.begin());
+  };
+  return !std::getenv("CREDENTIALS_DIRECTORY") &&
+         std::ranges::any_of(all.rows, [&](const auto& row) {
+           return row[column("index")] == tomlText(order.argument) &&
+                  row[column("password_file")].starts_with("\"credential:");
+         });
+}
+
+CommandEnd test(const CommandOrder& order) {
+  const Configuration read = examineConfiguration(order.config, {nullptr, true}).configuration;
+  const DeviceConfig* const device = read.findDevice(order.argument);
+  if (!device) throw ConfigurationError({shown(order) + " is not there"});
+  if (hasCredentialElsewhere(order)) {
+    return complain("the password of " + shown(order) +
+                    " is a credential that the service manager gives to the service alone");
+  }
+  return testDevice(*device, std::cout) ? CommandEnd::Done : CommandEnd::Unreached;
+}
+
 // One change of the file that the configuration includes first.
 class Change {
  public:
@@ -364,6 +391,8 @@ CommandEnd runCommand(const CommandOrder& order) {
       return noun == "lock" ? listLocks(order) : list(order);
     case Unlock:
       return unlock(order);
+    case Test:
+      return test(order);
     default:
       return Change(order).run();
   }

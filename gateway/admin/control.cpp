@@ -177,7 +177,7 @@ Json::Value ControlSocket::reload() const {
 
 Json::Value ControlSocket::locks() const {
   Json::Value document = Json::arrayValue;
-  for (const auto& [network, unlockIn] : login_.locks(kListedLocks)) {
+  for (const auto& [network, unlockIn] : login_.locks(kAnsweredLocks)) {
     Json::Value& lock = document.append(Json::objectValue);
     lock["address"] = network.text();
     lock["seconds"] = Json::Int64(unlockIn.count());

@@ -25,7 +25,7 @@ namespace qn {
 inline constexpr char kControlName[] = "control";  // of the socket
 inline constexpr std::size_t kOrderBytes = 256;
 inline constexpr std::size_t kAnswerBytes = 1024 * 1024;
-inline constexpr std::size_t kListedLocks = 4096;
+inline constexpr std::size_t kAnsweredLocks = 4096;
 inline constexpr std::chrono::seconds kOrderTime{1};  // for a whole order to arrive
 
 // On the host's one thread; orders are done one after the other on a thread of its own.

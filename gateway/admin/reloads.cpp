@@ -1,12 +1,7 @@
 // See reloads.h.
 #include "gateway/admin/reloads.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 namespace qn {
-
-void Reloads::raiseHangup() { kill(getpid(), SIGHUP); }
 
 void Reloads::begin() {
   const MutexLock lock(mutex_);

@@ -17,8 +17,8 @@ class Reloads {
  public:
   static constexpr std::chrono::seconds kWait{10};
 
-  // `ring` has the main thread reload soon.
-  explicit Reloads(std::function<void()> ring = raiseHangup) : ring_(std::move(ring)) {}
+  // `ring` has the main thread reload soon; without it nobody does.
+  explicit Reloads(std::function<void()> ring) : ring_(std::move(ring)), closed_(!ring_) {}
 
   // Around each reload. An empty refusal: the file was taken.
   void begin();
@@ -37,13 +37,11 @@ class Reloads {
   State state() const;
 
  private:
-  static void raiseHangup();  // SIGHUP to the process
-
   const std::function<void()> ring_;
   mutable Mutex mutex_;
   Condition changed_;
   uint64_t begun_ QN_GUARDED_BY(mutex_) = 0;
-  bool closed_ QN_GUARDED_BY(mutex_) = false;
+  bool closed_ QN_GUARDED_BY(mutex_);
   State state_ QN_GUARDED_BY(mutex_){0, {}, std::chrono::system_clock::now()};
 };
 

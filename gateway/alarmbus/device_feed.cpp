@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/beast/http/error.hpp>
 #include <utility>
 
@@ -53,8 +52,8 @@ DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
       times_(times),
       quotedIndex_(Json::valueToQuotedString(device_->config.index.c_str())),
       sink_(std::move(sink)),
-      socket_(reactor),
-      dialer_(*device_, socket_),
+      stream_(reactor),
+      dialer_(*device_, stream_),
       timer_(reactor),
       pause_(reactor),
       login_(std::in_place),
@@ -96,22 +95,28 @@ void DeviceFeed::connect() {
 
 void DeviceFeed::connected() {
   Error ignored;
-  socket_.set_option(asio::socket_base::keep_alive(true), ignored);
+  stream_.socket().set_option(asio::socket_base::keep_alive(true), ignored);
   watch(kHeadLimit);
   parts_.reset();
   reply_.emplace(std::nullopt);
   writeRequestHead(head_, *device_,
                    {"GET", target_, "Accept: multipart/mixed\r\n", authorization_});
-  asio::async_write(socket_, asio::buffer(head_),
-                    [self = shared_from_this()](Error error, std::size_t) {
-                      if (error) return self->retry(error.message());
-                      self->head_ = {};
-                      self->waitForBytes();
-                    });
+  sendHead(0);
+}
+
+void DeviceFeed::sendHead(std::size_t sent) {
+  stream_.asyncWriteSome(asio::buffer(head_) + sent,
+                         [self = shared_from_this(), sent](Error error, std::size_t count) {
+                           if (error) return self->retry(error.message());
+                           if (sent + count < self->head_.size())
+                             return self->sendHead(sent + count);
+                           self->head_ = {};
+                           self->waitForBytes();
+                         });
 }
 
 void DeviceFeed::waitForBytes() {
-  socket_.async_wait(Tcp::socket::wait_read, [self = shared_from_this()](Error error) {
+  stream_.asyncWaitUnread([self = shared_from_this()](Error error) {
     if (error) return self->retry(error.message());
     self->readBytes();
   });
@@ -122,7 +127,7 @@ void DeviceFeed::readBytes() {
   if (stopped_) return;
   Error error;
   const auto space = buffer_.space(kReadSize);
-  const auto size = socket_.read_some(space, error);
+  const auto size = stream_.readSome(space, error);
   buffer_.commit(size);
   const bool stormOver = error == asio::error::would_block;
   std::string fault;

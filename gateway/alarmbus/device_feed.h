@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <functional>
@@ -63,10 +62,10 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
  private:
   using Error = boost::system::error_code;
   using Clock = std::chrono::steady_clock;
-  using Tcp = boost::asio::ip::tcp;
 
   void connect();
   void connected();
+  void sendHead(std::size_t sent);
   void waitForBytes();
   void readBytes();
   void gather();
@@ -92,7 +91,7 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   const std::string quotedIndex_;
   const AlarmSink sink_;
 
-  Tcp::socket socket_;
+  DeviceStream stream_;
   Dialer dialer_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer pause_;

@@ -18,9 +18,11 @@ auto lookUp(const Items& items, const Index& index, const Key& key) -> const
 }  // namespace
 
 bool DeviceConfig::sameServer(const DeviceConfig& other) const {
-  return std::tie(host, port, basePath, username, password, auth) ==
-         std::tie(other.host, other.port, other.basePath, other.username, other.password,
-                  other.auth);
+  const auto facts = [](const DeviceConfig& device) {
+    return std::tie(device.host, device.port, device.basePath, device.username, device.password,
+                    device.auth, device.tls, device.verify, device.authorities, device.fingerprint);
+  };
+  return facts(*this) == facts(other);
 }
 
 TlsServerOptions HttpsOptions::tls() const {

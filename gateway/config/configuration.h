@@ -160,16 +160,23 @@ struct UserConfig {
 // is used only where it is written.
 enum class DeviceAuth { Digest, Basic, Any };
 
+inline constexpr uint16_t kDeviceHttpPort = 80;
+inline constexpr uint16_t kDeviceHttpsPort = 443;
+
 struct DeviceConfig {
   std::string index;
-  std::string host;      // of the URL; an IPv6 address without its brackets
-  uint16_t port = 80;    // of the URL
-  std::string basePath;  // of the URL, without a trailing slash
+  std::string host;                 // of the URL; an IPv6 address without its brackets
+  uint16_t port = kDeviceHttpPort;  // of the URL
+  std::string basePath;             // of the URL, without a trailing slash
   std::string username;
   std::string password;
   DeviceAuth auth = DeviceAuth::Digest;
   uint16_t httpPort = 0;  // the device's own KAVRO port in mode 2; 0: none
   uint16_t rtspPort = 0;
+  bool tls = false;              // the URL is of https
+  bool verify = true;            // who the device is, by one of:
+  std::string authorities = {};  // certificates, PEM; empty: those of the system
+  std::string fingerprint = {};  // SHA-256 of its certificate, in lower-case hexadecimal; or none
 
   // Whether requests go to the same place with the same login.
   bool sameServer(const DeviceConfig& other) const;

@@ -18,6 +18,7 @@
 #include "gateway/config/toml_syntax.h"
 #include "gateway/config/toml_table.h"
 #include "gateway/log/log.h"
+#include "gateway/tls/tls_server.h"
 #include "text/ascii.h"
 
 namespace qn {
@@ -194,9 +195,8 @@ class FileReader {
 
   void checkIncluded(const toml::table& document) {
     for (const auto& [name, node] : document) {
-      bool known = stoodForUnreadable(name.str());
-      for (const std::string_view list : kListsInExample) known |= list == name.str();
-      if (known) continue;
+      const std::string_view list = name.str();
+      if (list == "users" || list == "devices" || stoodForUnreadable(list)) continue;
       findings_.error(placeOf(name.source(), std::string(name.str())),
                       "an included file has [[users]] and [[devices]] only");
     }
@@ -356,9 +356,6 @@ class FileReader {
     return true;
   }
 
-  std::filesystem::path folder() const {
-    return std::filesystem::path(findings_.file()).parent_path();
-  }
   std::filesystem::path fileOf(const Place& place) const {
     return place.file ? *place.file : findings_.file();
   }
@@ -400,8 +397,43 @@ class FileReader {
     }
     warnAboutExample(entry.password, placeOfKey(table, at, "password"));
     noteSecrets(table, at, {"password"});
+    readVerification(table, at, entry);
     result_.devices.push_back(entry);
     entries_.devices.push_back(std::move(entry));
+  }
+
+  // How a device over https proves who it is.
+  void readVerification(const toml::table& table, const Place& at, DeviceEntry& entry) {
+    entry.fingerprint = plainFingerprint(entry.fingerprint);
+    int said = 0;
+    const auto note = [&](const char* key, bool isSaid) {
+      if (!isSaid) return;
+      ++said;
+      if (!entry.tls)
+        findings_.error(placeOfKey(table, at, key), "expected beside an https:// url");
+    };
+    note("ca_file", !entry.caFile.empty());
+    note("fingerprint", !entry.fingerprint.empty());
+    note("verify", !entry.verify);
+    if (said > 1) {
+      findings_.error(placeOfKey(table, at, "url"),
+                      "expected one of ca_file, fingerprint and verify = false");
+    }
+    if (!entry.verify) {
+      findings_.warning(placeOfKey(table, at, "verify"),
+                        "whoever answers in place of the device \"" + entry.index +
+                            "\" is believed: pin its fingerprint");
+    }
+    if (!entry.caFile.empty()) readAuthorities(placeOfKey(table, at, "ca_file"), entry);
+  }
+
+  void readAuthorities(const Place& place, DeviceEntry& entry) {
+    const SecretFile file(entry.caFile, fileOf(place).parent_path());
+    if (isElsewhere(file, place)) return;
+    entry.authorities = file.read(place, findings_, kCertificateBytes);
+    if (findings_.hasErrorAt(place)) return;
+    const std::string fault = faultOfAuthorities(entry.authorities);
+    if (!fault.empty()) findings_.error(place, file.path().string() + ": " + fault);
   }
 
   void addUser(const toml::table& table, const Place& at) {

@@ -452,6 +452,7 @@ inline constexpr Key<UserEntry> kUserKeys[] = {
 struct DeviceEntry : DeviceConfig {
   std::string url;
   std::string passwordFile;
+  std::string caFile;
 };
 
 inline constexpr Key<DeviceEntry> kDeviceKeys[] = {
@@ -490,6 +491,23 @@ inline constexpr Key<DeviceEntry> kDeviceKeys[] = {
      {},
      &kDeviceAuthRule,
      "how to log in there; all but \"digest\" show the password to everybody on the way"},
+    {"ca_file",
+     &DeviceEntry::caFile,
+     {},
+     &kSecretFileRule,
+     "the certificates, PEM, of who vouches for the device's; for https",
+     {.otherwise = "the system's authorities", .example = "\"cameras-ca.pem\""}},
+    {"fingerprint",
+     &DeviceEntry::fingerprint,
+     {},
+     &kFingerprintRule,
+     "the SHA-256 of the device's certificate, which then needs nobody to vouch for it; for https",
+     {.otherwise = "none", .example = "\"<digest>\""}},
+    {"verify",
+     &DeviceEntry::verify,
+     {},
+     {},
+     "false: whoever answers is taken for the device; for https"},
     {"http_port",
      &DeviceEntry::httpPort,
      kPortOrNone,
@@ -522,8 +540,7 @@ void forEachSection(Visit visit) {
   visit("log", "what goes to standard error", kLogKeys, &Configuration::log);
 }
 
-// The lists that the example has an entry of, and that included files may have. What the example
-// shows of others is commented out.
+// The lists that the example has an entry of; what it shows of others is commented out.
 inline constexpr std::string_view kListsInExample[] = {"users", "devices"};
 
 // The same, without a member, for those that stand once for each user and device.

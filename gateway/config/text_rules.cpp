@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gateway/config/redis_url.h"
+#include "text/ascii.h"
 #include "text/hex.h"
 #include "text/number.h"
 
@@ -90,6 +91,11 @@ bool isDeviceUrl(std::string_view text) {
   return parseDeviceUrl(text, device);
 }
 
+bool isFingerprint(std::string_view text) {
+  const std::string digits = plainFingerprint(text);
+  return digits.size() == hexLength(DigestAlgorithm::SHA256) && text::isHex(digits);
+}
+
 bool isDeviceUser(std::string_view text) { return isPlain(text, kNameBytes) && hasNone(text, ":"); }
 
 bool isDevicePassword(std::string_view text) { return isPlain(text, kPasswordBytes); }
@@ -161,7 +167,9 @@ const TextRule kTokenRule{isToken, "16 to 256 letters, digits and -._~+/="};
 const TextRule kHa1Rule{isHa1, "the hexadecimal digest of name:realm:password"};
 const TextRule kDeviceIndexRule{
     isDeviceIndex, "1 to 63 printable ASCII characters without blanks and & # % + ? /"};
-const TextRule kDeviceUrlRule{isDeviceUrl, "http://HOST[:PORT][/PATH], an IPv6 HOST in brackets"};
+const TextRule kDeviceUrlRule{isDeviceUrl,
+                              "http://HOST[:PORT][/PATH] or https://..., an IPv6 HOST in brackets"};
+const TextRule kFingerprintRule{isFingerprint, "64 hexadecimal digits, with or without colons"};
 const TextRule kDeviceUserRule{isDeviceUser,
                                "at most 128 bytes without \":\" and control characters"};
 const TextRule kDevicePasswordRule{isDevicePassword,
@@ -187,9 +195,12 @@ const TextRule kRedisRule{[](std::string_view text) { return parseRedisUrl(text)
                           "redis://[USER][:PASSWORD@]HOST[:PORT][/DATABASE]"};
 
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
-  constexpr std::string_view kScheme = "http://";
-  if (url.size() > kUrlBytes || !url.starts_with(kScheme)) return false;
-  url.remove_prefix(kScheme.size());
+  constexpr std::string_view kHttp = "http://";
+  constexpr std::string_view kHttps = "https://";
+  device.tls = url.starts_with(kHttps);
+  device.port = device.tls ? kDeviceHttpsPort : kDeviceHttpPort;
+  if (url.size() > kUrlBytes || !(device.tls || url.starts_with(kHttp))) return false;
+  url.remove_prefix((device.tls ? kHttps : kHttp).size());
   const std::size_t pathStart = std::min(url.find('/'), url.size());
   std::string_view authority = url.substr(0, pathStart);
   std::string_view path = url.substr(pathStart);
@@ -197,6 +208,14 @@ bool parseDeviceUrl(std::string_view url, DeviceConfig& device) {
   device.basePath = path;
   return takeHost(authority, device.host) && readPort(authority, device.port) &&
          hasNone(path, "?#") && std::all_of(path.begin(), path.end(), isVisible);
+}
+
+std::string plainFingerprint(std::string_view text) {
+  std::string digits;
+  for (const char c : text) {
+    if (c != ':') digits += text::lower(c);
+  }
+  return digits;
 }
 
 bool isLoopback(std::string_view text) {

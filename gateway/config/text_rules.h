@@ -2,6 +2,7 @@
 #pragma once
 
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "gateway/config/configuration.h"
@@ -27,6 +28,7 @@ extern const TextRule kHa1Rule;
 extern const TextRule kDeviceIndexRule;
 extern const TextRule kDeviceUrlRule;
 extern const TextRule kDeviceUserRule;
+extern const TextRule kFingerprintRule;
 extern const TextRule kDevicePasswordRule;
 extern const TextRule kDeviceAuthRule;
 extern const TextRule kPathRule;
@@ -43,7 +45,10 @@ extern const TextRule kRedisRule;
 // Whether only this machine reaches the address.
 bool isLoopback(std::string_view address);
 
-// Sets host, port and basePath of the device; false when the text breaks kDeviceUrlRule.
+// A fingerprint in lower case, without colons.
+std::string plainFingerprint(std::string_view text);
+
+// Sets host, port, basePath and tls of the device; false when the text breaks kDeviceUrlRule.
 bool parseDeviceUrl(std::string_view url, DeviceConfig& device);
 
 }  // namespace qn

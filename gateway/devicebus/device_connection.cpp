@@ -19,7 +19,7 @@ constexpr int kInterimReplies = 8;             // 1xx replies before a final one
 }  // namespace
 
 DeviceConnection::DeviceConnection(Lane& lane, asio::io_context& reactor)
-    : lane_(&lane), socket_(reactor), device_(lane.sharedDevice()), dialer_(*device_, socket_) {}
+    : lane_(&lane), stream_(reactor), device_(lane.sharedDevice()), dialer_(*device_, stream_) {}
 
 template <typename Step>
 void DeviceConnection::guarded(Step step) noexcept {
@@ -49,6 +49,7 @@ void DeviceConnection::start(const DeviceRequestHead& head, RequestPtr request) 
 }
 
 void DeviceConnection::onConnected(const ErrorCode& error) {
+  connectError_ = error;
   if (error) return report(Fault::NotConnected);
   connected_ = true;
   send();
@@ -58,8 +59,8 @@ void DeviceConnection::onConnected(const ErrorCode& error) {
 void DeviceConnection::send() {
   ErrorCode error;
   const std::size_t sent = request_->body.size() <= kShortBody
-                               ? socket_.write_some(asio::buffer(head_), error)
-                               : socket_.write_some(unsent(0), error);
+                               ? stream_.writeSome(asio::buffer(head_), error)
+                               : stream_.writeSome(unsent(0), error);
   if (error && error != asio::error::would_block) return reportLater(Fault::Closed);
   sendRest(sent);
 }
@@ -75,7 +76,7 @@ void DeviceConnection::sendRest(std::size_t sent) {
   const auto rest = unsent(sent);
   sending_ = asio::buffer_size(rest) > 0;
   if (!sending_) return;
-  socket_.async_write_some(
+  stream_.asyncWriteSome(
       rest, [self = shared_from_this(), sent](const ErrorCode& error, std::size_t count) {
         self->guarded([&] {
           // Later, because a reply that has arrived by now counts for more.
@@ -91,15 +92,15 @@ void DeviceConnection::read() {
   const auto space =
       buffer_.space(reply_ && reply_->hasLongBody() ? ReadBuffer::kLargest : ReadBuffer::kUsual);
   if (space.size() == 0) return reportLater(Fault::Unusable);
-  socket_.async_read_some(space,
-                          [self = shared_from_this()](const ErrorCode& error, std::size_t count) {
-                            self->guarded([&] { self->onRead(error, count); });
-                          });
+  stream_.asyncReadSome(space,
+                        [self = shared_from_this()](const ErrorCode& error, std::size_t count) {
+                          self->guarded([&] { self->onRead(error, count); });
+                        });
 }
 
 // What comes of a long body, straight to where it is gathered; nothing is unread by now.
 void DeviceConnection::readBody(asio::mutable_buffer room) {
-  socket_.async_read_some(
+  stream_.asyncReadSome(
       room, [self = shared_from_this(), room](const ErrorCode& error, std::size_t count) {
         self->guarded([&] {
           if (error) return self->onReadEnd(error);
@@ -155,7 +156,7 @@ void DeviceConnection::readOnWhenRoom() {
   const auto onRoom = [self = weak_from_this()] {
     const auto connection = self.lock();
     if (!connection) return;
-    asio::post(connection->socket_.get_executor(), [connection] {
+    asio::post(connection->stream_.executor(), [connection] {
       connection->guarded([&] {
         connection->waitingForRoom_ = false;
         connection->read();
@@ -201,7 +202,7 @@ void DeviceConnection::report(Fault fault) {
 }
 
 void DeviceConnection::reportLater(Fault fault) {
-  asio::post(socket_.get_executor(),
+  asio::post(stream_.executor(),
              [self = shared_from_this(), fault] { self->guarded([&] { self->report(fault); }); });
 }
 

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -45,6 +44,8 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   }
   ReplyParser& reply() { return *reply_; }
   bool isReused() const { return reused_; }
+  // Of Fault::NotConnected.
+  const boost::system::error_code& connectError() const { return connectError_; }
   bool gotReplyBytes() const { return gotReplyBytes_; }
   // The reply is not read on until there is room for it.
   bool isWaitingForRoom() const { return waitingForRoom_; }
@@ -77,13 +78,14 @@ class DeviceConnection : public std::enable_shared_from_this<DeviceConnection> {
   void reportLater(Fault fault);
 
   Lane* lane_;  // null once closed
-  boost::asio::ip::tcp::socket socket_;
+  DeviceStream stream_;
   const std::shared_ptr<Device> device_;
   Dialer dialer_;
   RequestPtr request_;  // null while resting
   std::string head_;    // and the body, when it is short
   ReadBuffer buffer_;
   std::optional<ReplyParser> reply_;
+  ErrorCode connectError_;
   int interimReplies_ = 0;
   bool connected_ = false;
   bool reused_ = false;

@@ -32,7 +32,7 @@ void Lane::pump() {
     BusRequest& first = *queue_.front();
     const auto now = Clock::now();
     if (device_->circuit.blocked(now)) {
-      fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
+      fail(takeFirst(), device_->circuit.reason());
       continue;
     }
     if (first.isForgotten()) {
@@ -46,7 +46,7 @@ void Lane::pump() {
     if (verdict == DeviceLogin::Verdict::Refused) {
       fail(takeFirst(), ERROR_DEVICE_LOGIN_REFUSED);
     } else if (!device_->circuit.admit(now)) {
-      fail(takeFirst(), ERROR_DEVICE_UNREACHABLE);
+      fail(takeFirst(), device_->circuit.reason());
     } else {
       launch({first.method, target, first.idLine, authorization}, takeFirst());
     }
@@ -118,8 +118,9 @@ void Lane::onFault(DeviceConnection& connection, DeviceConnection::Fault fault) 
   RequestPtr request = connection.takeRequest();
   if (!request) return;
   if (fault == DeviceConnection::Fault::NotConnected) {
-    device_->circuit.failed(Clock::now());
-    fail(std::move(request), ERROR_DEVICE_UNREACHABLE);
+    const unsigned int code = errorOfConnecting(connection.connectError());
+    device_->circuit.failed(Clock::now(), code);
+    fail(std::move(request), code);
   } else if (fault == DeviceConnection::Fault::NoRoom) {
     fail(std::move(request), ERROR_TOO_MANY_REQUESTS);
   } else if (fault == DeviceConnection::Fault::Closed && isToBeSentAgain(*request, connection)) {

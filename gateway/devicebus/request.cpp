@@ -19,6 +19,11 @@ std::optional<DeviceFailure> failureOf(unsigned int code) {
     case ERROR_DEVICE_TIMEOUT:
       return DeviceFailure::TimedOut;
     case ERROR_DEVICE_UNREACHABLE:
+    case ERROR_DEVICE_CERTIFICATE_EXPIRED:
+    case ERROR_DEVICE_CERTIFICATE_UNKNOWN_ISSUER:
+    case ERROR_DEVICE_CERTIFICATE_WRONG_NAME:
+    case ERROR_DEVICE_CERTIFICATE_WRONG_FINGERPRINT:
+    case ERROR_DEVICE_CERTIFICATE_REFUSED:
       return DeviceFailure::Unreachable;
     case ERROR_DEVICE_REPLY_UNUSABLE:
       return DeviceFailure::UnusableReply;

@@ -9,12 +9,10 @@
 namespace qn {
 namespace {
 
-constexpr uint16_t kUsualPort = 80;
-
 std::string hostField(const DeviceConfig& config) {
   const bool ipv6 = config.host.find(':') != std::string::npos;
   std::string host = ipv6 ? '[' + config.host + ']' : config.host;
-  if (config.port == kUsualPort) return host;
+  if (config.port == (config.tls ? kDeviceHttpsPort : kDeviceHttpPort)) return host;
   host += ':';
   text::appendDecimal(host, config.port);
   return host;
@@ -66,7 +64,8 @@ void Circuit::succeeded() {
   }
 }
 
-void Circuit::failed(Clock::time_point now) {
+void Circuit::failed(Clock::time_point now, unsigned int reason) {
+  reason_ = reason;
   if (failures_ < kFailures) nextProbe_ = probeAfter(now);
   if (++failures_ == kFailures) {
     logWarn("device {} does not answer: probing it from now on", device_);
@@ -77,6 +76,7 @@ Device::Device(const DeviceConfig& deviceConfig, const RefusalTimes& times, Name
     : config(deviceConfig),
       requestLineEnd(" HTTP/1.1\r\nHost: " + hostField(deviceConfig) + "\r\n"),
       names(resolver),
+      tls(deviceConfig.tls ? std::make_unique<DeviceTls>(deviceConfig) : nullptr),
       address(deviceConfig),
       login(deviceConfig, times),
       circuit(deviceConfig.index) {}

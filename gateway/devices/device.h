@@ -13,9 +13,11 @@
 
 #include "gateway/config/configuration.h"
 #include "gateway/devices/device_login.h"
+#include "gateway/devices/device_tls.h"
 #include "gateway/devices/name_resolver.h"
 #include "gateway/metrics/counts.h"
 #include "gateway/sync/mutex.h"
+#include "platform/error_codes.h"
 
 namespace qn {
 
@@ -57,12 +59,15 @@ class Circuit {
   bool admit(Clock::time_point now);
 
   void succeeded();
-  void failed(Clock::time_point now);
+  // `reason`: what a request is told that is not even sent.
+  void failed(Clock::time_point now, unsigned int reason = ERROR_DEVICE_UNREACHABLE);
+  unsigned int reason() const { return reason_; }
 
  private:
   const std::string device_;  // for the log
   std::atomic<int> failures_{0};
   std::atomic<Clock::rep> nextProbe_{0};  // of Clock, since its epoch
+  std::atomic<unsigned int> reason_{ERROR_DEVICE_UNREACHABLE};
 };
 
 // A changed configuration makes a new one: requests in flight keep the old.
@@ -72,6 +77,7 @@ struct Device {
   const DeviceConfig config;
   const std::string requestLineEnd;  // version, line end and Host line of every request
   NameResolver& names;
+  const std::unique_ptr<DeviceTls> tls;  // null for http
   DeviceAddress address;
   DeviceLogin login;
   Circuit circuit;

@@ -1,12 +1,16 @@
 #include "gateway/devices/dialer.h"
 
 #include <boost/asio/connect.hpp>
+#include <exception>
 #include <utility>
+
+#include "gateway/log/log.h"
 
 namespace qn {
 
 void Dialer::start(Done done) {
   cancelled_ = false;
+  step_ = Step::Resolving;
   const auto known = device_.address.endpoints();
   if (known.empty()) return resolve(done);
   connect(known, std::move(done));
@@ -21,7 +25,7 @@ void Dialer::resolve(const Done& done) {
   timer_.async_wait([this, lookup, done](const auto&) {
     if (lookup == lookups_) found(device_.names.lastGood(device_.config.host), done);
   });
-  device_.names.find(name, socket_.get_executor(), [this, lookup, done](const auto& addresses) {
+  device_.names.find(name, stream_.executor(), [this, lookup, done](const auto& addresses) {
     if (lookup == lookups_) found(addresses, done);
   });
 }
@@ -36,24 +40,55 @@ void Dialer::found(const NameResolver::Addresses& addresses, Done done) {
 }
 
 void Dialer::connect(const DeviceAddress::Endpoints& endpoints, Done done) {
-  boost::asio::async_connect(socket_, endpoints,
-                             [this, done = std::move(done)](const auto& error, const auto&) {
-                               if (error) {
-                                 device_.address.unreachable();
-                               } else {
-                                 boost::system::error_code ignored;
-                                 socket_.set_option(boost::asio::ip::tcp::no_delay(true), ignored);
-                                 socket_.non_blocking(true, ignored);
-                               }
-                               done(error);
-                             });
+  step_ = Step::Connecting;
+  boost::asio::async_connect(
+      stream_.socket(), endpoints,
+      [this, done = std::move(done)](const auto& error, const auto&) mutable {
+        connected(error, std::move(done));
+      });
+}
+
+void Dialer::connected(const boost::system::error_code& error, Done done) {
+  if (error) {
+    device_.address.unreachable();
+    return done(error);
+  }
+  boost::system::error_code ignored;
+  stream_.socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+  stream_.socket().non_blocking(true, ignored);
+  if (!device_.tls) return done(error);
+  secure(std::move(done));
+}
+
+// False when there is no memory for it.
+bool Dialer::prepareTls() try {
+  stream_.encrypt().makeSession(DeviceTls::context());
+  device_.tls->prepare(*stream_.ssl());
+  return true;
+} catch (const std::exception& error) {
+  logError("device {}: {}", device_.config.index, error.what());
+  return false;
+}
+
+void Dialer::secure(Done done) {
+  if (cancelled_) return done(boost::asio::error::operation_aborted);
+  step_ = Step::Securing;
+  if (!prepareTls()) return done(boost::asio::error::no_memory);
+  stream_.encrypt().async_handshake(
+      [this, done = std::move(done)](const boost::system::error_code& error) {
+        if (cancelled_) return done(boost::asio::error::operation_aborted);
+        const auto verdict = device_.tls->judge(*stream_.ssl(), error);
+        if (device_.tls->isNews(verdict)) {
+          logWarn("device {}: {}", device_.config.index, verdict.message());
+        }
+        done(verdict);
+      });
 }
 
 void Dialer::cancel() {
   cancelled_ = true;
   timer_.cancel();
-  boost::system::error_code ignored;
-  socket_.close(ignored);
+  stream_.close();
 }
 
 }  // namespace qn

@@ -1,18 +1,19 @@
-// Connects a socket to a device: finds out where the device is, tries each address. A member of the
-// bus's connections and of the alarm feeds, beside the socket that it connects.
+// Connects a stream to a device: finds out where the device is, tries each address, and begins TLS
+// where the device is reached over https. A member of the bus's connections and of the alarm feeds,
+// beside the stream that it connects.
 #pragma once
 
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 
 #include "gateway/devices/device.h"
+#include "gateway/devices/device_stream.h"
 
 namespace qn {
 
-// On the socket's thread. One attempt at a time.
+// On the stream's thread. One attempt at a time.
 class Dialer {
  public:
   using Done = std::function<void(const boost::system::error_code&)>;
@@ -22,24 +23,32 @@ class Dialer {
   static constexpr std::chrono::milliseconds kPatienceWithOldAddress{500};
 
   // Both outlive the dialer.
-  Dialer(Device& device, boost::asio::ip::tcp::socket& socket)
-      : device_(device), socket_(socket), timer_(socket.get_executor()) {}
+  Dialer(Device& device, DeviceStream& stream)
+      : device_(device), stream_(stream), timer_(stream.executor()) {}
 
-  // `done` is called once, later, and keeps the dialer alive until then. Connecting itself is not
-  // bounded in time.
+  // `done` is called once, later, and keeps the dialer alive until then. Its error may be a
+  // CertificateFault. Connecting and the handshake of TLS are not bounded in time.
   void start(Done done);
-  // Ends an attempt with an error, and closes the socket.
+  // Ends an attempt with an error, and closes the stream.
   void cancel();
+
+  enum class Step { Resolving, Connecting, Securing };
+  // What the attempt does, or did when it failed.
+  Step step() const { return step_; }
 
  private:
   void resolve(const Done& done);
   void found(const NameResolver::Addresses& addresses, Done done);
   void connect(const DeviceAddress::Endpoints& endpoints, Done done);
+  void connected(const boost::system::error_code& error, Done done);
+  bool prepareTls();
+  void secure(Done done);
 
   Device& device_;
-  boost::asio::ip::tcp::socket& socket_;
+  DeviceStream& stream_;
   boost::asio::steady_timer timer_;  // of a name that is looked up
   uint64_t lookups_ = 0;             // counts those that were begun and those that have ended
+  Step step_ = Step::Resolving;
   bool cancelled_ = false;
 };
 

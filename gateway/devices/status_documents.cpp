@@ -8,11 +8,23 @@
 namespace qn {
 namespace {
 
-constexpr unsigned int kCodes[] = {
-    ERROR_DEVICE_TIMEOUT,        ERROR_DEVICE_UNREACHABLE,   ERROR_GATEWAY_STOPPING,
-    ERROR_DEVICE_REPLY_UNUSABLE, ERROR_DEVICE_LOGIN_REFUSED, ERROR_TOO_MANY_REQUESTS,
-    ERROR_MALFORMED_REQUEST,     ERROR_REQUEST_TOO_LARGE,    ERROR_METHOD_NOT_IMPLEMENTED,
-    ERROR_RESOURCE_NOT_FOUND,    ERROR_DEVICE_NOT_ALLOWED,   ERROR_OK};
+constexpr unsigned int kCodes[] = {ERROR_DEVICE_TIMEOUT,
+                                   ERROR_DEVICE_UNREACHABLE,
+                                   ERROR_GATEWAY_STOPPING,
+                                   ERROR_DEVICE_REPLY_UNUSABLE,
+                                   ERROR_DEVICE_LOGIN_REFUSED,
+                                   ERROR_TOO_MANY_REQUESTS,
+                                   ERROR_MALFORMED_REQUEST,
+                                   ERROR_REQUEST_TOO_LARGE,
+                                   ERROR_METHOD_NOT_IMPLEMENTED,
+                                   ERROR_RESOURCE_NOT_FOUND,
+                                   ERROR_DEVICE_NOT_ALLOWED,
+                                   ERROR_OK,
+                                   ERROR_DEVICE_CERTIFICATE_EXPIRED,
+                                   ERROR_DEVICE_CERTIFICATE_UNKNOWN_ISSUER,
+                                   ERROR_DEVICE_CERTIFICATE_WRONG_NAME,
+                                   ERROR_DEVICE_CERTIFICATE_WRONG_FINGERPRINT,
+                                   ERROR_DEVICE_CERTIFICATE_REFUSED};
 
 std::string documentText(unsigned int code) {
   Json::Value document;

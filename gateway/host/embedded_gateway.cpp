@@ -9,7 +9,6 @@
 
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/gateway.h"
-#include "gateway/host/protocol_module.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
 #include "include/version.h"
@@ -67,7 +66,7 @@ class OnlyOne {
 class EmbeddedGateway::Running {
  public:
   Running(Configuration configuration, const GatewayParts& parts)
-      : log_(configuration.log), gateway_(std::move(configuration), protocolModule(parts)) {}
+      : log_(configuration.log), gateway_(std::move(configuration), parts) {}
 
   const Gateway& gateway() const { return gateway_; }
 

@@ -16,6 +16,7 @@
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/descriptors.h"
 #include "gateway/host/engines.h"
+#include "gateway/host/protocol_module.h"
 #include "gateway/log/client_log.h"
 #include "gateway/log/log.h"
 #include "gateway/log/output.h"
@@ -69,9 +70,9 @@ void listenOrAdvise(std::string_view key, Listen listen) try {
 
 }  // namespace
 
-Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module)
+Gateway::Gateway(Configuration configuration, const GatewayParts& parts)
     : configuration_(std::make_shared<const Configuration>(std::move(configuration))),
-      module_(module),
+      module_(protocolModule(parts)),
       folder_(configuration_->storage.dataDir),
       pictures_(std::filesystem::path(configuration_->storage.dataDir) / "pictures",
                 configuration_->pictures, [this](uint16_t port) { return http_.serves(port); }),
@@ -89,6 +90,7 @@ Gateway::Gateway(Configuration configuration, const GatewayParts::Module& module
       pulse_(reactors_),
       reminders_(reactors_.context(0)),
       health_(pulse_),
+      reloads_(parts.reloadWanted),
       control_(clientLogin(), reloads_),
       admin_(observed()) {
   try {

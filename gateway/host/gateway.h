@@ -32,7 +32,7 @@ class Gateway {
  public:
   // Starts everything; when it returns the ports are open. Throws std::exception with a text for
   // the operator; what was started is stopped again.
-  Gateway(Configuration configuration, const GatewayParts::Module& module);
+  Gateway(Configuration configuration, const GatewayParts& parts);
   // Stops within 10 s: no new connections, requests in flight are finished or answered that the
   // gateway is stopping, the operation log is flushed.
   ~Gateway();

@@ -27,10 +27,10 @@ void refuseFile(const std::filesystem::path& file) {
 
 void append(std::string& text, const std::string& head,
             const std::map<std::string, GatewaySettings::Value>& keys) {
-  text += head + '\n';
+  text.append(head) += '\n';
   for (const auto& [name, value] : keys) {
     const std::string shown = std::visit([](const auto& each) { return tomlText(each); }, value);
-    text += name + " = " + shown + '\n';
+    text.append(name).append(" = ").append(shown) += '\n';
   }
 }
 

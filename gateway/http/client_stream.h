@@ -39,7 +39,7 @@ class TcpStream : public boost::asio::basic_stream_socket<boost::asio::ip::tcp,
     basic_stream_socket::close(ignored);
   }
   template <class Handler>
-  void async_wait_unread(Handler handler) {
+  void async_wait_unread(Handler handler) {  // NOLINT(readability-identifier-naming): as Asio's
     async_wait(wait_read, std::move(handler));
   }
 };

@@ -77,7 +77,8 @@ void serve(const qn::Arguments& arguments) {
   qn::raiseDescriptorLimit();
   const auto settings = qn::GatewaySettings::fromFile(arguments.config);
   qn::ServiceManager manager;
-  qn::EmbeddedGateway gateway({.moduleFile = arguments.module});
+  qn::EmbeddedGateway gateway(
+      {.moduleFile = arguments.module, .reloadWanted = [] { kill(getpid(), SIGHUP); }});
   gateway.start(settings);
   manager.ready(gateway.description());
   const timespec wait = tickFor(manager);

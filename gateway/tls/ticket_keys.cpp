@@ -86,7 +86,7 @@ int onTicket(SSL* ssl, unsigned char* name, unsigned char* iv, EVP_CIPHER_CTX* c
 void TicketKeys::attach(const std::shared_ptr<TicketKeys>& keys, SSL_CTX& context) {
   auto held = std::make_unique<std::shared_ptr<TicketKeys>>(keys);
   if (SSL_CTX_set_ex_data(&context, contextSlot(), held.get()) != 1) throw std::bad_alloc();
-  held.release();  // the context has it
+  static_cast<void>(held.release());  // the context has it
   SSL_CTX_set_session_cache_mode(&context, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_timeout(&context, std::chrono::seconds(kInterval).count());
   SSL_CTX_set_tlsext_ticket_key_evp_cb(&context, onTicket);

@@ -242,7 +242,7 @@ TlsServer::TlsServer(const TlsServerOptions& options, const std::shared_ptr<Tick
     if (context) names->keep(std::move(context));
   }
   check(SSL_CTX_set_ex_data(context_.get(), namesSlot(), names.get()) == 1, "names");
-  names.release();  // the context has it
+  static_cast<void>(names.release());  // the context has it
   SSL_CTX_set_tlsext_servername_callback(context_.get(), onServerName);
 }
 

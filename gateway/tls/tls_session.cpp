@@ -17,6 +17,9 @@ namespace {
 
 using boost::system::error_code;
 
+// A flag of ours beside OpenSSL's: the last read found nothing.
+constexpr int kNothingThere = 0x10000;
+
 template <class Bytes>
 int transferred(BIO* bio, Bytes transfer) {
   BIO_clear_retry_flags(bio);
@@ -39,7 +42,11 @@ int readFromSocket(BIO* bio, char* room, int count) {
   const int received = transferred(
       bio, [&](int socket) { return ::recv(socket, room, static_cast<std::size_t>(count), 0); });
   if (received == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
-  if (received < 0 && isForLater()) BIO_set_retry_read(bio);
+  BIO_clear_flags(bio, kNothingThere);
+  if (received < 0 && isForLater()) {
+    BIO_set_retry_read(bio);
+    BIO_set_flags(bio, kNothingThere);
+  }
   return received;
 }
 
@@ -96,6 +103,8 @@ SslContextPtr newTlsContext(TlsRole role) {
   SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE |
                                       SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
                                       SSL_MODE_RELEASE_BUFFERS);
+  // One call reads one record: who sends many that hold nothing must not keep the thread.
+  SSL_CTX_clear_mode(context.get(), SSL_MODE_AUTO_RETRY);
   SSL_CTX_set_read_ahead(context.get(), 1);  // a record's head and content with one system call
   return context;
 }
@@ -126,6 +135,7 @@ TlsResult TlsSession::attempt(Attempt attempt) {
     case SSL_ERROR_NONE:
       return {Wait::None, {}, count};
     case SSL_ERROR_WANT_READ:
+      drained_ = BIO_test_flags(SSL_get_rbio(ssl_.get()), kNothingThere) != 0;
       return {Wait::Readable};
     case SSL_ERROR_WANT_WRITE:
       return {Wait::Writable};
@@ -138,14 +148,16 @@ TlsResult TlsSession::attempt(Attempt attempt) {
 }
 
 TlsResult TlsSession::handshake() {
-  return attempt([this](std::size_t&) { return SSL_do_handshake(ssl_.get()); });
+  const TlsResult result = attempt([this](std::size_t&) { return SSL_do_handshake(ssl_.get()); });
+  if (result.wait == TlsResult::Wait::None) drained_ = false;
+  return result;
 }
 
 TlsResult TlsSession::read(std::span<char> room) {
   const TlsResult result = attempt([&](std::size_t& count) {
     return SSL_read_ex(ssl_.get(), room.data(), room.size(), &count);
   });
-  drained_ = result.wait != TlsResult::Wait::None;
+  if (result.wait == TlsResult::Wait::None) drained_ = false;
   return result;
 }
 

@@ -3,13 +3,13 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/socket_base.hpp>
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,8 +27,9 @@ template <class Socket>
 class TlsStream {
  public:
   using ErrorCode = boost::system::error_code;
-  using executor_type = typename Socket::executor_type;  // NOLINT: Asio's name
-  using lowest_layer_type = Socket;                      // NOLINT: Asio's name
+  // NOLINTBEGIN(readability-identifier-naming): Asio's names
+  using executor_type = typename Socket::executor_type;
+  using lowest_layer_type = Socket;
 
   TlsStream(Socket socket, TlsRole role) : socket_(std::move(socket)), role_(role) {}
 
@@ -101,6 +102,8 @@ class TlsStream {
                       [handler = std::move(handler)]() mutable { handler(ErrorCode()); });
   }
 
+  // NOLINTEND(readability-identifier-naming)
+
   // Tells the peer that nothing more is sent.
   void endSending(ErrorCode& ec) {
     if (session_) session_->endSending();
@@ -126,7 +129,9 @@ class TlsStream {
   // together for this thread's next use.
   template <class Buffers>
   static std::string_view nextRecord(const Buffers& buffers, std::size_t sent) {
-    thread_local std::array<char, TlsSession::kRecord> together;
+    // Not in place, where it would be a part of every thread's stack.
+    thread_local const std::unique_ptr<char[]> together(
+        new (std::nothrow) char[TlsSession::kRecord]);
     std::string_view record;
     const auto end = boost::asio::buffer_sequence_end(buffers);
     for (auto each = boost::asio::buffer_sequence_begin(buffers); each != end; ++each) {
@@ -138,10 +143,10 @@ class TlsStream {
       if (bytes.empty()) continue;
       if (record.empty()) {
         record = bytes;
-      } else {
-        if (record.data() != together.data()) std::ranges::copy(record, together.begin());
-        std::ranges::copy(bytes, together.data() + record.size());
-        record = {together.data(), record.size() + bytes.size()};
+      } else if (together) {
+        if (record.data() != together.get()) std::ranges::copy(record, together.get());
+        std::ranges::copy(bytes, together.get() + record.size());
+        record = {together.get(), record.size() + bytes.size()};
       }
     }
     return record;
@@ -161,7 +166,8 @@ class TlsStream {
       if (ec) return handler(ec, std::size_t{0});
       const TlsResult result = attempt();
       if (result.wait == Wait::None) return handler(result.error, result.count);
-      perform(result.wait, std::move(attempt), std::move(handler));
+      const bool again = result.wait == Wait::Readable && session_->hasUnread();
+      perform(again ? Wait::None : result.wait, std::move(attempt), std::move(handler));
     };
     switch (wait) {
       case Wait::None:

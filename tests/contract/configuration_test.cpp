@@ -96,7 +96,7 @@ TEST(ConfigurationFile, TheExampleIsMadeOfTheKeysAndTheirDefaults) {
   const std::regex said(
       "(^|\n)# ((?!include|trusted_proxies|nonce_key|operation_log "
       "=|redis|password|ha1|certificate|key|"
-      "client_ca)[a-z_]+ = )");
+      "client_ca|ca_file|fingerprint)[a-z_]+ = )");
   const Configuration full = read(std::regex_replace(example, said, "$1$2"));
   EXPECT_EQ(tuple(full.http, full.storage), tuple(HttpOptions(), StorageOptions()));
   const auto others = [](const Configuration& c) {
@@ -207,6 +207,7 @@ TEST(ConfigurationFile, CertificatesAreCheckedWithTheirKeys) {
 TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
   const std::string device = "[[devices]]\nindex = \"1\"\nurl = \"http://h\"\n";
   const std::string user = "[[users]]\nname = \"a\"\ndevice = \"1\"\npassword = \"p\"\n";
+  const std::string tls = "[[devices]]\nindex = \"1\"\nurl = \"https://h\"\n";
   const std::pair<std::string, std::string> cases[] = {
       // the error after the file's name
       {"[http\n", ":1: "},
@@ -254,6 +255,13 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
       {device + "http_port = 8080\n", ":4: devices.http_port: expected a value that is not taken"},
       {device + "password = \"x\"\n", ":1: devices.username: expected a name"},
       {device + "password = \"a\\nb\"\n", ":4: devices.password: expected a string"},
+      {device + "fingerprint = \"" + std::string(64, 'a') + "\"\n",
+       ":4: devices.fingerprint: expected beside an https:// url"},
+      {tls + "fingerprint = \"ab\"\n", ":4: devices.fingerprint: expected a string: 64 hex"},
+      {tls + "fingerprint = \"" + std::string(64, 'a') + "\"\nverify = false\n",
+       ":3: devices.url: expected one of ca_file, fingerprint and verify"},
+      {tls + "ca_file = \"none\"\n", ":4: devices.ca_file: "},
+      {user + "ha1_sha256 = \"00\"\n", ":5: users.ha1_sha256: expected beside ha1"},
       {device + "auth = \"none\"\n", ":4: devices.auth: expected a string: \"digest\","},
   };
   const auto expectError = [](const std::string& content, const std::string& error) {
@@ -274,9 +282,9 @@ TEST(ConfigurationFile, ErrorsNameLineKeyAndWhatIsExpected) {
             1u);
   expectError("[[devices]]\nindex = \"" + std::string(64, 'x') + "\"", ":2: devices.index");
   for (const char* url :
-       {"", "https://h", "http://", "http://:80", "http://h:", "http://h:0", "http://h:65536",
-        "http://h:80x", "http://u:p@h", "http://h/a?b", "http://h/a b", "http://::1/",
-        "http://[::1", "http://[h]", "http://[::1]x"}) {
+       {"", "ftp://h", "https://", "http://", "http://:80", "http://h:", "http://h:0",
+        "http://h:65536", "http://h:80x", "http://u:p@h", "http://h/a?b", "http://h/a b",
+        "http://::1/", "http://[::1", "http://[h]", "http://[::1]x"}) {
     expectError("[[devices]]\nindex = \"1\"\nurl = \"" + std::string(url) + "\"\n",
                 ":3: devices.url: expected a string: http://");
   }
@@ -405,11 +413,15 @@ TEST(ConfigurationFile, WhatIsProbablyNotMeantSoIsAWarning) {
 TEST(ConfigurationFile, AUserMayHaveAnAlgorithmOfTheOwn) {
   const std::string start = "[[users]]\nname = \"a\"\ndevice = \"1\"\n";
   const std::string ha1 = "ha1 = \"" + std::string(32, '0') + "\"\n";
+  const std::string sha256 = "ha1_sha256 = \"" + std::string(64, 'A') + "\"\n";
   const std::string strong = "algorithm = \"SHA-256\"\n";
   // The user may log in with MD5, with SHA-256; the gateway offers MD5, SHA-256.
   const std::pair<std::string, tuple<bool, bool, bool, bool>> cases[] = {
       {start + "password = \"p\"\n", {true, true, true, false}},
       {start + ha1, {true, false, true, false}},
+      {start + ha1 + sha256, {true, true, true, false}},
+      {start + ha1 + sha256 + strong, {false, true, true, true}},
+      {start + sha256 + strong, {false, true, true, true}},
       {start + "password = \"p\"\n" + strong, {false, true, true, true}},
       {"[kavro]\n" + strong + start + "password = \"p\"\n", {false, true, false, true}},
       {"[kavro]\n" + strong + start + ha1 + "algorithm = \"MD5\"\n", {true, false, true, true}},

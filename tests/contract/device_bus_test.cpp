@@ -274,6 +274,21 @@ TEST_F(DeviceBusTest, HangingDeviceDelaysNoOtherAndHoldsABoundedNumber) {
   EXPECT_EQ(hanging.device.connections(), 2);
 }
 
+TEST_F(DeviceBusTest, AHandshakeEndsWithItsRequestAndWhatIsNoTlsIsNoDevice) {
+  ScriptedDevice silent(ScriptedDevice::hanging());
+  ScriptedDevice plain([](Peer& peer) {
+    peer.write("HTTP/1.1 400 Bad Request\r\n\r\n");
+    peer.waitForClose();
+  });
+  addDevice("1", silent.port());
+  addDevice("2", plain.port());
+  for (DeviceConfig& device : configuration_.devices) device.tls = true;
+  publish();
+  const auto hanging = send("1", milliseconds(300));
+  EXPECT_EQ(send("2")->error(), ERROR_DEVICE_UNREACHABLE);
+  EXPECT_EQ(hanging->error(), ERROR_DEVICE_TIMEOUT);
+}
+
 TEST_F(DeviceBusTest, WhatWaitsIsBoundedInBytesForEachDeviceAndInAll) {
   ClosedDevice closed;
   configuration_.bus.deviceBytes = 250'000;

@@ -35,7 +35,10 @@ class TlsStreamTest : public testing::Test {
     near.connect(acceptor.local_endpoint());
     client_.emplace(std::move(near), TlsRole::Client);
     server_.emplace(acceptor.accept(), TlsRole::Server);
-    for (Stream* each : {&*client_, &*server_}) each->lowest_layer().non_blocking(true);
+    for (Stream* each : {&*client_, &*server_}) {
+      each->lowest_layer().non_blocking(true);
+      each->lowest_layer().set_option(Tcp::no_delay(true));
+    }
     const std::string chain = certificate().certificate.string();
     SSL_CTX_use_certificate_chain_file(serverContext_.get(), chain.c_str());
     SSL_CTX_use_PrivateKey_file(serverContext_.get(), certificate().key.c_str(), SSL_FILETYPE_PEM);
@@ -173,6 +176,39 @@ TEST_F(TlsStreamTest, APeerThatJustGoesHasNotEnded) {
   EXPECT_EQ(end, TlsFault::Truncated);
   server_->close();
   server_->close();
+}
+
+TEST_F(TlsStreamTest, WhatComesWithTheEndOfTheHandshakeIsSeen) {
+  client_->makeSession(*clientContext_);
+  error_code ec;
+  client_->async_handshake([&](error_code) { client_->write_some(asio::buffer("now", 3), ec); });
+  ASSERT_FALSE(accept());
+  std::string received;
+  receive(*server_, received, ec);
+  EXPECT_TRUE(runUntil([&] { return received == "now"; }));
+}
+
+TEST_F(TlsStreamTest, RecordsThatHoldNothingKeepNobodyElseWaiting) {
+  shakeHands();
+  constexpr int kUpdates = 4000;  // in more than 100 KiB, of which one read takes 16
+  client_->lowest_layer().set_option(asio::socket_base::send_buffer_size(200'000));
+  for (int i = 0; i < kUpdates; ++i) {
+    ASSERT_EQ(SSL_key_update(client_->ssl(), SSL_KEY_UPDATE_NOT_REQUESTED), 1);
+    ASSERT_EQ(SSL_do_handshake(client_->ssl()), 1);
+  }
+  error_code ec;
+  client_->write_some(asio::buffer("end", 3), ec);
+  std::string received;
+  receive(*server_, received, ec);
+  int others = 0;
+  std::function<void()> other = [&] {
+    if (!received.empty()) return;
+    ++others;
+    asio::post(context_, other);
+  };
+  other();
+  EXPECT_TRUE(runUntil([&] { return received == "end"; }));
+  EXPECT_GE(others, 6);
 }
 
 TEST_F(TlsStreamTest, NoHandshakeBeginsBeforeItsFirstMessageHasArrived) {

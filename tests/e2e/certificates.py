@@ -27,9 +27,10 @@ class Authority:
         """The files of one that ended yesterday."""
         certificate, key = self.issue(name)
         request = certificate.with_suffix(".csr")
-        for command in (("req", "-new", "-key", key, "-subj", f"/CN={name}", "-out", request),
+        for command in (("req", "-new", "-key", key, "-subj", f"/CN={name}", "-addext",
+                         "subjectAltName=IP:127.0.0.1,DNS:localhost", "-out", request),
                         ("x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey",
-                         self.key, "-days", "-1", "-out", certificate)):
+                         self.key, "-copy_extensions", "copyall", "-days", "-1", "-out", certificate)):
             subprocess.run(["openssl", *command], check=True, capture_output=True)
         return certificate, key
 

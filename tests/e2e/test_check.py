@@ -11,6 +11,7 @@ import threading
 import xml.etree.ElementTree as ElementTree
 
 import harness
+import test_tls
 
 SCRIPT = pathlib.Path(__file__).parents[2] / "scripts" / "check-gateway"
 # What a wrong gateway says in the place of something, and what is said of it; of two replacements
@@ -62,14 +63,14 @@ class Conversation(socketserver.BaseRequestHandler):
             pass  # one of them has gone
 
 
-class CheckGateway(harness.StreamTest):
-    def check(self, port, *options, password=harness.PASSWORD):
+class Checked:
+    def check(self, port, *options, password=harness.PASSWORD, scheme="http"):
         """Exit status, what was printed, and the JUnit cases by their outcome."""
         report = self.gateway.folder / "report.xml"
         report.unlink(missing_ok=True)
         environment = {**os.environ, "KAVRO_PASSWORD": password}
-        done = subprocess.run([sys.executable, SCRIPT, f"http://127.0.0.1:{port}", "--junit", report,
-                               *options], env=environment, capture_output=True, text=True, timeout=100)
+        done = subprocess.run([sys.executable, SCRIPT, f"{scheme}://127.0.0.1:{port}", "--junit",
+                               report, *options], env=environment, capture_output=True, text=True, timeout=100)
         self.assertNotIn("Traceback", done.stderr)
         self.assertNotIn(harness.PASSWORD, done.stdout + done.stderr)
         cases = {"ok": [], "failure": [], "skipped": []}
@@ -79,6 +80,8 @@ class CheckGateway(harness.StreamTest):
                 (case.get("name"), "" if outcome is None else outcome.get("message")))
         return done.returncode, done.stdout + done.stderr, cases
 
+
+class CheckGateway(Checked, harness.StreamTest):
     def test_a_gateway_as_it_should_be(self):
         before = self.devices.state(1)["requests"]
         status, text, cases = self.check(self.gateway.port)
@@ -133,3 +136,12 @@ class CheckGateway(harness.StreamTest):
             status, text, _ = self.check(self.gateway.port, *options, password="")
             self.assertEqual(status, 2)
             self.assertIn(why, text)
+
+
+class CheckSecureGateway(Checked, test_tls.TlsTest):
+    def test_it_believes_nobody_without_a_certificate(self):
+        authority = ["--cacert", str(self.authority.certificate)]
+        for options, expected in ((authority, 0), ([], 1)):
+            status, text, _ = self.check(self.secure_port, *options, scheme="https")
+            self.assertEqual(status, expected, text)
+        self.assertIn("certificate verify failed", text)

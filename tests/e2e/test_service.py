@@ -139,7 +139,7 @@ class Reload(harness.StreamTest):
         gateway.write_configuration(tables, self.user_tables())
         gateway.signal(signal.SIGHUP)
         harness.wait_until(lambda: self.status_at(port), what="the new port")
-        self.assertIn("storage.data_dir takes effect after a restart", gateway.log())
+        harness.wait_until(lambda: "storage.data_dir takes effect after a restart" in gateway.log())
         self.assertFalse((gateway.folder / "data2").exists())
         gateway.port = port
         self.assertIsNone(self.status_at(old))

@@ -190,7 +190,7 @@ class RealClients(TlsTest):
     def test_node(self):
         self.needs("node")
         code = ("require('https').get(process.argv[1], {ca: require('fs').readFileSync("
-                "process.argv[2])}, answer => console.log(answer.statusCode))")
+                "process.argv[2])}, answer => { console.log(answer.statusCode); answer.resume(); })")
         found = run("node", "-e", code, self.url(), self.authority.certificate)
         self.assertEqual(found.stdout, "401\n", found.stderr)
 
