@@ -2,8 +2,9 @@
 """Alarms from simulated devices through the gateway to its alert streams, and the same bytes at the
 same rate through mosquitto, for scale.
 
-Two scenes: one device with many alarms a second into two streams, and many devices with one alarm a
-second and two streams each. Prints what was delivered, CPU of the server for each part and stream,
+Scenes: one device with many alarms a second into two streams; many devices with one alarm a second
+and two streams each; and "heartbeats", 9,800 silent streams, of which is told how evenly their
+heartbeats come. Prints what was delivered, CPU of the server for each part and stream,
 latency from the device's write to the client's read, and memory for each open stream. Build the
 project first (Release). Usage: alert_streams.py --build build/release
 """
@@ -15,6 +16,7 @@ import pathlib
 import re
 import select
 import socket
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -160,6 +162,41 @@ def measure(name, pid, connections, count, source, rate, seconds, memory):
     return used / max(received, 1) * 1e6, p50, p99, memory / (count * STREAMS)
 
 
+def heartbeats(connections, results, seconds):
+    """A process: reads silent streams; sends how far apart, in seconds, their heartbeats came."""
+    poll = select.epoll()
+    by_number = {one.fileno(): one for one in connections}
+    for one in connections:
+        one.setblocking(False)
+        poll.register(one, select.EPOLLIN)
+    last, gaps = {}, []
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        for number, _ in poll.poll(0.1):
+            count = by_number[number].recv(1 << 16).count(b"--boundary")
+            now = time.monotonic()
+            if count and number in last:
+                gaps.append(now - last[number])
+            if count:
+                last[number] = now
+    results.send(gaps)
+
+
+def measure_heartbeats(connections, seconds):
+    ours, theirs = multiprocessing.Pipe()
+    process = multiprocessing.Process(target=heartbeats, args=(connections, theirs, seconds))
+    process.start()
+    gaps = ours.recv()
+    process.join()
+    middle = statistics.median(gaps)
+    off = sorted(abs(gap - middle) * 1000 for gap in gaps)
+    p50, p99 = off[len(off) // 2], off[len(off) * 99 // 100]
+    print(f"{len(connections)} streams, {len(gaps)} heartbeats: one in {middle:.3f} s, off by "
+          f"p50 {p50:.1f} ms, p99 {p99:.1f} ms, most {off[-1]:.1f} ms", flush=True)
+    return [{"row": f"{len(connections)} streams: heartbeats off by, p99", "ratio": p99,
+             "low": p50, "high": off[-1], "unit": "ms"}]
+
+
 def start(target, *arguments):
     ours, theirs = multiprocessing.Pipe()
     process = multiprocessing.Process(target=target, args=(*arguments, theirs), daemon=True)
@@ -175,7 +212,7 @@ def gateway_scene(harness, client, count, rate, seconds):
     gateway = harness.Gateway(
         [{"index": str(n), "url": f"http://127.0.0.1:{port}"} for n in numbers],
         [harness.user("admin", "1")] + [harness.user(f"u{n}", str(n)) for n in numbers],
-        {"http": {"connections_per_address": 8192}, "log": {"level": "error"}})
+        {"http": {"connections": 16384, "connections_per_address": 16384}, "log": {"level": "error"}})
     try:
         before = memory_kib(gateway.child.pid)
         connections = [open_stream(gateway.port, f"u{n}", harness.PASSWORD, client)
@@ -183,11 +220,10 @@ def gateway_scene(harness, client, count, rate, seconds):
         harness.wait_until(lambda: source.send((0, 0)) or source.recv() == count, 30)
         time.sleep(1)
         memory = memory_kib(gateway.child.pid) - before
-        result = measure("gateway", gateway.child.pid, connections, count, source, rate, seconds,
-                         memory)
-        for one in connections:
-            one.close()
-        return result
+        if rate == 0:
+            return measure_heartbeats(connections, seconds)
+        return measure("gateway", gateway.child.pid, connections, count, source, rate, seconds,
+                       memory)
     finally:
         process.terminate()
         gateway.stop()
@@ -268,7 +304,8 @@ def main():
     parser.add_argument("--build", required=True)
     parser.add_argument("--seconds", type=int, default=10)
     parser.add_argument("--json", type=pathlib.Path, help="file that the results are added to")
-    parser.add_argument("--scene", choices=("storm", "many", "both"), default="both")
+    parser.add_argument("--scene", choices=("storm", "many", "both", "heartbeats"),
+                        default="both")
     arguments = parser.parse_args()
     os.environ["QN_BIN_DIR"] = str(pathlib.Path(arguments.build) / "bin")
     import client
@@ -276,6 +313,8 @@ def main():
     harness.allow_many_descriptors()
     print(f"alarms of {len(alarm_bytes())} bytes, load average {os.getloadavg()[0]:.1f}")
     results = []
+    if arguments.scene == "heartbeats":
+        results = gateway_scene(harness, client, 4900, 0, max(arguments.seconds, 60))
     for scene, title, count, rate in (("storm", "alarm storm", 1, 10000),
                                       ("many", "1000 devices", 1000, 1000)):
         if arguments.scene in (scene, "both"):

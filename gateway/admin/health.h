@@ -16,6 +16,7 @@ class Health {
   explicit Health(const Pulse& pulse) : pulse_(pulse) {}
 
   void setStarted() { started_ = true; }
+  bool hasStarted() const { return started_; }
   void setStopping() { stopping_ = true; }
 
   // Each is empty when all is well. Devices that do not answer are no reason for anything.

@@ -32,6 +32,7 @@ struct HttpOptions {
   std::size_t connectionsPerAddress = 1024;
   std::size_t requests = 4096;  // in flight; more are answered 503
   bool enabled = true;
+  std::chrono::seconds drainTime{0};  // before a stop, while clients are led elsewhere
 
   bool operator==(const HttpOptions&) const = default;
 };

@@ -72,7 +72,7 @@ class EmbeddedGateway::Running {
 
   std::string reload(const GatewaySettings& settings) {
     gateway_.beginReload();
-    const std::string refusal = refusalOf(settings);
+    std::string refusal = refusalOf(settings);
     gateway_.endReload(refusal);
     return refusal;
   }
@@ -132,7 +132,7 @@ std::chrono::milliseconds EmbeddedGateway::silence() const {
 std::filesystem::path GatewayParts::installedModule() {
   Dl_info library{};
   const auto here = reinterpret_cast<const void*>(&platformVersion);
-  const std::filesystem::path name = QN_MODULE_NAME;
+  std::filesystem::path name = QN_MODULE_NAME;
   if (dladdr(here, &library) == 0 || !library.dli_fname) return name;
   return std::filesystem::absolute(library.dli_fname).lexically_normal().parent_path() / name;
 }

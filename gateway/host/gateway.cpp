@@ -171,6 +171,7 @@ void Gateway::stop() {
   health_.setStopping();
   reloads_.close();
   control_.close();
+  if (health_.hasStarted()) http_.leadElsewhere(configuration_->http.drainTime);
   http_.stopAccepting();
   http_.drain(steady_clock::now() + kFinishTime);
   module_.uninit();

@@ -67,7 +67,7 @@ void ClientConnection<Stream>::start() {
     socket.non_blocking(true, ec);
     if (!ec) socket.set_option(boost::asio::ip::tcp::no_delay(true), ec);
     if (ec) return close();  // the peer has gone already
-    if constexpr (std::is_same_v<Stream, TlsClientStream>) {
+    if constexpr (kTls) {
       shakeHands();
     } else {
       begin();
@@ -84,34 +84,37 @@ void ClientConnection<Stream>::begin() {
 // Memory is taken, and the expensive part done, when the client has said something and its turn has
 // come.
 template <class Stream>
-void ClientConnection<Stream>::shakeHands() requires std::is_same_v<Stream, TlsClientStream> {
-  if (!core_->tls()) return close();  // switched off since it was accepted
-  const bool trusted = core_->trusted().contains(arrival_.peer);
-  this->setDeadline(core_->handshakeTime());
-  handshake_.emplace(*core_->handshakes[reactor_], *this,
-                     trusted ? boost::asio::ip::address() : clientNetwork(arrival_.peer));
-  this->stream().async_await_handshake(this->guarded([this](const auto& ec) {
-    if (ec) return onHandshake(ec);
-    handshake_->take(this->guarded([this] {
-      if (!core_->tls()) return close();
-      this->stream().makeSession(core_->tls()->context());
-      this->stream().async_handshake(
-          this->guarded([this](const auto& error) { onHandshake(error); }));
+void ClientConnection<Stream>::shakeHands() {
+  if constexpr (kTls) {
+    if (!core_->tls()) return close();  // switched off since it was accepted
+    const bool trusted = core_->trusted().contains(arrival_.peer);
+    this->setDeadline(core_->handshakeTime());
+    handshake_.emplace(*core_->handshakes[reactor_], *this,
+                       trusted ? boost::asio::ip::address() : clientNetwork(arrival_.peer));
+    this->stream().async_await_handshake(this->guarded([this](const auto& ec) {
+      if (ec) return onHandshake(ec);
+      handshake_->take(this->guarded([this] {
+        if (!core_->tls()) return close();
+        this->stream().makeSession(core_->tls()->context());
+        this->stream().async_handshake(
+            this->guarded([this](const auto& error) { onHandshake(error); }));
+      }));
     }));
-  }));
+  }
 }
 
 template <class Stream>
-void ClientConnection<Stream>::onHandshake(
-    const boost::system::error_code& ec) requires std::is_same_v<Stream, TlsClientStream> {
-  if (ec) {
-    logClient(LogLevel::Info, this->peer(), "TLS handshake of {} failed: {}", this->peer(),
-              ec.message());
-    return close();
+void ClientConnection<Stream>::onHandshake(const boost::system::error_code& ec) {
+  if constexpr (kTls) {
+    if (ec) {
+      logClient(LogLevel::Info, this->peer(), "TLS handshake of {} failed: {}", this->peer(),
+                ec.message());
+      return close();
+    }
+    handshake_->succeeded(SSL_session_reused(this->stream().ssl()) == 1);
+    handshake_.reset();
+    begin();
   }
-  handshake_->succeeded(SSL_session_reused(this->stream().ssl()) == 1);
-  handshake_.reset();
-  begin();
 }
 
 template <class Stream>
@@ -189,7 +192,8 @@ void ClientConnection<Stream>::onPeerDone() {
 
 template <class Stream>
 Ending ClientConnection<Stream>::endingOf(const ExchangeState& exchange) const {
-  return exchange.keepAlive() && !core_->stopping ? Ending::KeepAlive : Ending::Close;
+  const bool goesOn = exchange.keepAlive() && !core_->stopping && !core_->leaving;
+  return goesOn ? Ending::KeepAlive : Ending::Close;
 }
 
 template <class Stream>

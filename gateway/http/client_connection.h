@@ -39,6 +39,7 @@ class ClientConnection final : public ClientStream<Stream>,
     return handshake_ ? handshake_->since() : requests_.idleSince();
   }
   void closeUnlessAllowed() override;
+  bool isStream() const override { return parts_.exchange() != nullptr; }
 
   // AnswerLink; any thread.
   void deliver(const ExchangePtr& exchange, std::string_view body) override;
@@ -49,13 +50,13 @@ class ClientConnection final : public ClientStream<Stream>,
 
  private:
   using Base = ClientStream<Stream>;
+  static constexpr bool kTls = std::is_same_v<Stream, TlsClientStream>;
 
   bool onOwnThread() const;
 
   void begin();
-  void shakeHands() requires std::is_same_v<Stream, TlsClientStream>;
-  void onHandshake(
-      const boost::system::error_code& ec) requires std::is_same_v<Stream, TlsClientStream>;
+  void shakeHands();  // both of TLS alone
+  void onHandshake(const boost::system::error_code& ec);
 
   ExchangePtr onHead(const RequestHead& head) override;
   void onRequest(const ExchangePtr& exchange, std::string_view body) override;

@@ -1,6 +1,8 @@
 // See http_service.h.
 #include "gateway/http/http_service.h"
 
+#include <algorithm>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -39,6 +41,26 @@ void HttpService::setSecurePort(const MainPort& wanted) try {
   securePorts_->setMain(wanted);
 } catch (const std::system_error& error) {
   throw SecurePortError(error);
+}
+
+void HttpService::leadElsewhere(std::chrono::seconds time) {
+  core_->leaving = true;
+  for (std::chrono::seconds left = time; left.count() > 0; --left) {
+    if ((time - left) * 4 >= time) closeStreams(static_cast<std::size_t>(left.count()));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+}
+
+// Of those of each reactor.
+void HttpService::closeStreams(std::size_t oneIn) {
+  for (std::size_t i = 0; i < core_->open.size(); ++i) {
+    core_->runOn(i, [core = core_, i, oneIn] {
+      std::vector<OpenConnection*> streams;
+      std::ranges::copy_if(core->open[i], std::back_inserter(streams), &OpenConnection::isStream);
+      streams.resize((streams.size() + oneIn - 1) / oneIn);
+      for (OpenConnection* stream : streams) stream->close();
+    });
+  }
 }
 
 void HttpService::stopAccepting() {

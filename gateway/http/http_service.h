@@ -65,6 +65,10 @@ class HttpService {
   // Closes the streams of those whom the configuration in force does not allow them any more.
   void closeForbiddenStreams();
 
+  // For so long everything is still served, but answers end their connections, and alert streams
+  // are closed in small groups, so that a load balancer deals them out to others. Begins with those
+  // when it has had a quarter of the time to notice.
+  void leadElsewhere(std::chrono::seconds time);
   // Ends listening for good; what is connected goes on, but no connection outlives its answer.
   void stopAccepting();
   // Waits until no request is in flight (streams do not count); false when the time is over.
@@ -75,6 +79,7 @@ class HttpService {
  private:
   void setSecurePort(const MainPort& wanted);
   void onEachConnection(void (OpenConnection::*action)());
+  void closeStreams(std::size_t oneIn);
 
   const std::shared_ptr<ServiceCore> core_;
   const std::shared_ptr<Ports> ports_;

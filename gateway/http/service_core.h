@@ -111,6 +111,7 @@ class OpenConnection {
   virtual std::optional<std::chrono::steady_clock::time_point> idleSince() const = 0;
   // Closes a stream of somebody whom the configuration in force does not allow it any more.
   virtual void closeUnlessAllowed() = 0;
+  virtual bool isStream() const = 0;
 };
 
 class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
@@ -171,6 +172,7 @@ class ServiceCore : public std::enable_shared_from_this<ServiceCore> {
   Sharded<HttpCounts> counts;
   StreamList streams;
   std::atomic<bool> stopping{false};
+  std::atomic<bool> leaving{false};  // everything is served, but no connection outlives its answer
   // One set for each reactor, used on that reactor only.
   std::vector<std::unordered_set<OpenConnection*>> open;
   std::vector<std::shared_ptr<StreamSender>> senders;   // one for each reactor

@@ -17,6 +17,7 @@ struct FakeConnection : OpenConnection {
   void close() override { turn.reset(); }
   std::optional<std::chrono::steady_clock::time_point> idleSince() const override { return {}; }
   void closeUnlessAllowed() override {}
+  bool isStream() const override { return false; }
   std::optional<Handshakes::Turn> turn;
 };
 
