@@ -154,7 +154,7 @@ TEST(AccountsFile, OneAfterTheOtherLosesNothing) {
   folder.write("accounts.toml", "");
   std::vector<std::thread> commands;
   for (int i = 0; i < 8; ++i) {
-    commands.emplace_back([&, name = "user" + std::to_string(i)] {
+    commands.emplace_back([&, i, name = "user" + std::to_string(i)] {
       AccountsFile file(i % 2 == 0 ? link : folder.path() / "accounts.toml", config);
       file.replace(withEntry(file.content(), {"users", "name", name}, {}));
     });

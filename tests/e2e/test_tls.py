@@ -135,7 +135,9 @@ class Https(TlsTest):
             slow.append(one)
             if number % 250 == 0:
                 self.assertEqual(self.secure(source="127.0.0.9").get(INFO).status, 200)
-        self.assertLess((self.resident() - before) / 5000, 6, "KiB each")
+        # A sanitizer's allocator pads what it gives and keeps what is given back.
+        most = 6 if not self.is_sanitized() else 40
+        self.assertLess((self.resident() - before) / 5000, most, "KiB each")
         with self.client() as one:
             self.assertEqual(one.get(INFO).status, 200)
         for each in slow:  # all are ended by the gateway
@@ -146,9 +148,15 @@ class Https(TlsTest):
             except ConnectionResetError:
                 pass
 
-    def resident(self):
+    def memory(self, what):
         status = pathlib.Path(f"/proc/{self.gateway.child.pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s*(\d+)", status)[1])
+        return int(re.search(what + r":\s*(\d+)", status)[1])
+
+    def resident(self):
+        return self.memory("VmRSS")
+
+    def is_sanitized(self):
+        return self.memory("VmSize") > 1 << 30  # KiB: its shadow takes terabytes of addresses
 
 
 class RealClients(TlsTest):
