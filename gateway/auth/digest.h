@@ -18,8 +18,7 @@ std::string_view algorithmName(DigestAlgorithm algorithm);
 // The length of a digest in hexadecimal.
 std::size_t hexLength(DigestAlgorithm algorithm);
 
-// A digest in lower-case hexadecimal. Empty only when the crypto library refused the algorithm, so
-// an empty one must never count as a match.
+// A digest in lower-case hexadecimal; one of nothing yet is empty.
 class HexDigest {
  public:
   HexDigest() = default;
@@ -50,11 +49,12 @@ HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
 // Takes the same time wherever the texts differ.
 bool equalInConstantTime(std::string_view a, std::string_view b);
 
-// From the system's generator. False when it failed; the bytes are then not to be used.
+// At most 256, from the system's generator. False when it failed; the bytes are then not to be
+// used.
 bool fillRandom(uint8_t* bytes, std::size_t count);
 
 // The first bytes (at most 32) of SHA-256 over key and message; both of fixed length, so this is a
 // keyed hash.
-bool keyedHash(std::string_view key, std::string_view message, uint8_t* bytes, std::size_t count);
+void keyedHash(std::string_view key, std::string_view message, uint8_t* bytes, std::size_t count);
 
 }  // namespace qn
