@@ -1,4 +1,4 @@
-// PostgreSQL's client library. It brings 15 more libraries and 3 MiB into the process, which a
+// PostgreSQL's client library. It brings 15 more libraries and 4 MiB into the process, which a
 // gateway whose rows stay in its own file does without: it is loaded, not linked. Used by
 // postgres_connection.cpp.
 #pragma once

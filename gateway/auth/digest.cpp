@@ -1,16 +1,8 @@
-// See digest.h.
 #include "gateway/auth/digest.h"
 
-// The library's older functions: its newer ones load its providers, whose start alone takes 2 MiB
-// of a gateway without TLS, and are slower for texts as short as these.
-#define OPENSSL_SUPPRESS_DEPRECATED
-#include <openssl/crypto.h>
-#include <openssl/md5.h>
-#include <openssl/sha.h>
+#include <nettle/memops.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <functional>
 #include <string>
 
@@ -19,57 +11,8 @@
 namespace qn {
 namespace {
 
-// One digest. Short pieces are gathered, because a call into the library costs as much as hashing
-// them.
-template <class Context, auto init, auto update, auto final, std::size_t size>
-class Hasher {
- public:
-  using Bytes = std::array<uint8_t, size>;
-
-  Hasher() { init(&context_); }
-
-  void add(std::string_view piece) {
-    if (piece.size() > gathered_.size() - used_) flush();
-    if (piece.size() > gathered_.size()) {
-      update(&context_, piece.data(), piece.size());
-      return;
-    }
-    std::copy(piece.begin(), piece.end(), gathered_.begin() + used_);
-    used_ += piece.size();
-  }
-
-  Bytes finish() {
-    flush();
-    Bytes bytes;
-    final(bytes.data(), &context_);
-    return bytes;
-  }
-
- private:
-  void flush() {
-    update(&context_, gathered_.data(), used_);
-    used_ = 0;
-  }
-
-  Context context_;
-  std::size_t used_ = 0;
-  std::array<char, 512> gathered_;
-};
-
-using Md5 = Hasher<MD5_CTX, MD5_Init, MD5_Update, MD5_Final, MD5_DIGEST_LENGTH>;
-using Sha256 = Hasher<SHA256_CTX, SHA256_Init, SHA256_Update, SHA256_Final, SHA256_DIGEST_LENGTH>;
-
-template <class Algorithm>
-HexDigest digestOf(std::initializer_list<std::string_view> fields) {
-  Algorithm hasher;
-  bool first = true;
-  for (const std::string_view field : fields) {
-    if (!first) hasher.add(":");
-    first = false;
-    hasher.add(field);
-  }
-  const auto bytes = hasher.finish();
-  return {bytes.data(), bytes.size()};
+const uint8_t* bytesOf(std::string_view text) {
+  return reinterpret_cast<const uint8_t*>(text.data());
 }
 
 // The digest of a request's method and URL. Clients ask for the same few URLs again and again, so
@@ -108,36 +51,77 @@ std::string_view algorithmName(DigestAlgorithm algorithm) {
 }
 
 std::size_t hexLength(DigestAlgorithm algorithm) {
-  return algorithm == DigestAlgorithm::MD5 ? 32 : 64;
+  return algorithm == DigestAlgorithm::MD5 ? 2 * MD5_DIGEST_SIZE : 2 * SHA256_DIGEST_SIZE;
 }
 
-HexDigest::HexDigest(const uint8_t* bytes, std::size_t count) : length_(uint8_t(2 * count)) {
-  text::writeHex({bytes, count}, text_.data());
+HexDigest::HexDigest(std::span<const uint8_t> bytes) : length_(uint8_t(2 * bytes.size())) {
+  text::writeHex(bytes, text_.data());
+}
+
+Hash::Hash(DigestAlgorithm algorithm) : algorithm_(algorithm) {
+  if (algorithm_ == DigestAlgorithm::MD5) {
+    md5_init(&md5_);
+  } else {
+    sha256_init(&sha256_);
+  }
+}
+
+Hash& Hash::add(std::string_view piece) {
+  if (algorithm_ == DigestAlgorithm::MD5) {
+    md5_update(&md5_, piece.size(), bytesOf(piece));
+  } else {
+    sha256_update(&sha256_, piece.size(), bytesOf(piece));
+  }
+  return *this;
+}
+
+HexDigest Hash::finish() {
+  std::array<uint8_t, SHA256_DIGEST_SIZE> bytes;
+  const std::size_t size = hexLength(algorithm_) / 2;
+  if (algorithm_ == DigestAlgorithm::MD5) {
+    md5_digest(&md5_, size, bytes.data());
+  } else {
+    sha256_digest(&sha256_, size, bytes.data());
+  }
+  return HexDigest({bytes.data(), size});
 }
 
 HexDigest hexDigest(DigestAlgorithm algorithm, std::initializer_list<std::string_view> fields) {
-  return algorithm == DigestAlgorithm::MD5 ? digestOf<Md5>(fields) : digestOf<Sha256>(fields);
+  Hash hash(algorithm);
+  bool first = true;
+  for (const std::string_view field : fields) {
+    if (!first) hash.add(":");
+    first = false;
+    hash.add(field);
+  }
+  return hash.finish();
 }
 
-HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
-                         const DigestFields& fields) {
+DigestResponses::DigestResponses(DigestAlgorithm algorithm, std::string_view ha1,
+                                 const NonceUse& use)
+    : start_(algorithm) {
+  start_.add(ha1).add(":").add(use.nonce).add(":").add(use.count).add(":").add(use.clientNonce);
+  start_.add(":auth:");
+}
+
+HexDigest DigestResponses::of(std::string_view method, std::string_view uri) const {
   thread_local RequestDigests requests;
-  const HexDigest& request = requests.of(algorithm, fields.method, fields.uri);
-  return hexDigest(algorithm, {ha1, fields.nonce, fields.nonceCount, fields.clientNonce, "auth",
-                               request.text()});
+  Hash hash = start_;
+  return hash.add(requests.of(hash.algorithm(), method, uri).text()).finish();
 }
 
 bool equalInConstantTime(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+  return a.size() == b.size() && memeql_sec(a.data(), b.data(), a.size()) == 1;
 }
 
 bool fillRandom(uint8_t* bytes, std::size_t count) { return getentropy(bytes, count) == 0; }
 
-void keyedHash(std::string_view key, std::string_view message, uint8_t* bytes, std::size_t count) {
-  Sha256 hasher;
-  hasher.add(key);
-  hasher.add(message);
-  std::memcpy(bytes, hasher.finish().data(), count);
+void keyedHash(std::string_view key, std::string_view message, std::span<uint8_t> bytes) {
+  sha256_ctx hash;
+  sha256_init(&hash);
+  sha256_update(&hash, key.size(), bytesOf(key));
+  sha256_update(&hash, message.size(), bytesOf(message));
+  sha256_digest(&hash, bytes.size(), bytes.data());
 }
 
 }  // namespace qn
