@@ -93,6 +93,7 @@ struct Row {
   WriteRule write;
   ReadRule read;
   Rows rows;
+  uint64_t order;  // see orderOf, of the member
 
   std::string_view fallbackText{};
   Rows fallbackRows{};
@@ -177,8 +178,17 @@ consteval Rows::Rows(const Row (&rows)[N]) : first_(rows), count_(N) {
   if (!distinct(rows, N)) twoRowsWriteOneElementOrReadOneMember();
 }
 
+// Compares like the first eight bytes of the name.
+constexpr uint64_t orderOf(std::string_view name) {
+  uint64_t order = 0;
+  for (std::size_t i = 0; i < sizeof order; ++i) {
+    order = order << 8 | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0);
+  }
+  return order;
+}
+
 constexpr Row row(const char* name, Kind kind, WriteRule write, ReadRule read, Rows rows = {}) {
-  return Row{name, name, kind, write, read, rows};
+  return Row{name, name, kind, write, read, rows, orderOf(name)};
 }
 
 constexpr Row text(const char* name, WriteRule write, ReadRule read = read::never) {

@@ -16,6 +16,7 @@ bool Publish() {
   const auto configuration = std::make_shared<qn::Configuration>();
   const auto ha1 = qn::hexDigest(qn::DigestAlgorithm::MD5, {"admin", "KAVRO", "password"});
   configuration->users.push_back({"admin", std::string(ha1.text()), "1", {}});
+  configuration->buildIndexes();
   qn::publishConfiguration(configuration);
   return true;
 }

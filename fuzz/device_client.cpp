@@ -119,6 +119,7 @@ struct World {
     config.port = device.port();
     if (login) config.username = "admin";
     config.password = kPassword;
+    configuration->buildIndexes();
     qn::publishConfiguration(configuration);
     return qn::configuration()->devices[0];
   }

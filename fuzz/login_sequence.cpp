@@ -38,6 +38,7 @@ bool publish() {
   for (const char* user : {"admin", "operator"}) {
     configuration->users.push_back({user, ha1Of(user, "pass"), "1", {}});
   }
+  configuration->buildIndexes();
   qn::publishConfiguration(configuration);
   return true;
 }

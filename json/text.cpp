@@ -65,11 +65,15 @@ bool parseJson(std::string_view text, Json::Value& value) {
 std::string writeJson(const Json::Value& value) { return Json::FastWriter().write(value); }
 
 void appendQuoted(std::string& out, std::string_view text) {
-  if (std::ranges::any_of(text, needsEscape)) {
+  bool escapes = false;
+  for (const char c : text) escapes |= needsEscape(c);
+  if (escapes) {
     out += Json::valueToQuotedString(std::string(text).c_str());
-  } else {
-    out.append(1, '"').append(text).append(1, '"');
+    return;
   }
+  out += '"';
+  out += text;
+  out += '"';
 }
 
 }  // namespace qn::json

@@ -34,6 +34,26 @@ std::size_t plainPrefix(const ByteSet& plain, std::string_view text) {
   return i;
 }
 
+constexpr bool isOther(unsigned char byte) {
+  const bool blank = byte == '\t' || byte == '\n' || byte == '\r';
+  return byte >= 0x80 || (byte < 0x20 && !blank);
+}
+
+// How much at the start is in blocks of XML's ASCII characters. The processor looks at the bytes of
+// a block together.
+std::size_t plainBlocks(std::string_view text) {
+  constexpr std::size_t kBlock = 32;
+  std::size_t i = 0;
+  for (; i + kBlock <= text.size(); i += kBlock) {
+    std::uint8_t other = 0;
+    for (std::size_t k = 0; k < kBlock; ++k) {
+      other |= std::uint8_t{isOther(static_cast<unsigned char>(text[i + k]))};
+    }
+    if (other != 0) break;
+  }
+  return i;
+}
+
 struct Entity {
   std::string_view name;
   char character;
@@ -80,6 +100,7 @@ void appendCharacter(std::string_view character, std::string& out) {
 
 bool isXmlText(std::string_view text) {
   for (;;) {
+    text.remove_prefix(plainBlocks(text));
     text.remove_prefix(plainPrefix(kPlain, text));
     if (text.empty()) return true;
     const Utf8Character first = firstCharacter(text);

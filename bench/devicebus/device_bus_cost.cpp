@@ -112,6 +112,7 @@ void publishDevice(uint16_t port, std::size_t inFlight, std::size_t reactors) {
   device.port = port;
   configuration->devices.push_back(device);
   configuration->bus.deviceConnections = inFlight * reactors;
+  configuration->buildIndexes();
   qn::publishConfiguration(configuration);
 }
 

@@ -20,6 +20,7 @@ void publish(qn::DigestAlgorithm algorithm) {
   configuration->kavro.algorithm = algorithm;
   const auto ha1 = qn::hexDigest(algorithm, {"admin", "KAVRO", "password"});
   configuration->users.push_back({"admin", std::string(ha1.text()), "1", {}});
+  configuration->buildIndexes();
   qn::publishConfiguration(configuration);
 }
 

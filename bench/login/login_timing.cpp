@@ -31,6 +31,7 @@ void publish() {
     const auto ha1 = qn::hexDigest(qn::DigestAlgorithm::MD5, {name, "KAVRO", "password"});
     configuration->users.push_back({name, std::string(ha1.text()), "1", {}});
   }
+  configuration->buildIndexes();
   qn::publishConfiguration(configuration);
 }
 

@@ -102,27 +102,36 @@ bool settleAttributes(pugi::xml_node node) {
   return true;
 }
 
+bool hasSoundText(pugi::xml_node node) {
+  const pugi::xml_node_type type = node.type();
+  const bool holdsText = type == pugi::node_element || type == pugi::node_pcdata;
+  return !holdsText || hasSoundReferences(node.value());
+}
+
+// The node that follows in the text, or none; `depth` is that of the node.
+pugi::xml_node following(pugi::xml_node node, int& depth) {
+  pugi::xml_node next = node.first_child();
+  if (next) {
+    ++depth;
+    return next;
+  }
+  for (next = node.next_sibling(); !next && depth > 1; next = node.next_sibling()) {
+    node = node.parent();
+    --depth;
+  }
+  return next;
+}
+
 // Visits the whole tree, without recursion: its depth is the sender's choice until it is known.
-class Settler final : public pugi::xml_tree_walker {
- public:
-  explicit Settler(bool hasReferences) : hasReferences_(hasReferences) {}
-
-  bool for_each(pugi::xml_node& node) override {
-    return isShallow(node) && (!hasReferences_ || hasSoundText(node)) && settleAttributes(node);
+bool settle(const pugi::xml_document& tree, bool hasReferences) {
+  int depth = 1;  // of what stands in the document
+  for (pugi::xml_node node = tree.first_child(); node; node = following(node, depth)) {
+    if (depth > kMaxDepth && node.type() == pugi::node_element) return false;
+    if (hasReferences && !hasSoundText(node)) return false;
+    if (!settleAttributes(node)) return false;
   }
-
- private:
-  bool isShallow(pugi::xml_node node) const {
-    return depth() < kMaxDepth || node.type() != pugi::node_element;
-  }
-  static bool hasSoundText(pugi::xml_node node) {
-    const pugi::xml_node_type type = node.type();
-    const bool holdsText = type == pugi::node_element || type == pugi::node_pcdata;
-    return !holdsText || hasSoundReferences(node.value());
-  }
-
-  const bool hasReferences_;
-};
+  return true;
+}
 
 class StringWriter final : public pugi::xml_writer {
  public:
@@ -167,10 +176,9 @@ struct CXmlBase::Document {
   void select(pugi::xml_node node) { selected = origin = node; }
 
   bool load(std::string_view source) {
-    Settler settler(source.find('&') != source.npos);
     return source.size() <= kMaxText && source.starts_with('<') && qn::text::isXmlText(source) &&
            tree.load_buffer(source.data(), source.size(), kParseOptions, pugi::encoding_utf8) &&
-           hasSoundTop(tree) && tree.traverse(settler);
+           hasSoundTop(tree) && settle(tree, source.find('&') != source.npos);
   }
 
   // The text as it is written, ending in NUL; valid until the next call.

@@ -1,6 +1,7 @@
 #include "gateway/config/configuration.h"
 
 #include <algorithm>
+#include <functional>
 #include <tuple>
 
 #include "platform/config_mgr.h"
@@ -8,12 +9,7 @@
 namespace qn {
 namespace {
 
-template <class Items, class Index, class Key>
-auto lookUp(const Items& items, const Index& index, const Key& key) -> const
-    typename Items::value_type* {
-  const auto found = index.find(key);
-  return found == index.end() ? nullptr : &items[found->second];
-}
+std::size_t hashOf(std::string_view text) { return std::hash<std::string_view>()(text); }
 
 }  // namespace
 
@@ -47,19 +43,28 @@ std::string_view UserConfig::ha1For(DigestAlgorithm algorithm) const {
 }
 
 const UserConfig* Configuration::findUser(std::string_view name) const {
-  return lookUp(users, usersByName_, name);
+  return usersByName_.find(name, users);
 }
 
 const UserConfig* Configuration::findHashedUser(std::string_view hash) const {
-  return lookUp(users, usersByHash_, hash);
+  using enum DigestAlgorithm;
+  const auto algorithm = hash.size() == hexLength(MD5) ? MD5 : SHA256;
+  const std::size_t wanted = hashOf(hash);
+  auto at = std::ranges::lower_bound(usersByHash_, HashedUser{wanted, 0});
+  for (; at != usersByHash_.end() && at->hash == wanted; ++at) {
+    const UserConfig& user = users[at->position];
+    if (hexDigest(algorithm, {user.name, kavro.realm}).text() == hash) return &user;
+  }
+  return nullptr;
 }
 
 const DeviceConfig* Configuration::findDevice(std::string_view index) const {
-  return lookUp(devices, devicesByIndex_, index);
+  return devicesByIndex_.find(index, devices);
 }
 
 const DeviceConfig* Configuration::findDeviceByPort(uint16_t httpPort) const {
-  return lookUp(devices, devicesByPort_, httpPort);
+  const auto found = devicesByPort_.find(httpPort);
+  return found == devicesByPort_.end() ? nullptr : &devices[found->second];
 }
 
 bool Configuration::mayUse(const UserConfig& user, std::string_view device) const {
@@ -78,24 +83,24 @@ bool Configuration::offers(DigestAlgorithm algorithm) const {
 }
 
 void Configuration::buildIndexes() {
-  usersByName_.clear();
+  usersByName_.build(users);
+  devicesByIndex_.build(devices);
   usersByHash_.clear();
+  usersByHash_.reserve(2 * users.size());
   offersBoth_ = false;
-  devicesByIndex_.clear();
-  devicesByPort_.clear();
   const auto other =
       kavro.algorithm == DigestAlgorithm::MD5 ? DigestAlgorithm::SHA256 : DigestAlgorithm::MD5;
-  for (std::size_t i = 0; i < users.size(); ++i) {
-    const UserConfig& user = users[i];
-    usersByName_.emplace(user.name, i);
+  for (uint32_t i = 0; i < users.size(); ++i) {
     // A strong one that only stands beside another is no reason to offer it.
-    offersBoth_ = offersBoth_ || user.ha1.size() == hexLength(other);
+    offersBoth_ = offersBoth_ || users[i].ha1.size() == hexLength(other);
     for (const auto algorithm : {DigestAlgorithm::MD5, DigestAlgorithm::SHA256}) {
-      usersByHash_.emplace(hexDigest(algorithm, {user.name, kavro.realm}).text(), i);
+      usersByHash_.push_back(
+          {hashOf(hexDigest(algorithm, {users[i].name, kavro.realm}).text()), i});
     }
   }
+  std::ranges::sort(usersByHash_);
+  devicesByPort_.clear();
   for (std::size_t i = 0; i < devices.size(); ++i) {
-    devicesByIndex_.emplace(devices[i].index, i);
     if (devices[i].httpPort != 0) devicesByPort_.emplace(devices[i].httpPort, i);
   }
 }

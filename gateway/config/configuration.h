@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "gateway/auth/digest.h"
+#include "gateway/config/name_index.h"
 #include "gateway/log/log.h"
 #include "gateway/tls/tls_server.h"
 
@@ -220,14 +220,16 @@ struct Configuration {
   void buildIndexes();
 
  private:
-  struct TextHash : std::hash<std::string_view> {
-    using is_transparent = void;
+  // A user's hash, hashed again: the digests themselves would be most of what a user takes.
+  struct HashedUser {
+    std::size_t hash;
+    uint32_t position;
+    auto operator<=>(const HashedUser&) const = default;
   };
-  using TextIndex = std::unordered_map<std::string, std::size_t, TextHash, std::equal_to<>>;
 
-  TextIndex usersByName_;
-  TextIndex usersByHash_;
-  TextIndex devicesByIndex_;
+  NameIndex<UserConfig, &UserConfig::name> usersByName_;
+  std::vector<HashedUser> usersByHash_;  // in order
+  NameIndex<DeviceConfig, &DeviceConfig::index> devicesByIndex_;
   std::unordered_map<uint16_t, std::size_t> devicesByPort_;
   bool offersBoth_ = false;
 };
@@ -237,9 +239,9 @@ struct Configuration {
 // copy it to keep it.
 const std::shared_ptr<const Configuration>& configuration();
 
-// Makes a copy of a configuration the one in force and announces the difference in devices, on the
-// calling thread, to the routines attached with QN_DeviceMgr_NotifyAttach. Called at start and on
-// SIGHUP.
+// Makes a configuration whose look-ups are built the one in force and announces the difference in
+// devices, on the calling thread, to the routines attached with QN_DeviceMgr_NotifyAttach. Called
+// at start and on SIGHUP.
 void publishConfiguration(const std::shared_ptr<const Configuration>& next);
 
 }  // namespace qn

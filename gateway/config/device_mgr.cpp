@@ -1,22 +1,13 @@
 // platform/device_mgr.h on the published configuration.
 #include "platform/device_mgr.h"
 
-#include <utility>
+#include <vector>
 
 #include "gateway/config/published.h"
 #include "gateway/sync/mutex.h"
 
 namespace qn {
 namespace {
-
-class NovDevice final : public CNovDevice {
- public:
-  explicit NovDevice(std::string index) : index_(std::move(index)) {}
-  std::string getDeviceIndex() const override { return index_; }
-
- private:
-  const std::string index_;
-};
 
 // The mutex is held while the routines run, so that a detach waits for them.
 class Listeners {
@@ -61,8 +52,9 @@ Listeners& listeners() {
 }  // namespace
 
 void buildDeviceObjects(Published& next) {
-  for (const DeviceConfig& device : next.configuration->devices) {
-    next.devices.emplace(device.index, std::make_shared<NovDevice>(device.index));
+  const std::vector<DeviceConfig>& devices = next.configuration->devices;
+  next.devices = {devices.begin(), devices.end()};
+  for (const DeviceConfig& device : devices) {
     if (device.httpPort != 0) {
       next.ports.emplace_back(device.index, device.httpPort, device.rtspPort);
     }
@@ -85,9 +77,10 @@ void announceDevices(const Configuration& before, const Configuration& after) {
 // NOLINTNEXTLINE(performance-unnecessary-value-param): declared so for its callers
 std::shared_ptr<const CNovDevice> QN_DeviceMgr_GetDevice(std::string devIndex) {
   const qn::PublishedPtr& inForce = qn::published();
-  const auto found = inForce->devices.find(devIndex);
-  if (found == inForce->devices.end()) return nullptr;
-  return {inForce, found->second.get()};
+  const qn::Configuration& configuration = *inForce->configuration;
+  const qn::DeviceConfig* const found = configuration.findDevice(devIndex);
+  if (!found) return nullptr;
+  return {inForce, &inForce->devices[std::size_t(found - configuration.devices.data())]};
 }
 
 void QN_DeviceMgr_GetAllKAVROPort(std::vector<CKAVROPort>& ports) {

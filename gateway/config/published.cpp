@@ -64,10 +64,8 @@ const PublishedPtr& published() { return seenByThread().published; }
 const std::shared_ptr<const Configuration>& configuration() { return seenByThread().configuration; }
 
 void publishConfiguration(const std::shared_ptr<const Configuration>& next) {
-  const auto owned = std::make_shared<Configuration>(*next);
-  owned->buildIndexes();
   const auto fresh = std::make_shared<Published>();
-  fresh->configuration = owned;
+  fresh->configuration = next;
   buildConfigObjects(*fresh);
   buildDeviceObjects(*fresh);
 
@@ -79,7 +77,7 @@ void publishConfiguration(const std::shared_ptr<const Configuration>& next) {
     shared.inForce.swap(before);
   }
   publishedGeneration.fetch_add(1, std::memory_order_release);
-  announceDevices(*before->configuration, *owned);
+  announceDevices(*before->configuration, *next);
 }
 
 }  // namespace qn

@@ -4,7 +4,6 @@
 
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "gateway/config/configuration.h"
@@ -13,13 +12,23 @@
 
 namespace qn {
 
+// A device of the configuration, which outlives it.
+class NovDevice final : public CNovDevice {
+ public:
+  explicit NovDevice(const DeviceConfig& device) : device_(&device) {}
+  std::string getDeviceIndex() const override { return device_->index; }
+
+ private:
+  const DeviceConfig* device_;
+};
+
 struct Published {
   std::shared_ptr<const Configuration> configuration;
   // Null before the first publish.
   std::shared_ptr<const CUserCfg> user;
   std::shared_ptr<const CNetworkCfg> network;
   std::shared_ptr<const CKAVROCfg> kavro;
-  std::unordered_map<std::string, std::shared_ptr<const CNovDevice>> devices;
+  std::vector<NovDevice> devices;  // in the configuration's order
   std::vector<CKAVROPort> ports;
 };
 

@@ -496,12 +496,40 @@ DeviceConfig device(const std::string& index, uint16_t httpPort = 0) {
   return config;
 }
 
+TEST(Configuration, LookUpsFindEveryNameAndTheFirstOfTwo) {
+  Configuration made;
+  EXPECT_EQ(made.findUser("0"), nullptr);  // nothing is built
+  EXPECT_EQ(made.findHashedUser(""), nullptr);
+  for (int i = 0; i < 1000; ++i) {
+    made.users.push_back({std::to_string(i % 900), "", std::to_string(i), {}});
+    made.devices.push_back(device(std::to_string(i % 900)));
+    made.devices.back().host = std::to_string(i);
+  }
+  made.buildIndexes();
+  const Configuration copy = made;
+  made = {};
+  for (int i = 0; i < 900; ++i) {
+    const std::string name = std::to_string(i);
+    ASSERT_TRUE(copy.findUser(name) && copy.findDevice(name)) << name;
+    EXPECT_EQ(copy.findUser(name)->device, name);
+    EXPECT_EQ(copy.findDevice(name)->host, name);
+    for (const auto algorithm : {DigestAlgorithm::MD5, DigestAlgorithm::SHA256}) {
+      const HexDigest hash = hexDigest(algorithm, {name, copy.kavro.realm});
+      EXPECT_EQ(copy.findHashedUser(hash.text()), copy.findUser(name));
+    }
+  }
+  for (const char* name : {"", "900", "00", "0 "}) {
+    EXPECT_FALSE(copy.findUser(name) || copy.findDevice(name) || copy.findHashedUser(name)) << name;
+  }
+}
+
 void publish(std::vector<DeviceConfig> devices, const std::string& user = "admin") {
   const auto next = std::make_shared<Configuration>();
   next->http.port = 8123;
   next->kavro.mode = KAVRO_MODE_DEVICE_PORTS;
   next->users.push_back({user, "", "1", {}});
   next->devices = std::move(devices);
+  next->buildIndexes();
   publishConfiguration(next);
 }
 

@@ -33,7 +33,10 @@ class DevicesTest : public ::testing::Test {
     configuration_.devices.push_back(device);
     publish();
   }
-  void publish() { publishConfiguration(std::make_shared<const Configuration>(configuration_)); }
+  void publish() {
+    configuration_.buildIndexes();
+    publishConfiguration(std::make_shared<const Configuration>(configuration_));
+  }
 
   Configuration configuration_;  // publish() puts it in force
   Reactors reactors_;

@@ -51,6 +51,7 @@ class LoginTest : public testing::Test {
       device.httpPort = uint16_t(9000 + n);
       next->devices.push_back(device);
     }
+    next->buildIndexes();
     publishConfiguration(next);
   }
 
@@ -325,6 +326,7 @@ TEST_F(LoginTest, BothAlgorithmsAreOfferedWhereUsersDiffer) {
   strong.name = "strong";
   strong.ha1 = hexDigest(DigestAlgorithm::SHA256, {"strong", "KAVRO", "pass"}).text();
   next->users.push_back(strong);
+  next->buildIndexes();
   publishConfiguration(next);
   const Answer answer = send("");
   ASSERT_EQ(answer.code, DIGEST_NO_CREDENTIALS);

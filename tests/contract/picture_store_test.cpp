@@ -152,6 +152,7 @@ TEST_F(PictureStoreTest, DropsTheOldestWhenFull) {
 void publishUsers(std::initializer_list<const char*> names) {
   auto configuration = std::make_shared<Configuration>();
   for (const char* name : names) configuration->users.push_back({name, "", "1", {}});
+  configuration->buildIndexes();
   publishConfiguration(configuration);
 }
 

@@ -94,7 +94,10 @@ class Platform : public HttpFixture {
 
  private:
   using Peer = devicebus::test::Peer;
-  void publish() { publishConfiguration(std::make_shared<const Configuration>(configuration_)); }
+  void publish() {
+    configuration_.buildIndexes();
+    publishConfiguration(std::make_shared<const Configuration>(configuration_));
+  }
 
   Configuration configuration_;
   std::atomic<bool> ended_{false};

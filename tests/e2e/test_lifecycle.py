@@ -1,6 +1,7 @@
 """Starting, stopping, reading the configuration again, and the operation log that stays."""
 import contextlib
 import os
+import pathlib
 import re
 import signal
 import sqlite3
@@ -75,10 +76,24 @@ class Configuration(harness.GatewayTest):
                          {name: "0o700" if name in ("data", "pictures") else "0o600"
                           for name in modes})
 
-    def test_an_idle_gateway_has_few_threads(self):
+    def test_an_idle_gateway_is_small(self):
         self.assertEqual(self.status("admin"), 200)
-        threads = os.listdir(f"/proc/{self.gateway.child.pid}/task")
-        self.assertLessEqual(len(threads), 8 + os.cpu_count())
+        process = pathlib.Path(f"/proc/{self.gateway.child.pid}")
+        self.assertLessEqual(len(os.listdir(process / "task")), 8 + os.cpu_count())
+        loaded = set(re.findall(r"/(lib[^/]+?)[.-][^/]*$", (process / "maps").read_text(), re.M))
+        self.assertIn("libssl", loaded)
+        self.assertFalse(loaded & {"libpq", "libldap", "libkrb5", "libgnutls"}, "PostgreSQL's")
+
+    def test_a_database_needs_its_library(self):
+        config = self.gateway.elsewhere()
+        config.write_text(config.read_text().replace(
+            "[storage]", '[storage]\noperation_log = "postgresql://127.0.0.1:9/none"'))
+        os.environ["LD_LIBRARY_PATH"] = str(self.gateway.folder)
+        self.addCleanup(os.environ.pop, "LD_LIBRARY_PATH")
+        (self.gateway.folder / "libpq.so.5").touch()  # found before the system's, and no library
+        result = harness.run_gateway("--config", config)
+        self.assertEqual(result.returncode, 3, result.stderr)
+        self.assertRegex(result.stderr, r"storage\.operation_log needs .*libpq5.*libpq\.so\.5")
 
     def test_a_bad_file_changes_nothing(self):
         good = self.gateway.config.read_text()
