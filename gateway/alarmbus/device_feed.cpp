@@ -28,15 +28,16 @@ constexpr auto kTrialDelay = 100ms;  // a request of the bus is trying the crede
 constexpr auto kStormGap = 1ms;
 constexpr std::size_t kPartLimit = 256 * 1024;
 constexpr std::size_t kLargeAlarm = 16 * 1024;  // from here on reading it takes long
-constexpr std::size_t kAlarmValues = 64 * 1024;
+constexpr std::ptrdiff_t kAlarmValues = 64 * 1024;
 constexpr std::size_t kKeptAlarm = 64 * 1024;  // memory for an alarm that a reactor keeps
 // What one device may use of a reactor before the others have their turn: some 50 alarms.
 constexpr std::size_t kReadSize = 16 * 1024;
 
 // Each value but the first of a list or an object stands behind a comma.
-std::size_t valuesAtMost(std::string_view json) {
+bool hasTooManyValues(std::string_view json) {
   const auto begins = [](char c) { return c == ',' || c == '{' || c == '['; };
-  return static_cast<std::size_t>(std::count_if(json.begin(), json.end(), begins));
+  return std::ssize(json) > kAlarmValues &&
+         std::count_if(json.begin(), json.end(), begins) > kAlarmValues;
 }
 
 }  // namespace
@@ -206,7 +207,7 @@ void DeviceFeed::takeLoginRefusal() {
 void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
   failures_ = 0;
   if (contentType.starts_with("image/") || body.empty() || !fault_.empty()) return;
-  if (valuesAtMost(body) > kAlarmValues) {
+  if (hasTooManyValues(body)) {
     fault_ = "an alarm of too many values";
   } else if (body.size() >= kLargeAlarm || !forWorker_.empty()) {
     forWorker_.emplace_back(body);
@@ -282,7 +283,9 @@ DeviceFeed::Clock::duration DeviceFeed::nextDelay() {
 }
 
 std::shared_ptr<AlarmFeed> DeviceFeeds::open(const DeviceConfig& device, AlarmSink sink) {
-  auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
+  const int here = Reactors::current();
+  const std::size_t next = here == Reactors::kNone ? nextReactor_++ : std::size_t(here);
+  auto& reactor = reactors_.context(next % reactors_.size());
   auto feed = std::make_shared<DeviceFeed>(reactor, workers_, directory_.find(device), times_,
                                            std::move(sink));
   feed->start();

@@ -111,7 +111,8 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   std::minstd_rand random_;
 };
 
-// Each feed is a stream of this gateway's own to the device, each on the next reactor.
+// Each feed is a stream of this gateway's own to the device: on the reactor that asks for it, where
+// the client's stream is that gets its alarms, else on the next one.
 class DeviceFeeds final : public FeedOpener {
  public:
   // All outlive it; reactors and workers also what is left of its feeds.

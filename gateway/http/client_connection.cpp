@@ -294,8 +294,10 @@ void ClientConnection<Stream>::wakeStream() {
 }
 
 template <class Stream>
-void ClientConnection<Stream>::sendParts() {
-  this->run([this] { parts_.push(); });
+bool ClientConnection<Stream>::sendParts(Sending when) {
+  bool sent = true;
+  this->run([&] { sent = parts_.push(when); });
+  return sent;
 }
 
 template class ClientConnection<TcpStream>;

@@ -45,7 +45,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void deliver(const ExchangePtr& exchange, std::string_view body) override;
   void openStream(const ExchangePtr& exchange) override;
   void wakeStream() override;
-  void sendParts() override;
+  bool sendParts(Sending when) override;
   void partDropped() override { core_->counts.here().partsDropped.add(); }
 
  private:

@@ -21,6 +21,25 @@
 
 namespace qn {
 
+// Tells whether something comes again and again at intervals of less than a millisecond.
+class Storm {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // It comes now.
+  bool rages() {
+    const auto now = Clock::now();
+    const bool isClose = now - std::exchange(last_, now) < kGap;
+    return std::exchange(wasClose_, isClose) && isClose;
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kGap{1};
+
+  Clock::time_point last_;
+  bool wasClose_ = false;
+};
+
 template <class Stream>
 class PartPusher {
  public:
@@ -36,16 +55,13 @@ class PartPusher {
     exchange_->appendStreamHead(head);
     finish(LeftOver(std::move(head)));
   }
-  // Sends all parts that are queued, unless some are still on their way.
-  void push() {
-    std::string parts;
-    if (!exchange_ || !unsent_.empty() || !exchange_->takeParts(parts)) return;
-    const auto count = unsent_.begin(boost::asio::buffer(parts));
-    if (!count) return;
-    if (*count == parts.size()) return onPartsSent();
-    LeftOver rest(std::move(parts));
-    rest.consume(*count);
-    finish(std::move(rest));
+  // Sends all parts that are queued, unless some are still on their way. False when it is to be
+  // asked again later.
+  bool push(Sending when) {
+    if (!exchange_ || !unsent_.empty()) return true;
+    if (when == Sending::NowOrLater && storm_.rages()) return false;
+    send();
+    return true;
   }
   // Null while the connection is no stream.
   const ExchangePtr& exchange() const { return exchange_; }
@@ -71,10 +87,20 @@ class PartPusher {
     const auto stalled = static_cast<unsigned int>(core_.bounds.stalled.count());
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
   }
+  void send() {
+    std::string parts;
+    if (!exchange_->takeParts(parts)) return;
+    const auto count = unsent_.begin(boost::asio::buffer(parts));
+    if (!count) return;
+    if (*count == parts.size()) return onPartsSent();
+    LeftOver rest(std::move(parts));
+    rest.consume(*count);
+    finish(std::move(rest));
+  }
   void finish(LeftOver bytes) {
     unsent_.finish(std::move(bytes), [this] {
       onPartsSent();
-      push();
+      send();
     });
   }
   void onPartsSent() {
@@ -89,11 +115,11 @@ class PartPusher {
   UnsentBytes<Stream> unsent_;
   ExchangePtr exchange_;  // null while the connection is no stream
   StreamList::Entry listed_;
+  Storm storm_;
 };
 
-// Has the streams of one reactor push what their queues hold: at once after a pause, once in a
-// while when parts keep coming, so that one wake-up and one write carry many. One for each reactor,
-// held by the service's core.
+// Has the streams of one reactor push what their queues hold, with one wake-up for all of them: at
+// once, but those in a storm once in a while. One for each reactor, held by the service's core.
 class StreamSender : public std::enable_shared_from_this<StreamSender> {
  public:
   explicit StreamSender(boost::asio::io_context& reactor) : reactor_(reactor), timer_(reactor) {}
@@ -105,20 +131,20 @@ class StreamSender : public std::enable_shared_from_this<StreamSender> {
   using Clock = std::chrono::steady_clock;
   using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>,
                                                   boost::asio::io_context::executor_type>;
+  using Streams = std::vector<std::weak_ptr<AnswerLink>>;
 
   static constexpr std::chrono::milliseconds kGatherTime{1};
 
   void send();
-  bool takeWaiting();
+  void sendStorms();
 
   boost::asio::io_context& reactor_;
   Timer timer_;
-  Clock::time_point lastSent_;
-  std::vector<std::weak_ptr<AnswerLink>> sending_;
+  Streams sending_;
+  Streams storms_;  // these send when the timer says so
 
   Mutex mutex_;
-  std::vector<std::weak_ptr<AnswerLink>> waiting_ QN_GUARDED_BY(mutex_);
-  bool coming_ QN_GUARDED_BY(mutex_) = false;  // send() will run
+  Streams waiting_ QN_GUARDED_BY(mutex_);  // send() will run when there are any
 };
 
 }  // namespace qn
