@@ -31,6 +31,25 @@ constexpr std::array<std::string_view, 8> kJsonEventTypes = {
     "LocalUserChange",       "IDCardInfoEvent",
     "QRCodeEvent",           "devXmlEvent"};
 
+// What decides about an alarm, found in one walk. Of two members with one name the last counts.
+struct AlarmFacts {
+  Value description, type, device;
+
+  explicit AlarmFacts(const Value& alert) {
+    Value::Members members(alert);
+    std::string_view name;
+    for (Value value; members.next(name, value);) {
+      if (name == "eventDescription") description = value;
+      if (name == "eventType") type = value;
+      if (name == "devIndex") device = value;
+    }
+  }
+};
+
+bool isXmlType(std::string_view eventType) {
+  return std::ranges::find(kJsonEventTypes, eventType) == kJsonEventTypes.end();
+}
+
 // As far as the body's length, which follows.
 std::string_view partHeader(ENUM_ALARM_TYPE type) {
   switch (type) {
@@ -73,29 +92,30 @@ int CEventPto::fAlarmDataCallBack(void* data, int length, void* user) {
 int CEventPto::consumeAlarm(const Value& alarm) {
   const Value alert = alarm.member(kAlert);
   if (!alert.isObject()) return -1;
-  if (alert.member("eventDescription").text() == "Heart Beat") return 0;
+  const AlarmFacts facts(alert);
+  if (facts.description.text() == "Heart Beat") return 0;
   std::string text;
   auto type = ALARM_JSON;
-  if (alert.member("eventType").isString()) {
-    if (needConvertToXml(alarm)) {
+  if (facts.type.isString()) {
+    if (isXmlType(facts.type.text())) {
       type = ALARM_XML;
       if (!alarmDocument(text, alarm)) return -1;
     } else {
       text = qn::json::writeJson(alert.copy());
     }
   }
-  const Value devIndex = alert.member("devIndex");
-  return devIndex.isString() ? queueAlarm(text, type, std::string(devIndex.text())) : -1;
+  if (!facts.device.isString()) return -1;
+  return queueAlarm(text, type, std::string(facts.device.text()));
 }
 
 bool CEventPto::needConvertToXml(const Value& alarm) {
-  const std::string_view type = alarm.member(kAlert).member("eventType").text();
-  return std::ranges::find(kJsonEventTypes, type) == kJsonEventTypes.end();
+  return isXmlType(alarm.member(kAlert).member("eventType").text());
 }
 
 int CEventPto::queueAlarm(const std::string& text, ENUM_ALARM_TYPE type,
                           const std::string& devIndex) {
   std::vector<Session> streams;
+  streams.reserve(kMaxStreamsPerDevice);
   getSessionByDev(streams, devIndex);
   if (streams.empty()) return 0;
   const auto part = std::make_shared<const AlarmPart>(text, type);

@@ -56,7 +56,6 @@ DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
       stream_(reactor),
       dialer_(*device_, stream_),
       timer_(reactor),
-      pause_(reactor),
       login_(std::in_place),
       random_(std::random_device{}()) {}
 
@@ -71,7 +70,7 @@ void DeviceFeed::stop() {
     self->stopped_ = true;
     self->device_->counts.alarmsFlow = false;
     self->timer_.cancel();
-    self->pause_.cancel();
+    if (self->pause_) self->pause_->cancel();
     self->dialer_.cancel();
     self->login_.reset();  // others may try the credentials
   });
@@ -111,7 +110,9 @@ void DeviceFeed::sendHead(std::size_t sent) {
                            if (error) return self->retry(error.message());
                            if (sent + count < self->head_.size())
                              return self->sendHead(sent + count);
-                           self->head_ = {};
+                           // Assigning alone would keep their memory.
+                           std::exchange(self->head_, {});
+                           std::exchange(self->authorization_, {});
                            self->waitForBytes();
                          });
 }
@@ -150,8 +151,9 @@ void DeviceFeed::readBytes() {
 // A device in a storm is read once in a while: many alarms at a time cost a fraction of what each
 // costs alone, from the wake-up here to the clients' sockets.
 void DeviceFeed::gather() {
-  pause_.expires_after(kStormGap);
-  pause_.async_wait([self = shared_from_this()](Error error) {
+  if (!pause_) pause_ = std::make_unique<asio::steady_timer>(reactor_);
+  pause_->expires_after(kStormGap);
+  pause_->async_wait([self = shared_from_this()](Error error) {
     if (!error) self->readBytes();
   });
 }

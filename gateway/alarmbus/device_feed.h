@@ -94,8 +94,8 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   DeviceStream stream_;
   Dialer dialer_;
   boost::asio::steady_timer timer_;
-  boost::asio::steady_timer pause_;
-  std::optional<DeviceLogin::Ticket> login_;  // of the attempts until a stream opens
+  std::unique_ptr<boost::asio::steady_timer> pause_;  // of a device that has stormed
+  std::optional<DeviceLogin::Ticket> login_;          // of the attempts until a stream opens
   std::string authorization_;
   std::string head_;  // while it is sent
   ReadBuffer buffer_;

@@ -111,7 +111,8 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   void appendHead(std::string& out, std::size_t bodySize, qn::Ending ending) const;
   // Whether the answer's body is sent at all.
   bool sendsBody() const;
-  void appendStreamHead(std::string& out) const;
+  // Once: the header lines are given back.
+  void appendStreamHead(std::string& out);
   // Moves everything that is queued to `out`, which is empty; false when there is nothing.
   bool takeParts(std::string& out);
   // What was taken went out: the number of parts.

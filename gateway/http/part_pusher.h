@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/http/answer_sender.h"
 #include "gateway/http/client_stream.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/service_core.h"
@@ -43,8 +44,8 @@ class Storm {
 template <class Stream>
 class PartPusher {
  public:
-  PartPusher(ClientStream<Stream>& client, ServiceCore& core)
-      : client_(client), core_(core), unsent_(client, core.bounds, core.counts) {}
+  // What sends the connection's answers sends its parts, too; it outlives the pusher.
+  PartPusher(AnswerSender<Stream>& sender, ServiceCore& core) : sender_(sender), core_(core) {}
 
   void begin(const ExchangePtr& exchange) {
     exchange_ = exchange;
@@ -58,7 +59,7 @@ class PartPusher {
   // Sends all parts that are queued, unless some are still on their way. False when it is to be
   // asked again later.
   bool push(Sending when) {
-    if (!exchange_ || !unsent_.empty()) return true;
+    if (!exchange_ || !sender_.unsent().empty()) return true;
     if (when == Sending::NowOrLater && storm_.rages()) return false;
     send();
     return true;
@@ -82,7 +83,7 @@ class PartPusher {
   // without a word is noticed although its parts still fit there.
   void boundUnsent() {
     boost::system::error_code ignored;
-    auto& socket = client_.stream().lowest_layer();
+    auto& socket = sender_.client().stream().lowest_layer();
     socket.set_option(boost::asio::socket_base::send_buffer_size(kSendBuffer), ignored);
     const auto stalled = static_cast<unsigned int>(core_.bounds.stalled.count());
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
@@ -90,7 +91,7 @@ class PartPusher {
   void send() {
     std::string parts;
     if (!exchange_->takeParts(parts)) return;
-    const auto count = unsent_.begin(boost::asio::buffer(parts));
+    const auto count = sender_.unsent().begin(boost::asio::buffer(parts));
     if (!count) return;
     if (*count == parts.size()) return onPartsSent();
     LeftOver rest(std::move(parts));
@@ -98,7 +99,7 @@ class PartPusher {
     finish(std::move(rest));
   }
   void finish(LeftOver bytes) {
-    unsent_.finish(std::move(bytes), [this] {
+    sender_.unsent().finish(std::move(bytes), [this] {
       onPartsSent();
       send();
     });
@@ -107,12 +108,11 @@ class PartPusher {
     const std::size_t count = exchange_->partsSent();
     core_.counts.here().partsSent.add(count);
     listed_->partsSent.add(count);
-    client_.setDeadline(core_.bounds.silent);
+    sender_.client().setDeadline(core_.bounds.silent);
   }
 
-  ClientStream<Stream>& client_;
+  AnswerSender<Stream>& sender_;
   ServiceCore& core_;
-  UnsentBytes<Stream> unsent_;
   ExchangePtr exchange_;  // null while the connection is no stream
   StreamList::Entry listed_;
   Storm storm_;

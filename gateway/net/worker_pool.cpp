@@ -168,7 +168,8 @@ void WorkerPool::watch() {
     const auto taken = taken_;
     const auto lent = lentTaken_;
     const auto queued = taken_ + queue_.size();
-    sleepFor(options_.patience);
+    const bool lentOnly = draining_ == 0 && queued == taken;
+    sleepFor(lentOnly ? options_.patience * kLoanPatience : options_.patience);
     late = taken_ < queued;
     if (takeOver()) late = true;
     quiet = queue_.empty() && loans_.empty() && taken_ == taken && lentTaken_ == lent;

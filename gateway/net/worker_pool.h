@@ -122,6 +122,9 @@ class WorkerPool {
   // A pool with patience lets jobs that follow each other closely gather for so long.
   static constexpr std::chrono::milliseconds kGatherTime{1};
 
+  // Loans are looked at less often: they seldom wait, and each look costs a wake-up.
+  static constexpr int kLoanPatience = 4;
+
   const WorkerPoolOptions options_;
   boost::asio::io_context context_;
   boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard_;
