@@ -284,12 +284,17 @@ DeviceFeed::Clock::duration DeviceFeed::nextDelay() {
   return delay - std::chrono::milliseconds(std::uniform_int_distribution(0, jitter)(random_));
 }
 
+// The caller's, unless it is a thread of others.
+std::size_t DeviceFeeds::reactorForNext() {
+  const auto here = static_cast<std::size_t>(Reactors::current());  // kNone: beyond all
+  const bool isOurs =
+      here < reactors_.size() && reactors_.context(here).get_executor().running_in_this_thread();
+  return isOurs ? here : nextReactor_++ % reactors_.size();
+}
+
 std::shared_ptr<AlarmFeed> DeviceFeeds::open(const DeviceConfig& device, AlarmSink sink) {
-  const int here = Reactors::current();
-  const std::size_t next = here == Reactors::kNone ? nextReactor_++ : std::size_t(here);
-  auto& reactor = reactors_.context(next % reactors_.size());
-  auto feed = std::make_shared<DeviceFeed>(reactor, workers_, directory_.find(device), times_,
-                                           std::move(sink));
+  auto feed = std::make_shared<DeviceFeed>(reactors_.context(reactorForNext()), workers_,
+                                           directory_.find(device), times_, std::move(sink));
   feed->start();
   return feed;
 }

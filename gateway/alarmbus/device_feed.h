@@ -123,6 +123,8 @@ class DeviceFeeds final : public FeedOpener {
   std::shared_ptr<AlarmFeed> open(const DeviceConfig& device, AlarmSink sink) override;
 
  private:
+  std::size_t reactorForNext();
+
   Reactors& reactors_;
   WorkerPool& workers_;
   DeviceDirectory& directory_;
