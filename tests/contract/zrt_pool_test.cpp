@@ -3,45 +3,12 @@
 
 #include <cerrno>
 
-#include "gateway/net/worker_pool.h"
-#include "platform/zrt.h"
-#include "tests/contract/events.h"
+#include "tests/contract/flex_pool.h"
 
 namespace qn {
 namespace {
 
 using namespace std::chrono_literals;
-using Job = std::function<void()>;
-
-int runJob(void* job) {
-  (*static_cast<Job*>(job))();
-  return 0;
-}
-
-constexpr int kLongIdleMs = 60000;
-
-struct Pool {
-  explicit Pool(int maxThreads, int idleMs = kLongIdleMs, int stackBytes = 0)
-      : handle(ZRT_ThreadPoolFlex_Create(maxThreads, idleMs, runJob, stackBytes)) {
-    EXPECT_NE(handle, -1);
-  }
-  ~Pool() { destroy(); }
-
-  int work(Job& job) { return ZRT_ThreadPoolFlex_Work(handle, &job); }
-  int destroy() { return ZRT_ThreadPoolFlex_Destroy(handle); }
-
-  const int64_t handle;
-};
-
-// A job that says that it runs and waits until it is let go.
-struct Blocking {
-  Events entered, opened;
-  Job job = [this] {
-    entered.signal();
-    EXPECT_TRUE(opened.wait());
-  };
-};
-
 TEST(FlexPool, StartsThreadsUpToTheMaximumAndNoMore) {
   constexpr int kThreads = 3;
   constexpr int kJobs = 12;
@@ -159,78 +126,6 @@ TEST(FlexPool, AJobThatThrowsDoesNotEndTheThread) {
   EXPECT_TRUE(ran);
 }
 
-TEST(FlexPool, ALentThreadRunsWhatItQueuedInOrderWhenTheLoanEnds) {
-  std::vector<int> ran;
-  std::thread::id thread;
-  Job jobs[20];  // more than a loan takes
-  for (int i = 0; i < 20; ++i) {
-    jobs[i] = [&, i] {
-      thread = std::this_thread::get_id();
-      ran.push_back(i);
-    };
-  }
-  for (const int count : {1, 5, 20}) {
-    Pool pool(1);  // so nothing else runs meanwhile, and no two of them at once
-    ran.clear();
-    {
-      const ThreadLoan loan;
-      for (int i = 0; i < count; ++i) ASSERT_EQ(pool.work(jobs[i]), 0);
-      EXPECT_TRUE(ran.empty());
-    }
-    pool.destroy();
-    ASSERT_EQ(ran.size(), std::size_t(count));
-    EXPECT_TRUE(std::ranges::is_sorted(ran));
-    EXPECT_EQ(thread == std::this_thread::get_id(), count < 8);
-  }
-}
-
-TEST(FlexPool, WhatWaitsBehindABlockedJobOfALentThreadGoesToAnother) {
-  Blocking blocking;
-  Events quick;
-  Job runs = [&] { quick.signal(); };
-  Pool pool(2);
-  std::thread lent([&] {
-    const ThreadLoan loan;
-    for (Job* job : {&blocking.job, &runs, &runs}) EXPECT_EQ(pool.work(*job), 0);
-  });
-  EXPECT_TRUE(blocking.entered.wait());
-  EXPECT_TRUE(quick.wait(2));
-  blocking.opened.signal();
-  lent.join();
-}
-
-TEST(FlexPool, ALentThreadCountsAmongThePoolsThreads) {
-  Blocking blocking;
-  Events quick;
-  Job runs = [&] { quick.signal(); };
-  Pool pool(1);
-  std::thread lent([&] {
-    const ThreadLoan loan;
-    EXPECT_EQ(pool.work(blocking.job), 0);
-  });
-  EXPECT_TRUE(blocking.entered.wait());
-  EXPECT_EQ(pool.work(runs), 0);
-  EXPECT_FALSE(quick.wait(1, 30ms));
-  blocking.opened.signal();
-  EXPECT_TRUE(quick.wait());
-  lent.join();
-}
-
-TEST(FlexPool, DestroyRunsWhatItsOwnLentThreadQueued) {
-  int ran = 0;
-  int inJob = 0;
-  Pool pool(2);
-  Job job = [&] {
-    ++ran;
-    inJob = pool.destroy();
-  };
-  const ThreadLoan loan;
-  ASSERT_EQ(pool.work(job), 0);
-  EXPECT_EQ(pool.destroy(), 0);
-  EXPECT_EQ(ran, 1);
-  EXPECT_EQ(inJob, -1) << "it would wait for itself";
-}
-
 TEST(FlexPool, EveryJobAcceptedDuringDestroyRunsOnce) {
   for (int round = 0; round < 20; ++round) {
     std::atomic<int> accepted = 0;
@@ -241,10 +136,7 @@ TEST(FlexPool, EveryJobAcceptedDuringDestroyRunsOnce) {
     std::vector<std::thread> producers;
     for (int i = 0; i < 2; ++i) {
       producers.emplace_back([&] {
-        for (int n = 0; n < 100000; ++n) {
-          std::optional<ThreadLoan> loan;
-          if (n % 3 == 0) loan.emplace();
-          if (pool.work(job) != 0) break;
+        for (int n = 0; n < 100000 && pool.work(job) == 0; ++n) {
           ++accepted;
           if (n == 50) started.signal();
         }
