@@ -17,7 +17,7 @@ class CAlertStreamSession {
 
   int getHandle() const { return handle_; }
   int getSessionID() const { return sessionId_; }
-  std::string getDeviceIndex() const { return deviceIndex_; }
+  const std::string& getDeviceIndex() const { return deviceIndex_; }
   uint32_t getLastAlarmTime() const { return lastAlarmTime_; }
   int setSendAlarmTime(int time);
   // Zero resets the count of failed sends, anything else adds one to it.

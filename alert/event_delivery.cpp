@@ -1,7 +1,6 @@
 // See event_pto.h. Here: from the alarm bus's callback through the delivery pool to the streams.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <exception>
 #include <memory>
 #include <new>
@@ -12,6 +11,7 @@
 #include "json/text.h"
 #include "platform/alarm_bus.h"
 #include "protocol/log.h"
+#include "text/number.h"
 
 namespace QNKAVROProtocol {
 namespace {
@@ -31,22 +31,48 @@ constexpr std::array<std::string_view, 8> kJsonEventTypes = {
     "LocalUserChange",       "IDCardInfoEvent",
     "QRCodeEvent",           "devXmlEvent"};
 
-std::string makePart(ENUM_ALARM_TYPE type, const std::string& text) {
-  const char* contentType = nullptr;
-  if (type == ALARM_XML) contentType = "application/xml";
-  if (type == ALARM_JSON) contentType = "application/json";
-  if (!contentType) return text;
-  char header[256];
-  const int size = std::snprintf(header, sizeof header,
-                                 "--boundary\r\nContent-Type: %s; charset=\"UTF-8\"\r\n"
-                                 "Content-Length: %d\r\n\r\n",
-                                 contentType, static_cast<int>(text.size()));
-  std::string part;
-  part.reserve(static_cast<std::size_t>(size) + text.size());
-  return part.append(header, static_cast<std::size_t>(size)).append(text);
+// What decides about an alarm, found in one walk. Of two members with one name the last counts.
+struct AlarmFacts {
+  Value description, type, device;
+
+  explicit AlarmFacts(const Value& alert) {
+    Value::Members members(alert);
+    std::string_view name;
+    for (Value value; members.next(name, value);) {
+      if (name == "eventDescription") description = value;
+      if (name == "eventType") type = value;
+      if (name == "devIndex") device = value;
+    }
+  }
+};
+
+bool isXmlType(std::string_view eventType) {
+  return std::ranges::find(kJsonEventTypes, eventType) == kJsonEventTypes.end();
+}
+
+// As far as the body's length, which follows.
+std::string_view partHeader(ENUM_ALARM_TYPE type) {
+  switch (type) {
+    case ALARM_XML:
+      return "--boundary\r\nContent-Type: application/xml; charset=\"UTF-8\"\r\nContent-Length: ";
+    case ALARM_JSON:
+      return "--boundary\r\nContent-Type: application/json; charset=\"UTF-8\"\r\nContent-Length: ";
+  }
+  return {};
 }
 
 }  // namespace
+
+AlarmPart::AlarmPart(std::string_view body, ENUM_ALARM_TYPE type) : type_(type) {
+  constexpr std::string_view kHeaderEnd = "\r\n\r\n";
+  if (const std::string_view header = partHeader(type); !header.empty()) {
+    const qn::text::Decimal length(body.size());
+    bytes_.reserve(header.size() + length.view().size() + kHeaderEnd.size() + body.size());
+    bytes_.append(header).append(length.view()).append(kHeaderEnd);
+  }
+  headerSize_ = bytes_.size();
+  bytes_ += body;
+}
 
 int CEventPto::fAlarmDataCallBack(void* data, int length, void* user) {
   if (!user || !data || length <= 0) {
@@ -66,32 +92,35 @@ int CEventPto::fAlarmDataCallBack(void* data, int length, void* user) {
 int CEventPto::consumeAlarm(const Value& alarm) {
   const Value alert = alarm.member(kAlert);
   if (!alert.isObject()) return -1;
-  if (alert.member("eventDescription").text() == "Heart Beat") return 0;
+  const AlarmFacts facts(alert);
+  if (facts.description.text() == "Heart Beat") return 0;
   std::string text;
   auto type = ALARM_JSON;
-  if (alert.member("eventType").isString()) {
-    if (needConvertToXml(alarm)) {
+  if (facts.type.isString()) {
+    if (isXmlType(facts.type.text())) {
       type = ALARM_XML;
       if (!alarmDocument(text, alarm)) return -1;
     } else {
       text = qn::json::writeJson(alert.copy());
     }
   }
-  const Value devIndex = alert.member("devIndex");
-  return devIndex.isString() ? queueAlarm(text, type, std::string(devIndex.text())) : -1;
+  if (!facts.device.isString()) return -1;
+  return queueAlarm(text, type, std::string(facts.device.text()));
 }
 
 bool CEventPto::needConvertToXml(const Value& alarm) {
-  const std::string_view type = alarm.member(kAlert).member("eventType").text();
-  return std::ranges::find(kJsonEventTypes, type) == kJsonEventTypes.end();
+  return isXmlType(alarm.member(kAlert).member("eventType").text());
 }
 
 int CEventPto::queueAlarm(const std::string& text, ENUM_ALARM_TYPE type,
                           const std::string& devIndex) {
   std::vector<Session> streams;
+  streams.reserve(kMaxStreamsPerDevice);
   getSessionByDev(streams, devIndex);
+  if (streams.empty()) return 0;
+  const auto part = std::make_shared<const AlarmPart>(text, type);
   for (const auto& stream : streams) {
-    auto* const job = new (std::nothrow) CAlarmParam(text, stream, this, type);
+    auto* const job = new (std::nothrow) CAlarmParam(part, stream, this);
     if (!job) {
       QN_LOG_IN(kCallback, WLOG_ERROR, "new CAlarmParam failed.");
       return -1;
@@ -132,8 +161,8 @@ int CEventPto::fAlarmProcessThread(void* job) {
 
 // No CRLF follows the body: the next part's boundary does.
 void CEventPto::push(const CAlarmParam& job) {
-  const auto session = job.getAlertStreamSession();
-  const auto part = makePart(job.getAlarmType(), job.getAlarmXmlRsp());
+  const auto& session = job.getAlertStreamSession();
+  const std::string& part = job.partBytes();
   CHttpExchange exchange(session->getHandle());
   const int written = exchange.response(part.data(), static_cast<int>(part.size()));
   if (written == static_cast<int>(part.size())) {

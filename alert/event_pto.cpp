@@ -35,8 +35,8 @@ int CEventPto::procAlertStream(std::string& body, int& asyncReply, const stHttpR
   const int id = nextSessionId();
   SessionTable session;
   try {
-    session.emplace(
-        id, std::make_shared<CAlertStreamSession>(request.exchange->getHttpHandle(), id, devIndex));
+    session = SessionTable(
+        std::make_shared<CAlertStreamSession>(request.exchange->getHttpHandle(), id, devIndex));
   } catch (const std::exception&) {
     QN_LOG(WLOG_ERROR, "[sysErr=%d]make_shared session error", ZRT_GetSystemLastError());
     return answerError(body, getPtoErrorCode(BUS_NO_RESOURCES), request.exchange->getUrl());
@@ -147,9 +147,7 @@ std::string CEventPto::getSubscribeDeviceReq(const std::string& devIndex) {
 
 int CEventPto::getSessionByDev(std::vector<Session>& out, const std::string& devIndex) {
   QNBase::CRWLock::ReadGuard guard(sessionLock_);
-  for (const auto& [id, session] : sessions_) {
-    if (session->getDeviceIndex() == devIndex) out.push_back(session);
-  }
+  sessions_.visitDevice(devIndex, [&](const Session& session) { out.push_back(session); });
   return 1;
 }
 

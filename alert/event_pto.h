@@ -7,14 +7,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "alert/alarm_param.h"
-#include "alert/alert_stream_session.h"
+#include "alert/session_table.h"
 #include "alert/singleton.h"
 #include "document/table.h"
 #include "json/value.h"
@@ -31,7 +30,7 @@ extern const table::Row kAlarm;
 
 class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
  public:
-  using Session = std::shared_ptr<CAlertStreamSession>;
+  using Session = SessionTable::Session;
 
   static constexpr std::size_t kMaxStreamsPerDevice = 2;
 
@@ -76,7 +75,6 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   static void devChangeCB(tagNotifyType type, void* devIndex, const void* user);
 
  private:
-  using SessionTable = std::map<int32_t, Session>;
   enum class Admission { Admitted, BusRefused, TooMany };
 
   int nextSessionId();

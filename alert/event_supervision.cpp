@@ -82,7 +82,7 @@ int CEventPto::sendHeartBeatOnTimer(int timerId, void* user) {
 // heartbeat at every run.
 void CEventPto::sendHeartBeats() {
   QNBase::CRWLock::ReadGuard guard(sessionLock_);
-  for (const auto& [id, session] : sessions_) {
+  for (const auto& session : sessions_.all()) {
     const auto now = static_cast<uint32_t>(ZRT_GetTimeTick());
     if (now - session->getLastAlarmTime() <= kSilenceMs) continue;
     std::string text;
@@ -137,14 +137,11 @@ void CEventPto::dropLostSubscription(int subscribeId) {
 std::vector<std::string> CEventPto::removeTimedOut() {
   std::vector<std::string> devices;
   QNBase::CRWLock::WriteGuard guard(sessionLock_);
-  for (auto it = sessions_.begin(); it != sessions_.end();) {
-    if (it->second->isTimeOut()) {
-      devices.push_back(it->second->getDeviceIndex());
-      it = sessions_.erase(it);
-    } else {
-      ++it;
-    }
-  }
+  sessions_.eraseIf([&](const CAlertStreamSession& session) {
+    const bool goes = session.isTimeOut();
+    if (goes) devices.push_back(session.getDeviceIndex());
+    return goes;
+  });
   return devices;
 }
 

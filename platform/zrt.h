@@ -46,8 +46,8 @@ int ZRT_SetTimer(ZRT_TimerRoutine routine, void* user, int periodMs, int& timerI
 int ZRT_KillTimer(int timerId);
 
 // The flexible pool: at most maxThreads threads, started when work waits, ended after idleMs
-// without work. Short jobs may share one thread; one that has waited for some milliseconds gets
-// another. -1 on failure.
+// without work. Short jobs share a thread, also that of an alarm callback which queued them, when
+// it has returned; one that has waited for some milliseconds gets another. -1 on failure.
 using ZRT_PoolRoutine = int (*)(void* job);  // must not throw; the result is ignored
 int64_t ZRT_ThreadPoolFlex_Create(int maxThreads, int idleMs, ZRT_PoolRoutine routine,
                                   int stackBytes);

@@ -184,6 +184,7 @@ void AlarmBus::Subscriptions::remember(const std::string& devIndex, const std::s
 
 void AlarmBus::Subscriptions::deliver(const std::string& devIndex, const std::string& alarm) {
   remember(devIndex, alarm);
+  const ThreadLoan loan;  // ends when the subscription may end
   for (const auto& subscription : of(devIndex)) {
     const SharedLock running(subscription->running);
     if (subscription->ended) continue;

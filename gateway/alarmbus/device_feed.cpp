@@ -28,15 +28,16 @@ constexpr auto kTrialDelay = 100ms;  // a request of the bus is trying the crede
 constexpr auto kStormGap = 1ms;
 constexpr std::size_t kPartLimit = 256 * 1024;
 constexpr std::size_t kLargeAlarm = 16 * 1024;  // from here on reading it takes long
-constexpr std::size_t kAlarmValues = 64 * 1024;
+constexpr std::ptrdiff_t kAlarmValues = 64 * 1024;
 constexpr std::size_t kKeptAlarm = 64 * 1024;  // memory for an alarm that a reactor keeps
 // What one device may use of a reactor before the others have their turn: some 50 alarms.
 constexpr std::size_t kReadSize = 16 * 1024;
 
 // Each value but the first of a list or an object stands behind a comma.
-std::size_t valuesAtMost(std::string_view json) {
+bool hasTooManyValues(std::string_view json) {
   const auto begins = [](char c) { return c == ',' || c == '{' || c == '['; };
-  return static_cast<std::size_t>(std::count_if(json.begin(), json.end(), begins));
+  return std::ssize(json) > kAlarmValues &&
+         std::count_if(json.begin(), json.end(), begins) > kAlarmValues;
 }
 
 }  // namespace
@@ -55,7 +56,6 @@ DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
       stream_(reactor),
       dialer_(*device_, stream_),
       timer_(reactor),
-      pause_(reactor),
       login_(std::in_place),
       random_(std::random_device{}()) {}
 
@@ -70,7 +70,7 @@ void DeviceFeed::stop() {
     self->stopped_ = true;
     self->device_->counts.alarmsFlow = false;
     self->timer_.cancel();
-    self->pause_.cancel();
+    if (self->pause_) self->pause_->cancel();
     self->dialer_.cancel();
     self->login_.reset();  // others may try the credentials
   });
@@ -110,7 +110,9 @@ void DeviceFeed::sendHead(std::size_t sent) {
                            if (error) return self->retry(error.message());
                            if (sent + count < self->head_.size())
                              return self->sendHead(sent + count);
-                           self->head_ = {};
+                           // Assigning alone would keep their memory.
+                           std::exchange(self->head_, {});
+                           std::exchange(self->authorization_, {});
                            self->waitForBytes();
                          });
 }
@@ -149,8 +151,9 @@ void DeviceFeed::readBytes() {
 // A device in a storm is read once in a while: many alarms at a time cost a fraction of what each
 // costs alone, from the wake-up here to the clients' sockets.
 void DeviceFeed::gather() {
-  pause_.expires_after(kStormGap);
-  pause_.async_wait([self = shared_from_this()](Error error) {
+  if (!pause_) pause_ = std::make_unique<asio::steady_timer>(reactor_);
+  pause_->expires_after(kStormGap);
+  pause_->async_wait([self = shared_from_this()](Error error) {
     if (!error) self->readBytes();
   });
 }
@@ -206,7 +209,7 @@ void DeviceFeed::takeLoginRefusal() {
 void DeviceFeed::takePart(std::string_view contentType, std::string_view body) {
   failures_ = 0;
   if (contentType.starts_with("image/") || body.empty() || !fault_.empty()) return;
-  if (valuesAtMost(body) > kAlarmValues) {
+  if (hasTooManyValues(body)) {
     fault_ = "an alarm of too many values";
   } else if (body.size() >= kLargeAlarm || !forWorker_.empty()) {
     forWorker_.emplace_back(body);
@@ -281,10 +284,17 @@ DeviceFeed::Clock::duration DeviceFeed::nextDelay() {
   return delay - std::chrono::milliseconds(std::uniform_int_distribution(0, jitter)(random_));
 }
 
+// The caller's, unless it is a thread of others.
+std::size_t DeviceFeeds::reactorForNext() {
+  const auto here = static_cast<std::size_t>(Reactors::current());  // kNone: beyond all
+  const bool isOurs =
+      here < reactors_.size() && reactors_.context(here).get_executor().running_in_this_thread();
+  return isOurs ? here : nextReactor_++ % reactors_.size();
+}
+
 std::shared_ptr<AlarmFeed> DeviceFeeds::open(const DeviceConfig& device, AlarmSink sink) {
-  auto& reactor = reactors_.context(nextReactor_++ % reactors_.size());
-  auto feed = std::make_shared<DeviceFeed>(reactor, workers_, directory_.find(device), times_,
-                                           std::move(sink));
+  auto feed = std::make_shared<DeviceFeed>(reactors_.context(reactorForNext()), workers_,
+                                           directory_.find(device), times_, std::move(sink));
   feed->start();
   return feed;
 }

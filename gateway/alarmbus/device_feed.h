@@ -94,8 +94,8 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   DeviceStream stream_;
   Dialer dialer_;
   boost::asio::steady_timer timer_;
-  boost::asio::steady_timer pause_;
-  std::optional<DeviceLogin::Ticket> login_;  // of the attempts until a stream opens
+  std::unique_ptr<boost::asio::steady_timer> pause_;  // of a device that has stormed
+  std::optional<DeviceLogin::Ticket> login_;          // of the attempts until a stream opens
   std::string authorization_;
   std::string head_;  // while it is sent
   ReadBuffer buffer_;
@@ -111,7 +111,8 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   std::minstd_rand random_;
 };
 
-// Each feed is a stream of this gateway's own to the device, each on the next reactor.
+// Each feed is a stream of this gateway's own to the device: on the reactor that asks for it, where
+// the client's stream is that gets its alarms, else on the next one.
 class DeviceFeeds final : public FeedOpener {
  public:
   // All outlive it; reactors and workers also what is left of its feeds.
@@ -122,6 +123,8 @@ class DeviceFeeds final : public FeedOpener {
   std::shared_ptr<AlarmFeed> open(const DeviceConfig& device, AlarmSink sink) override;
 
  private:
+  std::size_t reactorForNext();
+
   Reactors& reactors_;
   WorkerPool& workers_;
   DeviceDirectory& directory_;

@@ -62,6 +62,10 @@ class AnswerSender {
   // The connection has ended.
   void end() { share_.set(0); }
 
+  ClientStream<Stream>& client() { return client_; }
+  // For a connection that carries parts instead of answers from now on.
+  UnsentBytes<Stream>& unsent() { return unsent_; }
+
  private:
   ClientStream<Stream>& client_;
   const std::function<void()> onSent_;

@@ -41,11 +41,11 @@ ClientConnection<Stream>::ClientConnection(std::shared_ptr<ServiceCore> core, st
                                            Stream stream, Arrival arrival)
     : Base(std::move(stream), arrival.peer.to_string()),
       core_(std::move(core)),
-      reactor_(reactor),
       arrival_(std::move(arrival)),
       requests_(*this, *core_, *this),
       answers_(*this, *core_, [this] { onSent(); }),
-      parts_(*this, *core_) {}
+      parts_(answers_, *core_),
+      reactor_(static_cast<uint32_t>(reactor)) {}
 
 template <class Stream>
 bool ClientConnection<Stream>::onOwnThread() const {
@@ -294,8 +294,10 @@ void ClientConnection<Stream>::wakeStream() {
 }
 
 template <class Stream>
-void ClientConnection<Stream>::sendParts() {
-  this->run([this] { parts_.push(); });
+bool ClientConnection<Stream>::sendParts(Sending when) {
+  bool sent = true;
+  this->run([&] { sent = parts_.push(when); });
+  return sent;
 }
 
 template class ClientConnection<TcpStream>;

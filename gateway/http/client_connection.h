@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -45,7 +46,7 @@ class ClientConnection final : public ClientStream<Stream>,
   void deliver(const ExchangePtr& exchange, std::string_view body) override;
   void openStream(const ExchangePtr& exchange) override;
   void wakeStream() override;
-  void sendParts() override;
+  bool sendParts(Sending when) override;
   void partDropped() override { core_->counts.here().partsDropped.add(); }
 
  private:
@@ -75,7 +76,6 @@ class ClientConnection final : public ClientStream<Stream>,
   std::shared_ptr<ClientConnection> self();
 
   const std::shared_ptr<ServiceCore> core_;
-  const std::size_t reactor_;
   Arrival arrival_;
   std::optional<Handshakes::Turn> handshake_;  // while it is under way
 
@@ -84,9 +84,10 @@ class ClientConnection final : public ClientStream<Stream>,
   PartPusher<Stream> parts_;
   ExchangePtr awaited_;                          // whose answer is not there yet
   typename Base::Clock::time_point handedOver_;  // the awaited exchange
-  bool counted_ = false;                         // among the core's requests in flight
-  bool late_ = false;                            // the awaited answer's time is over
-  bool closeAfter_ = false;                      // the answer
+  const uint32_t reactor_;
+  bool counted_ = false;     // among the core's requests in flight
+  bool late_ = false;        // the awaited answer's time is over
+  bool closeAfter_ = false;  // the answer
 };
 
 extern template class ClientConnection<TcpStream>;

@@ -198,7 +198,7 @@ class UnsentBytes {
           counts_.here().sent.add(count);
           bytes_.consume(count);
           if (!bytes_.empty()) return writeOn(onSent);
-          bytes_ = {};
+          std::exchange(bytes_, {});  // assigning alone would keep the memory
           onSent();
         }));
   }

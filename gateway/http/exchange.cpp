@@ -303,11 +303,11 @@ void ExchangeState::appendHead(std::string& out, std::size_t bodySize, qn::Endin
 
 bool ExchangeState::sendsBody() const { return method_ != HTTP_HEAD && !qn::hasNoBody(status()); }
 
-void ExchangeState::appendStreamHead(std::string& out) const {
+void ExchangeState::appendStreamHead(std::string& out) {
   const qn::MutexLock lock(mutex_);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
-  out += headers_;
+  out += std::exchange(headers_, {});
   out.append("X-Request-Id: ").append(requestId_).append("\r\n");
   out += "Connection: close\r\n\r\n";
 }

@@ -25,6 +25,10 @@ namespace qn {
 using QNHttpService::ExchangeState;
 using ExchangePtr = std::shared_ptr<ExchangeState>;
 
+// When a stream sends the parts that wait: also later, if they come so closely that one write had
+// better carry those of a while.
+enum class Sending { NowOrLater, Now };
+
 // The connection's side that answers go to; any thread.
 class AnswerLink {
  public:
@@ -34,8 +38,9 @@ class AnswerLink {
   virtual void openStream(const ExchangePtr& exchange) = 0;
   // Parts wait in the stream's queue. Called once for all that come before they are taken.
   virtual void wakeStream() = 0;
-  // Sends the parts that wait; on the connection's reactor.
-  virtual void sendParts() = 0;
+  // Sends the parts that wait; false when it is to be asked again later. On the connection's
+  // reactor.
+  virtual bool sendParts(Sending when) = 0;
   // A part found no room in the queue.
   virtual void partDropped() = 0;
 };
@@ -106,7 +111,8 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   void appendHead(std::string& out, std::size_t bodySize, qn::Ending ending) const;
   // Whether the answer's body is sent at all.
   bool sendsBody() const;
-  void appendStreamHead(std::string& out) const;
+  // Once: the header lines are given back.
+  void appendStreamHead(std::string& out);
   // Moves everything that is queued to `out`, which is empty; false when there is nothing.
   bool takeParts(std::string& out);
   // What was taken went out: the number of parts.

@@ -10,32 +10,34 @@ void StreamSender::add(std::weak_ptr<AnswerLink> stream) {
   {
     const MutexLock lock(mutex_);
     waiting_.push_back(std::move(stream));
-    if (std::exchange(coming_, true)) return;
+    if (waiting_.size() > 1) return;
   }
   boost::asio::post(reactor_, [self = shared_from_this()] { self->send(); });
 }
 
 void StreamSender::send() {
-  const bool again = takeWaiting();
-  for (const auto& waiting : sending_) {
-    if (const auto stream = waiting.lock()) stream->sendParts();
+  {
+    const MutexLock lock(mutex_);
+    sending_.swap(waiting_);
+  }
+  const bool timerRuns = !storms_.empty();
+  for (auto& waiting : sending_) {
+    const auto stream = waiting.lock();
+    if (stream && !stream->sendParts(Sending::NowOrLater)) storms_.push_back(std::move(waiting));
   }
   sending_.clear();
-  if (!again) return;
+  if (timerRuns || storms_.empty()) return;
   timer_.expires_after(kGatherTime);
   timer_.async_wait([self = shared_from_this()](const boost::system::error_code& ec) {
-    if (!ec) self->send();
+    if (!ec) self->sendStorms();
   });
 }
 
-// Whether to look again without being called: parts follow each other closely.
-bool StreamSender::takeWaiting() {
-  const auto now = Clock::now();
-  const bool close = now - std::exchange(lastSent_, now) < 2 * kGatherTime;
-  const MutexLock lock(mutex_);
-  sending_.swap(waiting_);
-  coming_ = close && !sending_.empty();
-  return coming_;
+void StreamSender::sendStorms() {
+  for (const auto& waiting : storms_) {
+    if (const auto stream = waiting.lock()) stream->sendParts(Sending::Now);
+  }
+  storms_.clear();
 }
 
 }  // namespace qn

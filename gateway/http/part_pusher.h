@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/http/answer_sender.h"
 #include "gateway/http/client_stream.h"
 #include "gateway/http/exchange.h"
 #include "gateway/http/service_core.h"
@@ -21,11 +22,30 @@
 
 namespace qn {
 
+// Tells whether something comes again and again at intervals of less than a millisecond.
+class Storm {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // It comes now.
+  bool rages() {
+    const auto now = Clock::now();
+    const bool isClose = now - std::exchange(last_, now) < kGap;
+    return std::exchange(wasClose_, isClose) && isClose;
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kGap{1};
+
+  Clock::time_point last_;
+  bool wasClose_ = false;
+};
+
 template <class Stream>
 class PartPusher {
  public:
-  PartPusher(ClientStream<Stream>& client, ServiceCore& core)
-      : client_(client), core_(core), unsent_(client, core.bounds, core.counts) {}
+  // What sends the connection's answers sends its parts, too; it outlives the pusher.
+  PartPusher(AnswerSender<Stream>& sender, ServiceCore& core) : sender_(sender), core_(core) {}
 
   void begin(const ExchangePtr& exchange) {
     exchange_ = exchange;
@@ -36,16 +56,13 @@ class PartPusher {
     exchange_->appendStreamHead(head);
     finish(LeftOver(std::move(head)));
   }
-  // Sends all parts that are queued, unless some are still on their way.
-  void push() {
-    std::string parts;
-    if (!exchange_ || !unsent_.empty() || !exchange_->takeParts(parts)) return;
-    const auto count = unsent_.begin(boost::asio::buffer(parts));
-    if (!count) return;
-    if (*count == parts.size()) return onPartsSent();
-    LeftOver rest(std::move(parts));
-    rest.consume(*count);
-    finish(std::move(rest));
+  // Sends all parts that are queued, unless some are still on their way. False when it is to be
+  // asked again later.
+  bool push(Sending when) {
+    if (!exchange_ || !sender_.unsent().empty()) return true;
+    if (when == Sending::NowOrLater && storm_.rages()) return false;
+    send();
+    return true;
   }
   // Null while the connection is no stream.
   const ExchangePtr& exchange() const { return exchange_; }
@@ -66,34 +83,43 @@ class PartPusher {
   // without a word is noticed although its parts still fit there.
   void boundUnsent() {
     boost::system::error_code ignored;
-    auto& socket = client_.stream().lowest_layer();
+    auto& socket = sender_.client().stream().lowest_layer();
     socket.set_option(boost::asio::socket_base::send_buffer_size(kSendBuffer), ignored);
     const auto stalled = static_cast<unsigned int>(core_.bounds.stalled.count());
     ::setsockopt(socket.native_handle(), IPPROTO_TCP, TCP_USER_TIMEOUT, &stalled, sizeof stalled);
   }
+  void send() {
+    std::string parts;
+    if (!exchange_->takeParts(parts)) return;
+    const auto count = sender_.unsent().begin(boost::asio::buffer(parts));
+    if (!count) return;
+    if (*count == parts.size()) return onPartsSent();
+    LeftOver rest(std::move(parts));
+    rest.consume(*count);
+    finish(std::move(rest));
+  }
   void finish(LeftOver bytes) {
-    unsent_.finish(std::move(bytes), [this] {
+    sender_.unsent().finish(std::move(bytes), [this] {
       onPartsSent();
-      push();
+      send();
     });
   }
   void onPartsSent() {
     const std::size_t count = exchange_->partsSent();
     core_.counts.here().partsSent.add(count);
     listed_->partsSent.add(count);
-    client_.setDeadline(core_.bounds.silent);
+    sender_.client().setDeadline(core_.bounds.silent);
   }
 
-  ClientStream<Stream>& client_;
+  AnswerSender<Stream>& sender_;
   ServiceCore& core_;
-  UnsentBytes<Stream> unsent_;
   ExchangePtr exchange_;  // null while the connection is no stream
   StreamList::Entry listed_;
+  Storm storm_;
 };
 
-// Has the streams of one reactor push what their queues hold: at once after a pause, once in a
-// while when parts keep coming, so that one wake-up and one write carry many. One for each reactor,
-// held by the service's core.
+// Has the streams of one reactor push what their queues hold, with one wake-up for all of them: at
+// once, but those in a storm once in a while. One for each reactor, held by the service's core.
 class StreamSender : public std::enable_shared_from_this<StreamSender> {
  public:
   explicit StreamSender(boost::asio::io_context& reactor) : reactor_(reactor), timer_(reactor) {}
@@ -105,20 +131,20 @@ class StreamSender : public std::enable_shared_from_this<StreamSender> {
   using Clock = std::chrono::steady_clock;
   using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>,
                                                   boost::asio::io_context::executor_type>;
+  using Streams = std::vector<std::weak_ptr<AnswerLink>>;
 
   static constexpr std::chrono::milliseconds kGatherTime{1};
 
   void send();
-  bool takeWaiting();
+  void sendStorms();
 
   boost::asio::io_context& reactor_;
   Timer timer_;
-  Clock::time_point lastSent_;
-  std::vector<std::weak_ptr<AnswerLink>> sending_;
+  Streams sending_;
+  Streams storms_;  // these send when the timer says so
 
   Mutex mutex_;
-  std::vector<std::weak_ptr<AnswerLink>> waiting_ QN_GUARDED_BY(mutex_);
-  bool coming_ QN_GUARDED_BY(mutex_) = false;  // send() will run
+  Streams waiting_ QN_GUARDED_BY(mutex_);  // send() will run when there are any
 };
 
 }  // namespace qn

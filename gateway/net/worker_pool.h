@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -32,6 +33,37 @@ struct WorkerPoolOptions {
   const char* name = "worker";
 };
 
+class WorkerPool;
+
+// While it lives, jobs that its thread posts to a pool with patience wait for the thread itself,
+// which runs them in their order when the loan ends: what follows from an alarm needs no wake-up.
+// The thread counts as one of the pool's threads meanwhile, and jobs that wait for longer than the
+// patience behind one that blocks go to another. On the stack of whoever calls somebody that may
+// post.
+class ThreadLoan {
+ public:
+  using Job = std::function<void()>;
+
+  ThreadLoan();
+  ~ThreadLoan();
+  ThreadLoan(const ThreadLoan&) = delete;
+  ThreadLoan& operator=(const ThreadLoan&) = delete;
+
+ private:
+  friend class WorkerPool;
+
+  static constexpr std::size_t kMost = 8;  // further ones go to the pool's own threads
+
+  bool isWaited() const { return begun_ < count_; }
+
+  ThreadLoan* const outer_;
+  WorkerPool* pool_ = nullptr;  // whose jobs they are; set by the first. The rest is guarded by it.
+  std::array<Job, kMost> jobs_;
+  std::size_t count_ = 0;
+  std::size_t begun_ = 0;
+  bool isLate_ = false;  // if none has been begun by the next look
+};
+
 // asio::thread_pool starts all its threads at once and keeps them, so the threads are the pool's
 // own and run an io_context, which has them wait and wakes one when there is work.
 class WorkerPool {
@@ -49,9 +81,9 @@ class WorkerPool {
   // or there is no thread and none could be started: the job is not run.
   bool post(Job job);
   // Takes no more jobs, runs what is queued and ends the threads. Never call it on a thread of the
-  // pool; by one thread at a time. Harmless when repeated.
+  // pool; by one thread at a time. Harmless when repeated. Waits for loans of other threads.
   void stop();
-  // Whether the calling thread is one of this pool's.
+  // Whether the calling thread is one of this pool's, or runs a job of it.
   bool runsHere() const;
 
   // What it holds about now; takes no lock.
@@ -64,24 +96,34 @@ class WorkerPool {
   const WorkerPoolOptions& options() const { return options_; }
 
  private:
+  friend class ThreadLoan;
   using Clock = std::chrono::steady_clock;
 
   bool isPatient() const;
+  bool lend(ThreadLoan* loan, Job& job) QN_REQUIRES(mutex_);
+  void runLent(ThreadLoan& loan);
+  bool takeOver() QN_REQUIRES(mutex_);
   bool take(Job job) QN_REQUIRES(mutex_);
   void showLoad() QN_REQUIRES(mutex_);
   bool callOneMore() QN_REQUIRES(mutex_);
   bool callSparingly() QN_REQUIRES(mutex_);
+  bool callWatch() QN_REQUIRES(mutex_);
+  bool hasSeat() const QN_REQUIRES(mutex_);
   bool startOne() QN_REQUIRES(mutex_);
   void run();
   void onCall();
   void watch();
   void drain() QN_REQUIRES(mutex_);
+  void runOne(Job job) QN_REQUIRES(mutex_);
   bool gather() QN_REQUIRES(mutex_);
   void sleepFor(std::chrono::milliseconds time) QN_REQUIRES(mutex_);
   bool leave();
 
   // A pool with patience lets jobs that follow each other closely gather for so long.
   static constexpr std::chrono::milliseconds kGatherTime{1};
+
+  // Loans are looked at less often: they seldom wait, and each look costs a wake-up.
+  static constexpr int kLoanPatience = 4;
 
   const WorkerPoolOptions options_;
   boost::asio::io_context context_;
@@ -96,7 +138,10 @@ class WorkerPool {
   std::size_t draining_ QN_GUARDED_BY(mutex_) = 0;  // threads that take jobs
   // Of these, during whose jobs another lost patience.
   std::size_t stuck_ QN_GUARDED_BY(mutex_) = 0;
-  uint64_t taken_ QN_GUARDED_BY(mutex_) = 0;  // jobs
+  uint64_t taken_ QN_GUARDED_BY(mutex_) = 0;      // jobs
+  uint64_t lentTaken_ QN_GUARDED_BY(mutex_) = 0;  // those of loans
+  std::vector<ThreadLoan*> loans_ QN_GUARDED_BY(mutex_);
+  Condition loanEnded_;
   // When a thread last found no further job.
   Clock::time_point drained_ QN_GUARDED_BY(mutex_);
   bool watched_ QN_GUARDED_BY(mutex_) = false;  // a thread watches that the others get on

@@ -112,7 +112,7 @@ struct CountingLink final : AnswerLink {
   void deliver(const ExchangePtr&, std::string_view) override {}
   void openStream(const ExchangePtr&) override { ++opened; }
   void wakeStream() override { ++woken; }
-  void sendParts() override {}
+  bool sendParts(Sending) override { return true; }
   void partDropped() override { ++dropped; }
   int opened = 0;
   int dropped = 0;

@@ -3,44 +3,12 @@
 
 #include <cerrno>
 
-#include "platform/zrt.h"
-#include "tests/contract/events.h"
+#include "tests/contract/flex_pool.h"
 
 namespace qn {
 namespace {
 
 using namespace std::chrono_literals;
-using Job = std::function<void()>;
-
-int runJob(void* job) {
-  (*static_cast<Job*>(job))();
-  return 0;
-}
-
-constexpr int kLongIdleMs = 60000;
-
-struct Pool {
-  explicit Pool(int maxThreads, int idleMs = kLongIdleMs, int stackBytes = 0)
-      : handle(ZRT_ThreadPoolFlex_Create(maxThreads, idleMs, runJob, stackBytes)) {
-    EXPECT_NE(handle, -1);
-  }
-  ~Pool() { destroy(); }
-
-  int work(Job& job) { return ZRT_ThreadPoolFlex_Work(handle, &job); }
-  int destroy() { return ZRT_ThreadPoolFlex_Destroy(handle); }
-
-  const int64_t handle;
-};
-
-// A job that says that it runs and waits until it is let go.
-struct Blocking {
-  Events entered, opened;
-  Job job = [this] {
-    entered.signal();
-    EXPECT_TRUE(opened.wait());
-  };
-};
-
 TEST(FlexPool, StartsThreadsUpToTheMaximumAndNoMore) {
   constexpr int kThreads = 3;
   constexpr int kJobs = 12;
