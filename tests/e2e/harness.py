@@ -58,8 +58,8 @@ def allow_many_descriptors():
 class Process:
     """A child process whose standard error is kept."""
 
-    def __init__(self, *command, stdout=subprocess.DEVNULL):
-        self.child = subprocess.Popen([str(part) for part in command], stdout=stdout,
+    def __init__(self, *command, stdout=subprocess.DEVNULL, stdin=None):
+        self.child = subprocess.Popen([str(part) for part in command], stdout=stdout, stdin=stdin,
                                       stderr=subprocess.PIPE, text=True, errors="replace")
         self.lines = []
         self.reader = threading.Thread(target=self._read, daemon=True)
