@@ -147,6 +147,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void openOwn();
   void closeOwn();
   void deviceAlarm(const std::string& alarm);
+  void remember(const std::string& alarm, Clock::time_point now) QN_REQUIRES(mutex_);
   void published(std::string_view message);
   void overlapBegins() QN_REQUIRES(mutex_);
   void deliverFromOthers(const std::string& alarm) QN_REQUIRES(mutex_);
@@ -230,21 +231,28 @@ void SharedFeeds::Feed::hold(uint64_t number, Clock::time_point until) {
   openOwn();
 }
 
+// A holder that slept past its lease reads what the next one has published since. One whose lease
+// was forgotten has its stream until that of the next one flows.
 void SharedFeeds::Feed::readFrom() {
   bool wasHolder = false;
+  bool slept = false;
   {
     const MutexLock lock(mutex_);
     if (state_ == State::Reader || state_ == State::Leaving) return;
     wasHolder = state_ == State::Holder;
-    state_ = state_ == State::Alone ? State::Leaving : State::Reader;
+    slept = wasHolder && Clock::now() >= leaseEnd_;
+    if (wasHolder && !slept) last_.reset();
+    state_ = state_ == State::Starting || slept ? State::Reader : State::Leaving;
     unsure_.clear();
   }
   redis_.listen(
       stream_, [self = shared_from_this()](std::string_view message) { self->published(message); });
-  if (!wasHolder) return;
-  logWarn("alarms of device {}: another gateway has taken its feed over", device_.index);
+  if (wasHolder) {
+    logWarn("alarms of device {}: another gateway has taken its feed over", device_.index);
+  }
+  if (!slept) return;
   closeOwn();
-  fill();  // what the next holder has published since
+  fill();
 }
 
 void SharedFeeds::Feed::openOwn() {
@@ -280,6 +288,7 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
       return;
     case State::Holder:
       if (now < leaseEnd_) {
+        remember(alarm, now);
         sink_(alarm);
         publish(alarm);
       } else if (unsure_.size() < kUnsureAlarms) {  // somebody else may hold it by now
@@ -291,9 +300,15 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
       return;
     case State::Alone:
     case State::Leaving:
-      recent_.emplace_back(now, std::hash<std::string>()(alarm));
-      while (recent_.front().first < now - kInFlightTime) recent_.pop_front();
+      remember(alarm, now);
       if (!overlap_ || overlap_->isFirst(Overlap::Device, alarm)) sink_(alarm);
+  }
+}
+
+void SharedFeeds::Feed::remember(const std::string& alarm, Clock::time_point now) {
+  recent_.emplace_back(now, std::hash<std::string>()(alarm));
+  while (recent_.front().first < now - kInFlightTime || recent_.size() > kInFlightAlarms) {
+    recent_.pop_front();
   }
 }
 
@@ -364,7 +379,7 @@ void SharedFeeds::Feed::overlapBegins() {
       self->state_ = State::Reader;
     }
     self->closeOwn();
-    self->overlapTimer_.expires_after(kOverlapTime);  // for what is on its way from others
+    self->overlapTimer_.expires_after(kInFlightTime);
     self->overlapTimer_.async_wait([self](const boost::system::error_code& over) {
       const MutexLock lock(self->mutex_);
       if (!over) self->overlap_.reset();

@@ -251,6 +251,21 @@ TEST_F(SharedFeedsTest, AHolderThatSleptPublishesNothingUnderItsOldNumber) {
   expectAll({member(0), member(1), member(2)}, 200);
 }
 
+// As when the server is emptied, or another one takes its place.
+TEST_F(SharedFeedsTest, AHolderWhoseLeaseIsForgottenBringsAllAlarmsOnceWhenAnotherTakesIt) {
+  joinAll(3);
+  for (int round = 0; round < 3; ++round) {
+    member(0)->redis.send({"FLUSHALL"});
+    member(0)->redis.send({"PUBLISH", "qn:0:alarms:7", "free"});  // those who read claim it
+    ASSERT_TRUE(eventually([&] { return device_.streams() == 2; })) << "another one holds it";
+    expectAll({member(0), member(1), member(2)}, 50);
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return device_.streams() == 1;
+    }));
+  }
+}
+
 TEST_F(SharedFeedsTest, WithoutTheServerEachHasItsOwnStreamAndNoAlarmComesTwiceAfterIt) {
   joinAll(3);
   for (int round = 0; round < 3; ++round) {

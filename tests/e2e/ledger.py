@@ -135,8 +135,8 @@ class Alarms(Traffic):
                 self.streams.append(stream)
                 self.selector.register(stream.connection, selectors.EVENT_READ, stream)
 
-    def excuse(self, since, until, may_miss):
-        self.excuses.append((since, until, may_miss))
+    def excuse(self, name, since, until, may_miss):
+        self.excuses.append((name, since, until, may_miss))
 
     def wait_for_all(self):
         """What was sent last has come to all streams of living gateways."""
@@ -153,7 +153,12 @@ class Alarms(Traffic):
     def is_excused(self, stream, number):
         began, ended = self.sent[stream.device][number]
         return any(since <= ended and began <= until and may_miss(stream.gateway, stream.device)
-                   for since, until, may_miss in self.excuses)
+                   for _, since, until, may_miss in self.excuses)
+
+    def when(self, index, number):
+        began = self.sent[index][number][0]
+        past = [(name, since) for name, since, *_ in self.excuses if since <= began]
+        return past and f"{number}, {began - past[-1][1]:.2f} s after {past[-1][0]}"
 
     def close(self):
         """When nothing is sent any more."""
@@ -164,10 +169,11 @@ class Alarms(Traffic):
             what = f"gateway {stream.gateway}, device {stream.device}: "
             late = [pair for pair in itertools.pairwise(numbers) if pair[0] >= pair[1]]
             if late:
+                late = [(earlier, self.when(stream.device, later)) for earlier, later in late]
                 self.wrong.append(f"{what}twice, or out of order: {late}")
             elif numbers:
                 due = {number for number in sent if numbers[0] < number < numbers[-1]}
-                lost = [(number, sent[number][0]) for number in sorted(due - set(numbers))
+                lost = [self.when(stream.device, number) for number in sorted(due - set(numbers))
                         if not self.is_excused(stream, number)]
                 self.wrong += [f"{what}lost: {lost}"] * bool(lost)
 
@@ -201,7 +207,7 @@ class Visits:
         try:
             answer = one.once(method, url, body)
         except TROUBLE as error:
-            if life == self.cluster.lives[gateway]:
+            if life == self.cluster.lives[gateway] and gateway not in self.cluster.down:
                 self.wrong.append(f"gateway {gateway} did not answer: {error!r}")
             return None
         finally:

@@ -10,7 +10,7 @@ import sys
 UP, DOWN = 0, 1  # to the engine, to the gateway
 # What each mode stops; bytes in flight wait, as on a network that is cut, and come when it is whole.
 STOPS = {"pass": (), "slow": (), "refuse": (), "silent": (UP, DOWN), "deaf": (UP,), "mute": (DOWN,)}
-SLOWNESS = 0.1  # seconds for each read
+SLOWNESS = 0.3  # seconds for each read
 
 
 class Relay:
