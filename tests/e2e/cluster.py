@@ -1,5 +1,5 @@
-"""Several gateways as one, for tests and measurements: with engines, devices, and a relay between each
-gateway and each engine that can cut it off."""
+"""Several gateways as one, for tests and measurements: with engines, devices, and a relay between
+each gateway and each engine that can cut it off."""
 import collections
 import os
 import pathlib
@@ -68,8 +68,8 @@ class Relays(harness.Process):
 
 
 class Cluster:
-    """Three gateways with `devices` simulated ones and a user for each. `down`: gateways that are killed
-    or stopped now."""
+    """Three gateways with `devices` simulated ones and a user for each. `down`: gateways that are
+    killed or stopped now."""
 
     LEASE = 2  # seconds
     LIMIT = 5  # wrong logins
@@ -84,8 +84,8 @@ class Cluster:
         cleanup(self.redis.stop)
         self.postgres = engines.Postgres()
         cleanup(self.postgres.stop)
-        engine = {"redis": str(self.redis.port), "postgres": f"{self.postgres.folder}/.s.PGSQL.5432"}
-        self.relays = Relays({f"{name} {number}": target for name, target in engine.items()
+        ends = {"redis": str(self.redis.port), "postgres": f"{self.postgres.folder}/.s.PGSQL.5432"}
+        self.relays = Relays({f"{engine} {number}": target for engine, target in ends.items()
                               for number in range(3)})
         cleanup(self.relays.stop)
         tables = [{"index": str(number), "url": url}
@@ -106,6 +106,7 @@ class Cluster:
             cleanup(self.gateways[-1].stop)
 
     def kill(self, number):
+        """Down until the caller has its clients back."""
         self.down.add(number)
         gateway = self.gateways[number]
         log = gateway.log()
@@ -115,10 +116,6 @@ class Cluster:
         gateway.child.wait()
         if any(report in log for report in harness.REPORTS):
             raise AssertionError(log[-8000:])
-
-    def revive(self, number):
-        """Down until its clients are back."""
-        self.gateways[number].start()
 
     def pause(self, number):
         self.down.add(number)

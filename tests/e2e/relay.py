@@ -1,14 +1,15 @@
-"""TCP relays that misbehave on request, between gateways and the engines that they share. A process of
-its own, so that the load that a test makes delays nothing of what passes here.
+"""TCP relays that misbehave on request, between gateways and the engines that they share. A process
+of its own, so that the load that a test makes delays nothing of what passes here.
 
     relay.py TARGET...     a port of loopback, or the path of a socket
-prints the relays' ports in a line, reads "NUMBER MODE" from standard input and answers each with a line.
+prints the relays' ports in a line, reads "NUMBER MODE" from standard input and answers each with a
+line.
 """
 import asyncio
 import sys
 
 UP, DOWN = 0, 1  # to the engine, to the gateway
-# What each mode stops; bytes in flight wait, as on a network that is cut, and come when it is whole.
+# What each mode stops: bytes wait, as on a network that is cut, and come when it is whole.
 STOPS = {"pass": (), "slow": (), "refuse": (), "silent": (UP, DOWN), "deaf": (UP,), "mute": (DOWN,)}
 SLOWNESS = 0.3  # seconds for each read
 
