@@ -125,7 +125,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
       overlap_.reset();
       last_.reset();
       isFilling_ = false;
-      for (const std::string& alarm : std::exchange(unsure_, {})) sink_(alarm);
+      deliverUnsure(false);
     }
     openOwn();
   }
@@ -149,7 +149,10 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void deviceAlarm(const std::string& alarm);
   void remember(const std::string& alarm, Clock::time_point now) QN_REQUIRES(mutex_);
   void published(std::string_view message);
+  void deliverUnsure(bool published) QN_REQUIRES(mutex_);
   void overlapBegins() QN_REQUIRES(mutex_);
+  void compareWithOwn() QN_REQUIRES(mutex_);
+  void overlapEnds();
   void deliverFromOthers(const std::string& alarm) QN_REQUIRES(mutex_);
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
   void fill();
@@ -221,10 +224,7 @@ void SharedFeeds::Feed::hold(uint64_t number, Clock::time_point until) {
     if (!same) last_ = AlarmId{number, 0};
     state_ = State::Holder;
     overlap_.reset();
-    for (const std::string& alarm : std::exchange(unsure_, {})) {
-      sink_(alarm);
-      if (same) publish(alarm);
-    }
+    deliverUnsure(same);
   }
   if (!began) return;
   redis_.ignore(stream_);
@@ -244,6 +244,8 @@ void SharedFeeds::Feed::readFrom() {
     if (wasHolder && !slept) last_.reset();
     state_ = state_ == State::Starting || slept ? State::Reader : State::Leaving;
     unsure_.clear();
+    // By an answer that it slept on it may have taken itself for the holder for longer.
+    if (slept) compareWithOwn();
   }
   redis_.listen(
       stream_, [self = shared_from_this()](std::string_view message) { self->published(message); });
@@ -252,7 +254,16 @@ void SharedFeeds::Feed::readFrom() {
   }
   if (!slept) return;
   closeOwn();
+  overlapEnds();
   fill();
+}
+
+void SharedFeeds::Feed::deliverUnsure(bool published) {
+  for (const std::string& alarm : std::exchange(unsure_, {})) {
+    remember(alarm, Clock::now());
+    sink_(alarm);
+    if (published) publish(alarm);
+  }
 }
 
 void SharedFeeds::Feed::openOwn() {
@@ -365,11 +376,7 @@ void SharedFeeds::Feed::published(std::string_view message) {
 
 // The holder's alarms flow: for a while both sources are read, then the own one ends.
 void SharedFeeds::Feed::overlapBegins() {
-  overlap_.emplace();
-  for (const auto& [time, alarm] : recent_) {
-    if (time > Clock::now() - kInFlightTime) overlap_->isFirst(Overlap::Device, alarm);
-  }
-  recent_.clear();
+  compareWithOwn();
   overlapTimer_.expires_after(kOverlapTime);
   overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
     if (error) return;
@@ -379,11 +386,24 @@ void SharedFeeds::Feed::overlapBegins() {
       self->state_ = State::Reader;
     }
     self->closeOwn();
-    self->overlapTimer_.expires_after(kInFlightTime);
-    self->overlapTimer_.async_wait([self](const boost::system::error_code& over) {
-      const MutexLock lock(self->mutex_);
-      if (!over) self->overlap_.reset();
-    });
+    self->overlapEnds();
+  });
+}
+
+// What others bring, with what the own stream has brought.
+void SharedFeeds::Feed::compareWithOwn() {
+  overlap_.emplace();
+  for (const auto& [time, alarm] : recent_) {
+    if (time > Clock::now() - kInFlightTime) overlap_->isFirst(Overlap::Device, alarm);
+  }
+  recent_.clear();
+}
+
+void SharedFeeds::Feed::overlapEnds() {
+  overlapTimer_.expires_after(kInFlightTime);
+  overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+    const MutexLock lock(self->mutex_);
+    if (!error) self->overlap_.reset();
   });
 }
 
