@@ -17,6 +17,7 @@ import harness
 INFO = "/KAVRO/System/deviceInfo"
 TIME = "/KAVRO/System/time?format=json&marker="
 TROUBLE = (OSError, http.client.HTTPException)
+ON_ITS_WAY = 1  # seconds; an alarm that was sent before a fault, and had not come
 KILLED_ROWS = 1  # seconds; what a gateway answers just before it is killed may be in no file yet
 NUMBER = re.compile(rb"<channelName>(\d+)<")
 
@@ -138,8 +139,9 @@ class Alarms(Traffic):
                 self.streams.append(stream)
                 self.selector.register(stream.connection, selectors.EVENT_READ, stream)
 
-    def excuse(self, name, since, until, may_miss):
-        self.excuses.append((name, since, until, may_miss))
+    def excuse(self, fault, may_miss):
+        """Begins now; for how many seconds `may_miss` says of a gateway and a device."""
+        self.excuses.append((fault, time.monotonic(), may_miss))
 
     def wait_for_all(self):
         """What was sent last has come to all streams of living gateways."""
@@ -155,12 +157,13 @@ class Alarms(Traffic):
 
     def is_excused(self, stream, number):
         began, ended = self.sent[stream.device][number]
-        return any(since <= ended and began <= until and may_miss(stream.gateway, stream.device)
-                   for _, since, until, may_miss in self.excuses)
+        return any(since - ON_ITS_WAY <= ended and began <= since + seconds
+                   for _, since, may_miss in self.excuses
+                   if (seconds := may_miss(stream.gateway, stream.device)))
 
     def when(self, index, number):
         began = self.sent[index][number][0]
-        past = [(name, since) for name, since, *_ in self.excuses if since <= began]
+        past = [(fault, since) for fault, since, _ in self.excuses if since <= began]
         return past and f"{number}, {began - past[-1][1]:.2f} s after {past[-1][0]}"
 
     def close(self):

@@ -13,21 +13,18 @@ import ledger
 
 DEVICES = 200
 WINDOW = cluster.Cluster.LEASE + 3  # seconds until others have the feeds of a gateway that is gone
-ON_ITS_WAY = 1  # seconds; an alarm that was sent before the fault, and had not come
 SILENCE = 2  # seconds until a gateway takes an engine that says nothing for gone
 
 
 class Fault(typing.NamedTuple):
-    """`begin` and `end` get the cluster and the gateway that is hit. `misses` says whether a client
-    of one gateway may miss alarms of a device whose feed another has, in the window that begins
-    with the fault."""
+    """`begin` and `end` get the cluster and the gateway that is hit. `misses` says for how many
+    seconds a client of one gateway may miss alarms of a device whose feed another has."""
     name: str
     begin: typing.Callable
     end: typing.Callable
     seconds: float
     shows: bool = False  # in /readyz
-    misses: typing.Callable = lambda hit, client, holder: False
-    window: float = WINDOW
+    misses: typing.Callable = lambda hit, client, holder: 0
 
 
 def relay(engine, *modes):
@@ -39,36 +36,36 @@ def relay(engine, *modes):
     return order
 
 
-def cut(engine, mode, seconds, shows=True, *loss, back=("pass",)):
+def cut(engine, mode, seconds, shows, *misses, back=("pass",)):
     return Fault(f"{engine} {mode} for a gateway", relay(engine, mode), relay(engine, *back),
-                 seconds, shows, *loss)
+                 seconds, shows, *misses)
 
 
-def of_others(hit, client, holder):
+def of_others(hit, client, holder, seconds=WINDOW):
     """A gateway that is cut off hears nothing of the others, and they nothing of it."""
-    return client != holder and hit in (client, holder)
+    return seconds * (client != holder and hit in (client, holder))
 
 
 FAULTS = (
     Fault("a gateway is killed", lambda all, hit: all.kill(hit),
           lambda all, hit: all.gateways[hit].start(), 4, False,
-          lambda hit, client, holder: hit == holder),
+          lambda hit, client, holder: WINDOW * (hit == holder)),
     Fault("a gateway is stopped past its lease", lambda all, hit: all.pause(hit),
           lambda all, hit: all.resume(hit), 4, False,
-          lambda hit, client, holder: hit in (client, holder), 4 + WINDOW),
+          lambda hit, client, holder: 4 + WINDOW if hit == client else WINDOW * (hit == holder)),
     cut("redis", "refuse", 3, True, of_others, back=("slow", "pass")),
     cut("redis", "silent", 4, True, of_others),
     # Until the gateway knows it renews what others would take.
-    cut("redis", "mute", 5, True, of_others, SILENCE + WINDOW),
+    cut("redis", "mute", 5, True, lambda *who: of_others(*who, SILENCE + WINDOW)),
     cut("redis", "deaf", 3, True, of_others),
     cut("postgres", "silent", 2, False),  # it is waited for longer
     Fault("PostgreSQL is killed", lambda all, hit: all.postgres.kill(),
           lambda all, hit: all.postgres.start(), 2, True),
     Fault("Redis is emptied", lambda all, hit: all.redis.ask("FLUSHALL"),
-          lambda all, hit: None, 3, False, lambda hit, client, holder: True),
+          lambda all, hit: None, 3, False, lambda hit, client, holder: WINDOW),
     Fault("Redis is killed, and comes back empty", lambda all, hit: all.redis.kill(),
           lambda all, hit: all.redis.start(), float(os.environ.get("QN_OUTAGE_SECONDS", 10)), True,
-          lambda hit, client, holder: client != holder),
+          lambda hit, client, holder: WINDOW * (client != holder)),
 )
 
 
@@ -80,11 +77,9 @@ class OutagesTest(unittest.TestCase):
         holders = self.cluster.holders()
         before = self.ledger.counts()
         self.ledger.guesses.disturbances += 1
-        began = time.monotonic()
         fault.begin(self.cluster, hit)
-        self.ledger.alarms.excuse(fault.name, began - ON_ITS_WAY, time.monotonic() + fault.window,
-                                  lambda client, device: fault.misses(hit, client,
-                                                                      holders.get(device)))
+        self.ledger.alarms.excuse(fault.name, lambda client, device: fault.misses(
+            hit, client, holders.get(device)))
         try:
             time.sleep(fault.seconds)
             if fault.shows:
