@@ -125,7 +125,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
       overlap_.reset();
       last_.reset();
       isFilling_ = false;
-      for (const std::string& alarm : std::exchange(unsure_, {})) sink_(alarm);
+      deliverUnsure(false);
     }
     openOwn();
   }
@@ -147,8 +147,12 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void openOwn();
   void closeOwn();
   void deviceAlarm(const std::string& alarm);
+  void remember(const std::string& alarm, Clock::time_point now) QN_REQUIRES(mutex_);
   void published(std::string_view message);
+  void deliverUnsure(bool published) QN_REQUIRES(mutex_);
   void overlapBegins() QN_REQUIRES(mutex_);
+  void compareWithOwn() QN_REQUIRES(mutex_);
+  void overlapEnds();
   void deliverFromOthers(const std::string& alarm) QN_REQUIRES(mutex_);
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
   void fill();
@@ -220,31 +224,46 @@ void SharedFeeds::Feed::hold(uint64_t number, Clock::time_point until) {
     if (!same) last_ = AlarmId{number, 0};
     state_ = State::Holder;
     overlap_.reset();
-    for (const std::string& alarm : std::exchange(unsure_, {})) {
-      sink_(alarm);
-      if (same) publish(alarm);
-    }
+    deliverUnsure(same);
   }
   if (!began) return;
   redis_.ignore(stream_);
   openOwn();
 }
 
+// A holder that slept past its lease reads what the next one has published since. One whose lease
+// was forgotten has its stream until that of the next one flows.
 void SharedFeeds::Feed::readFrom() {
   bool wasHolder = false;
+  bool slept = false;
   {
     const MutexLock lock(mutex_);
     if (state_ == State::Reader || state_ == State::Leaving) return;
     wasHolder = state_ == State::Holder;
-    state_ = state_ == State::Alone ? State::Leaving : State::Reader;
+    slept = wasHolder && Clock::now() >= leaseEnd_;
+    if (wasHolder && !slept) last_.reset();
+    state_ = state_ == State::Starting || slept ? State::Reader : State::Leaving;
     unsure_.clear();
+    // By an answer that it slept on it may have taken itself for the holder for longer.
+    if (slept) compareWithOwn();
   }
   redis_.listen(
       stream_, [self = shared_from_this()](std::string_view message) { self->published(message); });
-  if (!wasHolder) return;
-  logWarn("alarms of device {}: another gateway has taken its feed over", device_.index);
+  if (wasHolder) {
+    logWarn("alarms of device {}: another gateway has taken its feed over", device_.index);
+  }
+  if (!slept) return;
   closeOwn();
-  fill();  // what the next holder has published since
+  overlapEnds();
+  fill();
+}
+
+void SharedFeeds::Feed::deliverUnsure(bool published) {
+  for (const std::string& alarm : std::exchange(unsure_, {})) {
+    remember(alarm, Clock::now());
+    sink_(alarm);
+    if (published) publish(alarm);
+  }
 }
 
 void SharedFeeds::Feed::openOwn() {
@@ -280,6 +299,7 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
       return;
     case State::Holder:
       if (now < leaseEnd_) {
+        remember(alarm, now);
         sink_(alarm);
         publish(alarm);
       } else if (unsure_.size() < kUnsureAlarms) {  // somebody else may hold it by now
@@ -291,9 +311,15 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
       return;
     case State::Alone:
     case State::Leaving:
-      recent_.emplace_back(now, std::hash<std::string>()(alarm));
-      while (recent_.front().first < now - kInFlightTime) recent_.pop_front();
+      remember(alarm, now);
       if (!overlap_ || overlap_->isFirst(Overlap::Device, alarm)) sink_(alarm);
+  }
+}
+
+void SharedFeeds::Feed::remember(const std::string& alarm, Clock::time_point now) {
+  recent_.emplace_back(now, std::hash<std::string>()(alarm));
+  while (recent_.front().first < now - kInFlightTime || recent_.size() > kInFlightAlarms) {
+    recent_.pop_front();
   }
 }
 
@@ -350,11 +376,7 @@ void SharedFeeds::Feed::published(std::string_view message) {
 
 // The holder's alarms flow: for a while both sources are read, then the own one ends.
 void SharedFeeds::Feed::overlapBegins() {
-  overlap_.emplace();
-  for (const auto& [time, alarm] : recent_) {
-    if (time > Clock::now() - kInFlightTime) overlap_->isFirst(Overlap::Device, alarm);
-  }
-  recent_.clear();
+  compareWithOwn();
   overlapTimer_.expires_after(kOverlapTime);
   overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
     if (error) return;
@@ -364,11 +386,24 @@ void SharedFeeds::Feed::overlapBegins() {
       self->state_ = State::Reader;
     }
     self->closeOwn();
-    self->overlapTimer_.expires_after(kOverlapTime);  // for what is on its way from others
-    self->overlapTimer_.async_wait([self](const boost::system::error_code& over) {
-      const MutexLock lock(self->mutex_);
-      if (!over) self->overlap_.reset();
-    });
+    self->overlapEnds();
+  });
+}
+
+// What others bring, with what the own stream has brought.
+void SharedFeeds::Feed::compareWithOwn() {
+  overlap_.emplace();
+  for (const auto& [time, alarm] : recent_) {
+    if (time > Clock::now() - kInFlightTime) overlap_->isFirst(Overlap::Device, alarm);
+  }
+  recent_.clear();
+}
+
+void SharedFeeds::Feed::overlapEnds() {
+  overlapTimer_.expires_after(kInFlightTime);
+  overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+    const MutexLock lock(self->mutex_);
+    if (!error) self->overlap_.reset();
   });
 }
 

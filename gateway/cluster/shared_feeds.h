@@ -27,8 +27,10 @@ class SharedFeeds final : public FeedOpener {
   static constexpr std::chrono::seconds kStreamTime{60};  // without a further one
   static constexpr std::size_t kUnsureAlarms = 1000;      // while the lease is asked for
   static constexpr std::chrono::seconds kOverlapTime{1};  // of two sources, when one takes over
-  // An alarm that the device's own stream has brought so long before may come from others yet.
-  static constexpr std::chrono::milliseconds kInFlightTime{300};
+  // An alarm that the device's own stream has brought so long before may come from others yet: a
+  // slower way is cut (RedisLink::kSilence).
+  static constexpr std::chrono::seconds kInFlightTime{2};
+  static constexpr std::size_t kInFlightAlarms = 10'000;
 
   struct Counts {
     Counter published;

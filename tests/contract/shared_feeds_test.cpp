@@ -4,6 +4,7 @@
 #include "gateway/cluster/shared_feeds.h"
 
 #include <list>
+#include <map>
 
 #include "tests/contract/engines.h"
 
@@ -169,6 +170,20 @@ class SharedFeedsTest : public testing::Test {
       ASSERT_TRUE(flows(member));
     }
   }
+  // Whose further alarms are published.
+  Member* holderOf(std::initializer_list<Member*> members) {
+    std::map<Member*, uint64_t> before;
+    for (Member* each : members) before[each] = each->feeds.counts().published.value();
+    Member* holder = nullptr;
+    EXPECT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      for (const auto& [each, count] : before) {
+        if (each->feeds.counts().published.value() > count) holder = each;
+      }
+      return holder != nullptr;
+    }));
+    return holder;
+  }
   // Raises alarms until one comes.
   bool flows(Member& member) {
     return eventually([&] {
@@ -233,22 +248,49 @@ TEST_F(SharedFeedsTest, AnotherTakesOverWhenTheHolderIsGoneOrLetsGo) {
   }
 }
 
-// As one that was stopped by its machine: it wakes up with alarms at hand and a lease that is over.
+// As one that was stopped by its machine: it wakes up with alarms at hand and a lease that is over,
+// and perhaps with an answer that says it is not.
 TEST_F(SharedFeedsTest, AHolderThatSleptPublishesNothingUnderItsOldNumber) {
   joinAll(3);
-  Events asleep, wake;
-  member(0)->redis.post([&] {
-    asleep.signal();
-    wake.wait();
-  });
-  ASSERT_TRUE(asleep.wait());
-  ASSERT_TRUE(eventually([&] { return device_.streams() == 2; })) << "another one holds it";
-  const auto before = member(0)->feeds.counts().published.value();
-  for (int i = 0; i < 50; ++i) device_.raise(numbered(next_++));
-  wake.signal();
-  ASSERT_TRUE(eventually([&] { return device_.streams() == 1; }));
-  EXPECT_EQ(member(0)->feeds.counts().published.value(), before);
-  expectAll({member(0), member(1), member(2)}, 200);
+  for (const bool hasAnswer : {false, true}) {
+    Member* const holder = holderOf({member(0), member(1), member(2)});
+    Events asleep, wake;
+    const auto sleep = [&] {
+      asleep.signal();
+      wake.wait();
+    };
+    if (hasAnswer) {
+      server_->process().pause();
+      holder->redis.send({"PING"}, [&](const RedisAnswer*) { sleep(); });
+      std::this_thread::sleep_for(kLease / 2);  // a claim is sent meanwhile, and answered behind it
+      server_->process().resume();
+    } else {
+      holder->redis.post(sleep);
+    }
+    ASSERT_TRUE(asleep.wait());
+    ASSERT_TRUE(eventually([&] { return device_.streams() == 2; })) << "another one holds it";
+    const auto before = holder->feeds.counts().published.value();
+    for (int i = 0; i < 50; ++i) device_.raise(numbered(next_++));
+    wake.signal();
+    ASSERT_TRUE(eventually([&] { return device_.streams() == 1; }));
+    EXPECT_EQ(holder->feeds.counts().published.value(), before);
+    expectAll({member(0), member(1), member(2)}, 200);
+  }
+}
+
+// As when the server is emptied, or another one takes its place.
+TEST_F(SharedFeedsTest, AHolderWhoseLeaseIsForgottenBringsAllAlarmsOnceWhenAnotherTakesIt) {
+  joinAll(3);
+  for (int round = 0; round < 3; ++round) {
+    member(0)->redis.send({"FLUSHALL"});
+    member(0)->redis.send({"PUBLISH", "qn:0:alarms:7", "free"});  // those who read claim it
+    ASSERT_TRUE(eventually([&] { return device_.streams() == 2; })) << "another one holds it";
+    expectAll({member(0), member(1), member(2)}, 50);
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return device_.streams() == 1;
+    }));
+  }
 }
 
 TEST_F(SharedFeedsTest, WithoutTheServerEachHasItsOwnStreamAndNoAlarmComesTwiceAfterIt) {

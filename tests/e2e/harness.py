@@ -24,8 +24,11 @@ PASSWORD = "e2e-Password1"
 REPORTS = ("AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime error:")
 
 
+GIVEN_PORTS = set()
+
+
 def free_ports(count):
-    """Ports that nobody uses; below those that the system gives to clients, so that none is taken
+    """Ports that nobody uses, never one twice; below those that the system gives to clients, so that none is taken
     by a connection before the gateway listens on it; and those of the tests beside us are others."""
     ports, first = set(), 10240 + os.getpid() % 64 * 352
     while len(ports) < count:
@@ -33,9 +36,11 @@ def free_ports(count):
         with socket.socket() as probe:
             try:
                 probe.bind(("127.0.0.1", port))
-                ports.add(port)
+                if port not in GIVEN_PORTS:
+                    ports.add(port)
             except OSError:
                 pass  # in use
+    GIVEN_PORTS.update(ports)
     return list(ports)
 
 
@@ -58,8 +63,8 @@ def allow_many_descriptors():
 class Process:
     """A child process whose standard error is kept."""
 
-    def __init__(self, *command, stdout=subprocess.DEVNULL):
-        self.child = subprocess.Popen([str(part) for part in command], stdout=stdout,
+    def __init__(self, *command, stdout=subprocess.DEVNULL, stdin=None):
+        self.child = subprocess.Popen([str(part) for part in command], stdout=stdout, stdin=stdin,
                                       stderr=subprocess.PIPE, text=True, errors="replace")
         self.lines = []
         self.reader = threading.Thread(target=self._read, daemon=True)

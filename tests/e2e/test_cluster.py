@@ -1,37 +1,18 @@
 """Three gateways that share Redis and PostgreSQL, with clients of each, while parts of it are killed."""
 import collections
 import http.client
-import os
-import pathlib
 import shutil
 import threading
 import time
 import unittest
 
 import client
+import cluster
 import engines
 import harness
 
 INFO = "/KAVRO/System/deviceInfo"
 DEVICES = 20
-
-
-class Member(harness.Gateway):
-    """One of the gateways, with an admin port."""
-
-    def __init__(self, number, devices, users, redis, postgres, key):
-        self.admin_port, = harness.free_ports(1)
-        storage = {"operation_log": postgres.url} if postgres else {}
-        super().__init__(devices, users, {
-            "admin": {"port": self.admin_port}, "kavro": {"nonce_key_file": str(key)},
-            "http": {"trusted_proxies": ["127.0.0.9"]}, "lock": {"lock_seconds": 60},
-            "cluster": {"name": f"gateway{number}", "redis": redis.url, "lease_seconds": 2},
-            "storage": storage})
-
-    def health(self):
-        with client.Client(self.admin_port) as one:
-            answer = one.get("/readyz")
-        return answer.status, answer.json().get("without", [])
 
 
 class Listener(threading.Thread):
@@ -69,10 +50,9 @@ class ClusterTest(unittest.TestCase):
                   for number, url in enumerate(cls.devices.urls, 1)]
         users = [harness.user("admin", "1")] + [
             harness.user(f"user{number}", str(number)) for number in range(2, DEVICES + 1)]
-        key = pathlib.Path(cls.redis.folder, "nonce.key")
-        key.write_bytes(os.urandom(32))
-        key.chmod(0o600)
-        cls.gateways = [Member(number, tables, users, cls.redis, cls.postgres, key)
+        key = cluster.nonce_key(cls.redis.folder)
+        postgres = cls.postgres and cls.postgres.url
+        cls.gateways = [cluster.Member(number, tables, users, key, cls.redis.url, postgres)
                         for number in (1, 2, 3)]
         for gateway in cls.gateways:
             cls.addClassCleanup(gateway.stop)
