@@ -31,6 +31,7 @@ class ByItself final : public Cluster {
   AwaitFunction await() const override { return nullptr; }
   FeedOpener& feeds(FeedOpener& devices) override { return devices; }
   const EngineState* engine() const override { return nullptr; }
+  std::optional<ClusterCounts> counts() const override { return std::nullopt; }
 };
 
 // Gateways of different databases of one server have nothing to do with each other; channels,
@@ -59,6 +60,9 @@ class WithOthers final : public Cluster {
     return *feeds_;
   }
   const EngineState* engine() const override { return &redis_.engine(); }
+  std::optional<ClusterCounts> counts() const override {
+    return ClusterCounts{redis_.dropped(), feeds_.value().counts(), logins_.counts()};
+  }
 
  private:
   const std::string prefix_;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "gateway/alarmbus/device_feed.h"
@@ -11,6 +12,7 @@
 #include "gateway/engine/engine_state.h"
 #include "gateway/http/service_core.h"
 #include "gateway/login/login.h"
+#include "gateway/metrics/counts.h"
 
 namespace qn {
 
@@ -28,6 +30,8 @@ class Cluster {
   virtual FeedOpener& feeds(FeedOpener& devices) = 0;
   // Null where there is none.
   virtual const EngineState* engine() const = 0;
+  // Nothing where nothing goes to others; of the feeds, which are there.
+  virtual std::optional<ClusterCounts> counts() const = 0;
 };
 
 // By itself, or with others as [cluster] says.
