@@ -28,7 +28,7 @@ class ByItself final : public Cluster {
  public:
   void start() override {}
   void stop() override {}
-  AwaitFunction await() const override { return nullptr; }
+  AwaitFunctions await() const override { return {}; }
   FeedOpener& feeds(FeedOpener& devices) override { return devices; }
   const EngineState* engine() const override { return nullptr; }
   std::optional<ClusterCounts> counts() const override { return std::nullopt; }
@@ -54,7 +54,7 @@ class WithOthers final : public Cluster {
     redis_.stop();
     if (feeds_) feeds_->stop();
   }
-  AwaitFunction await() const override { return awaitNonce; }
+  AwaitFunctions await() const override { return {mayAwaitNonce, awaitNonce}; }
   FeedOpener& feeds(FeedOpener& devices) override {
     feeds_.emplace(redis_, devices, prefix_, logins_.self(), lease_);
     return *feeds_;

@@ -23,8 +23,8 @@ class Cluster {
   virtual void start() = 0;
   // No request waits for it, nor is it told anything, afterwards.
   virtual void stop() = 0;
-  // Has requests wait for their nonces; null where none has to.
-  virtual AwaitFunction await() const = 0;
+  // Has requests wait for their nonces; nothing where none has to.
+  virtual AwaitFunctions await() const = 0;
   // Where alarms come from: from `devices`, or from whichever gateway has the device's. Once,
   // before the start; `devices` outlives the cluster's stop.
   virtual FeedOpener& feeds(FeedOpener& devices) = 0;
