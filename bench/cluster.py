@@ -26,7 +26,7 @@ def main():
     parser.add_argument("--scene", choices=SCENES, required=True)
     parser.add_argument("--build", type=pathlib.Path, default=pathlib.Path("build/release"))
     parser.add_argument("--json", type=pathlib.Path, help="file that the results are added to")
-    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--rounds", type=int)
     parser.add_argument("--seconds", type=int, help="of a round, or of the outage")
     parser.add_argument("--devices", type=int, default=100, help="of the scene alarms")
     args = parser.parse_args()

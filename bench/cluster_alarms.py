@@ -70,7 +70,7 @@ def run(running, args):
     port = listener.getsockname()[1]
     tables = [{"index": str(n), "url": f"http://127.0.0.1:{port}"} for n in numbers]
     gateways = [running.member(tables, members.users_of(numbers), redis) for _ in GROUPS]
-    harness.wait_until(lambda: all("without" not in health(one) for one in gateways), 10, "Redis")
+    members.await_engines(*gateways)
     streams = open_streams(gateways, numbers)
     harness.wait_until(lambda: ours.send((0, 0)) or ours.recv() == len(numbers), 30, "the feeds")
     heard, reads = multiprocessing.Pipe()
@@ -79,18 +79,13 @@ def run(running, args):
     measure(ours, heard, 2)  # until everybody reads
     commands = redis_commands(redis)
     cpus = [alert_streams.cpu_seconds(one.child.pid) for one in (*gateways, redis)]
-    rounds = [measure(ours, heard, args.seconds or 6) for _ in range(args.rounds)]
+    rounds = [measure(ours, heard, args.seconds or 6) for _ in range(args.rounds or 5)]
     used = [alert_streams.cpu_seconds(one.child.pid) - before
             for one, before in zip((*gateways, redis), cpus)]
     alarms = sum(sent for sent, _ in rounds)
     print("CPU us for each alarm: holder %.1f, other %.1f, Redis %.1f; commands of Redis %.2f" % (
         *(1e6 * each / alarms for each in used), (redis_commands(redis) - commands) / alarms))
     return report(rounds)
-
-
-def health(gateway):
-    with client.Client(gateway.admin_port) as one:
-        return one.get("/readyz").body.decode()
 
 
 def redis_commands(redis):

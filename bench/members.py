@@ -5,10 +5,12 @@ import os
 import pathlib
 import statistics
 import sys
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
+import client  # noqa: E402
 import engines  # noqa: E402
 import harness  # noqa: E402
 
@@ -73,6 +75,14 @@ class Running:
         self.stack.callback(devices.stop)
         return devices
 
+    def folder(self):
+        return pathlib.Path(self.stack.enter_context(tempfile.TemporaryDirectory()))
+
+    def child(self, process):
+        """A subprocess.Popen."""
+        self.stack.callback(process.wait, 10)
+        self.stack.callback(process.terminate)
+
     def process(self, process):
         """A multiprocessing.Process, started."""
         process.daemon = True
@@ -92,7 +102,14 @@ def row(text, values, unit):
             "high": max(values), "unit": unit}
 
 
-def metrics(gateway, client):
+def await_engines(*gateways):
+    """Until all engines that they know can be used."""
+    for gateway in gateways:
+        harness.wait_until(lambda: all(value for name, value in metrics(gateway).items()
+                                       if name.startswith("qn_engine_up")), 20, "an engine")
+
+
+def metrics(gateway):
     """The gateway's metrics by name and labels."""
     with client.Client(gateway.admin_port) as one:
         text = one.get("/metrics").body.decode()
