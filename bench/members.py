@@ -3,6 +3,7 @@ import contextlib
 import json
 import os
 import pathlib
+import shutil
 import statistics
 import sys
 import tempfile
@@ -38,6 +39,10 @@ class Member(harness.Gateway):
         """kill -9; start() starts it again."""
         self.child.kill()
         self.wait()
+
+    def discard(self):
+        self.kill()
+        shutil.rmtree(self.folder, ignore_errors=True)
 
 
 class Running:
