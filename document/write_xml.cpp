@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <initializer_list>
 #include <utility>
 
 #include "text/number.h"
@@ -17,91 +18,111 @@ using qn::json::Value;
 
 constexpr std::size_t kUsualDocument = 1024;  // bytes that most fit into
 
-// Where elements go.
-class Sink {
- public:
-  virtual void enter(std::string_view name) = 0;
-  virtual void leave(std::string_view name) = 0;
-  virtual void leaf(std::string_view name, std::string_view text) = 0;
-  // How much was written; and once more the `size` that came after `from`, false where the sink
-  // cannot.
-  virtual std::size_t written() const { return 0; }
-  virtual bool repeat(std::size_t /*from*/, std::size_t /*size*/) { return false; }
-
- protected:
-  ~Sink() = default;
-};
-
-// Text, as QNBase::CXmlBase writes it.
-class TextSink final : public Sink {
+// Where elements go: to a text, as QNBase::CXmlBase writes it. What is written waits in a buffer,
+// so that the text does not grow for each element; finish() ends it.
+class TextSink {
  public:
   explicit TextSink(std::string& text) : text_(text) {}
 
-  void enter(std::string_view name) override { text_.append("<").append(name) += '>'; }
-  void leave(std::string_view name) override {
-    end(name, text_.back() == '>' && endsWithStart(name));
+  void enter(std::string_view name) {
+    endStart();
+    put({"<", name});
+    inStart_ = true;
   }
-  void leaf(std::string_view name, std::string_view text) override {
-    if (appendShort(name, text)) return;
+  void leave(std::string_view name) {
+    if (inStart_) return endEmpty();
+    put({"</", name, ">"});
+  }
+  void leaf(std::string_view name, std::string_view text) {
+    endStart();
+    if (!text.empty() && putPlain(name, text)) return;
     enter(name);
-    const std::size_t before = text_.size();
-    qn::text::appendEscapedXml(text, qn::text::XmlPlace::Text, text_);
-    end(name, text_.size() == before);
+    if (!text.empty()) putEscaped(text);
+    leave(name);
   }
-  std::size_t written() const override { return text_.size(); }
-  bool repeat(std::size_t from, std::size_t size) override {
+  void finish() {
+    text_.append(buffer_.data(), used_);
+    used_ = 0;
+  }
+  // How much was written; and once more the `size` that came after `from`, false where a sink
+  // cannot.
+  std::size_t written() const { return text_.size() + used_ + (inStart_ ? 1 : 0); }
+  bool repeat(std::size_t from, std::size_t size) {
+    if (size == 0) return true;
+    endStart();
+    finish();
     text_.append(text_, from, size);
     return true;
   }
 
  private:
-  // Nearly every element: short, and nothing in its text is escaped. Put together first, so that
-  // the document grows once for each. False for any other.
-  bool appendShort(std::string_view name, std::string_view text) {
-    std::array<char, 256> element;
+  // Nearly every element: it fits into the buffer, and nothing in its text is escaped. False for
+  // any other.
+  bool putPlain(std::string_view name, std::string_view text) {
     const std::size_t size = 2 * name.size() + text.size() + 5;
-    if (size > element.size() || text.empty()) return false;
-    char* at = element.data();
-    const auto put = [&at](std::string_view piece) { at = std::ranges::copy(piece, at).out; };
+    if (size > buffer_.size()) return false;
+    if (size > buffer_.size() - used_) finish();
+    char* at = buffer_.data() + used_;
     *at++ = '<';
-    put(name);
+    at = std::ranges::copy(name, at).out;
     *at++ = '>';
     at = qn::text::copyPlainXml(text, at);
     if (at == nullptr) return false;
-    put("</");
-    put(name);
+    *at++ = '<';
+    *at++ = '/';
+    at = std::ranges::copy(name, at).out;
     *at = '>';
-    text_.append(element.data(), size);
+    used_ += size;
     return true;
   }
-  void end(std::string_view name, bool isEmpty) {
-    if (isEmpty) {
-      text_.back() = '/';
-    } else {
-      text_.append("</").append(name);
-    }
-    text_ += '>';
+  // Nothing may be left of the text.
+  void putEscaped(std::string_view text) {
+    endStart();
+    finish();
+    const std::size_t before = text_.size();
+    qn::text::appendEscapedXml(text, qn::text::XmlPlace::Text, text_);
+    if (text_.size() != before) return;
+    text_.pop_back();  // the start's end
+    inStart_ = true;
   }
-  // An element that has just been entered. No text ends in its start: there "<" is escaped.
-  bool endsWithStart(std::string_view name) const {
-    const std::string_view tail = std::string_view(text_).substr(0, text_.size() - 1);
-    return tail.ends_with(name) && tail.size() > name.size() &&
-           tail[tail.size() - name.size() - 1] == '<';
+  void put(std::initializer_list<std::string_view> pieces) {
+    for (const std::string_view piece : pieces) {
+      if (piece.size() > buffer_.size() - used_) finish();
+      if (piece.size() > buffer_.size()) {
+        text_ += piece;
+      } else {
+        std::ranges::copy(piece, buffer_.data() + used_);
+        used_ += piece.size();
+      }
+    }
+  }
+  void endStart() {
+    if (std::exchange(inStart_, false)) put({">"});
+  }
+  void endEmpty() {
+    inStart_ = false;
+    put({"/>"});
   }
 
   std::string& text_;
+  std::array<char, kUsualDocument> buffer_;
+  std::size_t used_ = 0;
+  bool inStart_ = false;  // the last tag is not ended yet: nothing may come in it
 };
 
-class DocumentSink final : public Sink {
+// ... or to a document.
+class DocumentSink {
  public:
   explicit DocumentSink(QNBase::CXmlBase& document) : document_(document) {}
 
-  void enter(std::string_view name) override { document_.AddNode(name.data()); }
-  void leave(std::string_view) override { document_.OutOfElem(); }
-  void leaf(std::string_view name, std::string_view text) override {
+  void enter(std::string_view name) { document_.AddNode(name.data()); }
+  void leave(std::string_view) { document_.OutOfElem(); }
+  void leaf(std::string_view name, std::string_view text) {
     document_.AddNode(name.data(), text);
     document_.OutOfElem();
   }
+  std::size_t written() const { return 0; }
+  bool repeat(std::size_t /*from*/, std::size_t /*size*/) { return false; }
 
  private:
   QNBase::CXmlBase& document_;
@@ -109,6 +130,7 @@ class DocumentSink final : public Sink {
 
 // The document that is written, and what it has cost: an entry of one byte may stand for hundreds,
 // and a list may repeat its first entry, so that the reply's own size is no bound.
+template <class Sink>
 class Output {
  public:
   explicit Output(Sink& sink) : sink_(sink) {}
@@ -192,9 +214,11 @@ int integerOf(const Value& value) {
   return static_cast<int>(std::clamp(whole, double{INT_MIN}, double{INT_MAX}));
 }
 
-const Row* writeRows(Output& out, Rows rows, const Value& object);
+template <class Out>
+const Row* writeRows(Out& out, Rows rows, const Value& object);
 
-void addText(Output& out, const Row& row, std::string_view text) {
+template <class Out>
+void addText(Out& out, const Row& row, std::string_view text) {
   if (row.change == nullptr) {
     out.addLeaf(row, text);
   } else {
@@ -202,7 +226,8 @@ void addText(Output& out, const Row& row, std::string_view text) {
   }
 }
 
-void addText(Output& out, const Row& row, const Value& value) {
+template <class Out>
+void addText(Out& out, const Row& row, const Value& value) {
   switch (value.type()) {
     case Json::stringValue:
       return addText(out, row, value.text());
@@ -214,14 +239,16 @@ void addText(Output& out, const Row& row, const Value& value) {
   }
 }
 
-void addReal(Output& out, const Row& row, const Value& value) {
+template <class Out>
+void addReal(Out& out, const Row& row, const Value& value) {
   char digits[384];  // the largest double has 309 digits before the point
   const auto written =
       std::to_chars(digits, digits + sizeof digits, value.asDouble(), std::chars_format::fixed, 6);
   out.addLeaf(row, {digits, static_cast<std::size_t>(written.ptr - digits)});
 }
 
-const Row* writeEntries(Output& out, const Row& row, const Value& list) {
+template <class Out>
+const Row* writeEntries(Out& out, const Row& row, const Value& list) {
   Value::Entries entries(list);
   for (Value entry; entries.next(entry);) {
     if (!out.takesEntry()) return &row;
@@ -230,13 +257,14 @@ const Row* writeEntries(Output& out, const Row& row, const Value& list) {
   return nullptr;
 }
 
-const Row* repeatFirstEntry(Output& out, const Row& row, const Value& list) {
+template <class Out>
+const Row* repeatFirstEntry(Out& out, const Row& row, const Value& list) {
   Value first;
   if (!Value::Entries(list).next(first)) return nullptr;
   if (!out.takesEntry()) return &row;
-  const Output::Mark before = out.mark();
+  const typename Out::Mark before = out.mark();
   if (const Row* failed = writeRows(out, row.rows, first)) return failed;
-  const Output::Mark behind = out.mark();
+  const typename Out::Mark behind = out.mark();
   for (std::size_t left = list.size() - 1; left != 0; --left) {
     if (!out.takesEntry()) return &row;
     if (!out.repeat(before, behind) && writeRows(out, row.rows, first) != nullptr) return &row;
@@ -244,19 +272,22 @@ const Row* repeatFirstEntry(Output& out, const Row& row, const Value& list) {
   return nullptr;
 }
 
-const Row* writeContent(Output& out, const Row& row, const Value& value) {
+template <class Out>
+const Row* writeContent(Out& out, const Row& row, const Value& value) {
   if (row.kind != Kind::List) return writeRows(out, row.rows, value);
   return row.repeatsFirst ? repeatFirstEntry(out, row, value) : writeEntries(out, row, value);
 }
 
-const Row* writeSection(Output& out, const Row& row, const Value& value) {
+template <class Out>
+const Row* writeSection(Out& out, const Row& row, const Value& value) {
   out.enter(row);
   const Row* failed = writeContent(out, row, value);
   out.leave(row);
   return failed;
 }
 
-const Row* writeValue(Output& out, const Row& row, const Value& value) {
+template <class Out>
+const Row* writeValue(Out& out, const Row& row, const Value& value) {
   switch (row.kind) {
     case Kind::Text:
       addText(out, row, value);
@@ -282,7 +313,8 @@ const Row* writeValue(Output& out, const Row& row, const Value& value) {
   return nullptr;
 }
 
-const Row* writeFallback(Output& out, const Row& row) {
+template <class Out>
+const Row* writeFallback(Out& out, const Row& row) {
   if (row.kind != Kind::Section) {
     out.addLeaf(row, row.fallbackText);
     return nullptr;
@@ -294,8 +326,15 @@ const Row* writeFallback(Output& out, const Row& row) {
 }
 
 // `member` is null for an absent one.
-const Row* writeRow(Output& out, const Row& row, const Value* member) {
+template <class Out>
+const Row* writeRow(Out& out, const Row& row, const Value* member) {
   if (!row.write.written) return nullptr;
+  // Nearly every member is a text that qualifies.
+  std::string_view text;
+  if (row.kind == Kind::Text && member != nullptr && member->isText(text) && !text.empty()) {
+    addText(out, row, text);
+    return nullptr;
+  }
   switch (judge(row, member)) {
     case Else::LeaveOut:
       return nullptr;
@@ -347,7 +386,8 @@ class Members {
   std::array<Value, Rows::kMost> values_;
 };
 
-const Row* writeRows(Output& out, Rows rows, const Value& object) {
+template <class Out>
+const Row* writeRows(Out& out, Rows rows, const Value& object) {
   const Members members(rows, object);
   for (const Row& row : rows) {
     if (const Row* failed = writeRow(out, row, members.at(row))) return failed;
@@ -355,23 +395,29 @@ const Row* writeRows(Output& out, Rows rows, const Value& object) {
   return nullptr;
 }
 
-const Row* writeMember(Output& out, const Row& row, const Value& object) {
+template <class Out>
+const Row* writeMember(Out& out, const Row& row, const Value& object) {
   const auto member = object.find(row.json);
   return writeRow(out, row, member ? &*member : nullptr);
+}
+
+template <class Write>
+const Row* writeText(std::string& xml, Write write) {
+  TextSink sink(xml);
+  Output out(sink);
+  const Row* failed = write(out);
+  sink.finish();
+  return failed;
 }
 
 }  // namespace
 
 const Row* writeMember(std::string& xml, const Row& row, const Value& reply) {
-  TextSink sink(xml);
-  Output out(sink);
-  return writeMember(out, row, reply);
+  return writeText(xml, [&](auto& out) { return writeMember(out, row, reply); });
 }
 
 const Row* writeRows(std::string& xml, Rows rows, const Value& object) {
-  TextSink sink(xml);
-  Output out(sink);
-  return writeRows(out, rows, object);
+  return writeText(xml, [&](auto& out) { return writeRows(out, rows, object); });
 }
 
 const Row* writeRows(QNBase::CXmlBase& xml, Rows rows, const Value& object) {

@@ -114,8 +114,9 @@ class Conversation {
     std::snprintf(digits, sizeof digits, "%08x", unsigned(count));
     const std::string& nonce = nonces_[slot].text;
     const qn::HexDigest response =
-        qn::digestResponse(qn::DigestAlgorithm::MD5, ha1Of(user, right ? "pass" : "guess"),
-                           {"GET", kUri, nonce, digits, "c"});
+        qn::DigestResponses(qn::DigestAlgorithm::MD5, ha1Of(user, right ? "pass" : "guess"),
+                            {nonce, digits, "c"})
+            .of("GET", kUri);
     const std::string sent = "Digest username=" + user + ", realm=KAVRO, nonce=" + nonce +
                              ", uri=\"" + kUri + "\", qop=auth, nc=" + digits +
                              ", cnonce=c, response=" + std::string(response.text());

@@ -91,13 +91,19 @@ double Value::asDouble() const {
 }
 
 std::string_view Value::text() const {
+  std::string_view text;
+  return isText(text) ? text : std::string_view();
+}
+
+bool Value::isText(std::string_view& text) const {
   if (read_ == nullptr) {
-    return isString() ? get<std::string_view>(native<element>(element_)) : std::string_view();
+    return element_.document != nullptr && native<element>(element_).get(text) == simdjson::SUCCESS;
   }
   const char* begin = nullptr;
   const char* end = nullptr;
-  if (!read_->getString(&begin, &end)) return {};
-  return {begin, static_cast<std::size_t>(end - begin)};
+  if (!read_->getString(&begin, &end)) return false;
+  text = {begin, static_cast<std::size_t>(end - begin)};
+  return true;
 }
 
 std::string Value::asString() const {

@@ -35,8 +35,9 @@ class Value {
   bool asBool() const;
   int asInt() const;
   double asDouble() const;
-  std::string_view text() const;  // of a string; empty for other kinds
-  std::string asString() const;   // of a scalar; empty for null
+  std::string_view text() const;              // of a string; empty for other kinds
+  bool isText(std::string_view& text) const;  // whether it is a string, and which
+  std::string asString() const;               // of a scalar; empty for null
   Json::Value copy() const;
 
   std::size_t size() const;  // of an array or object, 0 for other kinds

@@ -52,7 +52,7 @@ class OperatorLogin final : public LoginRequest {
   std::string_view clientAddress() const override { return exchange_.clientAddress(); }
   std::string user() const override { return {}; }
   void onAnswer(std::function<void(int status)>) override {}  // nothing is recorded
-  void loggedIn(const LoggedIn& /*who*/, const std::string& info) override {
+  void loggedIn(LoggedIn /*who*/, const std::string& info) override {
     exchange_.setHeader("Authentication-Info", info);
   }
 

@@ -1,13 +1,9 @@
 #include "gateway/auth/digest.h"
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
+#include <nettle/memops.h>
 #include <openssl/rand.h>
 
-#include <algorithm>
-#include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "text/hex.h"
@@ -15,62 +11,9 @@
 namespace qn {
 namespace {
 
-struct FreeContext {
-  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
-
-// Fetched once and kept for the life of the process: a fetch costs more than a digest.
-const EVP_MD* fetched(DigestAlgorithm algorithm) {
-  static const EVP_MD* const md5 = EVP_MD_fetch(nullptr, "MD5", nullptr);
-  static const EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-  return algorithm == DigestAlgorithm::MD5 ? md5 : sha256;
+const uint8_t* bytesOf(std::string_view text) {
+  return reinterpret_cast<const uint8_t*>(text.data());
 }
-
-// One context for each thread and algorithm, since changing a context's algorithm reallocates it.
-EVP_MD_CTX* threadContext(DigestAlgorithm algorithm) {
-  thread_local const std::unique_ptr<EVP_MD_CTX, FreeContext> md5(EVP_MD_CTX_new());
-  thread_local const std::unique_ptr<EVP_MD_CTX, FreeContext> sha256(EVP_MD_CTX_new());
-  return algorithm == DigestAlgorithm::MD5 ? md5.get() : sha256.get();
-}
-
-// One digest at a time for each thread and algorithm. Short pieces are gathered, because a call
-// into the library costs as much as hashing them.
-class Hasher {
- public:
-  explicit Hasher(DigestAlgorithm algorithm) : context_(threadContext(algorithm)) {
-    const EVP_MD* const digest = fetched(algorithm);
-    good_ = context_ && digest && EVP_DigestInit_ex2(context_, digest, nullptr) == 1;
-  }
-
-  void add(std::string_view piece) {
-    if (piece.size() > gathered_.size() - used_) flush();
-    if (piece.size() > gathered_.size()) return update(piece.data(), piece.size());
-    std::copy(piece.begin(), piece.end(), gathered_.begin() + used_);
-    used_ += piece.size();
-  }
-
-  // The number of bytes written; 0 on failure.
-  std::size_t finish(std::array<uint8_t, EVP_MAX_MD_SIZE>& bytes) {
-    flush();
-    unsigned int length = 0;
-    good_ = good_ && EVP_DigestFinal_ex(context_, bytes.data(), &length) == 1;
-    return good_ ? length : 0;
-  }
-
- private:
-  void flush() {
-    update(gathered_.data(), used_);
-    used_ = 0;
-  }
-  void update(const char* data, std::size_t length) {
-    good_ = good_ && EVP_DigestUpdate(context_, data, length) == 1;
-  }
-
-  EVP_MD_CTX* const context_;
-  bool good_ = false;
-  std::size_t used_ = 0;
-  std::array<char, 512> gathered_;
-};
 
 // The digest of a request's method and URL. Clients ask for the same few URLs again and again, so
 // each thread keeps those it saw last: 64 of at most 256 bytes.
@@ -108,47 +51,77 @@ std::string_view algorithmName(DigestAlgorithm algorithm) {
 }
 
 std::size_t hexLength(DigestAlgorithm algorithm) {
-  return algorithm == DigestAlgorithm::MD5 ? 32 : 64;
+  return algorithm == DigestAlgorithm::MD5 ? 2 * MD5_DIGEST_SIZE : 2 * SHA256_DIGEST_SIZE;
 }
 
-HexDigest::HexDigest(const uint8_t* bytes, std::size_t count) : length_(uint8_t(2 * count)) {
-  text::writeHex({bytes, count}, text_.data());
+HexDigest::HexDigest(std::span<const uint8_t> bytes) : length_(uint8_t(2 * bytes.size())) {
+  text::writeHex(bytes, text_.data());
+}
+
+Hash::Hash(DigestAlgorithm algorithm) : algorithm_(algorithm) {
+  if (algorithm_ == DigestAlgorithm::MD5) {
+    md5_init(&md5_);
+  } else {
+    sha256_init(&sha256_);
+  }
+}
+
+Hash& Hash::add(std::string_view piece) {
+  if (algorithm_ == DigestAlgorithm::MD5) {
+    md5_update(&md5_, piece.size(), bytesOf(piece));
+  } else {
+    sha256_update(&sha256_, piece.size(), bytesOf(piece));
+  }
+  return *this;
+}
+
+HexDigest Hash::finish() {
+  std::array<uint8_t, SHA256_DIGEST_SIZE> bytes;
+  const std::size_t size = hexLength(algorithm_) / 2;
+  if (algorithm_ == DigestAlgorithm::MD5) {
+    md5_digest(&md5_, size, bytes.data());
+  } else {
+    sha256_digest(&sha256_, size, bytes.data());
+  }
+  return HexDigest({bytes.data(), size});
 }
 
 HexDigest hexDigest(DigestAlgorithm algorithm, std::initializer_list<std::string_view> fields) {
-  Hasher hasher(algorithm);
+  Hash hash(algorithm);
   bool first = true;
   for (const std::string_view field : fields) {
-    if (!first) hasher.add(":");
+    if (!first) hash.add(":");
     first = false;
-    hasher.add(field);
+    hash.add(field);
   }
-  std::array<uint8_t, EVP_MAX_MD_SIZE> bytes;
-  return HexDigest(bytes.data(), hasher.finish(bytes));
+  return hash.finish();
 }
 
-HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
-                         const DigestFields& fields) {
+DigestResponses::DigestResponses(DigestAlgorithm algorithm, std::string_view ha1,
+                                 const NonceUse& use)
+    : start_(algorithm) {
+  start_.add(ha1).add(":").add(use.nonce).add(":").add(use.count).add(":").add(use.clientNonce);
+  start_.add(":auth:");
+}
+
+HexDigest DigestResponses::of(std::string_view method, std::string_view uri) const {
   thread_local RequestDigests requests;
-  const HexDigest& request = requests.of(algorithm, fields.method, fields.uri);
-  return hexDigest(algorithm, {ha1, fields.nonce, fields.nonceCount, fields.clientNonce, "auth",
-                               request.text()});
+  Hash hash = start_;
+  return hash.add(requests.of(hash.algorithm(), method, uri).text()).finish();
 }
 
 bool equalInConstantTime(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+  return a.size() == b.size() && memeql_sec(a.data(), b.data(), a.size()) == 1;
 }
 
 bool fillRandom(uint8_t* bytes, std::size_t count) { return RAND_bytes(bytes, int(count)) == 1; }
 
-bool keyedHash(std::string_view key, std::string_view message, uint8_t* bytes, std::size_t count) {
-  Hasher hasher(DigestAlgorithm::SHA256);
-  hasher.add(key);
-  hasher.add(message);
-  std::array<uint8_t, EVP_MAX_MD_SIZE> whole;
-  if (hasher.finish(whole) < count) return false;
-  std::memcpy(bytes, whole.data(), count);
-  return true;
+void keyedHash(std::string_view key, std::string_view message, std::span<uint8_t> bytes) {
+  sha256_ctx hash;
+  sha256_init(&hash);
+  sha256_update(&hash, key.size(), bytesOf(key));
+  sha256_update(&hash, message.size(), bytesOf(message));
+  sha256_digest(&hash, bytes.size(), bytes.data());
 }
 
 }  // namespace qn

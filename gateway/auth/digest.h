@@ -3,10 +3,14 @@
 // devices/device_login.
 #pragma once
 
+#include <nettle/md5.h>
+#include <nettle/sha2.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <span>
 #include <string_view>
 
 namespace qn {
@@ -18,12 +22,11 @@ std::string_view algorithmName(DigestAlgorithm algorithm);
 // The length of a digest in hexadecimal.
 std::size_t hexLength(DigestAlgorithm algorithm);
 
-// A digest in lower-case hexadecimal. Empty only when the crypto library refused the algorithm, so
-// an empty one must never count as a match.
+// A digest in lower-case hexadecimal.
 class HexDigest {
  public:
-  HexDigest() = default;
-  HexDigest(const uint8_t* bytes, std::size_t count);  // at most 32
+  HexDigest() = default;                               // empty
+  explicit HexDigest(std::span<const uint8_t> bytes);  // at most 32
   std::string_view text() const { return {text_.data(), length_}; }
 
  private:
@@ -34,18 +37,41 @@ class HexDigest {
 // The digest of the fields joined by ":".
 HexDigest hexDigest(DigestAlgorithm algorithm, std::initializer_list<std::string_view> fields);
 
-// What the request part of a response is computed from; qop is auth.
-struct DigestFields {
-  std::string_view method;
-  std::string_view uri;
+// A hash that is being computed. Copied freely, to go on from one place in two ways.
+class Hash {
+ public:
+  explicit Hash(DigestAlgorithm algorithm);
+  DigestAlgorithm algorithm() const { return algorithm_; }
+  Hash& add(std::string_view piece);
+  // What was added is forgotten.
+  HexDigest finish();
+
+ private:
+  DigestAlgorithm algorithm_;
+  union {
+    md5_ctx md5_;
+    sha256_ctx sha256_;
+  };
+};
+
+// What is sent of the use of a nonce; qop is auth.
+struct NonceUse {
   std::string_view nonce;
-  std::string_view nonceCount;  // as sent
+  std::string_view count;  // as sent
   std::string_view clientNonce;
 };
 
-// `ha1` is the hexadecimal digest of name:realm:password.
-HexDigest digestResponse(DigestAlgorithm algorithm, std::string_view ha1,
-                         const DigestFields& fields);
+// The responses for one use of a nonce: the client's, and, with an empty method, the server's proof
+// that it knows the password. Both begin with the same bytes, which are hashed once.
+class DigestResponses {
+ public:
+  // `ha1` is the hexadecimal digest of name:realm:password.
+  DigestResponses(DigestAlgorithm algorithm, std::string_view ha1, const NonceUse& use);
+  HexDigest of(std::string_view method, std::string_view uri) const;
+
+ private:
+  Hash start_;
+};
 
 // Takes the same time wherever the texts differ.
 bool equalInConstantTime(std::string_view a, std::string_view b);
@@ -55,6 +81,6 @@ bool fillRandom(uint8_t* bytes, std::size_t count);
 
 // The first bytes (at most 32) of SHA-256 over key and message; both of fixed length, so this is a
 // keyed hash.
-bool keyedHash(std::string_view key, std::string_view message, uint8_t* bytes, std::size_t count);
+void keyedHash(std::string_view key, std::string_view message, std::span<uint8_t> bytes);
 
 }  // namespace qn

@@ -36,7 +36,7 @@ class LoginRequest {
   // Who has logged in; empty before that.
   virtual std::string user() const = 0;
   // The login has succeeded. `info` is the Authentication-Info of the answer.
-  virtual void loggedIn(const LoggedIn& who, const std::string& info) = 0;
+  virtual void loggedIn(LoggedIn who, const std::string& info) = 0;
   // Has it called with the status when the answer goes out, on any thread, at most once; not when
   // the client is gone by then. One call at most counts: the last before the answer.
   virtual void onAnswer(std::function<void(int status)> call) = 0;

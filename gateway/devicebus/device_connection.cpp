@@ -6,6 +6,7 @@
 
 #include "gateway/devicebus/lane.h"
 #include "gateway/log/log.h"
+#include "gateway/net/coarse_clock.h"
 
 namespace qn::devicebus {
 namespace {
@@ -185,7 +186,7 @@ bool DeviceConnection::canBeReused() const {
 }
 
 void DeviceConnection::rest() {
-  restingSince_ = Clock::now();
+  restingSince_ = coarseNow();
   reply_.reset();
   buffer_.clear();
   head_.clear();

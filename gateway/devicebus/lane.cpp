@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "gateway/log/log.h"
+#include "gateway/net/coarse_clock.h"
 
 namespace qn::devicebus {
 
@@ -30,7 +31,7 @@ void Lane::pump() {
   std::string target;
   while (!queue_.empty()) {
     BusRequest& first = *queue_.front();
-    const auto now = Clock::now();
+    const auto now = coarseNow();
     if (device_->circuit.blocked(now)) {
       fail(takeFirst(), device_->circuit.reason());
       continue;
@@ -84,7 +85,6 @@ void Lane::fail(RequestPtr request, unsigned int code) {
 }
 
 void Lane::onReply(DeviceConnection& connection) {
-  const auto kept = connection.shared_from_this();
   ReplyParser& reply = connection.reply();
   RequestPtr request = connection.takeRequest();
   if (!connection.canBeReused()) connection.close();  // a body may still be on its way out
@@ -98,18 +98,18 @@ void Lane::onReply(DeviceConnection& connection) {
   } else {
     fail(std::move(request), ERROR_DEVICE_LOGIN_REFUSED);
   }
-  release(kept);
+  release(connection);
   pump();
 }
 
-void Lane::release(const std::shared_ptr<DeviceConnection>& connection) {
-  std::erase(busy_, connection);
-  if (retired_ || !connection->canBeReused()) {
-    connection->close();
-    return;
-  }
-  resting_.push_back(connection);
-  connection->rest();
+void Lane::release(DeviceConnection& connection) {
+  const auto place = std::ranges::find(busy_, &connection, &std::shared_ptr<DeviceConnection>::get);
+  auto owned = std::move(*place);
+  *place = std::move(busy_.back());
+  busy_.pop_back();
+  if (retired_ || !connection.canBeReused()) return connection.close();
+  resting_.push_back(std::move(owned));
+  connection.rest();
 }
 
 void Lane::onFault(DeviceConnection& connection, DeviceConnection::Fault fault) {

@@ -51,7 +51,7 @@ class Lane {
   std::deque<RequestPtr> retire();
   void endAll(unsigned int code);
 
-  // From the connections:
+  // From the connections, whose handlers keep them meanwhile:
   void onReply(DeviceConnection& connection);
   void onFault(DeviceConnection& connection, DeviceConnection::Fault fault);
 
@@ -64,7 +64,7 @@ class Lane {
   RequestPtr takeFirst();
   void fail(RequestPtr request, unsigned int code);
   bool isToBeSentAgain(BusRequest& request, DeviceConnection& connection);
-  void release(const std::shared_ptr<DeviceConnection>& connection);
+  void release(DeviceConnection& connection);
   void drop(DeviceConnection& connection);
   void endOverdue(Clock::time_point now);
   void closeRested(Clock::time_point now);

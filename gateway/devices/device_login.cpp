@@ -124,8 +124,8 @@ std::string ClientLogin::digest(std::string_view method, std::string_view target
   const DigestAlgorithm algorithm = challenge_.algorithm;
   const HexDigest response =
       challenge_.qopAuth
-          ? digestResponse(algorithm, ha1_,
-                           {method, target, challenge_.nonce, count.data(), clientNonce_})
+          ? DigestResponses(algorithm, ha1_, {challenge_.nonce, count.data(), clientNonce_})
+                .of(method, target)
           : hexDigest(algorithm,
                       {ha1_, challenge_.nonce, hexDigest(algorithm, {method, target}).text()});
   std::string value;

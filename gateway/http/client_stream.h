@@ -95,8 +95,8 @@ class ClientStream : public std::enable_shared_from_this<ClientStream<Stream>> {
 
   Clock::time_point deadline() const { return deadline_; }
   // In place of the deadline that was set before.
-  void setDeadline(Clock::duration fromNow) {
-    deadline_ = Clock::now() + fromNow;
+  void setDeadline(Clock::duration fromNow, Clock::time_point now = Clock::now()) {
+    deadline_ = now + fromNow;
     if (deadline_ < timerExpiry_) armTimer();
   }
 

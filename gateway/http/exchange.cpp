@@ -80,6 +80,8 @@ bool isOwnHeader(std::string_view name) {
                              [&](std::string_view own) { return text::equalNoCase(name, own); });
 }
 
+constexpr std::size_t kUsualHeaders = 256;  // bytes that an answer's own lines mostly fit into
+
 bool hasNoBody(int status) { return status < 200 || status == 204 || status == 304; }
 
 }  // namespace
@@ -167,6 +169,7 @@ void ExchangeState::setHeader(std::string_view name, std::string_view value) {
 }
 
 void ExchangeState::setHeaderLocked(std::string_view name, std::string_view value) {
+  if (headers_.empty()) headers_.reserve(qn::kUsualHeaders);
   const qn::HeaderLine old = qn::findHeader(headers_, name);
   if (old.found()) headers_.erase(old.start, old.end - old.start);
   headers_.append(name).append(": ").append(value).append("\r\n");

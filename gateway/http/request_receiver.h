@@ -17,6 +17,7 @@
 #include "gateway/http/receive_buffer.h"
 #include "gateway/http/request_reader.h"
 #include "gateway/http/service_core.h"
+#include "gateway/net/coarse_clock.h"
 
 namespace qn {
 
@@ -52,7 +53,7 @@ class RequestReceiver {
     const HttpOptions& options = core_.options();
     reader_.setLimits(options.headBytes, options.bodyBytes);
     idleTime_ = options.idleTime;
-    client_.setDeadline(idleTime_);
+    client_.setDeadline(idleTime_, coarseNow());
     if (advancing_) return;  // the loop goes on
     if (received_.empty()) return read();
     client_.post([this] { advance(); });  // not inside the caller that answered

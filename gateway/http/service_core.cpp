@@ -102,8 +102,8 @@ class ExchangeLogin final : public LoginRequest {
   explicit ExchangeLogin(ExchangeState& exchange) : exchange_(exchange) {}
   std::string_view clientAddress() const override { return exchange_.clientAddress(); }
   std::string user() const override { return exchange_.user(); }
-  void loggedIn(const LoggedIn& who, const std::string& info) override {
-    exchange_.setLogin(who);
+  void loggedIn(LoggedIn who, const std::string& info) override {
+    exchange_.setLogin(std::move(who));
     exchange_.setHeader("Authentication-Info", info);
   }
   void onAnswer(std::function<void(int status)> call) override {

@@ -244,14 +244,14 @@ uint32_t Lockout::hash(std::string_view name) const {
   uint32_t number = 0;
   const std::string_view key =
       nameKey_.empty() ? std::string_view(key_.data(), key_.size()) : std::string_view(nameKey_);
-  keyedHash(key, name, reinterpret_cast<uint8_t*>(&number), sizeof number);
+  keyedHash(key, name, {reinterpret_cast<uint8_t*>(&number), sizeof number});
   return std::max(number, kOtherNames + 1);
 }
 
 uint32_t Lockout::hash(uint64_t number) const {
   uint32_t hashed = 0;
   keyedHash({key_.data(), key_.size()}, {reinterpret_cast<const char*>(&number), sizeof number},
-            reinterpret_cast<uint8_t*>(&hashed), sizeof hashed);
+            {reinterpret_cast<uint8_t*>(&hashed), sizeof hashed});
   return hashed;
 }
 

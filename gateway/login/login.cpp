@@ -112,14 +112,12 @@ struct Login::Attempt {
     return true;
   }
 
-  HexDigest digest(std::string_view method) const {
+  bool isRight(std::string_view method) {
     const std::string_view known = user ? user->ha1For(algorithm) : std::string_view();
-    return digestResponse(algorithm, known.empty() ? kNoHa1.substr(0, hexLength(algorithm)) : known,
-                          {method, given.uri, given.nonce, given.nc, given.cnonce});
-  }
-  bool isRight(std::string_view method) const {
-    const bool same = equalInConstantTime(digest(method).text(), given.response);
-    return same && user && !user->ha1For(algorithm).empty();
+    responses.emplace(algorithm, known.empty() ? kNoHa1.substr(0, hexLength(algorithm)) : known,
+                      NonceUse{given.nonce, given.nc, given.cnonce});
+    const HexDigest right = responses->of(method, given.uri);
+    return equalInConstantTime(right.text(), given.response) && !known.empty();
   }
 
   DigestCredentials given;
@@ -128,6 +126,7 @@ struct Login::Attempt {
   const Configuration* config = nullptr;
   const UserConfig* user = nullptr;  // null: unknown
   std::string name;
+  std::optional<DigestResponses> responses;  // since isRight()
   Lockout::Time now;
   bool shouldRenew = false;  // the nonce
 };
@@ -214,7 +213,8 @@ DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int 
     return DIGEST_NOT_ALLOWED;
   }
   counts_.here().admitted.add();
-  std::snprintf(result.devIndex, sizeof result.devIndex, "%s", device->c_str());
+  const std::size_t shown = std::min(device->size(), sizeof result.devIndex - 1);
+  *std::copy_n(device->data(), shown, result.devIndex) = '\0';
   LoginRequest* const service = LoginRequest::current();
   if (service) {
     service->loggedIn({attempt.name, attempt.user->ha1, *device}, authenticationInfo(attempt));
@@ -228,7 +228,7 @@ std::string Login::authenticationInfo(const Attempt& attempt) {
   std::string info;
   info.reserve(256);
   info.append("rspauth=\"")
-      .append(attempt.digest("").text())
+      .append(attempt.responses->of("", attempt.given.uri).text())
       .append("\", cnonce=\"")
       .append(given.cnonce);
   info.append("\", qop=auth, nc=").append(given.nc);

@@ -90,8 +90,10 @@ Nonces::Nonces() : hasOwn_(fillRandom(reinterpret_cast<uint8_t*>(own_.data()), o
 bool Nonces::markOf(std::string_view text, std::string_view key, Marks& marks) const {
   static_assert(kKeyMark + kOwnMark == std::tuple_size_v<Marks>);
   const std::string_view own(own_.data(), own_.size());
-  return hasOwn_ && keyedHash(own, text, marks.data() + kKeyMark, kOwnMark) &&
-         keyedHash(key.empty() ? own : key, text, marks.data(), kKeyMark);
+  if (!hasOwn_) return false;
+  keyedHash(own, text, {marks.data() + kKeyMark, kOwnMark});
+  keyedHash(key.empty() ? own : key, text, {marks.data(), kKeyMark});
+  return true;
 }
 
 int Nonces::create(char* buffer, int size, int randomBytes, std::string_view key, Time now) const {

@@ -31,8 +31,8 @@ TEST(Digest, ComputesThePublishedExamples) {
   };
   for (const auto& c : cases) {
     const HexDigest ha1 = hexDigest(c.algorithm, {"Mufasa", c.realm, c.password});
-    const HexDigest response = digestResponse(
-        c.algorithm, ha1.text(), {"GET", "/dir/index.html", c.nonce, "00000001", c.clientNonce});
+    const DigestResponses responses(c.algorithm, ha1.text(), {c.nonce, "00000001", c.clientNonce});
+    const HexDigest response = responses.of("GET", "/dir/index.html");
     EXPECT_EQ(response.text(), c.response);
   }
 }

@@ -65,8 +65,8 @@ class Login {
     const auto ha1 = hexDigest(algorithm_, {"user", "device", password_});
     if (seen.uri != request.target || seen.username != "user") return false;
     if (qop_) {
-      return digestResponse(algorithm_, ha1.text(),
-                            {request.method, seen.uri, seen.nonce, seen.nc, seen.cnonce})
+      return DigestResponses(algorithm_, ha1.text(), {seen.nonce, seen.nc, seen.cnonce})
+                 .of(request.method, seen.uri)
                  .text() == seen.response;
     }
     const auto ha2 = hexDigest(algorithm_, {request.method, seen.uri});

@@ -135,7 +135,7 @@ TEST_F(LoginTest, TheMethodAndTheUriAreProtected) {
 TEST_F(LoginTest, AUserWithoutADigestNeverLogsIn) {
   const std::string nonce = freshNonce();
   const HexDigest response =
-      digestResponse(DigestAlgorithm::MD5, "", {"GET", kUri, nonce, "00000001", "c"});
+      DigestResponses(DigestAlgorithm::MD5, "", {nonce, "00000001", "c"}).of("GET", kUri);
   EXPECT_EQ(codeOf("Digest username=broken, realm=KAVRO, nonce=" + nonce + ", uri=\"" + kUri +
                    "\", qop=auth, nc=00000001, cnonce=c, response=" + std::string(response.text())),
             DIGEST_REFUSED);
@@ -214,7 +214,7 @@ struct SeenByService final : LoginRequest {
   std::string_view clientAddress() const override { return address; }
   std::string user() const override { return name; }
   void onAnswer(std::function<void(int)>) override {}
-  void loggedIn(const LoggedIn& who, const std::string& text) override {
+  void loggedIn(LoggedIn who, const std::string& text) override {
     name = who.user;
     info = text;
   }
@@ -242,8 +242,9 @@ TEST_F(LoginTest, ASuccessProvesThePasswordAndRenewsTheNonceInTime) {
     ASSERT_EQ(codeOf(sent), DIGEST_OK);
     DigestCredentials given;
     ASSERT_TRUE(parseDigestCredentials(sent, given));
-    const HexDigest proof = digestResponse(DigestAlgorithm::MD5, ha1.text(),
-                                           {"", kUri, given.nonce, given.nc, given.cnonce});
+    const HexDigest proof =
+        DigestResponses(DigestAlgorithm::MD5, ha1.text(), {given.nonce, given.nc, given.cnonce})
+            .of("", kUri);
     EXPECT_EQ(service.name, "admin");
     EXPECT_EQ(service.valueOf("rspauth"), proof.text());
     EXPECT_EQ(service.valueOf("cnonce"), given.cnonce);
