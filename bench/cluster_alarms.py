@@ -114,5 +114,5 @@ def report(rounds):
             values = [percentile(found[group][0], part) for _, found in rounds]
             rows.append(members.row(f"alarm {name}, 2,000/s: p{part * 100:g}", values, "ms"))
     wrong = sum(sent - len(found["other"][0]) + 2 * found["other"][1] for sent, found in rounds)
-    rows.append(members.row("alarms across gateways, 2,000/s: lost or twice", [wrong], ""))
+    rows.append(members.row("alarms across gateways, 2,000/s: lost or twice", [wrong], "faults"))
     return rows

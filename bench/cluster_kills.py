@@ -150,10 +150,10 @@ def run(running, args):
     for kind, ends in sorted(found.items()):
         print(f"left: {len(ends)} {kind}, the last one for {max(ends):.0f} s")
     print("without expiry: " + (", ".join(sorted(forever)) or "none"))
-    rows = [members.row(f"{done} kills: keys without expiry", [len(forever)], "")]
+    rows = [members.row(f"{done} kills: keys without expiry", [len(forever)], "faults")]
     left = wait_for_end(server, found, args.seconds or 0)
     if left is not None:
-        rows.append(members.row(f"{done} kills: keys left when all have expired", [left], ""))
+        rows.append(members.row(f"{done} kills: keys left when all have expired", [left], "faults"))
     return rows
 
 

@@ -149,7 +149,7 @@ def run(running, args):
     taken = sum(members.metrics(one)["qn_cluster_nonces_taken_total"] for one in gateways)
     print(f"nonces taken over: {taken:.0f}")
     title = f"{away} s without Redis"
-    return [members.row(f"{title}: {what}", [found[name]], "") for what, name in (
+    return [members.row(f"{title}: {what}", [found[name]], "faults") for what, name in (
         ("good clients refused", "refused"), ("replays accepted", "replays accepted"),
         ("counts accepted twice", "accepted twice"))]
 
