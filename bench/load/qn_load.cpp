@@ -1,8 +1,8 @@
 // qn-load: keeps a number of keep-alive connections busy with one GET each, logs in with Digest
-// (every request its own nonce count) and prints what came out as one JSON line; with --tls over
-// TLS, with --handshakes one handshake after the other and no requests. Used by
-// bench/proxy_comparison.py against the gateway and against a plain proxy, which sees the same
-// bytes.
+// (every request its own nonce count) and prints what came out as one JSON line; with --body PUTs
+// it, with --rate no more than so many a second, with --tls over TLS, with --handshakes one
+// handshake after the other and no requests. Used by bench/proxy_comparison.py against the gateway
+// and against a plain proxy, which sees the same bytes, and by bench/cluster.py.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -18,6 +18,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -32,6 +33,8 @@ struct Options {
   std::string address = "127.0.0.1";
   uint16_t port = 8080;
   std::string path = "/KAVRO/System/deviceInfo";
+  std::string body;
+  double rate = 0;  // a second, of all connections together; 0: as fast as it goes
   std::string user = "admin";
   int users = 0;
   std::string password;
@@ -170,13 +173,19 @@ class Connection {
     realm_ = quoted(head_, "realm", "KAVRO");
     nonce_ = quoted(head_, "nonce", "5a1d3f0b9c8e7f6a5a1d3f0b9c8e7f6a5a1d3f0b");
     ha1_ = md5(user_ + ":" + realm_ + ":" + options_.password);
-    ha2_ = md5("GET:" + options_.path);
+    ha2_ = md5(method() + ':' + options_.path);
   }
 
+  std::string method() const { return options_.body.empty() ? "GET" : "PUT"; }
+
   void request(const std::string& authorization) {
-    const auto text = "GET " + options_.path + " HTTP/1.1\r\nHost: " + options_.address + ":" +
-                      std::to_string(options_.port) + "\r\nUser-Agent: qn-load\r\nAccept: */*\r\n" +
-                      authorization + "\r\n";
+    const std::string length =
+        options_.body.empty() ? ""
+                              : "Content-Length: " + std::to_string(options_.body.size()) + "\r\n";
+    const auto text = method() + ' ' + options_.path + " HTTP/1.1\r\nHost: " + options_.address +
+                      ":" + std::to_string(options_.port) +
+                      "\r\nUser-Agent: qn-load\r\nAccept: */*\r\n" + authorization + length +
+                      "\r\n" + options_.body;
     if (wire_.send(text) != static_cast<long>(text.size())) {
       throw std::runtime_error("cannot send");
     }
@@ -190,6 +199,32 @@ class Connection {
   std::string answer_, head_;
   int status_ = 0;
   Clock::time_point sent_;
+};
+
+// When the next request may be sent.
+class Pace {
+ public:
+  Pace(const Options& options, Clock::time_point start) : rate_(options.rate), start_(start) {}
+
+  bool isDue(Clock::time_point now) const { return now >= next(); }
+  void sent() { ++sent_; }
+  // Until the next one, ten seconds at most.
+  timespec patience(Clock::time_point now, bool isAnyIdle) const {
+    constexpr std::chrono::nanoseconds kMost = std::chrono::seconds(10);
+    std::chrono::nanoseconds wait = kMost;
+    if (isAnyIdle) wait = std::clamp<std::chrono::nanoseconds>(next() - now, {}, kMost);
+    return {wait / std::chrono::seconds(1), (wait % std::chrono::seconds(1)).count()};
+  }
+
+ private:
+  Clock::time_point next() const {
+    if (rate_ <= 0) return start_;
+    return start_ + std::chrono::nanoseconds(static_cast<int64_t>(double(sent_) / rate_ * 1e9));
+  }
+
+  const double rate_;
+  const Clock::time_point start_;
+  int64_t sent_ = 0;
 };
 
 struct Outcome {
@@ -212,23 +247,36 @@ Outcome run(const Options& options) {
   const auto start = Clock::now();
   const auto end = start + std::chrono::duration_cast<Clock::duration>(
                                std::chrono::duration<double>(options.seconds));
-  for (auto& connection : connections) connection->send();
-  int open = options.connections;
-  while (open > 0) {
+  Pace pace(options, start);
+  std::deque<Connection*> idle;
+  for (auto& connection : connections) idle.push_back(connection.get());
+  auto lastAnswer = start;
+  while (true) {
+    const auto turn = Clock::now();
+    const bool isOver = turn >= end;
+    if (isOver && idle.size() == connections.size()) break;
+    for (; !isOver && !idle.empty() && pace.isDue(turn); idle.pop_front()) {
+      idle.front()->send();
+      pace.sent();
+    }
     epoll_event events[64];
-    const int count = epoll_wait(poll, events, 64, 10000);
-    if (count <= 0) throw std::runtime_error("no answer in 10 seconds");
+    const timespec patience = pace.patience(turn, !isOver && !idle.empty());
+    const int count = epoll_pwait2(poll, events, 64, &patience, nullptr);
+    if (count < 0 || (count == 0 && turn - lastAnswer > std::chrono::seconds(10))) {
+      throw std::runtime_error("no answer in 10 seconds");
+    }
     for (int i = 0; i < count; ++i) {
       auto& connection = *static_cast<Connection*>(events[i].data.ptr);
       if (!connection.receive()) continue;
-      const auto now = Clock::now();
+      const auto now = lastAnswer = Clock::now();
       outcome.latencies.push_back(
           std::chrono::duration<double, std::micro>(now - connection.sent()).count());
       if (connection.status() != 200) ++outcome.failures;
-      if (now < end) {
+      if (now < end && pace.isDue(now)) {
         connection.send();
+        pace.sent();
       } else {
-        --open;
+        idle.push_back(&connection);
       }
     }
   }
@@ -277,6 +325,8 @@ int main(int argc, char** argv) try {
   app.add_option("--user", options.user);
   app.add_option("--users", options.users, "connections take turns as u1, u2, ... instead");
   app.add_option("--password", options.password);
+  app.add_option("--body", options.body, "of a PUT");
+  app.add_option("--rate", options.rate)->check(CLI::Range(0.0, 1e6));
   app.add_option("--connections", options.connections)->check(CLI::Range(1, 4096));
   app.add_option("--seconds", options.seconds)->check(CLI::Range(0.1, 600.0));
   app.add_flag("--tls", options.tls);

@@ -102,6 +102,7 @@ class Collector final : public prometheus::Collectable {
     round.pools();
     round.stores();
     round.engines();
+    round.cluster();
     round.gateway();
     round.process();
     round.devices();
@@ -152,6 +153,7 @@ class Collector final : public prometheus::Collectable {
     void operationLog();
     void pictures();
     void engines();
+    void cluster();
     void gateway();
     void configuration();
     void process();
@@ -356,6 +358,33 @@ void Collector::Round::engines() {
   counter("qn_operation_log_unsent_total", "Rows dropped before they could be sent.",
           double(rows.lost));
   gauge("qn_operation_log_unsent", "Rows that wait for the shared database.", double(rows.waiting));
+}
+
+// Nothing in a gateway by itself.
+void Collector::Round::cluster() {
+  if (!observed.cluster) return;
+  const auto& [dropped, feeds, logins] = *observed.cluster;
+  const struct {
+    const char* name;
+    const char* help;
+    const Counter& value;
+  } kRows[] = {
+      {"qn_redis_commands_dropped_total", "Commands that found no room in the queue.", dropped},
+      {"qn_cluster_alarms_published_total", "Alarms given to Redis.", feeds.published},
+      {"qn_cluster_alarms_unpublished_total", "Alarms that Redis did not take.", feeds.unpublished},
+      {"qn_cluster_alarms_refused_total", "Alarms under a lease that had ended.", feeds.refused},
+      {"qn_cluster_alarms_received_total", "Alarms of other gateways.", feeds.received},
+      {"qn_cluster_alarms_filled_total", "The same, fetched after a gap.", feeds.filled},
+      {"qn_cluster_alarms_missed_total", "Alarms of gaps that stayed.", feeds.missed},
+      {"qn_cluster_failures_published_total", "Failed logins told to others.", logins.failures},
+      {"qn_cluster_nonces_taken_total", "Nonces taken from others.", logins.noncesTaken},
+      {"qn_cluster_nonces_given_total", "Nonces that others took.", logins.noncesGiven},
+  };
+  for (const auto& [name, help, value] : kRows) counter(name, help, double(value.value()));
+  Family lost = counter("qn_cluster_nonces_lost_total", "Nonces of others that did not come.");
+  for (std::size_t i = 0; i < kNonceLossNames.size(); ++i) {
+    lost.add({{"reason", kNonceLossNames[i]}}, double(logins.noncesLost[i].value()));
+  }
 }
 
 void Collector::Round::gateway() {

@@ -2,6 +2,7 @@
 // listener.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "gateway/engine/engine_state.h"
 #include "gateway/http/http_service.h"
 #include "gateway/login/login.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/net/pulse.h"
 #include "gateway/net/worker_pool.h"
 #include "gateway/oplog/operation_log.h"
@@ -39,6 +41,7 @@ struct Observed {
   std::vector<ObservedPool> pools;
   const Health& health;
   std::vector<const EngineState*> engines;  // that the configuration names
+  std::optional<ClusterCounts> cluster;     // of one among others
   Reloads& reloads;
   std::string version;  // of the gateway
 };

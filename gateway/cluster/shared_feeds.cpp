@@ -155,8 +155,13 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void overlapEnds();
   void deliverFromOthers(const std::string& alarm) QN_REQUIRES(mutex_);
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
+  void wasPublished(const RedisAnswer* answer);
   void fill();
   void filled(const RedisAnswer& answer);
+  // So many alarms of its holder follow the last one, `id` included.
+  uint64_t behind(const AlarmId& id) const QN_REQUIRES(mutex_) {
+    return id.count - (last_ && last_->holder == id.holder ? last_->count : 0);
+  }
   std::string holderText() const QN_REQUIRES(mutex_) {
     return owner_.self_ + ' ' + std::to_string(last_ ? last_->holder : 0);
   }
@@ -306,7 +311,7 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
         unsure_.push_back(alarm);
         if (unsure_.size() == 1) redis_.post([self = shared_from_this()] { self->claim(); });
       } else {
-        owner_.counts_.missed.add();
+        owner_.counts_.unpublished.add();
       }
       return;
     case State::Alone:
@@ -335,16 +340,21 @@ void SharedFeeds::Feed::wanted() {
 void SharedFeeds::Feed::publish(const std::string& alarm) {
   if (Clock::now() > wantedUntil_) return;
   const AlarmId id{last_->holder, last_->count + 1};
-  const bool sent = redis_.send({"EVAL", kPublish, "2", lease_, stream_, holderText(), stream_,
-                                 id.text(), alarm, std::to_string(kStreamAlarms),
-                                 std::to_string(std::chrono::milliseconds(kStreamTime).count())},
-                                [self = shared_from_this()](const RedisAnswer* answer) {
-                                  if (answer && !answer->texts.empty() && answer->texts[0] == "0")
-                                    self->claim();
-                                });
-  if (!sent) return owner_.counts_.missed.add();
+  const bool sent = redis_.send(
+      {"EVAL", kPublish, "2", lease_, stream_, holderText(), stream_, id.text(), alarm,
+       std::to_string(kStreamAlarms),
+       std::to_string(std::chrono::milliseconds(kStreamTime).count())},
+      [self = shared_from_this()](const RedisAnswer* answer) { self->wasPublished(answer); });
+  if (!sent) return owner_.counts_.unpublished.add();
   last_ = id;
   owner_.counts_.published.add();
+}
+
+void SharedFeeds::Feed::wasPublished(const RedisAnswer* answer) {
+  if (!answer || answer->texts.empty()) return owner_.counts_.unpublished.add();
+  if (answer->texts[0] != "0") return;
+  owner_.counts_.refused.add();
+  claim();
 }
 
 // "ID ALARM", "ID " or "free".
@@ -368,6 +378,7 @@ void SharedFeeds::Feed::published(std::string_view message) {
     fillTo_ = std::max(fillTo_, alarm.empty() ? *id : AlarmId());
     if (!misses && !isFilling_) {
       last_ = id;
+      owner_.counts_.received.add();
       deliverFromOthers(alarm);
     }
   }
@@ -408,7 +419,6 @@ void SharedFeeds::Feed::overlapEnds() {
 }
 
 void SharedFeeds::Feed::deliverFromOthers(const std::string& alarm) {
-  owner_.counts_.received.add();
   if (!overlap_ || overlap_->isFirst(Overlap::Others, alarm)) sink_(alarm);
 }
 
@@ -439,12 +449,15 @@ void SharedFeeds::Feed::filled(const RedisAnswer& answer) {
     for (std::size_t i = 0; i + 2 < answer.texts.size(); i += 3) {
       const auto id = idOf(answer.texts[i]);
       if (!id || (last_ && *id <= *last_)) continue;
-      const uint64_t before = last_ && last_->holder == id->holder ? last_->count : 0;
-      owner_.counts_.missed.add(id->count - before - 1);
+      owner_.counts_.missed.add(behind(*id) - 1);
+      owner_.counts_.filled.add();
       last_ = id;
       deliverFromOthers(answer.texts[i + 2]);
     }
-    if (last_ && *last_ < fillTo_) last_ = fillTo_;  // what the stream has not is gone
+    if (last_ && *last_ < fillTo_) {  // what the stream has not is gone
+      owner_.counts_.missed.add(behind(fillTo_));
+      last_ = fillTo_;
+    }
     again = std::exchange(fillAgain_, false);
   }
   if (again) fill();

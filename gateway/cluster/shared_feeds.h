@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "gateway/alarmbus/device_feed.h"
-#include "gateway/metrics/counter.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/redis/redis_client.h"
 
 namespace qn {
@@ -32,12 +32,6 @@ class SharedFeeds final : public FeedOpener {
   static constexpr std::chrono::seconds kInFlightTime{2};
   static constexpr std::size_t kInFlightAlarms = 10'000;
 
-  struct Counts {
-    Counter published;
-    Counter received;
-    Counter missed;  // could not be published, or were gone before they were read
-  };
-
   // Keys and channels begin with `prefix`; `self` is this process's own name.
   SharedFeeds(RedisClient& redis, FeedOpener& devices, std::string prefix, std::string self,
               std::chrono::milliseconds lease);
@@ -47,7 +41,7 @@ class SharedFeeds final : public FeedOpener {
   // After the client's stop: ends what is still open.
   void stop();
 
-  const Counts& counts() const { return counts_; }
+  const SharedFeedCounts& counts() const { return counts_; }
 
  private:
   class Feed;
@@ -59,7 +53,7 @@ class SharedFeeds final : public FeedOpener {
   const std::string prefix_;
   const std::string self_;
   const std::chrono::milliseconds lease_;
-  Counts counts_;
+  SharedFeedCounts counts_;
   // The client's thread's own:
   std::map<std::string, std::shared_ptr<Feed>, std::less<>> feeds_;
 };

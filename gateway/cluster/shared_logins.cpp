@@ -123,9 +123,10 @@ std::string SharedLogins::keyOf(std::string_view nonce, std::string_view user) c
 }
 
 void SharedLogins::failed(ClientNetwork network, uint32_t name, std::chrono::seconds lockTime) {
-  redis_.send({"EVAL", kFail, "1", keyOf(network), std::to_string(name),
-               std::to_string(std::chrono::milliseconds(lockTime).count()), channel_,
-               hexOf(network.number())});
+  const bool sent = redis_.send({"EVAL", kFail, "1", keyOf(network), std::to_string(name),
+                                 std::to_string(std::chrono::milliseconds(lockTime).count()),
+                                 channel_, hexOf(network.number())});
+  if (sent) counts_.failures.add();
 }
 
 void SharedLogins::forgotten(ClientNetwork network, uint32_t name, const LockOptions& options) {
@@ -187,7 +188,10 @@ void SharedLogins::learn(std::string_view record) {
 
 void SharedLogins::fetch(uint32_t maker, std::string_view nonce, std::string_view user,
                          std::function<void()> done) {
-  if (!redis_.engine().isUp()) return done();
+  if (!redis_.engine().isUp()) {
+    countLoss(NonceLoss::NoEngine);
+    return done();
+  }
   redis_.post([this, maker, nonce = std::string(nonce), user = std::string(user),
                done = std::move(done)]() mutable { ask(maker, nonce, user, std::move(done)); });
 }
@@ -197,7 +201,7 @@ void SharedLogins::ask(uint32_t maker, const std::string& nonce, const std::stri
   const uint64_t token = ++lastToken_;
   auto deadline = std::make_unique<boost::asio::steady_timer>(redis_.context(), kFetchTime);
   deadline->async_wait([this, token](const boost::system::error_code& error) {
-    if (!error) finish(token);
+    if (!error) lose(token, NonceLoss::NoAnswer);
   });
   fetches_.emplace(token, Fetch{std::move(done), std::move(deadline)});
   const std::string message =
@@ -205,10 +209,15 @@ void SharedLogins::ask(uint32_t maker, const std::string& nonce, const std::stri
   const bool sent =
       redis_.send({"EVAL", kAsk, "1", keyOf(nonce, user), prefix_ + "to:", hexOf(maker), message},
                   [this, token](const RedisAnswer* answer) {
-                    const bool heard = answer && !answer->texts.empty() && answer->texts[0] != "0";
-                    if (!heard) finish(token);
+                    if (!answer || answer->texts.empty()) return lose(token, NonceLoss::NoEngine);
+                    if (answer->texts[0] == "0") lose(token, NonceLoss::NoHolder);
                   });
-  if (!sent) finish(token);
+  if (!sent) lose(token, NonceLoss::NoEngine);
+}
+
+void SharedLogins::lose(uint64_t token, NonceLoss reason) {
+  if (fetches_.contains(token)) countLoss(reason);
+  finish(token);
 }
 
 void SharedLogins::finish(uint64_t token) {
@@ -236,6 +245,7 @@ void SharedLogins::give(std::string_view asker, std::string_view token, std::str
     redis_.send({"PUBLISH", to, message});
     return;
   }
+  counts_.noncesGiven.add();
   message += ' ' + std::to_string(state->ageTicks) + ' ' + text::hexOf(state->counts.bytes()) + ' ';
   message.append(nonce).append(" ").append(user);
   constexpr auto kKept = std::chrono::milliseconds(Nonces::kLife);
@@ -248,8 +258,11 @@ void SharedLogins::given(std::string_view token, std::string_view rest) {
   const auto age = takeNumber<uint32_t>(rest);
   const auto window = windowOf(takeWord(rest));
   const std::string_view nonce = takeWord(rest);
-  if (age && window) login_.takeNonce(nonce, rest, {*age, *window});
-  if (const auto number = text::wholeNumber<uint64_t>(token)) finish(*number);
+  const auto number = text::wholeNumber<uint64_t>(token).value_or(0);
+  if (!age || !window) return lose(number, NonceLoss::NotGiven);
+  counts_.noncesTaken.add();
+  login_.takeNonce(nonce, rest, {*age, *window});
+  finish(number);
 }
 
 }  // namespace qn

@@ -11,6 +11,7 @@
 
 #include "gateway/login/login.h"
 #include "gateway/login/peers.h"
+#include "gateway/metrics/counts.h"
 #include "gateway/redis/redis_client.h"
 
 namespace qn {
@@ -32,6 +33,8 @@ class SharedLogins final : public LoginPeers {
   // This process's number, as its nonces carry it.
   const std::string& self() const { return self_; }
 
+  const SharedLoginCounts& counts() const { return counts_; }
+
   void failed(ClientNetwork network, uint32_t name, std::chrono::seconds lockTime) override;
   void forgotten(ClientNetwork network, uint32_t name, const LockOptions& options) override;
   void unlocked(ClientNetwork network) override;
@@ -50,6 +53,8 @@ class SharedLogins final : public LoginPeers {
   void ask(uint32_t maker, const std::string& nonce, const std::string& user,
            std::function<void()> done);
   void finish(uint64_t token);
+  void lose(uint64_t token, NonceLoss reason);
+  void countLoss(NonceLoss reason) { counts_.noncesLost[std::size_t(reason)].add(); }
   std::string keyOf(ClientNetwork network) const;
   std::string keyOf(std::string_view nonce, std::string_view user) const;
 
@@ -58,6 +63,7 @@ class SharedLogins final : public LoginPeers {
   const std::string prefix_;
   const std::string channel_;  // of all
   const std::string self_;
+  SharedLoginCounts counts_;
 
   // The client's thread's own:
   struct Fetch {

@@ -28,9 +28,10 @@ class ByItself final : public Cluster {
  public:
   void start() override {}
   void stop() override {}
-  AwaitFunction await() const override { return nullptr; }
+  AwaitFunctions await() const override { return {}; }
   FeedOpener& feeds(FeedOpener& devices) override { return devices; }
   const EngineState* engine() const override { return nullptr; }
+  std::optional<ClusterCounts> counts() const override { return std::nullopt; }
 };
 
 // Gateways of different databases of one server have nothing to do with each other; channels,
@@ -53,12 +54,15 @@ class WithOthers final : public Cluster {
     redis_.stop();
     if (feeds_) feeds_->stop();
   }
-  AwaitFunction await() const override { return awaitNonce; }
+  AwaitFunctions await() const override { return {mayAwaitNonce, awaitNonce}; }
   FeedOpener& feeds(FeedOpener& devices) override {
     feeds_.emplace(redis_, devices, prefix_, logins_.self(), lease_);
     return *feeds_;
   }
   const EngineState* engine() const override { return &redis_.engine(); }
+  std::optional<ClusterCounts> counts() const override {
+    return ClusterCounts{redis_.dropped(), feeds_.value().counts(), logins_.counts()};
+  }
 
  private:
   const std::string prefix_;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "gateway/alarmbus/device_feed.h"
@@ -11,6 +12,7 @@
 #include "gateway/engine/engine_state.h"
 #include "gateway/http/service_core.h"
 #include "gateway/login/login.h"
+#include "gateway/metrics/counts.h"
 
 namespace qn {
 
@@ -21,13 +23,15 @@ class Cluster {
   virtual void start() = 0;
   // No request waits for it, nor is it told anything, afterwards.
   virtual void stop() = 0;
-  // Has requests wait for their nonces; null where none has to.
-  virtual AwaitFunction await() const = 0;
+  // Has requests wait for their nonces; nothing where none has to.
+  virtual AwaitFunctions await() const = 0;
   // Where alarms come from: from `devices`, or from whichever gateway has the device's. Once,
   // before the start; `devices` outlives the cluster's stop.
   virtual FeedOpener& feeds(FeedOpener& devices) = 0;
   // Null where there is none.
   virtual const EngineState* engine() const = 0;
+  // Nothing where nothing goes to others; of the feeds, which are there.
+  virtual std::optional<ClusterCounts> counts() const = 0;
 };
 
 // By itself, or with others as [cluster] says.

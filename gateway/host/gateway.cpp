@@ -236,6 +236,7 @@ Observed Gateway::observed() {
           {{"files", files_}, {"devices", waiting_}, {"translations", translations_}},
           health_,
           enginesOf(*archive_, *cluster_),
+          cluster_->counts(),
           reloads_,
           QN_KAVRO_VERSION};
 }

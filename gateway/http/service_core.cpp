@@ -322,13 +322,13 @@ void ServiceCore::handOver(const ExchangePtr& exchange, Access access, std::stri
     exchange->finish(kNotFound, "text/html; charset=utf-8", kDoorPage);
     return;
   }
-  if (module_.await == nullptr || !waitsForLogin(exchange, body)) handToModule(exchange, body);
+  if (module_.await.wait == nullptr || !waitsForLogin(exchange, body)) handToModule(exchange, body);
 }
 
 // What it needs of the request is kept until then; without room for that it does not wait.
 bool ServiceCore::waitsForLogin(const ExchangePtr& exchange, std::string_view body) {
   const std::string authorization = exchange->header("Authorization");
-  if (authorization.empty()) return false;
+  if (authorization.empty() || !module_.await.mayWait(authorization)) return false;
   struct Kept {
     MemoryBudget::Share share;
     std::string body;
@@ -338,8 +338,8 @@ bool ServiceCore::waitsForLogin(const ExchangePtr& exchange, std::string_view bo
   auto& reactor = reactors.context(std::size_t(Reactors::current()));
   const char* const method =
       QNBase::CRESTfulProtocol::GetMethod(static_cast<unsigned char>(exchange->method()));
-  const bool waits =
-      module_.await(method, authorization, [core = shared_from_this(), &reactor, exchange, kept] {
+  const bool waits = module_.await.wait(
+      method, authorization, [core = shared_from_this(), &reactor, exchange, kept] {
         boost::asio::post(reactor,
                           [core, exchange, kept] { core->handToModule(exchange, kept->body); });
       });

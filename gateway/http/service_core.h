@@ -40,21 +40,26 @@ using ProcessFunction = int (*)(int& bodyIsXml, std::string& body, int& asyncRep
 // it as an attempt or as a use of its nonce.
 using RecogniseFunction = bool (*)(std::string_view method, std::string_view authorization);
 
-// Whether a request with this Authorization value has to wait before the module gets it, because
-// another gateway has its nonce; then `ready` is called once, on any thread, soon.
-using AwaitFunction = bool (*)(std::string_view method, std::string_view authorization,
-                               std::function<void()> ready);
+// Requests that wait before the module gets them, because another gateway has their nonces.
+struct AwaitFunctions {
+  // False, at next to no cost, for most that need not.
+  bool (*mayWait)(std::string_view authorization) = nullptr;
+  // Whether a request with this Authorization value has to; then `ready` is called once, on any
+  // thread, soon.
+  bool (*wait)(std::string_view method, std::string_view authorization,
+               std::function<void()> ready) = nullptr;
+};
 
 // How the service reaches the module and its login. Without `recognise` nobody is a stranger,
 // without `await` nothing waits.
 struct ModuleEntry {
   ModuleEntry(ProcessFunction processIn, RecogniseFunction recogniseIn = nullptr,
-              AwaitFunction awaitIn = nullptr)
+              AwaitFunctions awaitIn = {})
       : process(processIn), recognise(recogniseIn), await(awaitIn) {}
 
   ProcessFunction process;
   RecogniseFunction recognise;
-  AwaitFunction await;
+  AwaitFunctions await;
 };
 
 // A part of the URL space that the service serves itself: the module is not asked, so there is no

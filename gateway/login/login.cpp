@@ -47,6 +47,18 @@ bool isComplete(const DigestCredentials& given, std::string_view realm, DigestAl
          given.response.size() == hexLength(algorithm) && text::isHex(given.response);
 }
 
+// Nothing where it takes more than a glance to find.
+std::optional<std::string_view> nonceAtAGlance(std::string_view authorization) {
+  constexpr std::string_view kBegin = "nonce=\"";
+  std::size_t at = authorization.find(kBegin);
+  while (at != authorization.npos && at > 0 && authorization[at - 1] == 'c') {
+    at = authorization.find(kBegin, at + 1);
+  }
+  if (at == authorization.npos) return std::nullopt;
+  const std::string_view rest = authorization.substr(at + kBegin.size());
+  return rest.substr(0, rest.find('"'));
+}
+
 std::string lower(std::string text) {
   std::ranges::transform(text, text.begin(), text::lower);
   return text;
@@ -257,6 +269,11 @@ bool Login::unlock(std::string_view address) {
   return wasLocked;
 }
 
+bool Login::mayAwaitNonce(std::string_view authorization) const {
+  const auto nonce = nonceAtAGlance(authorization);
+  return !nonce || nonces_.mayBeElsewhere(*nonce);
+}
+
 bool Login::awaitNonce(std::string_view method, std::string_view authorization,
                        std::function<void()> ready) {
   const std::shared_ptr<const Configuration> held = users_();
@@ -330,6 +347,10 @@ Login& clientLogin() {
 
 bool recogniseLogin(std::string_view method, std::string_view authorization) {
   return clientLogin().recognise(method, authorization);
+}
+
+bool mayAwaitNonce(std::string_view authorization) {
+  return clientLogin().mayAwaitNonce(authorization);
 }
 
 bool awaitNonce(std::string_view method, std::string_view authorization,

@@ -44,6 +44,8 @@ class Login {
   // it to know the nonce; at the latest after LoginPeers::kFetchTime.
   bool awaitNonce(std::string_view method, std::string_view authorization,
                   std::function<void()> ready);
+  // Whether it is worth asking awaitNonce(). Costs next to nothing.
+  bool mayAwaitNonce(std::string_view authorization) const;
   // As CreateNonce.
   int createNonce(char* buffer, int size, int randomBytes);
 
@@ -110,7 +112,8 @@ Login& clientLogin();
 
 // Its Login::recognise, for the HTTP service.
 bool recogniseLogin(std::string_view method, std::string_view authorization);
-// Its Login::awaitNonce.
+// Its Login::mayAwaitNonce and Login::awaitNonce.
+bool mayAwaitNonce(std::string_view authorization);
 bool awaitNonce(std::string_view method, std::string_view authorization,
                 std::function<void()> ready);
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <utility>
 
 #include "text/hex.h"
 #include "text/number.h"
@@ -66,6 +67,22 @@ void CountWindow::setBytes(const Bytes& bytes) {
   for (std::size_t i = 4; i < kStateBytes; ++i) {
     used_[(i - 4) / 8] |= uint64_t(bytes[i]) << (i - 4) % 8 * 8;
   }
+}
+
+void GivenHint::add(std::string_view nonce, uint32_t age) {
+  const std::size_t hash = std::hash<std::string_view>()(nonce);
+  const MutexLock lock(adding_);
+  Half& half = halves_[age % 2];
+  if (std::exchange(half.age, age) != age) {
+    for (auto& word : half.words) word = 0;
+  }
+  half.words[hash / 64 % kWords] |= uint64_t(1) << hash % 64;
+}
+
+bool GivenHint::mayHave(std::string_view nonce) const {
+  const std::size_t hash = std::hash<std::string_view>()(nonce);
+  const std::size_t word = hash / 64 % kWords;
+  return ((halves_[0].words[word] | halves_[1].words[word]) & uint64_t(1) << hash % 64) != 0;
 }
 
 Nonces::Nonces() : hasOwn_(fillRandom(reinterpret_cast<uint8_t*>(own_.data()), own_.size())) {}
@@ -147,6 +164,13 @@ Nonces::Used Nonces::use(std::string_view nonce, uint32_t count, std::string_vie
   return {entry->counts.take(count) ? Use::Fresh : Use::Stale, now - madeAt >= kRenewalTicks};
 }
 
+bool Nonces::mayBeElsewhere(std::string_view nonce) const {
+  if (!gateway_ || nonce.size() < kMarkDigits + kGatewayDigits) return false;
+  const auto maker = text::wholeNumber<uint32_t>(
+      nonce.substr(nonce.size() - kMarkDigits - kGatewayDigits, kGatewayDigits), 16);
+  return maker != gateway_ || given_.mayHave(nonce);
+}
+
 std::optional<uint32_t> Nonces::madeElsewhere(std::string_view nonce, std::string_view user,
                                               std::string_view key) {
   uint32_t madeAt = 0;
@@ -179,6 +203,7 @@ std::optional<Nonces::State> Nonces::give(std::string_view nonce, std::string_vi
   }
   if (entry->given || now - entry->madeAt > kLifeTicks) return std::nullopt;
   entry->given = true;
+  given_.add(nonce, now / kLifeTicks);
   return State{now - entry->madeAt, entry->counts};
 }
 

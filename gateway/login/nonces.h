@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -41,6 +42,25 @@ class CountWindow {
 
   uint32_t highest_ = 0;
   std::array<uint64_t, kCounts / 64> used_{};  // by count modulo kCounts
+};
+
+// Which nonces were given away in the last minutes, at a glance. Any thread.
+class GivenHint {
+ public:
+  // `age` grows by one with each life of a nonce.
+  void add(std::string_view nonce, uint32_t age);
+  // Never false for one of this age or the one before.
+  bool mayHave(std::string_view nonce) const;
+
+ private:
+  static constexpr std::size_t kWords = 64;
+  struct Half {
+    uint32_t age = 0;
+    std::array<std::atomic<uint64_t>, kWords> words{};
+  };
+
+  Mutex adding_;
+  std::array<Half, 2> halves_;
 };
 
 // Thread-safe. Time is the caller's monotonic clock.
@@ -91,6 +111,8 @@ class Nonces {
   // nothing for a nonce that can be used here, or by nobody with the key.
   std::optional<uint32_t> madeElsewhere(std::string_view nonce, std::string_view user,
                                         std::string_view key);
+  // Whether it is worth asking madeElsewhere(). Costs next to nothing.
+  bool mayBeElsewhere(std::string_view nonce) const;
   struct State {
     uint32_t ageTicks;
     CountWindow counts;
@@ -145,6 +167,7 @@ class Nonces {
   bool hasOwn_ = false;              // constant after construction
   std::optional<uint32_t> gateway_;  // constant after the first use
   std::array<Bucket, kBuckets> buckets_;
+  GivenHint given_;
 };
 
 }  // namespace qn

@@ -93,6 +93,36 @@ struct LoginCounts {
   Counter locks;        // addresses that became locked
 };
 
+// Alarms between gateways.
+struct SharedFeedCounts {
+  Counter published;    // given to the engine for clients of others
+  Counter unpublished;  // of these that it did not take, and what was dropped before
+  Counter refused;      // by the engine: another gateway has the feed by now
+  Counter received;     // of other gateways, as they came
+  Counter filled;       // the same, found in the engine's stream after a gap
+  Counter missed;       // gone before they were read
+};
+
+// Why a nonce of another gateway could not be taken over; its client gets a new one.
+enum class NonceLoss { NoEngine, NoHolder, NotGiven, NoAnswer };
+inline constexpr std::array<const char*, 4> kNonceLossNames{"no_engine", "no_holder", "not_given",
+                                                            "no_answer"};
+
+// Logins between gateways.
+struct SharedLoginCounts {
+  Counter failures;     // that were told to others
+  Counter noncesTaken;  // from other gateways
+  Counter noncesGiven;
+  std::array<Counter, kNonceLossNames.size()> noncesLost;  // by NonceLoss
+};
+
+// What goes through the engine that several gateways share; each is its owner's.
+struct ClusterCounts {
+  const Counter& droppedCommands;
+  const SharedFeedCounts& feeds;
+  const SharedLoginCounts& logins;
+};
+
 // Of the device-configuration bus.
 struct BusCounts {
   Histogram<kDeviceTimes> deviceTime;  // from the bus's yes to the answer, in the queue too

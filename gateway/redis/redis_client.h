@@ -75,7 +75,8 @@ class RedisClient {
   boost::asio::io_context& context() { return reactor_.context(0); }
 
   const EngineState& engine() const { return engine_; }
-  uint64_t dropped() const { return dropped_.value(); }
+  // Commands that found no room.
+  const Counter& dropped() const { return dropped_; }
 
  private:
   void connect();

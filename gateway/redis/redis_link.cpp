@@ -5,6 +5,7 @@
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/connect.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
 #include <utility>
 
@@ -12,6 +13,8 @@
 
 namespace qn {
 namespace {
+
+constexpr char kNoAnswer[] = "it did not answer in time";
 
 struct FreeReply {
   void operator()(redisReply* reply) const { freeReplyObject(reply); }
@@ -43,7 +46,10 @@ RedisLink::RedisLink(boost::asio::io_context& context, const RedisAddress& addre
 RedisLink::~RedisLink() = default;
 
 void RedisLink::start() {
-  limit(kConnectTime);
+  timer_.expires_after(kConnectTime);
+  timer_.async_wait([self = shared_from_this()](Error error) {
+    if (!error && !self->ready_) self->fail(kNoAnswer);
+  });
   resolver_.async_resolve(
       address_.host, std::to_string(address_.port),
       [self = shared_from_this()](Error error, const Tcp::resolver::results_type& endpoints) {
@@ -84,9 +90,14 @@ void RedisLink::stop() {
   socket_.close(ignored);
 }
 
+// Written when what the thread has to do already is done: that may be further commands.
 void RedisLink::send(std::string_view command) {
+  const bool isFirst = waiting_.empty();
   waiting_ += command;
-  if (writing_.empty()) write();
+  if (!isFirst || !writing_.empty()) return;
+  boost::asio::post(socket_.get_executor(), [self = shared_from_this()] {
+    if (!self->over_ && self->writing_.empty()) self->write();
+  });
 }
 
 void RedisLink::write() {
@@ -108,7 +119,7 @@ void RedisLink::read() {
 }
 
 void RedisLink::parse(std::size_t bytes) {
-  if (ready_) limit(kSilence);
+  lastBytes_ = std::chrono::steady_clock::now();
   redisReaderFeed(reader_.get(), buffer_.data(), bytes);
   while (!over_) {
     void* made = nullptr;
@@ -128,15 +139,17 @@ void RedisLink::takeLogin(const redisReply& reply) {
   if (reply.type == REDIS_REPLY_ERROR) return fail(std::string(reply.str, reply.len));
   if (--loginReplies_ > 0) return;
   ready_ = true;
-  limit(kSilence);
+  watch();
   events_.ready();
 }
 
-void RedisLink::limit(std::chrono::milliseconds time) {
-  timer_.expires_after(time);
+// Once there was silence for as long, it is over.
+void RedisLink::watch() {
+  timer_.expires_at(lastBytes_ + kSilence);
   timer_.async_wait([self = shared_from_this()](Error error) {
-    if (error || self->timer_.expiry() > std::chrono::steady_clock::now()) return;
-    self->fail("it did not answer in time");
+    if (error || self->over_) return;
+    if (self->lastBytes_ + kSilence > std::chrono::steady_clock::now()) return self->watch();
+    self->fail(kNoAnswer);
   });
 }
 

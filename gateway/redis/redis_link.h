@@ -6,6 +6,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -39,7 +40,7 @@ class RedisLink : public std::enable_shared_from_this<RedisLink> {
   void start();
   // No event comes after it.
   void stop();
-  // While it is ready. Everything since the last turn goes in one write.
+  // While it is ready. All that is said before the thread's next turn goes in one write.
   void send(std::string_view command);
   std::size_t unsentBytes() const { return waiting_.size() + writing_.size(); }
 
@@ -57,7 +58,7 @@ class RedisLink : public std::enable_shared_from_this<RedisLink> {
   void parse(std::size_t bytes);
   void take(const redisReply& reply);
   void takeLogin(const redisReply& reply);
-  void limit(std::chrono::milliseconds time);
+  void watch();
   void fail(const std::string& reason);
 
   const RedisAddress address_;
@@ -70,6 +71,7 @@ class RedisLink : public std::enable_shared_from_this<RedisLink> {
   std::string waiting_;
   std::string writing_;
   int loginReplies_ = 0;  // that are awaited
+  std::chrono::steady_clock::time_point lastBytes_;
   bool ready_ = false;
   bool over_ = false;
 };

@@ -293,6 +293,39 @@ TEST_F(SharedFeedsTest, AHolderWhoseLeaseIsForgottenBringsAllAlarmsOnceWhenAnoth
   }
 }
 
+TEST_F(SharedFeedsTest, CountsWhatBecomesOfAlarms) {
+  joinAll(2);
+  expectAll({member(0), member(1)}, 100);
+  const SharedFeedCounts &holder = member(0)->feeds.counts(), &reader = member(1)->feeds.counts();
+  EXPECT_GE(holder.published.value(), 100u);
+  EXPECT_GE(reader.received.value() + reader.filled.value(), 100u);
+  EXPECT_EQ(holder.refused.value() + reader.missed.value(), 0u);
+  const auto tell = [&](std::initializer_list<std::string_view> words) {
+    EXPECT_TRUE(member(0)->redis.send(words));
+  };
+  tell({"SET", "qn:0:feed:7", "another 9999999999999", "PX", "60000"});
+  EXPECT_TRUE(eventually([&] {
+    device_.raise(numbered(next_++));
+    return holder.refused.value() > 0;
+  }));
+  ASSERT_TRUE(eventually([&] { return device_.streams() == 0; })) << "it reads from now on";
+  const struct {
+    std::string_view stored, message;
+    const Counter& counter;
+    uint64_t more;
+  } rows[] = {{"", "9999999999999-5 ", reader.missed, 5},
+              {"9999999999999-6", "9999999999999-6 ", reader.filled, 1},
+              {"", "9999999999999-7 alarm", reader.received, 1}};
+  for (const auto& [stored, message, counter, more] : rows) {
+    const uint64_t before = counter.value();
+    if (!stored.empty()) tell({"XADD", "qn:0:alarms:7", stored, "alarm", "text"});
+    tell({"PUBLISH", "qn:0:alarms:7", message});
+    EXPECT_TRUE(eventually([&] { return counter.value() != before; })) << message;
+    EXPECT_EQ(counter.value(), before + more) << message;
+  }
+  EXPECT_TRUE(member(1)->clients.have("alarm"));
+}
+
 TEST_F(SharedFeedsTest, WithoutTheServerEachHasItsOwnStreamAndNoAlarmComesTwiceAfterIt) {
   joinAll(3);
   for (int round = 0; round < 3; ++round) {

@@ -49,7 +49,8 @@ class TestGateway {
   // As the HTTP service asks.
   int send(const std::string& authorization, const char* address = kAddress) {
     Events ready;
-    if (login.awaitNonce("GET", authorization, [&] { ready.signal(); })) {
+    if (login.mayAwaitNonce(authorization) &&
+        login.awaitNonce("GET", authorization, [&] { ready.signal(); })) {
       EXPECT_TRUE(ready.wait());
     }
     return check(authorization, address);
@@ -163,6 +164,12 @@ TEST(LoginsOfOneGateway, KeepTheContract) {
 
 TEST_F(SharedLoginsTest, KeepTheContract) {
   expectSharedLogins(*one_, *two_);
+  const SharedLoginCounts &first = one_->shared.counts(), &second = two_->shared.counts();
+  EXPECT_EQ(first.failures.value() + second.failures.value(), 5u);
+  EXPECT_FALSE(one_->login.mayAwaitNonce(sent(one_->nonce(), 1)[0])) << "the usual case";
+  EXPECT_EQ(first.noncesGiven.value(), 14u);
+  EXPECT_EQ(second.noncesTaken.value(), 14u);
+  EXPECT_EQ(first.noncesTaken.value(), 13u);
   EXPECT_EQ(keysWithoutExpiry(), "0");
   EXPECT_NE(ask("return redis.call('DBSIZE')"), "0");
 }
@@ -188,7 +195,8 @@ TEST_F(SharedLoginsTest, NoCountIsAcceptedTwice) {
     for (std::size_t i = 0; i < values.size(); ++i) {
       const std::size_t at = (i + std::size_t(thread) * kCounts) % values.size();
       Events ready;
-      if (login.awaitNonce("GET", values[at], [&] { ready.signal(); })) {
+      if (login.mayAwaitNonce(values[at]) &&
+          login.awaitNonce("GET", values[at], [&] { ready.signal(); })) {
         EXPECT_TRUE(ready.wait());
       }
       tagDIGEST_REQUEST request{};
@@ -229,6 +237,35 @@ TEST_F(SharedLoginsTest, WithoutTheServerEachGatewayDecidesByItselfAndSaysSoOnce
   EXPECT_EQ(keysWithoutExpiry(), "0");
   const std::string lines = testing::internal::GetCapturedStderr();
   EXPECT_EQ(one_->redis.engine().outages(), 1u) << lines;
+}
+
+TEST_F(SharedLoginsTest, CountsWhyANonceDoesNotCome) {
+  auto gone = std::make_unique<Member>(server_->port());
+  ASSERT_TRUE(eventually([&] { return gone->isConnected(); }));
+  const std::string ofGone = gone->nonce(), lost = one_->nonce(), kept = one_->nonce();
+  gone.reset();
+  ask("return redis.call('SET', 'qn:3:nonce:" + lost + ":admin', '" + two_->shared.self() +
+      "', 'PX', 60000)");
+  const struct {
+    const std::string& nonce;
+    NonceLoss loss;
+    std::function<void()> before;
+  } rows[] = {{ofGone, NonceLoss::NoHolder, [] {}},
+              {lost, NonceLoss::NotGiven, [] {}},
+              {kept, NonceLoss::NoAnswer, [&] { server_->process().pause(); }},
+              {kept, NonceLoss::NoEngine, [&] {
+                 server_->stop();
+                 ASSERT_TRUE(eventually([&] { return !two_->isConnected(); }));
+               }}};
+  for (const auto& [nonce, loss, before] : rows) {
+    const Counter& counter = two_->shared.counts().noncesLost[std::size_t(loss)];
+    before();
+    EXPECT_TRUE(eventually([&] {
+      EXPECT_EQ(two_->send(sent(nonce, 1)[0]), DIGEST_NO_CREDENTIALS);
+      return counter.value() > 0;
+    })) << kNonceLossNames[std::size_t(loss)];
+  }
+  EXPECT_EQ(two_->shared.counts().noncesTaken.value(), 0u);
 }
 
 // A server that is stopped answers nothing, and its connections stay.
