@@ -1,7 +1,7 @@
 #include "gateway/auth/digest.h"
 
 #include <nettle/memops.h>
-#include <openssl/rand.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -114,7 +114,7 @@ bool equalInConstantTime(std::string_view a, std::string_view b) {
   return a.size() == b.size() && memeql_sec(a.data(), b.data(), a.size()) == 1;
 }
 
-bool fillRandom(uint8_t* bytes, std::size_t count) { return RAND_bytes(bytes, int(count)) == 1; }
+bool fillRandom(uint8_t* bytes, std::size_t count) { return getentropy(bytes, count) == 0; }
 
 void keyedHash(std::string_view key, std::string_view message, std::span<uint8_t> bytes) {
   sha256_ctx hash;

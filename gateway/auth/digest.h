@@ -76,7 +76,8 @@ class DigestResponses {
 // Takes the same time wherever the texts differ.
 bool equalInConstantTime(std::string_view a, std::string_view b);
 
-// From the system's generator. False when it failed; the bytes are then not to be used.
+// At most 256, from the system's generator. False when it failed; the bytes are then not to be
+// used.
 bool fillRandom(uint8_t* bytes, std::size_t count);
 
 // The first bytes (at most 32) of SHA-256 over key and message; both of fixed length, so this is a
