@@ -60,17 +60,17 @@ HexDigest::HexDigest(std::span<const uint8_t> bytes) : length_(uint8_t(2 * bytes
 
 Hash::Hash(DigestAlgorithm algorithm) : algorithm_(algorithm) {
   if (algorithm_ == DigestAlgorithm::MD5) {
-    md5_init(&md5_);
+    md5_init(&state_.md5);
   } else {
-    sha256_init(&sha256_);
+    sha256_init(&state_.sha256);
   }
 }
 
 Hash& Hash::add(std::string_view piece) {
   if (algorithm_ == DigestAlgorithm::MD5) {
-    md5_update(&md5_, piece.size(), bytesOf(piece));
+    md5_update(&state_.md5, piece.size(), bytesOf(piece));
   } else {
-    sha256_update(&sha256_, piece.size(), bytesOf(piece));
+    sha256_update(&state_.sha256, piece.size(), bytesOf(piece));
   }
   return *this;
 }
@@ -79,9 +79,9 @@ HexDigest Hash::finish() {
   std::array<uint8_t, SHA256_DIGEST_SIZE> bytes;
   const std::size_t size = hexLength(algorithm_) / 2;
   if (algorithm_ == DigestAlgorithm::MD5) {
-    md5_digest(&md5_, size, bytes.data());
+    md5_digest(&state_.md5, size, bytes.data());
   } else {
-    sha256_digest(&sha256_, size, bytes.data());
+    sha256_digest(&state_.sha256, size, bytes.data());
   }
   return HexDigest({bytes.data(), size});
 }

@@ -47,11 +47,13 @@ class Hash {
   HexDigest finish();
 
  private:
-  DigestAlgorithm algorithm_;
-  union {
-    md5_ctx md5_;
-    sha256_ctx sha256_;
+  union State {
+    md5_ctx md5;
+    sha256_ctx sha256;
   };
+
+  DigestAlgorithm algorithm_;
+  State state_;
 };
 
 // What is sent of the use of a nonce; qop is auth.
