@@ -82,7 +82,7 @@ int CEventPto::sendHeartBeatOnTimer(int timerId, void* user) {
 // heartbeat at every run.
 void CEventPto::sendHeartBeats() {
   QNBase::CRWLock::ReadGuard guard(sessionLock_);
-  for (const auto& session : sessions_.all()) {
+  for (const auto& [id, session] : sessions_.byId()) {
     const auto now = static_cast<uint32_t>(ZRT_GetTimeTick());
     if (now - session->getLastAlarmTime() <= kSilenceMs) continue;
     std::string text;

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <ranges>
 #include <set>
 #include <string_view>
 
@@ -43,7 +42,7 @@ class SessionTable {
 
   bool empty() const { return byId_.empty(); }
   // In ascending order of their ids.
-  auto all() const { return std::views::values(byId_); }
+  const std::map<int32_t, Session>& byId() const { return byId_; }
   template <class Visitor>
   void visitDevice(std::string_view devIndex, Visitor visit) const {
     const auto [first, last] = byDevice_.equal_range(devIndex);

@@ -87,6 +87,7 @@ TEST(ThreadLoan, EveryJobAcceptedDuringDestroyRunsOnce) {
     Job job = [&] { ++ran; };
     Pool pool(4);
     std::vector<std::thread> producers;
+    producers.reserve(3);
     for (int i = 0; i < 3; ++i) {
       producers.emplace_back([&] {
         for (bool taken = true; taken;) {
