@@ -140,6 +140,27 @@ TEST(WriteXml, RepeatedEntriesHaveABound) {
   }
 }
 
+// Elements wait in a buffer until it is full.
+TEST(WriteXml, IsTheSameWhereverTheBufferEnds) {
+  static constexpr Row kTexts[] = {text("t", write::optional)};
+  static constexpr Row kRows[] = {
+      text("first", write::optional),
+      section("inner", kTexts, write::optional),
+      text("last", write::optional),
+  };
+  const Row row = section("s", kRows, write::required);
+  for (std::size_t length = 0; length < 1100; ++length) {
+    const std::string first(length, 'x');
+    Json::Value object = parsed(R"({"inner":{},"last":"<"})");
+    object["first"] = first;
+    if (length % 2 == 0) object["last"] = "\x01";  // nothing of it is written
+    const std::string last = length % 2 == 0 ? "<last/>" : "<last>&lt;</last>";
+    EXPECT_EQ(written(row, &object),
+              "<s>" + (length == 0 ? "<first/>" : "<first>" + first + "</first>") + "<inner/>" +
+                  last + "</s>");
+  }
+}
+
 TEST(WriteXml, RootFollowsItsRule) {
   const struct {
     WriteRule rule;
