@@ -193,8 +193,13 @@ class Draining(unittest.TestCase):
             gateway.signal(harness.signal.SIGTERM)
             with client.Client(admin) as one:
                 harness.wait_until(lambda: one.get("/readyz").status == 503, 3, "readiness")
-            answer = kept.get(INFO)
-            self.assertEqual((answer.status, answer.headers["Connection"]), (200, "close"))
+
+            def led_elsewhere():
+                answer = kept.get(INFO)
+                self.assertEqual(answer.status, 200)
+                return answer.headers["Connection"] == "close"
+
+            harness.wait_until(led_elsewhere, 3, "an answer that ends its connection")
         with client.Client(gateway.port, "second", harness.PASSWORD) as fresh:
             self.assertEqual(fresh.get(INFO).status, 200)
         for one in readers:
