@@ -29,6 +29,8 @@ struct FeedTimes {
 };
 
 // The alarm's text, with "devIndex" set; valid during the call. For one device one call at a time.
+// Deliveries to streams may run in it, and with the last stream they stop the feed: stop() must not
+// wait for what the caller holds.
 using AlarmSink = std::function<void(const std::string& alarm)>;
 
 // A device's alarms, while they are wanted.
