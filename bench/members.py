@@ -117,6 +117,4 @@ def await_engines(*gateways):
 def metrics(gateway):
     """The gateway's metrics by name and labels."""
     with client.Client(gateway.admin_port) as one:
-        text = one.get("/metrics").body.decode()
-    return {line.rpartition(" ")[0]: float(line.rpartition(" ")[2])
-            for line in text.splitlines() if line and line[0] != "#"}
+        return harness.series(one.get("/metrics").body.decode())

@@ -39,6 +39,10 @@ class Member(harness.Gateway):
             answer = one.get("/readyz")
         return answer.status, answer.json().get("without", [])
 
+    def metric(self, name):
+        with client.Client(self.admin_port) as one:
+            return harness.series(one.get("/metrics").body.decode())[name]
+
     def number(self):
         """That of the process, under which Redis knows it: its nonces carry it."""
         with client.Client(self.port) as one:

@@ -44,6 +44,12 @@ def free_ports(count):
     return list(ports)
 
 
+def series(text):
+    """Of metrics: the values by the series' names and labels."""
+    return {line.rsplit(" ", 1)[0]: float(line.rsplit(" ", 1)[1])
+            for line in text.splitlines() if line and not line.startswith("#")}
+
+
 def wait_until(condition, seconds=10, what="the condition"):
     """Polls until the condition holds and returns its value; fails after the given time."""
     deadline = time.monotonic() + seconds

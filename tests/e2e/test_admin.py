@@ -30,12 +30,6 @@ def run(*command, **more):
                           timeout=100, **more)
 
 
-def series(text):
-    """The values by the series' names and labels."""
-    return {line.rsplit(" ", 1)[0]: float(line.rsplit(" ", 1)[1])
-            for line in text.splitlines() if line and not line.startswith("#")}
-
-
 class AdminTest(harness.StreamTest):
     admin = {}
 
@@ -51,7 +45,7 @@ class AdminTest(harness.StreamTest):
             return one.request(method, url, headers=headers)
 
     def metrics(self):
-        return series(self.ask("GET", "/metrics").body.decode())
+        return harness.series(self.ask("GET", "/metrics").body.decode())
 
 
 class Metrics(AdminTest):
@@ -132,7 +126,7 @@ class ManyDevices(unittest.TestCase):
             [harness.user("admin", "1")], {"admin": {"port": port}})
         self.addCleanup(gateway.stop)
         with client.Client(port) as one:
-            found = series(one.get("/metrics").body.decode())
+            found = harness.series(one.get("/metrics").body.decode())
             self.assertEqual(len(one.get("/status.json?search=99").json()["devices"]["list"]), 200)
         of_devices = [name for name in found if "device=" in name]
         self.assertLessEqual(len(of_devices), PER_DEVICE * count)
