@@ -26,7 +26,7 @@ class PostgresArchive final : public OperationArchive {
   static constexpr std::chrono::milliseconds kPollTime{500};  // for new rows in the file
   static constexpr std::chrono::seconds kPingTime{5};         // without rows
   static constexpr std::chrono::hours kRetentionTime{1};
-  static constexpr std::chrono::seconds kLongestRetry{15};
+  static constexpr std::chrono::seconds kLongestRetry{5};
   static constexpr std::chrono::seconds kStopTime{2};  // then a look-up of a name is left alone
 
   // Throws std::invalid_argument for a URI that cannot be read. `firstRetry` doubles with each

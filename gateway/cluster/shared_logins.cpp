@@ -102,12 +102,13 @@ std::optional<CountWindow> windowOf(std::string_view hex) {
 }  // namespace
 
 SharedLogins::SharedLogins(RedisClient& redis, Login& login, std::string prefix,
-                           std::string_view nameKey)
+                           std::string_view nameKey, std::chrono::milliseconds fetchTime)
     : redis_(redis),
       login_(login),
       prefix_(std::move(prefix)),
       channel_(prefix_ + "logins"),
-      self_(hexOf(newNumber())) {
+      self_(hexOf(newNumber())),
+      fetchTime_(fetchTime) {
   login.join(*this, text::wholeNumber<uint32_t>(self_, 16).value_or(0), nameKey);
   redis.listen(channel_, [this](std::string_view message) { hear(message); });
   redis.listen(prefix_ + "to:" + self_, [this](std::string_view message) { asked(message); });
@@ -199,7 +200,7 @@ void SharedLogins::fetch(uint32_t maker, std::string_view nonce, std::string_vie
 void SharedLogins::ask(uint32_t maker, const std::string& nonce, const std::string& user,
                        std::function<void()> done) {
   const uint64_t token = ++lastToken_;
-  auto deadline = std::make_unique<boost::asio::steady_timer>(redis_.context(), kFetchTime);
+  auto deadline = std::make_unique<boost::asio::steady_timer>(redis_.context(), fetchTime_);
   deadline->async_wait([this, token](const boost::system::error_code& error) {
     if (!error) lose(token, NonceLoss::NoAnswer);
   });

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -27,8 +28,10 @@ namespace qn {
 // The client and the login outlive it; the client is started afterwards and stopped before it goes.
 class SharedLogins final : public LoginPeers {
  public:
-  // Keys and channels begin with `prefix`. `nameKey`: the same secret on all gateways.
-  SharedLogins(RedisClient& redis, Login& login, std::string prefix, std::string_view nameKey);
+  // Keys and channels begin with `prefix`. `nameKey`: the same secret on all gateways. `fetchTime`:
+  // the longest that a request waits for its nonce.
+  SharedLogins(RedisClient& redis, Login& login, std::string prefix, std::string_view nameKey,
+               std::chrono::milliseconds fetchTime = kFetchTime);
 
   // This process's number, as its nonces carry it.
   const std::string& self() const { return self_; }
@@ -63,6 +66,7 @@ class SharedLogins final : public LoginPeers {
   const std::string prefix_;
   const std::string channel_;  // of all
   const std::string self_;
+  const std::chrono::milliseconds fetchTime_;
   SharedLoginCounts counts_;
 
   // The client's thread's own:

@@ -91,8 +91,12 @@ TEST(HealthTest, AStuckReactorShowsWithinTwoSeconds) {
   health.setStarted();
   std::this_thread::sleep_for(Pulse::kStuck + 300ms);
   EXPECT_EQ(health.againstReadiness(), Health::Reasons{}) << "idle ones live";
-  std::promise<void> released;
-  boost::asio::post(reactors.context(1), [&] { released.get_future().wait(); });
+  std::promise<void> entered, released;
+  boost::asio::post(reactors.context(1), [&] {
+    entered.set_value();
+    released.get_future().wait();
+  });
+  entered.get_future().wait();
   const auto end = std::chrono::steady_clock::now() + 2s;
   while (health.againstLife().empty() && std::chrono::steady_clock::now() < end) {
     std::this_thread::sleep_for(20ms);
@@ -122,7 +126,8 @@ TEST(ReloadsTest, WhoAsksGetsTheOutcomeOfALaterReload) {
   EXPECT_EQ(reloads.state().refusal, "");
   asked = std::async(std::launch::async, [&] { return reloads.ask(); });
   reloads.close();
-  ASSERT_EQ(asked.wait_for(5s), std::future_status::ready) << "a gateway that stops waits for none";
+  ASSERT_EQ(asked.wait_for(30s), std::future_status::ready)
+      << "a gateway that stops waits for none";
   EXPECT_EQ(asked.get(), std::nullopt);
 }
 

@@ -274,18 +274,17 @@ TEST_F(AlarmBusTest, ADeviceThatStartsOrSendsTooMuchIsAskedAgainSoon) {
     unsubscribe(id);
   };
   constexpr Clock::duration kDelays[] = {250ms, 500ms, 1000ms, 2000ms, 2000ms};
-  bool soon = false;
-  for (int i = 0; i < 3 && !soon; ++i) {  // a busy machine may hold it up
+  std::array<bool, std::size(kDelays)> soon{};
+  for (int i = 0; i < 5 && !std::ranges::all_of(soon, std::identity()); ++i) {
     std::vector<Clock::time_point> asked;
     attempt(asked);
     ASSERT_EQ(asked.size(), 6u);
-    soon = true;
     for (std::size_t n = 0; n < std::size(kDelays); ++n) {
       EXPECT_GE(asked[n + 1] - asked[n], kDelays[n] * 3 / 4) << n;
-      soon = soon && asked[n + 1] - asked[n] <= kDelays[n] + 400ms;
+      soon[n] = soon[n] || asked[n + 1] - asked[n] <= kDelays[n] + 400ms;
     }
   }
-  EXPECT_TRUE(soon);
+  EXPECT_TRUE(std::ranges::all_of(soon, std::identity())) << "each, once that nothing holds it up";
 }
 
 // In the order of the device's alarms, however long the one before takes.

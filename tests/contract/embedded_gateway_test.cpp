@@ -3,6 +3,7 @@
 
 #include "tests/contract/folder.h"
 #include "tests/contract/http_fixture.h"
+#include "tests/contract/ports.h"
 
 namespace qn {
 namespace {
@@ -25,14 +26,10 @@ class Embedded : public testing::Test {
     values.set("storage.data_dir", folder_.path().string());
     return values.add("users", {{"name", "admin"}, {"password", "x"}, {"device", "1"}});
   }
-  // On ports that nobody has.
   int startOnFreePorts(bool withAdmin = false) {
-    for (int port = 10240 + getpid() % 20000;; port += 3) try {
-        gateway_.start(settings(port).set("admin.port", withAdmin ? port + 2 : 0));
-        return port;
-      } catch (const std::runtime_error& error) {
-        if (!strstr(error.what(), "port")) throw;
-      }
+    const int port = freePort(3);
+    gateway_.start(settings(port).set("admin.port", withAdmin ? port + 2 : 0));
+    return port;
   }
   static std::string ask(int port) { return RawClient(uint16_t(port)).ask(kGet).body; }
 
@@ -91,7 +88,7 @@ TEST_F(Embedded, AnOperatorsReloadIsTheProgramsToDo) {
   EmbeddedGateway other(itself);
   other.start(settings(port).set("admin.port", port + 2));
   RawClient operating(uint16_t(port + 2), order);
-  ASSERT_TRUE(asked.wait(1));
+  ASSERT_TRUE(asked.wait());
   EXPECT_EQ(other.reload(settings(port).set("admin.port", port + 2)), "");
   EXPECT_EQ(operating.answer().status, 200);
 }

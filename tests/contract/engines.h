@@ -3,10 +3,8 @@
 #pragma once
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +14,7 @@
 
 #include "tests/contract/events.h"
 #include "tests/contract/folder.h"
+#include "tests/contract/ports.h"
 
 namespace qn {
 
@@ -134,29 +133,7 @@ class TestRedis {
   static std::string program() {
     return installed({"/usr/bin/redis-server", "/usr/local/bin/redis-server"});
   }
-  static sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-  }
-  bool answers() const {
-    const sockaddr_in address = loopback(port_);
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    close(probe);
-    return result == 0;
-  }
-  static uint16_t freePort() {
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    const int probe = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), size), 0);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-    close(probe);
-    return ntohs(address.sin_port);
-  }
+  bool answers() const { return Socket().connect(port_); }
 
   const std::string password_;
   const uint16_t port_ = freePort();

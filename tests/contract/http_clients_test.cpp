@@ -111,11 +111,11 @@ TEST_F(HttpFixture, LimitsMayChangeUnderOpenConnections) {
 
 TEST_F(HttpFixture, ListenersMoveAndConnectionsStay) {
   reactors_.start();
-  const uint16_t old = otherPort();
+  const uint16_t old = freePort();
   options_.port = old;
   listen();
-  const uint16_t extra = otherPort();
-  const uint16_t next = otherPort();
+  const uint16_t extra = freePort();
+  const uint16_t next = freePort();
   service_->setExtraPorts({{extra, Access::OwnResources}});
   const auto client = idleClient(old);
   const auto reaches = [](uint16_t to) { return RawClient(to).ask(kGet).status; };
@@ -271,7 +271,7 @@ TEST_F(HttpFixture, PortsComeAndGoAndOneThatWasTakenIsOpenedWhenItIsFree) {
   HttpService& service = start();
   auto other = std::make_unique<HttpService>(reactors_, workers_, options_, runScript);
   other->listen();
-  const uint16_t wanted = other->port(), dropped = otherPort();
+  const uint16_t wanted = other->port(), dropped = freePort();
   EXPECT_THROW(service.listenOn(wanted, Access::Everything), std::system_error);
   service.setExtraPorts({{wanted, Access::Everything},
                          {dropped, Access::Everything},

@@ -4,12 +4,12 @@
 
 #include <cctype>
 #include <cstdlib>
-#include <random>
 #include <system_error>
 
 #include "gateway/http/http_service.h"
 #include "platform/http_service.h"
 #include "tests/contract/events.h"
+#include "tests/contract/ports.h"
 #include "tests/contract/socket.h"
 
 namespace qn {
@@ -167,18 +167,6 @@ class HttpFixture : public testing::Test {
   }
   uint16_t port() const { return service_->port(); }
   HttpAnswer ask(std::string_view request) { return RawClient(port()).ask(request); }
-  // A free one, which no connection of another process is given; while the reactors run.
-  uint16_t otherPort() {
-    static std::mt19937 random{std::random_device{}()};
-    HttpOptions options = options_;
-    for (;;) try {
-        options.port = std::uniform_int_distribution<uint16_t>(10240, 32767)(random);
-        HttpService probe(reactors_, workers_, options, runScript);
-        probe.listen();
-        return options.port;
-      } catch (const std::system_error&) {  // taken
-      }
-  }
 
   HttpOptions options_;
   ModuleEntry entry_{runScript};

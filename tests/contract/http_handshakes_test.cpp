@@ -87,7 +87,7 @@ class SecurePort : public HttpFixture {
 
 TEST_F(SecurePort, ComesAndGoesWithTheConfiguration) {
   HttpService& service = start();
-  https_.port = otherPort();
+  https_.port = freePort();
   EXPECT_FALSE(speaksTls());
   service.setOptions(options_, https_);
   EXPECT_TRUE(speaksTls());
@@ -112,7 +112,7 @@ TEST_F(SecurePort, ComesAndGoesWithTheConfiguration) {
 
 TEST_F(SecurePort, AHandshakeHasItsTime) {
   start();
-  https_.port = otherPort();
+  https_.port = freePort();
   https_.handshakeTime = std::chrono::seconds(1);
   service_->setOptions(options_, https_);
   RawClient slow(https_.port, "\x16");

@@ -236,21 +236,17 @@ TEST_F(HttpFixture, PipeliningWithoutReadingIsBounded) {
 }
 
 TEST_F(HttpFixture, ClientThatEndedItsSideGetsEveryAnswerItAskedFor) {
-  script([&](int&, std::string&, int& asyncReply, const stHttpRes& request) {
-    asyncReply = 1;
-    std::thread([handle = request.exchange->getHttpHandle()] {
-      ::usleep(20'000);  // so that the end arrives first
-      CHttpExchange exchange(handle);
-      const std::string url = exchange.getUrl();
-      exchange.response(url.data(), static_cast<int>(url.size()));
-    }).detach();
-    return 200;
-  });
+  leaving();
   start();
   RawClient client(port(), get("/1") + get("/2") + "GET /3");
   client.endSending();
-  EXPECT_EQ(client.answer().body, "/1");
-  EXPECT_EQ(client.answer().body, "/2");
+  for (const std::string url : {"/1", "/2"}) {
+    const int handle = waitForHandle();
+    ::usleep(20'000);  // so that the end arrives first
+    EXPECT_EQ(CHttpExchange(handle).getUrl(), url);
+    answer(handle, url);
+    EXPECT_EQ(client.answer().body, url);
+  }
   EXPECT_TRUE(client.closedByServer());
 }
 

@@ -432,8 +432,13 @@ TEST_F(LoginTest, AFullTableLocksNobodyWhoHasNotFailed) {
   for (int n = 0; n < 256; ++n) {
     EXPECT_EQ(codeOf(right(), "198.51.100." + std::to_string(n)), DIGEST_OK) << n;
   }
-  EXPECT_EQ(send(wrong(), "203.0.113.1").result.retryLoginTime, 2);
-  EXPECT_EQ(send(wrong(), "203.0.113.1").result.retryLoginTime, 1) << "there is room to count";
+  int counted = 0;  // but those of the full set, which are one of 64 networks by chance
+  for (int n = 0; n < 32; ++n) {
+    const std::string stranger = "203.0." + std::to_string(n) + ".1";
+    EXPECT_EQ(send(wrong(), stranger).result.retryLoginTime, 2);
+    counted += send(wrong(), stranger).result.retryLoginTime == 1;
+  }
+  EXPECT_GE(counted, 16) << "there is room to count";
 }
 
 TEST_F(LoginTest, ThePortChoosesTheDeviceInModeTwo) {

@@ -263,7 +263,7 @@ class PictureHttp : public HttpFixture {
 
 TEST_F(PictureHttp, ServesPicturesAndNothingElseOnItsPort) {
   const std::string path = upload(kJpeg);
-  const uint16_t extra = otherPort();
+  const uint16_t extra = freePort();
   service_->setExtraPorts({{extra, Access::Everything}});
   EXPECT_EQ(RawClient(extra).ask(get("/KAVRO/x")).body, "the module");
   service_->setExtraPorts({{extra, Access::OwnResources}});

@@ -1,4 +1,5 @@
 """Starts the real processes for the tests, on free ports, and stops them."""
+import itertools
 import json
 import os
 import pathlib
@@ -24,24 +25,36 @@ PASSWORD = "e2e-Password1"
 REPORTS = ("AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime error:")
 
 
-GIVEN_PORTS = set()
+def _ports():
+    """Ports of loopback that nobody else is given: of ranges that are this process's while it lives, since
+    whoever has one has bound its name (tests/contract/ports.h does the same). All are below those that
+    the system gives to connections."""
+    names = []  # stay bound
+    for number in range(os.getpid(), os.getpid() + 64):
+        first = 10240 + number % 64 * 352
+        names.append(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM))
+        try:
+            names[-1].bind(f"\0qn-test-ports-{first}")
+        except OSError:
+            continue  # another test's
+        yield from filter(_is_free, random.sample(range(first, first + 352), 352))
+
+
+def _is_free(port):
+    with socket.socket() as probe:
+        try:
+            probe.bind(("127.0.0.1", port))
+            return True
+        except OSError:
+            return False
+
+
+PORTS = _ports()
 
 
 def free_ports(count):
-    """Ports that nobody uses, never one twice; below those that the system gives to clients, so that none is taken
-    by a connection before the gateway listens on it; and those of the tests beside us are others."""
-    ports, first = set(), 10240 + os.getpid() % 64 * 352
-    while len(ports) < count:
-        port = first + random.randrange(352)
-        with socket.socket() as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-                if port not in GIVEN_PORTS:
-                    ports.add(port)
-            except OSError:
-                pass  # in use
-    GIVEN_PORTS.update(ports)
-    return list(ports)
+    """Never one twice."""
+    return list(itertools.islice(PORTS, count))
 
 
 def series(text):
@@ -50,8 +63,9 @@ def series(text):
             for line in text.splitlines() if line and not line.startswith("#")}
 
 
-def wait_until(condition, seconds=10, what="the condition"):
-    """Polls until the condition holds and returns its value; fails after the given time."""
+def wait_until(condition, seconds=60, what="the condition"):
+    """Polls until the condition holds and returns its value; fails after the given time. That is ample by
+    default: on a busy machine things take ten times as long. Less is a promise that is checked."""
     deadline = time.monotonic() + seconds
     while True:
         if value := condition():
@@ -322,12 +336,12 @@ class StreamTest(GatewayTest):
             return None
 
         number = 1 if name == "admin" else 2
-        stream = wait_until(opened, 15, "a place for a stream")
+        stream = wait_until(opened, what="a place for a stream")
         self.addCleanup(stream.close)
         self.wait_for_feed(number)
         return stream
 
-    def wait_for_feed(self, number=1, seconds=10):
+    def wait_for_feed(self, number=1, seconds=60):
         wait_until(lambda: self.devices.state(number)["alertStreams"] == 1, seconds,
                            "the gateway's stream to the device")
 

@@ -399,7 +399,7 @@ class Ledger:
 
     def settle(self):
         """Until all engines can be used everywhere and alarms flow everywhere."""
-        harness.wait_until(self.cluster.is_whole, 30, "a whole cluster")
+        harness.wait_until(self.cluster.is_whole, what="a whole cluster")
         self.alarms.wait_for_all()
 
     def counts(self):

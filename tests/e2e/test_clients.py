@@ -13,7 +13,7 @@ class Login(harness.GatewayTest):
     """Every test comes from an address of its own, so that no test's lock is another's."""
 
     sections = {"http": {"trusted_proxies": ["127.0.0.31"]},
-                "lock": {"max_attempts": 3, "lock_seconds": 3}}
+                "lock": {"max_attempts": 3, "lock_seconds": 8}}
 
     def status(self, source, password=harness.PASSWORD, forwarded=None, name="admin"):
         headers = {"X-Forwarded-For": forwarded} if forwarded else {}
@@ -29,12 +29,12 @@ class Login(harness.GatewayTest):
             found = self.client(password="no", source="127.0.0.11").get(URL).xml()
             self.assertEqual((found.findtext("lockStatus"), found.findtext("retryLoginTime")),
                              (lock, retries))
-        self.assertEqual(found.findtext("unlockTime"), "3")
+        self.assertEqual(found.findtext("unlockTime"), "8")
         self.assertEqual([self.status("127.0.0.11", name=name) for name in ("admin", "operator")],
                          [401, 401])
         self.assertEqual(self.status("127.0.0.11", forwarded="127.0.0.14"), 401, "hidden")
         self.assertEqual(self.status("127.0.0.14"), 200)
-        harness.wait_until(lambda: self.status("127.0.0.11") == 200, 8, "the end of the lock")
+        harness.wait_until(lambda: self.status("127.0.0.11") == 200, 20, "the end of the lock")
 
     def test_a_trusted_proxy_names_the_client(self):
         for _ in range(3):
@@ -58,7 +58,7 @@ class Login(harness.GatewayTest):
 
         def lines():
             return [line for line in self.gateway.lines if "127.0.0.41" in line]
-        harness.wait_until(lambda: len(lines()) > 1, 5, "the summary")
+        harness.wait_until(lambda: len(lines()) > 1, what="the summary")
         self.assertIn('login of "admin" from 127.0.0.41 failed: 2 attempts left', lines()[0])
         self.assertIn("locked", lines()[-1])
         self.assertIn("lines like this", lines()[-1])
@@ -175,5 +175,5 @@ class SlowClients(harness.GatewayTest):
         before = self.gateway.descriptors()
         for one in idle:
             one.close()
-        harness.wait_until(lambda: self.gateway.descriptors() < 100 < before, 10,
-                           "the descriptors of the closed connections")
+        harness.wait_until(lambda: self.gateway.descriptors() < 100 < before,
+                           what="the descriptors of the closed connections")

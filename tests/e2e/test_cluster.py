@@ -1,6 +1,7 @@
 """Three gateways that share Redis and PostgreSQL, with clients of each, while parts of it are killed."""
 import collections
 import http.client
+import itertools
 import shutil
 import threading
 import time
@@ -59,7 +60,7 @@ class ClusterTest(unittest.TestCase):
 
     def setUp(self):
         for gateway in self.gateways:
-            harness.wait_until(lambda: gateway.health() == (200, []), 20, "an engine")
+            harness.wait_until(lambda: gateway.health() == (200, []), what="an engine")
 
     def listen(self, gateway, user="admin"):
         listener = Listener(gateway.port, user)
@@ -80,7 +81,7 @@ class ClusterTest(unittest.TestCase):
                     return True
                 time.sleep(0.01)
             return False
-        harness.wait_until(pushed, 20, "alarms on all streams")
+        harness.wait_until(pushed, what="alarms on all streams")
 
     def send(self, count, *listeners, number=1):
         """Alarms that all get, in their order, and once."""
@@ -89,7 +90,7 @@ class ClusterTest(unittest.TestCase):
             self.push(str(self.pushed), number)
         last = str(self.pushed)
         for each in listeners:
-            harness.wait_until(lambda: last in each.names, 20, "the last alarm")
+            harness.wait_until(lambda: last in each.names, what="the last alarm")
             expected = [str(self.pushed - count + 1 + i) for i in range(count)]
             self.assertEqual(each.names[-count:], expected)
             self.assertEqual(each.names, sorted(set(each.names)), "twice, or out of order")
@@ -99,8 +100,11 @@ class ClusterTest(unittest.TestCase):
         self.addCleanup(one.close)
         self.assertEqual(one.get(INFO).status, 200)
         statuses = collections.Counter()
-        used = []
-        for turn in range(60):
+        deadline = time.monotonic() + 60
+        for turn in itertools.count():
+            if statuses[200] == 30:
+                break
+            self.assertLess(time.monotonic(), deadline, statuses)
             with client.Client(self.gateways[turn % 3].port, "admin", harness.PASSWORD) as elsewhere:
                 elsewhere.challenge, elsewhere.uses = one.challenge, one.uses
                 answer = elsewhere.once("GET", INFO)
@@ -110,7 +114,6 @@ class ClusterTest(unittest.TestCase):
                     challenge = client.parse_challenge(answer.headers["WWW-Authenticate"])
                     self.assertEqual(challenge["stale"], "TRUE")
                     one.challenge, one.uses = challenge, 0
-        self.assertGreaterEqual(statuses[200], 30, statuses)
         self.assertEqual(set(statuses) - {200, 401}, set())
 
     def test_a_lock_holds_everywhere(self):
@@ -120,8 +123,8 @@ class ClusterTest(unittest.TestCase):
                 guesser.get(INFO)
         # A right login that overtakes the guesses on their way forgives them: it waits for the lock.
         for gateway in self.gateways:
-            harness.wait_until(lambda: gateway.metric("qn_login_locked_addresses") == 1, 10,
-                               "the lock")
+            harness.wait_until(lambda: gateway.metric("qn_login_locked_addresses") == 1,
+                               what="the lock")
             with client.Client(gateway.port, "admin", harness.PASSWORD, "127.0.0.7") as right:
                 self.assertIn(b"unlockTime", right.get(INFO).body)
             with client.Client(gateway.port, "admin", harness.PASSWORD) as other:
@@ -144,7 +147,7 @@ class ClusterTest(unittest.TestCase):
         self.assertEqual(self.devices.state(1)["alertStreams"], 1)
         self.gateways[0].start()
         self.redis.kill()
-        harness.wait_until(lambda: self.devices.state(1)["alertStreams"] == 2, 10, "own streams")
+        harness.wait_until(lambda: self.devices.state(1)["alertStreams"] == 2, what="own streams")
         self.flows(*others)
         self.send(50, *others)
         for gateway in self.gateways:
@@ -153,7 +156,7 @@ class ClusterTest(unittest.TestCase):
             with client.Client(gateway.port, "admin", harness.PASSWORD) as good:
                 self.assertEqual(good.get(INFO).status, 200)
         self.redis.start()
-        harness.wait_until(lambda: self.devices.state(1)["alertStreams"] == 1, 20, "one stream")
+        harness.wait_until(lambda: self.devices.state(1)["alertStreams"] == 1, what="one stream")
         self.flows(*others)
         self.send(100, *others)
 
@@ -172,15 +175,13 @@ class ClusterTest(unittest.TestCase):
                         self.assertEqual(answer.status, 200, answer)
                         sent += 1
             if turn == 1:
-                harness.wait_until(lambda: self.gateways[0].health()[1], 20, "the outage")
+                harness.wait_until(lambda: self.gateways[0].health()[1], what="the outage")
                 self.assertEqual(self.gateways[0].health()[0], 200)
                 self.postgres.start()
         rows = ("SELECT count(*), count(DISTINCT gateway), min(status), max(status) "
                 "FROM operation_log WHERE operation LIKE 'PUT /KAVRO/System/time%'")
-        deadline = time.monotonic() + 30
-        while (found := self.postgres.ask(rows)) != f"{sent}|3|200|200":
-            self.assertLess(time.monotonic(), deadline, f"{found}, but {sent} were sent")
-            time.sleep(0.2)
+        harness.wait_until(lambda: self.postgres.ask(rows) == f"{sent}|3|200|200",
+                           what=f"{sent} rows of 3 gateways")
 
     @unittest.skipUnless(engines.has_haproxy(), "haproxy is not installed")
     def test_the_load_balancer_goes_round_a_gateway_that_is_not_there(self):
@@ -196,12 +197,12 @@ class ClusterTest(unittest.TestCase):
                         return False
             return True
 
-        harness.wait_until(all_served, 20, "the load balancer")
+        harness.wait_until(all_served, what="the load balancer")
         listener = self.listen(proxy, "user3")
         self.flows(listener, number=3)
         self.gateways[2].child.terminate()
         self.assertEqual(self.gateways[2].wait(), 0)
-        harness.wait_until(all_served, 20, "the others")
+        harness.wait_until(all_served, what="the others")
         self.assertTrue(all_served())
         self.gateways[2].start()
 

@@ -83,7 +83,7 @@ class OutagesTest(unittest.TestCase):
         try:
             time.sleep(fault.seconds)
             if fault.shows:
-                harness.wait_until(lambda: not self.cluster.is_whole(), 10, "the outage")
+                harness.wait_until(lambda: not self.cluster.is_whole(), what="the outage")
             during, paused = self.ledger.counts(), set(self.cluster.down)
         finally:
             fault.end(self.cluster, hit)

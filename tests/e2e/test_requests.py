@@ -216,7 +216,7 @@ class Faults(RequestTest):
             self.assert_error(url, 503, "deviceUnreachable")
             self.assert_serving("operator")
         self.devices.order(listening=True)
-        harness.wait_until(lambda: self.client().get(INFO).status == 200, 10, "the device's return")
+        harness.wait_until(lambda: self.client().get(INFO).status == 200, what="the device's return")
 
     def test_nonsense_costs_one_answer_and_nothing_else(self):
         before = self.gateway.descriptors()
