@@ -21,22 +21,25 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Renews one's own lease, takes a free one, or tells its holder that there is a reader. Numbers
-// grow also when the server has lost them: they are its time, at least.
+// grow also when the server has lost them: they are its time, at least. A third word says that
+// somebody has had the feed not long ago.
 constexpr char kClaim[] =
     "local held = redis.call('GET', KEYS[1]) "
     "if held then "
     "  local holder = string.match(held, '^%S+') "
     "  if holder == ARGV[1] then redis.call('PEXPIRE', KEYS[1], ARGV[2]) "
+    "    redis.call('PEXPIRE', KEYS[2], 3600000) "
     "  else redis.call('PUBLISH', ARGV[3] .. holder, ARGV[4]) end "
     "  return held end "
     "local time = redis.call('TIME') "
+    "local former = redis.call('GET', KEYS[2]) "
     "local number = math.max(time[1] * 1000 + math.floor(time[2] / 1000), "
-    "  tonumber(redis.call('GET', KEYS[2]) or 0) + 1) "
+    "  tonumber(former or 0) + 1) "
     "number = string.format('%.0f', number) "
     "redis.call('SET', KEYS[2], number, 'PX', 3600000) "
     "held = ARGV[1] .. ' ' .. number "
     "redis.call('SET', KEYS[1], held, 'PX', ARGV[2]) "
-    "return held";
+    "return held .. (former and ' again' or '')";
 // Only for the holder. The alarm, when there is one, and the id of the last one.
 constexpr char kPublish[] =
     "if redis.call('GET', KEYS[1]) ~= ARGV[1] then return 0 end "
@@ -56,6 +59,13 @@ struct AlarmId {
 
   auto operator<=>(const AlarmId&) const = default;
   std::string text() const { return std::to_string(holder) + '-' + std::to_string(count); }
+};
+
+// What the server says of one that is this gateway's.
+struct Lease {
+  uint64_t number = 0;
+  Clock::time_point until;
+  bool hadHolder = false;  // before
 };
 
 std::optional<AlarmId> idOf(std::string_view text) {
@@ -125,6 +135,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
       overlap_.reset();
       last_.reset();
       isFilling_ = false;
+      behindGap_ = {};
       deliverUnsure(false);
     }
     openOwn();
@@ -141,8 +152,11 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   enum class State { Starting, Alone, Holder, Reader, Leaving };
 
   void end();
-  void held(const std::string& holder, Clock::time_point until);
-  void hold(uint64_t number, Clock::time_point until);
+  void held(std::string_view answer, Clock::time_point until);
+  void takeOver(const Lease& lease);
+  void takeOverBehind(const RedisAnswer* answer, const Lease& lease);
+  void hold(const Lease& lease);
+  void letGo(uint64_t number);
   void readFrom();
   void openOwn();
   void closeOwn();
@@ -157,7 +171,10 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
   void wasPublished(const RedisAnswer* answer);
   void fill();
-  void filled(const RedisAnswer& answer);
+  bool askForMissing(RedisClient::Done done) QN_REQUIRES(mutex_);
+  void filled(const RedisAnswer* answer);
+  bool takeStored(const RedisAnswer& answer) QN_REQUIRES(mutex_);
+  void skipLost() QN_REQUIRES(mutex_);
   // So many alarms of its holder follow the last one, `id` included.
   uint64_t behind(const AlarmId& id) const QN_REQUIRES(mutex_) {
     return id.count - (last_ && last_->holder == id.holder ? last_->count : 0);
@@ -189,7 +206,8 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   std::deque<std::pair<Clock::time_point, std::size_t>> recent_ QN_GUARDED_BY(mutex_);
   bool isFilling_ QN_GUARDED_BY(mutex_) = false;
   bool fillAgain_ QN_GUARDED_BY(mutex_) = false;
-  AlarmId fillTo_ QN_GUARDED_BY(mutex_);  // published at least
+  AlarmId fillTo_ QN_GUARDED_BY(mutex_);                             // published at least
+  std::pair<AlarmId, std::string> behindGap_ QN_GUARDED_BY(mutex_);  // came, and waits
 };
 
 // The lease counts from before it is asked for, so that it ends here before it ends there.
@@ -207,33 +225,75 @@ void SharedFeeds::Feed::claim() {
   });
 }
 
-void SharedFeeds::Feed::held(const std::string& holder, Clock::time_point until) {
-  if (stopped_) return;
-  const std::size_t blank = std::min(holder.find(' '), holder.size() - 1);
-  if (holder.compare(0, blank, owner_.self_) != 0) return readFrom();
-  const auto number = text::wholeNumber<uint64_t>(std::string_view(holder).substr(blank + 1));
-  if (number) hold(*number, until);
+void SharedFeeds::Feed::held(std::string_view answer, Clock::time_point until) {
+  const std::size_t blank = std::min(answer.find(' '), answer.size());
+  if (answer.substr(0, blank) != owner_.self_) {
+    if (!stopped_) readFrom();
+    return;
+  }
+  const std::string_view rest = answer.substr(std::min(blank + 1, answer.size()));
+  const std::size_t end = std::min(rest.find(' '), rest.size());
+  const auto number = text::wholeNumber<uint64_t>(rest.substr(0, end));
+  if (number) takeOver({*number, until, end < rest.size()});
+}
+
+// One that read takes first what the former holder has published and is not here yet.
+void SharedFeeds::Feed::takeOver(const Lease& lease) {
+  bool asked = false;
+  {
+    const MutexLock lock(mutex_);
+    asked = !stopped_ && state_ == State::Reader && last_ &&
+            askForMissing([self = shared_from_this(), lease](const RedisAnswer* answer) {
+              self->takeOverBehind(answer, lease);
+            });
+  }
+  if (!asked) hold(lease);
+}
+
+void SharedFeeds::Feed::takeOverBehind(const RedisAnswer* answer, const Lease& lease) {
+  bool more = false;
+  {
+    const MutexLock lock(mutex_);
+    if (answer && !stopped_ && state_ == State::Reader) {
+      more = takeStored(*answer);
+      if (!more) skipLost();
+    }
+  }
+  more ? takeOver(lease) : hold(lease);
 }
 
 // Alarms that came while it was unsure are nobody else's under the same number; under a new one
 // somebody may have published them meanwhile, so they are for this gateway's clients alone.
-void SharedFeeds::Feed::hold(uint64_t number, Clock::time_point until) {
+void SharedFeeds::Feed::hold(const Lease& lease) {
+  if (stopped_) return letGo(lease.number);
   bool began = false;
   {
     const MutexLock lock(mutex_);
-    const bool same = state_ == State::Holder && last_ && last_->holder == number;
+    const bool same = state_ == State::Holder && last_ && last_->holder == lease.number;
     began = state_ != State::Holder;
     // Who read from the former holder says so again only at the next claim.
-    if (began && state_ != State::Starting) wantedUntil_ = Clock::now() + owner_.lease_;
-    leaseEnd_ = until;
-    if (!same) last_ = AlarmId{number, 0};
+    if (!same && (state_ != State::Starting || lease.hadHolder)) {
+      wantedUntil_ = Clock::now() + owner_.lease_;
+    }
+    leaseEnd_ = lease.until;
+    if (!same) last_ = AlarmId{lease.number, 0};
+    // The own stream of one that was leaving may bring yet what the former holder has published.
+    if (state_ == State::Reader) overlap_.reset();
     state_ = State::Holder;
-    overlap_.reset();
     deliverUnsure(same);
   }
   if (!began) return;
   redis_.ignore(stream_);
   openOwn();
+}
+
+// Nobody waits for the end of a lease that is not used, unless a later feed of this gateway uses
+// it.
+void SharedFeeds::Feed::letGo(uint64_t number) {
+  const auto listed = owner_.feeds_.find(device_.index);
+  if (listed != owner_.feeds_.end() && listed->second.get() != this) return;
+  redis_.send(
+      {"EVAL", kRelease, "1", lease_, owner_.self_ + ' ' + std::to_string(number), stream_});
 }
 
 // A holder that slept past its lease reads what the next one has published since. One whose lease
@@ -305,6 +365,7 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
     case State::Holder:
       if (now < leaseEnd_) {
         remember(alarm, now);
+        if (overlap_ && !overlap_->isFirst(Overlap::Device, alarm)) return;
         sink_(alarm);
         publish(alarm);
       } else if (unsure_.size() < kUnsureAlarms) {  // somebody else may hold it by now
@@ -372,10 +433,12 @@ void SharedFeeds::Feed::published(std::string_view message) {
     if (state_ == State::Leaving && !overlap_) overlapBegins();
     if (!last_) last_ = AlarmId{id->holder, alarm.empty() ? id->count : id->count - 1};
     if (*id <= *last_) return;
-    const bool isNext = id->count == (id->holder == last_->holder ? last_->count : 0) + 1;
+    // Behind a former holder's last one there may be more of its own.
+    const bool isNext = id->holder == last_->holder && id->count == last_->count + 1;
     fillAgain_ = isFilling_;
     misses = !isFilling_ && (!isNext || alarm.empty());
     fillTo_ = std::max(fillTo_, alarm.empty() ? *id : AlarmId());
+    if (misses && !alarm.empty()) behindGap_ = {*id, alarm};
     if (!misses && !isFilling_) {
       last_ = id;
       owner_.counts_.received.add();
@@ -391,12 +454,13 @@ void SharedFeeds::Feed::overlapBegins() {
   overlapTimer_.expires_after(kOverlapTime);
   overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
     if (error) return;
+    bool leaves = false;  // and holds it not again meanwhile
     {
       const MutexLock lock(self->mutex_);
-      if (self->state_ != State::Leaving) return;
-      self->state_ = State::Reader;
+      leaves = self->state_ == State::Leaving;
+      if (leaves) self->state_ = State::Reader;
     }
-    self->closeOwn();
+    if (leaves) self->closeOwn();
     self->overlapEnds();
   });
 }
@@ -423,44 +487,61 @@ void SharedFeeds::Feed::deliverFromOthers(const std::string& alarm) {
 }
 
 void SharedFeeds::Feed::fill() {
-  std::string from;
-  {
-    const MutexLock lock(mutex_);
-    if (!last_ || std::exchange(isFilling_, true)) return;
-    fillAgain_ = false;
-    from = '(' + last_->text();
-  }
-  const bool sent = redis_.send({"XRANGE", stream_, from, "+"},
-                                [self = shared_from_this()](const RedisAnswer* answer) {
-                                  if (answer) self->filled(*answer);
-                                });
-  if (sent) return;
   const MutexLock lock(mutex_);
-  isFilling_ = false;
+  if (!last_ || isFilling_) return;
+  fillAgain_ = false;
+  isFilling_ = askForMissing(
+      [self = shared_from_this()](const RedisAnswer* answer) { self->filled(answer); });
 }
 
-// An id, the field's name and the alarm of each.
-void SharedFeeds::Feed::filled(const RedisAnswer& answer) {
+bool SharedFeeds::Feed::askForMissing(RedisClient::Done done) {
+  return redis_.send(
+      {"XRANGE", stream_, '(' + last_->text(), "+", "COUNT", std::to_string(kFillAlarms)},
+      std::move(done));
+}
+
+// What a server has refused is asked for again with the next message.
+void SharedFeeds::Feed::filled(const RedisAnswer* answer) {
   bool again = false;
   {
     const MutexLock lock(mutex_);
     isFilling_ = false;
-    if (stopped_ || (state_ != State::Reader && state_ != State::Leaving)) return;
-    for (std::size_t i = 0; i + 2 < answer.texts.size(); i += 3) {
-      const auto id = idOf(answer.texts[i]);
-      if (!id || (last_ && *id <= *last_)) continue;
-      owner_.counts_.missed.add(behind(*id) - 1);
-      owner_.counts_.filled.add();
-      last_ = id;
-      deliverFromOthers(answer.texts[i + 2]);
+    if (!answer || !last_ || stopped_ || (state_ != State::Reader && state_ != State::Leaving)) {
+      return;
     }
-    if (last_ && *last_ < fillTo_) {  // what the stream has not is gone
-      owner_.counts_.missed.add(behind(fillTo_));
-      last_ = fillTo_;
-    }
-    again = std::exchange(fillAgain_, false);
+    const bool more = takeStored(*answer);
+    if (!more) skipLost();
+    again = std::exchange(fillAgain_, false) || more;
   }
   if (again) fill();
+}
+
+// What the stream has not is gone, but for what came with the message that told of it.
+void SharedFeeds::Feed::skipLost() {
+  const auto [id, alarm] = std::exchange(behindGap_, {});
+  if (*last_ < id) {
+    owner_.counts_.missed.add(behind(id) - 1);
+    owner_.counts_.received.add();
+    last_ = id;
+    deliverFromOthers(alarm);
+  }
+  if (*last_ < fillTo_) {
+    owner_.counts_.missed.add(behind(fillTo_));
+    last_ = fillTo_;
+  }
+}
+
+// An id, the field's name and the alarm of each. Whether there may be more.
+bool SharedFeeds::Feed::takeStored(const RedisAnswer& answer) {
+  for (std::size_t i = 0; i + 2 < answer.texts.size(); i += 3) {
+    const auto id = idOf(answer.texts[i]);
+    if (!id || (last_ && *id <= *last_)) continue;
+    owner_.counts_.missed.add(behind(*id) - 1);
+    owner_.counts_.filled.add();
+    last_ = id;
+    deliverFromOthers(answer.texts[i + 2]);
+  }
+  return answer.texts.size() >= 3 * kFillAlarms;
 }
 
 SharedFeeds::SharedFeeds(RedisClient& redis, FeedOpener& devices, std::string prefix,

@@ -26,6 +26,7 @@ class SharedFeeds final : public FeedOpener {
   static constexpr int kStreamAlarms = 1000;              // that Redis keeps for each device, about
   static constexpr std::chrono::seconds kStreamTime{60};  // without a further one
   static constexpr std::size_t kUnsureAlarms = 1000;      // while the lease is asked for
+  static constexpr std::size_t kFillAlarms = 100;         // that are asked for at once
   static constexpr std::chrono::seconds kOverlapTime{1};  // of two sources, when one takes over
   // An alarm that the device's own stream has brought so long before may come from others yet: a
   // slower way is cut (RedisLink::kSilence).

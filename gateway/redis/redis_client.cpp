@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <future>
 #include <utility>
 
 #include "gateway/redis/redis_link.h"
@@ -42,11 +43,18 @@ void RedisClient::start() {
 }
 
 void RedisClient::stop() {
+  if (connected_) awaitAnswers();
   connected_ = false;
   reactor_.stop();
   if (commands_) commands_->stop();
   if (channels_) channels_->stop();
   waiting_.clear();
+}
+
+void RedisClient::awaitAnswers() {
+  const auto answered = std::make_shared<std::promise<void>>();
+  post([this, answered] { send({"PING"}, [answered](auto) { answered->set_value(); }); });
+  answered->get_future().wait_for(kStopTime);
 }
 
 void RedisClient::post(std::function<void()> routine) {

@@ -40,6 +40,7 @@ class RedisClient {
   static constexpr std::chrono::milliseconds kFirstRetry{100};
   static constexpr std::chrono::milliseconds kLongestRetry{1000};
   static constexpr std::chrono::milliseconds kPingTime{500};  // at least so often it is asked
+  static constexpr std::chrono::milliseconds kStopTime{200};  // for answers, when it stops
 
   // Null when the connection was lost before the answer came, or the server refused the command.
   using Done = std::function<void(const RedisAnswer* answer)>;
@@ -59,7 +60,8 @@ class RedisClient {
   // Called when they stop working; set before the start.
   void onLost(std::function<void()> routine) { lostRoutines_.push_back(std::move(routine)); }
   void start();
-  // Nothing is called afterwards. Harmless when repeated; by the thread that started it.
+  // Waits until what was sent is done, if the server is there. Nothing is called afterwards.
+  // Harmless when repeated; by the thread that started it.
   void stop();
 
   // Any thread; returns at once. False when it is dropped, without a call: it is not connected, or
@@ -87,6 +89,7 @@ class RedisClient {
   void takePush(const redisReply& reply);
   void ping();
   void retry();
+  void awaitAnswers();
 
   const RedisAddress address_;
   EngineState engine_;
