@@ -54,4 +54,14 @@ int CAlertStreamSession::getHeartBeat(std::string& document) {
   return 1;
 }
 
+void CAlertStreamSession::expect(Part part) {
+  const std::lock_guard lock(orderMutex_);
+  expected_.push_back(std::move(part));
+}
+
+void CAlertStreamSession::forget(const Part& part) {
+  const std::lock_guard lock(orderMutex_);
+  std::erase(expected_, part);
+}
+
 }  // namespace QNKAVROProtocol
