@@ -6,6 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <deque>
 #include <functional>
+#include <list>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -74,6 +75,11 @@ class Overlap {
   bool isFirst(Source source, const std::string& alarm) {
     return isFirst(source, std::hash<std::string>()(alarm));
   }
+  // Whether isFirst() would be false.
+  bool wasBrought(Source source, const std::string& alarm) const {
+    const auto found = seen_.find(std::hash<std::string>()(alarm));
+    return found != seen_.end() && found->second.times[source] < found->second.delivered;
+  }
   bool isFirst(Source source, std::size_t alarm) {
     Seen& seen = seen_[alarm];
     if (++seen.times[source] <= seen.delivered) return false;
@@ -123,6 +129,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
       const MutexLock lock(mutex_);
       state_ = State::Alone;
       overlap_.reset();
+      ahead_.clear();
       last_.reset();
       isFilling_ = false;
       deliverUnsure(false);
@@ -146,7 +153,8 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void readFrom();
   void openOwn();
   void closeOwn();
-  void deviceAlarm(const std::string& alarm);
+  void deviceAlarm(const std::string& alarm, unsigned closedBefore);
+  void bringFromOwn(const std::string& alarm) QN_REQUIRES(mutex_);
   void remember(const std::string& alarm, Clock::time_point now) QN_REQUIRES(mutex_);
   void published(std::string_view message);
   void deliverUnsure(bool published) QN_REQUIRES(mutex_);
@@ -154,6 +162,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void compareWithOwn() QN_REQUIRES(mutex_);
   void overlapEnds();
   void deliverFromOthers(const std::string& alarm) QN_REQUIRES(mutex_);
+  void leave() QN_REQUIRES(mutex_);
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
   void wasPublished(const RedisAnswer* answer);
   void fill();
@@ -172,6 +181,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   const AlarmSink sink_;
   const std::string lease_, number_, stream_;  // keys; the last one is the channel's name too
   std::atomic<bool> stopped_{false};
+  std::atomic<unsigned> closed_{0};  // streams to the device so far
 
   // The client's thread's own:
   boost::asio::steady_timer timer_;
@@ -186,6 +196,8 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   std::optional<AlarmId> last_ QN_GUARDED_BY(mutex_);  // published, or read
   std::vector<std::string> unsure_ QN_GUARDED_BY(mutex_);
   std::optional<Overlap> overlap_ QN_GUARDED_BY(mutex_);
+  // While leaving: what others have brought and the own stream, which may be behind, has not.
+  std::list<std::string> ahead_ QN_GUARDED_BY(mutex_);
   std::deque<std::pair<Clock::time_point, std::size_t>> recent_ QN_GUARDED_BY(mutex_);
   bool isFilling_ QN_GUARDED_BY(mutex_) = false;
   bool fillAgain_ QN_GUARDED_BY(mutex_) = false;
@@ -229,6 +241,7 @@ void SharedFeeds::Feed::hold(uint64_t number, Clock::time_point until) {
     if (!same) last_ = AlarmId{number, 0};
     state_ = State::Holder;
     overlap_.reset();
+    ahead_.clear();  // the own stream brings them
     deliverUnsure(same);
   }
   if (!began) return;
@@ -274,11 +287,14 @@ void SharedFeeds::Feed::deliverUnsure(bool published) {
 void SharedFeeds::Feed::openOwn() {
   if (own_ || stopped_) return;
   own_ = owner_.devices_.open(
-      device_, [self = shared_from_this()](const std::string& alarm) { self->deviceAlarm(alarm); });
+      device_, [self = shared_from_this(), closedBefore = closed_.load()](
+                   const std::string& alarm) { self->deviceAlarm(alarm, closedBefore); });
 }
 
 void SharedFeeds::Feed::closeOwn() {
-  if (own_) std::exchange(own_, nullptr)->stop();
+  if (!own_) return;
+  ++closed_;
+  std::exchange(own_, nullptr)->stop();
 }
 
 void SharedFeeds::Feed::end() {
@@ -293,11 +309,12 @@ void SharedFeeds::Feed::end() {
   redis_.send({"EVAL", kRelease, "1", lease_, holderText(), stream_});
 }
 
-// On the device's reactor or a worker.
-void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
+// On the device's reactor or a worker. What was under way when its stream was closed is dropped, so
+// that nothing of a later one has gone before it.
+void SharedFeeds::Feed::deviceAlarm(const std::string& alarm, unsigned closedBefore) {
   const auto now = Clock::now();
   const MutexLock lock(mutex_);
-  if (stopped_) return;
+  if (stopped_ || closedBefore != closed_) return;
   switch (state_) {
     case State::Starting:
     case State::Reader:
@@ -317,7 +334,15 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
     case State::Alone:
     case State::Leaving:
       remember(alarm, now);
-      if (!overlap_ || overlap_->isFirst(Overlap::Device, alarm)) sink_(alarm);
+      bringFromOwn(alarm);
+  }
+}
+
+void SharedFeeds::Feed::bringFromOwn(const std::string& alarm) {
+  if (!overlap_ || overlap_->isFirst(Overlap::Device, alarm)) sink_(alarm);
+  while (!ahead_.empty() && overlap_->wasBrought(Overlap::Others, ahead_.front())) {
+    overlap_->isFirst(Overlap::Others, ahead_.front());
+    ahead_.pop_front();
   }
 }
 
@@ -391,14 +416,18 @@ void SharedFeeds::Feed::overlapBegins() {
   overlapTimer_.expires_after(kOverlapTime);
   overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
     if (error) return;
-    {
-      const MutexLock lock(self->mutex_);
-      if (self->state_ != State::Leaving) return;
-      self->state_ = State::Reader;
-    }
-    self->closeOwn();
-    self->overlapEnds();
+    const MutexLock lock(self->mutex_);
+    if (self->state_ == State::Leaving) self->leave();
   });
+}
+
+void SharedFeeds::Feed::leave() {
+  state_ = State::Reader;
+  for (const std::string& alarm : std::exchange(ahead_, {})) {
+    if (overlap_->isFirst(Overlap::Others, alarm)) sink_(alarm);
+  }
+  closeOwn();
+  overlapEnds();
 }
 
 // What others bring, with what the own stream has brought.
@@ -418,7 +447,16 @@ void SharedFeeds::Feed::overlapEnds() {
   });
 }
 
+// As long as there is an own stream, an alarm that others bring first waits for it: older ones may
+// be on their way there.
 void SharedFeeds::Feed::deliverFromOthers(const std::string& alarm) {
+  const bool waits =
+      state_ == State::Leaving && overlap_ && !overlap_->wasBrought(Overlap::Others, alarm);
+  if (waits && ahead_.size() < kAheadAlarms) {
+    ahead_.push_back(alarm);
+    return;
+  }
+  if (waits) leave();  // the own stream is of no use any more
   if (!overlap_ || overlap_->isFirst(Overlap::Others, alarm)) sink_(alarm);
 }
 

@@ -17,22 +17,27 @@ using QNKAVROProtocol::stHttpRes;
 constexpr int kDevices = 40;  // more than the pool has threads, so that jobs wait in its queue, too
 constexpr int kAlarms = 400;  // of each
 
+std::string alarmOf(int device, int number) {
+  return R"({"EventNotificationAlert":{"eventType":"x","activePostCount":)" +
+         std::to_string(number) + R"(,"devIndex":")" + std::to_string(device) + R"("}})";
+}
+
 class Feeds final : public FeedOpener {
  public:
   std::shared_ptr<AlarmFeed> open(const DeviceConfig& device, AlarmSink sink) override {
-    sinks_[std::stoi(device.index)] = std::move(sink);
+    sinks_[std::stoi(device.index)].push_back(std::move(sink));
     return std::make_shared<Feed>();
   }
-  void bring(int device, int number) {
-    sinks_[device](R"({"EventNotificationAlert":{"eventType":"x","activePostCount":)" +
-                   std::to_string(number) + R"(,"devIndex":")" + std::to_string(device) + R"("}})");
+  // By the device's first feed, or a later one.
+  void bring(int device, int number, std::size_t feed = 0) {
+    sinks_[device].at(feed)(alarmOf(device, number));
   }
 
  private:
   struct Feed final : AlarmFeed {
     void stop() override {}
   };
-  std::map<int, AlarmSink> sinks_;
+  std::map<int, std::vector<AlarmSink>> sinks_;
 };
 
 // A client's stream. It is held up now and then while a part is pushed, so that jobs move to other
@@ -79,16 +84,27 @@ class Client final : public AnswerLink, public std::enable_shared_from_this<Clie
   std::vector<int> numbers_;  // guarded by mutex_
 };
 
-TEST(AlertOrder, IsTheDevicesOrderOnEveryStream) {
-  Configuration configuration;
-  for (int device = 0; device < kDevices; ++device) {
-    configuration.devices.emplace_back().index = std::to_string(device);
+class AlertOrder : public testing::Test {
+ protected:
+  AlertOrder() {
+    Configuration configuration;
+    for (int device = 0; device < kDevices; ++device) {
+      configuration.devices.emplace_back().index = std::to_string(device);
+    }
+    configuration.buildIndexes();
+    publishConfiguration(std::make_shared<const Configuration>(configuration));
+    bus_.start();
   }
-  configuration.buildIndexes();
-  publishConfiguration(std::make_shared<const Configuration>(configuration));
-  Feeds feeds;
-  AlarmBus bus(feeds);
-  bus.start();
+  ~AlertOrder() override {
+    bus_.stop();
+    publishConfiguration(std::make_shared<const Configuration>());
+  }
+
+  Feeds feeds_;
+  AlarmBus bus_{feeds_};
+};
+
+TEST_F(AlertOrder, IsTheDevicesOrderOnEveryStream) {
   CEventPto pto;
   ASSERT_EQ(pto.start(), 0);
   std::vector<std::shared_ptr<Client>> clients;
@@ -97,17 +113,46 @@ TEST(AlertOrder, IsTheDevicesOrderOnEveryStream) {
     clients.back()->open(pto, std::to_string(i / 2));
   }
   onThreads(kDevices, [&](int device) {
-    for (int number = 0; number < kAlarms; ++number) feeds.bring(device, number);
+    for (int number = 0; number < kAlarms; ++number) feeds_.bring(device, number);
   });
   pto.stop();  // all jobs have run
-  bus.stop();
+  bus_.stop();
   std::vector<int> sent(kAlarms);
   std::iota(sent.begin(), sent.end(), 0);
   for (const auto& client : clients) {
     EXPECT_EQ(client->numbers(), sent);
     client->close();
   }
-  publishConfiguration(std::make_shared<const Configuration>());
+}
+
+// The first alarm's delivery takes long; meanwhile the device's feed is opened anew.
+TEST_F(AlertOrder, HoldsForAlarmsOfAFeedThatWasReplaced) {
+  struct Listener {
+    Events begun, goOn, came;
+    std::vector<std::string> alarms;
+
+    static int callback(void* data, int length, void* user) {
+      auto& self = *static_cast<Listener*>(user);
+      const std::string alarm(static_cast<const char*>(data), std::size_t(length));
+      self.begun.signal();
+      if (alarm == alarmOf(1, 1)) self.goOn.wait();
+      self.alarms.push_back(alarm);
+      self.came.signal();
+      return length;
+    }
+  } listener;
+  int id = -1;
+  ASSERT_TRUE(bus_.subscribe({"0", "1"}, Listener::callback, &listener, id));
+  ASSERT_TRUE(bus_.startUpload(id));
+  std::jthread earlier([&] { feeds_.bring(1, 1); });
+  ASSERT_TRUE(listener.begun.wait());
+  ASSERT_TRUE(bus_.deleteDevice(id, "1") && bus_.addDevice(id, "1"));
+  std::jthread later([&] { feeds_.bring(1, 3, 1); });
+  EXPECT_FALSE(listener.came.wait(1, std::chrono::milliseconds(30)));
+  listener.goOn.signal();
+  EXPECT_TRUE(listener.came.wait(2));
+  feeds_.bring(1, 2);  // it was replaced
+  EXPECT_EQ(listener.alarms, (std::vector{alarmOf(1, 1), alarmOf(1, 3)}));
 }
 
 }  // namespace

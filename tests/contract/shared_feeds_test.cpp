@@ -48,6 +48,14 @@ class TestDevice {
     for (const auto& stream : to) stream->bring(alarm);
     return to.size();
   }
+  // On one of them, the oldest first.
+  void raiseOn(std::size_t stream, const std::string& alarm) {
+    std::unique_lock lock(mutex_);
+    if (stream >= streams_.size()) return;
+    const auto to = streams_[stream];
+    lock.unlock();
+    to->bring(alarm);
+  }
   std::size_t streams() {
     const std::lock_guard lock(mutex_);
     return streams_.size();
@@ -291,6 +299,37 @@ TEST_F(SharedFeedsTest, AHolderWhoseLeaseIsForgottenBringsAllAlarmsOnceWhenAnoth
       return device_.streams() == 1;
     }));
   }
+}
+
+// The new holder's stream begins between two alarms, and the own one is slow.
+TEST_F(SharedFeedsTest, WhoseOwnStreamIsBehindThatOfTheNextHolderKeepsTheOrder) {
+  joinAll(3);
+  bool wasLeaving = false;
+  for (int round = 0; round < 20 && !wasLeaving; ++round) {
+    Member* const holder = holderOf({member(0), member(1), member(2)});
+    const auto received = [&] { return holder->feeds.counts().received.value(); };
+    auto before = received();
+    member(0)->redis.send({"FLUSHALL"});
+    member(0)->redis.send({"PUBLISH", "qn:0:alarms:7", "free"});  // those who read claim it
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return received() > before;
+    }));
+    before = received();
+    const std::string first = numbered(next_++), second = numbered(next_++);
+    device_.raiseOn(1, second);
+    ASSERT_TRUE(eventually([&] { return received() > before; }));
+    device_.raiseOn(0, first);
+    device_.raiseOn(0, second);
+    wasLeaving = device_.streams() == 2;  // and not too slow for that
+    EXPECT_TRUE(!wasLeaving || holder->clients.have(first));
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return device_.streams() == 1 && holder->clients.have(second);
+    }));
+    EXPECT_TRUE(holder->clients.isAscending());
+  }
+  EXPECT_TRUE(wasLeaving);
 }
 
 TEST_F(SharedFeedsTest, CountsWhatBecomesOfAlarms) {
