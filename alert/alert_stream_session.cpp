@@ -1,6 +1,7 @@
 // See alert_stream_session.h.
 #include "alert/alert_stream_session.h"
 
+#include <array>
 #include <utility>
 
 #include "platform/base_library.h"
@@ -55,13 +56,20 @@ int CAlertStreamSession::getHeartBeat(std::string& document) {
 }
 
 void CAlertStreamSession::expect(Part part) {
-  const std::lock_guard lock(orderMutex_);
-  expected_.push_back(std::move(part));
+  Parts one;
+  one.push_front(std::move(part));  // memory is asked for without the lock
+  const std::lock_guard lock(orderMutex());
+  expected_.splice_after(expected_.before_begin(), one);
 }
 
 void CAlertStreamSession::forget(const Part& part) {
-  const std::lock_guard lock(orderMutex_);
-  std::erase(expected_, part);
+  const std::lock_guard lock(orderMutex());
+  expected_.remove(part);
+}
+
+std::mutex& CAlertStreamSession::orderMutex() const {
+  static std::array<std::mutex, 32> mutexes;
+  return mutexes[static_cast<unsigned>(sessionId_) % mutexes.size()];
 }
 
 }  // namespace QNKAVROProtocol

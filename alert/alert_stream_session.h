@@ -4,11 +4,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <forward_list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace QNKAVROProtocol {
 
@@ -43,12 +43,13 @@ class CAlertStreamSession {
   // `push` must not throw.
   template <class Push>
   void pushExpected(Push push) {
-    std::unique_lock lock(orderMutex_);
+    std::unique_lock lock(orderMutex());
     if (isPushing_) return;
     isPushing_ = true;
     while (!expected_.empty()) {
-      const std::vector<Part> parts = std::exchange(expected_, {});
+      Parts parts = std::exchange(expected_, {});
       lock.unlock();
+      parts.reverse();
       for (const Part& part : parts) push(*part);
       lock.lock();
     }
@@ -56,6 +57,11 @@ class CAlertStreamSession {
   }
 
  private:
+  using Parts = std::forward_list<Part>;
+
+  // Held for a few instructions; shared by many sessions, so that a quiet one is small.
+  std::mutex& orderMutex() const;
+
   const int handle_;
   const int sessionId_;
   const std::string deviceIndex_;
@@ -66,9 +72,8 @@ class CAlertStreamSession {
   std::atomic<int32_t> sendFailed_{0};
   std::atomic<int32_t> activePostCount_{0};
 
-  std::mutex orderMutex_;
-  bool isPushing_ = false;      // guarded by orderMutex_
-  std::vector<Part> expected_;  // guarded by orderMutex_; oldest first
+  bool isPushing_ = false;  // guarded by orderMutex()
+  Parts expected_;          // guarded by orderMutex(); newest first
 };
 
 }  // namespace QNKAVROProtocol
