@@ -31,23 +31,30 @@ class AlarmPart {
 // Made by whoever queues it, deleted by the routine that runs it. Keeps its session alive.
 class CAlarmParam {
  public:
+  // A part of its own, which no others wait for.
   CAlarmParam(const std::string& text, std::shared_ptr<CAlertStreamSession> session, void* user,
               ENUM_ALARM_TYPE type)
-      : CAlarmParam(std::make_shared<const AlarmPart>(text, type), std::move(session), user) {}
+      : part_(std::make_shared<const AlarmPart>(text, type)),
+        session_(std::move(session)),
+        user_(user),
+        isExpected_(false) {}
+  // A part that the session expects.
   CAlarmParam(std::shared_ptr<const AlarmPart> part, std::shared_ptr<CAlertStreamSession> session,
               void* user)
-      : part_(std::move(part)), session_(std::move(session)), user_(user) {}
+      : part_(std::move(part)), session_(std::move(session)), user_(user), isExpected_(true) {}
 
   const std::shared_ptr<CAlertStreamSession>& getAlertStreamSession() const { return session_; }
   std::string getAlarmXmlRsp() const { return std::string(part_->body()); }
   void* getUserPtr() const { return user_; }
   ENUM_ALARM_TYPE getAlarmType() const { return part_->type(); }
-  const std::string& partBytes() const { return part_->bytes(); }
+  const std::shared_ptr<const AlarmPart>& part() const { return part_; }
+  bool isExpected() const { return isExpected_; }
 
  private:
   const std::shared_ptr<const AlarmPart> part_;
   const std::shared_ptr<CAlertStreamSession> session_;
   void* const user_;
+  const bool isExpected_;
 };
 
 }  // namespace QNKAVROProtocol

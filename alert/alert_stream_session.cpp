@@ -1,6 +1,7 @@
 // See alert_stream_session.h.
 #include "alert/alert_stream_session.h"
 
+#include <array>
 #include <utility>
 
 #include "platform/base_library.h"
@@ -52,6 +53,23 @@ int CAlertStreamSession::getHeartBeat(std::string& document) {
   xml.WriteToBuf(buffer, kHeartBeatBytes, length);
   document.assign(buffer, static_cast<std::size_t>(length));
   return 1;
+}
+
+void CAlertStreamSession::expect(Part part) {
+  Parts one;
+  one.push_front(std::move(part));  // memory is asked for without the lock
+  const std::lock_guard lock(orderMutex());
+  expected_.splice_after(expected_.before_begin(), one);
+}
+
+void CAlertStreamSession::forget(const Part& part) {
+  const std::lock_guard lock(orderMutex());
+  expected_.remove(part);
+}
+
+std::mutex& CAlertStreamSession::orderMutex() const {
+  static std::array<std::mutex, 32> mutexes;
+  return mutexes[static_cast<unsigned>(sessionId_) % mutexes.size()];
 }
 
 }  // namespace QNKAVROProtocol

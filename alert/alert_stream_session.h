@@ -4,12 +4,20 @@
 
 #include <atomic>
 #include <cstdint>
+#include <forward_list>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 
 namespace QNKAVROProtocol {
 
+class AlarmPart;
+
 class CAlertStreamSession {
  public:
+  using Part = std::shared_ptr<const AlarmPart>;
+
   // A stream whose failed sends exceed this count is given up. A count, not a time.
   static constexpr int32_t kMaxFailedSends = 0x32000;
 
@@ -26,7 +34,34 @@ class CAlertStreamSession {
   // Writes the next heartbeat document. Returns 1.
   int getHeartBeat(std::string& document);
 
+  // A part for which a job is queued next. Parts are pushed in the order of these calls, whichever
+  // job runs first and on whatever thread; there are no more than the pool holds jobs.
+  void expect(Part part);
+  // No job was queued for it.
+  void forget(const Part& part);
+  // Pushes what is expected. Never waits: a thread that is already at it takes the rest along.
+  // `push` must not throw.
+  template <class Push>
+  void pushExpected(Push push) {
+    std::unique_lock lock(orderMutex());
+    if (isPushing_) return;
+    isPushing_ = true;
+    while (!expected_.empty()) {
+      Parts parts = std::exchange(expected_, {});
+      lock.unlock();
+      parts.reverse();
+      for (const Part& part : parts) push(*part);
+      lock.lock();
+    }
+    isPushing_ = false;
+  }
+
  private:
+  using Parts = std::forward_list<Part>;
+
+  // Held for a few instructions; shared by many sessions, so that a quiet one is small.
+  std::mutex& orderMutex() const;
+
   const int handle_;
   const int sessionId_;
   const std::string deviceIndex_;
@@ -36,6 +71,9 @@ class CAlertStreamSession {
   std::atomic<uint32_t> lastAlarmTime_;
   std::atomic<int32_t> sendFailed_{0};
   std::atomic<int32_t> activePostCount_{0};
+
+  bool isPushing_ = false;  // guarded by orderMutex()
+  Parts expected_;          // guarded by orderMutex(); newest first
 };
 
 }  // namespace QNKAVROProtocol

@@ -120,12 +120,14 @@ int CEventPto::queueAlarm(const std::string& text, ENUM_ALARM_TYPE type,
   if (streams.empty()) return 0;
   const auto part = std::make_shared<const AlarmPart>(text, type);
   for (const auto& stream : streams) {
-    auto* const job = new (std::nothrow) CAlarmParam(part, stream, this);
+    std::unique_ptr<CAlarmParam> job(new (std::nothrow) CAlarmParam(part, stream, this));
     if (!job) {
       QN_LOG_IN(kCallback, WLOG_ERROR, "new CAlarmParam failed.");
       return -1;
     }
-    if (!queueJob(job)) {
+    stream->expect(part);
+    if (!queueJob(job.release())) {
+      stream->forget(part);
       QN_LOG_IN(kCallback, WLOG_ERROR,
                 "[devIndex=%s,sessionId=%s, alarm=%s]ZRT_ThreadPoolFlex_Work failed.",
                 devIndex.c_str(), std::to_string(stream->getSessionID()).c_str(), text.c_str());
@@ -147,38 +149,39 @@ int CEventPto::fAlarmProcessThread(void* job) {
     QN_LOG(WLOG_ERROR, "pCAlarmParam is NULL");
     return 0;
   }
-  try {
-    if (param->getAlertStreamSession()) {
-      push(*param);
-    } else {
-      QN_LOG(WLOG_ERROR, "getAlertStreamSession failed");
-    }
-  } catch (const std::exception& error) {
-    QN_LOG(WLOG_ERROR, "%s", error.what());
+  const auto& session = param->getAlertStreamSession();
+  const auto send = [&](const AlarmPart& part) { push(part, *session, param->getUserPtr()); };
+  if (!session) {
+    QN_LOG(WLOG_ERROR, "getAlertStreamSession failed");
+  } else if (param->isExpected()) {
+    session->pushExpected(send);
+  } else {
+    send(*param->part());
   }
   return 0;
 }
 
 // No CRLF follows the body: the next part's boundary does.
-void CEventPto::push(const CAlarmParam& job) {
-  const auto& session = job.getAlertStreamSession();
-  const std::string& part = job.partBytes();
-  CHttpExchange exchange(session->getHandle());
-  const int written = exchange.response(part.data(), static_cast<int>(part.size()));
-  if (written == static_cast<int>(part.size())) {
-    session->setSendAlarmTime(static_cast<int>(ZRT_GetTimeTick()));
-    session->setSendFailedTimes(0);
+void CEventPto::push(const AlarmPart& part, CAlertStreamSession& session, void* user) try {
+  const std::string& bytes = part.bytes();
+  CHttpExchange exchange(session.getHandle());
+  const int written = exchange.response(bytes.data(), static_cast<int>(bytes.size()));
+  if (written == static_cast<int>(bytes.size())) {
+    session.setSendAlarmTime(static_cast<int>(ZRT_GetTimeTick()));
+    session.setSendFailedTimes(0);
   } else if (written != QNHttpService::HTTP_LINK_BROKEN) {
-    session->setSendFailedTimes(1);
+    session.setSendFailedTimes(1);
   } else {
-    if (auto* const owner = static_cast<CEventPto*>(job.getUserPtr())) {
-      owner->dropBrokenStream(*session);
+    if (auto* const owner = static_cast<CEventPto*>(user)) {
+      owner->dropBrokenStream(session);
     } else {
       QN_LOG_IN(kWorkRoutine, WLOG_ERROR, "getUserPtr failed");
     }
     QN_LOG_IN(kWorkRoutine, WLOG_ERROR, "[DevIndex=%s]link broken response fail.",
-              session->getDeviceIndex().c_str());
+              session.getDeviceIndex().c_str());
   }
+} catch (const std::exception& error) {
+  QN_LOG_IN(kWorkRoutine, WLOG_ERROR, "%s", error.what());
 }
 
 void CEventPto::dropBrokenStream(const CAlertStreamSession& session) {

@@ -88,7 +88,7 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   int consumeAlarm(const qn::json::Value& alarm);
   int queueAlarm(const std::string& text, ENUM_ALARM_TYPE type, const std::string& devIndex);
   bool queueJob(CAlarmParam* job);
-  static void push(const CAlarmParam& job);
+  static void push(const AlarmPart& part, CAlertStreamSession& session, void* user);
   void dropBrokenStream(const CAlertStreamSession& session);
 
   void sendHeartBeats();

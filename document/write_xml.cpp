@@ -5,7 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <initializer_list>
+#include <type_traits>
 #include <utility>
 
 #include "text/number.h"
@@ -26,12 +26,12 @@ class TextSink {
 
   void enter(std::string_view name) {
     endStart();
-    put({"<", name});
+    putTag("<", name, "");
     inStart_ = true;
   }
   void leave(std::string_view name) {
     if (inStart_) return endEmpty();
-    put({"</", name, ">"});
+    putTag("</", name, ">");
   }
   void leaf(std::string_view name, std::string_view text) {
     endStart();
@@ -85,23 +85,25 @@ class TextSink {
     text_.pop_back();  // the start's end
     inStart_ = true;
   }
-  void put(std::initializer_list<std::string_view> pieces) {
-    for (const std::string_view piece : pieces) {
-      if (piece.size() > buffer_.size() - used_) finish();
-      if (piece.size() > buffer_.size()) {
-        text_ += piece;
-      } else {
-        std::ranges::copy(piece, buffer_.data() + used_);
-        used_ += piece.size();
-      }
+  void putTag(std::string_view before, std::string_view name, std::string_view behind) {
+    const std::size_t size = before.size() + name.size() + behind.size();
+    if (size > buffer_.size() - used_) finish();
+    if (size > buffer_.size()) {
+      text_.append(before).append(name).append(behind);
+      return;
     }
+    char* at = buffer_.data() + used_;
+    for (const std::string_view piece : {before, name, behind}) {
+      at = std::ranges::copy(piece, at).out;
+    }
+    used_ += size;
   }
   void endStart() {
-    if (std::exchange(inStart_, false)) put({">"});
+    if (std::exchange(inStart_, false)) putTag(">", "", "");
   }
   void endEmpty() {
     inStart_ = false;
-    put({"/>"});
+    putTag("/>", "", "");
   }
 
   std::string& text_;
@@ -329,10 +331,16 @@ const Row* writeFallback(Out& out, const Row& row) {
 template <class Out>
 const Row* writeRow(Out& out, const Row& row, const Value* member) {
   if (!row.write.written) return nullptr;
-  // Nearly every member is a text that qualifies.
+  // Nearly every member is a text or a number that qualifies.
   std::string_view text;
   if (row.kind == Kind::Text && member != nullptr && member->isText(text) && !text.empty()) {
     addText(out, row, text);
+    return nullptr;
+  }
+  int number = 0;
+  if (row.kind == Kind::Integer && member != nullptr && member->isInt(number) &&
+      number >= row.least && number <= row.most) {
+    out.addLeaf(row, qn::text::Decimal(number).view());
     return nullptr;
   }
   switch (judge(row, member)) {
@@ -360,14 +368,14 @@ class Members {
       const Row* row = find(name, guess, rows.end());
       if (row == nullptr) row = find(name, rows.begin(), guess);
       if (row == nullptr) continue;
-      values_[placeOf(*row)] = value;
+      values_[placeOf(*row)].value = value;
       found_ |= std::uint64_t{1} << placeOf(*row);
       guess = row + 1;
     }
   }
   // Null for an absent one.
   const Value* at(const Row& row) const {
-    return ((found_ >> placeOf(row)) & 1U) != 0 ? &values_[placeOf(row)] : nullptr;
+    return ((found_ >> placeOf(row)) & 1U) != 0 ? &values_[placeOf(row)].value : nullptr;
   }
 
  private:
@@ -381,9 +389,16 @@ class Members {
     return static_cast<std::size_t>(&row - rows_.begin());
   }
 
+  // Made when its member is found: most tables have far fewer rows than there are slots.
+  union Slot {
+    Slot() {}  // NOLINT(modernize-use-equals-default): that would be deleted
+    Value value;
+  };
+  static_assert(std::is_trivially_copyable_v<Value>);
+
   const Rows rows_;
   std::uint64_t found_ = 0;
-  std::array<Value, Rows::kMost> values_;
+  std::array<Slot, Rows::kMost> values_;
 };
 
 template <class Out>

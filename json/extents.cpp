@@ -15,7 +15,23 @@ class ExtentReader {
  public:
   bool read(std::string_view text, RootExtent& extent) {
     simdjson::dom::element root;
-    if (!strict_.read(text, root) || !root.is_object()) return false;
+    simdjson::dom::object members;
+    if (!strict_.read(text, root) || root.get(members) != simdjson::SUCCESS) return false;
+    extent.begin = text.find('{');
+    extent.end = text.rfind('}') + 1;
+    if (members.size() != 1) return walk(extent);
+    // Its end is the last but one closing brace of the text.
+    simdjson::dom::object only;
+    if ((*members.begin()).value.get(only) == simdjson::SUCCESS) {
+      extent.members.push_back({text.rfind('}', extent.end - 2) + 1, only.size() == 0});
+    }
+    return true;
+  }
+  bool isSmall() const { return strict_.isSmall(); }
+
+ private:
+  // The text that was read has any number of members.
+  bool walk(RootExtent& extent) {
     simdjson::ondemand::document walked;
     simdjson::ondemand::object object;
     if (walk_.iterate(strict_.held()).get(walked) || walked.get_object().get(object)) return false;
@@ -24,13 +40,8 @@ class ExtentReader {
       if (std::move(member).value().get(value)) return false;
       if (!addMember(value, extent)) return false;
     }
-    extent.begin = text.find('{');
-    extent.end = text.rfind('}') + 1;
     return true;
   }
-  bool isSmall() const { return strict_.isSmall(); }
-
- private:
   bool addMember(simdjson::ondemand::value value, RootExtent& extent) {
     simdjson::ondemand::json_type type;
     if (value.type().get(type)) return false;

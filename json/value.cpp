@@ -61,15 +61,30 @@ bool Value::isNumeric() const {
 }
 
 bool Value::isInt() const {
-  if (read_ != nullptr) return read_->isInt();
-  switch (type()) {
-    case Json::intValue: {
-      const auto number = get<int64_t>(native<element>(element_));
-      return number >= kLeastInt && number <= kMostInt;
+  int number = 0;
+  return isInt(number);
+}
+
+bool Value::isInt(int& number) const {
+  if (read_ != nullptr) {
+    if (!read_->isInt()) return false;
+    number = read_->asInt();
+    return true;
+  }
+  if (element_.document == nullptr) return false;
+  const auto value = native<element>(element_);
+  switch (value.type()) {
+    case element_type::INT64: {
+      const auto whole = get<int64_t>(value);
+      if (whole < kLeastInt || whole > kMostInt) return false;
+      number = static_cast<int>(whole);
+      return true;
     }
-    case Json::realValue: {
-      const double number = asDouble();
-      return number >= kLeastInt && number <= kMostInt && std::trunc(number) == number;
+    case element_type::DOUBLE: {
+      const auto real = get<double>(value);
+      if (real < kLeastInt || real > kMostInt || std::trunc(real) != real) return false;
+      number = static_cast<int>(real);
+      return true;
     }
     default:  // an unsigned one is above all that fit
       return false;
@@ -162,13 +177,15 @@ std::optional<Value> Value::find(std::string_view name) const {
 }
 
 Value::Members::Members(const Value& object) {
-  if (!object.isObject()) return;
   if (object.read_ != nullptr) {
+    if (!object.read_->isObject()) return;
     at_ = object.read_->begin();
     end_ = object.read_->end();
     return;
   }
-  const auto members = get<simdjson::dom::object>(native<element>(object.element_));
+  if (object.element_.document == nullptr) return;
+  simdjson::dom::object members;
+  if (native<element>(object.element_).get(members) != simdjson::SUCCESS) return;
   elementAt_ = native<Element>(members.begin());
   elementEnd_ = native<Element>(members.end());
 }

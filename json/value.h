@@ -37,6 +37,7 @@ class Value {
   double asDouble() const;
   std::string_view text() const;              // of a string; empty for other kinds
   bool isText(std::string_view& text) const;  // whether it is a string, and which
+  bool isInt(int& number) const;              // whether isInt(), and which
   std::string asString() const;               // of a scalar; empty for null
   Json::Value copy() const;
 

@@ -142,19 +142,35 @@ bool AlarmBus::openFeed(const std::string& devIndex) {
   const auto& current = configuration();
   const DeviceConfig* device = current->findDevice(devIndex);
   if (!device) return false;
-  feeds_.emplace(devIndex, opener_.open(*device, [subscriptions = subscriptions_,
-                                                  devIndex](const std::string& alarm) {
-    subscriptions->deliver(devIndex, alarm);
-  }));
+  auto turn = turnOf(devIndex);
+  const unsigned number = ++turn->feeds;
+  auto feed = opener_.open(
+      *device, [subscriptions = subscriptions_, devIndex, turn, number](const std::string& alarm) {
+        const MutexLock lock(turn->mutex);
+        if (turn->feeds == number) subscriptions->deliver(devIndex, alarm);
+      });
+  feeds_.emplace(devIndex, OpenFeed{std::move(turn), std::move(feed)});
   return true;
 }
 
+// The last feed's, as long as that may deliver.
+std::shared_ptr<AlarmBus::Turn> AlarmBus::turnOf(const std::string& devIndex) {
+  std::erase_if(closed_, [](const auto& entry) { return entry.second.expired(); });
+  const auto found = closed_.find(devIndex);
+  auto turn = found == closed_.end() ? nullptr : found->second.lock();
+  return turn ? turn : std::make_shared<Turn>();
+}
+
+void AlarmBus::closeFeed(const std::string& devIndex) {
+  const auto found = feeds_.find(devIndex);
+  if (found == feeds_.end()) return;
+  found->second.feed->stop();
+  closed_[devIndex] = found->second.turn;
+  feeds_.erase(found);
+}
+
 void AlarmBus::closeUnusedFeed(const std::string& devIndex) {
-  if (subscriptions_->want(devIndex)) return;
-  const auto feed = feeds_.find(devIndex);
-  if (feed == feeds_.end()) return;
-  feed->second->stop();
-  feeds_.erase(feed);
+  if (!subscriptions_->want(devIndex)) closeFeed(devIndex);
 }
 
 bool AlarmBus::Subscriptions::want(const std::string& devIndex) const {
@@ -207,11 +223,7 @@ void AlarmBus::deviceChanged(tagNotifyType type, void* devIndex, const void* use
 // A subscription keeps a removed device, so that its alarms flow again when it is configured again.
 void AlarmBus::deviceChanged(tagNotifyType type, const std::string& devIndex) {
   const MutexLock lock(subscriptions_->mutex);
-  const auto feed = feeds_.find(devIndex);
-  if (feed != feeds_.end()) {
-    feed->second->stop();
-    feeds_.erase(feed);
-  }
+  closeFeed(devIndex);
   if (type == DEVICE_REMOVED) return;
   if (subscriptions_->want(devIndex)) openFeed(devIndex);
 }

@@ -74,6 +74,16 @@ class AlarmBus {
   };
   using SharedSubscription = std::shared_ptr<Subscription>;
 
+  // So that no alarm of a device passes one that an earlier feed of it has begun to deliver.
+  struct Turn {
+    Mutex mutex;                     // held while an alarm is delivered
+    std::atomic<unsigned> feeds{0};  // so far; only the last one's alarms are delivered
+  };
+  struct OpenFeed {
+    std::shared_ptr<Turn> turn;
+    std::shared_ptr<AlarmFeed> feed;
+  };
+
   // Shared with the feeds, whose last alarm may come when the bus is gone.
   struct Subscriptions {
     Mutex mutex;
@@ -90,13 +100,17 @@ class AlarmBus {
   void deviceChanged(tagNotifyType type, const std::string& devIndex);
 
   bool openFeed(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
+  std::shared_ptr<Turn> turnOf(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
+  void closeFeed(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
   void closeUnusedFeed(const std::string& devIndex) QN_REQUIRES(subscriptions_->mutex);
   SharedSubscription find(int subscribeId) QN_REQUIRES(subscriptions_->mutex);
 
   const std::unique_ptr<FeedOpener> own_;
   FeedOpener& opener_;
   const std::shared_ptr<Subscriptions> subscriptions_ = std::make_shared<Subscriptions>();
-  std::map<std::string, std::shared_ptr<AlarmFeed>> feeds_ QN_GUARDED_BY(subscriptions_->mutex);
+  std::map<std::string, OpenFeed> feeds_ QN_GUARDED_BY(subscriptions_->mutex);
+  // Of feeds that were closed and may not have ended yet.
+  std::map<std::string, std::weak_ptr<Turn>> closed_ QN_GUARDED_BY(subscriptions_->mutex);
   int lastId_ QN_GUARDED_BY(subscriptions_->mutex) = -1;
   bool started_ = false;  // host's thread only
 };

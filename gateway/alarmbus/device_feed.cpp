@@ -47,17 +47,18 @@ DeviceFeed::DeviceFeed(asio::io_context& reactor, WorkerPool& workers,
     : reactor_(reactor),
       workers_(workers),
       device_(std::move(device)),
-      target_(
-          device_->config.basePath +
-          "/KAVRO/Event/notification/alertStream?format=json&devIndex=" + device_->config.index),
       times_(times),
       quotedIndex_(Json::valueToQuotedString(device_->config.index.c_str())),
       sink_(std::move(sink)),
       stream_(reactor),
-      dialer_(*device_, stream_),
       timer_(reactor),
-      login_(std::in_place),
       random_(std::random_device{}()) {}
+
+DeviceFeed::Opening::Opening(DeviceFeed& feed)
+    : target(feed.device_->config.basePath +
+             "/KAVRO/Event/notification/alertStream?format=json&devIndex=" +
+             feed.device_->config.index),
+      dialer(*feed.device_, feed.stream_) {}
 
 void DeviceFeed::start() {
   device_->counts.feedWanted = true;
@@ -71,14 +72,17 @@ void DeviceFeed::stop() {
     self->device_->counts.alarmsFlow = false;
     self->timer_.cancel();
     if (self->pause_) self->pause_->cancel();
-    self->dialer_.cancel();
-    self->login_.reset();  // others may try the credentials
+    self->closeStream();
+    if (self->opening_) self->opening_->login.reset();  // others may try the credentials
+    self->opening_.reset();
   });
 }
 
 void DeviceFeed::connect() {
   if (stopped_) return;
-  switch (device_->login.prepare(*login_, "GET", target_, authorization_)) {
+  if (!opening_) opening_ = std::make_shared<Opening>(*this);
+  Opening& opening = *opening_;
+  switch (device_->login.prepare(*opening.login, "GET", opening.target, opening.authorization)) {
     case DeviceLogin::Verdict::Wait:
       return connectAfter(kTrialDelay);
     case DeviceLogin::Verdict::Refused:
@@ -87,7 +91,8 @@ void DeviceFeed::connect() {
       break;
   }
   watch(kConnectLimit);
-  dialer_.start([self = shared_from_this()](const Error& error) {
+  // A name that is found late finds the dialer still there.
+  opening.dialer.start([self = shared_from_this(), keeper = opening_](const Error& error) {
     if (error || self->stopped_) return self->retry(error.message());
     self->connected();
   });
@@ -99,22 +104,29 @@ void DeviceFeed::connected() {
   watch(kHeadLimit);
   parts_.reset();
   reply_.emplace(std::nullopt);
-  writeRequestHead(head_, *device_,
-                   {"GET", target_, "Accept: multipart/mixed\r\n", authorization_});
+  writeRequestHead(
+      opening_->head, *device_,
+      {"GET", opening_->target, "Accept: multipart/mixed\r\n", opening_->authorization});
   sendHead(0);
 }
 
 void DeviceFeed::sendHead(std::size_t sent) {
-  stream_.asyncWriteSome(asio::buffer(head_) + sent,
-                         [self = shared_from_this(), sent](Error error, std::size_t count) {
-                           if (error) return self->retry(error.message());
-                           if (sent + count < self->head_.size())
-                             return self->sendHead(sent + count);
-                           // Assigning alone would keep their memory.
-                           std::exchange(self->head_, {});
-                           std::exchange(self->authorization_, {});
-                           self->waitForBytes();
-                         });
+  stream_.asyncWriteSome(
+      asio::buffer(opening_->head) + sent,
+      [self = shared_from_this(), opening = opening_, sent](Error error, std::size_t count) {
+        if (self->stopped_) return;
+        if (!error && sent + count < opening->head.size()) {
+          return self->sendHead(sent + count);
+        }
+        if (!error) self->stream_.endWriting(error);
+        if (error) return self->retry(error.message());
+        self->waitForBytes();
+      });
+}
+
+void DeviceFeed::closeStream() {
+  if (opening_) return opening_->dialer.cancel();
+  stream_.close();
 }
 
 void DeviceFeed::waitForBytes() {
@@ -151,7 +163,7 @@ void DeviceFeed::readBytes() {
 // A device in a storm is read once in a while: many alarms at a time cost a fraction of what each
 // costs alone, from the wake-up here to the clients' sockets.
 void DeviceFeed::gather() {
-  if (!pause_) pause_ = std::make_unique<asio::steady_timer>(reactor_);
+  if (!pause_) pause_ = std::make_unique<DeviceStream::Timer>(reactor_);
   pause_->expires_after(kStormGap);
   pause_->async_wait([self = shared_from_this()](Error error) {
     if (!error) self->readBytes();
@@ -179,8 +191,8 @@ bool DeviceFeed::beginStream() {
     takeLoginRefusal();
     return false;
   }
-  device_->login.accepted(*login_);
-  login_.emplace();
+  device_->login.accepted(*opening_->login);
+  opening_.reset();
   if (status != 200 || reply_->boundary().empty()) {
     fault_ = "status " + std::to_string(status) + ", and no stream";
     return false;
@@ -200,8 +212,8 @@ bool DeviceFeed::beginStream() {
 
 void DeviceFeed::takeLoginRefusal() {
   loginDelay_ = 0ms;
-  if (device_->login.refused(*login_, reply_->challenge())) return;
-  login_.emplace();
+  if (device_->login.refused(*opening_->login, reply_->challenge())) return;
+  opening_->login.emplace();
   fault_ = "the device refuses the login";
   loginDelay_ = device_->login.refusedFor().value_or(kLoginDelay);
 }
@@ -252,14 +264,14 @@ void DeviceFeed::armWatch(std::chrono::milliseconds limit) {
     if (self->timer_.expiry() > Clock::now()) return;  // set anew while this run was on its way
     if (Clock::now() - self->lastBytes_ < limit) return self->armWatch(limit);
     self->fault_ = "nothing came in time";
-    self->dialer_.cancel();  // what is under way ends with an error and retries
+    self->closeStream();  // what is under way ends with an error and retries
   });
 }
 
 void DeviceFeed::retry(std::string_view error) {
   if (stopped_) return;
   device_->counts.alarmsFlow = false;
-  dialer_.cancel();
+  closeStream();
   buffer_.clear(0);
   const std::string fault = std::exchange(fault_, {});
   if (loginDelay_ != 0ms && !std::exchange(broken_, true)) {

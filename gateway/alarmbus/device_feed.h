@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -65,8 +64,20 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   using Error = boost::system::error_code;
   using Clock = std::chrono::steady_clock;
 
+  // What the attempts need until a stream opens.
+  struct Opening {
+    explicit Opening(DeviceFeed& feed);
+
+    const std::string target;
+    Dialer dialer;
+    std::optional<DeviceLogin::Ticket> login{std::in_place};
+    std::string authorization;
+    std::string head;
+  };
+
   void connect();
   void connected();
+  void closeStream();
   void sendHead(std::size_t sent);
   void waitForBytes();
   void readBytes();
@@ -88,18 +99,14 @@ class DeviceFeed : public AlarmFeed, public std::enable_shared_from_this<DeviceF
   boost::asio::io_context& reactor_;
   WorkerPool& workers_;
   const std::shared_ptr<Device> device_;
-  const std::string target_;
   const FeedTimes times_;
   const std::string quotedIndex_;
   const AlarmSink sink_;
 
   DeviceStream stream_;
-  Dialer dialer_;
-  boost::asio::steady_timer timer_;
-  std::unique_ptr<boost::asio::steady_timer> pause_;  // of a device that has stormed
-  std::optional<DeviceLogin::Ticket> login_;          // of the attempts until a stream opens
-  std::string authorization_;
-  std::string head_;  // while it is sent
+  DeviceStream::Timer timer_;
+  std::unique_ptr<DeviceStream::Timer> pause_;  // of a device that has stormed
+  std::shared_ptr<Opening> opening_;            // null while a stream is open
   ReadBuffer buffer_;
   std::optional<ReplyParser> reply_;
   std::optional<MultipartReader> parts_;

@@ -6,6 +6,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <deque>
 #include <functional>
+#include <list>
 #include <optional>
 #include <unordered_map>
 #include <utility>
@@ -84,6 +85,11 @@ class Overlap {
   bool isFirst(Source source, const std::string& alarm) {
     return isFirst(source, std::hash<std::string>()(alarm));
   }
+  // Whether isFirst() would be false.
+  bool wasBrought(Source source, const std::string& alarm) const {
+    const auto found = seen_.find(std::hash<std::string>()(alarm));
+    return found != seen_.end() && found->second.times[source] < found->second.delivered;
+  }
   bool isFirst(Source source, std::size_t alarm) {
     Seen& seen = seen_[alarm];
     if (++seen.times[source] <= seen.delivered) return false;
@@ -133,6 +139,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
       const MutexLock lock(mutex_);
       state_ = State::Alone;
       overlap_.reset();
+      ahead_.clear();
       last_.reset();
       isFilling_ = false;
       behindGap_ = {};
@@ -160,7 +167,8 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void readFrom();
   void openOwn();
   void closeOwn();
-  void deviceAlarm(const std::string& alarm);
+  void deviceAlarm(const std::string& alarm, unsigned closedBefore);
+  bool bringFromOwn(const std::string& alarm) QN_REQUIRES(mutex_);
   void remember(const std::string& alarm, Clock::time_point now) QN_REQUIRES(mutex_);
   void published(std::string_view message);
   void deliverUnsure(bool published) QN_REQUIRES(mutex_);
@@ -168,6 +176,8 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void compareWithOwn() QN_REQUIRES(mutex_);
   void overlapEnds();
   void deliverFromOthers(const std::string& alarm) QN_REQUIRES(mutex_);
+  void leave() QN_REQUIRES(mutex_);
+  void bringAhead() QN_REQUIRES(mutex_);
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
   void wasPublished(const RedisAnswer* answer);
   void fill();
@@ -189,6 +199,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   const AlarmSink sink_;
   const std::string lease_, number_, stream_;  // keys; the last one is the channel's name too
   std::atomic<bool> stopped_{false};
+  std::atomic<unsigned> closed_{0};  // streams to the device so far
 
   // The client's thread's own:
   boost::asio::steady_timer timer_;
@@ -203,6 +214,9 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   std::optional<AlarmId> last_ QN_GUARDED_BY(mutex_);  // published, or read
   std::vector<std::string> unsure_ QN_GUARDED_BY(mutex_);
   std::optional<Overlap> overlap_ QN_GUARDED_BY(mutex_);
+  // What others brought while this gateway was leaving, and its own stream, which may be behind,
+  // has not. Empty without an overlap.
+  std::list<std::string> ahead_ QN_GUARDED_BY(mutex_);
   std::deque<std::pair<Clock::time_point, std::size_t>> recent_ QN_GUARDED_BY(mutex_);
   bool isFilling_ QN_GUARDED_BY(mutex_) = false;
   bool fillAgain_ QN_GUARDED_BY(mutex_) = false;
@@ -310,7 +324,10 @@ void SharedFeeds::Feed::readFrom() {
     state_ = state_ == State::Starting || slept ? State::Reader : State::Leaving;
     unsure_.clear();
     // By an answer that it slept on it may have taken itself for the holder for longer.
-    if (slept) compareWithOwn();
+    if (slept) {
+      bringAhead();
+      compareWithOwn();
+    }
   }
   redis_.listen(
       stream_, [self = shared_from_this()](std::string_view message) { self->published(message); });
@@ -334,11 +351,14 @@ void SharedFeeds::Feed::deliverUnsure(bool published) {
 void SharedFeeds::Feed::openOwn() {
   if (own_ || stopped_) return;
   own_ = owner_.devices_.open(
-      device_, [self = shared_from_this()](const std::string& alarm) { self->deviceAlarm(alarm); });
+      device_, [self = shared_from_this(), closedBefore = closed_.load()](
+                   const std::string& alarm) { self->deviceAlarm(alarm, closedBefore); });
 }
 
 void SharedFeeds::Feed::closeOwn() {
-  if (own_) std::exchange(own_, nullptr)->stop();
+  if (!own_) return;
+  ++closed_;
+  std::exchange(own_, nullptr)->stop();
 }
 
 void SharedFeeds::Feed::end() {
@@ -353,11 +373,12 @@ void SharedFeeds::Feed::end() {
   redis_.send({"EVAL", kRelease, "1", lease_, holderText(), stream_});
 }
 
-// On the device's reactor or a worker.
-void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
+// On the device's reactor or a worker. What was under way when its stream was closed is dropped, so
+// that nothing of a later one has gone before it.
+void SharedFeeds::Feed::deviceAlarm(const std::string& alarm, unsigned closedBefore) {
   const auto now = Clock::now();
   const MutexLock lock(mutex_);
-  if (stopped_) return;
+  if (stopped_ || closedBefore != closed_) return;
   switch (state_) {
     case State::Starting:
     case State::Reader:
@@ -365,9 +386,7 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
     case State::Holder:
       if (now < leaseEnd_) {
         remember(alarm, now);
-        if (overlap_ && !overlap_->isFirst(Overlap::Device, alarm)) return;
-        sink_(alarm);
-        publish(alarm);
+        if (bringFromOwn(alarm)) publish(alarm);
       } else if (unsure_.size() < kUnsureAlarms) {  // somebody else may hold it by now
         unsure_.push_back(alarm);
         if (unsure_.size() == 1) redis_.post([self = shared_from_this()] { self->claim(); });
@@ -378,8 +397,21 @@ void SharedFeeds::Feed::deviceAlarm(const std::string& alarm) {
     case State::Alone:
     case State::Leaving:
       remember(alarm, now);
-      if (!overlap_ || overlap_->isFirst(Overlap::Device, alarm)) sink_(alarm);
+      bringFromOwn(alarm);
   }
+}
+
+// Whether nobody else has brought it.
+bool SharedFeeds::Feed::bringFromOwn(const std::string& alarm) {
+  const bool isFirst = !overlap_ || overlap_->isFirst(Overlap::Device, alarm);
+  if (isFirst) sink_(alarm);
+  bool waited = false;
+  while (!ahead_.empty() && overlap_->wasBrought(Overlap::Others, ahead_.front())) {
+    waited = true;
+    overlap_->isFirst(Overlap::Others, ahead_.front());
+    ahead_.pop_front();
+  }
+  return isFirst && !waited;
 }
 
 void SharedFeeds::Feed::remember(const std::string& alarm, Clock::time_point now) {
@@ -454,15 +486,25 @@ void SharedFeeds::Feed::overlapBegins() {
   overlapTimer_.expires_after(kOverlapTime);
   overlapTimer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
     if (error) return;
-    bool leaves = false;  // and holds it not again meanwhile
-    {
-      const MutexLock lock(self->mutex_);
-      leaves = self->state_ == State::Leaving;
-      if (leaves) self->state_ = State::Reader;
-    }
-    if (leaves) self->closeOwn();
-    self->overlapEnds();
+    const MutexLock lock(self->mutex_);
+    self->leave();
   });
+}
+
+// The own stream has had its time; it stays when the feed is held again meanwhile.
+void SharedFeeds::Feed::leave() {
+  bringAhead();
+  if (state_ == State::Leaving) {
+    state_ = State::Reader;
+    closeOwn();
+  }
+  overlapEnds();
+}
+
+void SharedFeeds::Feed::bringAhead() {
+  for (const std::string& alarm : std::exchange(ahead_, {})) {
+    if (overlap_->isFirst(Overlap::Others, alarm)) sink_(alarm);
+  }
 }
 
 // What others bring, with what the own stream has brought.
@@ -482,7 +524,16 @@ void SharedFeeds::Feed::overlapEnds() {
   });
 }
 
+// As long as there is an own stream, an alarm that others bring first waits for it: older ones may
+// be on their way there.
 void SharedFeeds::Feed::deliverFromOthers(const std::string& alarm) {
+  const bool waits =
+      state_ == State::Leaving && overlap_ && !overlap_->wasBrought(Overlap::Others, alarm);
+  if (waits && ahead_.size() < kAheadAlarms) {
+    ahead_.push_back(alarm);
+    return;
+  }
+  if (waits) leave();  // the own stream is of no use any more
   if (!overlap_ || overlap_->isFirst(Overlap::Others, alarm)) sink_(alarm);
 }
 

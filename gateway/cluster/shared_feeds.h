@@ -32,6 +32,7 @@ class SharedFeeds final : public FeedOpener {
   // slower way is cut (RedisLink::kSilence).
   static constexpr std::chrono::seconds kInFlightTime{2};
   static constexpr std::size_t kInFlightAlarms = 10'000;
+  static constexpr std::size_t kAheadAlarms = 1000;  // of others, that wait for the own stream
 
   // Keys and channels begin with `prefix`; `self` is this process's own name.
   SharedFeeds(RedisClient& redis, FeedOpener& devices, std::string prefix, std::string self,

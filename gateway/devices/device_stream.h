@@ -2,10 +2,15 @@
 // the alarm feeds, connected by their dialer.
 #pragma once
 
+#include <unistd.h>
+
+#include <boost/asio/basic_stream_socket.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <chrono>
 #include <cstddef>
 #include <utility>
 
@@ -16,7 +21,12 @@ namespace qn {
 // As Asio's sockets and TlsStream have it: on one thread, handlers keep it alive.
 class DeviceStream {
  public:
-  using Socket = boost::asio::ip::tcp::socket;
+  using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp,
+                                                  boost::asio::io_context::executor_type>;
+  using Timer =
+      boost::asio::basic_waitable_timer<std::chrono::steady_clock,
+                                        boost::asio::wait_traits<std::chrono::steady_clock>,
+                                        boost::asio::io_context::executor_type>;
   using ErrorCode = boost::system::error_code;
 
   explicit DeviceStream(boost::asio::io_context& reactor)
@@ -61,6 +71,20 @@ class DeviceStream {
   void asyncWaitUnread(Handler handler) {
     if (encrypted_) return tls_.async_wait_unread(std::move(handler));
     socket().async_wait(Socket::wait_read, std::move(handler));
+  }
+
+  // For a stream that only reads from now on: room to write is no event any more, of which each
+  // asyncWaitUnread() would see one. Nothing may be under way. With an error it is closed.
+  void endWriting(ErrorCode& error) {
+    const auto protocol = socket().local_endpoint(error).protocol();
+    if (error) return;
+    const int handle = socket().release(error);
+    if (!error) socket().assign(protocol, handle, error);
+    if (error) {
+      ::close(handle);
+    } else {
+      socket().non_blocking(true, error);
+    }
   }
 
   // Harmless when repeated; may be connected again.

@@ -3,7 +3,6 @@
 // beside the stream that it connects.
 #pragma once
 
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -46,7 +45,7 @@ class Dialer {
 
   Device& device_;
   DeviceStream& stream_;
-  boost::asio::steady_timer timer_;  // of a name that is looked up
+  DeviceStream::Timer timer_;  // of a name that is looked up
   uint64_t lookups_ = 0;             // counts those that were begun and those that have ended
   Step step_ = Step::Resolving;
   bool cancelled_ = false;

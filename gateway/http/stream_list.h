@@ -17,6 +17,12 @@
 namespace qn {
 
 struct OpenStream {
+  OpenStream(std::string clientIn, const LoggedIn& login)
+      : client(std::move(clientIn)),
+        user(login.user),
+        device(login.device),
+        since(std::chrono::system_clock::now()) {}
+
   const std::string client;  // its address
   const std::string user;
   const std::string device;
@@ -30,8 +36,7 @@ class StreamList {
   using Entry = std::shared_ptr<OpenStream>;
 
   Entry add(const std::string& client, const LoggedIn& login) {
-    Entry entry(
-        new OpenStream{client, login.user, login.device, std::chrono::system_clock::now(), {}});
+    auto entry = std::make_shared<OpenStream>(client, login);
     const MutexLock lock(mutex_);
     streams_.insert(entry);
     return entry;

@@ -48,6 +48,14 @@ class TestDevice {
     const std::size_t end = std::min(to.size(), first + most);
     for (std::size_t i = first; i < end; ++i) to[i]->bring(alarm);
   }
+  // On one of them, the oldest first.
+  void raiseOn(std::size_t stream, const std::string& alarm) {
+    std::unique_lock lock(mutex_);
+    if (stream >= streams_.size()) return;
+    const auto to = streams_[stream];
+    lock.unlock();
+    to->bring(alarm);
+  }
   std::size_t streams() {
     const std::lock_guard lock(mutex_);
     return streams_.size();
@@ -207,6 +215,14 @@ class SharedFeedsTest : public testing::Test {
       return holder != nullptr;
     }));
     return holder;
+  }
+  // And another one takes it, unless the holder asks for it again first.
+  void forgetTheLease() {
+    ASSERT_TRUE(eventually([&] {
+      member(0)->redis.send({"FLUSHALL"});
+      member(0)->redis.send({"PUBLISH", "qn:0:alarms:7", "free"});  // those who read claim it
+      return eventually([&] { return device_.streams() == 2; }, 2s);
+    }));
   }
   // Raises alarms until one comes.
   bool flows(Member& member) {
@@ -412,18 +428,43 @@ TEST_F(SharedFeedsTest, NoAlarmComesTwiceWhenTheLeaseComesWhileItsOwnStreamEnds)
 TEST_F(SharedFeedsTest, AHolderWhoseLeaseIsForgottenBringsAllAlarmsOnceWhenAnotherTakesIt) {
   joinAll(3);
   for (int round = 0; round < 3; ++round) {
-    ASSERT_TRUE(eventually([&] {
-      asking_->send({"FLUSHALL"});
-      asking_->send({"PUBLISH", "qn:0:alarms:7", "free"});  // those who read claim it
-      // Unless the holder was first, another one holds it.
-      return eventually([&] { return device_.streams() == 2; }, 1s);
-    }));
+    forgetTheLease();
     expectAll({member(0), member(1), member(2)}, 50);
     ASSERT_TRUE(eventually([&] {
       device_.raise(numbered(next_++));
       return device_.streams() == 1;
     }));
   }
+}
+
+// The new holder's stream begins between two alarms, and the own one is slow.
+TEST_F(SharedFeedsTest, WhoseOwnStreamIsBehindThatOfTheNextHolderKeepsTheOrder) {
+  joinAll(3);
+  bool wasLeaving = false;
+  for (int round = 0; round < 20 && !wasLeaving; ++round) {
+    Member* const holder = holderOf({member(0), member(1), member(2)});
+    const auto received = [&] { return holder->feeds.counts().received.value(); };
+    auto before = received();
+    forgetTheLease();
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return received() > before;
+    }));
+    before = received();
+    const std::string first = numbered(next_++), second = numbered(next_++);
+    device_.raiseOn(1, second);
+    ASSERT_TRUE(eventually([&] { return received() > before; }));
+    device_.raiseOn(0, first);
+    device_.raiseOn(0, second);
+    wasLeaving = device_.streams() == 2;  // and not too slow for that
+    EXPECT_TRUE(!wasLeaving || holder->clients.have(first));
+    ASSERT_TRUE(eventually([&] {
+      device_.raise(numbered(next_++));
+      return device_.streams() == 1 && holder->clients.have(second);
+    }));
+    EXPECT_TRUE(holder->clients.isAscending());
+  }
+  EXPECT_TRUE(wasLeaving);
 }
 
 TEST_F(SharedFeedsTest, CountsWhatBecomesOfAlarms) {
