@@ -57,9 +57,9 @@ int CAlertStreamSession::getHeartBeat(std::string& document) {
 
 void CAlertStreamSession::expect(Part part) {
   Parts one;
-  one.push_front(std::move(part));  // memory is asked for without the lock
+  one.push_back(std::move(part));  // memory is asked for without the lock
   const std::lock_guard lock(orderMutex());
-  expected_.splice_after(expected_.before_begin(), one);
+  expected_.splice(expected_.end(), one);
 }
 
 void CAlertStreamSession::forget(const Part& part) {

@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <forward_list>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -39,25 +39,27 @@ class CAlertStreamSession {
   void expect(Part part);
   // No job was queued for it.
   void forget(const Part& part);
-  // Pushes what is expected. Never waits: a thread that is already at it takes the rest along.
-  // `push` must not throw.
+  // For each job: pushes the oldest part that is expected. Never waits: a thread that is already at
+  // it does it. `push` must not throw.
   template <class Push>
   void pushExpected(Push push) {
     std::unique_lock lock(orderMutex());
+    ++due_;
     if (isPushing_) return;
     isPushing_ = true;
-    while (!expected_.empty()) {
-      Parts parts = std::exchange(expected_, {});
+    for (; due_ > 0 && !expected_.empty(); --due_) {
+      const Part part = std::move(expected_.front());
+      expected_.pop_front();
       lock.unlock();
-      parts.reverse();
-      for (const Part& part : parts) push(*part);
+      push(*part);
       lock.lock();
     }
+    due_ = 0;
     isPushing_ = false;
   }
 
  private:
-  using Parts = std::forward_list<Part>;
+  using Parts = std::list<Part>;
 
   // Held for a few instructions; shared by many sessions, so that a quiet one is small.
   std::mutex& orderMutex() const;
@@ -72,8 +74,10 @@ class CAlertStreamSession {
   std::atomic<int32_t> sendFailed_{0};
   std::atomic<int32_t> activePostCount_{0};
 
-  bool isPushing_ = false;  // guarded by orderMutex()
-  Parts expected_;          // guarded by orderMutex(); newest first
+  // Guarded by orderMutex():
+  bool isPushing_ = false;
+  int due_ = 0;     // parts whose jobs have run
+  Parts expected_;  // oldest first
 };
 
 }  // namespace QNKAVROProtocol
