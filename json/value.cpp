@@ -101,8 +101,10 @@ int Value::asInt() const {
                                    : static_cast<int>(get<int64_t>(native<element>(element_)));
 }
 
+// The library rounds an unsigned integer of more than 53 bits twice.
 double Value::asDouble() const {
-  return read_ != nullptr ? read_->asDouble() : get<double>(native<element>(element_));
+  if (read_ != nullptr) return read_->asDouble();
+  return type() == Json::uintValue ? copy().asDouble() : get<double>(native<element>(element_));
 }
 
 std::string_view Value::text() const {

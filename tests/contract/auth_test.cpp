@@ -46,6 +46,24 @@ TEST(Digest, DoesNotDependOnHowTheTextIsCut) {
   }
 }
 
+// What is remembered of a request serves no other URL, method or algorithm.
+TEST(Digest, EveryRequestHasItsOwnResponse) {
+  using enum DigestAlgorithm;
+  const auto check = [](DigestAlgorithm algorithm, const char* method, const std::string& uri) {
+    const DigestResponses responses(algorithm, "ha1", {"nonce", "00000001", "c"});
+    const HexDigest request = hexDigest(algorithm, {method, uri});
+    const HexDigest expected =
+        hexDigest(algorithm, {"ha1", "nonce", "00000001", "c", "auth", request.text()});
+    EXPECT_EQ(responses.of(method, uri).text(), expected.text()) << method << uri;
+  };
+  for (int n = 0; n < 600; ++n) {
+    check(MD5, "GET", '/' + std::string(n % 3 * 128, 'x') + std::to_string(n / 2));
+  }
+  for (const DigestAlgorithm algorithm : {MD5, SHA256, MD5}) {
+    for (const char* method : {"GET", "PUT", ""}) check(algorithm, method, "/x");
+  }
+}
+
 TEST(DigestCredentials, ReadsWhatClientsWrite) {
   DigestCredentials c;
   ASSERT_TRUE(parseDigestCredentials(

@@ -166,11 +166,11 @@ TEST_F(LoginTest, WhatIsNoGuessIsNeverCounted) {
       values.push_back(changed(right(), name, name + "=\"\""));
   }
   for (const std::string with :
-       {"username*=\"UTF-8''%\"", "username*=\"UTF-8''%4\"", "username*=\"UTF-8''%4g\"",
-        "username*=\"UTF-8'admin\"", "username*=\"latin-1''admin\"", "username*=\"\"",
-        "username*=UTF-8''admin, userhash=true", "realm=other", "qop=auth-int", "algorithm=SHA-256",
-        "algorithm=MD5-sess", "nc=1", "nc=0000000g", "nc=-0000001", "response=00",
-        "response=gggggggggggggggggggggggggggggggg"}) {
+       {"username*=\"UTF-8''admin%\"", "username*=\"UTF-8''admin%g4\"",
+        "username*=\"UTF-8''admin%4g\"", "username*=\"UTF-8'admin\"",
+        "username*=\"latin-1''admin\"", "username*=\"\"", "username*=UTF-8''admin, userhash=true",
+        "realm=other", "qop=auth-int", "algorithm=SHA-256", "algorithm=MD5-sess", "nc=1",
+        "nc=0000000g", "nc=-0000001", "response=00", "response=gggggggggggggggggggggggggggggggg"}) {
     values.push_back(changed(right(), with.substr(0, with.find_first_of("*=")), with));
   }
   for (const std::string& value : values) {
@@ -545,18 +545,25 @@ TEST_F(LockoutTest, IsEmptyAgainWhenAllFailuresAreForgotten) {
   EXPECT_TRUE(lockout_.isEmpty(now_ + seconds(60)));
 }
 
-// What comes back from the others is known already, also where a name forgotten has left its place.
+// What comes back from the others is known already, also late, of names that have no place, and
+// where a name that was forgotten has left its place.
 TEST_F(LockoutTest, HearingOfOnesOwnFailuresAddsNone) {
   const LockOptions patient{5, seconds(60)};
   const ClientNetwork client("192.0.2.1");
   for (const char* user : {"operator", "admin"}) lockout_.fail(client, user, patient, now_);
   lockout_.forget(client, "operator", patient, now_);
-  for (const int left : {3, 2, 1}) {
-    EXPECT_EQ(lockout_.fail(client, "admin", patient, now_).attemptsLeft, left);
-    const auto failed = static_cast<uint32_t>(5 - left);
-    lockout_.learn({client, {{lockout_.hash("admin"), failed}}, now_ + seconds(60)}, patient, now_);
-    EXPECT_EQ(lockout_.standing(client, patient, now_).attemptsLeft, left);
+  for (const uint32_t failed : {2U, 3U, 4U}) {
+    lockout_.fail(client, "admin", patient, now_);
+    for (const Lockout::Failures heard : {Lockout::Failures{lockout_.hash("admin"), failed},
+                                          {lockout_.hash("admin"), failed - 1},
+                                          {Lockout::kOtherNames, failed}}) {
+      lockout_.learn({client, {heard}, now_ + seconds(60)}, patient, now_);
+      EXPECT_EQ(lockout_.standing(client, patient, now_).attemptsLeft, 5 - int(failed));
+    }
+    EXPECT_TRUE(lockout_.locks(patient, now_, 2).empty());
   }
+  lockout_.fail(client, "admin", patient, now_);
+  EXPECT_EQ(lockout_.locks(patient, now_, 2).size(), 1U);
 }
 
 TEST_F(LockoutTest, CountsAnIPv6NetworkAsOneClient) {

@@ -67,5 +67,18 @@ TEST(WorkerPool, RefusesWhatIsBeyondTheQueueAndRunsTheRestAtTheStop) {
   pool.stop();
 }
 
+TEST(WorkerPool, TakesNoJobThatNoThreadCanRun) {
+  constexpr std::size_t kNoRoom = std::size_t{1} << 47;  // for such a stack
+  for (const int patience : {0, 5}) {
+    WorkerPool pool({.threads = 2,
+                     .queueLimit = 4,
+                     .patience = std::chrono::milliseconds(patience),
+                     .stackBytes = kNoRoom});
+    EXPECT_FALSE(pool.post([] { ADD_FAILURE(); }));
+    EXPECT_EQ(pool.load().refused, 1U);
+    EXPECT_EQ(pool.load().waiting, 0U);
+  }
+}
+
 }  // namespace
 }  // namespace qn
