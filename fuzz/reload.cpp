@@ -6,6 +6,7 @@
 #include <string>
 
 #include "fuzz/require.h"
+#include "gateway/config/configuration_changes.h"
 #include "gateway/config/configuration_file.h"
 #include "gateway/log/log.h"
 #include "platform/config_mgr.h"

@@ -16,6 +16,7 @@
 #include "gateway/accounts/entry_text.h"
 #include "gateway/accounts/passwords.h"
 #include "gateway/admin/control.h"
+#include "gateway/config/configuration_changes.h"
 #include "gateway/config/configuration_file.h"
 #include "gateway/config/toml_table.h"
 

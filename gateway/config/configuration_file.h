@@ -83,16 +83,4 @@ struct ListedEntries {
 // `list`: "users" or "devices". Throws ConfigurationError.
 ListedEntries listedEntries(const std::filesystem::path& file, std::string_view list);
 
-// Gives `next` the values of `inForce` for the keys that need a restart; returns the names of those
-// that it has changed.
-std::vector<std::string> keepUntilRestart(const Configuration& inForce, Configuration& next);
-
-// The names of the keys, and of the lists, whose values differ.
-std::vector<std::string> changedKeys(const Configuration& before, const Configuration& after);
-
-// Throws ConfigurationError when a running gateway should not change to `next`, which `file` holds:
-// it would take the administrator away, as an empty file does, so whoever is writing it has not
-// finished and nobody could log in; or it has a new certificate that has expired.
-void checkReload(const Configuration& inForce, const Configuration& next, const std::string& file);
-
 }  // namespace qn

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "gateway/config/configuration_changes.h"
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/gateway.h"
 #include "gateway/log/log.h"

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "gateway/config/configuration_changes.h"
 #include "gateway/config/configuration_file.h"
 #include "gateway/host/descriptors.h"
 #include "gateway/host/engines.h"
