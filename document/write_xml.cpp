@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "text/bytes.h"
 #include "text/number.h"
 #include "text/xml.h"
 
@@ -60,17 +61,16 @@ class TextSink {
   // any other.
   bool putPlain(std::string_view name, std::string_view text) {
     const std::size_t size = 2 * name.size() + text.size() + 5;
-    if (size > buffer_.size()) return false;
+    if (size > buffer_.size() || !qn::text::isPlainXml(text)) return false;
     if (size > buffer_.size() - used_) finish();
     char* at = buffer_.data() + used_;
     *at++ = '<';
-    at = std::ranges::copy(name, at).out;
+    at = qn::text::copyTo(at, name);
     *at++ = '>';
-    at = qn::text::copyPlainXml(text, at);
-    if (at == nullptr) return false;
+    at = qn::text::copyTo(at, text);
     *at++ = '<';
     *at++ = '/';
-    at = std::ranges::copy(name, at).out;
+    at = qn::text::copyTo(at, name);
     *at = '>';
     used_ += size;
     return true;
@@ -94,7 +94,7 @@ class TextSink {
     }
     char* at = buffer_.data() + used_;
     for (const std::string_view piece : {before, name, behind}) {
-      at = std::ranges::copy(piece, at).out;
+      at = qn::text::copyTo(at, piece);
     }
     used_ += size;
   }

@@ -27,9 +27,9 @@ std::unique_ptr<Reading::Parser>& Reading::spare() {
 Reading::Reading(std::string_view text) {
   if (!mayBeJson(text)) return;
   isJson_ = readFast(text);
-  if (isJson_ || !parseJson(text, judged_)) return;
+  if (isJson_ || !parseJson(text, judged_.emplace())) return;
   isJson_ = true;
-  root_ = Value(judged_);
+  root_ = Value(*judged_);
 }
 
 Reading::~Reading() {

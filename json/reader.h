@@ -5,6 +5,7 @@
 #include <json/json.h>
 
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "json/value.h"
@@ -33,7 +34,7 @@ class Reading {
   bool readFast(std::string_view text);
 
   std::unique_ptr<Parser> parser_;
-  Json::Value judged_;
+  std::optional<Json::Value> judged_;
   Value root_;
   bool isJson_ = false;
 };

@@ -170,10 +170,12 @@ std::optional<Value> Value::find(std::string_view name) const {
     return member != nullptr ? std::optional<Value>(*member) : std::nullopt;
   }
   std::optional<Value> found;
-  Members members(*this);
-  std::string_view each;
-  for (Value value; members.next(each, value);) {
-    if (each == name) found = value;
+  simdjson::dom::object members;
+  if (element_.document == nullptr || native<element>(element_).get(members) != simdjson::SUCCESS) {
+    return found;
+  }
+  for (const auto& [key, value] : members) {
+    if (key == name) found = Value(native<Element>(value));
   }
   return found;
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 
+#include "text/bytes.h"
 #include "text/number.h"
 #include "text/utf8.h"
 
@@ -126,12 +127,10 @@ void appendEscapedXml(std::string_view text, XmlPlace place, std::string& out) {
   }
 }
 
-char* copyPlainXml(std::string_view text, char* out) {
-  for (const char character : text) {
-    if (!kPlainInText[static_cast<unsigned char>(character)]) return nullptr;
-    *out++ = character;
-  }
-  return out;
+bool isPlainXml(std::string_view text) {
+  return !anyByte(text, [](auto byte) {  // those from 0x80 on are below 0 here
+    return (byte < 0x20) | (byte == '&') | (byte == '<') | (byte == '>');
+  });
 }
 
 bool appendDecodedXml(std::string_view raw, std::string& out) {

@@ -17,9 +17,9 @@ enum class XmlPlace { Text, Attribute };
 // references.
 void appendEscapedXml(std::string_view text, XmlPlace place, std::string& out);
 
-// Copies text that stands in an element as it is to `out`, which has room for it: the place behind,
-// or null when anything in it has to be left out or escaped.
-char* copyPlainXml(std::string_view text, char* out);
+// True only for text that stands in an element as it is: printable ASCII of which nothing is
+// escaped.
+bool isPlainXml(std::string_view text);
 
 // The reverse: appends raw with the predefined entities and the character references replaced by
 // what they stand for. False for any other entity, for a bare "&" and for a reference to a

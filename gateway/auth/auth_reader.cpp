@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdint>
 
+#include "text/bytes.h"
+
 namespace qn {
 namespace {
 
@@ -60,6 +62,15 @@ AuthReader::Item AuthReader::readValue() {
 }
 
 AuthReader::Item AuthReader::readQuoted() {
+  // Nearly every string: nothing in it is escaped or forbidden.
+  const std::string_view plain = rest_.substr(1, rest_.find('"', 1) - 1);
+  if (plain.size() + 2 <= rest_.size() && !text::anyByte(plain, [](auto c) {
+        return ((c >= 0) & (c < ' ') & (c != '\t')) | (c == 0x7f) | (c == '\\');
+      })) {
+    value_ = plain;
+    rest_.remove_prefix(plain.size() + 2);
+    return Item::Parameter;
+  }
   const char* const end = rest_.data() + rest_.size();
   for (const char* c = rest_.data() + 1; c < end; ++c) {
     while (c < end && !isAny(kForbidden | kQuoting, *c)) ++c;
@@ -93,6 +104,7 @@ void AuthReader::skipBlanks() {
 }
 
 std::string unescapeQuoted(std::string_view value) {
+  if (value.find('\\') == value.npos) return std::string(value);
   std::string text;
   text.reserve(value.size());
   for (std::size_t i = 0; i < value.size(); ++i) {

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "text/hex.h"
 
@@ -75,6 +77,22 @@ Hash& Hash::add(std::string_view piece) {
   return *this;
 }
 
+Hash& Hash::addAll(std::initializer_list<std::string_view> pieces) {
+  std::array<char, 256> gathered;
+  std::size_t used = 0;
+  for (const std::string_view piece : pieces) {
+    if (piece.size() > gathered.size() - used) {
+      add({gathered.data(), std::exchange(used, 0)});
+      if (piece.size() > gathered.size()) {
+        add(piece);
+        continue;
+      }
+    }
+    used += piece.copy(gathered.data() + used, piece.size());
+  }
+  return add({gathered.data(), used});
+}
+
 HexDigest Hash::finish() {
   std::array<uint8_t, SHA256_DIGEST_SIZE> bytes;
   const std::size_t size = hexLength(algorithm_) / 2;
@@ -100,14 +118,13 @@ HexDigest hexDigest(DigestAlgorithm algorithm, std::initializer_list<std::string
 DigestResponses::DigestResponses(DigestAlgorithm algorithm, std::string_view ha1,
                                  const NonceUse& use)
     : start_(algorithm) {
-  start_.add(ha1).add(":").add(use.nonce).add(":").add(use.count).add(":").add(use.clientNonce);
-  start_.add(":auth:");
+  start_.addAll({ha1, ":", use.nonce, ":", use.count, ":", use.clientNonce, ":auth:"});
 }
 
 HexDigest DigestResponses::of(std::string_view method, std::string_view uri) const {
-  thread_local RequestDigests requests;
+  thread_local const auto requests = std::make_unique<RequestDigests>();
   Hash hash = start_;
-  return hash.add(requests.of(hash.algorithm(), method, uri).text()).finish();
+  return hash.add(requests->of(hash.algorithm(), method, uri).text()).finish();
 }
 
 bool equalInConstantTime(std::string_view a, std::string_view b) {

@@ -39,6 +39,44 @@ bool store(const AuthReader& reader, DigestCredentials& credentials) {
   return true;
 }
 
+bool readParameters(std::string_view authorization, DigestCredentials& credentials) {
+  using Item = AuthReader::Item;
+  credentials = {};
+  AuthReader reader(authorization);
+  if (reader.next() != Item::Scheme || !text::equalNoCase(reader.name(), "Digest")) return false;
+  Item item = reader.next();
+  while (item == Item::Parameter && store(reader, credentials)) item = reader.next();
+  return item == Item::End;
+}
+
+// What was read last. Of each request first the service looks at the credentials, then the login.
+class LastRead {
+ public:
+  static constexpr std::size_t kLongest = 1024;  // that is remembered
+
+  bool read(std::string_view authorization, DigestCredentials& credentials) {
+    if (authorization != text_) {
+      good_ = false;
+      text_ = authorization;
+      good_ = readParameters(text_, given_);
+    }
+    credentials = {};
+    if (!good_) return false;
+    for (const Parameter& parameter : kParameters) {
+      const std::string_view value = given_.*parameter.member;
+      if (!value.data()) continue;
+      credentials.*parameter.member =
+          authorization.substr(std::size_t(value.data() - text_.data()), value.size());
+    }
+    return true;
+  }
+
+ private:
+  std::string text_;
+  DigestCredentials given_;  // views into it
+  bool good_ = false;
+};
+
 std::string_view withoutAuthority(std::string_view uri) {
   const std::size_t scheme = uri.find("://");
   if (uri.starts_with('/') || scheme == uri.npos) return uri;
@@ -77,23 +115,24 @@ bool usernameOf(const DigestCredentials& credentials, std::string& name) {
 }
 
 bool parseDigestCredentials(std::string_view authorization, DigestCredentials& credentials) {
-  using Item = AuthReader::Item;
-  credentials = {};
-  AuthReader reader(authorization);
-  if (reader.next() != Item::Scheme || !text::equalNoCase(reader.name(), "Digest")) return false;
-  Item item = reader.next();
-  while (item == Item::Parameter && store(reader, credentials)) item = reader.next();
-  return item == Item::End;
+  thread_local LastRead last;
+  if (authorization.size() > LastRead::kLongest) return readParameters(authorization, credentials);
+  return last.read(authorization, credentials);
 }
 
 bool digestUriIs(std::string_view authorization, std::string_view target) {
+  const auto isTarget = [target](std::string_view uri) {
+    return uri == target || withoutAuthority(uri) == target;
+  };
+  DigestCredentials given;
+  if (parseDigestCredentials(authorization, given)) return given.uri.data() && isTarget(given.uri);
   AuthReader reader(authorization);
   if (reader.next() != AuthReader::Item::Scheme || !text::equalNoCase(reader.name(), "Digest")) {
     return false;
   }
   while (reader.next() == AuthReader::Item::Parameter) {
     if (!text::equalNoCase(reader.name(), "uri")) continue;
-    return reader.value() == target || withoutAuthority(reader.value()) == target;
+    return isTarget(reader.value());
   }
   return false;
 }

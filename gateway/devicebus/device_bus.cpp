@@ -15,6 +15,7 @@
 #include "gateway/log/request_id.h"
 #include "gateway/sync/mutex.h"
 #include "platform/rest_protocol.h"
+#include "text/bytes.h"
 
 namespace qn::devicebus {
 namespace {
@@ -181,7 +182,7 @@ int DeviceBus::send(Call call, std::unique_ptr<Recipient> recipient) {
     return refusal;
   }
   const std::string_view id = RequestIdScope::current();
-  if (!id.empty()) request->idLine.append(kRequestIdField).append(id).append("\r\n");
+  if (!id.empty()) text::appendAll(request->idLine, {kRequestIdField, id, "\r\n"});
   request->url = std::move(call.url);
   request->body = call.body;
   request->recipient = std::move(recipient);

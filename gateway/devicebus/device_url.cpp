@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "text/bytes.h"
 #include "text/number.h"
 
 namespace qn::devicebus {
@@ -62,8 +63,8 @@ std::string namedDevice(std::string_view url) {
 }
 
 bool isRequestTarget(std::string_view url) {
-  const auto unsendable = [](unsigned char c) { return c <= ' ' || c == 0x7F || c == '#'; };
-  return url.starts_with('/') && std::none_of(url.begin(), url.end(), unsendable) &&
+  const auto unsendable = [](auto c) { return ((c >= 0) & (c <= ' ')) | (c == 0x7F) | (c == '#'); };
+  return url.starts_with('/') && !text::anyByte(url, unsendable) &&
          !climbs(url.substr(0, url.find('?')));
 }
 

@@ -28,7 +28,7 @@ void Lane::submit(RequestPtr request) {
 
 void Lane::pump() {
   std::string authorization;
-  std::string target;
+  std::string onPath;  // the URL below the device's path, where it has one
   while (!queue_.empty()) {
     BusRequest& first = *queue_.front();
     const auto now = coarseNow();
@@ -41,7 +41,9 @@ void Lane::pump() {
       continue;
     }
     if (busy_.size() >= limits_.connections) return;
-    target.assign(device_->config.basePath).append(first.url);
+    const std::string& path = device_->config.basePath;
+    if (!path.empty()) onPath.assign(path).append(first.url);
+    const std::string_view target = path.empty() ? first.url : onPath;
     const auto verdict = device_->login.prepare(*first.login, first.method, target, authorization);
     if (verdict == DeviceLogin::Verdict::Wait) return;
     if (verdict == DeviceLogin::Verdict::Refused) {

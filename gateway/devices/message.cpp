@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "text/ascii.h"
+#include "text/bytes.h"
 #include "text/number.h"
 
 namespace qn {
@@ -14,6 +15,7 @@ namespace {
 constexpr std::size_t kReserve = 1024 * 1024;
 
 constexpr std::size_t kLongestBoundary = 70;  // that the multipart format allows
+constexpr std::string_view kLineEnd = "\r\n";
 
 std::string_view contentType(std::string_view body) {
   const std::string_view start = text::trimStart(body).substr(0, 1);
@@ -27,10 +29,7 @@ bool announcesEmptyBody(std::string_view method) {
 }
 
 void addField(std::string& out, std::string_view name, std::string_view value) {
-  out += name;
-  out += ": ";
-  out += value;
-  out += "\r\n";
+  text::appendAll(out, {name, ": ", value, kLineEnd});
 }
 
 std::string_view boundaryOf(std::string_view contentType) {
@@ -48,17 +47,14 @@ std::string_view boundaryOf(std::string_view contentType) {
 
 void writeRequestHead(std::string& out, const Device& device, const DeviceRequestHead& head,
                       std::string_view body) {
-  out.assign(head.method);
-  out += ' ';
-  out += head.target;
-  out += device.requestLineEnd;
-  out += head.fields;
+  out.clear();
+  text::appendAll(out, {head.method, " ", head.target, device.requestLineEnd, head.fields});
   if (!head.authorization.empty()) addField(out, "Authorization", head.authorization);
   if (!body.empty()) addField(out, "Content-Type", contentType(body));
   if (!body.empty() || announcesEmptyBody(head.method)) {
     addField(out, "Content-Length", text::Decimal(body.size()).view());
   }
-  out += "\r\n";
+  out += kLineEnd;
 }
 
 boost::asio::mutable_buffer ReadBuffer::space(std::size_t capacity) {

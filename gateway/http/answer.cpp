@@ -10,6 +10,7 @@
 
 #include "platform/base_library.h"
 #include "platform/error_codes.h"
+#include "text/bytes.h"
 #include "text/number.h"
 
 namespace qn {
@@ -70,7 +71,8 @@ struct DateLine {
 
 void appendStatusLine(std::string& out, int status) {
   if (status == 200) {
-    out += "HTTP/1.1 200 OK\r\n";
+    constexpr std::string_view kOk = "HTTP/1.1 200 OK\r\n";
+    out += kOk;
     return;
   }
   out += "HTTP/1.1 ";
@@ -92,9 +94,7 @@ void appendDate(std::string& out) {
 }
 
 void appendContentLength(std::string& out, std::size_t length) {
-  out += "Content-Length: ";
-  text::appendDecimal(out, length);
-  out += "\r\n";
+  text::appendAll(out, {"Content-Length: ", text::Decimal(length).view(), "\r\n"});
 }
 
 const OwnDocument& ownDocument(OwnAnswer answer) {

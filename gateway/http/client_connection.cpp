@@ -156,10 +156,10 @@ void ClientConnection<Stream>::onDeadline() {
 template <class Stream>
 ExchangePtr ClientConnection<Stream>::onHead(const RequestHead& head) {
   const TrustedProxies& trusted = core_->trusted();
-  const std::string address = trusted.contains(arrival_.peer)
-                                  ? trusted.client(arrival_.peer, head.fields).to_string()
-                                  : this->peer();
-  return ExchangeState::create(head, {address, arrival_.port, self()});
+  std::string address = trusted.contains(arrival_.peer)
+                            ? trusted.client(arrival_.peer, head.fields).to_string()
+                            : this->peer();
+  return ExchangeState::create(head, {std::move(address), arrival_.port, self()});
 }
 
 template <class Stream>

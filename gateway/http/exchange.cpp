@@ -13,6 +13,7 @@
 #include "gateway/http/request_id.h"
 #include "gateway/log/log.h"
 #include "text/ascii.h"
+#include "text/bytes.h"
 
 namespace qn {
 namespace {
@@ -66,10 +67,8 @@ class ExchangeRegistry {
   std::array<Shard, 64> shards_;
 };
 
-// A search for each, since one for any of them looks at every character by itself.
 bool isClean(std::string_view text) {
-  constexpr auto kNone = std::string_view::npos;
-  return text.find('\r') == kNone && text.find('\n') == kNone && text.find('\0') == kNone;
+  return !text::anyByte(text, [](auto c) { return (c == '\r') | (c == '\n') | (c == '\0'); });
 }
 
 // These are the service's to set.
@@ -78,6 +77,15 @@ bool isOwnHeader(std::string_view name) {
                                                            "Transfer-Encoding", "X-Request-Id"};
   return std::ranges::any_of(kOwn,
                              [&](std::string_view own) { return text::equalNoCase(name, own); });
+}
+
+bool mayBeSent(std::string_view name, std::string_view value) {
+  if (!name.empty() && isClean(name) && isClean(value) && !isOwnHeader(name) &&
+      name.find(':') == std::string_view::npos) {
+    return true;
+  }
+  logWarn("http: a header of an answer was refused");
+  return false;
 }
 
 constexpr std::size_t kUsualHeaders = 256;  // bytes that an answer's own lines mostly fit into
@@ -101,14 +109,14 @@ qn::ExchangePtr ExchangeState::find(int handle) {
   return handle > 0 ? qn::ExchangeRegistry::instance().find(handle) : nullptr;
 }
 
-ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, qn::Origin origin)
+ExchangeState::ExchangeState(int handle, const qn::RequestHead& head, const qn::Origin& origin)
     : handle_(handle),
       method_(head.method),
       keepAlive_(head.keepAlive),
       http10_(head.http10),
       url_(head.target),
       requestId_(qn::requestIdOf(head.namesRequest ? head.fields : std::string_view())),
-      origin_(std::move(origin)),
+      origin_(origin),
       fields_(head.fields) {}
 
 std::string ExchangeState::header(std::string_view name) const {
@@ -137,9 +145,12 @@ std::string ExchangeState::bearerToken() const {
   return std::string(bears ? value.substr(kScheme.size()) : std::string_view());
 }
 
-void ExchangeState::setLogin(qn::LoggedIn who) {
+void ExchangeState::setLogin(qn::LoggedIn who, std::string_view authenticationInfo) {
+  constexpr std::string_view kName = "Authentication-Info";
+  const bool told = qn::mayBeSent(kName, authenticationInfo);
   const qn::MutexLock lock(mutex_);
   login_ = std::move(who);
+  if (told) setHeaderLocked(kName, authenticationInfo);
 }
 
 std::string ExchangeState::user() const {
@@ -159,11 +170,7 @@ bool ExchangeState::isStillAllowed() const {
 }
 
 void ExchangeState::setHeader(std::string_view name, std::string_view value) {
-  if (name.empty() || !qn::isClean(name) || !qn::isClean(value) || qn::isOwnHeader(name) ||
-      name.find(':') != std::string_view::npos) {
-    qn::logWarn("http: a header of an answer was refused");
-    return;
-  }
+  if (!qn::mayBeSent(name, value)) return;
   const qn::MutexLock lock(mutex_);
   setHeaderLocked(name, value);
 }
@@ -172,7 +179,7 @@ void ExchangeState::setHeaderLocked(std::string_view name, std::string_view valu
   if (headers_.empty()) headers_.reserve(qn::kUsualHeaders);
   const qn::HeaderLine old = qn::findHeader(headers_, name);
   if (old.found()) headers_.erase(old.start, old.end - old.start);
-  headers_.append(name).append(": ").append(value).append("\r\n");
+  qn::text::appendAll(headers_, {name, ": ", value, "\r\n"});
 }
 
 void ExchangeState::setStatus(int status) {
@@ -288,17 +295,14 @@ void ExchangeState::appendHead(std::string& out, std::size_t bodySize, qn::Endin
   const qn::MutexLock lock(mutex_);
   qn::appendStatusLine(out, status_);
   qn::appendDate(out);
-  out += headers_;
-  out.append("X-Request-Id: ").append(requestId_).append("\r\n");
-  if (ending == qn::Ending::Close) {
-    out += "Connection: close\r\n";
-  } else if (http10_) {
-    out += "Connection: keep-alive\r\n";
-  }
+  const std::string_view connection = ending == qn::Ending::Close ? "Connection: close\r\n"
+                                      : http10_                   ? "Connection: keep-alive\r\n"
+                                                                  : "";
+  qn::text::appendAll(out, {headers_, "X-Request-Id: ", requestId_, "\r\n", connection});
   // What a device says to HEAD does not tell how long its answer to GET would be.
   const bool unknown = method_ == HTTP_HEAD && bodySize == 0;
   if (!qn::hasNoBody(status_) && !unknown) qn::appendContentLength(out, bodySize);
-  out += "\r\n";
+  out.append("\r\n", 2);
 }
 
 bool ExchangeState::sendsBody() const { return method_ != HTTP_HEAD && !qn::hasNoBody(status()); }

@@ -67,7 +67,7 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   // Null when the handle is not live.
   static qn::ExchangePtr find(int handle);
 
-  ExchangeState(int handle, const qn::RequestHead& head, qn::Origin origin);
+  ExchangeState(int handle, const qn::RequestHead& head, const qn::Origin& origin);
 
   // The request; constant.
   int handle() const { return handle_; }
@@ -85,8 +85,8 @@ class ExchangeState : public std::enable_shared_from_this<ExchangeState>, public
   std::string bearerToken() const;
   const std::string& clientAddress() const { return origin_.clientAddress; }
 
-  // Who has logged in; set by the login, before the answer.
-  void setLogin(qn::LoggedIn who);
+  // Who has logged in, and what the answer is to tell them; set by the login, before the answer.
+  void setLogin(qn::LoggedIn who, std::string_view authenticationInfo);
   std::string user() const;
   qn::LoggedIn login() const;
   // Whether the configuration in force still allows what the login did; true without one.

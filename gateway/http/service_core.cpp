@@ -103,8 +103,7 @@ class ExchangeLogin final : public LoginRequest {
   std::string_view clientAddress() const override { return exchange_.clientAddress(); }
   std::string user() const override { return exchange_.user(); }
   void loggedIn(LoggedIn who, const std::string& info) override {
-    exchange_.setLogin(std::move(who));
-    exchange_.setHeader("Authentication-Info", info);
+    exchange_.setLogin(std::move(who), info);
   }
   void onAnswer(std::function<void(int status)> call) override {
     exchange_.setOnAnswer(std::move(call));

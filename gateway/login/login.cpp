@@ -10,6 +10,7 @@
 #include "gateway/log/client_log.h"
 #include "platform/config_mgr.h"
 #include "text/ascii.h"
+#include "text/bytes.h"
 #include "text/hex.h"
 
 namespace qn {
@@ -149,8 +150,8 @@ DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, At
   const Configuration& config = *attempt.config;
   const LoginRequest* const service = LoginRequest::current();
   const std::string_view address = service ? service->clientAddress() : textOf(request.clientIp);
-  const ClientNetwork client(address);
   if (!attempt.isRight(method)) {
+    const ClientNetwork client(address);
     const Lockout::Standing standing =
         lockout_.fail(client, attempt.name, config.lock, attempt.now);
     if (!standing.locked() || standing.justLocked) {
@@ -160,7 +161,7 @@ DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, At
   }
   // The lock is looked at only now, so that a guess made while another one locked the address is
   // refused too.
-  const Lockout::Standing standing = lockout_.standing(client, config.lock, attempt.now);
+  const Lockout::Standing standing = standingOf(address, config.lock, attempt.now);
   if (standing.locked()) return refuseLogin(result, attempt, address, standing);
   const auto [use, shouldRenew] = nonces_.use(attempt.given.nonce, attempt.count, attempt.name,
                                               config.kavro.nonceKey, attempt.now);
@@ -171,13 +172,27 @@ DigestResult Login::decide(tagDIGEST_RESULT& result, std::string_view method, At
     challenge(result, config, use == Nonces::Use::Stale || config.kavro.nonceKey.empty());
     return DIGEST_NO_CREDENTIALS;
   }
-  if (lockout_.forget(client, attempt.name, config.lock, attempt.now)) {
-    peers_->forgotten(client, lockout_.hash(attempt.name), config.lock);
-  }
+  if (!lockout_.isEmpty(attempt.now)) forgive(address, attempt);
   if (attempt.count == 1) {  // the first one with its nonce
     logClient(LogLevel::Info, address, "login of \"{}\" from {}", attempt.name, address);
   }
   return admit(result, attempt, mode, request.port);
+}
+
+// Mostly nobody has failed, and it does not matter where the client is.
+Lockout::Standing Login::standingOf(std::string_view address, const LockOptions& options,
+                                    Lockout::Time now) {
+  if (lockout_.isEmpty(now)) return {options.maxAttempts, {}};
+  return lockout_.standing(ClientNetwork(address), options, now);
+}
+
+// Forgets the failures with this name.
+void Login::forgive(std::string_view address, const Attempt& attempt) {
+  const ClientNetwork client(address);
+  const LockOptions& options = attempt.config->lock;
+  if (lockout_.forget(client, attempt.name, options, attempt.now)) {
+    peers_->forgotten(client, lockout_.hash(attempt.name), options);
+  }
 }
 
 DigestResult Login::refuseLogin(tagDIGEST_RESULT& result, const Attempt& attempt,
@@ -225,13 +240,10 @@ DigestResult Login::admit(tagDIGEST_RESULT& result, const Attempt& attempt, int 
 // Proves to the client that the gateway knows the password, and hands out the next nonce in time.
 std::string Login::authenticationInfo(const Attempt& attempt) {
   const DigestCredentials& given = attempt.given;
+  const HexDigest proof = attempt.responses->of("", given.uri);
   std::string info;
-  info.reserve(256);
-  info.append("rspauth=\"")
-      .append(attempt.responses->of("", attempt.given.uri).text())
-      .append("\", cnonce=\"")
-      .append(given.cnonce);
-  info.append("\", qop=auth, nc=").append(given.nc);
+  text::appendAll(info, {"rspauth=\"", proof.text(), "\", cnonce=\"", given.cnonce,
+                         "\", qop=auth, nc=", given.nc});
   char nonce[64];
   if (attempt.shouldRenew && nonces_.create(nonce, sizeof nonce, Nonces::kRandomMin,
                                             attempt.config->kavro.nonceKey, attempt.now) > 0) {

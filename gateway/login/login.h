@@ -85,6 +85,9 @@ class Login {
 
   DigestResult decide(tagDIGEST_RESULT& result, std::string_view method, Attempt& attempt,
                       const tagDIGEST_REQUEST& request, int mode);
+  Lockout::Standing standingOf(std::string_view address, const LockOptions& options,
+                               Lockout::Time now);
+  void forgive(std::string_view address, const Attempt& attempt);
   DigestResult refuseLogin(tagDIGEST_RESULT& result, const Attempt& attempt,
                            std::string_view address, const Lockout::Standing& standing);
   DigestResult withoutCredentials(tagDIGEST_RESULT& result, const Configuration& config);

@@ -1,6 +1,7 @@
 // Reading and computing HTTP authentication values, on both sides.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,12 @@ TEST(Digest, DoesNotDependOnHowTheTextIsCut) {
     EXPECT_EQ(hexDigest(DigestAlgorithm::MD5, {a, b}).text(),
               hexDigest(DigestAlgorithm::MD5, {a + ":" + b}).text());
   }
+  for (const std::size_t size : {0U, 1U, 127U, 128U, 255U, 256U, 257U, 5000U}) {
+    const std::string_view piece = std::string_view(text).substr(0, size);
+    Hash together(DigestAlgorithm::MD5), apart(DigestAlgorithm::MD5);
+    apart.add("a").add(piece).add(piece).add("b");
+    EXPECT_EQ(together.addAll({"a", piece, piece, "b"}).finish().text(), apart.finish().text());
+  }
 }
 
 // What is remembered of a request serves no other URL, method or algorithm.
@@ -78,6 +85,26 @@ TEST(DigestCredentials, ReadsWhatClientsWrite) {
   EXPECT_EQ(c.uri, "/x?a=1,2");
   EXPECT_EQ(c.nc, "00000001");
   EXPECT_EQ(c.response.data(), nullptr);
+}
+
+TEST(DigestCredentials, AreReadFromTheTextThatIsAskedAbout) {
+  const std::string bad = "Digest nonce=\"n\", nonce=\"n\"", padding(1024, 'x');
+  for (const std::string& more : {std::string(), ", opaque=\"" + padding + '"'}) {
+    for (const std::string& name : {std::string("a"), std::string("b"), padding}) {
+      const std::string text = "Digest username=\"" + name + "\", nonce=\"\"" + more;
+      const std::string copy = text;  // equal, at another place
+      DigestCredentials c;
+      for (const std::string& value : {std::cref(text), std::cref(text), std::cref(copy)}) {
+        ASSERT_TRUE(parseDigestCredentials(value, c));
+        EXPECT_EQ(c.username, name);
+        EXPECT_EQ(c.username.data(), value.data() + std::string("Digest username=\"").size());
+        EXPECT_NE(c.nonce.data(), nullptr);
+        EXPECT_EQ(c.uri.data(), nullptr);
+      }
+      EXPECT_FALSE(parseDigestCredentials(bad, c));
+      EXPECT_FALSE(parseDigestCredentials(bad, c));
+    }
+  }
 }
 
 TEST(DigestCredentials, RefusesWhatCannotBeToldApart) {

@@ -161,6 +161,23 @@ TEST(WriteXml, IsTheSameWhereverTheBufferEnds) {
   }
 }
 
+TEST(WriteXml, EscapesWhereverItIsNeeded) {
+  constexpr Row kRow = text("a", write::required);
+  const std::pair<std::string, std::string> cases[] = {
+      {"&", "&amp;"}, {"<", "&lt;"},    {">", "&gt;"}, {"\r", "&#13;"}, {"\t", "\t"},
+      {"\x01", ""},   {"\x7f", "\x7f"}, {"x", "x"},    {"\"", "\""},    {"\xc3\xa4", "\xc3\xa4"}};
+  for (const auto& [raw, escaped] : cases) {
+    for (std::size_t size = 0; size < 40; ++size) {
+      for (std::size_t at = 0; at <= size; ++at) {
+        const std::string before(at, 'b'), behind(size - at, 'c');
+        const Json::Value member(before + raw + behind);
+        const std::string expected = before + escaped + behind;
+        EXPECT_EQ(written(kRow, &member), expected.empty() ? "<a/>" : "<a>" + expected + "</a>");
+      }
+    }
+  }
+}
+
 TEST(WriteXml, RootFollowsItsRule) {
   const struct {
     WriteRule rule;
