@@ -53,25 +53,31 @@ Lockout::Standing Lockout::Count::standing(const LockOptions& options, Time now)
   return {0, std::chrono::ceil<std::chrono::seconds>(forgottenAt - now)};
 }
 
+// The name's own place, else a free one; null when there is none.
+Lockout::Name* Lockout::Count::placeOf(uint32_t name) {
+  Name* free = nullptr;
+  for (Name& each : names) {
+    if (each.failures == 0) {
+      if (!free) free = &each;
+    } else if (each.hash == name) {
+      return &each;
+    }
+  }
+  if (free) free->hash = name;
+  return free;
+}
+
 void Lockout::Count::add(uint32_t name) {
   ++failures;
-  const auto slot = std::ranges::find_if(
-      names, [name](const Name& each) { return each.failures == 0 || each.hash == name; });
-  if (slot == names.end()) return;
-  slot->hash = name;
-  ++slot->failures;
+  if (Name* const place = placeOf(name)) ++place->failures;
 }
 
 // Of names that have no place only their sum is known.
 void Lockout::Count::raise(const Failures& known) {
-  const auto slot = std::ranges::find_if(names, [&](const Name& each) {
-    return known.name != kOtherNames && (each.failures == 0 || each.hash == known.name);
-  });
-  if (slot == names.end() || slot->failures >= known.count) return;
-  const int added = int(known.count) - slot->failures;
-  slot->hash = known.name;
-  slot->failures = uint16_t(known.count);
-  failures += added;
+  Name* const place = known.name != kOtherNames ? placeOf(known.name) : nullptr;
+  if (!place || place->failures >= known.count) return;
+  failures += int(known.count) - place->failures;
+  place->failures = uint16_t(known.count);
 }
 
 Lockout::Record Lockout::Count::record() const {

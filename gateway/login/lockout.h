@@ -118,6 +118,7 @@ class Lockout {
     std::array<Name, kNames> names{};
 
     Standing standing(const LockOptions& options, Time now) const;
+    Name* placeOf(uint32_t name);
     void add(uint32_t name);
     void raise(const Failures& known);
     void remove(uint32_t name);

@@ -540,6 +540,20 @@ TEST_F(LockoutTest, IsEmptyAgainWhenAllFailuresAreForgotten) {
   EXPECT_TRUE(lockout_.isEmpty(now_ + seconds(60)));
 }
 
+// What comes back from the others is known already, also where a name forgotten has left its place.
+TEST_F(LockoutTest, HearingOfOnesOwnFailuresAddsNone) {
+  const LockOptions patient{5, seconds(60)};
+  const ClientNetwork client("192.0.2.1");
+  for (const char* user : {"operator", "admin"}) lockout_.fail(client, user, patient, now_);
+  lockout_.forget(client, "operator", patient, now_);
+  for (const int left : {3, 2, 1}) {
+    EXPECT_EQ(lockout_.fail(client, "admin", patient, now_).attemptsLeft, left);
+    const auto failed = static_cast<uint32_t>(5 - left);
+    lockout_.learn({client, {{lockout_.hash("admin"), failed}}, now_ + seconds(60)}, patient, now_);
+    EXPECT_EQ(lockout_.standing(client, patient, now_).attemptsLeft, left);
+  }
+}
+
 TEST_F(LockoutTest, CountsAnIPv6NetworkAsOneClient) {
   const std::pair<const char*, const char*> same[] = {
       {"2001:db8:1:2::1", "2001:db8:1:2:ffff:ffff:ffff:ffff"},
