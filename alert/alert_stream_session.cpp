@@ -4,17 +4,13 @@
 #include <array>
 #include <utility>
 
+#include "document/write_xml.h"
 #include "platform/base_library.h"
-#include "platform/xml_base.h"
 #include "platform/zrt.h"
-#include "protocol/status_document.h"
+#include "text/number.h"
+#include "text/xml.h"
 
 namespace QNKAVROProtocol {
-namespace {
-
-constexpr int kHeartBeatBytes = 1024;
-
-}  // namespace
 
 CAlertStreamSession::CAlertStreamSession(int handle, int sessionId, std::string deviceIndex)
     : handle_(handle),
@@ -39,19 +35,13 @@ int CAlertStreamSession::setSendFailedTimes(int times) {
 int CAlertStreamSession::getHeartBeat(std::string& document) {
   std::string now;
   GetCurTime8601(now, 0);
-  QNBase::CXmlBase xml;
-  xml.CreateDeclaration("1.0", "UTF-8");
-  xml.CreateRoot("EventNotificationAlert");
-  addTextElement(xml, "dataTime", now);
-  addTextElement(xml, "activePostCount", std::to_string(++activePostCount_));
-  addTextElement(xml, "eventType", "heartBeat");
-  addTextElement(xml, "eventState", "active");
-  addTextElement(xml, "eventDescription", "Heart Beat");
-
-  char buffer[kHeartBeatBytes];
-  int length = 0;
-  xml.WriteToBuf(buffer, kHeartBeatBytes, length);
-  document.assign(buffer, static_cast<std::size_t>(length));
+  document.assign(table::kDeclaration).append("<EventNotificationAlert><dataTime>");
+  qn::text::appendEscapedXml(now, qn::text::XmlPlace::Text, document);
+  document.append("</dataTime><activePostCount>");
+  qn::text::appendDecimal(document, ++activePostCount_);
+  document.append(
+      "</activePostCount><eventType>heartBeat</eventType><eventState>active</eventState>"
+      "<eventDescription>Heart Beat</eventDescription></EventNotificationAlert>");
   return 1;
 }
 

@@ -92,6 +92,8 @@ class CEventPto final : public CProtocolBase, public CSingleton<CEventPto> {
   void dropBrokenStream(const CAlertStreamSession& session);
 
   void sendHeartBeats();
+  std::vector<std::unique_ptr<CAlarmParam>> makeHeartBeats();
+  std::vector<const Session*> silentStreams() const;
   void superviseStreams();
   void dropLostSubscription(int subscribeId);
   std::vector<std::string> removeTimedOut();

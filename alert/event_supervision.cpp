@@ -79,21 +79,40 @@ int CEventPto::sendHeartBeatOnTimer(int timerId, void* user) {
 }
 
 // Only a successful push moves a session's last alarm time, so a stream whose pushes fail gets a
-// heartbeat at every run.
+// heartbeat at every run. Nothing is queued before all are made: a stream that is pushed to right
+// after it was looked at counts as silent for five seconds whenever the run then begins a little
+// late, which moves it into the run of others. Each move is uneven by its place among those, and
+// the runs grow longer with it.
 void CEventPto::sendHeartBeats() {
   QNBase::CRWLock::ReadGuard guard(sessionLock_);
+  for (auto& heartBeat : makeHeartBeats()) queueJob(heartBeat.release());
+}
+
+// In ascending order of the sessions' ids.
+std::vector<std::unique_ptr<CAlarmParam>> CEventPto::makeHeartBeats() {
+  const auto silent = silentStreams();
+  std::vector<std::unique_ptr<CAlarmParam>> made;
+  made.reserve(silent.size());
+  for (const Session* session : silent) {
+    std::string text;
+    (*session)->getHeartBeat(text);
+    made.emplace_back(new (std::nothrow) CAlarmParam(text, *session, this, ALARM_XML));
+    if (made.back()) continue;
+    QN_LOG_IN("sendHeartBeatOnTimer", WLOG_ERROR, "new CAlarmParam failed.");
+    made.pop_back();
+    break;
+  }
+  return made;
+}
+
+// Good while sessionLock_ is held.
+std::vector<const CEventPto::Session*> CEventPto::silentStreams() const {
+  std::vector<const Session*> silent;
   for (const auto& [id, session] : sessions_.byId()) {
     const auto now = static_cast<uint32_t>(ZRT_GetTimeTick());
-    if (now - session->getLastAlarmTime() <= kSilenceMs) continue;
-    std::string text;
-    session->getHeartBeat(text);
-    auto* const job = new (std::nothrow) CAlarmParam(text, session, this, ALARM_XML);
-    if (!job) {
-      QN_LOG_IN("sendHeartBeatOnTimer", WLOG_ERROR, "new CAlarmParam failed.");
-      return;
-    }
-    queueJob(job);
+    if (now - session->getLastAlarmTime() > kSilenceMs) silent.push_back(&session);
   }
+  return silent;
 }
 
 int CEventPto::checkAbnormalOnTimer(int timerId, void* user) {
