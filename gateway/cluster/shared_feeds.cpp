@@ -166,7 +166,7 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void publish(const std::string& alarm) QN_REQUIRES(mutex_);
   void wasPublished(const RedisAnswer* answer);
   void fill();
-  void filled(const RedisAnswer& answer);
+  void filled(const RedisAnswer& answer, const AlarmId& to);
   // So many alarms of its holder follow the last one, `id` included.
   uint64_t behind(const AlarmId& id) const QN_REQUIRES(mutex_) {
     return id.count - (last_ && last_->holder == id.holder ? last_->count : 0);
@@ -462,15 +462,17 @@ void SharedFeeds::Feed::deliverFromOthers(const std::string& alarm) {
 
 void SharedFeeds::Feed::fill() {
   std::string from;
+  AlarmId to;  // what is published later may come too late for this answer
   {
     const MutexLock lock(mutex_);
     if (!last_ || std::exchange(isFilling_, true)) return;
     fillAgain_ = false;
     from = '(' + last_->text();
+    to = fillTo_;
   }
   const bool sent = redis_.send({"XRANGE", stream_, from, "+"},
-                                [self = shared_from_this()](const RedisAnswer* answer) {
-                                  if (answer) self->filled(*answer);
+                                [self = shared_from_this(), to](const RedisAnswer* answer) {
+                                  if (answer) self->filled(*answer, to);
                                 });
   if (sent) return;
   const MutexLock lock(mutex_);
@@ -478,7 +480,7 @@ void SharedFeeds::Feed::fill() {
 }
 
 // An id, the field's name and the alarm of each.
-void SharedFeeds::Feed::filled(const RedisAnswer& answer) {
+void SharedFeeds::Feed::filled(const RedisAnswer& answer, const AlarmId& to) {
   bool again = false;
   {
     const MutexLock lock(mutex_);
@@ -492,9 +494,9 @@ void SharedFeeds::Feed::filled(const RedisAnswer& answer) {
       last_ = id;
       deliverFromOthers(answer.texts[i + 2]);
     }
-    if (last_ && *last_ < fillTo_) {  // what the stream has not is gone
-      owner_.counts_.missed.add(behind(fillTo_));
-      last_ = fillTo_;
+    if (last_ && *last_ < to) {  // what the stream has not is gone
+      owner_.counts_.missed.add(behind(to));
+      last_ = to;
     }
     again = std::exchange(fillAgain_, false);
   }
