@@ -352,8 +352,10 @@ TEST_F(SharedFeedsTest, CountsWhatBecomesOfAlarms) {
     device_.raise(numbered(next_++));
     return holder.refused.value() > 0;
   }));
-  tell({"PUBLISH", "qn:0:alarms:7", "9999999999999-1 the other's flow"});
-  ASSERT_TRUE(eventually([&] { return device_.streams() == 0; })) << "it reads from now on";
+  ASSERT_TRUE(eventually([&] {  // until it listens
+    tell({"PUBLISH", "qn:0:alarms:7", "9999999999999-1 the other's flow"});
+    return eventually([&] { return device_.streams() == 0; }, 2s);
+  })) << "it reads from now on";
   const struct {
     std::string_view stored, message;
     const Counter& counter;
