@@ -182,9 +182,9 @@ class SharedFeeds::Feed final : public AlarmFeed, public std::enable_shared_from
   void wasPublished(const RedisAnswer* answer);
   void fill();
   bool askForMissing(RedisClient::Done done) QN_REQUIRES(mutex_);
-  void filled(const RedisAnswer* answer);
+  void filled(const RedisAnswer* answer, const AlarmId& to);
   bool takeStored(const RedisAnswer& answer) QN_REQUIRES(mutex_);
-  void skipLost() QN_REQUIRES(mutex_);
+  void skipLost(const AlarmId& to) QN_REQUIRES(mutex_);
   // So many alarms of its holder follow the last one, `id` included.
   uint64_t behind(const AlarmId& id) const QN_REQUIRES(mutex_) {
     return id.count - (last_ && last_->holder == id.holder ? last_->count : 0);
@@ -270,7 +270,7 @@ void SharedFeeds::Feed::takeOverBehind(const RedisAnswer* answer, const Lease& l
     const MutexLock lock(mutex_);
     if (answer && !stopped_ && state_ == State::Reader) {
       more = takeStored(*answer);
-      if (!more) skipLost();
+      if (!more) skipLost(fillTo_);
     }
   }
   more ? takeOver(lease) : hold(lease);
@@ -541,8 +541,10 @@ void SharedFeeds::Feed::fill() {
   const MutexLock lock(mutex_);
   if (!last_ || isFilling_) return;
   fillAgain_ = false;
-  isFilling_ = askForMissing(
-      [self = shared_from_this()](const RedisAnswer* answer) { self->filled(answer); });
+  // What is published later may come too late for the answer.
+  isFilling_ = askForMissing([self = shared_from_this(), to = fillTo_](const RedisAnswer* answer) {
+    self->filled(answer, to);
+  });
 }
 
 bool SharedFeeds::Feed::askForMissing(RedisClient::Done done) {
@@ -552,7 +554,7 @@ bool SharedFeeds::Feed::askForMissing(RedisClient::Done done) {
 }
 
 // What a server has refused is asked for again with the next message.
-void SharedFeeds::Feed::filled(const RedisAnswer* answer) {
+void SharedFeeds::Feed::filled(const RedisAnswer* answer, const AlarmId& to) {
   bool again = false;
   {
     const MutexLock lock(mutex_);
@@ -561,14 +563,14 @@ void SharedFeeds::Feed::filled(const RedisAnswer* answer) {
       return;
     }
     const bool more = takeStored(*answer);
-    if (!more) skipLost();
+    if (!more) skipLost(to);
     again = std::exchange(fillAgain_, false) || more;
   }
   if (again) fill();
 }
 
 // What the stream has not is gone, but for what came with the message that told of it.
-void SharedFeeds::Feed::skipLost() {
+void SharedFeeds::Feed::skipLost(const AlarmId& to) {
   const auto [id, alarm] = std::exchange(behindGap_, {});
   if (*last_ < id) {
     owner_.counts_.missed.add(behind(id) - 1);
@@ -576,9 +578,9 @@ void SharedFeeds::Feed::skipLost() {
     last_ = id;
     deliverFromOthers(alarm);
   }
-  if (*last_ < fillTo_) {
-    owner_.counts_.missed.add(behind(fillTo_));
-    last_ = fillTo_;
+  if (*last_ < to) {
+    owner_.counts_.missed.add(behind(to));
+    last_ = to;
   }
 }
 

@@ -46,7 +46,7 @@ class Dialer {
   Device& device_;
   DeviceStream& stream_;
   DeviceStream::Timer timer_;  // of a name that is looked up
-  uint64_t lookups_ = 0;             // counts those that were begun and those that have ended
+  uint64_t lookups_ = 0;       // counts those that were begun and those that have ended
   Step step_ = Step::Resolving;
   bool cancelled_ = false;
 };
