@@ -239,9 +239,13 @@ TEST_F(SharedLoginsTest, WithoutTheServerEachGatewayDecidesByItselfAndSaysSoOnce
   EXPECT_EQ(two_->right(), DIGEST_REFUSED);
   EXPECT_TRUE(one_->hearsOfLock());
   EXPECT_EQ(one_->right(), DIGEST_REFUSED);
+  const char* const other = "2001:db8::7";
+  for (int i = 0; i < 3; ++i) one_->send(sent(one_->nonce(), 1, "wrong")[0], other);
+  EXPECT_TRUE(eventually([&] { return two_->login.locks(2).size() == 2; }));
   Member late(server_->port());
-  EXPECT_TRUE(late.hearsOfLock()) << "it reads what is known";
+  EXPECT_TRUE(eventually([&] { return late.login.locks(2).size() == 2; })) << "it reads them";
   EXPECT_EQ(late.right(), DIGEST_REFUSED);
+  EXPECT_EQ(late.send(sent(late.nonce(), 1)[0], other), DIGEST_REFUSED);
   EXPECT_EQ(keysWithoutExpiry(), "0");
   const std::string lines = testing::internal::GetCapturedStderr();
   EXPECT_EQ(one_->redis.engine().outages(), 1u) << lines;
