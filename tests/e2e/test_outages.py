@@ -77,8 +77,9 @@ class OutagesTest(unittest.TestCase):
         holders = self.cluster.holders()
         before = self.ledger.counts()
         self.ledger.guesses.disturbances += 1
+        arrived = self.ledger.alarms.arrived()
         fault.begin(self.cluster, hit)
-        self.ledger.alarms.excuse(fault.name, lambda client, device: fault.misses(
+        self.ledger.alarms.excuse(fault.name, arrived, lambda client, device: fault.misses(
             hit, client, holders.get(device)))
         try:
             time.sleep(fault.seconds)
