@@ -510,8 +510,9 @@ void SharedFeeds::Feed::filled(const RedisAnswer* answer) {
       return;
     }
     const bool more = takeStored(*answer);
-    if (!more) skipLost();
+    // What came meanwhile may have been stored after this answer was written.
     again = std::exchange(fillAgain_, false) || more;
+    if (!again) skipLost();
   }
   if (again) fill();
 }
