@@ -17,8 +17,7 @@ import harness
 INFO = "/KAVRO/System/deviceInfo"
 TIME = "/KAVRO/System/time?format=json&marker="
 TROUBLE = (OSError, http.client.HTTPException)
-ON_ITS_WAY = 1  # seconds; an alarm that was sent before a fault, and had not come
-KILLED_ROWS = 1  # seconds; what a gateway answers just before it is killed may be in no file yet
+KILLED_ROWS = 3  # seconds; what a gateway answers just before it is killed may be in no file yet
 NUMBER = re.compile(rb"<channelName>(\d+)<")
 
 
@@ -139,9 +138,14 @@ class Alarms(Traffic):
                 self.streams.append(stream)
                 self.selector.register(stream.connection, selectors.EVENT_READ, stream)
 
-    def excuse(self, fault, may_miss):
-        """Begins now; for how many seconds `may_miss` says of a gateway and a device."""
-        self.excuses.append((fault, time.monotonic(), may_miss))
+    def arrived(self):
+        """The newest number on each stream; what is sent already and not there is on its way."""
+        return {stream: stream.numbers[-1] if stream.numbers else 0 for stream in list(self.streams)}
+
+    def excuse(self, fault, arrived, may_miss):
+        """Of a fault that begins now, and what had arrived before it; for how many seconds `may_miss` says
+        of a gateway and a device."""
+        self.excuses.append((fault, time.monotonic(), arrived, may_miss))
 
     def wait_for_all(self):
         """What was sent last has come to all streams of living gateways."""
@@ -156,15 +160,18 @@ class Alarms(Traffic):
         harness.wait_until(came, 60, "alarms on all streams")
 
     def is_excused(self, stream, number):
-        began, ended = self.sent[stream.device][number]
-        return any(since - ON_ITS_WAY <= ended and began <= since + seconds
-                   for _, since, may_miss in self.excuses
+        began = self.sent[stream.device][number][0]
+        return any(number > arrived.get(stream, 0) and began <= since + seconds
+                   for _, since, arrived, may_miss in self.excuses
                    if (seconds := may_miss(stream.gateway, stream.device)))
 
     def when(self, index, number):
         began = self.sent[index][number][0]
-        past = [(fault, since) for fault, since, _ in self.excuses if since <= began]
-        return past and f"{number}, {began - past[-1][1]:.2f} s after {past[-1][0]}"
+        faults = sorted((since - began, fault) for fault, since, *_ in self.excuses)
+        past, to_come = [each for each in faults if each[0] <= 0], [each for each in faults if each[0] > 0]
+        return f"{number}, " + ", ".join(
+            f"{abs(time):.2f} s {'after' if time <= 0 else 'before'} {fault}"
+            for time, fault in past[-1:] + to_come[:1])
 
     def close(self):
         """When nothing is sent any more."""

@@ -77,8 +77,9 @@ class OutagesTest(unittest.TestCase):
         holders = self.cluster.holders()
         before = self.ledger.counts()
         self.ledger.guesses.disturbances += 1
+        arrived = self.ledger.alarms.arrived()
         fault.begin(self.cluster, hit)
-        self.ledger.alarms.excuse(fault.name, lambda client, device: fault.misses(
+        self.ledger.alarms.excuse(fault.name, arrived, lambda client, device: fault.misses(
             hit, client, holders.get(device)))
         try:
             time.sleep(fault.seconds)
@@ -93,7 +94,8 @@ class OutagesTest(unittest.TestCase):
         self.ledger.settle()
         self.ledger.guesses.disturbances += 1
         if not paused:  # clients may wait for it
-            for count, more in zip(before, during):
+            # Guesses go on by addresses, each of which may take longer than a fault.
+            for count, more in zip(before[:3], during[:3]):
                 self.assertLess(count, more, (before, during))
 
     def test_nothing_is_lost_that_need_not_be_and_nobody_is_refused(self):
