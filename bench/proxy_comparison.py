@@ -280,9 +280,10 @@ def main():
     parser.add_argument("--seconds", type=float, default=4)
     parser.add_argument("--workers", type=int, default=2, help="of nginx and Go")
     parser.add_argument("--idle", type=int, default=1000, help="idle connections to measure")
-    parser.add_argument("--row", default="translated GET", help="what --json calls it")
+    parser.add_argument("--row", help="what --json calls it")
     parser.add_argument("--json", type=pathlib.Path, help="file that the ratios are added to")
     args = parser.parse_args()
+    args.row = args.row or ("translated GET by HTTPS" if args.tls else "translated GET")
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
     trusting = ssl.create_default_context() if args.tls else None
     if trusting:
