@@ -5,13 +5,12 @@
 #include <atomic>
 #include <boost/asio/steady_timer.hpp>
 #include <deque>
-#include <functional>
 #include <list>
 #include <optional>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "gateway/cluster/overlap.h"
 #include "gateway/log/log.h"
 #include "gateway/sync/mutex.h"
 #include "text/number.h"
@@ -76,34 +75,6 @@ std::optional<AlarmId> idOf(std::string_view text) {
   if (!holder || !count) return std::nullopt;
   return AlarmId{*holder, *count};
 }
-
-// Two sources of the same alarms: each is let through once, whichever brings it first.
-class Overlap {
- public:
-  enum Source { Device, Others };
-
-  bool isFirst(Source source, const std::string& alarm) {
-    return isFirst(source, std::hash<std::string>()(alarm));
-  }
-  // Whether isFirst() would be false.
-  bool wasBrought(Source source, const std::string& alarm) const {
-    const auto found = seen_.find(std::hash<std::string>()(alarm));
-    return found != seen_.end() && found->second.times[source] < found->second.delivered;
-  }
-  bool isFirst(Source source, std::size_t alarm) {
-    Seen& seen = seen_[alarm];
-    if (++seen.times[source] <= seen.delivered) return false;
-    ++seen.delivered;
-    return true;
-  }
-
- private:
-  struct Seen {
-    unsigned times[2] = {0, 0};
-    unsigned delivered = 0;
-  };
-  std::unordered_map<std::size_t, Seen> seen_;  // of a second or two
-};
 
 }  // namespace
 
