@@ -524,17 +524,15 @@ bool SharedFeeds::Feed::askForMissing(RedisClient::Done done) {
       std::move(done));
 }
 
-// What a server has refused is asked for again with the next message.
+// What a server has refused is asked for again with the next message, which may have come already.
 void SharedFeeds::Feed::filled(const RedisAnswer* answer, const AlarmId& to) {
   bool again = false;
   {
     const MutexLock lock(mutex_);
     isFilling_ = false;
-    if (!answer || !last_ || stopped_ || (state_ != State::Reader && state_ != State::Leaving)) {
-      return;
-    }
-    const bool more = takeStored(*answer);
-    if (!more) skipLost(to);
+    if (!last_ || stopped_ || (state_ != State::Reader && state_ != State::Leaving)) return;
+    const bool more = answer && takeStored(*answer);
+    if (answer && !more) skipLost(to);
     again = std::exchange(fillAgain_, false) || more;
   }
   if (again) fill();
